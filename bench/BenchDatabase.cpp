@@ -1,0 +1,111 @@
+// The database and the configuration that the benchmarks run on.
+#include "BenchDatabase.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "AddressMapDb.h"
+#include "cmf/Writer.h"
+#include "database/Connection.h"
+#include "map/AddressMapMySQL.h"
+#include "support/TestServer.h"
+
+namespace Tessel::Bench {
+
+namespace {
+
+// Rows of one insert statement.
+constexpr int s_rowsPerStatement = 1000;
+
+std::string s_members(int i) {
+  const std::string number = std::to_string(i);
+  std::string members;
+  for (const char* name : {"anna", "berta", "carl", "dora", "emil"}) {
+    members += (members.empty() ? "" : ",") + std::string(name) + number + "@bench.example";
+  }
+  return members;
+}
+
+void s_pinTask(pid_t task, bool toOneCore) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  const long count = toOneCore ? 1 : sysconf(_SC_NPROCESSORS_ONLN);
+  for (long core = 0; core < count; ++core) CPU_SET(static_cast<std::size_t>(core), &cores);
+  sched_setaffinity(task, sizeof(cores), &cores);
+}
+
+void s_pin(bool toOneCore) {
+  s_pinTask(0, toOneCore);
+  const std::string tasks =
+      "/proc/" + std::to_string(Testing::TestServer::shared().pid()) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    s_pinTask(static_cast<pid_t>(std::stol(task.path().filename().string())), toOneCore);
+  }
+}
+
+}  // namespace
+
+Sizes& sizes() {
+  static Sizes s_sizes;
+  return s_sizes;
+}
+
+void startDatabase() {
+  static const bool s_started = [] {
+    // The general log that the tests read would cost more than what is measured.
+    Testing::TestServer::shared().sql("set global general_log = off");
+    // As large as the private server's own, so that every table stays in it.
+    Testing::TestServer::shared().sql("set global innodb_buffer_pool_size = 1073741824");
+    AddressMapDb::initialize(AddressMapDb::MySQL, true);
+    return true;
+  }();
+  static_cast<void>(s_started);
+}
+
+void fillAliasTable(const std::string& table, int rows) {
+  static std::set<std::string> s_filled;
+  startDatabase();
+  if (!s_filled.insert(table).second) return;
+  {
+    Database::Connection connection("ts_address_map");
+    createAliasTable(connection, table);
+  }
+  for (int first = 0; first < rows; first += s_rowsPerStatement) {
+    std::string statement = "insert into ts_address_map." + table + " ( name, members ) values ";
+    for (int i = first; i < std::min(rows, first + s_rowsPerStatement); ++i) {
+      statement += (i == first ? "( '" : ",( '") + aliasName(i) + "','" + s_members(i) + "' )";
+    }
+    Testing::TestServer::shared().sql(statement);
+  }
+}
+
+std::string aliasName(int i) {
+  return "alias" + std::to_string(i) + "@bench.example";
+}
+
+void fillUsers(int users) {
+  static const bool s_filled = [users] {
+    startDatabase();
+    CMF::Writer writer;
+    writer.addDomain("users.example");
+    for (int i = 0; i < users; ++i) {
+      writer.addUser("users.example", "mailbox" + std::to_string(i), CMF::MailUserMailbox);
+    }
+    writer.commit();
+    return true;
+  }();
+  static_cast<void>(s_filled);
+}
+
+OneCore::OneCore() {
+  s_pin(true);
+}
+
+OneCore::~OneCore() {
+  s_pin(false);
+}
+
+}  // namespace Tessel::Bench

@@ -1,0 +1,41 @@
+// The database and the configuration that the benchmarks run on.
+#ifndef TSL_BENCH_BENCHDATABASE_H
+#define TSL_BENCH_BENCHDATABASE_H
+
+#include <string>
+
+namespace Tessel::Bench {
+
+// Sizes, set from the command line before the first benchmark runs.
+struct Sizes {
+  int rows = 100000;   // Rows of the large table.
+  int users = 100000;  // Mailboxes of the large domain.
+};
+Sizes& sizes();
+
+// Starts the private server and creates the database `ts_address_map`, once.
+void startDatabase();
+
+// Fills the alias table `table` with `rows` aliases "alias<i>@bench.example" of five members each,
+// once for each table.
+void fillAliasTable(const std::string& table, int rows);
+
+// The i-th alias of a filled table.
+std::string aliasName(int i);
+
+// Fills the domain "users.example" of the configuration with `users` mailboxes, once.
+void fillUsers(int users);
+
+// While it lives, this thread and every thread of the server run on one core: a wake-up across
+// cores costs more than a whole query.
+class OneCore {
+ public:
+  OneCore();
+  ~OneCore();
+  OneCore(const OneCore&) = delete;
+  OneCore& operator=(const OneCore&) = delete;
+};
+
+}  // namespace Tessel::Bench
+
+#endif

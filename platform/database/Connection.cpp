@@ -1,0 +1,349 @@
+// Connection: when it is opened again, and when a statement may be sent once more.
+#include "database/Connection.h"
+
+#include <errmsg.h>
+#include <mysqld_error.h>
+
+#include <chrono>
+#include <utility>
+
+#include "database/ConnectionImpl.h"
+#include "database/DbResult.h"
+#include "database/IdleSet.h"
+#include "database/RowParser.h"
+#include "database/Statement.h"
+
+namespace Tessel::Database {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ResultOwner = std::unique_ptr<MYSQL_RES, decltype(&mysql_free_result)>;
+
+// A statement of this size may be refused for it, which the server does by hanging up.
+constexpr std::size_t s_largeStatement = 1024UL * 1024UL;
+// How long a connection that was found alive is taken for alive.
+constexpr std::chrono::milliseconds s_trusted{1};
+// A wait that ends this much before the time-out still counts as one.
+constexpr std::chrono::milliseconds s_timeoutSlack{50};
+
+constexpr Place s_open{"Database::Connection", "Connection", 40};
+constexpr Place s_select{"Database::Connection::dbSelect", "Connection", 41};
+constexpr Place s_selectIfExists{"Database::Connection::dbSelectIfExists", "Connection", 42};
+constexpr Place s_delete{"Database::Connection::dbDelete", "Connection", 43};
+
+[[noreturn]] void s_throwLostTransaction(const Place& place, Error::Facts facts) {
+  if (facts.number == 0) facts.number = CR_SERVER_LOST;
+  if (facts.sqlState.empty()) facts.sqlState = "HY000";
+  facts.message =
+      "The transaction is lost: its connection broke or the server ended it, and what it "
+      "did is undone" +
+      (facts.message.empty() ? "" : ": " + facts.message);
+  throw Error(place.context, place.file, place.line, facts);
+}
+
+Error s_unknownOutcome(const Place& place, Error::Facts facts, bool timedOut,
+                       const Exception* cause = nullptr) {
+  facts.outcomeUnknown = true;
+  facts.message = std::string(timedOut ? "No answer came in time"
+                                       : "The connection was lost after the statement was sent") +
+                  "; whether it was carried out is unknown: " + facts.message;
+  Error error(place.context, place.file, place.line, facts);
+  if (cause != nullptr) error.cause(*cause);
+  return error;
+}
+
+Error s_notSent(const Place& place, Error::Facts facts) {
+  facts.message = "The statement could not be sent: " + facts.message;
+  if (facts.statement.size() >= s_largeStatement) {
+    facts.message += "; it has " + std::to_string(facts.statement.size()) +
+                     " bytes, the server's max_allowed_packet may be less";
+  }
+  return {place.context, place.file, place.line, facts};
+}
+
+// Takes in and drops the results that are left, also when an exception passes.
+class Drain {
+ public:
+  explicit Drain(Handle& handle) : m_handle(handle) {}
+  ~Drain() {
+    MYSQL* const mysql = m_handle.mysql();
+    const PipeGuard guard(m_handle.usesTls());
+    while (mysql_more_results(mysql) != 0 && mysql_next_result(mysql) == 0) {
+      mysql_free_result(mysql_store_result(mysql));
+    }
+  }
+  Drain(const Drain&) = delete;
+  Drain& operator=(const Drain&) = delete;
+
+ private:
+  Handle& m_handle;
+};
+
+}  // namespace
+
+struct Connection::Impl::Answer {
+  bool lost = false;
+  // Of a lost connection: the server may have had the statement.
+  bool sent = false;
+  bool timedOut = false;
+  Error::Facts facts;
+  // Otherwise: the stored result, owned by the receiver, or null for a statement without one.
+  MYSQL_RES* result = nullptr;
+};
+
+Connection::Impl::Impl(Target target) : m_target(std::move(target)) {}
+
+Connection::Impl::Impl(const OptionSource& options, std::unique_ptr<Handle> handle)
+    : m_target{options, std::nullopt}, m_handle(std::move(handle)) {}
+
+Connection::Impl::~Impl() {
+  if (m_handle && !m_target.address) {
+    IdleSet::instance().give(std::move(m_handle), m_target.options.key);
+  }
+}
+
+std::unique_ptr<Handle> Connection::Impl::takeDefault(const OptionSource& options) {
+  std::unique_ptr<Handle> handle = IdleSet::instance().take(options.key);
+  return handle ? std::move(handle) : Handle::open({options, std::nullopt}, {});
+}
+
+std::unique_ptr<Connection::Impl> Connection::Impl::at(const SocketAddress& server) {
+  const OptionSource options = OptionSource::current();
+  try {
+    auto impl = std::make_unique<Impl>(options, takeDefault(options));
+    const auto descriptor = static_cast<int>(mysql_get_socket(impl->m_handle->mysql()));
+    if (SocketAddress::peerOf(descriptor) == server) return impl;
+  } catch (const Error&) {
+    // The default server does not answer; the one that is asked for may, or will say why not.
+  }
+  return std::make_unique<Impl>(Target{options, server});
+}
+
+void Connection::Impl::begin(const std::string& database) {
+  // An idle connection may have any database selected, which nothing can take back.
+  if (database.empty()) {
+    reopen(database);
+    return;
+  }
+  if (!m_handle && !m_target.address) m_handle = IdleSet::instance().take(m_target.options.key);
+  const std::optional<Error> missing = select(database, s_open);
+  if (missing) throw Error(*missing);
+}
+
+bool Connection::Impl::inTransaction() const noexcept {
+  return m_handle && m_handle->inTransaction();
+}
+
+// Asking the socket costs a system call: not for a connection that was fine a moment ago. One that
+// broke in that moment is noticed when the statement is sent.
+bool Connection::Impl::isAlive() {
+  const Clock::time_point now = Clock::now();
+  if (now - m_lastAlive < s_trusted) return true;
+  m_lastAlive = now;
+  return !m_handle->isDead();
+}
+
+bool Connection::Impl::mustReopen(const Place& place, std::string_view statement) {
+  const bool usable = m_handle && !m_handle->isForeign() && isAlive();
+  const bool hadTransaction = m_guarded || inTransaction();
+  if (usable && (!m_guarded || inTransaction())) return false;
+  if (!usable) m_handle.reset();
+  if (hadTransaction) s_throwLostTransaction(place, {0, {}, {}, statement, false});
+  return true;
+}
+
+Handle& Connection::Impl::ready(const Place& place, std::string_view statement) {
+  if (mustReopen(place, statement)) reopen(m_database);
+  return *m_handle;
+}
+
+void Connection::Impl::reopen(const std::string& database) {
+  m_target.options = OptionSource::of(m_target.options.file);
+  m_handle = Handle::open(m_target, database);
+}
+
+std::optional<Error> Connection::Impl::reopenSelecting(const std::string& name) {
+  try {
+    reopen(name);
+  } catch (const Error& error) {
+    if (error.number() == ER_BAD_DB_ERROR) return error;
+    throw;
+  }
+  m_database = name;
+  return std::nullopt;
+}
+
+std::optional<Error> Connection::Impl::select(const std::string& name, const Place& place) {
+  if (mustReopen(place, {})) return reopenSelecting(name);
+  int failed = 0;
+  {
+    const PipeGuard guard(m_handle->usesTls());
+    failed = mysql_select_db(m_handle->mysql(), name.c_str());
+  }
+  if (failed == 0) {
+    m_database = name;
+    return std::nullopt;
+  }
+  const Error::Facts facts = m_handle->lastError({});
+  if (facts.number == ER_BAD_DB_ERROR) return Error(place.context, place.file, place.line, facts);
+  if (!isConnectionLoss(facts.number)) throw Error(place.context, place.file, place.line, facts);
+  const bool hadTransaction = inTransaction();
+  m_handle.reset();
+  if (hadTransaction) s_throwLostTransaction(place, facts);
+  return reopenSelecting(name);
+}
+
+void Connection::Impl::forget(const std::string& name) {
+  if (m_database == name) m_database.clear();
+}
+
+Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const Place& place) {
+  MYSQL* const mysql = m_handle->mysql();
+  const Clock::time_point start = Clock::now();
+  Answer answer;
+  {
+    const PipeGuard guard(m_handle->usesTls());
+    // A server that did not get the whole statement cannot carry it out.
+    answer.sent = mysql_send_query(mysql, text.data(), text.size()) == 0;
+    if (answer.sent && mysql_read_query_result(mysql) == 0) {
+      // Asked first: a connection that breaks between two rows leaves no columns behind, and must
+      // not be taken for a statement without a result.
+      if (mysql_field_count(mysql) == 0) return answer;
+      answer.result = mysql_store_result(mysql);
+      if (answer.result != nullptr) return answer;
+    }
+  }
+  answer.facts = m_handle->lastError(text);
+  if (!isConnectionLoss(answer.facts.number)) refuse(place, text);
+  const std::chrono::seconds limit(mysql->options.read_timeout);
+  answer.timedOut = limit.count() != 0 && Clock::now() - start >= limit - s_timeoutSlack;
+  // Sent by servers that stop waiting for a statement: ours was not read.
+  if (answer.facts.number == s_clientInteractionTimeout) answer.sent = false;
+  answer.lost = true;
+  m_handle.reset();
+  return answer;
+}
+
+void Connection::Impl::refuse(const Place& place, std::string_view statement) {
+  const Error::Facts facts = m_handle->lastError(statement);
+  // An error says nothing of the transaction, which it may have ended (a deadlock does). A
+  // statement that does nothing brings the answer, so that the next one is not carried out on its
+  // own.
+  if (m_guarded) {
+    const PipeGuard guard(m_handle->usesTls());
+    static constexpr std::string_view s_nothing = "do 0";
+    mysql_real_query(m_handle->mysql(), s_nothing.data(), s_nothing.size());
+  }
+  throw Error(place.context, place.file, place.line, facts);
+}
+
+MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const Place& place) {
+  ready(place, text);
+  const bool hadTransaction = inTransaction();
+  const Answer answer = attempt(text, place);
+  if (!answer.lost) return answer.result;
+  if (hadTransaction && (!answer.sent || staysInTransaction(text))) {
+    s_throwLostTransaction(place, answer.facts);
+  }
+  // A time-out is no reason to ask again: the server may still be at work on the first one.
+  const bool repeatable = !hadTransaction && mayRepeat && !answer.timedOut && isRepeatable(text);
+  if (answer.sent && !repeatable) throw s_unknownOutcome(place, answer.facts, answer.timedOut);
+  return runAgain(text, answer, place);
+}
+
+MYSQL_RES* Connection::Impl::runAgain(std::string_view text, const Answer& first,
+                                      const Place& place) {
+  Answer answer;
+  try {
+    reopen(m_database);
+    answer = attempt(text, place);
+  } catch (const Exception& failure) {
+    // Whatever failed now, the first sending may have been carried out.
+    if (!first.sent) throw;
+    throw s_unknownOutcome(place, first.facts, first.timedOut, &failure);
+  }
+  if (!answer.lost) return answer.result;
+  if (first.sent || answer.sent) throw s_unknownOutcome(place, answer.facts, answer.timedOut);
+  throw s_notSent(place, answer.facts);
+}
+
+void Connection::Impl::takeInResults(std::string_view text, const Place& place) {
+  MYSQL* const mysql = m_handle->mysql();
+  const PipeGuard guard(m_handle->usesTls());
+  while (mysql_more_results(mysql) != 0) {
+    if (mysql_next_result(mysql) == 0) {
+      const bool hasRows = mysql_field_count(mysql) != 0;
+      const ResultOwner further(mysql_store_result(mysql), &mysql_free_result);
+      if (!hasRows || further) continue;
+    }
+    const Error::Facts facts = m_handle->lastError(text);
+    if (isConnectionLoss(facts.number)) throw s_unknownOutcome(place, facts, false);
+    throw Error(place.context, place.file, place.line, facts);
+  }
+}
+
+void Connection::Impl::execute(std::string_view text, RowParser* parser, Connection* owner,
+                               bool mayRepeat, const Place& place) {
+  const ResultOwner stored(run(text, mayRepeat, place), &mysql_free_result);
+  const Drain drain(*m_handle);
+  if (stored && parser != nullptr) {
+    DbResult result(stored.get());
+    parser->parse(owner, &result);
+  }
+  takeInResults(text, place);
+}
+
+Connection::Connection(const std::string& database)
+    : m_impl(std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt})) {
+  m_impl->begin(database);
+}
+
+Connection::Connection(const SocketAddress& server, const std::string& database)
+    : m_impl(Impl::at(server)) {
+  m_impl->begin(database);
+}
+
+Connection::~Connection() = default;
+
+SocketAddress Connection::defaultAddress() {
+  const OptionSource options = OptionSource::current();
+  std::unique_ptr<Handle> handle = Impl::takeDefault(options);
+  SocketAddress address =
+      SocketAddress::peerOf(static_cast<int>(mysql_get_socket(handle->mysql())));
+  IdleSet::instance().give(std::move(handle), options.key);
+  return address;
+}
+
+bool Connection::dbSelectIfExists(const std::string& name) {
+  return !m_impl->select(name, s_selectIfExists).has_value();
+}
+
+void Connection::dbSelect(const std::string& name) {
+  const std::optional<Error> missing = m_impl->select(name, s_select);
+  if (missing) throw Error(*missing);
+}
+
+void Connection::dbDelete(const std::string& name) {
+  m_impl->execute("drop database if exists " + quotedName(name), nullptr, this, true, s_delete);
+  m_impl->forget(name);
+}
+
+bool Connection::inTransaction() const noexcept {
+  return m_impl->inTransaction();
+}
+
+std::string Connection::serverVersion() {
+  return mysql_get_server_info(m_impl->ready(s_open, {}).mysql());
+}
+
+unsigned long Connection::id() {
+  return mysql_thread_id(m_impl->ready(s_open, {}).mysql());
+}
+
+SocketAddress Connection::peerAddress() {
+  return SocketAddress::peerOf(
+      static_cast<int>(mysql_get_socket(m_impl->ready(s_open, {}).mysql())));
+}
+
+}  // namespace Tessel::Database

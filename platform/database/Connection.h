@@ -1,0 +1,77 @@
+// A connection to the database server.
+#ifndef TSL_DATABASE_CONNECTION_H
+#define TSL_DATABASE_CONNECTION_H
+
+#include <memory>
+#include <string>
+
+#include "base/Export.h"
+#include "base/SocketAddress.h"
+
+namespace Tessel::Database {
+
+// A connection with a database selected. One thread at a time may use it, together with the queries
+// and transactions on it; different connections are independent of each other.
+//
+// The server is the one that the MySQL option files name, groups [client] and [tsl-address-map];
+// the environment variable TSL_DATABASE_OPTION_FILE names one file to read instead of the standard
+// ones. Every session runs in utf8mb4, with autocommit, in a fixed strict SQL mode.
+//
+// A connection that is found dead when a statement starts is opened again by itself, to the server
+// that the same option file names, and its database selected again. Nothing else that a statement
+// set up in the session survives that: keep no user variables, temporary tables or table locks, and
+// select databases with dbSelect() only. Inside a transaction the statement fails instead.
+//
+// After a fork the child may go on using its copies of the parent's connections: they are opened
+// anew in the child at their next use, and the parent's stay unharmed.
+//
+// Failures are thrown as `Error`; an option file that cannot be read and a socket without an
+// address as plain `Exception`, code 4. SIGPIPE is never raised, and the program's handler never
+// changed.
+class TSL_EXPORT Connection {
+ public:
+  // Connects to the default server and selects `database`; none when it is empty. The connection
+  // may come from the idle ones of this process, in which case it is as good as new. Throws Error,
+  // number 1049, when the database does not exist.
+  explicit Connection(const std::string& database);
+  // The same at the server with the given address. User, password and everything else come from the
+  // option files. The address of the default server is reached in the default way, by the name that
+  // its certificate may be bound to.
+  Connection(const SocketAddress& server, const std::string& database);
+  // Closes the connection, or keeps it for reuse for some seconds; an open transaction is undone.
+  // Never throws.
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Address of the default server, as seen by connecting to it. Throws when it cannot be reached.
+  static SocketAddress defaultAddress();
+
+  // Selects the database `name` and returns true, or returns false when there is none of that name;
+  // the selection is as before then. Throws Error on any other failure.
+  bool dbSelectIfExists(const std::string& name);
+  // Selects the database `name`. Throws Error, number 1049, when there is none of that name.
+  void dbSelect(const std::string& name);
+  // Drops the database `name` with all its tables; does nothing when there is none. Throws Error.
+  void dbDelete(const std::string& name);
+
+  // True between the start of a transaction and its end, as of the last answer of the server.
+  [[nodiscard]] bool inTransaction() const noexcept;
+  // Version text of the server, for example "10.11.6-MariaDB". Opens a dead connection again.
+  std::string serverVersion();
+  // Number that the server gave to this connection. Opens a dead connection again.
+  unsigned long id();
+  // Address of the server that this connection leads to. Opens a dead connection again.
+  SocketAddress peerAddress();
+
+ private:
+  friend class Query;
+  friend class Transaction;
+  class Impl;  // Defined in a private header: where statements are sent.
+
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace Tessel::Database
+
+#endif

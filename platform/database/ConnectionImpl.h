@@ -1,0 +1,90 @@
+// The body of Connection: reopening, sending and sending again. Private to this folder.
+#ifndef TSL_DATABASE_CONNECTIONIMPL_H
+#define TSL_DATABASE_CONNECTIONIMPL_H
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/SocketAddress.h"
+#include "database/Connection.h"
+#include "database/Handle.h"
+
+namespace Tessel::Database {
+
+class RowParser;
+
+// Which operation an error is reported for.
+struct Place {
+  const char* context;
+  const char* file;
+  int line;
+};
+
+// One thread at a time.
+class Connection::Impl {
+ public:
+  // Not connected yet.
+  explicit Impl(Target target);
+  // Over an open connection to the default server.
+  Impl(const OptionSource& options, std::unique_ptr<Handle> handle);
+  // Keeps a healthy connection to the default server for reuse, and closes any other.
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  // Connected to `server`, the default way where that is the default server. Throws.
+  static std::unique_ptr<Impl> at(const SocketAddress& server);
+  // A connection to the default server with whatever database, idle or new. Throws.
+  static std::unique_ptr<Handle> takeDefault(const OptionSource& options);
+
+  // Connects if that is still to be done, and selects `database`; none when it is empty. Throws.
+  void begin(const std::string& database);
+  // Sends `text`, hands its result to `parser` (may be null) together with `owner`, and takes in
+  // all further results. Sends it again after a lost connection only where that cannot change the
+  // outcome. Throws Error; what the parser throws passes through.
+  void execute(std::string_view text, RowParser* parser, Connection* owner, bool mayRepeat,
+               const Place& place);
+  // Selects the database `name`. Returns nothing, or the error when there is none of that name.
+  // Throws on any other failure.
+  std::optional<Error> select(const std::string& name, const Place& place);
+  // Forgets the selected database when it is `name`, which was dropped.
+  void forget(const std::string& name);
+  // The open connection, opened again where needed, for `statement`. Throws.
+  Handle& ready(const Place& place, std::string_view statement);
+
+  [[nodiscard]] bool inTransaction() const noexcept;
+  // A Transaction object begins or ends. While it lasts, a transaction that is gone on the server's
+  // side makes every statement fail instead of being carried out on its own.
+  void setGuarded(bool guarded) noexcept { m_guarded = guarded; }
+  [[nodiscard]] bool isGuarded() const noexcept { return m_guarded; }
+  // Closes the connection; the server undoes an open transaction.
+  void drop() noexcept { m_handle.reset(); }
+
+ private:
+  // What came of sending a statement once.
+  struct Answer;
+
+  Answer attempt(std::string_view text, const Place& place);
+  MYSQL_RES* run(std::string_view text, bool mayRepeat, const Place& place);
+  MYSQL_RES* runAgain(std::string_view text, const Answer& first, const Place& place);
+  void takeInResults(std::string_view text, const Place& place);
+  bool isAlive();
+  bool mustReopen(const Place& place, std::string_view statement);
+  void reopen(const std::string& database);
+  std::optional<Error> reopenSelecting(const std::string& name);
+  // Throws the error that the server answered with.
+  [[noreturn]] void refuse(const Place& place, std::string_view statement);
+
+  Target m_target;
+  std::string m_database;            // Selected, or to be selected when it is opened again.
+  std::unique_ptr<Handle> m_handle;  // Null before begin() and after a loss.
+  bool m_guarded = false;
+  std::chrono::steady_clock::time_point m_lastAlive;  // When the handle was last found alive.
+};
+
+}  // namespace Tessel::Database
+
+#endif

@@ -1,0 +1,266 @@
+// Handle: the settings of every connection, and the care for signals, forks and process exit.
+#include "database/Handle.h"
+
+#include <errmsg.h>
+#include <fcntl.h>
+#include <mysqld_error.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "database/IdleSet.h"
+
+namespace Tessel::Database {
+
+namespace {
+
+// Seconds. An option file may change the first; the others bound how long a caller can hang on a
+// server that stopped answering.
+constexpr unsigned int s_connectTimeout = 10;
+constexpr unsigned int s_readTimeout = 30;
+constexpr unsigned int s_writeTimeout = 30;
+
+// Milliseconds that closing an idle connection may wait for an answer that is still on its way.
+constexpr int s_goodbyeWait = 200;
+
+// What every session runs with, whatever the server's settings. The strict modes make a text that
+// does not fit an error, backslash escapes are what our escaping writes, and the collation makes
+// new databases tell accents but not letter case apart. MariaDB and MySQL each execute only their
+// own one of the two comments.
+constexpr std::string_view s_sessionSetUp =
+    "set names utf8mb4, autocommit=1, sql_mode='STRICT_TRANS_TABLES,STRICT_ALL_TABLES,"
+    "NO_ZERO_IN_DATE,NO_ZERO_DATE,ERROR_FOR_DIVISION_BY_ZERO,NO_ENGINE_SUBSTITUTION'"
+    " /*M!101000 , collation_server=utf8mb4_uca1400_nopad_as_ci*/"
+    " /*!80000 , collation_server=utf8mb4_0900_as_ci*/";
+
+// Which server a failed connection was meant for. The password is in none of these fields.
+std::string s_destination(const MYSQL& mysql, const Target& target) {
+  const auto& options = mysql.options;
+  std::string text = "; server: ";
+  if (target.address) {
+    text += target.address->text();
+  } else if (options.host != nullptr && std::string_view(options.host) != "localhost") {
+    text += options.host;
+    if (options.port != 0) text += ", port " + std::to_string(options.port);
+  } else {
+    text += options.unix_socket != nullptr ? options.unix_socket : "local socket";
+  }
+  if (options.user != nullptr) text += "; user: " + std::string(options.user);
+  return text + "; from " + target.options.text();
+}
+
+sigset_t s_pipeSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  return set;
+}
+
+bool s_isPipeSignal(int (*look)(sigset_t*)) {
+  sigset_t set;
+  sigemptyset(&set);
+  look(&set);
+  return sigismember(&set, SIGPIPE) == 1;
+}
+
+int s_blockedSignals(sigset_t* set) {
+  return pthread_sigmask(SIG_BLOCK, nullptr, set);
+}
+
+}  // namespace
+
+// A SIGPIPE that is blocked or pending already is somebody else's and stays so.
+PipeGuard::PipeGuard(bool active)
+    : m_active(active && !s_isPipeSignal(&s_blockedSignals) && !s_isPipeSignal(&sigpending)) {
+  if (!m_active) return;
+  const sigset_t set = s_pipeSignal();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+PipeGuard::~PipeGuard() {
+  if (!m_active) return;
+  const sigset_t set = s_pipeSignal();
+  const timespec noTime{};
+  while (sigtimedwait(&set, nullptr, &noTime) == -1 && errno == EINTR) {
+  }
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+bool isConnectionLoss(unsigned int number) {
+  switch (number) {
+    case CR_SERVER_GONE_ERROR:
+    case CR_SERVER_LOST:
+    case CR_SERVER_LOST_EXTENDED:
+    case CR_SSL_CONNECTION_ERROR:
+    case ER_CONNECTION_KILLED:
+    case ER_SERVER_SHUTDOWN:
+    case s_clientInteractionTimeout:
+      return true;
+    default:
+      return false;
+  }
+}
+
+void Handle::initialiseLibrary() {
+  // The library sets SIGPIPE to "ignore" for the whole process; that is the program's to decide.
+  struct sigaction before {};
+  const bool known = sigaction(SIGPIPE, nullptr, &before) == 0;
+  mysql_library_init(0, nullptr, nullptr);
+  if (known) sigaction(SIGPIPE, &before, nullptr);
+}
+
+Handle::Handle(MYSQL* mysql) : m_mysql(mysql), m_forkCount(IdleSet::forkCount()) {
+  if (mysql == nullptr) throw std::bad_alloc();
+}
+
+Handle::~Handle() {
+  if (isForeign()) hangUp();
+  // After process exit began the TLS library may be gone: only the socket is closed then.
+  if (m_tls && IdleSet::isPastExit()) {
+    close(static_cast<int>(mysql_get_socket(m_mysql)));
+    return;
+  }
+  const PipeGuard guard(m_tls);
+  if (m_answerPending && !isForeign()) takePendingAnswer();
+  mysql_close(m_mysql);
+}
+
+// Closing over an answer that nobody read resets the connection: the server would not see our
+// goodbye, count an aborted client and warn in its log.
+void Handle::takePendingAnswer() noexcept {
+  pollfd waiting{static_cast<int>(mysql_get_socket(m_mysql)), POLLIN, 0};
+  if (poll(&waiting, 1, s_goodbyeWait) == 1) mysql_read_query_result(m_mysql);
+}
+
+std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& database) {
+  IdleSet::instance();
+  const PipeGuard guard(true);
+  std::unique_ptr<Handle> handle(new Handle(mysql_init(nullptr)));
+  handle->connect(target, database);
+  handle->enforceLimits(target);
+  handle->setUpSession();
+  return handle;
+}
+
+void Handle::connect(const Target& target, const std::string& database) {
+  // The library reads a whole int for this option, and one byte for others.
+  const unsigned int noLocalInfile = 0;
+  const std::string& file = target.options.file;
+  mysql_options(m_mysql, MYSQL_OPT_CONNECT_TIMEOUT, &s_connectTimeout);
+  mysql_options(m_mysql, MYSQL_OPT_READ_TIMEOUT, &s_readTimeout);
+  mysql_options(m_mysql, MYSQL_OPT_WRITE_TIMEOUT, &s_writeTimeout);
+  mysql_options(m_mysql, MYSQL_OPT_LOCAL_INFILE, &noLocalInfile);
+  mysql_options(m_mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
+  mysql_options(m_mysql, MYSQL_READ_DEFAULT_GROUP, s_optionGroup);
+  if (!file.empty()) mysql_options(m_mysql, MYSQL_READ_DEFAULT_FILE, file.c_str());
+
+  const char* host = nullptr;
+  const char* path = nullptr;
+  unsigned int port = 0;
+  if (target.address && target.address->family() == SocketAddress::Family::Unix) {
+    host = "localhost";
+    path = target.address->host().c_str();
+  } else if (target.address) {
+    host = target.address->host().c_str();
+    port = target.address->port();
+  }
+  // The options must outlive a failure, for the message.
+  if (mysql_real_connect(m_mysql, host, nullptr, nullptr,
+                         database.empty() ? nullptr : database.c_str(), port, path,
+                         CLIENT_REMEMBER_OPTIONS) == nullptr) {
+    Error::Facts facts = lastError({});
+    facts.message += s_destination(*m_mysql, target);
+    throw Error("Database::Connection", "Handle", 166, facts);
+  }
+  m_tls = mysql_get_ssl_cipher(m_mysql) != nullptr;
+}
+
+// An option file may turn on what this library rests on being off, or, by naming a protocol, lead
+// an explicit address to another server.
+void Handle::enforceLimits(const Target& target) {
+  const my_bool noReconnect = 0;
+  const unsigned int noLocalInfile = 0;
+  mysql_options(m_mysql, MYSQL_OPT_RECONNECT, &noReconnect);
+  mysql_options(m_mysql, MYSQL_OPT_LOCAL_INFILE, &noLocalInfile);
+  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
+  fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  constexpr auto s_unix = SocketAddress::Family::Unix;
+  if (target.address && (SocketAddress::peerOf(descriptor).family() == s_unix) !=
+                            (target.address->family() == s_unix)) {
+    throw Error("Database::Connection", "Handle", 183,
+                {CR_CONNECTION_ERROR,
+                 "HY000",
+                 "The protocol that the options ask for does not fit the address" +
+                     s_destination(*m_mysql, target),
+                 {},
+                 false});
+  }
+  if ((m_mysql->client_flag & CLIENT_MULTI_STATEMENTS) == 0) return;
+  if (mysql_set_server_option(m_mysql, MYSQL_OPTION_MULTI_STATEMENTS_OFF) != 0) {
+    throw Error("Database::Connection", "Handle", 180, lastError({}));
+  }
+}
+
+void Handle::setUpSession() {
+  if (mysql_real_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) != 0) {
+    throw Error("Database::Connection", "Handle", 186, lastError(s_sessionSetUp));
+  }
+}
+
+bool Handle::isForeign() const noexcept {
+  return m_forkCount != IdleSet::forkCount();
+}
+
+bool Handle::isDead() const noexcept {
+  char byte = 0;
+  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
+  ssize_t count = 0;
+  do {
+    count = recv(descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  } while (count < 0 && errno == EINTR);
+  return count >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+}
+
+bool Handle::inTransaction() const noexcept {
+  return (m_mysql->server_status & SERVER_STATUS_IN_TRANS) != 0;
+}
+
+bool Handle::startReuse() noexcept {
+  // A reset undoes an init-command of the option file, and nothing runs it again.
+  if (m_mysql->options.init_command != nullptr || isForeign() || inTransaction() || isDead())
+    return false;
+  if (m_mysql->status != MYSQL_STATUS_READY || mysql_more_results(m_mysql) != 0) return false;
+  const PipeGuard guard(m_tls);
+  m_answerPending = mysql_reset_connection(m_mysql) == 0 &&
+                    mysql_send_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) == 0;
+  return m_answerPending;
+}
+
+bool Handle::finishReuse() noexcept {
+  const PipeGuard guard(m_tls);
+  m_answerPending = false;
+  return mysql_read_query_result(m_mysql) == 0 && !isDead();
+}
+
+void Handle::hangUp() const noexcept {
+  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
+  // Closed first: the number is then free for the process that has no other left.
+  close(descriptor);
+  const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (nowhere < 0 || nowhere == descriptor) return;
+  dup3(nowhere, descriptor, O_CLOEXEC);
+  close(nowhere);
+}
+
+Error::Facts Handle::lastError(std::string_view statement) const {
+  return {mysql_errno(m_mysql), mysql_sqlstate(m_mysql), mysql_error(m_mysql), statement, false};
+}
+
+}  // namespace Tessel::Database

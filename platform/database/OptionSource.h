@@ -1,0 +1,34 @@
+// Where the options of the default server come from. Private to this folder.
+#ifndef TSL_DATABASE_OPTIONSOURCE_H
+#define TSL_DATABASE_OPTIONSOURCE_H
+
+#include <string>
+
+namespace Tessel::Database {
+
+// The option group that is read beside [client].
+inline constexpr char s_optionGroup[] = "tsl-address-map";
+
+// An immutable value.
+struct OptionSource {
+  // The one file to read; empty for the standard option files.
+  std::string file;
+  // Changes when other options may apply: with the file's path, identity, time or size, or with the
+  // part of the environment that the search for the standard files depends on.
+  std::string key;
+
+  // What the environment names now. Throws Exception, code 4, when TSL_DATABASE_OPTION_FILE names a
+  // file that cannot be read, is no regular file, or that everyone may write to: the standard files
+  // never take its place, since they may name another server. The environment must not be changed
+  // by another thread meanwhile.
+  static OptionSource current();
+  // The same for a file whose name is known, or for the standard files where it is empty.
+  static OptionSource of(const std::string& file);
+
+  // For messages: which files and groups are read.
+  [[nodiscard]] std::string text() const;
+};
+
+}  // namespace Tessel::Database
+
+#endif

@@ -1,0 +1,73 @@
+# Puts the tests of several build trees into one, so that one run of CTest, with one summary, covers
+# them all. Each test is named after its preset.
+#
+# cmake -DOUTPUT=FILE -DPRESET=NAME -DTESTS=JSON [-DWRAPPER=COMMAND;...] -P collect-tests.cmake
+#   OUTPUT   test file of the combined tree; it is appended to
+#   TESTS    what `ctest --show-only=json-v1` says of the preset's tests
+#   WRAPPER  a command that the tests are run by
+cmake_minimum_required(VERSION 3.25)
+
+# Brackets keep every character of a value as it is.
+function(quoted result value)
+  set(${result} "[==[${value}]==]" PARENT_SCOPE)
+endfunction()
+
+file(READ ${TESTS} document)
+string(JSON count LENGTH "${document}" tests)
+set(text "")
+if(count GREATER 0)
+  math(EXPR last "${count} - 1")
+  foreach(i RANGE ${last})
+    string(JSON test GET "${document}" tests ${i})
+    string(JSON name GET "${test}" name)
+    string(JSON command ERROR_VARIABLE error GET "${test}" command)
+    if(error)
+      message(FATAL_ERROR "The test ${name} of ${PRESET} has no command: it was not built.")
+    endif()
+
+    set(words "")
+    foreach(word IN LISTS WRAPPER)
+      quoted(word "${word}")
+      string(APPEND words " ${word}")
+    endforeach()
+    string(JSON length LENGTH "${command}")
+    math(EXPR lastWord "${length} - 1")
+    foreach(j RANGE ${lastWord})
+      string(JSON word GET "${command}" ${j})
+      quoted(word "${word}")
+      string(APPEND words " ${word}")
+    endforeach()
+    quoted(full "${PRESET}.${name}")
+    string(APPEND text "add_test(${full}${words})\n")
+
+    string(JSON properties ERROR_VARIABLE error LENGTH "${test}" properties)
+    if(error OR properties EQUAL 0)
+      continue()
+    endif()
+    math(EXPR lastProperty "${properties} - 1")
+    foreach(j RANGE ${lastProperty})
+      string(JSON key GET "${test}" properties ${j} name)
+      string(JSON kind TYPE "${test}" properties ${j} value)
+      string(JSON value GET "${test}" properties ${j} value)
+      set(joined "${value}")
+      if(kind STREQUAL "ARRAY")
+        set(joined "")
+        string(JSON items LENGTH "${value}")
+        if(items GREATER 0)
+          math(EXPR lastItem "${items} - 1")
+          foreach(k RANGE ${lastItem})
+            string(JSON item GET "${value}" ${k})
+            # What names other tests must name those of the same preset.
+            if(key MATCHES "^(DEPENDS|FIXTURES_.*)$")
+              set(item "${PRESET}.${item}")
+            endif()
+            list(APPEND joined "${item}")
+          endforeach()
+        endif()
+      endif()
+      quoted(joined "${joined}")
+      string(APPEND text "set_tests_properties(${full} PROPERTIES ${key} ${joined})\n")
+    endforeach()
+  endforeach()
+endif()
+file(APPEND ${OUTPUT} "${text}")

@@ -1,0 +1,274 @@
+// One alias table in MariaDB/MySQL: statements, expansion and the file format.
+#include "alias/AddressAliasDbMySQL.h"
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <ostream>
+
+#include "alias/AddressAliasRow.h"
+#include "alias/AliasExpander.h"
+#include "base/Exception.h"
+#include "base/stringCompareNoCase.h"
+#include "cmf/ApsGwServerCache.h"
+#include "cmf/MailUser.h"
+#include "cmf/TableQuery.h"
+#include "database/Query.h"
+#include "map/AddressMapMySQL.h"
+#include "map/ColonLines.h"
+#include "map/TsRowParser.h"
+
+namespace Tessel {
+
+namespace {
+
+constexpr unsigned int s_cacheCapacity = 256;
+// A cache of this capacity keeps nothing.
+constexpr unsigned int s_keepsNothing = 0;
+
+// The user mailboxes of `domain` as the configuration lists them, or `members` when it does not
+// know the domain.
+std::set<EmailAddress> s_listUsers(const std::string& domain,
+                                   const std::set<EmailAddress>& members) {
+  const CMF::RefApsGwServerCache cache = CMF::RefApsGwServerCache::instance(false);
+  const CMF::RefApsGwServer server = cache->find(domain);
+  if (server.isNull()) return members;
+
+  std::set<EmailAddress> users;
+  std::string text;
+  const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> query(server->domainId());
+  for (const __aps_mail_user& record : query) {
+    if (record.kind != CMF::MailUserMailbox) continue;
+    text.assign(record.user_name).append("@").append(domain);
+    EmailAddress user = EmailAddress::rfc5322Parse(text, true);
+    // The configuration lists users in the order of the set.
+    if (!user.isNull()) users.insert(users.end(), std::move(user));
+  }
+  return users;
+}
+
+// `members`, or the user mailboxes of the domain of `alias` when the only member is the all-users
+// marker of that very domain.
+std::set<EmailAddress> expandAllUsers(const EmailAddress& alias,
+                                      const std::set<EmailAddress>& members) {
+  if (members.size() != 1 || members.begin()->isNull()) return members;
+  const std::string domain = alias.domain();
+  if (!stringCompareNoCase(members.begin()->address(), "allusers_" + domain, 0)) return members;
+  try {
+    return s_listUsers(domain, members);
+  } catch (const Exception&) {
+    // Deliberate: the marker itself is delivered to when the configuration cannot be read. Pinned
+    // by AliasExpansion.AnUnreadableConfigurationLeavesTheMarker.
+    return members;
+  }
+}
+
+}  // namespace
+
+AddressAliasDbMySQL::AddressAliasDbMySQL(AddressMapDbMySQL& mapDb, bool preload,
+                                         const std::string& name)
+    : m_mapDb(mapDb), m_mutex(&mapDb.mutex()), m_table(s_alias), m_cache(s_cacheCapacity) {
+  if (!name.empty()) m_table += "_" + name;
+  if (!preload) return;
+  // Deliberate: the rows go into a cache that keeps nothing, so preloading counts them and leaves
+  // the cache empty. Pinned by AddressAliasDbMySQL.PreloadCountsTheRowsAndCachesNothing.
+  Cache rows(s_keepsNothing);
+  queryEntries(rows);
+  std::for_each(rows.begin(), rows.end(), CacheLoader(rows, m_cache));
+}
+
+AddressAliasDbMySQL::~AddressAliasDbMySQL() = default;
+
+// Runs the statement that `writeStatement` writes and hands its rows to `consume`, under the mutex.
+template <class WriteStatement, class Consume>
+void AddressAliasDbMySQL::select(WriteStatement writeStatement, Consume consume) const {
+  Database::RowContainer rows;
+  Database::TsRowParser<AddressAliasRow> parser(rows);
+  Database::Query query(m_mapDb.connection(), &parser, true);
+  const Synchronized lock(*m_mutex);
+  writeStatement(query);
+  query.execute();
+  consume(rows.rows());
+}
+
+std::set<EmailAddress> AddressAliasDbMySQL::expandAlias(const EmailAddress& address) const {
+  try {
+    const auto cached = m_cache.find(address);
+    // Unlocked: another thread's eviction may end the entry while it is copied here, which only
+    // more than 256 expanded aliases can bring about. The gain is a hit without the table lock.
+    if (cached != m_cache.end()) return expandAllUsers(address, cached->second);
+    if (isEveryAliasCached()) return expandCached(address);
+    return expandUncached(address);
+  } catch (const Exception& exception) {
+    throw Exception("expandAlias ", 4, "AddressAliasDbMySQL", 311).cause(exception);
+  }
+}
+
+// What the cache says about `address`, which is nothing when it is no alias. Another thread may
+// have completed the cache, with this very address, after the caller looked and missed.
+std::set<EmailAddress> AddressAliasDbMySQL::expandCached(const EmailAddress& address) const {
+  const auto cached = m_cache.find(address);
+  return cached == m_cache.end() ? noAddresses() : expandAllUsers(address, cached->second);
+}
+
+std::set<EmailAddress> AddressAliasDbMySQL::expandUncached(const EmailAddress& address) const {
+  const Synchronized lock(*m_mutex);
+  // Only a holder of the mutex adds to the cache: from here on it does not change.
+  std::set<EmailAddress> result;
+  std::set<EmailAddress> visited;
+  AliasExpander{this, &address, &result, &visited}.expand(address);
+  if (result.empty()) return expandCached(address);
+  m_cache.add(address, result);
+  return expandCached(address);
+}
+
+void AddressAliasDbMySQL::getAliasNames(std::set<EmailAddress>& names) const {
+  select([this](std::ostream& query) { query << "select name, members from " << m_table << ";"; },
+         [&names](const auto& rows) {
+           for (const auto& row : rows) {
+             names.insert(static_cast<const AddressAliasRow&>(*row).alias());
+           }
+         });
+}
+
+void AddressAliasDbMySQL::exportToFile(const std::string& path) {
+  // Deliberate: the scratch cache keeps nothing, so the file comes out empty and the lasting effect
+  // is the refreshed row count. Pinned by AddressAliasDbMySQL.ExportLeavesAnEmptyFile.
+  Cache rows(s_keepsNothing);
+  queryEntries(rows);
+  std::ofstream file(path, std::ios::out | std::ios::trunc);
+  if (!file.is_open()) {
+    throw Exception("AddressAliasDb::exportToFile", 4, "AddressAliasDbMySQL", 587)
+        .stringParameter("Could not open file");
+  }
+  for (auto entry = rows.begin(); entry != rows.end(); ++entry) {
+    file << entry->first << ":";
+    writeMemberSet(entry->second, file);
+    file << std::endl;  // NOLINT(performance-avoid-endl): each line reaches the file whole
+  }
+}
+
+void AddressAliasDbMySQL::importFromFile(const std::string& path) {
+  std::ifstream file(path, std::ios::in);
+  if (!file.is_open()) {
+    throw Exception("AddressAliasDb::importFromFile", 4, "AddressAliasDbMySQL", 601)
+        .stringParameter("Could not open file");
+  }
+  forEachColonLine(file, [this](std::string_view alias, std::string_view members) {
+    queryAdd(EmailAddress::rfc5322Parse(alias, true),
+             EmailAddress::rfc5322ParseSet(members, true, false));
+  });
+}
+
+void AddressAliasDbMySQL::queryFindByDomain(const std::string& domain, Entries& entries) const {
+  select(
+      [&](std::ostream& query) {
+        query << "select * from " << m_table;
+        if (domain != "*") query << " where name like '%@" << domain << "'";
+        query << ";";
+      },
+      [&entries](const auto& rows) {
+        std::for_each(rows.begin(), rows.end(), AdapterAliasRowToEntryContainer(entries));
+      });
+}
+
+void AddressAliasDbMySQL::queryFindByMemberUser(const EmailAddress& member,
+                                                Entries& entries) const {
+  select(
+      [&](std::ostream& query) {
+        query << "select * from " << m_table << " where members like '%"
+              << emailAddressEscapedWrite(member) << "%';";
+      },
+      [&entries](const auto& rows) {
+        std::for_each(rows.begin(), rows.end(), AdapterAliasRowToEntryContainer(entries));
+      });
+}
+
+void AddressAliasDbMySQL::queryFindMembers(const EmailAddress& alias, Members& members) const {
+  Database::RowContainer rows;
+  Database::TsRowParser<AddressAliasRow> parser(rows);
+  // Here the mutex comes before the query: expansion calls this with the mutex held already.
+  const Synchronized lock(*m_mutex);
+  Database::Query query(m_mapDb.connection(), &parser, true);
+  query << "select * from " << m_table << " where name='" << emailAddressEscapedWrite(alias)
+        << "';";
+  query.execute();
+  for (const auto& row : rows.rows()) {
+    const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
+    // The collation of the table may find more than EmailAddress calls equal.
+    if (!(aliasRow.alias() == alias)) continue;
+    members = aliasRow.members();
+    return;
+  }
+}
+
+void AddressAliasDbMySQL::queryEntries(Cache& cache) {
+  if (cache.capacity() == 0) return streamEntries(cache);
+  select([this](std::ostream& query) { query << "select * from " << m_table << ";"; },
+         [this, &cache](const auto& rows) {
+           for (const auto& row : rows) {
+             const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
+             cache.add(aliasRow.alias(), aliasRow.members());
+           }
+           std::atomic_ref(m_entries).store(static_cast<std::uint32_t>(rows.size()));
+         });
+}
+
+// As `queryEntries`, for a cache that keeps nothing: neither are the rows kept then. Holding the
+// rows of a large table together takes nearly twice as long, and hundreds of bytes for each.
+void AddressAliasDbMySQL::streamEntries(Cache& cache) {
+  std::uint32_t count = 0;
+  const auto add = [&](const AddressAliasRow& row) {
+    cache.add(row.alias(), row.members());
+    ++count;
+  };
+  Database::TsRowStream<AddressAliasRow, decltype(add)> parser(add);
+  Database::Query query(m_mapDb.connection(), &parser, true);
+  const Synchronized lock(*m_mutex);
+  query << "select * from " << m_table << ";";
+  query.execute();
+  std::atomic_ref(m_entries).store(count);
+}
+
+void AddressAliasDbMySQL::queryAdd(const EmailAddress& alias, const Members& members) {
+  Database::Query query(m_mapDb.connection(), nullptr, true);
+  const Synchronized lock(*m_mutex);
+  query << "insert into " << m_table << " ( name, members ) values( '"
+        << emailAddressEscapedWrite(alias) << "','";
+  writeMemberSet(members, query);
+  query << "') on duplicate key update members=values( members );";
+  query.execute();
+}
+
+void AddressAliasDbMySQL::queryDelete(const EmailAddress& alias) {
+  Database::Query query(m_mapDb.connection(), nullptr, true);
+  const Synchronized lock(*m_mutex);
+  query << "delete from " << m_table << " where name ='" << emailAddressEscapedWrite(alias) << "';";
+  query.execute();
+}
+
+void AddressAliasDbMySQL::queryDelete(const std::string& domain) {
+  Database::Query query(m_mapDb.connection(), nullptr, true);
+  const Synchronized lock(*m_mutex);
+  query << "delete from " << m_table << " where name like'%@" << domain << "';";
+  query.execute();
+}
+
+void AddressAliasDbMySQL::writeMemberSet(const Members& members, std::ostream& stream) {
+  const char* separator = "";
+  for (const EmailAddress& member : members) {
+    stream << separator << member;
+    separator = ",";
+  }
+}
+
+bool AddressAliasDbMySQL::isEveryAliasCached() const {
+  return m_cache.size() >= entries();
+}
+
+std::uint32_t AddressAliasDbMySQL::entries() const {
+  // Unlocked: the count may be one export old. atomic_ref takes no const object, hence the cast.
+  return std::atomic_ref(const_cast<std::uint32_t&>(m_entries)).load();
+}
+
+}  // namespace Tessel

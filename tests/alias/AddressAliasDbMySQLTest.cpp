@@ -1,0 +1,417 @@
+// Tests of one alias table: its statements, its rows and its files.
+#include "alias/AddressAliasDbMySQL.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "local/ServerProcess.h"
+#include "map/AddressMapMySQL.h"
+#include "support/Caught.h"
+#include "support/ExpectedLog.h"
+#include "support/MapDatabase.h"
+#include "support/SocketRelay.h"
+
+namespace Tessel {
+namespace {
+
+using Testing::caught;
+using testing::Contains;
+using testing::ElementsAre;
+using Testing::expectFacts;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+constexpr unsigned int s_logEmptyColumn = 0x300002b;
+
+class AddressAliasDbMySQLOnServer : public Testing::MapDatabase {
+ protected:
+  void SetUp() override {
+    MapDatabase::SetUp();
+    m_store = std::make_unique<AddressMapDbMySQL>(false);
+    m_table = std::make_unique<AddressAliasDbMySQL>(*m_store, false, "");
+  }
+
+  static Rows rows() {
+    return sql("select name, members, all_users from ts_address_map.alias order by name");
+  }
+
+  // A path in a folder of its own that goes with the test.
+  class ScratchFile {
+   public:
+    ScratchFile() {
+      char folder[] = "/tmp/tsl-alias-XXXXXX";
+      m_folder = mkdtemp(folder);
+    }
+    ~ScratchFile() { std::filesystem::remove_all(m_folder); }
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
+    [[nodiscard]] std::string path() const { return m_folder + "/table"; }
+    void write(const std::string& text) const { std::ofstream(path()) << text; }
+    [[nodiscard]] std::string text() const {
+      std::ostringstream all;
+      all << std::ifstream(path()).rdbuf();
+      return all.str();
+    }
+
+   private:
+    std::string m_folder;
+  };
+
+  std::unique_ptr<AddressMapDbMySQL> m_store;
+  std::unique_ptr<AddressAliasDbMySQL> m_table;
+};
+
+TEST_F(AddressAliasDbMySQLOnServer, EveryOperationSendsItsStatement) {
+  AddressAliasDbMySQL::Entries entries;
+  std::set<EmailAddress> members;
+  LRUCache<EmailAddress, std::set<EmailAddress>> cache(0);
+  EXPECT_THAT(statementsOf([&] {
+                m_table->queryEntries(cache);
+                m_table->queryFindByDomain("*", entries);
+                m_table->queryFindByDomain("d.example", entries);
+                m_table->queryFindByMemberUser(address("b@d.example"), entries);
+                m_table->queryFindMembers(address("a@d.example"), members);
+                m_table->queryAdd(address("a@d.example"), addresses("c@d.example,b@d.example"));
+                m_table->queryDelete(address("a@d.example"));
+                m_table->queryDelete("d.example");
+                m_table->getAliasNames(members);
+              }),
+              ElementsAre("select * from alias", "select * from alias",
+                          "select * from alias where name like '%@d.example'",
+                          "select * from alias where members like '%b@d.example%'",
+                          "select * from alias where name='a@d.example'",
+                          "insert into alias ( name, members ) values( 'a@d.example','b@d.example,"
+                          "c@d.example') on duplicate key update members=values( members )",
+                          "delete from alias where name ='a@d.example'",
+                          "delete from alias where name like'%@d.example'",
+                          "select name, members from alias"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, StatementsAreSentWithTheirFinalSemicolon) {
+  auto& server = Testing::TestServer::shared();
+  const Testing::SocketRelay relay(server.directory() + "/relay.sock", server.socketPath());
+  const Testing::TestServer::OptionFile options(
+      server, "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
+  {
+    AddressMapDbMySQL store(false);
+    AddressAliasDbMySQL table(store, false, "");
+    std::set<EmailAddress> members;
+    table.queryAdd(address("a@d.example"), addresses("b@d.example"));
+    table.queryFindMembers(address("a@d.example"), members);
+    table.getAliasNames(members);
+    createAliasTable(store.connection(), "alias_sent");
+  }
+  const std::vector<std::string> sent = relay.statements();
+  EXPECT_THAT(sent, Contains("insert into alias ( name, members ) values( 'a@d.example',"
+                             "'b@d.example') on duplicate key update members=values( members );"));
+  EXPECT_THAT(sent, Contains("select * from alias where name='a@d.example';"));
+  EXPECT_THAT(sent, Contains("select name, members from alias;"));
+  EXPECT_THAT(sent, Contains("create table if not exists alias_sent(\n"
+                             " name varchar( 255 ) unique primary key not null,\n"
+                             " members MEDIUMTEXT not null, \n"
+                             " all_users tinyint not null default 0)\n"
+                             " engine=InnoDB;"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AStoreNameIsAppendedToTheTableName) {
+  createAliasTable(m_store->connection(), "alias_sales");
+  const AddressAliasDbMySQL table(*m_store, false, "sales");
+  std::set<EmailAddress> names;
+  EXPECT_THAT(statementsOf([&] { table.getAliasNames(names); }),
+              ElementsAre("select name, members from alias_sales"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AddressesAreEscapedWhereTheyAreNamesAndNotWhereTheyAreMembers) {
+  const EmailAddress name = address("o'brien@d.example");
+  std::set<EmailAddress> members;
+  EXPECT_THAT(statementsOf([&] {
+                m_table->queryAdd(name, addresses("b@d.example"));
+                m_table->queryFindMembers(name, members);
+                m_table->queryDelete(name);
+              }),
+              ElementsAre("insert into alias ( name, members ) values( 'o\\'brien@d.example',"
+                          "'b@d.example') on duplicate key update members=values( members )",
+                          "select * from alias where name='o\\'brien@d.example'",
+                          "delete from alias where name ='o\\'brien@d.example'"));
+  EXPECT_EQ(members, addresses("b@d.example"));
+  const Exception got =
+      caught([&] { m_table->queryAdd(address("a@d.example"), addresses("o'brien@d.example")); });
+  EXPECT_EQ(got.code(), 1064) << got.what();
+  EXPECT_THAT(rows(), IsEmpty());
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, TheDomainIsRawAndItsPatternCharactersMatchAnything) {
+  addAlias("a@xy.example", "m@d.example");
+  addAlias("a@x_.example", "m@d.example");
+  AddressAliasDbMySQL::Entries entries;
+  m_table->queryFindByDomain("x_.example", entries);
+  EXPECT_EQ(entries.size(), 2U);
+  m_table->queryDelete("%.example");
+  EXPECT_THAT(rows(), IsEmpty());
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, TheStarReturnsEveryAliasAndADomainItsOwn) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "m@d.example,n@d.example");
+  addAlias("a@sub.d.example", "m@d.example");
+  AddressAliasDbMySQL::Entries all;
+  m_table->queryFindByDomain("*", all);
+  EXPECT_EQ(all.size(), 3U);
+  AddressAliasDbMySQL::Entries some;
+  m_table->queryFindByDomain("d.example", some);
+  EXPECT_THAT(some,
+              ElementsAre(Pair(address("a@d.example"), addresses("m@d.example")),
+                          Pair(address("b@d.example"), addresses("m@d.example,n@d.example"))));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, MapFillingLookupsKeepWhatTheMapHolds) {
+  addAlias("a@d.example", "m@d.example");
+  AddressAliasDbMySQL::Entries entries;
+  entries[address("old@d.example")];
+  entries[address("a@d.example")] = addresses("stale@d.example");
+  m_table->queryFindByDomain("*", entries);
+  EXPECT_THAT(entries, ElementsAre(Pair(address("a@d.example"), addresses("m@d.example")),
+                                   Pair(address("old@d.example"), IsEmpty())));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AddingAnExistingAliasReplacesItsMembersAndLeavesAllUsers) {
+  addAlias("a@d.example", "m@d.example");
+  sql("update ts_address_map.alias set all_users=7");
+  m_table->queryAdd(address("a@d.example"), addresses("n@d.example,o@d.example"));
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "n@d.example,o@d.example", "7"}}));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AnAliasOfAnotherLetterCaseIsTheSameRow) {
+  m_table->queryAdd(address("a@d.example"), addresses("m@d.example"));
+  m_table->queryAdd(address("A@D.example"), addresses("n@d.example"));
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "n@d.example", "0"}}));
+  std::set<EmailAddress> members;
+  m_table->queryFindMembers(address("a@D.EXAMPLE"), members);
+  EXPECT_EQ(members, addresses("n@d.example"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ARowThatOnlyTheCollationCallsEqualIsNotTheAlias) {
+  addAlias("\xc3\x89ric@d.example", "m@d.example");
+  std::set<EmailAddress> members;
+  m_table->queryFindMembers(address("\xc3\xa9ric@d.example"), members);
+  EXPECT_THAT(members, IsEmpty());
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AnEmptyMemberSetIsStoredAndComesBackAsABrokenRow) {
+  m_table->queryAdd(address("a@d.example"), {});
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "", "0"}}));
+  AddressAliasDbMySQL::Entries entries;
+  m_table->queryFindByDomain("*", entries);
+  EXPECT_THAT(entries, ElementsAre(Pair(EmailAddress(), IsEmpty())));
+  const auto log = Testing::takeLog();
+  ASSERT_EQ(log.size(), 1U);
+  EXPECT_EQ(log[0].code, s_logEmptyColumn);
+  EXPECT_EQ(log[0].number, 0);
+  EXPECT_EQ(log[0].text, " ");
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ARowWithAnEmptyColumnIsLoggedAndKept) {
+  addAlias("", "m@d.example");
+  addAlias("b@d.example", "m@d.example");
+  std::set<EmailAddress> names;
+  m_table->getAliasNames(names);
+  EXPECT_THAT(names, ElementsAre(EmailAddress(), address("b@d.example")));
+  EXPECT_EQ(Testing::takeLog().size(), 1U);
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ARowThatDoesNotParseFailsTheWholeRead) {
+  addAlias("no address", "m@d.example");
+  std::set<EmailAddress> names;
+  const Exception got = caught([&] { m_table->getAliasNames(names); });
+  EXPECT_EQ(got.context(), "EmailAddress::rfc5321Parse");
+  // The connection and the mutex are free again.
+  sql("delete from ts_address_map.alias");
+  EXPECT_NO_THROW(m_table->getAliasNames(names));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, FindingTheMembersOfAnUnknownAliasLeavesTheSetAsItWas) {
+  std::set<EmailAddress> members = addresses("kept@d.example");
+  m_table->queryFindMembers(address("unknown@d.example"), members);
+  EXPECT_EQ(members, addresses("kept@d.example"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, FindingMembersReplacesTheSet) {
+  addAlias("a@d.example", "m@d.example");
+  std::set<EmailAddress> members = addresses("old@d.example");
+  m_table->queryFindMembers(address("a@d.example"), members);
+  EXPECT_EQ(members, addresses("m@d.example"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, FindingByMemberMatchesSubstrings) {
+  addAlias("exact@d.example", "bob@d.example,x@d.example");
+  addAlias("longer@d.example", "jimbob@d.example");
+  addAlias("other@d.example", "tim@d.example");
+  AddressAliasDbMySQL::Entries entries;
+  m_table->queryFindByMemberUser(address("bob@d.example"), entries);
+  EXPECT_THAT(entries, UnorderedElementsAre(Pair(address("exact@d.example"), testing::_),
+                                            Pair(address("longer@d.example"), testing::_)));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, DeletingTakesOutOneAliasOrADomain) {
+  for (const char* name : {"a@d.example", "b@d.example", "c@e.example"}) {
+    addAlias(name, "m@d.example");
+  }
+  m_table->queryDelete(address("unknown@d.example"));
+  EXPECT_EQ(rows().size(), 3U);
+  m_table->queryDelete(address("a@d.example"));
+  EXPECT_EQ(rows().size(), 2U);
+  m_table->queryDelete(std::string("d.example"));
+  EXPECT_EQ(rows(), (Rows{{"c@e.example", "m@d.example", "0"}}));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, MembersAreWrittenInAscendingOrderJoinedByCommas) {
+  std::ostringstream text;
+  AddressAliasDbMySQL::writeMemberSet(
+      addresses("b@z.example, a@z.example, \"q q\"@z.example, allusers_z.example"), text);
+  EXPECT_EQ(text.str(), "a@z.example,allusers_z.example,b@z.example,\"q q\"@z.example");
+  std::ostringstream empty;
+  AddressAliasDbMySQL::writeMemberSet({}, empty);
+  EXPECT_EQ(empty.str(), "");
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, EntriesGoToTheCacheInResultOrder) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "m@d.example");
+  LRUCache<EmailAddress, std::set<EmailAddress>> cache(10);
+  m_table->queryEntries(cache);
+  EXPECT_EQ(cache.size(), 2U);
+  EXPECT_EQ(cache.begin()->first, address("b@d.example"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ARowThatDoesNotParseFailsThePreload) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "no address");
+  EXPECT_EQ(caught([&] { AddressAliasDbMySQL(*m_store, true, ""); }).context(),
+            "EmailAddress::rfc5322ParseSet");
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, PreloadCountsTheRowsAndCachesNothing) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "m@d.example");
+  addAlias("empty@d.example", "");
+  std::unique_ptr<AddressAliasDbMySQL> table;
+  EXPECT_THAT(
+      statementsOf([&] { table = std::make_unique<AddressAliasDbMySQL>(*m_store, true, ""); }),
+      ElementsAre("select * from alias"));
+  EXPECT_EQ(Testing::takeLog().size(), 1U);
+  // Three rows and no cached alias: an address is asked for at the table.
+  EXPECT_FALSE(table->isEveryAliasCached());
+  EXPECT_THAT(
+      statementsOf([&] { EXPECT_THAT(table->expandAlias(address("x@d.example")), IsEmpty()); }),
+      ElementsAre("select * from alias where name='x@d.example'"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ATableMadeWithoutPreloadAsksNothing) {
+  addAlias("a@d.example", "m@d.example");
+  EXPECT_TRUE(m_table->isEveryAliasCached());
+  EXPECT_THAT(statementsOf([&] {
+                const AddressAliasDbMySQL table(*m_store, false, "");
+                EXPECT_THAT(table.expandAlias(address("a@d.example")), IsEmpty());
+              }),
+              IsEmpty());
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AMissingTableFailsEveryOperationWithTheServersError) {
+  AddressAliasDbMySQL table(*m_store, false, "missing");
+  AddressAliasDbMySQL::Entries entries;
+  std::set<EmailAddress> members;
+  LRUCache<EmailAddress, std::set<EmailAddress>> cache(0);
+  const EmailAddress alias = address("a@d.example");
+  EXPECT_EQ(caught([&] { table.queryEntries(cache); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryFindByDomain("*", entries); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryFindByMemberUser(alias, entries); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryFindMembers(alias, members); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryAdd(alias, members); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryDelete(alias); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.queryDelete(std::string("d")); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table.getAliasNames(members); }).code(), 1146);
+  EXPECT_EQ(caught([&] { AddressAliasDbMySQL(*m_store, true, "missing"); }).code(), 1146);
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ManyThreadsMayUseTheTablesOfOneStore) {
+  createAliasTable(m_store->connection(), "alias_two");
+  AddressAliasDbMySQL other(*m_store, false, "two");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      AddressAliasDbMySQL& table = t % 2 == 0 ? *m_table : other;
+      for (int n = 0; n < 25; ++n) {
+        const EmailAddress alias =
+            address("n" + std::to_string(n) + "t" + std::to_string(t) + "@d.example");
+        table.queryAdd(alias, addresses("m@d.example"));
+        std::set<EmailAddress> members;
+        table.queryFindMembers(alias, members);
+        EXPECT_EQ(members.size(), 1U);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(rows().size(), 50U);
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ExportLeavesAnEmptyFile) {
+  const ScratchFile file;
+  file.write("old content");
+  addAlias("a@d.example", "m@d.example");
+  m_table->exportToFile(file.path());
+  EXPECT_EQ(file.text(), "");
+  // The refreshed row count turns on what a table without preload does not do.
+  EXPECT_EQ(m_table->expandAlias(address("a@d.example")), addresses("m@d.example"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ExportToAMissingFolderFails) {
+  const Exception got = caught([&] { m_table->exportToFile("/nonexistent/folder/file"); });
+  expectFacts(got, "AddressAliasDb::exportToFile", 4, "AddressAliasDbMySQL", 587,
+              "Could not open file");
+  EXPECT_EQ(got.cause(), nullptr);
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AFailedReadLeavesTheExportFileUntouched) {
+  const ScratchFile file;
+  file.write("old content");
+  AddressAliasDbMySQL table(*m_store, false, "missing");
+  EXPECT_EQ(caught([&] { table.exportToFile(file.path()); }).code(), 1146);
+  EXPECT_EQ(file.text(), "old content");
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ImportAddsAndReplacesLineByLine) {
+  const ScratchFile file;
+  addAlias("a@d.example", "old@d.example");
+  addAlias("kept@d.example", "k@d.example");
+  file.write("a@d.example:c@d.example,b@d.example\n\nno colon\nlast@d.example:x@d.example");
+  m_table->importFromFile(file.path());
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "b@d.example,c@d.example", "0"},
+                          {"kept@d.example", "k@d.example", "0"},
+                          {"last@d.example", "x@d.example", "0"}}));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, AFaultyLineEndsTheImportAndKeepsWhatWasRead) {
+  const ScratchFile file;
+  file.write("a@d.example:b@d.example\nb@@d.example:c@d.example\nc@d.example:d@d.example\n");
+  EXPECT_EQ(caught([&] { m_table->importFromFile(file.path()); }).context(),
+            "EmailAddress::rfc5322Parse");
+  EXPECT_EQ(rows().size(), 1U);
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, ImportOfAMissingFileFails) {
+  const Exception got = caught([&] { m_table->importFromFile("/nonexistent"); });
+  expectFacts(got, "AddressAliasDb::importFromFile", 4, "AddressAliasDbMySQL", 601,
+              "Could not open file");
+  EXPECT_EQ(got.cause(), nullptr);
+}
+
+}  // namespace
+}  // namespace Tessel

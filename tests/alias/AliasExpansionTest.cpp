@@ -1,0 +1,344 @@
+// Tests of `expandAlias`: recursion, cycles, the cache in front, and the all-users marker.
+#include <pthread.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "AddressMapDb.h"
+#include "alias/AddressAliasDbMySQL.h"
+#include "cmf/ApsGwServerCache.h"
+#include "cmf/Writer.h"
+#include "map/AddressMapMySQL.h"
+#include "support/Caught.h"
+#include "support/MapDatabase.h"
+
+namespace Tessel {
+namespace {
+
+using Testing::caught;
+using testing::ElementsAre;
+using Testing::expectFacts;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class AliasExpansion : public Testing::MapDatabase {
+ protected:
+  // Expands `name` in a fresh store with preload.
+  static std::set<EmailAddress> expand(const std::string& name) {
+    const AddressMapDb store(AddressMapDb::MySQL, true);
+    return store.aliasDb("").expandAlias(address(name));
+  }
+
+  // The number of statements that expanding `name` in `table` takes.
+  static std::size_t statementsFor(const AddressAliasDb& table, const std::string& name) {
+    return statementsOf([&] { static_cast<void>(table.expandAlias(address(name))); }).size();
+  }
+};
+
+TEST_F(AliasExpansion, MembersThatAreNoAliasesAreFinal) {
+  addAlias("a@d.example", "b@d.example,c@d.example");
+  EXPECT_EQ(expand("a@d.example"), addresses("b@d.example,c@d.example"));
+}
+
+TEST_F(AliasExpansion, AnAddressThatIsNoAliasExpandsToNothing) {
+  addAlias("a@d.example", "b@d.example");
+  EXPECT_THAT(expand("b@d.example"), IsEmpty());
+}
+
+TEST_F(AliasExpansion, AnAliasThatListsItselfIsDeliveredToAsWell) {
+  addAlias("a@d.example", "a@d.example,b@d.example");
+  EXPECT_EQ(expand("a@d.example"), addresses("a@d.example,b@d.example"));
+}
+
+TEST_F(AliasExpansion, TwoAliasesNamingEachOtherExpandToNothingAndNothingIsCached) {
+  addAlias("a@d.example", "b@d.example");
+  addAlias("b@d.example", "a@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_THAT(table.expandAlias(address("a@d.example")), IsEmpty());
+  EXPECT_EQ(statementsFor(table, "a@d.example"), 2U);
+}
+
+TEST_F(AliasExpansion, ACycleWithAWayOutExpandsToTheWayOut) {
+  addAlias("a@d.example", "b@d.example,x@d.example");
+  addAlias("b@d.example", "a@d.example,y@d.example");
+  EXPECT_EQ(expand("a@d.example"), addresses("x@d.example,y@d.example"));
+}
+
+TEST_F(AliasExpansion, ASecondCallIsServedFromTheCache) {
+  addAlias("a@d.example", "b@d.example");
+  addAlias("b@d.example", "c@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_THAT(statementsOf([&] {
+                EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("c@d.example"));
+              }),
+              ElementsAre("select * from alias where name='a@d.example'",
+                          "select * from alias where name='b@d.example'",
+                          "select * from alias where name='c@d.example'"));
+  EXPECT_THAT(statementsOf([&] {
+                EXPECT_EQ(table.expandAlias(address("A@D.example")), addresses("c@d.example"));
+              }),
+              IsEmpty());
+}
+
+TEST_F(AliasExpansion, EveryAddressIsAskedForOnce) {
+  addAlias("a@d.example", "b@d.example,c@d.example");
+  addAlias("b@d.example", "x@d.example");
+  addAlias("c@d.example", "b@d.example,x@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  EXPECT_EQ(statementsFor(store.aliasDb(""), "a@d.example"), 4U);
+}
+
+TEST_F(AliasExpansion, ACacheThatHoldsAsManyEntriesAsTheTableHasRowsStopsAsking) {
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+  EXPECT_EQ(statementsFor(table, "unknown@d.example"), 0U);
+}
+
+TEST_F(AliasExpansion, AnAddressThatIsNoAliasIsAskedForEveryTime) {
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_EQ(statementsFor(table, "unknown@d.example"), 1U);
+  EXPECT_EQ(statementsFor(table, "unknown@d.example"), 1U);
+}
+
+TEST_F(AliasExpansion, ATableOfMoreThan256RowsIsAlwaysAskedOnAMiss) {
+  std::string values;
+  for (int i = 0; i < 300; ++i) {
+    values += (i == 0 ? "" : ",") + std::string("( 'n") + std::to_string(i) +
+              "@d.example','m@d.example' )";
+  }
+  sql("insert into ts_address_map.alias ( name, members ) values " + values);
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_THAT(table.expandAlias(address("n" + std::to_string(i) + "@d.example")), SizeIs(1));
+  }
+  EXPECT_EQ(statementsFor(table, "unknown@d.example"), 1U);
+  // The first alias was evicted, the last one was not.
+  EXPECT_EQ(statementsFor(table, "n299@d.example"), 0U);
+  EXPECT_EQ(statementsFor(table, "n0@d.example"), 2U);
+}
+
+TEST_F(AliasExpansion, AStoreWithoutPreloadReturnsNothingAndAsksNothing) {
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, false);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_THAT(table.expandAlias(address("a@d.example")), IsEmpty());
+  EXPECT_EQ(statementsFor(table, "a@d.example"), 0U);
+}
+
+TEST_F(AliasExpansion, WritesDoNotReachCachedExpansions) {
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+  auto* const writer = static_cast<AddressAliasDbMySQL*>(table.impl());
+  writer->queryAdd(address("a@d.example"), addresses("new@d.example"));
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+  EXPECT_EQ(expand("a@d.example"), addresses("new@d.example"));
+}
+
+TEST_F(AliasExpansion, NamedTablesExpandOnTheirOwn) {
+  addAlias("a@d.example", "b@d.example");
+  Database::Connection connection("ts_address_map");
+  createAliasTable(connection, "alias_sales");
+  addAlias("a@d.example", "sales@d.example", "alias_sales");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  EXPECT_EQ(store.aliasDb("sales").expandAlias(address("a@d.example")),
+            addresses("sales@d.example"));
+}
+
+TEST_F(AliasExpansion, AFailedQueryIsWrappedAndNothingIsCached) {
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  sql("rename table ts_address_map.alias to ts_address_map.away");
+  const Exception got =
+      caught([&] { static_cast<void>(table.expandAlias(address("a@d.example"))); });
+  expectFacts(got, "expandAlias ", 4, "AddressAliasDbMySQL", 311);
+  ASSERT_NE(got.cause(), nullptr);
+  EXPECT_EQ(got.cause()->code(), 1146);
+  EXPECT_EQ(got.cause()->cause(), nullptr);
+  sql("rename table ts_address_map.away to ts_address_map.alias");
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+}
+
+TEST_F(AliasExpansion, AServerThatWasKilledAndRestartedIsAskedAgain) {
+  makeDurable();
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  auto& server = Testing::TestServer::shared();
+  server.kill();
+  const Exception got =
+      caught([&] { static_cast<void>(table.expandAlias(address("a@d.example"))); });
+  expectFacts(got, "expandAlias ", 4, "AddressAliasDbMySQL", 311);
+  server.restart();
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+}
+
+TEST_F(AliasExpansion, AServerThatRestartedBetweenTwoStatementsIsNotNoticed) {
+  makeDurable();
+  addAlias("a@d.example", "b@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  auto& server = Testing::TestServer::shared();
+  server.kill();
+  server.restart();
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("b@d.example"));
+}
+
+TEST_F(AliasExpansion, ThreadsThatCompleteTheCacheTogetherAllGetTheMembers) {
+  addAlias("a@d.example", "b@d.example");
+  for (int round = 0; round < 50; ++round) {
+    const AddressMapDb store(AddressMapDb::MySQL, true);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&store] {
+        EXPECT_EQ(store.aliasDb("").expandAlias(address("a@d.example")), addresses("b@d.example"));
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+}
+
+TEST_F(AliasExpansion, ManyThreadsMayExpandInOneTable) {
+  for (int i = 0; i < 20; ++i) {
+    addAlias("n" + std::to_string(i) + "@d.example", "x" + std::to_string(i) + "@d.example");
+  }
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&store, t] {
+      AddressAliasDb table = store.aliasDb("");
+      for (int n = 0; n < 200; ++n) {
+        const std::string number = std::to_string((n + t) % 20);
+        EXPECT_EQ(table.expandAlias(address("n" + number + "@d.example")),
+                  addresses("x" + number + "@d.example"));
+        // Refreshes the row count while others read it.
+        if (t == 0 && n % 50 == 0) table.exportToFile("/dev/null");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+// Expands in a configuration of its own: the domains d.example with users, and empty.example.
+class AllUsersExpansion : public AliasExpansion {
+ protected:
+  void SetUp() override {
+    AliasExpansion::SetUp();
+    m_before = getenv("TSL_CMF_PATH");
+    char folder[] = "/tmp/tsl-cmf-XXXXXX";
+    m_folder = mkdtemp(folder);
+    setenv("TSL_CMF_PATH", m_folder.c_str(), 1);
+    CMF::Writer writer;
+    writer.addDomain("d.example");
+    writer.addUser("d.example", "bob", CMF::MailUserMailbox);
+    writer.addUser("d.example", "Alice", CMF::MailUserMailbox);
+    writer.addUser("d.example", "gone", CMF::MailUserDisabled);
+    writer.addUser("d.example", "room", CMF::MailUserShared);
+    writer.addDomain("empty.example");
+    writer.commit();
+  }
+
+  void TearDown() override {
+    setenv("TSL_CMF_PATH", m_before.c_str(), 1);
+    std::filesystem::remove_all(m_folder);
+  }
+
+  std::string m_before;
+  std::string m_folder;
+};
+
+TEST_F(AllUsersExpansion, TheMarkerStandsForTheUserMailboxesOfTheDomain) {
+  addAlias("all@d.example", "allusers_d.example");
+  EXPECT_EQ(expand("all@d.example"), addresses("Alice@d.example,bob@d.example"));
+}
+
+TEST_F(AllUsersExpansion, TheLetterCaseOfTheMarkerDoesNotMatter) {
+  addAlias("all@D.example", "AllUsers_d.EXAMPLE");
+  EXPECT_EQ(expand("all@D.example"), addresses("Alice@d.example,bob@d.example"));
+}
+
+TEST_F(AllUsersExpansion, TheDomainIsWrittenAsInTheAliasThatWasAskedFor) {
+  addAlias("all@d.example", "allusers_d.example");
+  const auto users = expand("all@D.EXAMPLE");
+  ASSERT_THAT(users, SizeIs(2));
+  EXPECT_EQ(users.begin()->address(), "Alice@D.EXAMPLE");
+}
+
+TEST_F(AllUsersExpansion, TheMarkerWithOtherMembersIsNotReplaced) {
+  addAlias("all@d.example", "allusers_d.example,b@d.example");
+  EXPECT_EQ(expand("all@d.example"), addresses("allusers_d.example,b@d.example"));
+}
+
+TEST_F(AllUsersExpansion, TheMarkerOfAnotherDomainIsNotReplaced) {
+  addAlias("all@empty.example", "allusers_d.example");
+  EXPECT_EQ(expand("all@empty.example"), addresses("allusers_d.example"));
+}
+
+TEST_F(AllUsersExpansion, AnUnknownDomainLeavesTheMarker) {
+  addAlias("all@unknown.example", "allusers_unknown.example");
+  EXPECT_EQ(expand("all@unknown.example"), addresses("allusers_unknown.example"));
+}
+
+TEST_F(AllUsersExpansion, ADomainWithoutUsersExpandsToNothing) {
+  addAlias("all@empty.example", "allusers_empty.example");
+  EXPECT_THAT(expand("all@empty.example"), IsEmpty());
+}
+
+TEST_F(AllUsersExpansion, ADeeperMarkerIsReplacedWhenItIsTheOnlyResult) {
+  addAlias("all@d.example", "inner@d.example");
+  addAlias("inner@d.example", "allusers_d.example");
+  EXPECT_EQ(expand("all@d.example"), addresses("Alice@d.example,bob@d.example"));
+}
+
+TEST_F(AllUsersExpansion, ACachedMarkerIsReplacedByTheUsersOfTheMoment) {
+  addAlias("all@d.example", "allusers_d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("");
+  EXPECT_THAT(table.expandAlias(address("all@d.example")), SizeIs(2));
+  {
+    CMF::Writer writer;
+    writer.addUser("d.example", "carol", CMF::MailUserMailbox);
+    writer.commit();
+  }
+  EXPECT_THAT(table.expandAlias(address("all@d.example")), SizeIs(3));
+}
+
+TEST_F(AllUsersExpansion, AnUnreadableConfigurationLeavesTheMarker) {
+  addAlias("all@d.example", "allusers_d.example");
+  setenv("TSL_CMF_PATH", "/nonexistent/configuration", 1);
+  EXPECT_EQ(expand("all@d.example"), addresses("allusers_d.example"));
+}
+
+TEST_F(AllUsersExpansion, ManyThreadsMayExpandTheMarker) {
+  addAlias("all@d.example", "allusers_d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&store] {
+      const AddressAliasDb table = store.aliasDb("");
+      for (int n = 0; n < 100; ++n) {
+        EXPECT_THAT(table.expandAlias(address("all@d.example")), SizeIs(2));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
+}  // namespace Tessel

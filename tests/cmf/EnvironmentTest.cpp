@@ -1,0 +1,237 @@
+// Open environments: one per folder and process, replaced and damaged ones, forks.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cmf/ApsGwServerCache.h"
+#include "cmf/ConfigurationTest.h"
+#include "cmf/Writer.h"
+
+namespace Tessel::CMF {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class EnvironmentTest : public ConfigurationTest {};
+
+// Overwrites `length` bytes of a file from `offset` on.
+void s_overwrite(const std::string& file, std::streamoff offset, std::size_t length, char byte) {
+  std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+  stream.seekp(offset);
+  const std::string bytes(length, byte);
+  stream.write(bytes.data(), static_cast<std::streamsize>(length));
+  ASSERT_TRUE(stream.good());
+}
+
+TEST_F(EnvironmentTest, TheFolderMayBeNamedByManyPathsAtATime) {
+  addDomain("example.com", {"bob"});
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  std::filesystem::create_symlink(path(), folder() + "/link");
+  setVariable("TSL_CMF_PATH", folder() + "/link");
+  EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
+  setVariable("TSL_CMF_PATH", folder() + "/./cmf");
+  EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
+  // A second opening would have dropped this process's place in the table of readers.
+  const UserQuery query(cache->find("example.com")->domainId());
+  EXPECT_THAT(readers(path()), Contains(::getpid()));
+}
+
+TEST_F(EnvironmentTest, AnotherPathIsFollowedAtOnceAndTheOldHandleKeepsReadingTheOldOne) {
+  addDomain("one.example", {"bob"});
+  const RefApsGwServerCache one = RefApsGwServerCache::instance(false);
+  setVariable("TSL_CMF_PATH", folder() + "/other");
+  addDomain("two.example", {"ann"});
+  const RefApsGwServerCache two = RefApsGwServerCache::instance(false);
+  EXPECT_TRUE(two->find("one.example").isNull());
+  EXPECT_FALSE(two->find("two.example").isNull());
+  EXPECT_FALSE(one->find("one.example").isNull());
+  EXPECT_TRUE(one->find("two.example").isNull());
+  setVariable("TSL_CMF_PATH", path());
+  EXPECT_THAT(usersOf("one.example"), ElementsAre("bob"));
+}
+
+TEST_F(EnvironmentTest, AFolderRenamedIntoPlaceIsFollowedAtOnce) {
+  addDomain("old.example", {"bob"});
+  const RefApsGwServerCache old = RefApsGwServerCache::instance(false);
+  EXPECT_EQ(inChild([this] {
+              setVariable("TSL_CMF_PATH", folder() + "/new");
+              addDomain("new.example", {"ann"});
+            }),
+            0);
+  std::filesystem::rename(path(), folder() + "/old");
+  EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }), HasSubstr(path()));
+  std::filesystem::rename(folder() + "/new", path());
+  EXPECT_THAT(usersOf("new.example"), ElementsAre("ann"));
+  EXPECT_TRUE(RefApsGwServerCache::instance(false)->find("old.example").isNull());
+  EXPECT_FALSE(old->find("old.example").isNull());
+}
+
+TEST_F(EnvironmentTest, DataReplacedBesideALockFileInUseIsRefused) {
+  addDomain("example.com", {"bob"});
+  {
+    const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+    std::filesystem::copy_file(path() + "/data.mdb", path() + "/copy");
+    std::filesystem::rename(path() + "/copy", path() + "/data.mdb");
+    EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }),
+                HasSubstr("replaced beside a lock.mdb in use"));
+  }
+  // Nobody uses the old one any more.
+  EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
+}
+
+TEST_F(EnvironmentTest, ReopeningKeepsWhatIsInUseAndOpensWhatIsNot) {
+  addDomain("example.com", {"bob"});
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  const UserQuery query(cache->find("example.com")->domainId());
+  const RefApsGwServerCache again = RefApsGwServerCache::instance(true);
+  EXPECT_FALSE(again->find("example.com").isNull());
+  EXPECT_EQ(query.size(), 1);
+  EXPECT_STREQ(query.begin()->user_name, "bob");
+}
+
+TEST_F(EnvironmentTest, ReopeningAReaderThatWasOpenedBeforeTheMapGrewHelps) {
+  setVariable("TSL_CMF_MAP_MIB", "1");
+  addDomain("example.com", {"bob"});
+  {
+    const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+    setVariable("TSL_CMF_MAP_MIB", "");
+    EXPECT_EQ(inChild([] { addDomain("big.example", manyUsers(20000)); }), 0);
+    EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }),
+                HasSubstr("TSL_CMF_MAP_MIB"));
+  }
+  EXPECT_FALSE(RefApsGwServerCache::instance(true)->find("big.example").isNull());
+}
+
+TEST_F(EnvironmentTest, AnUnknownFormatVersionIsRefusedByReadersAndWriters) {
+  addDomain("example.com", {"bob"});
+  MetaRecord meta{};
+  std::copy_n(s_formatMagic, sizeof(s_formatMagic), meta.magic);
+  meta.version = 2;
+  putRaw(path(), text(Key(0, 0)), std::string(reinterpret_cast<const char*>(&meta), sizeof(meta)));
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  const std::string want = "format version 2, this program knows version 1";
+  EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }), HasSubstr(want));
+  EXPECT_THAT(failureOf([] { const UserQuery query(1); }), HasSubstr(want));
+  EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr(want));
+}
+
+TEST_F(EnvironmentTest, AnEnvironmentOfAnotherProgramIsRefusedByReadersAndWriters) {
+  std::filesystem::create_directory(path());
+  putRaw(path(), "a colour", "is green");
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }),
+              HasSubstr("nothing was stored yet"));
+  EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("no configuration"));
+  putRaw(path(), text(Key(0, 0)), "sixteen letters!");
+  EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }),
+              HasSubstr("no configuration"));
+  EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("no configuration"));
+}
+
+TEST_F(EnvironmentTest, AFileThatIsNoEnvironmentIsRefused) {
+  EXPECT_EQ(inChild([] { addDomain("example.com", {"bob"}); }), 0);
+  s_overwrite(path() + "/data.mdb", 0, 8192, 'x');
+  const std::string detail = failureOf([] { RefApsGwServerCache::instance(false); });
+  EXPECT_THAT(detail, HasSubstr("damaged"));
+  EXPECT_THAT(detail, HasSubstr(path()));
+  EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("damaged"));
+}
+
+TEST_F(EnvironmentTest, ATreeOverwrittenWithZerosIsAFailureNotAnEmptyConfiguration) {
+  EXPECT_EQ(inChild([] { addDomain("example.com", manyUsers(1000)); }), 0);
+  const auto size = std::filesystem::file_size(path() + "/data.mdb");
+  s_overwrite(path() + "/data.mdb", 8192, size - 8192, '\0');
+  EXPECT_THAT(failureOf([] {
+                static_cast<void>(RefApsGwServerCache::instance(false)->find("example.com"));
+              }),
+              HasSubstr("damaged"));
+}
+
+TEST_F(EnvironmentTest, ACutOffFileIsRefused) {
+  EXPECT_EQ(inChild([] { addDomain("example.com", manyUsers(10000)); }), 0);
+  const auto size = std::filesystem::file_size(path() + "/data.mdb");
+  std::filesystem::resize_file(path() + "/data.mdb", size / 2);
+  const std::string detail = failureOf([] { RefApsGwServerCache::instance(false); });
+  EXPECT_THAT(detail, HasSubstr("cut off"));
+  EXPECT_THAT(detail, HasSubstr(path()));
+}
+
+TEST_F(EnvironmentTest, AForkedChildReadsAndWritesThroughItsOwnEnvironment) {
+  const std::uint32_t id = addDomain("example.com", manyUsers(1000));
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  const UserQuery query(id);
+  EXPECT_EQ(inChild([&] {
+              // The inherited handle serves, through an environment that the child opens.
+              EXPECT_FALSE(cache->find("example.com").isNull());
+              EXPECT_EQ(usersOf(id).size(), 1000U);
+              const UserQuery own(id);
+              EXPECT_THAT(readers(path()), Contains(::getpid()));
+              addDomain("child.example", {"bob"});
+            }),
+            0);
+  EXPECT_FALSE(cache->find("child.example").isNull());
+  EXPECT_THAT(readers(path()), Contains(::getpid()));
+}
+
+TEST_F(EnvironmentTest, AQueryDoesNotSurviveAForkAndItsParentKeepsItsState) {
+  const std::uint32_t id = addDomain("example.com", manyUsers(5000));
+  auto query = std::make_unique<UserQuery>(id);
+  ASSERT_EQ(query->size(), 5000);
+  EXPECT_EQ(inChild([&] {
+              EXPECT_THAT(failureOf([&] { static_cast<void>(*query->begin()); }),
+                          HasSubstr("before the fork"));
+              query.reset();
+            }),
+            0);
+  // Had the child given up the parent's snapshot, its pages would be used again here.
+  for (int round = 0; round < 4; ++round) {
+    EXPECT_EQ(inChild([&] {
+                Writer writer;
+                writer.removeDomain("other.example");
+                writer.addDomain("other.example");
+                for (const std::string& user : manyUsers(5000)) {
+                  writer.addUser("example.com", user,
+                                 round % 2 == 0 ? MailUserShared : MailUserDisabled);
+                  writer.addUser("other.example", user, MailUserMailbox);
+                }
+                writer.commit();
+              }),
+              0);
+  }
+  int index = 0;
+  const std::vector<std::string> want = manyUsers(5000);
+  for (const __aps_mail_user& user : *query) {
+    ASSERT_EQ(user.user_name, want.at(static_cast<std::size_t>(index)));
+    ASSERT_EQ(user.kind, MailUserMailbox);
+    ++index;
+  }
+  EXPECT_EQ(index, 5000);
+}
+
+TEST_F(EnvironmentTest, AReaderThatIsKilledLeavesNothingBehind) {
+  const std::uint32_t id = addDomain("example.com", {"bob"});
+  const Signal reading;
+  Child reader([&] {
+    const UserQuery query(id);
+    reading.send();
+    ::pause();
+  });
+  reading.await();
+  const pid_t pid = reader.pid();
+  EXPECT_THAT(readers(path()), Contains(pid));
+  reader.kill();
+  EXPECT_THAT(readers(path()), Contains(pid));
+  addDomain("example.org", {});
+  EXPECT_THAT(readers(path()), Not(Contains(pid)));
+}
+
+}  // namespace
+}  // namespace Tessel::CMF

@@ -1,0 +1,107 @@
+// Tests of the store handle.
+#include "AddressMapDb.h"
+
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "map/AddressMapDbImpl.h"
+#include "map/FakeStore.h"
+#include "support/Caught.h"
+#include "support/MapDatabase.h"
+
+namespace Tessel {
+namespace {
+
+using Testing::caught;
+using testing::ElementsAre;
+using Testing::expectFacts;
+using Testing::FakeStore;
+using testing::IsEmpty;
+using Testing::StoreEvents;
+
+constexpr auto s_unknownType = static_cast<AddressMapDb::Type>(2);
+
+TEST(AddressMapDb, AnUnknownTypeIsRefused) {
+  const Exception got = caught([] { const AddressMapDb store(s_unknownType, true); });
+  expectFacts(got, "AddressMapDb::AddressMapDb", 4, "AddressMapDb", 15, "Unknown Storage type");
+  EXPECT_EQ(got.cause(), nullptr);
+}
+
+TEST(AddressMapDb, InitializingAnUnknownTypeIsRefused) {
+  const Exception got = caught([] { AddressMapDb::initialize(s_unknownType, true); });
+  expectFacts(got, "AddressMapDb::initialize", 4, "AddressMapDb", 135, "Unknown Storage type");
+  EXPECT_EQ(got.cause(), nullptr);
+}
+
+TEST(AddressMapDb, ATableThatCannotBeCreatedIsReportedWithTheConstructorsContext) {
+  StoreEvents events;
+  const AddressMapDb store(new FakeStore(events));
+  expectFacts(caught([&] { static_cast<void>(store.maskDb("none")); }),
+              "AddressMapDb::AddressMapDb", 4, "AddressMapDb", 77, "Could not create MaskDb");
+  expectFacts(caught([&] { static_cast<void>(store.aliasDb("none")); }),
+              "AddressMapDb::AddressMapDb", 4, "AddressMapDb", 114, "Could not create AliasDb");
+}
+
+TEST(AddressMapDb, CopiesShareTheStoreAndSelfAssignmentChangesNothing) {
+  StoreEvents events;
+  {
+    AddressMapDb store(new FakeStore(events));
+    const AddressMapDb copy(store);
+    EXPECT_EQ(store.aliasDb("a").impl(), copy.aliasDb("a").impl());
+    const AddressMapDb& itself = store;
+    store = itself;
+    EXPECT_EQ(store.aliasDb("a").impl(), copy.aliasDb("a").impl());
+    EXPECT_EQ(events.storesDestroyed, 0);
+  }
+  EXPECT_EQ(events.storesDestroyed, 1);
+}
+
+TEST(AddressMapDb, ADefaultHandleMayBeCopiedAndAssigned) {
+  StoreEvents events;
+  const AddressMapDb none;
+  AddressMapDb target(new FakeStore(events));
+  target = none;
+  EXPECT_EQ(events.storesDestroyed, 1);
+  const AddressMapDb copy(target);
+}
+
+using AddressMapDbOnServer = Testing::MapDatabase;
+
+TEST_F(AddressMapDbOnServer, AnUnknownTypeIsRefusedBeforeAnyConnectionIsMade) {
+  const auto connections = [] { return sql("show global status like 'Connections'").at(0).at(1); };
+  // The helper's own connection is reused, so only a new one of the code under test would count.
+  const std::string before = connections();
+  caught([] { const AddressMapDb store(s_unknownType, true); });
+  caught([] { AddressMapDb::initialize(s_unknownType, true); });
+  EXPECT_EQ(connections(), before);
+}
+
+TEST_F(AddressMapDbOnServer, OpeningWithPreloadReadsTheMaskTableAndThenTheAliasTable) {
+  EXPECT_THAT(statementsOf([] { const AddressMapDb store(AddressMapDb::MySQL, true); }),
+              ElementsAre("select * from mask where private not like '%*%'",
+                          "select * from mask where private like '%*%' or public like '%*%'",
+                          "select * from alias"));
+}
+
+TEST_F(AddressMapDbOnServer, OpeningWithoutPreloadAsksNothing) {
+  EXPECT_THAT(statementsOf([] { const AddressMapDb store(AddressMapDb::MySQL, false); }),
+              IsEmpty());
+}
+
+TEST_F(AddressMapDbOnServer, AFailedPreloadLeavesTheConstructorUnchanged) {
+  sql("drop table ts_address_map.alias");
+  const Exception got = caught([] { const AddressMapDb store(AddressMapDb::MySQL, true); });
+  EXPECT_EQ(got.code(), 1146) << got.what();
+  EXPECT_EQ(got.cause(), nullptr);
+}
+
+TEST_F(AddressMapDbOnServer, AMissingDatabaseIsAnErrorWhenTheStoreIsOpened) {
+  sql("drop database ts_address_map");
+  const Exception got = caught([] { const AddressMapDb store(AddressMapDb::MySQL, false); });
+  EXPECT_EQ(got.code(), 1049) << got.what();
+}
+
+}  // namespace
+}  // namespace Tessel

@@ -1,0 +1,304 @@
+#!/usr/bin/env bats
+# The checks find what they are for: each is run over a small tree with one fault in it, and over the
+# same tree without.
+
+setup() {
+  tree=$BATS_TEST_TMPDIR/tree
+  mkdir -p "$tree"/{include2,src/core,src/map,src/alias,platform/base,platform/database,tests/base,packaging,docs}
+  cd "$tree"
+  echo 1.2.3 >VERSION
+  printf '# Changes\n\n## 1.2.3\n' >CHANGELOG.md
+  printf 'BasedOnStyle: Google\nColumnLimit: 100\n' >.clang-format
+  printf '// Thing.\n#ifndef THING_H\n#define THING_H\n#include <string>\ninline std::string thing() { return "thing"; }\n#endif\n' \
+    >platform/base/Thing.h
+  printf '// Thing.\n#include "base/Thing.h"\n' >platform/base/Thing.cpp
+  printf '// Test.\n#include "base/Thing.h"\n' >tests/base/ThingTest.cpp
+  printf 'tsl_test(base_tests SOURCES ThingTest.cpp)\n' >tests/base/CMakeLists.txt
+  printf '// Face.\n#include "base/Thing.h"\n' >include2/Face.h
+}
+
+check() { run "$TSL_SOURCE/scripts/$1" "$tree"; }
+
+passes() {
+  check "$1"
+  echo "$output"
+  [ "$status" -eq 0 ]
+}
+
+# fails CHECK TEXT: the check ends with 1 and says TEXT.
+fails() {
+  check "$1"
+  echo "$output"
+  [ "$status" -eq 1 ]
+  [[ $output == *"$2"* ]]
+}
+
+@test "check-format passes a tidy tree" { passes check-format; }
+
+@test "check-format finds what clang-format would change" {
+  printf '// Thing.\nint  thing( );\n' >platform/base/Ugly.h
+  fails check-format "platform/base/Ugly.h:2"
+}
+
+@test "check-format finds a character outside ASCII" {
+  printf '// Gr\xc3\xbc\xc3\x9fe.\n' >platform/base/Umlaut.h
+  fails check-format "not ASCII: platform/base/Umlaut.h:1"
+}
+
+@test "check-format finds blanks at the end of a line" {
+  printf 'Text. \n' >docs/text.md
+  fails check-format "blank at the end of a line: docs/text.md:1"
+}
+
+@test "check-format finds a missing last line feed" {
+  printf 'Text.' >docs/text.md
+  fails check-format "no line feed at the end: docs/text.md"
+}
+
+@test "check-format does not pass an empty tree" {
+  rm -r platform include2 tests
+  fails check-format "no sources found"
+}
+
+@test "check-headers passes headers that stand alone" { passes check-headers; }
+
+@test "check-headers finds a header that leans on another" {
+  printf '// Leans.\ninline std::string leans() { return ""; }\n' >src/core/Leans.h
+  fails check-headers "does not compile alone: src/core/Leans.h"
+}
+
+@test "check-headers finds a missing include guard" {
+  printf '// Twice.\ninline int twice() { return 2; }\n' >src/core/Twice.h
+  fails check-headers "does not compile alone: src/core/Twice.h"
+}
+
+@test "check-headers finds a C header that is not C" {
+  printf '#ifndef C_H\n#define C_H\n#ifdef __cplusplus\nextern "C" {\n#endif\nint f(bool flag);\n#ifdef __cplusplus\n}\n#endif\n#endif\n' \
+    >src/core/c.h
+  fails check-headers "src/core/c.h (as C11)"
+}
+
+@test "check-layers passes includes that go down" {
+  printf '#include "base/Thing.h"\n' >src/core/Down.h
+  passes check-layers
+}
+
+@test "check-layers finds an include that goes up" {
+  printf '// Up.\n' >src/map/Up.h
+  printf '#include "map/Up.h"\n' >platform/base/Thing.cpp
+  fails check-layers "platform/base/Thing.cpp includes src/map/Up.h, which stands above it"
+}
+
+@test "check-layers finds a relative include that goes up" {
+  printf '// Up.\n' >src/map/Up.h
+  printf '#include "../map/Up.h"\n' >src/core/Sneaks.h
+  fails check-layers "src/core/Sneaks.h includes"
+}
+
+@test "check-layers finds a third-party header in a foreign folder" {
+  printf '#include <mysql.h>\n' >src/map/Direct.cpp
+  printf '#include <lmdb.h>\n' >platform/database/Direct.cpp
+  fails check-layers "src/map/Direct.cpp: <mysql.h> belongs to platform/database"
+  [[ $output == *"platform/database/Direct.cpp: <lmdb.h> belongs to platform/cmf"* ]]
+}
+
+@test "check-layers finds a public header that includes a private one" {
+  printf '// Private.\n' >src/map/Private.h
+  printf '#include "../src/map/Private.h"\n' >include2/Face.h
+  fails check-layers "a public header includes"
+}
+
+@test "check-layers finds a public header that reaches Boost behind others" {
+  printf '#include <boost/version.hpp>\n' >platform/base/Thing.h
+  fails check-layers "include2/Face.h reaches"
+}
+
+@test "check-layers does not pass a tree without sources" {
+  rm -r include2 src platform tests
+  fails check-layers "no sources found"
+}
+
+@test "check-tests passes a source with a test that is built" { passes check-tests; }
+
+@test "check-tests finds a source without a test" {
+  printf '// Lonely.\n' >src/core/Lonely.cpp
+  fails check-tests "no test: src/core/Lonely.cpp"
+}
+
+@test "check-tests finds a test that is not built" {
+  printf '// Other.\n' >tests/base/OtherTest.cpp
+  fails check-tests "not built: tests/base/OtherTest.cpp"
+}
+
+@test "check-tests finds a suite that is not run" {
+  printf "@test \"x\" { true; }\n" >tests/base/other.bats
+  fails check-tests "not run: tests/base/other.bats"
+}
+
+@test "check-tests finds a test that is switched off" {
+  off=DISABLED
+  printf 'TEST(Thing, %s_DoesSomething) {}\n' "$off" >>tests/base/ThingTest.cpp
+  fails check-tests "a test is switched off: tests/base/ThingTest.cpp"
+}
+
+@test "check-tests finds a change log of another version" {
+  printf '# Changes\n\n## 1.2.4\n\n## 1.2.3\n' >CHANGELOG.md
+  fails check-tests "VERSION says '1.2.3', CHANGELOG.md begins with '1.2.4'"
+}
+
+# A build tree's compile commands for one source.
+compile_commands() {
+  mkdir -p build/release
+  printf '[\n{\n  "directory": "%s",\n  "command": "/usr/bin/c++ -Iplatform -std=c++20 -o x.o -c %s/%s",\n  "file": "%s/%s"\n}\n]\n' \
+    "$tree" "$tree" "$1" "$tree" "$1" >build/release/compile_commands.json
+}
+
+guarded_source() {  # With the lock taken, or not.
+  cat <<END
+struct __attribute__((capability("mutex"))) Lock {
+  void lock() __attribute__((acquire_capability()));
+  void unlock() __attribute__((release_capability()));
+};
+Lock s_lock;
+int s_value __attribute__((guarded_by(s_lock)));
+int value() {
+  $1
+  const int result = s_value;
+  $2
+  return result;
+}
+END
+}
+
+@test "check-thread-safety passes a guarded field under its lock" {
+  guarded_source "s_lock.lock();" "s_lock.unlock();" >platform/base/Guarded.cpp
+  compile_commands platform/base/Guarded.cpp
+  passes check-thread-safety
+}
+
+@test "check-thread-safety finds a guarded field without its lock" {
+  guarded_source "" "" >platform/base/Guarded.cpp
+  compile_commands platform/base/Guarded.cpp
+  fails check-thread-safety "the analysis of locks fails: platform/base/Guarded.cpp"
+}
+
+@test "check-thread-safety does not pass without a build tree" {
+  fails check-thread-safety "run cmake --preset release first"
+}
+
+@test "check-tidy finds what the rules forbid, and passes what they allow" {
+  cp "$TSL_SOURCE/.clang-tidy" .
+  printf 'int* nothing() { return nullptr; }\n' >platform/base/Null.cpp
+  compile_commands platform/base/Null.cpp
+  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy"
+  echo "$output"
+  [ "$status" -eq 0 ]
+  printf 'int* nothing() { return 0; }\n' >platform/base/Null.cpp
+  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy"
+  [ "$status" -eq 1 ]
+  [[ $output == *"clang-tidy finds faults: platform/base/Null.cpp"* ]]
+}
+
+# Two libraries with the names ours have, exporting one function each.
+build_libraries() {
+  mkdir -p build/release/lib
+  printf 'extern "C" int tsl_thing() { return 1; }\n%s\n' "${1:-}" >thing.cpp
+  g++ -shared -fPIC thing.cpp -o build/release/lib/libtslplatform.so.1
+  cp build/release/lib/libtslplatform.so.1 build/release/lib/libtsladdressmap.so.1
+}
+
+@test "check-exports passes names as listed, and takes a new list" {
+  build_libraries
+  fails check-exports "no list: packaging/libtslplatform.symbols"
+  run "$TSL_SOURCE/scripts/check-exports" --update "$tree"
+  [ "$status" -eq 0 ]
+  grep -qx tsl_thing packaging/libtsladdressmap.symbols
+  passes check-exports
+}
+
+@test "check-exports finds a name that is not listed and one that is gone" {
+  build_libraries
+  "$TSL_SOURCE/scripts/check-exports" --update "$tree"
+  echo tsl_gone >>packaging/libtslplatform.symbols
+  build_libraries 'namespace Tessel { int fresh() { return 2; } }'
+  fails check-exports "exported and not listed: Tessel::fresh()"
+  [[ $output == *"no longer exported: tsl_gone"* ]]
+}
+
+@test "check-exports does not pass libraries that are not built" {
+  fails check-exports "not built: build/release/lib/libtslplatform.so.1"
+}
+
+# Documents that tell what the small tree does, and a program whose help is like the tool's.
+write_documents() {
+  mkdir -p build/release/bin examples
+  cat >build/release/bin/tsl-address-map <<'END'
+#!/bin/sh
+case "$*" in
+  --help) printf 'Options:\n  -h,--help  Help\n  --json  JSON\n\nSubcommands:\n  alias  Aliases\n\nExamples:\n  none\n' ;;
+  "alias --help") printf 'Options:\n  -h,--help  Help\n\nSubcommands:\n  set  Set\n\nMore.\n' ;;
+  "alias set --help") printf 'Options:\n  -h,--help  Help\n' ;;
+esac
+END
+  chmod +x build/release/bin/tsl-address-map
+  printf '### `alias set ADDRESS`\n\n`--json`, `--help`\n' >docs/tool.md
+  printf '`TSL_THING`\n' >docs/configuration.md
+  printf '| Where | Context | Code | File | Line | Detail | Cause |\n| thing | `doThing` | 4 | `Thing` | 7 | | |\n\n`0x3000001`\n' >docs/failures.md
+  printf 'None.\n' >docs/contributing.md
+  printf '// Thing.\nvoid f() { getenv("TSL_THING"); throw Exception("doThing", 4, "Thing", 7); }\nint code = 0x3000001;\n' \
+    >src/map/Thing.cpp
+  printf 'int main() {}\n' >examples/expand.cpp
+  printf 'See [tool](docs/tool.md).\n\n```cpp\nint main() {}\n```\n' >README.md
+}
+
+@test "check-docs passes documents that tell what the sources do" {
+  write_documents
+  passes check-docs
+}
+
+@test "check-docs finds a command that is not documented, and one that is not there" {
+  write_documents
+  printf '### `alias drop ADDRESS`\n\n`--json`, `--help`\n' >docs/tool.md
+  fails check-docs "docs/tool.md: command not documented: alias set"
+  [[ $output == *"docs/tool.md: documented, but no command: alias drop"* ]]
+}
+
+@test "check-docs finds an option that is not documented" {
+  write_documents
+  sed -i 's/--json/--yaml/' docs/tool.md
+  fails check-docs "docs/tool.md: option not documented: --json"
+  [[ $output == *"documented, but no option: --yaml"* ]]
+}
+
+@test "check-docs finds an environment variable that is not documented" {
+  write_documents
+  printf 'None.\n' >docs/configuration.md
+  fails check-docs "environment variable not documented: TSL_THING"
+}
+
+@test "check-docs finds an error whose line differs" {
+  write_documents
+  sed -i 's/"Thing", 7/"Thing", 8/' src/map/Thing.cpp
+  fails check-docs 'no row for "doThing", code 4, Thing, 8'
+}
+
+@test "check-docs finds a log code that is not documented" {
+  write_documents
+  sed -i 's/0x3000001/0x3000002/' src/map/Thing.cpp
+  fails check-docs "log code not documented: 0x3000002"
+  [[ $output == *"documented, but no log code: 0x3000001"* ]]
+}
+
+@test "check-docs finds an example that differs from its file, and a broken link" {
+  write_documents
+  printf 'See [tool](docs/tools.md).\n\n```cpp\nint main() { return 1; }\n```\n' >README.md
+  fails check-docs "README.md: its C++ example is not examples/expand.cpp"
+  [[ $output == *"README.md: broken link: docs/tools.md"* ]]
+}
+
+@test "check-docs finds a check that nobody is told of" {
+  write_documents
+  mkdir scripts
+  printf '#!/bin/sh\n' >scripts/check-more
+  fails check-docs "docs/contributing.md: not mentioned: scripts/check-more"
+}

@@ -1,0 +1,94 @@
+#!/usr/bin/env bats
+# scripts/setup-packages with the real package data base of this machine, or a copy of it in which
+# packages are missing. Nothing is installed here: an apt-get of our own writes down its arguments.
+
+setup() {
+  setup_packages=$TSL_SOURCE/scripts/setup-packages
+  bin=$BATS_TEST_TMPDIR/bin
+  calls=$BATS_TEST_TMPDIR/calls
+  mkdir "$bin"
+  printf '#!/bin/bash\necho "apt-get $*" >>"%s"\n' "$calls" >"$bin/apt-get"
+  printf '#!/bin/bash\n[[ $1 == -n ]] && shift\nexec "$@"\n' >"$bin/sudo"
+  chmod +x "$bin"/*
+}
+
+# A copy of the package data base without the packages named.
+without() {
+  mkdir -p "$BATS_TEST_TMPDIR/dpkg"
+  local names
+  names=$(IFS='|' && echo "$*")
+  awk -v RS= -v ORS='\n\n' -v names="^Package: ($names)\$" \
+    '{split($0, lines, "\n"); if (lines[1] !~ names) print}' /var/lib/dpkg/status \
+    >"$BATS_TEST_TMPDIR/dpkg/status"
+  export DPKG_ADMINDIR=$BATS_TEST_TMPDIR/dpkg
+}
+
+@test "nothing is said and done when nothing is missing" {
+  PATH=$bin:$PATH run "$setup_packages" test
+  [ "$status" -eq 0 ]
+  [ -z "$output" ]
+  [ ! -e "$calls" ]
+}
+
+@test "what is missing is named and installed, and nothing else" {
+  without bats liblmdb-dev
+  PATH=$bin:$PATH run "$setup_packages" test
+  echo "$output"
+  [ "$status" -eq 0 ]
+  [[ $output == "Installing missing packages: liblmdb-dev bats"* ]]
+  [ "$(sed -n 1p "$calls")" = "apt-get update --quiet" ]
+  [ "$(sed -n 2p "$calls")" = "apt-get install --yes --quiet --no-install-recommends liblmdb-dev bats" ]
+}
+
+@test "the demo does not need what only the tests need" {
+  without bats libgtest-dev clang-14
+  PATH=$bin:$PATH run "$setup_packages" demo
+  [ "$status" -eq 0 ]
+  [ ! -e "$calls" ]
+}
+
+@test "a failing apt-get is a failure" {
+  without bats
+  printf '#!/bin/bash\nexit 100\n' >"$bin/apt-get"
+  PATH=$bin:$PATH run "$setup_packages" test
+  [ "$status" -eq 100 ]
+}
+
+@test "without the rights of root the command to run is told" {
+  without bats
+  rm "$bin/sudo"
+  printf '#!/bin/bash\nexit 1\n' >"$bin/sudo"
+  chmod +x "$bin/sudo"
+  as_nobody=()
+  if ((EUID == 0)); then
+    as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+    # The folders above are the caller's own.
+    cp "$setup_packages" "$bin/setup-packages"
+    cp "$DPKG_ADMINDIR/status" "$bin/status"
+    folder=$(mktemp -d /tmp/setup-packages.XXXXXX)
+    mv "$bin" "$folder/bin"
+    chmod 755 "$folder"
+    bin=$folder/bin
+    setup_packages=$bin/setup-packages
+    DPKG_ADMINDIR=$bin
+  fi
+  PATH=$bin:$PATH run "${as_nobody[@]}" "$setup_packages" test </dev/null
+  [ -z "${folder:-}" ] || rm -r "$folder"
+  echo "$output"
+  [ "$status" -eq 1 ]
+  [[ $output == *"apt-get update && apt-get install --yes --no-install-recommends bats"* ]]
+}
+
+@test "on another system the packages are named" {
+  PATH=/nonexistent run /bin/bash "$setup_packages" demo
+  echo "$output"
+  [ "$status" -eq 1 ]
+  [[ $output == *"not a Debian system"*"libmariadb-dev"* ]]
+  PATH=/nonexistent TSL_SETUP=skip run /bin/bash "$setup_packages" demo
+  [ "$status" -eq 0 ]
+}
+
+@test "an unknown list is refused" {
+  run "$setup_packages" everything
+  [ "$status" -eq 64 ]
+}

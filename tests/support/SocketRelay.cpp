@@ -1,0 +1,162 @@
+// SocketRelay: one thread that accepts, one for each connection.
+#include "support/SocketRelay.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+
+namespace Tessel::Testing {
+
+namespace {
+
+// How often a waiting thread looks whether it shall end, in milliseconds.
+constexpr int s_look = 5;
+
+sockaddr_un s_address(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) throw std::runtime_error("socket path too long");
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  return address;
+}
+
+std::size_t s_index(SocketRelay::Direction direction) {
+  return direction == SocketRelay::Direction::ToServer ? 0 : 1;
+}
+
+}  // namespace
+
+SocketRelay::SocketRelay(const std::string& path, const std::string& serverPath)
+    : m_path(path),
+      m_serverPath(serverPath),
+      m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  const sockaddr_un address = s_address(path);
+  if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(m_listener, SOMAXCONN) != 0) {
+    throw std::runtime_error("relay cannot listen on " + path);
+  }
+  m_acceptor = std::thread([this] { accept(); });
+}
+
+SocketRelay::~SocketRelay() {
+  m_stopping = true;
+  m_acceptor.join();
+  for (std::thread& thread : m_relays) thread.join();
+  close(m_listener);
+  unlink(m_path.c_str());
+}
+
+void SocketRelay::cutAfter(Direction direction, std::size_t bytes, bool thenRefuse) {
+  m_hasCut = false;
+  m_thenRefuse = thenRefuse;
+  m_left[s_index(direction)] = bytes;
+}
+
+bool SocketRelay::endCut() {
+  m_left[0] = s_noCut;
+  m_left[1] = s_noCut;
+  m_thenRefuse = false;
+  return m_hasCut.exchange(false);
+}
+
+std::vector<std::string> SocketRelay::statements() const {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  return m_statements;
+}
+
+std::size_t SocketRelay::passed(Direction direction) const {
+  return m_passed[s_index(direction)];
+}
+
+void SocketRelay::accept() {
+  while (!m_stopping) {
+    pollfd waiting{m_listener, POLLIN, 0};
+    if (poll(&waiting, 1, s_look) != 1) continue;
+    const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    ++m_connections;
+    if (m_hasCut && m_thenRefuse) {
+      close(client);
+      continue;
+    }
+    m_relays.emplace_back([this, client] { relay(client); });
+  }
+}
+
+void SocketRelay::relay(int client) {
+  const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = s_address(m_serverPath);
+  bool open = connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  std::string packets;  // From the client, as far as they are not looked at.
+  while (open && !m_stopping) {
+    std::array<pollfd, 2> waiting{{{client, POLLIN, 0}, {server, POLLIN, 0}}};
+    // What is held stays in the server's socket.
+    if (poll(waiting.data(), m_held ? 1 : 2, s_look) <= 0) continue;
+    if (waiting[0].revents != 0) open = pass(client, server, Direction::ToServer, packets);
+    if (open && waiting[1].revents != 0) open = pass(server, client, Direction::ToClient, packets);
+  }
+  close(client);
+  close(server);
+}
+
+bool SocketRelay::pass(int from, int to, Direction direction, std::string& packets) {
+  std::array<char, 16384> bytes{};
+  const ssize_t count = recv(from, bytes.data(), bytes.size(), 0);
+  if (count <= 0) return false;
+  bool cut = false;
+  std::size_t size = allowed(direction, static_cast<std::size_t>(count), cut);
+  m_passed[s_index(direction)] += size;
+  if (direction == Direction::ToServer) {
+    packets.append(bytes.data(), size);
+    recordStatements(packets);
+  }
+  const char* at = bytes.data();
+  while (size > 0) {
+    const ssize_t sent = send(to, at, size, MSG_NOSIGNAL);
+    if (sent <= 0) return false;
+    at += sent;
+    size -= static_cast<std::size_t>(sent);
+  }
+  return !cut;
+}
+
+// A packet is three bytes of length, one of sequence number, and what it carries: for a statement
+// the command byte 3 and the text. Commands start a new sequence.
+void SocketRelay::recordStatements(std::string& packets) {
+  constexpr std::size_t header = 4;
+  constexpr char query = 3;
+  while (packets.size() >= header) {
+    const auto byte = [&packets](std::size_t i) {
+      return static_cast<std::size_t>(static_cast<unsigned char>(packets[i]));
+    };
+    const std::size_t length = byte(0) | byte(1) << 8U | byte(2) << 16U;
+    if (packets.size() < header + length) return;
+    if (packets[3] == 0 && length > 1 && packets[header] == query) {
+      const std::lock_guard<std::mutex> guard(m_mutex);
+      m_statements.push_back(packets.substr(header + 1, length - 1));
+    }
+    packets.erase(0, header + length);
+  }
+}
+
+// How much of `size` bytes may pass; sets `cut` when the connection breaks behind them.
+std::size_t SocketRelay::allowed(Direction direction, std::size_t size, bool& cut) {
+  std::atomic<std::size_t>& left = m_left[s_index(direction)];
+  std::size_t limit = left;
+  while (limit != s_noCut) {
+    cut = size >= limit;
+    if (left.compare_exchange_weak(limit, cut ? s_noCut : limit - size)) {
+      if (cut) m_hasCut = true;
+      return cut ? limit : size;
+    }
+  }
+  cut = false;
+  return size;
+}
+
+}  // namespace Tessel::Testing

@@ -1,0 +1,341 @@
+// LocalServer: its folder, first set-up, start and stop, and what crashes leave behind.
+#include "local/LocalServer.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "base/Exception.h"
+#include "database/Connection.h"
+#include "database/Query.h"
+#include "local/ServerProcess.h"
+
+namespace Tessel {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+LocalServer::Options s_small() {
+  LocalServer::Options options;
+  options.bufferPool = 64ULL * 1024 * 1024;
+  options.durable = false;
+  options.arguments = {"--innodb-log-file-size=8M"};
+  return options;
+}
+
+void s_setEnvironment(const char* name, const std::string& value) {
+  setenv(name, value.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): no other threads at that time
+}
+
+std::string s_environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): as above
+  return value != nullptr ? value : "";
+}
+
+// Sets a variable of the environment as long as it lives.
+class Variable {
+ public:
+  Variable(const char* name, const std::string& value)
+      : m_name(name), m_before(s_environment(name)) {
+    s_setEnvironment(name, value);
+  }
+  ~Variable() { s_setEnvironment(m_name, m_before); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
+
+ private:
+  const char* m_name;
+  std::string m_before;
+};
+
+class LocalServerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    m_folder = "/tmp/tsl-local-XXXXXX";
+    ASSERT_NE(mkdtemp(m_folder.data()), nullptr);
+  }
+  void TearDown() override {
+    for (const std::string& directory : m_started) killServer(LocalServer(directory));
+    fs::remove_all(m_folder);
+  }
+
+  // A server whose end this test takes care of.
+  LocalServer make(const std::string& name = "server") {
+    m_started.push_back(m_folder + "/" + name);
+    return LocalServer(m_started.back());
+  }
+  static void killServer(const LocalServer& server) {
+    const pid_t number = server.pid();
+    if (number == 0) return;
+    kill(number, SIGKILL);
+    while (!hasEnded(number)) usleep(1000);
+  }
+  static std::string read(const std::string& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+  }
+  static unsigned int modeOf(const std::string& path) {
+    struct stat status {};
+    stat(path.c_str(), &status);
+    return status.st_mode & 07777U;
+  }
+  static void execute(const LocalServer& server, const std::string& statement) {
+    const Variable options("TSL_DATABASE_OPTION_FILE", server.optionFile());
+    Database::Connection connection("mysql");
+    Database::Query query(connection, nullptr, false);
+    query << statement;
+    query.execute();
+  }
+  template <class Call>
+  static Exception failure(Call call) {
+    try {
+      call();
+    } catch (const Exception& thrown) {
+      return thrown;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {"", 0, nullptr, 0};
+  }
+
+  std::string m_folder;
+  std::vector<std::string> m_started;
+};
+
+TEST_F(LocalServerTest, TheFirstStartMakesAServerThatOnlyItsOwnerReaches) {
+  LocalServer server = make();
+  EXPECT_FALSE(server.isRunning());
+  EXPECT_EQ(server.pid(), 0);
+  EXPECT_TRUE(server.start(s_small()));
+  EXPECT_TRUE(server.isRunning());
+  EXPECT_EQ(modeOf(server.directory()), 0700U);
+  EXPECT_EQ(modeOf(fs::path(server.socketPath()).parent_path()), 0700U);
+  EXPECT_EQ(modeOf(server.optionFile()), 0600U);
+  EXPECT_TRUE(fs::is_directory(server.cmfDirectory()));
+  EXPECT_THAT(read(server.optionFile()), HasSubstr(server.socketPath()));
+  execute(server, "create database kept");
+  EXPECT_TRUE(server.stop());
+  EXPECT_FALSE(server.isRunning());
+  EXPECT_FALSE(server.stop());
+  EXPECT_TRUE(server.start(s_small()));
+  execute(server, "create table kept.t (a int)");
+}
+
+TEST_F(LocalServerTest, StartingARunningOneChangesNothing) {
+  LocalServer server = make();
+  server.start(s_small());
+  const pid_t before = server.pid();
+  EXPECT_FALSE(server.start(s_small()));
+  EXPECT_FALSE(LocalServer(server.directory() + "/").start());
+  EXPECT_EQ(server.pid(), before);
+}
+
+TEST_F(LocalServerTest, TheServerListensOnNoNetworkPortAndIsDurable) {
+  LocalServer server = make();
+  LocalServer::Options options = s_small();
+  options.durable = true;
+  server.start(options);
+  execute(server,
+          "create table mysql.tsl_check as select @@skip_networking n, "
+          "@@innodb_flush_log_at_trx_commit f, @@innodb_doublewrite d");
+  execute(server,
+          "insert into mysql.tsl_check select 1/(n=1 and f=1 and d=1), 1, 1 from "
+          "mysql.tsl_check");
+}
+
+TEST_F(LocalServerTest, ManyStartsAtOnceMakeOneServer) {
+  make();
+  const std::string directory = m_started.back();
+  std::atomic<int> started{0};
+  std::vector<pid_t> children;
+  for (int i = 0; i < 4; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      try {
+        _exit(LocalServer(directory).start(s_small()) ? 1 : 0);
+      } catch (const Exception& thrown) {
+        std::cerr << thrown.stringParameter() << std::endl;
+        _exit(2);
+      }
+    }
+    children.push_back(child);
+  }
+  for (const pid_t child : children) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_NE(WEXITSTATUS(status), 2);
+    started += WEXITSTATUS(status);
+  }
+  EXPECT_EQ(started, 1);
+  EXPECT_TRUE(LocalServer(directory).isRunning());
+}
+
+TEST_F(LocalServerTest, ACrashLeavesNothingThatKeepsItFromStarting) {
+  LocalServer server = make();
+  server.start(s_small());
+  execute(server, "create database kept");
+  killServer(server);
+  EXPECT_FALSE(server.isRunning());
+  EXPECT_TRUE(fs::exists(server.socketPath()));
+  EXPECT_FALSE(server.stop());
+  EXPECT_TRUE(server.start(s_small()));
+  execute(server, "drop database kept");
+}
+
+TEST_F(LocalServerTest, AProcessNumberThatBelongsToAnotherProgramIsNotOurs) {
+  LocalServer server = make();
+  server.start(s_small());
+  server.stop();
+  const pid_t stranger = fork();
+  if (stranger == 0) {
+    pause();
+    _exit(0);
+  }
+  std::ofstream(server.directory() + "/run/mariadbd.pid") << stranger << "\n";
+  EXPECT_FALSE(server.isRunning());
+  EXPECT_FALSE(server.stop());
+  EXPECT_EQ(kill(stranger, 0), 0);
+  EXPECT_TRUE(server.start(s_small()));
+  kill(stranger, SIGKILL);
+  waitpid(stranger, nullptr, 0);
+}
+
+TEST_F(LocalServerTest, AnInterruptedFirstSetUpIsBegunAnew) {
+  LocalServer server = make();
+  fs::create_directories(server.dataDirectory() + ".new/mysql");
+  std::ofstream(server.dataDirectory() + ".new/ibdata1") << "half";
+  std::ofstream(server.directory() + "/lock") << "";
+  EXPECT_TRUE(server.start(s_small()));
+  EXPECT_FALSE(fs::exists(server.dataDirectory() + ".new"));
+}
+
+TEST_F(LocalServerTest, ALongFolderNameGetsItsSocketElsewhere) {
+  LocalServer server = make(std::string(120, 'x'));
+  EXPECT_EQ(server.socketPath(), "");
+  server.start(s_small());
+  const fs::path folder = fs::path(server.socketPath()).parent_path();
+  EXPECT_LE(server.socketPath().size(), 107U);
+  EXPECT_EQ(modeOf(folder), 0700U);
+  execute(server, "select 1");
+  // A restart of the machine empties /tmp.
+  killServer(server);
+  fs::remove_all(folder);
+  EXPECT_TRUE(server.start(s_small()));
+  execute(server, "select 1");
+  const fs::path second = fs::path(server.socketPath()).parent_path();
+  EXPECT_TRUE(server.stop());
+  EXPECT_FALSE(fs::exists(second));
+}
+
+TEST_F(LocalServerTest, FolderNamesMayHoldBlanksAndNumberSigns) {
+  LocalServer server = make("my server #1; x");
+  server.start(s_small());
+  execute(server, "select 1");
+  EXPECT_TRUE(server.stop());
+}
+
+TEST_F(LocalServerTest, FolderNamesThatAnOptionFileCannotHoldAreRefused) {
+  for (const char* name : {"", "a\"b", "a'b", "a\\b", "a\nb"}) {
+    EXPECT_EQ(failure([name] { LocalServer server(name); }).code(), 4) << name;
+  }
+}
+
+TEST_F(LocalServerTest, AFolderInUseForSomethingElseIsLeftAlone) {
+  fs::create_directory(m_folder + "/home");
+  std::ofstream(m_folder + "/home/letter") << "x";
+  chmod((m_folder + "/home").c_str(), 0755);
+  LocalServer server(m_folder + "/home");
+  EXPECT_THAT(failure([&] { server.start(s_small()); }).stringParameter(),
+              HasSubstr("is in use for something else"));
+  EXPECT_EQ(modeOf(m_folder + "/home"), 0755U);
+  EXPECT_FALSE(server.stop());
+}
+
+TEST_F(LocalServerTest, AServerThatEndsWhileItStartsIsReportedWithItsLog) {
+  LocalServer server = make();
+  server.start(s_small());
+  server.stop();
+  LocalServer::Options options = s_small();
+  options.arguments.emplace_back("--no-such-option=1");
+  const Exception got = failure([&] { server.start(options); });
+  EXPECT_EQ(got.context(), "LocalServer::start");
+  EXPECT_EQ(got.code(), 4);
+  EXPECT_THAT(got.stringParameter(), HasSubstr("ended while it started"));
+  EXPECT_THAT(got.stringParameter(), HasSubstr("no-such-option"));
+  EXPECT_FALSE(server.isRunning());
+}
+
+TEST_F(LocalServerTest, AFailedFirstSetUpIsReportedWithItsLog) {
+  LocalServer server = make();
+  LocalServer::Options options;
+  options.arguments = {"--innodb-no-such-option=1"};
+  const Exception got = failure([&] { server.start(options); });
+  EXPECT_THAT(got.stringParameter(), HasSubstr("Setting up the data files ended with status"));
+  EXPECT_FALSE(fs::exists(server.dataDirectory()));
+  EXPECT_TRUE(server.start(s_small()));
+}
+
+TEST_F(LocalServerTest, AMissingProgramIsReportedWithThePackageToInstall) {
+  const Exception got = failure([] { findServerProgram({"tsl-no-such-program"}); });
+  EXPECT_THAT(got.stringParameter(), HasSubstr("mariadb-server-core"));
+}
+
+TEST_F(LocalServerTest, TheDefaultFolderFollowsTheEnvironment) {
+  const Variable home("HOME", "/home/somebody");
+  {
+    const Variable state("XDG_STATE_HOME", "/var/state");
+    EXPECT_EQ(LocalServer::defaultDirectory(), "/var/state/tsl-address-map");
+  }
+  for (const char* unusable : {"", "relative"}) {
+    const Variable state("XDG_STATE_HOME", unusable);
+    EXPECT_EQ(LocalServer::defaultDirectory(), "/home/somebody/.local/state/tsl-address-map");
+  }
+}
+
+TEST_F(LocalServerTest, TheServerOutlivesTheProcessThatStartedIt) {
+  make();
+  const std::string directory = m_started.back();
+  const pid_t child = fork();
+  if (child == 0) {
+    LocalServer(directory).start(s_small());
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  LocalServer server(directory);
+  EXPECT_TRUE(server.isRunning());
+  EXPECT_TRUE(server.stop());
+}
+
+TEST_F(LocalServerTest, ASocketWithoutAServerBehindItDoesNotGreet) {
+  const std::string path = m_folder + "/s.sock";
+  EXPECT_FALSE(greets(path, 10));
+  const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  listen(listener, 1);
+  EXPECT_FALSE(greets(path, 10));
+  close(listener);
+}
+
+}  // namespace
+}  // namespace Tessel

@@ -1,0 +1,217 @@
+# alias set, remove, show and list; the global options on them; hostile input.
+
+load helper
+
+setup_file() { start_server; }
+teardown_file() { stop_server; }
+setup() { empty_tables; }
+
+@test "set, show, list and remove an alias" {
+  run -0 --separate-stderr tool alias set team@example.com bob@example.net ann@example.com
+  equal "$output$stderr" ""
+  run -0 --separate-stderr tool alias show team@example.com
+  equal "$output" $'ann@example.com\nbob@example.net'
+  equal "$stderr" ""
+  run -0 tool alias list
+  equal "$output" $'team@example.com\tann@example.com,bob@example.net'
+  run -0 --separate-stderr tool alias remove team@example.com
+  equal "$output$stderr" ""
+  run -0 tool alias list
+  equal "$output" ""
+}
+
+@test "set replaces the members of an alias" {
+  tool alias set team@example.com ann@example.com
+  tool alias set team@example.com bob@example.com bob@example.com
+  equal "$(sql 'select name, members from alias')" $'team@example.com\tbob@example.com'
+}
+
+@test "the answers as JSON" {
+  run -0 tool --json alias set team@example.com bob@example.net ann@example.com
+  equal "$output" '{"address":"team@example.com","members":["ann@example.com","bob@example.net"]}'
+  run -0 tool alias show team@example.com --json
+  equal "$output" \
+    '{"address":"team@example.com","found":true,"members":["ann@example.com","bob@example.net"]}'
+  run -0 tool alias list --json
+  equal "$output" '[{"address":"team@example.com","members":["ann@example.com","bob@example.net"]}]'
+  run -0 tool alias remove team@example.com --json
+  equal "$output" '{"address":"team@example.com","removed":true}'
+  run -1 --separate-stderr tool alias remove team@example.com --json
+  equal "$output" '{"address":"team@example.com","removed":false}'
+  run -1 --separate-stderr tool alias show team@example.com --json
+  equal "$output" '{"address":"team@example.com","found":false,"members":[]}'
+  run -0 tool alias list --json
+  equal "$output" '[]'
+}
+
+@test "an address that is no alias is not found" {
+  run -1 --separate-stderr tool alias show nobody@example.com
+  equal "$output" ""
+  equal "$stderr" "tsl-address-map: no alias nobody@example.com in table alias"
+  run -1 --separate-stderr tool alias remove nobody@example.com
+  contains "$stderr" "no alias nobody@example.com"
+}
+
+@test "members and aliases that would break an unescaped statement" {
+  run -65 tool alias set x@example.com "x'); drop table alias; --@example.com"
+  tool alias set "o'hara@example.com" "o'brien@example.com" '"back\\slash"@example.com' \
+    'per%cent@example.com' '"com,ma"@example.com' '"a\"b"@example.com'
+  run -0 tool alias show "o'hara@example.com"
+  equal "$output" $'"a\\"b"@example.com\n"back\\\\slash"@example.com\n"com,ma"@example.com\no\'brien@example.com\nper%cent@example.com'
+  run -0 tool alias expand "o'hara@example.com"
+  contains "$output" "o'brien@example.com"
+  run -0 tool alias remove "o'hara@example.com"
+  equal "$(sql 'select count(*) from alias')" 0
+}
+
+@test "what is no address is refused, and shown without control characters" {
+  for bad in '' ' ' nobody @example.com a@b@c $'a@example.com\nb@example.com' \
+    $'\e]0;title\a@example.com' "$(printf 'x%.0s' {1..300})@example.com"; do
+    run -65 --separate-stderr tool alias show "$bad"
+    equal "$output" ""
+    [[ "$stderr" != *$'\e'* && "$stderr" != *$'\a'* ]]
+    run -65 tool alias set "$bad" ann@example.com
+    run -65 tool alias set team@example.com "$bad"
+    run -65 tool alias remove "$bad"
+  done
+  run -65 --separate-stderr tool alias show $'a\nb@example.com'
+  contains "$stderr" 'a\x0ab@example.com'
+  contains "$stderr" $'\ntsl-address-map: hint: '
+  equal "$(sql 'select count(*) from alias')" 0
+}
+
+@test "letter case makes no second row" {
+  tool alias set BOB@Example.com ann@example.com
+  tool alias set bob@example.com cid@example.com
+  equal "$(sql 'select count(*), min( members ) from alias')" $'1\tcid@example.com'
+  run -0 tool alias show Bob@EXAMPLE.com
+  equal "$output" "cid@example.com"
+}
+
+@test "an accent makes a second row" {
+  tool alias set jose@example.com a@example.com
+  tool alias set $'jos\xc3\xa9@example.com' b@example.com
+  equal "$(sql 'select count(*) from alias')" 2
+  run -0 tool alias show $'jos\xc3\xa9@example.com'
+  equal "$output" "b@example.com"
+}
+
+@test "another spelling of the same characters is refused and named" {
+  tool alias set $'jos\xc3\xa9@example.com' a@example.com
+  run -65 --separate-stderr tool alias set $'jose\xcc\x81@example.com' b@example.com
+  contains "$stderr" $'\'jos\xc3\xa9@example.com\''
+  run -65 --separate-stderr tool alias remove $'jose\xcc\x81@example.com'
+  contains "$stderr" $'\'jos\xc3\xa9@example.com\''
+  run -1 --separate-stderr tool alias show $'jose\xcc\x81@example.com'
+  contains "$stderr" $'another spelling: jos\xc3\xa9@example.com'
+  equal "$(sql 'select members from alias')" a@example.com
+}
+
+@test "a member without a domain is only the marker of the alias's own domain" {
+  run -0 --separate-stderr tool alias set all@example.com ALLUSERS_Example.com
+  equal "$stderr" ""
+  run -65 --separate-stderr tool alias set all@example.com allusers_example.net
+  contains "$stderr" "another domain has no effect"
+  run -65 tool alias set all@example.com postmaster
+  run -0 --separate-stderr tool alias set all@example.com allusers_example.com ann@example.com
+  contains "$stderr" "warning: 'allusers_example.com' stands for all users only when"
+}
+
+@test "list of a domain takes neither patterns nor other domains" {
+  tool alias set a@a_b.example x@example.com
+  tool alias set a@axb.example x@example.com
+  tool alias set a@sub.a_b.example x@example.com
+  run -0 tool alias list --domain A_B.example
+  equal "$output" $'a@a_b.example\tx@example.com'
+  run -0 tool alias list --domain nowhere.example
+  equal "$output" ""
+  for bad in "x' or '1'='1" "a%" 'a\b' 'a"b' '*' 'a b' 'a@b' $'a\nb'; do
+    run -65 --separate-stderr tool alias list --domain "$bad"
+    equal "$output" ""
+  done
+}
+
+@test "a broken row is reported, never listed and never 'not found'" {
+  tool alias set good@example.com a@example.com
+  sql "insert into alias ( name, members ) values( 'empty@example.com', '' ),
+       ( 'no address', 'a@example.com' ), ( 'bad@example.com', 'a@@b' );"
+  run -65 --separate-stderr tool alias list
+  equal "$output" $'good@example.com\ta@example.com'
+  contains "$stderr" "broken row 'empty@example.com' of table alias: the members are empty"
+  contains "$stderr" "broken row 'no address' of table alias: bad name"
+  contains "$stderr" "broken row 'bad@example.com' of table alias: bad members"
+  run -65 --separate-stderr tool alias show empty@example.com
+  contains "$stderr" "the members are empty"
+  run -65 --separate-stderr tool alias show bad@example.com
+  contains "$stderr" "broken row 'bad@example.com' of table alias"
+  run -0 tool alias show good@example.com
+  run -0 tool alias set bad@example.com a@example.com
+  run -0 tool alias remove empty@example.com
+}
+
+@test "a named table" {
+  sql 'create table alias_sales like alias;'
+  run -0 tool --table sales alias set team@example.com ann@example.com
+  run -0 tool alias expand team@example.com --table=sales
+  equal "$output" "ann@example.com"
+  run -0 tool alias show team@example.com --table sales
+  run -1 tool alias show team@example.com
+  run -0 tool alias list --table sales
+  equal "$output" $'team@example.com\tann@example.com'
+  run -0 tool alias remove team@example.com --table sales
+  run -75 --separate-stderr tool alias show team@example.com --table missing
+  contains "$stderr" "alias_missing"
+  contains "$stderr" "tsl-address-map status"
+  sql 'drop table alias_sales;'
+}
+
+@test "a table name that is not safe in SQL is refused" {
+  for bad in '' 'a b' "a'b" 'a;b' 'a`b' 'a-b' $'a\nb' "$(printf 'x%.0s' {1..59})"; do
+    run -64 tool alias list --table "$bad"
+  done
+  run -75 tool alias list --table "$(printf 'x%.0s' {1..58})"
+}
+
+@test "verbose tells what is asked and what was done" {
+  run -0 --separate-stderr tool --verbose alias set team@example.com ann@example.com
+  equal "$output" ""
+  contains "$stderr" "database ts_address_map, table alias"
+  contains "$stderr" "set team@example.com to ann@example.com"
+}
+
+@test "wrong usage" {
+  run -64 tool
+  run -64 tool nonsense
+  run -64 tool alias
+  run -64 tool alias nonsense
+  run -64 tool alias set
+  run -64 tool alias set team@example.com
+  run -64 tool alias show a@example.com b@example.com
+  run -64 tool alias list --nonsense
+  run -64 tool alias set team@example.com ++
+  run -64 tool alias expand '[a@example.com,b@example.com]'
+  run -64 "$TSL_TOOL" --local= alias list
+  run -64 tool --option-file "$SERVER/client.cnf" alias list
+}
+
+@test "words that look like commands or options can be arguments" {
+  run -65 tool alias show list
+  run -1 tool alias show -- -dash@example.com
+  run -0 tool alias set -- -dash@example.com -member@example.com
+  run -0 tool alias show -- -dash@example.com
+  equal "$output" "-member@example.com"
+}
+
+@test "every command has help with examples" {
+  for words in '' init status 'local start' 'local stop' 'local status' 'local shell' 'alias set' \
+    'alias remove' 'alias show' 'alias list' 'alias expand' 'domain add' 'domain remove' \
+    'domain list' 'user add' 'user remove' 'user list'; do
+    # Unquoted: the words of the command.
+    run -0 --separate-stderr "$TSL_TOOL" $words --help
+    contains "$output" "Examples:"
+    contains "$output" "tsl-address-map "
+    equal "$stderr" ""
+  done
+  run -0 "$TSL_TOOL" --version
+  [[ "$output" =~ ^tsl-address-map\ [0-9]+\.[0-9]+\.[0-9]+$ ]]
+}

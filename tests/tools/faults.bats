@@ -1,0 +1,127 @@
+# When the database cannot answer: the tool says so and exits 75 or 78, never "not found".
+
+load helper
+
+setup_file() { start_server; }
+teardown_file() {
+  DATABASE= sql 'drop user if exists mail@localhost;' || true
+  stop_server
+}
+setup() {
+  empty_tables
+  tool alias set team@example.com ann@example.com
+}
+
+@test "a server that is gone is a failure, and its return is noticed" {
+  local commands=('alias expand team@example.com' 'alias expand nobody@example.com'
+    'alias expand -' 'alias show team@example.com' 'alias list' 'alias remove team@example.com'
+    'alias set a@example.com b@example.com' 'init' 'init --force' 'status')
+  cp "$SERVER/client.cnf" "$BATS_TEST_TMPDIR/client.cnf"
+  kill -9 "$(server_pid)"
+  while tool local status >/dev/null; do sleep 0.1; done
+  for words in "${commands[@]}"; do
+    # Unquoted: the words of the command.
+    run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/client.cnf" $words \
+      <<<team@example.com
+    contains "$stderr" "tsl-address-map: hint: "
+  done
+  # --local starts it again, and what was stored is there.
+  run -0 --separate-stderr tool alias expand team@example.com
+  equal "$output" "ann@example.com"
+  contains "$stderr" "started the private server"
+  run -0 "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/client.cnf" alias show team@example.com
+}
+
+@test "a server that goes while addresses come in" {
+  coproc TOOL { "$TSL_TOOL" --option-file "$SERVER/client.cnf" alias expand - 2>"$BATS_TEST_TMPDIR/err"; }
+  local answer input=${TOOL[1]} pid=$TOOL_PID
+  echo team@example.com >&"$input"
+  IFS= read -r -t 60 answer <&"${TOOL[0]}"
+  equal "$answer" $'team@example.com\tann@example.com'
+  tool alias set two@example.com b@example.com
+  kill -9 "$(server_pid)"
+  while tool local status >/dev/null; do sleep 0.1; done
+  echo nobody@example.com >&"$input"
+  exec {input}>&-
+  local code=0
+  wait "$pid" || code=$?
+  equal "$code" 75
+  contains "$(cat "$BATS_TEST_TMPDIR/err")" "tsl-address-map: "
+  tool local start
+}
+
+@test "nobody listens" {
+  printf '[client]\nsocket=/nonexistent/db.sock\n' >"$BATS_TEST_TMPDIR/nowhere.cnf"
+  run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" \
+    alias expand team@example.com --verbose
+  equal "$output" ""
+  contains "$stderr" "/nonexistent/db.sock"
+  contains "$stderr" "tsl-address-map: detail: "
+}
+
+@test "a wrong password, which is never shown" {
+  DATABASE= sql "create or replace user mail@localhost identified by 'the right one';"
+  local file
+  file=$(option_file mail wrongsecret)
+  for words in 'alias expand team@example.com' 'alias list' 'init' 'status'; do
+    run -75 --separate-stderr "$TSL_TOOL" --option-file "$file" $words --verbose
+    contains "$stderr" "user and password"
+    [[ "$output$stderr" != *wrongsecret* ]]
+  done
+}
+
+@test "a user without rights on the table" {
+  DATABASE= sql "create or replace user mail@localhost identified by 'secret';
+                 grant select on ts_address_map.mask to mail@localhost;"
+  local file
+  file=$(option_file mail secret)
+  for words in 'alias expand team@example.com' 'alias show team@example.com' 'alias list' \
+    'alias set a@example.com b@example.com' 'alias remove team@example.com'; do
+    run -75 --separate-stderr "$TSL_TOOL" --option-file "$file" $words
+    contains "$stderr" "grant"
+  done
+  equal "$(sql 'select count(*) from alias')" 1
+}
+
+@test "no database" {
+  DATABASE= sql 'drop database ts_address_map;'
+  for words in 'alias expand team@example.com' 'alias show team@example.com' 'alias list' \
+    'alias set a@example.com b@example.com' 'alias remove team@example.com'; do
+    run -75 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" $words
+    contains "$stderr" "tsl-address-map init"
+  done
+  run -0 "$TSL_TOOL" --option-file "$SERVER/client.cnf" status
+  contains "$output" "schema: absent"
+  # --local makes what is missing.
+  run -1 tool alias show team@example.com
+}
+
+@test "no table" {
+  sql 'drop table alias;'
+  run -75 --separate-stderr tool alias expand team@example.com
+  contains "$stderr" "init"
+  run -75 tool alias show team@example.com
+  run -0 tool init
+}
+
+@test "wrong settings" {
+  local missing="$BATS_TEST_TMPDIR/missing"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$missing" alias list
+  contains "$stderr" "$missing"
+  run -78 "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR" alias list
+  TSL_DATABASE_OPTION_FILE=$missing run -78 --separate-stderr "$TSL_TOOL" alias list
+  contains "$stderr" "$missing"
+  TSL_DATABASE_OPTION_FILE=$missing run -78 "$TSL_TOOL" status
+  run -78 tool --cmf "$missing" domain list
+  run -78 "$TSL_TOOL" --local=/proc/nowhere alias list
+}
+
+@test "an interrupted wait ends the tool" {
+  # Unlike a terminal, a shell script lets its background jobs ignore the interrupt key.
+  mkfifo "$BATS_TEST_TMPDIR/fifo"
+  exec {hold}<>"$BATS_TEST_TMPDIR/fifo"
+  run env --default-signal=INT timeout --foreground --signal=INT 2 \
+    "$TSL_TOOL" --local="$SERVER" alias expand - <"$BATS_TEST_TMPDIR/fifo"
+  equal "$status" 124
+  exec {hold}>&-
+}

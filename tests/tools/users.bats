@@ -1,0 +1,120 @@
+# domain and user: the commands on the configuration.
+
+load helper
+
+setup_file() { start_server; }
+teardown_file() { stop_server; }
+setup() {
+  CMF="$BATS_TEST_TMPDIR/cmf"
+  mkdir "$CMF"
+}
+
+# Runs the tool on a configuration of the test's own; these commands need no server.
+cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
+
+@test "domains" {
+  run -0 --separate-stderr cmf domain add example.com
+  equal "$output" 1
+  equal "$stderr" ""
+  run -0 --separate-stderr cmf domain add EXAMPLE.com
+  equal "$output" 1
+  contains "$stderr" "is there already"
+  run -0 cmf domain add example.net --json
+  equal "$output" '{"domain":"example.net","id":2,"added":true}'
+  run -0 cmf domain list
+  equal "$output" $'example.com\t1\nexample.net\t2'
+  run -0 cmf domain list --json
+  equal "$output" $'[{"domain":"example.com","id":1},\n{"domain":"example.net","id":2}]'
+  run -0 --separate-stderr cmf domain remove example.com
+  equal "$output$stderr" ""
+  run -1 --separate-stderr cmf domain remove example.com
+  contains "$stderr" "no domain example.com"
+  run -1 cmf domain remove example.com --json
+  run -0 cmf domain remove example.net --json
+  equal "$output" '{"domain":"example.net","removed":true}'
+  run -0 cmf domain list --json
+  equal "$output" '[]'
+}
+
+@test "users" {
+  cmf domain add Example.com
+  run -0 --separate-stderr cmf user add bob@example.com
+  equal "$output$stderr" ""
+  run -0 cmf user add room@example.com --kind shared --json
+  equal "$output" '{"address":"room@example.com","kind":"shared","result":"added"}'
+  run -0 cmf user add room@example.com --kind 2 --json
+  equal "$output" '{"address":"room@example.com","kind":"shared","result":"unchanged"}'
+  run -0 cmf user add bob@example.com --kind 0 --json
+  equal "$output" '{"address":"bob@example.com","kind":"disabled","result":"changed"}'
+  run -0 cmf user add "o'brien@example.com" --kind=1
+  run -0 cmf user list EXAMPLE.com
+  equal "$output" $'bob@Example.com\tdisabled\no\'brien@Example.com\tuser\nroom@Example.com\tshared'
+  run -0 cmf user list example.com --json
+  contains "$output" '[{"address":"bob@Example.com","kind":"disabled"},'
+  run -0 --separate-stderr cmf user remove bob@example.com
+  equal "$output$stderr" ""
+  run -1 --separate-stderr cmf user remove bob@example.com
+  contains "$stderr" "no mail user bob@example.com"
+  run -0 cmf user remove room@example.com --json
+  equal "$output" '{"address":"room@example.com","removed":true}'
+}
+
+@test "users of a domain that is not there" {
+  cmf domain add example.com
+  run -1 --separate-stderr cmf user add bob@example.net
+  contains "$stderr" "no domain example.net"
+  run -1 cmf user remove bob@example.net
+  run -1 cmf user list example.net
+  run -1 --separate-stderr cmf user list example.net --json
+  equal "$output" '[]'
+  run -0 cmf user list example.com
+  equal "$output" ""
+}
+
+@test "what is refused" {
+  cmf domain add example.com
+  for bad in '' 'a b' 'a@b' "a'b" 'a..b' $'a\nb' 'a%'; do
+    run -65 cmf domain add "$bad"
+    run -65 cmf domain remove "$bad"
+    run -65 cmf user list "$bad"
+  done
+  for bad in '' bob @example.com 'a b@example.com'; do
+    run -65 cmf user add "$bad"
+    run -65 cmf user remove "$bad"
+  done
+  run -65 --separate-stderr cmf user add '"two words"@example.com'
+  contains "$stderr" "needs quotes"
+  run -64 cmf user add bob@example.com --kind boss
+  run -64 cmf user add bob@example.com --kind 3
+  run -0 cmf user list example.com
+  equal "$output" ""
+}
+
+@test "without a configuration" {
+  run -78 --separate-stderr cmf domain list
+  contains "$stderr" "domain add"
+  run -78 cmf domain remove example.com
+  run -78 cmf user add bob@example.com
+  run -78 cmf user list example.com
+  equal "$(ls "$CMF")" ""
+  run -78 --separate-stderr "$TSL_TOOL" --cmf "$CMF/missing" domain add example.com
+  contains "$stderr" "$CMF/missing"
+}
+
+@test "a damaged configuration" {
+  head -c 65536 /dev/zero >"$CMF/data.mdb"
+  head -c 8192 /dev/zero >"$CMF/lock.mdb"
+  run -75 --separate-stderr cmf domain list
+  contains "$stderr" "$CMF"
+  run -75 cmf domain add example.com
+  run -75 cmf user list example.com
+}
+
+@test "the configuration of the private server" {
+  tool domain add example.com
+  run -0 tool domain list
+  equal "$output" $'example.com\t1'
+  run -0 tool user add ann@example.com
+  run -0 "$TSL_TOOL" --cmf "$SERVER/cmf" user list example.com
+  equal "$output" $'ann@example.com\tuser'
+}

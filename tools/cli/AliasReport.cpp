@@ -1,0 +1,53 @@
+// What the alias commands say in common.
+#include "cli/AliasReport.h"
+
+namespace Tessel::Tool {
+
+std::string joined(const std::set<EmailAddress>& addresses) {
+  std::string text;
+  for (const EmailAddress& address : addresses) {
+    if (!text.empty()) text += ",";
+    text += address.address();
+  }
+  return text;
+}
+
+Json jsonOf(const std::set<EmailAddress>& addresses) {
+  Json list = Json::array();
+  for (const EmailAddress& address : addresses) list.push_back(address.address());
+  return list;
+}
+
+void sayNoAlias(const EmailAddress& alias, const Session& session) {
+  say("no alias " + alias.address() + " in table " + aliasTableName(session.tableName()));
+}
+
+Failure brokenRow(const AliasRow& row, const std::string& table) {
+  return {ExitCode::BadData, "broken row '" + row.name + "' of table " + table, row.fault,
+          row.alias.isNull() ? "correct or delete the row with an SQL client, by its name"
+                             : "set its members anew with 'alias set', or remove it with 'alias"
+                               " remove'"};
+}
+
+void nameTableFault(const Exception& exception, const Session& session) {
+  if (!isAddressFault(exception)) throw;
+  bool named = false;
+  // Opening a store reads the default tables too.
+  for (const std::string& table :
+       std::set<std::string>{aliasTableName(session.tableName()), "alias"}) {
+    for (const AliasRow& row : AliasTable(table).rows("")) {
+      const bool unreadable =
+          row.state == AliasRow::State::BadName || row.state == AliasRow::State::BadMembers;
+      if (unreadable) report(brokenRow(row, table));
+      named = named || unreadable;
+    }
+  }
+  throw Failure(ExitCode::BadData,
+                named ? "reading the alias table" : "reading table mask, which is read as well",
+                reasonOf(exception),
+                named ? "the table has a row that is no valid alias; 'tsl-address-map alias list'"
+                        " names every such row"
+                      : "correct or delete the row with that text with an SQL client");
+}
+
+}  // namespace Tessel::Tool

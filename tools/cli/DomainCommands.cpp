@@ -1,0 +1,91 @@
+// The commands on the domains of the configuration: add, remove, list.
+#include <memory>
+#include <string>
+
+#include "cli/Command.h"
+#include "cli/Configuration.h"
+#include "cmf/ApsGwServerCache.h"
+#include "cmf/Writer.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+ExitCode s_add(Session& session, const std::string& text) {
+  const std::string domain = parseDomain(text);
+  const CMF::Writer::Domain result = withConfiguration(session, [&] {
+    CMF::Writer writer;
+    const CMF::Writer::Domain added = writer.addDomain(domain);
+    writer.commit();
+    return added;
+  });
+  if (!result.added) say("domain " + domain + " is there already");
+  if (session.isJson()) {
+    session.output().document(Json{{"domain", domain}, {"id", result.id}, {"added", result.added}});
+  } else {
+    session.output().line(std::to_string(result.id));
+  }
+  return ExitCode::Done;
+}
+
+ExitCode s_remove(Session& session, const std::string& text) {
+  const std::string domain = parseDomain(text);
+  // Looked for first: a writer would make a configuration where there is none.
+  const bool removed = !findDomain(session, domain).isNull() && withConfiguration(session, [&] {
+    CMF::Writer writer;
+    const bool present = writer.removeDomain(domain);
+    writer.commit();
+    return present;
+  });
+  if (!removed) say("no domain " + domain + " in the configuration in " + session.cmfFolder());
+  if (session.isJson()) {
+    session.output().document(Json{{"domain", domain}, {"removed", removed}});
+  }
+  return removed ? ExitCode::Done : ExitCode::NotFound;
+}
+
+ExitCode s_list(Session& session) {
+  const auto domains = withConfiguration(
+      session, [] { return CMF::RefApsGwServerCache::instance(false)->domains(); });
+  ItemList list(session.output());
+  for (const CMF::ApsGwServerRecord& record : domains) {
+    const std::string domain = printable(record.domain);
+    list.add(domain + "\t" + std::to_string(record.domainId), [&] {
+      return Json{{"domain", domain}, {"id", record.domainId}};
+    });
+  }
+  list.end();
+  return ExitCode::Done;
+}
+
+}  // namespace
+
+void addDomainCommands(CLI::App& app, Choice& chosen) {
+  const auto domain = std::make_shared<std::string>();
+  CLI::App& group = addGroup(app, "domain", "Show and change the domains of the configuration");
+
+  CLI::App& add = addCommand(
+      group, "add", "Add a domain and print its identifier; one that is there stays as it is",
+      "  tsl-address-map domain add example.com\n"
+      "With --json {\"domain\", \"id\", \"added\"}.\n",
+      chosen, {"domain add", Preparation::Database, [domain](Session& session) {
+                 return s_add(session, *domain);
+               }});
+  add.add_option("DOMAIN", *domain, "The domain")->required();
+
+  CLI::App& remove =
+      addCommand(group, "remove", "Remove a domain with its mail users; exit 1 when there is none",
+                 "  tsl-address-map domain remove example.com\n"
+                 "Prints nothing; with --json {\"domain\", \"removed\"}.\n",
+                 chosen, {"domain remove", Preparation::Database, [domain](Session& session) {
+                            return s_remove(session, *domain);
+                          }});
+  remove.add_option("DOMAIN", *domain, "The domain")->required();
+
+  addCommand(group, "list", "List the domains with their identifiers",
+             "  tsl-address-map domain list\n"
+             "One per line: DOMAIN<TAB>ID; with --json a list of {\"domain\", \"id\"}.\n",
+             chosen, {"domain list", Preparation::Database, s_list});
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,95 @@
+// The command `init`: prepares the database without ever dropping it. The library's own preparation
+// answers every failure by dropping the whole database; so it is called only where there is none.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AddressMapDb.h"
+#include "cli/Command.h"
+#include "cli/Schema.h"
+#include "database/Connection.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+void s_answer(Session& session, bool created, const std::vector<std::string>& changes) {
+  if (session.isJson()) {
+    session.output().document(
+        Json{{"database", s_database}, {"created", created}, {"changes", changes}});
+    return;
+  }
+  if (changes.empty()) {
+    session.output().line(std::string("database ") + s_database + " is complete; nothing changed");
+  }
+  for (const std::string& change : changes) session.output().line("done: " + change);
+}
+
+Schema s_look(Database::Connection& connection) {
+  try {
+    return lookAtSchema(connection);
+  } catch (const Exception& exception) {
+    const Failure failure = failureOf(exception, "looking at the database");
+    throw Failure(failure.code(), failure.subject(), failure.why(),
+                  "nothing was changed; " + failure.hint());
+  }
+}
+
+void s_refuseUnfitting(const Schema& schema) {
+  if (schema.unfitting.empty()) return;
+  throw Failure(ExitCode::BadData, std::string("database ") + s_database, summaryOf(schema),
+                "nothing was changed; these are not tables of this library: move them away, or"
+                " correct them with an SQL client");
+}
+
+ExitCode s_force(Session& session) {
+  say(std::string("warning: --force: database ") + s_database +
+      " is dropped with all its tables if anything goes wrong");
+  AddressMapDb::initialize(AddressMapDb::MySQL, false);
+  s_answer(session, false, {"prepared the database by force"});
+  return ExitCode::Done;
+}
+
+ExitCode s_init(Session& session, bool force) {
+  session.tellTarget();
+  if (force) return s_force(session);
+  Database::Connection connection("");
+  const PreparationLock lock(connection);
+  const Schema schema = s_look(connection);
+  if (!schema.present) {
+    AddressMapDb::initialize(AddressMapDb::MySQL, false);
+    s_answer(session, true, {"create the database with tables alias and mask"});
+    return ExitCode::Done;
+  }
+  s_refuseUnfitting(schema);
+  std::vector<std::string> changes;
+  for (const SchemaStep step : schema.missing) {
+    carryOut(connection, step);
+    changes.push_back(textOf(step));
+    session.detail("done: " + textOf(step));
+  }
+  s_answer(session, false, changes);
+  return ExitCode::Done;
+}
+
+}  // namespace
+
+void addInitCommand(CLI::App& app, Choice& chosen) {
+  const auto force = std::make_shared<bool>(false);
+  CLI::App& init = addCommand(
+      app, "init", "Create the database, or complete an old or partial one; never drops anything",
+      "  tsl-address-map init\n"
+      "  tsl-address-map --option-file /etc/mail/database.cnf init\n"
+      "Looks first. A complete database stays as it is; missing tables, columns and indexes are"
+      " added; tables\nthat are not this library's make it refuse (65), and so does a database that"
+      " cannot be looked at (75).\n"
+      "With --json {\"database\", \"created\", \"changes\"}.\n",
+      chosen,
+      {"init", Preparation::Server, [force](Session& session) { return s_init(session, *force); }});
+  init.add_flag("--force", *force,
+                "DANGEROUS: let the library prepare the database without looking first. When any"
+                " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
+                " empty one");
+}
+
+}  // namespace Tessel::Tool

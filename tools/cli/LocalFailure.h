@@ -1,0 +1,33 @@
+// The private server as the commands use it, with its failures told apart.
+#ifndef TSL_TOOLS_CLI_LOCALFAILURE_H
+#define TSL_TOOLS_CLI_LOCALFAILURE_H
+
+#include <string>
+
+#include "base/Exception.h"
+#include "cli/Failure.h"
+#include "local/LocalServer.h"
+
+namespace Tessel::Tool {
+
+// The failure that `exception`, thrown for the private server in `folder`, is: `Unavailable` when a
+// server that is set up does not run as it should, `Configuration` when it cannot be set up.
+Failure localFailure(const Exception& exception, const std::string& folder);
+
+// The folder that holds when none is named. Throws Failure when there is none.
+std::string defaultLocalFolder();
+
+// Calls `use` with the private server in `folder`, and throws its failures as Failure.
+template <class Use>
+auto withLocalServer(const std::string& folder, Use use) {
+  try {
+    LocalServer server(folder);
+    return use(server);
+  } catch (const Exception& exception) {
+    throw localFailure(exception, folder);
+  }
+}
+
+}  // namespace Tessel::Tool
+
+#endif

@@ -1,0 +1,171 @@
+// Setting up a run of the tool.
+#include "cli/Session.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "AddressMapDb.h"
+#include "base/Exception.h"
+#include "cli/AliasTable.h"
+#include "cli/Failure.h"
+#include "cli/LocalFailure.h"
+#include "cli/Schema.h"
+#include "database/Connection.h"
+#include "local/LocalServer.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr char s_optionFileVariable[] = "TSL_DATABASE_OPTION_FILE";
+constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
+constexpr char s_defaultCmf[] = "/var/lib/tsl/cmf";
+constexpr std::size_t s_longestTableName = 58;  // "alias_" and it are the 64 of an SQL name.
+
+void s_setEnvironment(const char* name, const std::string& value) {
+  if (setenv(name, value.c_str(), 1) == 0) return;  // NOLINT(concurrency-mt-unsafe): one thread yet
+  throw Failure(ExitCode::Unavailable, std::string("setting ") + name,
+                std::generic_category().message(errno), "");
+}
+
+void s_requireReadable(const std::string& file) {
+  std::error_code error;
+  const bool isFile = std::filesystem::is_regular_file(file, error);
+  if (isFile && access(file.c_str(), R_OK) == 0) return;
+  const std::string why = error    ? error.message()
+                          : isFile ? std::generic_category().message(errno)
+                                   : "it is no regular file";
+  throw Failure(ExitCode::Configuration, "option file '" + file + "'", why,
+                "name a readable MySQL option file with a [client] group");
+}
+
+void s_requireFolder(const std::string& folder) {
+  std::error_code error;
+  if (std::filesystem::is_directory(folder, error)) return;
+  throw Failure(ExitCode::Configuration, "configuration folder '" + folder + "'",
+                error ? error.message() : "it is no folder",
+                "make it with mkdir, or name the right one");
+}
+
+bool s_isNameCharacter(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+void s_createMissingDatabase() {
+  Database::Connection connection("");
+  const PreparationLock lock(connection);
+  if (connection.dbSelectIfExists(s_database)) return;
+  AddressMapDb::initialize(AddressMapDb::MySQL, false);
+}
+
+}  // namespace
+
+Session::Session(Settings settings) : m_settings(std::move(settings)), m_output(m_settings.json) {}
+
+void Session::prepare(Preparation preparation) {
+  checkTable();
+  if (m_settings.local && m_settings.optionFile) {
+    throw Failure(ExitCode::Usage, "--local and --option-file", "both name a server",
+                  "give one of them");
+  }
+  if (m_settings.optionFile) {
+    s_requireReadable(*m_settings.optionFile);
+    s_setEnvironment(s_optionFileVariable, *m_settings.optionFile);
+  }
+  if (preparation != Preparation::Nothing && m_settings.local) startLocal();
+  if (m_settings.cmf) {
+    s_requireFolder(*m_settings.cmf);
+    s_setEnvironment(s_cmfVariable, *m_settings.cmf);
+  }
+  if (preparation == Preparation::Database && m_settings.local) s_createMissingDatabase();
+}
+
+void Session::useLocal() {
+  if (!m_settings.local) m_settings.local.emplace();
+}
+
+void Session::checkTable() const {
+  if (!m_settings.table) return;
+  const std::string& name = *m_settings.table;
+  // The library writes the name into its statements as it is.
+  const bool good = !name.empty() && name.size() <= s_longestTableName &&
+                    std::all_of(name.begin(), name.end(), s_isNameCharacter);
+  if (good) return;
+  throw Failure(ExitCode::Usage, "--table '" + name + "'",
+                "a table name has 1 to 58 letters, digits and underscores",
+                "see 'tsl-address-map status' for the tables there are");
+}
+
+void Session::startLocal() {
+  withLocalServer(localFolder(), [this](LocalServer& server) {
+    if (server.start()) {
+      say("started the private server in " + server.directory() +
+          "; 'tsl-address-map local stop --local=" + server.directory() + "' ends it");
+    }
+    s_setEnvironment(s_optionFileVariable, server.optionFile());
+    s_setEnvironment(s_cmfVariable, server.cmfDirectory());
+  });
+}
+
+std::string Session::localFolder() const {
+  const std::string folder = m_settings.local.value_or("");
+  return folder.empty() ? defaultLocalFolder() : folder;
+}
+
+std::string Session::cmfFolder() const {
+  const char* folder = std::getenv(s_cmfVariable);  // NOLINT(concurrency-mt-unsafe): one thread
+  return folder != nullptr && *folder != '\0' ? folder : s_defaultCmf;
+}
+
+void Session::detail(const std::string& text) const {
+  if (m_settings.verbose) say(text);
+}
+
+void Session::tellTarget() const {
+  if (!m_settings.verbose) return;
+  Database::Connection connection("");
+  say("asking the server at " + connection.peerAddress().text() + " (" +
+      connection.serverVersion() + "), database " + s_database + ", table " +
+      aliasTableName(tableName()));
+}
+
+EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {
+  const auto refuse = [&text](const std::string& why) {
+    return Failure(ExitCode::BadData, "address '" + text.substr(0, 100) + "'", why,
+                   "write it as NAME@DOMAIN");
+  };
+  // The parser stops at a NUL, which standard input may hold.
+  if (text.find('\0') != std::string::npos) throw refuse("it holds a NUL character");
+  try {
+    EmailAddress address = EmailAddress::rfc5321Parse(text, allowNoDomain);
+    if (address.isNull()) throw refuse("it is empty");
+    return address;
+  } catch (const Exception& exception) {
+    throw refuse(reasonOf(exception));
+  }
+}
+
+std::string parseDomain(const std::string& text) {
+  const auto refuse = [&text](const std::string& why) {
+    return Failure(ExitCode::BadData, "domain '" + text.substr(0, 100) + "'", why,
+                   "write it like example.com");
+  };
+  if (text.empty()) throw refuse("it is empty");
+  if (text.find_first_of("'\\%\"") != std::string::npos) {
+    throw refuse("it holds a quote, a backslash or a percent sign");
+  }
+  try {
+    return EmailAddress::create("x", text, false).domain();
+  } catch (const Exception& exception) {
+    throw refuse(reasonOf(exception));
+  }
+}
+
+}  // namespace Tessel::Tool

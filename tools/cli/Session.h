@@ -1,0 +1,78 @@
+// One run of the tool: its global options, what they set up, and its output.
+#ifndef TSL_TOOLS_CLI_SESSION_H
+#define TSL_TOOLS_CLI_SESSION_H
+
+#include <optional>
+#include <string>
+
+#include "address/EmailAddress.h"
+#include "cli/Output.h"
+
+namespace Tessel::Tool {
+
+// The one database of the library.
+inline constexpr char s_database[] = "ts_address_map";
+
+// The global options as they were given.
+struct Settings {
+  std::optional<std::string> local;  // Empty text: the default folder.
+  std::optional<std::string> optionFile;
+  std::optional<std::string> cmf;
+  std::optional<std::string> table;
+  bool json = false;
+  bool verbose = false;
+};
+
+// What a command needs before it runs.
+enum class Preparation {
+  Nothing,   // Not even the server that --local names.
+  Server,    // With --local, a running server.
+  Database,  // With --local, a running server with the database.
+};
+
+// One thread.
+class Session {
+ public:
+  explicit Session(Settings settings);
+
+  // Makes the options known to the libraries, by the environment, and starts the private server
+  // where `preparation` asks for it. Throws Failure. Must run before any other call of a library.
+  void prepare(Preparation preparation);
+
+  [[nodiscard]] Output& output() noexcept { return m_output; }
+  [[nodiscard]] bool isJson() const noexcept { return m_settings.json; }
+  [[nodiscard]] bool isVerbose() const noexcept { return m_settings.verbose; }
+  // As if --local had been given.
+  void useLocal();
+  // The folder of the private server that --local or the default names.
+  [[nodiscard]] std::string localFolder() const;
+  // Store name that --table gives; empty for the default table.
+  [[nodiscard]] std::string tableName() const { return m_settings.table.value_or(""); }
+  // The configuration folder that applies.
+  [[nodiscard]] std::string cmfFolder() const;
+
+  // Tells on standard error, with --verbose only.
+  void detail(const std::string& text) const;
+  // With --verbose, tells which server and which alias table is asked. Throws Exception when the
+  // server cannot be reached.
+  void tellTarget() const;
+
+ private:
+  void checkTable() const;
+  void startLocal();
+
+  Settings m_settings;
+  Output m_output;
+};
+
+// The address that the argument `text` is, with `allowNoDomain` also one without "@". Throws
+// Failure, `BadData`, when it is none.
+EmailAddress parseAddress(const std::string& text, bool allowNoDomain);
+
+// The domain that the argument `text` is, fit for a `like` pattern but for "_". Throws Failure,
+// `BadData`, when it is none or not fit.
+std::string parseDomain(const std::string& text);
+
+}  // namespace Tessel::Tool
+
+#endif

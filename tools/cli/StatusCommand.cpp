@@ -1,0 +1,143 @@
+// The command `status`: what the tool would work on, and in which state it is.
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/Exception.h"
+#include "cli/Command.h"
+#include "cli/Configuration.h"
+#include "cli/Schema.h"
+#include "cli/TextRows.h"
+#include "cmf/ApsGwServerCache.h"
+#include "database/Connection.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+struct TableCount {
+  std::string table;
+  std::string rows;
+};
+
+// What could be found out; the rest is empty.
+struct Status {
+  std::string server;
+  std::string version;
+  std::optional<Schema> schema;
+  std::vector<TableCount> tables;
+  std::optional<std::size_t> domains;
+  bool hasConfiguration = true;
+  std::vector<Failure> failures;
+};
+
+bool s_isOurs(std::string_view table) {
+  for (const std::string_view base : {"alias", "mask"}) {
+    if (table == base) return true;
+    if (table.size() > base.size() && table.substr(0, base.size()) == base &&
+        table[base.size()] == '_') {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string s_quoted(const std::string& name) {
+  std::string quoted = "`";
+  for (const char c : name) quoted += c == '`' ? "``" : std::string(1, c);
+  return quoted + "`";
+}
+
+void s_askDatabase(Status& status) {
+  try {
+    Database::Connection connection("");
+    status.server = connection.peerAddress().text();
+    status.version = connection.serverVersion();
+    status.schema = lookAtSchema(connection);
+    for (const std::string& table : status.schema->tables) {
+      if (!s_isOurs(table)) continue;
+      const auto rows = selectTexts(connection, "select count(*) from " + s_quoted(table) + ";", 1);
+      status.tables.push_back({table, rows.at(0).at(0)});
+    }
+  } catch (const Exception& exception) {
+    status.failures.push_back(failureOf(exception, "asking the database"));
+  }
+}
+
+void s_askConfiguration(const Session& session, Status& status) {
+  try {
+    status.domains = withConfiguration(
+        session, [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
+  } catch (const Failure& failure) {
+    // Installations without all-users aliases have no configuration; that is a state, no failure.
+    status.hasConfiguration = failure.code() != ExitCode::Configuration;
+    if (status.hasConfiguration) status.failures.push_back(failure);
+  }
+}
+
+Json s_jsonOf(const Status& status, const Session& session) {
+  Json tables = Json::array();
+  for (const TableCount& count : status.tables) {
+    tables.push_back(Json{{"table", printable(count.table)}, {"rows", std::stoull(count.rows)}});
+  }
+  Json document;
+  document["server"] = status.server.empty() ? Json() : Json(printable(status.server));
+  document["version"] = status.version.empty() ? Json() : Json(printable(status.version));
+  document["database"] = s_database;
+  document["present"] = status.schema ? Json(status.schema->present) : Json();
+  document["schema"] = status.schema ? Json(printable(summaryOf(*status.schema))) : Json();
+  document["tables"] = tables;
+  document["cmf"] = printable(session.cmfFolder());
+  document["domains"] = status.domains ? Json(*status.domains) : Json();
+  return document;
+}
+
+void s_writeLines(const Status& status, Session& session) {
+  Output& output = session.output();
+  const std::string unknown = "unknown";
+  output.line("server: " + (status.server.empty() ? unknown : printable(status.server)));
+  output.line("version: " + (status.version.empty() ? unknown : printable(status.version)));
+  output.line(std::string("database: ") + s_database);
+  output.line("schema: " + (status.schema ? printable(summaryOf(*status.schema)) : unknown));
+  for (const TableCount& count : status.tables) {
+    output.line("table: " + printable(count.table) + ", rows: " + count.rows);
+  }
+  output.line("configuration: " + printable(session.cmfFolder()));
+  output.line("domains: " + (status.domains            ? std::to_string(*status.domains)
+                             : status.hasConfiguration ? unknown
+                                                       : "none, no configuration there"));
+}
+
+ExitCode s_status(Session& session) {
+  Status status;
+  s_askDatabase(status);
+  s_askConfiguration(session, status);
+  if (session.isJson()) {
+    session.output().document(s_jsonOf(status, session));
+  } else {
+    s_writeLines(status, session);
+  }
+  session.output().flush();
+  ExitCode code = ExitCode::Done;
+  for (const Failure& failure : status.failures) {
+    report(failure);
+    if (code == ExitCode::Done) code = failure.code();
+  }
+  return code;
+}
+
+}  // namespace
+
+void addStatusCommand(CLI::App& app, Choice& chosen) {
+  addCommand(app, "status", "Show the server, the database, its tables and the configuration",
+             "  tsl-address-map status\n"
+             "  tsl-address-map --local status --json\n"
+             "What can be found out is shown even when the rest cannot; the exit code is 75 (or 78)"
+             " then.\n"
+             "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
+             " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
+             chosen, {"status", Preparation::Server, s_status});
+}
+
+}  // namespace Tessel::Tool

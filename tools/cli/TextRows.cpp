@@ -1,0 +1,56 @@
+// Results as plain texts.
+#include "cli/TextRows.h"
+
+#include <cstdint>
+#include <utility>
+
+#include "database/Query.h"
+#include "database/RowParser.h"
+#include "database/db_result.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+class TextParser : public Database::AllRowParser {
+ public:
+  explicit TextParser(unsigned int columns) : m_columns(columns) {}
+
+  void parse(void* connection, void* result) override {
+    const std::int64_t count = db_result_row_num(result);
+    for (std::int64_t i = 0; i < count; ++i) {
+      void* const row = db_result_fetch_row(result, i);
+      TextRow texts;
+      for (unsigned int column = 0; column < m_columns; ++column) {
+        texts.emplace_back(db_result_get_value(connection, result, row, column),
+                           db_result_field_length(result, column));
+      }
+      m_rows.push_back(std::move(texts));
+    }
+  }
+
+  std::vector<TextRow> take() { return std::move(m_rows); }
+
+ private:
+  unsigned int m_columns;
+  std::vector<TextRow> m_rows;
+};
+
+}  // namespace
+
+std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
+                                 unsigned int columns) {
+  TextParser parser(columns);
+  Database::Query query(connection, &parser, true);
+  query << statement;
+  query.execute();
+  return parser.take();
+}
+
+void runStatement(Database::Connection& connection, const std::string& statement) {
+  Database::Query query(connection, nullptr, true);
+  query << statement;
+  query.execute();
+}
+
+}  // namespace Tessel::Tool

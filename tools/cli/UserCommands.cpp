@@ -1,0 +1,192 @@
+// The commands on the mail users of a domain: add, remove, list.
+#include <array>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/Exception.h"
+#include "cli/Command.h"
+#include "cli/Configuration.h"
+#include "cmf/MailUser.h"
+#include "cmf/TableQuery.h"
+#include "cmf/Writer.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+struct Arguments {
+  std::string address;
+  std::string domain;
+  std::string kind = "user";
+};
+
+struct KindName {
+  std::string_view name;
+  std::string_view number;
+  CMF::MailUserKind kind;
+};
+
+constexpr std::array<KindName, 3> s_kinds = {{{"disabled", "0", CMF::MailUserDisabled},
+                                              {"user", "1", CMF::MailUserMailbox},
+                                              {"shared", "2", CMF::MailUserShared}}};
+
+const KindName& s_parseKind(const std::string& text) {
+  for (const KindName& known : s_kinds) {
+    if (text == known.name || text == known.number) return known;
+  }
+  throw Failure(ExitCode::Usage, "--kind " + text, "there is no such kind of mail user",
+                "use user (1), disabled (0) or shared (2)");
+}
+
+std::string s_kindText(std::int32_t kind) {
+  for (const KindName& known : s_kinds) {
+    if (known.kind == kind) return std::string(known.name);
+  }
+  return std::to_string(kind);
+}
+
+// The address of a mail user as the library makes it when it lists all users of a domain. One that
+// it cannot read would keep the whole domain from being listed.
+void s_requireListable(const EmailAddress& address) {
+  const std::string text = address.local() + "@" + address.domain();
+  try {
+    if (EmailAddress::rfc5322Parse(text, true) == address) return;
+  } catch (const Exception&) {
+    // Said below, in words that fit here.
+  }
+  throw Failure(ExitCode::BadData, "mail user " + address.address(),
+                "a user name that needs quotes cannot be stored: the all-users alias of the whole"
+                " domain would stop working",
+                "use a name of letters, digits, dots and other characters that need no quotes");
+}
+
+// True when `server`, the record of `domain`, holds nothing; tells so.
+bool s_isMissing(const Session& session, const CMF::RefApsGwServer& server,
+                 const std::string& domain) {
+  if (!server.isNull()) return false;
+  say("no domain " + domain + " in the configuration in " + session.cmfFolder() +
+      "; add it with 'tsl-address-map domain add'");
+  return true;
+}
+
+// The same for a domain that is only asked for.
+bool s_isMissing(const Session& session, const std::string& domain) {
+  return s_isMissing(session, findDomain(session, domain), domain);
+}
+
+const char* s_text(CMF::Writer::UserResult result) {
+  switch (result) {
+    case CMF::Writer::UserResult::Added:
+      return "added";
+    case CMF::Writer::UserResult::Changed:
+      return "changed";
+    case CMF::Writer::UserResult::Unchanged:
+      return "unchanged";
+  }
+  return "";
+}
+
+ExitCode s_add(Session& session, const Arguments& arguments) {
+  const KindName& kind = s_parseKind(arguments.kind);
+  const EmailAddress address = parseAddress(arguments.address, false);
+  s_requireListable(address);
+  if (s_isMissing(session, address.domain())) return ExitCode::NotFound;
+  const CMF::Writer::UserResult result = withConfiguration(session, [&] {
+    CMF::Writer writer;
+    const auto done = writer.addUser(address.domain(), address.local(), kind.kind);
+    writer.commit();
+    return done;
+  });
+  session.detail(address.address() + ": " + s_text(result));
+  if (session.isJson()) {
+    session.output().document(
+        Json{{"address", address.address()}, {"kind", kind.name}, {"result", s_text(result)}});
+  }
+  return ExitCode::Done;
+}
+
+ExitCode s_remove(Session& session, const Arguments& arguments) {
+  const EmailAddress address = parseAddress(arguments.address, false);
+  bool removed = false;
+  if (!s_isMissing(session, address.domain())) {
+    removed = withConfiguration(session, [&] {
+      CMF::Writer writer;
+      const bool present = writer.removeUser(address.domain(), address.local());
+      writer.commit();
+      return present;
+    });
+    if (!removed) say("no mail user " + address.address());
+  }
+  if (session.isJson()) {
+    session.output().document(Json{{"address", address.address()}, {"removed", removed}});
+  }
+  return removed ? ExitCode::Done : ExitCode::NotFound;
+}
+
+void s_writeUsers(Session& session, const std::string& domain, std::uint32_t domainId) {
+  ItemList list(session.output());
+  withConfiguration(session, [&] {
+    const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(domainId);
+    for (const __aps_mail_user& user : users) {
+      const std::string address = printable(user.user_name).append("@").append(domain);
+      const std::string kind = s_kindText(user.kind);
+      list.add(std::string(address).append("\t").append(kind), [&] {
+        return Json{{"address", address}, {"kind", kind}};
+      });
+    }
+  });
+  list.end();
+}
+
+ExitCode s_list(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
+  const CMF::RefApsGwServer server = findDomain(session, domain);
+  if (s_isMissing(session, server, domain)) {
+    if (session.isJson()) session.output().document(Json::array());
+    return ExitCode::NotFound;
+  }
+  s_writeUsers(session, printable(server->domain()), server->domainId());
+  return ExitCode::Done;
+}
+
+template <class Run>
+Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
+  return {words, Preparation::Database,
+          [arguments, run](Session& session) { return run(session, *arguments); }};
+}
+
+}  // namespace
+
+void addUserCommands(CLI::App& app, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& group = addGroup(app, "user", "Show and change the mail users of the configuration");
+
+  CLI::App& add = addCommand(
+      group, "add", "Add a mail user, or change its kind; exit 1 when the domain is unknown",
+      "  tsl-address-map user add ann@example.com\n"
+      "  tsl-address-map user add room1@example.com --kind shared\n"
+      "Prints nothing; with --json {\"address\", \"kind\", \"result\"}, the result being added,"
+      " changed or unchanged.\n",
+      chosen, s_choice("user add", arguments, s_add));
+  add.add_option("ADDRESS", arguments->address, "The address of the user")->required();
+  add.add_option("--kind", arguments->kind,
+                 "user (1, the default), disabled (0) or shared (2); only users belong to 'all"
+                 " users'")
+      ->option_text("KIND");
+
+  CLI::App& remove = addCommand(group, "remove", "Remove a mail user; exit 1 when there is none",
+                                "  tsl-address-map user remove ann@example.com\n"
+                                "Prints nothing; with --json {\"address\", \"removed\"}.\n",
+                                chosen, s_choice("user remove", arguments, s_remove));
+  remove.add_option("ADDRESS", arguments->address, "The address of the user")->required();
+
+  CLI::App& list = addCommand(
+      group, "list", "List the mail users of a domain; exit 1 when the domain is unknown",
+      "  tsl-address-map user list example.com\n"
+      "One per line: ADDRESS<TAB>KIND; with --json a list of {\"address\", \"kind\"}.\n",
+      chosen, s_choice("user list", arguments, s_list));
+  list.add_option("DOMAIN", arguments->domain, "The domain")->required();
+}
+
+}  // namespace Tessel::Tool

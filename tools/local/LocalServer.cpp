@@ -1,0 +1,421 @@
+// LocalServer: the folder, the first set-up, start and stop.
+#include "local/LocalServer.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <thread>
+
+#include "base/Exception.h"
+#include "local/ServerProcess.h"
+
+namespace Tessel {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// How long a start or a stop may take: recovery after a crash and flushing at the end included.
+constexpr std::chrono::seconds s_patience{60};
+constexpr std::chrono::milliseconds s_pause{10};
+// Most memory for table pages, and least that the server runs with.
+constexpr std::uint64_t s_largestPool = 1024ULL * 1024 * 1024;
+constexpr std::uint64_t s_smallestPool = 16ULL * 1024 * 1024;
+// Longest path of a Unix socket, in bytes.
+constexpr std::size_t s_longestSocket = sizeof(sockaddr_un::sun_path) - 1;
+// Lines of the server's log that an error shows.
+constexpr std::size_t s_shownLines = 8;
+
+constexpr char s_startContext[] = "LocalServer::start";
+constexpr char s_stopContext[] = "LocalServer::stop";
+
+[[noreturn]] void s_fail(const char* context, int line, const std::string& detail) {
+  throw Exception(Exception(context, 4, "LocalServer", line).stringParameter(detail));
+}
+
+std::string s_environment(const char* name) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): read only; callers keep the environment still
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// One start or stop at a time for one folder, over all processes. The kernel lets go of the lock
+// when its holder dies.
+class FolderLock {
+ public:
+  FolderLock(const char* context, const std::string& folder)
+      : m_descriptor(
+            open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+    if (m_descriptor < 0) {
+      s_fail(context, 67,
+             "Cannot write in " + folder + ": " + std::generic_category().message(errno));
+    }
+    while (flock(m_descriptor, LOCK_EX) != 0) {
+      if (errno == EINTR) continue;
+      const int error = errno;
+      close(m_descriptor);
+      s_fail(context, 74, "Cannot lock " + folder + ": " + std::generic_category().message(error));
+    }
+  }
+  ~FolderLock() { close(m_descriptor); }
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+
+ private:
+  int m_descriptor;
+};
+
+std::string s_absolute(const std::string& directory) {
+  if (directory.empty()) s_fail("LocalServer", 87, "The name of the server's folder is empty");
+  for (const char c : directory) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\'' || c == '\\') {
+      s_fail("LocalServer", 91,
+             "The name of the server's folder must not hold quotes, backslashes or control "
+             "characters: " +
+                 directory);
+    }
+  }
+  fs::path path = fs::absolute(directory).lexically_normal();
+  if (!path.has_filename()) path = path.parent_path();
+  return path.string();
+}
+
+// A folder that only its owner may enter. Throws when it is somebody else's.
+void s_makePrivate(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(fs::path(folder).parent_path(), error);
+  if (!error && mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    error.assign(errno, std::generic_category());
+  }
+  if (error) s_fail(s_startContext, 109, "Cannot make " + folder + ": " + error.message());
+  struct stat status {};
+  if (stat(folder.c_str(), &status) != 0 || status.st_uid != geteuid()) {
+    s_fail(s_startContext, 112,
+           folder + " belongs to another user; name another folder, or run as that user");
+  }
+  if (chmod(folder.c_str(), S_IRWXU) != 0) {
+    s_fail(s_startContext, 116,
+           "Cannot close " + folder + " to others: " + std::generic_category().message(errno));
+  }
+}
+
+// True for a folder that nobody else can have put there or can look into.
+bool s_isOwnFolder(const std::string& folder) {
+  struct stat status {};
+  return lstat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+         status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
+std::string s_firstLine(const std::string& file) {
+  std::ifstream stream(file);
+  std::string line;
+  std::getline(stream, line);
+  return line;
+}
+
+void s_writeLine(const std::string& file, const std::string& line) {
+  const std::string fresh = file + ".new";
+  {
+    std::ofstream stream(fresh, std::ios::trunc);
+    stream << line << "\n";
+    if (!stream.flush()) s_fail(s_startContext, 140, "Cannot write " + fresh);
+  }
+  fs::permissions(fresh, fs::perms::owner_read | fs::perms::owner_write);
+  fs::rename(fresh, file);
+}
+
+std::string s_newFolderFor(const std::string& name) {
+  for (const std::string& parent : {s_environment("XDG_RUNTIME_DIR"), std::string("/tmp")}) {
+    std::string folder = parent + "/tsl-XXXXXX";
+    if (parent.empty() || folder.size() + name.size() > s_longestSocket) continue;
+    if (mkdtemp(folder.data()) != nullptr) return folder;
+  }
+  s_fail(s_startContext, 153, "Cannot make a folder for the server's socket under /tmp");
+}
+
+// Another name for a folder, without the blanks and special characters that the set-up script does
+// not cope with: a link in a private folder under /tmp, as long as this object lives.
+class PlainPath {
+ public:
+  explicit PlainPath(const std::string& folder) : m_holder("/tmp/tsl-XXXXXX") {
+    if (mkdtemp(m_holder.data()) == nullptr) {
+      s_fail(s_startContext, 170, "Cannot make a temporary folder under /tmp");
+    }
+    fs::create_directory_symlink(folder, path());
+  }
+  ~PlainPath() {
+    std::error_code ignored;
+    fs::remove(path(), ignored);
+    fs::remove(m_holder, ignored);
+  }
+  PlainPath(const PlainPath&) = delete;
+  PlainPath& operator=(const PlainPath&) = delete;
+  [[nodiscard]] std::string path() const { return m_holder + "/server"; }
+
+ private:
+  std::string m_holder;
+};
+
+std::uint64_t s_defaultPool() {
+  const auto pages = static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES));
+  const auto size = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  return std::clamp(pages * size / 4, s_smallestPool, s_largestPool);
+}
+
+constexpr char s_socketName[] = "/db.sock";
+// Folder for the temporary tables of the server.
+constexpr char s_temporaryName[] = "/tmp";
+
+}  // namespace
+
+LocalServer::LocalServer(const std::string& directory) : m_directory(s_absolute(directory)) {}
+
+std::string LocalServer::defaultDirectory() {
+  const std::string state = s_environment("XDG_STATE_HOME");
+  // The rules for that variable say to ignore a relative path.
+  if (!state.empty() && state[0] == '/') return state + "/tsl-address-map";
+  std::string home = s_environment("HOME");
+  if (home.empty()) {
+    std::array<char, 4096> buffer{};
+    passwd entry{};
+    passwd* found = nullptr;
+    getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
+    if (found != nullptr) home = entry.pw_dir;
+  }
+  if (home.empty()) {
+    s_fail("LocalServer::defaultDirectory", 182,
+           "There is no home folder; set HOME, or name the server's folder");
+  }
+  return home + "/.local/state/tsl-address-map";
+}
+
+std::string LocalServer::optionFile() const {
+  return m_directory + "/client.cnf";
+}
+
+std::string LocalServer::cmfDirectory() const {
+  return m_directory + "/cmf";
+}
+
+// The server adds an extension of its own to a name without one.
+std::string LocalServer::logFile() const {
+  return m_directory + "/server.log";
+}
+
+std::string LocalServer::dataDirectory() const {
+  return m_directory + "/data";
+}
+
+std::string LocalServer::runDirectory() const {
+  return m_directory + "/run";
+}
+
+std::string LocalServer::pidFile() const {
+  return runDirectory() + "/mariadbd.pid";
+}
+
+std::string LocalServer::socketPath() const {
+  std::string usual = runDirectory() + s_socketName;
+  if (usual.size() <= s_longestSocket) return usual;
+  const std::string folder = s_firstLine(runDirectory() + "/socket-folder");
+  return folder.empty() ? "" : folder + s_socketName;
+}
+
+pid_t LocalServer::pid() const {
+  std::ifstream stream(pidFile());
+  pid_t number = 0;
+  stream >> number;
+  // The number may be left over from before a crash, and belong to any program by now.
+  return stream && isServer(number, "--datadir=" + dataDirectory()) ? number : 0;
+}
+
+bool LocalServer::isRunning() const {
+  return pid() != 0;
+}
+
+void LocalServer::makeFolder() const {
+  // Closing to others a folder that has another purpose would be a bad surprise. Another start may
+  // be filling this one at the moment: it makes the lock file first, so that is looked for last.
+  std::error_code error;
+  if (fs::exists(m_directory) && !fs::is_empty(m_directory, error) &&
+      !fs::exists(m_directory + "/lock")) {
+    s_fail(s_startContext, 225,
+           m_directory + " is in use for something else; name an empty or a new folder");
+  }
+  s_makePrivate(m_directory);
+}
+
+void LocalServer::makeInnerFolders() const {
+  s_makePrivate(runDirectory());
+  s_makePrivate(cmfDirectory());
+  s_makePrivate(m_directory + s_temporaryName);
+}
+
+// The data files appear under their name only when they are complete.
+void LocalServer::setUpData(const Options& options) const {
+  if (fs::exists(dataDirectory())) return;
+  const std::string fresh = dataDirectory() + ".new";
+  fs::remove_all(fresh);
+  const PlainPath plain(m_directory);
+  const std::string user = callerName();
+  std::vector<std::string> command{findServerProgram({"mariadb-install-db", "mysql_install_db"}),
+                                   "--no-defaults",
+                                   "--datadir=" + plain.path() + fresh.substr(m_directory.size()),
+                                   "--tmpdir=" + plain.path() + s_temporaryName,
+                                   "--auth-root-authentication-method=socket",
+                                   "--auth-root-socket-user=" + user,
+                                   "--skip-test-db",
+                                   "--skip-name-resolve"};
+  if (geteuid() == 0) command.push_back("--user=root");
+  if (!options.durable) {
+    command.insert(command.end(),
+                   {"--innodb-flush-log-at-trx-commit=0", "--innodb-doublewrite=OFF"});
+  }
+  for (const std::string& argument : options.arguments) {
+    if (argument.starts_with("--innodb-")) command.push_back(argument);
+  }
+  const int status = runDetached(command, logFile());
+  if (status != 0) {
+    s_fail(s_startContext, 244,
+           "Setting up the data files ended with status " + std::to_string(status) +
+               "; the end of " + logFile() + ":" + lastLogLines());
+  }
+  fs::rename(fresh, dataDirectory());
+}
+
+// Where the usual path is too long, the socket gets a folder of its own, which may have vanished
+// since the last start (a restart of the machine empties /tmp) and must not be somebody else's.
+void LocalServer::placeSocket() const {
+  const std::string usual = runDirectory() + s_socketName;
+  if (usual.size() > s_longestSocket) {
+    const std::string record = runDirectory() + "/socket-folder";
+    if (!s_isOwnFolder(s_firstLine(record))) s_writeLine(record, s_newFolderFor(s_socketName));
+  }
+  fs::remove(socketPath());
+}
+
+void LocalServer::removeSocketFolder() const {
+  const std::string record = runDirectory() + "/socket-folder";
+  const std::string folder = s_firstLine(record);
+  if (folder.empty() || !s_isOwnFolder(folder)) return;
+  // What cannot be removed is left for the system's cleaning of temporary files.
+  std::error_code ignored;
+  fs::remove(folder + s_socketName, ignored);
+  fs::remove(folder, ignored);
+  fs::remove(record, ignored);
+}
+
+void LocalServer::writeOptionFile() const {
+  s_writeLine(optionFile(),
+              "# Leads clients to the private server of this folder. Written by each start.\n"
+              "[client]\nsocket=\"" +
+                  socketPath() + "\"\nuser=\"" + callerName() + "\"");
+}
+
+std::vector<std::string> LocalServer::arguments(const Options& options) const {
+  const std::uint64_t pool = options.bufferPool != 0 ? options.bufferPool : s_defaultPool();
+  std::vector<std::string> command{
+      findServerProgram({"mariadbd", "mysqld"}), "--no-defaults", "--datadir=" + dataDirectory(),
+      // A starting server removes what looks like another's temporary tables: none may share this.
+      "--tmpdir=" + m_directory + s_temporaryName, "--socket=" + socketPath(),
+      "--pid-file=" + pidFile(), "--log-error=" + logFile(), "--skip-networking",
+      "--skip-name-resolve", "--performance-schema=OFF", "--character-set-server=utf8mb4",
+      "--innodb-buffer-pool-size=" + std::to_string(pool),
+      std::string("--innodb-flush-log-at-trx-commit=") + (options.durable ? "1" : "0"),
+      std::string("--innodb-doublewrite=") + (options.durable ? "ON" : "OFF")};
+  if (geteuid() == 0) command.push_back("--user=root");
+  command.insert(command.end(), options.arguments.begin(), options.arguments.end());
+  return command;
+}
+
+std::string LocalServer::lastLogLines() const {
+  std::ifstream stream(logFile());
+  std::deque<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+    if (lines.size() > s_shownLines) lines.pop_front();
+  }
+  std::string text;
+  for (const std::string& line : lines) text += "\n" + line;
+  return text;
+}
+
+void LocalServer::awaitAnswer(pid_t server) const {
+  const Clock::time_point limit = Clock::now() + s_patience;
+  while (Clock::now() < limit) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Clock::now());
+    if (greets(socketPath(), static_cast<int>(left.count()))) return;
+    if (hasEnded(server)) {
+      s_fail(s_startContext, 309,
+             "The server ended while it started; the end of " + logFile() + ":" + lastLogLines());
+    }
+    std::this_thread::sleep_for(s_pause);
+  }
+  s_fail(s_startContext, 314,
+         "The server did not answer within " + std::to_string(s_patience.count()) +
+             " seconds; the end of " + logFile() + ":" + lastLogLines());
+}
+
+bool LocalServer::start() {
+  return start(Options());
+}
+
+bool LocalServer::start(const Options& options) try {
+  makeFolder();
+  const FolderLock lock(s_startContext, m_directory);
+  makeInnerFolders();
+  // One that runs may have been started a moment ago by a process that is gone.
+  if (const pid_t running = pid(); running != 0) {
+    awaitAnswer(running);
+    return false;
+  }
+  findServerProgram({"mariadbd", "mysqld"});
+  setUpData(options);
+  placeSocket();
+  writeOptionFile();
+  awaitAnswer(startDetached(arguments(options), logFile(), pidFile()));
+  return true;
+} catch (const fs::filesystem_error& error) {
+  s_fail(s_startContext, 336, error.what());
+}
+
+bool LocalServer::stop() {
+  if (!fs::exists(m_directory)) return false;
+  const FolderLock lock(s_stopContext, m_directory);
+  const pid_t server = pid();
+  if (server == 0) return false;
+  if (kill(server, SIGTERM) != 0) {
+    s_fail(s_stopContext, 345,
+           "Cannot end process " + std::to_string(server) + ": " +
+               std::generic_category().message(errno));
+  }
+  const Clock::time_point limit = Clock::now() + s_patience;
+  while (!hasEnded(server) && pid() == server) {
+    if (Clock::now() >= limit) {
+      s_fail(s_stopContext, 352,
+             "Process " + std::to_string(server) + " still runs after " +
+                 std::to_string(s_patience.count()) + " seconds; see " + logFile());
+    }
+    std::this_thread::sleep_for(s_pause);
+  }
+  removeSocketFolder();
+  return true;
+}
+
+}  // namespace Tessel

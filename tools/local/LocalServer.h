@@ -1,0 +1,86 @@
+// A private MariaDB server under the caller's own user, in a folder of its own.
+#ifndef TSL_TOOLS_LOCAL_LOCALSERVER_H
+#define TSL_TOOLS_LOCAL_LOCALSERVER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tessel {
+
+// A real `mariadbd` that only its owner can reach: by a Unix socket in a folder of mode 0700,
+// without a network port and without a password. Everything it has lies in one folder: `data/`,
+// `run/` (the socket), `tmp/`, `client.cnf` (the option file that leads to it), `cmf/` (a
+// configuration environment) and `server.log`. The server outlives the program that started it,
+// until stop().
+//
+// Start and stop from any number of processes wait for each other. One object: one thread at a
+// time. All failures are thrown as `Exception`, code 4, with what to do in the detail text.
+class LocalServer {
+ public:
+  // What a start may change. They count when the server is started, not for one that runs already.
+  struct Options {
+    // Memory for table pages, in bytes. 0: a quarter of the machine's memory, at most 1 GiB.
+    std::uint64_t bufferPool = 0;
+    // False: a committed transaction may be lost when the machine (not the server) crashes.
+    bool durable = true;
+    // Further arguments for mariadbd. Those that begin with "--innodb-" are used for the set-up of
+    // the data files too.
+    std::vector<std::string> arguments;
+  };
+
+  // `directory` is made by the first start. A relative one is taken from the current folder. Throws
+  // when it holds a quote, a backslash or a control character.
+  explicit LocalServer(const std::string& directory);
+
+  // $XDG_STATE_HOME/tsl-address-map, or ~/.local/state/tsl-address-map. Throws when neither the
+  // environment nor the user database knows a home folder. The environment must not be changed by
+  // another thread meanwhile.
+  static std::string defaultDirectory();
+
+  // Returns with a server that answers: true when this call started it, false when it ran already.
+  // The first start sets up the data files. Throws when it does not answer within 60 seconds.
+  bool start(const Options& options);
+  bool start();
+  // Ends the server in an orderly way and waits for that: true when this call ended it, false when
+  // none ran. Throws when it still runs after 60 seconds.
+  bool stop();
+
+  [[nodiscard]] bool isRunning() const;
+  // Process id of the running server, or 0.
+  [[nodiscard]] pid_t pid() const;
+
+  [[nodiscard]] const std::string& directory() const noexcept { return m_directory; }
+  // For TSL_DATABASE_OPTION_FILE. The file exists from the first start on.
+  [[nodiscard]] std::string optionFile() const;
+  // For TSL_CMF_PATH. The folder exists from the first start on.
+  [[nodiscard]] std::string cmfDirectory() const;
+  // Where the server writes its messages.
+  [[nodiscard]] std::string logFile() const;
+  [[nodiscard]] std::string dataDirectory() const;
+  // Usually in `run/`; in a folder of its own elsewhere when that path is too long for a socket.
+  // Such a folder is made by a start and may change with it; the path is empty before the first
+  // one.
+  [[nodiscard]] std::string socketPath() const;
+
+ private:
+  [[nodiscard]] std::string runDirectory() const;
+  [[nodiscard]] std::string pidFile() const;
+  void makeFolder() const;
+  void makeInnerFolders() const;
+  void setUpData(const Options& options) const;
+  void placeSocket() const;
+  void removeSocketFolder() const;
+  void writeOptionFile() const;
+  [[nodiscard]] std::vector<std::string> arguments(const Options& options) const;
+  [[nodiscard]] std::string lastLogLines() const;
+  void awaitAnswer(pid_t server) const;
+
+  std::string m_directory;  // Absolute.
+};
+
+}  // namespace Tessel
+
+#endif

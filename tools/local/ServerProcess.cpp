@@ -1,0 +1,233 @@
+// ServerProcess: fork, exec and /proc.
+#include "local/ServerProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <system_error>
+
+#include "base/Exception.h"
+
+namespace Tessel {
+
+namespace {
+
+[[noreturn]] void s_fail(const char* context, int line, const std::string& detail) {
+  throw Exception(Exception(context, 4, "ServerProcess", line).stringParameter(detail));
+}
+
+std::string s_reason(int error) {
+  return std::generic_category().message(error);
+}
+
+// What the child needs, made before the fork: afterwards only async-signal-safe calls are allowed.
+struct Launch {
+  std::vector<char*> arguments;
+  int log = -1;
+  int pidFile = -1;
+  int failure = -1;  // Write end of a pipe that closes when the program is running.
+};
+
+void s_writeNumber(int descriptor, long number) {
+  std::array<char, 24> digits{};
+  std::size_t at = digits.size();
+  digits[--at] = '\n';
+  for (; number > 0; number /= 10) digits[--at] = static_cast<char>('0' + number % 10);
+  // A short write leaves a number that no check accepts; nothing more can be done here.
+  static_cast<void>(!write(descriptor, digits.data() + at, digits.size() - at));
+}
+
+[[noreturn]] void s_becomeProgram(const Launch& launch) {
+  setsid();
+  for (int number = 1; number < NSIG; ++number) signal(number, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  if (launch.pidFile >= 0) s_writeNumber(launch.pidFile, getpid());
+  umask(S_IRWXG | S_IRWXO);
+  // Out of the way first: the caller may run with its own standard files closed.
+  constexpr int clear = 10;
+  const int log = fcntl(launch.log, F_DUPFD, clear);
+  const int failure = fcntl(launch.failure, F_DUPFD, clear);
+  const int nothing = fcntl(open("/dev/null", O_RDONLY), F_DUPFD, clear);
+  dup2(nothing, STDIN_FILENO);
+  dup2(log, STDOUT_FILENO);
+  dup2(log, STDERR_FILENO);
+  dup3(failure, 3, O_CLOEXEC);
+  close_range(4, UINT_MAX, 0);
+  execv(launch.arguments[0], launch.arguments.data());
+  const int error = errno;
+  static_cast<void>(!write(3, &error, sizeof(error)));
+  _exit(127);
+}
+
+// An open file that closes with its scope.
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : m_number(number) {}
+  ~Descriptor() { reset(); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int get() const noexcept { return m_number; }
+  void reset() {
+    if (m_number >= 0) close(m_number);
+    m_number = -1;
+  }
+
+ private:
+  int m_number;
+};
+
+int s_openForWriting(const std::string& file, int how) {
+  const int descriptor =
+      open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, S_IRUSR | S_IWUSR);
+  if (descriptor < 0) {
+    s_fail("LocalServer::start", 98, "Cannot write " + file + ": " + s_reason(errno));
+  }
+  return descriptor;
+}
+
+std::string s_readFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+std::string s_baseName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+int s_exitStatus(int status) {
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+}  // namespace
+
+std::string findServerProgram(const std::vector<std::string>& names) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): read only; callers keep the environment still
+  const char* path = std::getenv("PATH");
+  const std::string folders = std::string(path != nullptr ? path : "") +
+                              ":/usr/sbin:/usr/bin:/usr/local/sbin:/usr/local/bin";
+  for (const std::string& name : names) {
+    std::istringstream list(folders);
+    for (std::string folder; std::getline(list, folder, ':');) {
+      if (folder.empty() || folder[0] != '/') continue;
+      std::string candidate = folder;
+      candidate.append("/").append(name);
+      struct stat status {};
+      if (stat(candidate.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+          access(candidate.c_str(), X_OK) == 0) {
+        return candidate;
+      }
+    }
+  }
+  s_fail("LocalServer::start", 131,
+         "The program " + names.front() +
+             " was not found in PATH, /usr/sbin or /usr/bin; install the Debian package "
+             "mariadb-server-core");
+}
+
+pid_t startDetached(const std::vector<std::string>& command, const std::string& logFile,
+                    const std::string& pidFile) {
+  const Descriptor log(s_openForWriting(logFile, O_APPEND));
+  const Descriptor pid(pidFile.empty() ? -1 : s_openForWriting(pidFile, O_TRUNC));
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+    s_fail("LocalServer::start", 143, "Cannot make a pipe: " + s_reason(errno));
+  }
+  const Descriptor readEnd(ends[0]);
+  Descriptor writeEnd(ends[1]);
+  std::vector<std::string> words = command;
+  Launch launch{{}, log.get(), pid.get(), writeEnd.get()};
+  for (std::string& word : words) launch.arguments.push_back(word.data());
+  launch.arguments.push_back(nullptr);
+
+  const pid_t child = fork();
+  if (child < 0) s_fail("LocalServer::start", 153, "Cannot fork: " + s_reason(errno));
+  if (child == 0) s_becomeProgram(launch);
+  writeEnd.reset();
+  int error = 0;
+  ssize_t count = 0;
+  do {
+    count = read(readEnd.get(), &error, sizeof(error));
+  } while (count < 0 && errno == EINTR);
+  if (count > 0) {
+    waitpid(child, nullptr, 0);
+    s_fail("LocalServer::start", 163, "Cannot run " + command[0] + ": " + s_reason(error));
+  }
+  return child;
+}
+
+int runDetached(const std::vector<std::string>& command, const std::string& logFile) {
+  const pid_t child = startDetached(command, logFile, {});
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) s_fail("LocalServer::start", 172, "Cannot wait: " + s_reason(errno));
+  }
+  return s_exitStatus(status);
+}
+
+bool isServer(pid_t pid, const std::string& argument) {
+  if (pid <= 0) return false;
+  // Arguments end with NUL characters; a dead process that nobody collected has none.
+  std::istringstream list(s_readFile("/proc/" + std::to_string(pid) + "/cmdline"));
+  std::string word;
+  if (!std::getline(list, word, '\0')) return false;
+  const std::string program = s_baseName(word);
+  if (program != "mariadbd" && program != "mysqld") return false;
+  while (std::getline(list, word, '\0')) {
+    if (word == argument) return true;
+  }
+  return false;
+}
+
+bool hasEnded(pid_t pid) {
+  if (waitpid(pid, nullptr, WNOHANG) == pid) return true;
+  return kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+bool greets(const std::string& path, int milliseconds) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof(address.sun_path)) return false;
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    return false;
+  }
+  pollfd waiting{socket.get(), POLLIN, 0};
+  if (poll(&waiting, 1, milliseconds) != 1) return false;
+  // Four bytes of packet header, then the protocol version, or the mark of an error such as "too
+  // many connections", which is an answer too.
+  std::array<unsigned char, 5> start{};
+  const ssize_t count = recv(socket.get(), start.data(), start.size(), MSG_WAITALL);
+  return count == static_cast<ssize_t>(start.size()) && (start[4] == 10 || start[4] == 0xff);
+}
+
+std::string callerName() {
+  std::array<char, 4096> buffer{};
+  passwd entry{};
+  passwd* found = nullptr;
+  getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
+  if (found == nullptr) {
+    s_fail("LocalServer::start", 223,
+           "The user database has no name for user id " + std::to_string(geteuid()));
+  }
+  return entry.pw_name;
+}
+
+}  // namespace Tessel
