@@ -133,7 +133,8 @@ void AddressAliasDbMySQL::getAliasNames(std::set<EmailAddress>& names) const {
 
 void AddressAliasDbMySQL::exportToFile(const std::string& path) {
   // Deliberate: the scratch cache keeps nothing, so the file comes out empty and the lasting effect
-  // is the refreshed row count. Pinned by AddressAliasDbMySQL.ExportLeavesAnEmptyFile.
+  // is the refreshed row count. Pinned by
+  // AddressAliasFiles.ExportLeavesAnEmptyFileAndCountsTheRows.
   Cache rows(s_keepsNothing);
   queryEntries(rows);
   std::ofstream file(path, std::ios::out | std::ios::trunc);
@@ -154,9 +155,10 @@ void AddressAliasDbMySQL::importFromFile(const std::string& path) {
     throw Exception("AddressAliasDb::importFromFile", 4, "AddressAliasDbMySQL", 601)
         .stringParameter("Could not open file");
   }
-  forEachColonLine(file, [this](std::string_view alias, std::string_view members) {
-    queryAdd(EmailAddress::rfc5322Parse(alias, true),
-             EmailAddress::rfc5322ParseSet(members, true, false));
+  forEachColonLine(file, [this](std::string_view aliasText, std::string_view membersText) {
+    // First the alias: of two bad texts it is the one that is reported.
+    const EmailAddress alias = EmailAddress::rfc5322Parse(aliasText, true);
+    queryAdd(alias, EmailAddress::rfc5322ParseSet(membersText, true, false));
   });
 }
 

@@ -60,10 +60,10 @@ EmailAddress AddressMaskDbMySQL::findPublicAddress(const EmailAddress& address) 
 }
 
 EmailAddress AddressMaskDbMySQL::findPublic(const EmailAddress& address) const {
-  if (m_cache.size() != 0) {
-    const auto cached = m_cache.find(address);
-    if (cached != m_cache.end()) return cached->second;
-  }
+  // An empty cache misses as well: asking for its size first would cost a lock more.
+  const auto cached = m_cache.find(address);
+  // Unlocked: see the copy after `find` in LRUCache.
+  if (cached != m_cache.end()) return cached->second;
   if (m_cache.size() < entries()) {
     const Synchronized lock(*m_mutex);
     EmailAddress found = queryPublicAddress(address);
@@ -90,11 +90,9 @@ EmailAddress AddressMaskDbMySQL::findPrivateAddress(const EmailAddress& address)
 }
 
 EmailAddress AddressMaskDbMySQL::findPrivate(const EmailAddress& address) const {
-  if (m_cache.size() != 0) {
-    // Unlocked: this walk may meet entries that other threads move or evict, which is accepted.
-    for (auto entry = m_cache.begin(); entry != m_cache.end(); ++entry) {
-      if (entry->second == address) return entry->first;
-    }
+  // Unlocked: this walk may meet entries that other threads move or evict, which is accepted.
+  for (auto entry = m_cache.begin(); entry != m_cache.end(); ++entry) {
+    if (entry->second == address) return entry->first;
   }
   if (m_cache.size() < entries()) {
     const Synchronized lock(*m_mutex);

@@ -1,9 +1,6 @@
-// Tests of one alias table: its statements, its rows and its files.
+// Tests of one alias table: its statements and its rows.
 #include "alias/AddressAliasDbMySQL.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -11,11 +8,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "alias/AliasTable.h"
 #include "local/ServerProcess.h"
-#include "map/AddressMapMySQL.h"
 #include "support/Caught.h"
 #include "support/ExpectedLog.h"
-#include "support/MapDatabase.h"
 #include "support/SocketRelay.h"
 
 namespace Tessel {
@@ -24,50 +20,13 @@ namespace {
 using Testing::caught;
 using testing::Contains;
 using testing::ElementsAre;
-using Testing::expectFacts;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 
 constexpr unsigned int s_logEmptyColumn = 0x300002b;
 
-class AddressAliasDbMySQLOnServer : public Testing::MapDatabase {
- protected:
-  void SetUp() override {
-    MapDatabase::SetUp();
-    m_store = std::make_unique<AddressMapDbMySQL>(false);
-    m_table = std::make_unique<AddressAliasDbMySQL>(*m_store, false, "");
-  }
-
-  static Rows rows() {
-    return sql("select name, members, all_users from ts_address_map.alias order by name");
-  }
-
-  // A path in a folder of its own that goes with the test.
-  class ScratchFile {
-   public:
-    ScratchFile() {
-      char folder[] = "/tmp/tsl-alias-XXXXXX";
-      m_folder = mkdtemp(folder);
-    }
-    ~ScratchFile() { std::filesystem::remove_all(m_folder); }
-    ScratchFile(const ScratchFile&) = delete;
-    ScratchFile& operator=(const ScratchFile&) = delete;
-    [[nodiscard]] std::string path() const { return m_folder + "/table"; }
-    void write(const std::string& text) const { std::ofstream(path()) << text; }
-    [[nodiscard]] std::string text() const {
-      std::ostringstream all;
-      all << std::ifstream(path()).rdbuf();
-      return all.str();
-    }
-
-   private:
-    std::string m_folder;
-  };
-
-  std::unique_ptr<AddressMapDbMySQL> m_store;
-  std::unique_ptr<AddressAliasDbMySQL> m_table;
-};
+using AddressAliasDbMySQLOnServer = Testing::AliasTable;
 
 TEST_F(AddressAliasDbMySQLOnServer, EveryOperationSendsItsStatement) {
   AddressAliasDbMySQL::Entries entries;
@@ -360,57 +319,6 @@ TEST_F(AddressAliasDbMySQLOnServer, ManyThreadsMayUseTheTablesOfOneStore) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(rows().size(), 50U);
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, ExportLeavesAnEmptyFile) {
-  const ScratchFile file;
-  file.write("old content");
-  addAlias("a@d.example", "m@d.example");
-  m_table->exportToFile(file.path());
-  EXPECT_EQ(file.text(), "");
-  // The refreshed row count turns on what a table without preload does not do.
-  EXPECT_EQ(m_table->expandAlias(address("a@d.example")), addresses("m@d.example"));
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, ExportToAMissingFolderFails) {
-  const Exception got = caught([&] { m_table->exportToFile("/nonexistent/folder/file"); });
-  expectFacts(got, "AddressAliasDb::exportToFile", 4, "AddressAliasDbMySQL", 587,
-              "Could not open file");
-  EXPECT_EQ(got.cause(), nullptr);
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, AFailedReadLeavesTheExportFileUntouched) {
-  const ScratchFile file;
-  file.write("old content");
-  AddressAliasDbMySQL table(*m_store, false, "missing");
-  EXPECT_EQ(caught([&] { table.exportToFile(file.path()); }).code(), 1146);
-  EXPECT_EQ(file.text(), "old content");
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, ImportAddsAndReplacesLineByLine) {
-  const ScratchFile file;
-  addAlias("a@d.example", "old@d.example");
-  addAlias("kept@d.example", "k@d.example");
-  file.write("a@d.example:c@d.example,b@d.example\n\nno colon\nlast@d.example:x@d.example");
-  m_table->importFromFile(file.path());
-  EXPECT_EQ(rows(), (Rows{{"a@d.example", "b@d.example,c@d.example", "0"},
-                          {"kept@d.example", "k@d.example", "0"},
-                          {"last@d.example", "x@d.example", "0"}}));
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, AFaultyLineEndsTheImportAndKeepsWhatWasRead) {
-  const ScratchFile file;
-  file.write("a@d.example:b@d.example\nb@@d.example:c@d.example\nc@d.example:d@d.example\n");
-  EXPECT_EQ(caught([&] { m_table->importFromFile(file.path()); }).context(),
-            "EmailAddress::rfc5322Parse");
-  EXPECT_EQ(rows().size(), 1U);
-}
-
-TEST_F(AddressAliasDbMySQLOnServer, ImportOfAMissingFileFails) {
-  const Exception got = caught([&] { m_table->importFromFile("/nonexistent"); });
-  expectFacts(got, "AddressAliasDb::importFromFile", 4, "AddressAliasDbMySQL", 601,
-              "Could not open file");
-  EXPECT_EQ(got.cause(), nullptr);
 }
 
 }  // namespace

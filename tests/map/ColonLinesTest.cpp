@@ -59,6 +59,20 @@ TEST(ColonLines, ALongerLineIsCutAt16383AndEndsTheReading) {
   EXPECT_THAT(s_read("a:" + rest + "\nc:d\n"), ElementsAre(Pair("a", std::string(16381, 'x'))));
 }
 
+TEST(ColonLines, OneCharacterTooManyIsTooLong) {
+  const std::string rest(16382, 'x');
+  EXPECT_THAT(s_read("a:" + rest + "\nc:d\n"), ElementsAre(Pair("a", std::string(16381, 'x'))));
+}
+
+TEST(ColonLines, ALastLineOf16383CharactersWithoutLineFeedIsWhole) {
+  const std::string rest(16381, 'x');
+  EXPECT_THAT(s_read("c:d\na:" + rest), ElementsAre(Pair("c", "d\0"s), Pair("a", rest)));
+}
+
+TEST(ColonLines, NulsStayWhereTheyAre) {
+  EXPECT_THAT(s_read("a\0b:c\0d\n\0\0\n"s), ElementsAre(Pair("a\0b"s, "c\0d\0"s)));
+}
+
 TEST(ColonLines, WhatTheTakerThrowsEndsTheReading) {
   std::istringstream stream("a:b\nc:d\n");
   int taken = 0;

@@ -1,5 +1,7 @@
 // Pins the layout of stores, tables, rows and handles: other programs were compiled against it.
 // This source is compiled without access control, because the order of private fields counts.
+#include <map>
+#include <string>
 #include <type_traits>
 
 #include <gtest/gtest.h>
@@ -50,15 +52,23 @@ TEST(MapLayout, VirtualOperationsOfTheStoreAndItsTablesStandInTheirSlots) {
   EXPECT_EQ(virtualSlot(&AddressAliasDbMySQL::queryFindMembers), 8);
   EXPECT_EQ(virtualSlot(&AddressAliasDbMySQL::queryEntries), -1);
   EXPECT_EQ(virtualSlot(&AddressAliasDbMySQL::queryAdd), -1);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::findPublicAddress), 2);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::findPrivateAddress), 3);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::findByMaskedDomain), 4);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::exportToFile), 5);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::importFromFile), 6);
   EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::queryPublicAddress), 7);
   EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::queryPrivateAddress), 8);
   EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::queryAdd), -1);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::queryEntries), -1);
+  EXPECT_EQ(virtualSlot(&AddressMaskDbMySQL::queryWildCards), -1);
 }
 
 TEST(MapLayout, VirtualOperationsOfRowsAndParsersStandInTheirSlots) {
   EXPECT_EQ(virtualSlot(&AddressAliasRow::parse), 2);
   EXPECT_EQ(virtualSlot(&Database::AddressMaskRow::parse), 2);
   EXPECT_EQ(virtualSlot(&Database::TsRowParser<AddressAliasRow>::parse), 2);
+  EXPECT_EQ(virtualSlot(&Database::TsRowParser<Database::AddressMaskRow>::parse), 2);
 }
 
 TEST(MapLayout, ClassTreesAreAsTheyWereCompiledAgainst) {
@@ -76,7 +86,12 @@ TEST(MapLayout, ClassTreesAreAsTheyWereCompiledAgainst) {
   static_assert(std::is_base_of_v<Database::RowImpl, Database::AddressMaskRow>);
   static_assert(std::is_base_of_v<NonCopyable, Database::RowImpl>);
   static_assert(std::is_base_of_v<Database::AllRowParser, Database::TsRowParser<AddressAliasRow>>);
+  static_assert(
+      std::is_base_of_v<Database::AllRowParser, Database::TsRowParser<Database::AddressMaskRow>>);
   static_assert(std::is_base_of_v<Database::RowParser, Database::AllRowParser>);
+  static_assert(std::is_base_of_v<RefImpl, AddressMaskDbImpl>);
+  static_assert(std::has_virtual_destructor_v<AddressMaskDbMySQL>);
+  static_assert(std::has_virtual_destructor_v<Database::AddressMaskRow>);
   static_assert(static_cast<int>(AddressMapDb::MySQL) == 1);
   SUCCEED();
 }
@@ -140,6 +155,10 @@ TEST_F(MapLayoutOnServer, FieldsOfTheStoreAndItsTablesStandInOrder) {
                            addressOf(mask.m_entries), addressOf(mask.m_wildCards)));
   EXPECT_EQ(addressOf(mask.m_mutex) - addressOf(mask.m_noAddress),
             static_cast<std::ptrdiff_t>(sizeof(EmailAddress) + sizeof(void*)));
+  EXPECT_EQ(&mask.m_mapDb, &store);
+  EXPECT_EQ(mask.m_mutex, &store.m_mutex);
+  static_assert(sizeof(mask.m_entries) == 4);
+  static_assert(std::is_same_v<decltype(mask.m_wildCards), std::map<std::string, std::string>>);
 }
 
 TEST_F(MapLayoutOnServer, TableNamesAndCachesAreThoseOfTheStoreName) {
@@ -165,6 +184,35 @@ TEST(MapLayout, FieldsOfRowsStandInOrder) {
   EXPECT_TRUE(standInOrder(addressOf(mask.m_private), addressOf(mask.m_public)));
   EXPECT_TRUE(mask.privateAddress().isNull());
   EXPECT_TRUE(mask.publicAddress().isNull());
+}
+
+TEST(MapLayout, ParsersAndFunctorsHoldTheirContainerAndNothingElse) {
+  Database::RowContainer rows;
+  const Database::TsRowParser<Database::AddressMaskRow> parser(rows);
+  static_assert(sizeof(parser) == 2 * sizeof(void*));
+  EXPECT_EQ(parser.m_rows, &rows);
+  static_assert(!std::is_polymorphic_v<AdapterMaskRowToEntryContainer>);
+  static_assert(!std::is_polymorphic_v<AdapterMaskRowToWildCardContainer>);
+  static_assert(sizeof(AdapterMaskRowToEntryContainer) == sizeof(void*));
+  static_assert(sizeof(AdapterMaskRowToWildCardContainer) == sizeof(void*));
+}
+
+TEST_F(MapLayoutOnServer, AFreshMaskTableHasCountedNothingAndAPreloadCountsAllAndCaches1024) {
+  AddressMapDbMySQL store(false);
+  std::string values = "( '*@a.example','*@b.example' )";
+  for (int i = 0; i < 2000; ++i) {
+    const std::string number = std::to_string(i);
+    values += ",( 'p" + number + "@d.example','q" + number + "@e.example' )";
+  }
+  sql("insert into ts_address_map.mask values " + values);
+  const AddressMaskDbMySQL fresh(store, false, "");
+  EXPECT_EQ(fresh.m_entries, 0U);
+  EXPECT_EQ(fresh.m_cache.m_size, 0U);
+  EXPECT_TRUE(fresh.m_wildCards.empty());
+  const AddressMaskDbMySQL table(store, true, "");
+  EXPECT_EQ(table.m_entries, 2000U);
+  EXPECT_EQ(table.m_cache.m_size, 1024U);
+  EXPECT_EQ(table.m_wildCards, (std::map<std::string, std::string>{{"a.example", "b.example"}}));
 }
 
 TEST(MapLayout, FieldsOfTheExpandersStandInOrder) {

@@ -1,54 +1,48 @@
-// Tests of one address-mask table: its statements, its preload and its lookups.
+// Tests of one address-mask table: its statements, its preload and its writes.
 #include "mask/AddressMaskMySQL.h"
-
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "map/AddressMapMySQL.h"
+#include "local/ServerProcess.h"
+#include "mask/MaskTable.h"
 #include "support/Caught.h"
 #include "support/ExpectedLog.h"
-#include "support/MapDatabase.h"
+#include "support/SocketRelay.h"
 
 namespace Tessel {
 namespace {
 
 using Testing::caught;
+using testing::Contains;
 using testing::ElementsAre;
 using Testing::expectFacts;
 using testing::IsEmpty;
+using testing::Pair;
 using testing::SizeIs;
 
-class AddressMaskMySQLOnServer : public Testing::MapDatabase {
+using Entries = std::map<EmailAddress, EmailAddress>;
+
+constexpr unsigned int s_logEmptyColumn = 0x300002a;
+
+class AddressMaskMySQLOnServer : public Testing::MaskTable {
  protected:
-  void SetUp() override {
-    MapDatabase::SetUp();
-    m_store = std::make_unique<AddressMapDbMySQL>(false);
+  // Expects one message about a row with an empty column.
+  static void expectOneBrokenRowInTheLog() {
+    const auto log = Testing::takeLog();
+    ASSERT_THAT(log, SizeIs(1));
+    EXPECT_EQ(log[0].code, s_logEmptyColumn);
+    EXPECT_EQ(log[0].number, 0);
+    EXPECT_EQ(log[0].text, " ");
   }
-
-  static void addMask(const std::string& privateText, const std::string& publicText) {
-    sql("insert into ts_address_map.mask values( '" + privateText + "','" + publicText + "' )");
-  }
-
-  std::unique_ptr<AddressMaskDbMySQL> open(bool preload) {
-    return std::make_unique<AddressMaskDbMySQL>(*m_store, preload, "");
-  }
-
-  static Rows rows() { return sql("select * from ts_address_map.mask order by private"); }
-
-  std::unique_ptr<AddressMapDbMySQL> m_store;
 };
 
 TEST_F(AddressMaskMySQLOnServer, EveryOperationSendsItsStatement) {
   const auto table = open(false);
   const EmailAddress inner = address("p@d.example");
   const EmailAddress outer = address("q@e.example");
-  std::map<EmailAddress, EmailAddress> entries;
+  Entries entries;
+  AddressMaskDbMySQL::Cache cache(0);
   EXPECT_THAT(statementsOf([&] {
                 table->queryAdd(inner, outer);
                 EXPECT_EQ(table->queryPublicAddress(inner), outer);
@@ -57,6 +51,7 @@ TEST_F(AddressMaskMySQLOnServer, EveryOperationSendsItsStatement) {
                 table->findByMaskedDomain("d.example", entries);
                 table->queryDelete(inner, outer);
                 table->queryDelete("d.example");
+                table->queryEntries(cache);
                 table->queryWildCards();
               }),
               ElementsAre("insert into mask (private, public ) values( 'p@d.example','q@e.example' "
@@ -67,131 +62,297 @@ TEST_F(AddressMaskMySQLOnServer, EveryOperationSendsItsStatement) {
                           "delete from mask where private='p@d.example' and "
                           "public='q@e.example'",
                           "delete from mask where private like '%@d.example'",
+                          "select * from mask where private not like '%*%'",
                           "select * from mask where private like '%*%' or public like '%*%'"));
-  EXPECT_THAT(entries, ElementsAre(testing::Pair(inner, outer)));
+  EXPECT_THAT(entries, ElementsAre(Pair(inner, outer)));
 }
 
-TEST_F(AddressMaskMySQLOnServer, WithoutPreloadNothingIsAskedAndNothingFound) {
-  addMask("p@d.example", "q@e.example");
-  EXPECT_THAT(statementsOf([&] {
-                const auto table = open(false);
-                EXPECT_TRUE(table->findPublicAddress(address("p@d.example")).isNull());
-                EXPECT_TRUE(table->findPrivateAddress(address("q@e.example")).isNull());
-              }),
-              IsEmpty());
-}
-
-TEST_F(AddressMaskMySQLOnServer, APreloadedTableAnswersWithoutAsking) {
-  addMask("p@d.example", "q@e.example");
-  addMask("*@inner.example", "*@outer.example");
-  const auto table = open(true);
-  EXPECT_THAT(
-      statementsOf([&] {
-        EXPECT_EQ(table->findPublicAddress(address("p@d.example")), address("q@e.example"));
-        EXPECT_EQ(table->findPrivateAddress(address("q@e.example")), address("p@d.example"));
-        EXPECT_EQ(table->findPublicAddress(address("L@inner.example")), address("L@outer.example"));
-        EXPECT_EQ(table->findPrivateAddress(address("L@outer.example")),
-                  address("L@inner.example"));
-        EXPECT_TRUE(table->findPublicAddress(address("L@Inner.example")).isNull());
-      }),
-      IsEmpty());
-}
-
-TEST_F(AddressMaskMySQLOnServer, TheFirstOfTwoPrivateDomainsWins) {
-  addMask("*@a2.example", "b*@b.example");
-  addMask("*@a1.example", "*@b.example");
-  EXPECT_EQ(open(true)->findPrivateAddress(address("x@b.example")), address("x@a1.example"));
-}
-
-TEST_F(AddressMaskMySQLOnServer, ATableLargerThanTheCacheIsAskedOnAMiss) {
-  std::string values;
-  for (int i = 0; i < 1100; ++i) {
-    const std::string number = std::to_string(i);
-    values += (i == 0 ? "( 'p" : ",( 'p") + number + "@d.example','q" + number + "@e.example' )";
+TEST_F(AddressMaskMySQLOnServer, StatementsAreSentWithTheirFinalSemicolon) {
+  auto& server = Testing::TestServer::shared();
+  const Testing::SocketRelay relay(server.directory() + "/mask-relay.sock", server.socketPath());
+  const Testing::TestServer::OptionFile options(
+      server, "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
+  {
+    AddressMapDbMySQL store(false);
+    AddressMaskDbMySQL table(store, true, "");
+    Entries entries;
+    const EmailAddress inner = address("p@d.example");
+    const EmailAddress outer = address("q@e.example");
+    table.queryAdd(inner, outer);
+    EXPECT_EQ(table.queryPublicAddress(inner), outer);
+    EXPECT_EQ(table.queryPrivateAddress(outer), inner);
+    table.findByMaskedDomain("*", entries);
+    table.findByMaskedDomain("d.example", entries);
+    table.queryDelete(inner, outer);
+    table.queryDelete("d.example");
   }
-  sql("insert into ts_address_map.mask values " + values);
-  const auto table = open(true);
-  std::size_t asked = 0;
-  for (int i = 0; i < 1100; ++i) {
-    const std::string number = std::to_string(i);
-    EXPECT_EQ(table->queryPublicAddress(address("p" + number + "@d.example")),
-              address("q" + number + "@e.example"));
+  const std::vector<std::string> sent = relay.statements();
+  for (const char* statement :
+       {"select * from mask where private not like '%*%';",
+        "select * from mask where private like '%*%' or public like '%*%';",
+        "insert into mask (private, public ) values( 'p@d.example','q@e.example' ) "
+        "on duplicate key update public=values( public );",
+        "select * from mask where private ='p@d.example';",
+        "select * from mask where public ='q@e.example';", "select * from mask;",
+        "select * from mask where private like '%@d.example';",
+        "delete from mask where private='p@d.example' and public='q@e.example';",
+        "delete from mask where private like '%@d.example';"}) {
+    EXPECT_THAT(sent, Contains(statement));
   }
-  asked = statementsOf([&] {
-            EXPECT_TRUE(table->findPublicAddress(address("unknown@d.example")).isNull());
-            EXPECT_TRUE(table->findPrivateAddress(address("unknown@d.example")).isNull());
-          }).size();
-  // The full cache holds 1024 of 1100 rows, so both directions ask.
-  EXPECT_EQ(asked, 2U);
 }
 
-TEST_F(AddressMaskMySQLOnServer, ATakenPublicAddressChangesTheOtherRow) {
+TEST_F(AddressMaskMySQLOnServer, AStoreNameIsAppendedToTheTableName) {
+  createMaskTable(m_store->connection(), "mask_sales");
+  EXPECT_THAT(statementsOf([this] { open(true, "sales"); }),
+              ElementsAre("select * from mask_sales where private not like '%*%'",
+                          "select * from mask_sales where private like '%*%' or public like "
+                          "'%*%'"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, WithoutPreloadTheConstructorAsksNothing) {
+  addMask("p@d.example", "q@e.example");
+  EXPECT_THAT(statementsOf([this] { open(false); }), IsEmpty());
+}
+
+TEST_F(AddressMaskMySQLOnServer, APreloadReadsPlainRowsThenWildcards) {
+  EXPECT_THAT(statementsOf([this] { open(true); }),
+              ElementsAre("select * from mask where private not like '%*%'",
+                          "select * from mask where private like '%*%' or public like '%*%'"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, ATableOf2000PlainRowsCachesThe1024ReadFirstAndCountsAll) {
+  addPairs(0, 2000);
+  const auto table = open(true);
+  EXPECT_EQ(statementCount([&] {
+              EXPECT_EQ(table->findPublicAddress(inner(0)), outer(0));
+              EXPECT_EQ(table->findPublicAddress(inner(1023)), outer(1023));
+            }),
+            0U);
+  sql("drop table ts_address_map.mask");
+  const Exception got =
+      caught([&] { static_cast<void>(table->findPrivateAddress(address("unknown@e.example"))); });
+  EXPECT_EQ(got.stringParameter(), "m_entries = 1024 / cached=2000");
+  // The first row that was left out.
+  EXPECT_EQ(caught([&] { static_cast<void>(table->findPublicAddress(inner(1024))); }).context(),
+            "findPublicAddress");
+}
+
+TEST_F(AddressMaskMySQLOnServer, WildcardRowsAreNeitherCachedNorCounted) {
+  addMask("*@a.example", "*@b.example");
+  addPairs(0, 2);
+  const auto table = open(true);
+  AddressMaskDbMySQL::Cache cache(10);
+  table->queryEntries(cache);
+  EXPECT_EQ(cache.size(), 2U);
+  EXPECT_EQ(cache.begin()->first, inner(1));
+  // Two cached of two counted: the table is not asked.
+  EXPECT_EQ(statementCount(
+                [&] { EXPECT_TRUE(table->findPublicAddress(address("*@d.example")).isNull()); }),
+            0U);
+}
+
+TEST_F(AddressMaskMySQLOnServer, EntriesStopAtACacheThatHolds1024AndCountOn) {
+  addPairs(0, 3);
+  AddressMaskDbMySQL::Cache cache(2000);
+  for (int i = 0; i < 1022; ++i) cache.add(address(numbered("x", i) + "@x.example"), outer(i));
+  const auto table = open(false);
+  table->queryEntries(cache);
+  EXPECT_EQ(cache.size(), 1024U);
+  sql("drop table ts_address_map.mask");
+  EXPECT_EQ(
+      caught([&] { static_cast<void>(table->findPrivateAddress(outer(7))); }).stringParameter(),
+      "m_entries = 0 / cached=3");
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheLastRowOfAPrivateDomainWins) {
+  addMask("*@a.example", "*@b.example");
+  addMask("x*@a.example", "*@c.example");
+  EXPECT_EQ(open(true)->findPublicAddress(address("l@a.example")), address("l@c.example"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, WildcardsAreKeptWhenTheyAreReadAgain) {
+  addMask("*@a1.example", "*@b1.example");
+  addMask("*@a2.example", "*@b2.example");
+  const auto table = open(true);
+  sql("delete from ts_address_map.mask where private='*@a1.example'");
+  sql("update ts_address_map.mask set public='*@b3.example'");
+  table->queryWildCards();
+  EXPECT_EQ(table->findPublicAddress(address("l@a1.example")), address("l@b1.example"));
+  EXPECT_EQ(table->findPublicAddress(address("l@a2.example")), address("l@b3.example"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, AddingAPrivateAddressAgainReplacesItsPublicOneInTheTableOnly) {
+  addMask("p@d.example", "old@e.example");
+  const auto table = open(true);
+  table->queryAdd(address("p@d.example"), address("new@e.example"));
+  EXPECT_EQ(rows(), (Rows{{"p@d.example", "new@e.example"}}));
+  EXPECT_EQ(table->findPublicAddress(address("p@d.example")), address("old@e.example"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, ATakenPublicAddressStaysWithItsRowAndAddsNone) {
   const auto table = open(false);
   table->queryAdd(address("p@d.example"), address("q@e.example"));
   table->queryAdd(address("p2@d.example"), address("q@e.example"));
   EXPECT_EQ(rows(), (Rows{{"p@d.example", "q@e.example"}}));
 }
 
-TEST_F(AddressMaskMySQLOnServer, AFailedPreloadIsWrapped) {
-  sql("drop table ts_address_map.mask");
+TEST_F(AddressMaskMySQLOnServer, APublicAddressOfAnotherRowCannotBeTakenOver) {
+  addPairs(0, 2);
+  // The private address finds its own row, whose new public address the other row has.
+  EXPECT_EQ(caught([&] { open(false)->queryAdd(inner(0), outer(1)); }).code(), 1062);
+  EXPECT_EQ(rows(), (Rows{{inner(0).address(), outer(0).address()},
+                          {inner(1).address(), outer(1).address()}}));
+}
+
+TEST_F(AddressMaskMySQLOnServer, DeletingAPairTakesExactlyThatPair) {
+  addPairs(0, 2);
+  const auto table = open(false);
+  table->queryDelete(inner(0), outer(1));
+  EXPECT_THAT(rows(), SizeIs(2));
+  table->queryDelete(inner(0), outer(0));
+  EXPECT_EQ(rows(), (Rows{{inner(1).address(), outer(1).address()}}));
+}
+
+TEST_F(AddressMaskMySQLOnServer, DeletingADomainTakesItsPrivateAddressesOnly) {
+  addMask("p@d.example", "q@e.example");
+  addMask("*@d.example", "*@e.example");
+  addMask("p@sub.d.example", "q@sub.example");
+  addMask("p@e.example", "q@d.example");
+  open(false)->queryDelete("d.example");
+  EXPECT_EQ(rows(), (Rows{{"p@e.example", "q@d.example"}, {"p@sub.d.example", "q@sub.example"}}));
+}
+
+TEST_F(AddressMaskMySQLOnServer, WritesDoNotReachCacheCountAndWildcards) {
+  addPairs(0, 1);
+  addMask("*@a.example", "*@b.example");
+  const auto table = open(true);
+  table->queryDelete(inner(0), outer(0));
+  table->queryDelete("a.example");
+  table->queryAdd(inner(7), outer(7));
+  table->queryAdd(address("*@a2.example"), address("*@b2.example"));
+  EXPECT_EQ(statementCount([&] {
+              EXPECT_EQ(table->findPublicAddress(inner(0)), outer(0));
+              EXPECT_EQ(table->findPublicAddress(address("l@a.example")), address("l@b.example"));
+              EXPECT_TRUE(table->findPublicAddress(inner(7)).isNull());
+              EXPECT_TRUE(table->findPublicAddress(address("l@a2.example")).isNull());
+            }),
+            0U);
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheStarReturnsEveryRowAndADomainItsOwn) {
+  addMask("p@d.example", "q@e.example");
+  addMask("*@d.example", "*@e.example");
+  addMask("p@sub.d.example", "q@sub.example");
+  const auto table = open(false);
+  Entries all;
+  table->findByMaskedDomain("*", all);
+  EXPECT_THAT(all, SizeIs(3));
+  Entries some;
+  table->findByMaskedDomain("d.example", some);
+  EXPECT_THAT(some, ElementsAre(Pair(address("*@d.example"), address("*@e.example")),
+                                Pair(address("p@d.example"), address("q@e.example"))));
+}
+
+TEST_F(AddressMaskMySQLOnServer, ListingKeepsWhatTheMapHoldsAndChangesNoAnswer) {
+  addMask("p@d.example", "q@e.example");
+  const auto table = open(false);
+  Entries entries{{address("old@d.example"), address("kept@e.example")},
+                  {address("p@d.example"), address("stale@e.example")}};
+  table->findByMaskedDomain("*", entries);
+  EXPECT_THAT(entries, ElementsAre(Pair(address("old@d.example"), address("kept@e.example")),
+                                   Pair(address("p@d.example"), address("q@e.example"))));
+  EXPECT_EQ(statementCount(
+                [&] { EXPECT_TRUE(table->findPublicAddress(address("p@d.example")).isNull()); }),
+            0U);
+}
+
+TEST_F(AddressMaskMySQLOnServer, UnknownAddressesAreNull) {
+  const auto table = open(false);
+  EXPECT_TRUE(table->queryPublicAddress(inner(0)).isNull());
+  EXPECT_TRUE(table->queryPrivateAddress(outer(0)).isNull());
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheCollationsIdeaOfEqualDecidesWhichRowAnswers) {
+  addMask("\xc3\x89ric@d.example", "q@e.example");
+  // No second look is taken, other than for aliases.
+  EXPECT_EQ(open(false)->queryPublicAddress(address("\xc3\xa9ric@d.example")),
+            address("q@e.example"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, ARowWithAnEmptyColumnIsLoggedAndKept) {
+  addMask("p@d.example", "");
+  const auto table = open(false);
+  Entries entries;
+  table->findByMaskedDomain("*", entries);
+  EXPECT_THAT(entries, ElementsAre(Pair(EmailAddress(), EmailAddress())));
+  expectOneBrokenRowInTheLog();
+  EXPECT_TRUE(table->queryPublicAddress(address("p@d.example")).isNull());
+  expectOneBrokenRowInTheLog();
+}
+
+TEST_F(AddressMaskMySQLOnServer, RowsWithEmptyColumnsCountSoTheTableIsAlwaysAsked) {
+  addMask("p@d.example", "");
+  addMask("", "q@e.example");
+  const auto table = open(true);
+  EXPECT_THAT(Testing::takeLog(), SizeIs(2));
+  // Both went into the cache as one null address, and count as two rows.
+  EXPECT_EQ(statementCount(
+                [&] { EXPECT_TRUE(table->findPublicAddress(address("x@d.example")).isNull()); }),
+            1U);
+}
+
+TEST_F(AddressMaskMySQLOnServer, AWildcardRowWithAnEmptyColumnMapsAddressesWithoutDomain) {
+  addMask("*@a.example", "");
+  const auto table = open(true);
+  expectOneBrokenRowInTheLog();
+  EXPECT_TRUE(table->findPublicAddress(address("l@a.example")).isNull());
+  EXPECT_EQ(table->findPublicAddress(address("root")), address("root"));
+  EXPECT_EQ(table->findPrivateAddress(address("root")), address("root"));
+}
+
+TEST_F(AddressMaskMySQLOnServer, ARowThatDoesNotParseFailsTheWholeReading) {
+  addMask("p@d.example", "q@e.example");
+  addMask("no address", "x@e.example");
+  const auto table = open(false);
+  Entries entries;
+  EXPECT_EQ(caught([&] { table->findByMaskedDomain("*", entries); }).context(),
+            "EmailAddress::rfc5321Parse");
+  EXPECT_THAT(entries, IsEmpty());
+  EXPECT_EQ(caught([&] {
+              static_cast<void>(table->queryPrivateAddress(address("x@e.example")));
+            }).context(),
+            "EmailAddress::rfc5321Parse");
   const Exception got = caught([&] { open(true); });
   expectFacts(got, "queryEntries ", 4, "AddressMaskMySQL", 218, "Error reading mask");
   ASSERT_NE(got.cause(), nullptr);
+  EXPECT_EQ(got.cause()->context(), "EmailAddress::rfc5321Parse");
+  EXPECT_EQ(got.cause()->cause(), nullptr);
+}
+
+TEST_F(AddressMaskMySQLOnServer, AnUnreadableTableFailsItsPreloadUnderItsName) {
+  const Exception got = caught([&] { open(true, "missing"); });
+  expectFacts(got, "queryEntries ", 4, "AddressMaskMySQL", 218, "Error reading mask_missing");
+  ASSERT_NE(got.cause(), nullptr);
   EXPECT_EQ(got.cause()->code(), 1146);
+  EXPECT_EQ(got.cause()->cause(), nullptr);
 }
 
-TEST_F(AddressMaskMySQLOnServer, FailedLookupsAreWrapped) {
-  for (int i = 0; i < 7; ++i) {
-    const std::string number = std::to_string(i);
-    addMask("p" + number + "@d.example", "q" + number + "@e.example");
-  }
-  const auto table = open(true);
-  for (int i = 7; i < 1100; ++i) {
-    const std::string number = std::to_string(i);
-    addMask("p" + number + "@d.example", "q" + number + "@e.example");
-  }
-  table->exportToFile("/dev/null");
-  sql("drop table ts_address_map.mask");
-  const EmailAddress unknown = address("unknown@d.example");
-  const Exception forward = caught([&] { static_cast<void>(table->findPublicAddress(unknown)); });
-  expectFacts(forward, "findPublicAddress", 4, "AddressMaskMySQL", 100);
-  ASSERT_NE(forward.cause(), nullptr);
-  EXPECT_EQ(forward.cause()->code(), 1146);
-  const Exception reverse = caught([&] { static_cast<void>(table->findPrivateAddress(unknown)); });
-  expectFacts(reverse, "findPrivateAddress", 4, "AddressMaskMySQL", 162,
-              "m_entries = 7 / cached=1100");
-  ASSERT_NE(reverse.cause(), nullptr);
-  EXPECT_EQ(reverse.cause()->code(), 1146);
+TEST_F(AddressMaskMySQLOnServer, AWildcardThatDoesNotParseFailsThePreloadUnwrapped) {
+  addMask("*", "*@b.example");
+  const Exception got = caught([&] { open(true); });
+  EXPECT_EQ(got.context(), "EmailAddress::rfc5321Parse");
 }
 
-TEST_F(AddressMaskMySQLOnServer, ARowWithAnEmptyColumnIsLoggedAndCounted) {
-  addMask("p@d.example", "");
-  const auto table = open(true);
-  const auto log = Testing::takeLog();
-  ASSERT_THAT(log, SizeIs(1));
-  EXPECT_EQ(log[0].code, 0x300002aU);
-  EXPECT_EQ(log[0].text, " ");
-}
-
-TEST_F(AddressMaskMySQLOnServer, FilesThatCannotBeOpenedAreReported) {
-  const auto table = open(false);
-  expectFacts(caught([&] { table->exportToFile("/nonexistent/folder/file"); }),
-              "AddressAliasMaskDb::exportToFile", 4, "AddressMaskMySQL", 425,
-              "Could not open file");
-  expectFacts(caught([&] { table->importFromFile("/nonexistent"); }),
-              "AddressMaskDb::importFromFile", 4, "AddressMaskMySQL", 439, "Could not open file");
-}
-
-TEST_F(AddressMaskMySQLOnServer, ImportAddsPairsAndExportLeavesAnEmptyFile) {
-  const std::string path =
-      (std::filesystem::temp_directory_path() / ("tsl-mask-" + std::to_string(getpid()))).string();
-  std::ofstream(path) << "p@d.example:q@e.example\nnothing\n\np2@d.example:q2@e.example";
-  const auto table = open(false);
-  table->importFromFile(path);
-  EXPECT_EQ(rows(), (Rows{{"p@d.example", "q@e.example"}, {"p2@d.example", "q2@e.example"}}));
-  table->exportToFile(path);
-  EXPECT_EQ(std::filesystem::file_size(path), 0U);
-  std::filesystem::remove(path);
+TEST_F(AddressMaskMySQLOnServer, AMissingTableFailsEveryOtherOperationWithTheServersError) {
+  const auto table = open(false, "missing");
+  Entries entries;
+  EXPECT_EQ(caught([&] { table->queryAdd(inner(0), outer(0)); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table->queryDelete(inner(0), outer(0)); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table->queryDelete("d.example"); }).code(), 1146);
+  EXPECT_EQ(caught([&] { static_cast<void>(table->queryPublicAddress(inner(0))); }).code(), 1146);
+  EXPECT_EQ(caught([&] { static_cast<void>(table->queryPrivateAddress(outer(0))); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table->findByMaskedDomain("*", entries); }).code(), 1146);
+  EXPECT_EQ(caught([&] { table->queryWildCards(); }).code(), 1146);
 }
 
 }  // namespace

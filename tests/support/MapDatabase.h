@@ -20,7 +20,10 @@ class MapDatabase : public testing::Test {
  protected:
   using Rows = std::vector<std::vector<std::string>>;
 
-  void SetUp() override {
+  void SetUp() override { prepare(); }
+
+  // Makes the database anew.
+  static void prepare() {
     sql("drop database if exists ts_address_map");
     AddressMapDb::initialize(AddressMapDb::MySQL, false);
   }
