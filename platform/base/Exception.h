@@ -45,7 +45,7 @@ class TSL_EXPORT Exception : public std::exception {
 
  private:
   struct State;
-  void replaceState(State state);
+  TSL_HIDDEN void replaceState(State state);
 
   std::shared_ptr<const State> m_state;
 };

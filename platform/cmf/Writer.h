@@ -56,7 +56,7 @@ class TSL_EXPORT Writer : public NonCopyable {
   void commit();
 
  private:
-  class Transaction;
+  class TSL_HIDDEN Transaction;
   std::unique_ptr<Transaction> m_transaction;
 };
 

@@ -67,7 +67,7 @@ class TSL_EXPORT Connection {
  private:
   friend class Query;
   friend class Transaction;
-  class Impl;  // Defined in a private header: where statements are sent.
+  class TSL_HIDDEN Impl;  // Defined in a private header: where statements are sent.
 
   std::unique_ptr<Impl> m_impl;
 };

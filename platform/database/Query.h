@@ -49,7 +49,7 @@ class TSL_EXPORT Query : public std::ostream {
 
  private:
   // Text of any length with a write position that can be set anywhere in it.
-  class Buffer : public std::streambuf {
+  class TSL_HIDDEN Buffer : public std::streambuf {
    public:
     Buffer();
     ~Buffer() override;
