@@ -1,42 +1,84 @@
 # What an installation consists of, and how other builds find it: by the CMake package TslAddressMap
-# or by the pkg-config module tsladdressmap.
+# or by the pkg-config module tsladdressmap. cmake/Package.cmake makes Debian packages of the same.
 include(CMakePackageConfigHelpers)
 
-# A folder of our own: the names of the headers are short.
+# Folders of our own: the names of the headers are short.
 set(tsl_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/tsladdressmap)
-set(tsl_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/TslAddressMap)
 
 # Whoever installs the private libraries beside the tool need not tell the loader where they are.
 file(RELATIVE_PATH tsl_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(tsl-address-map PROPERTIES INSTALL_RPATH "\$ORIGIN/${tsl_bin_to_lib}")
 set_target_properties(tsl_platform tsladdressmap PROPERTIES INSTALL_RPATH "\$ORIGIN")
 
-install(
-  TARGETS tsl_platform tsladdressmap
-  EXPORT TslAddressMapTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  INCLUDES
-  DESTINATION ${tsl_include_dir})
-install(TARGETS tsl-address-map RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# tsl_install_targets(FLAVOUR LIBDIR [EXCLUDE_FROM_ALL]): the rules for all that depends on the folder
+# of the libraries, LIBDIR: it stands inside the files by which other builds find us. The components
+# are FLAVOURlibrary, FLAVOURdevelopment and FLAVOURtool.
+function(tsl_install_targets flavour libdir)
+  set(optional ${ARGN})
+  set(package_dir ${libdir}/cmake/TslAddressMap)
+  set(generated_dir ${PROJECT_BINARY_DIR}/packaging/${flavour}files)
+  install(
+    TARGETS tsl_platform tsladdressmap
+    EXPORT ${flavour}TslAddressMapTargets
+    LIBRARY DESTINATION ${libdir}
+            COMPONENT ${flavour}library
+            NAMELINK_COMPONENT ${flavour}development
+            ${optional}
+    INCLUDES
+    DESTINATION ${tsl_include_dir})
+  install(TARGETS tsl-address-map RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+                                          COMPONENT ${flavour}tool ${optional})
 
-install(DIRECTORY include2/ DESTINATION ${tsl_include_dir} FILES_MATCHING PATTERN "*.h")
-install(FILES platform/base/Exception.h platform/base/Export.h DESTINATION ${tsl_include_dir}/base)
-install(FILES platform/address/EmailAddress.h platform/address/tsl_emailaddress.h
-        DESTINATION ${tsl_include_dir}/address)
+  install(
+    EXPORT ${flavour}TslAddressMapTargets
+    NAMESPACE TslAddressMap::
+    FILE TslAddressMapTargets.cmake
+    DESTINATION ${package_dir}
+    COMPONENT ${flavour}development ${optional})
+  configure_package_config_file(packaging/TslAddressMapConfig.cmake.in
+                                ${generated_dir}/TslAddressMapConfig.cmake
+                                INSTALL_DESTINATION ${package_dir})
+  write_basic_package_version_file(${generated_dir}/TslAddressMapConfigVersion.cmake
+                                   COMPATIBILITY SameMajorVersion)
+  install(
+    FILES ${generated_dir}/TslAddressMapConfig.cmake
+          ${generated_dir}/TslAddressMapConfigVersion.cmake
+    DESTINATION ${package_dir}
+    COMPONENT ${flavour}development ${optional})
 
-install(EXPORT TslAddressMapTargets NAMESPACE TslAddressMap:: DESTINATION ${tsl_package_dir})
-configure_package_config_file(packaging/TslAddressMapConfig.cmake.in
-                              ${PROJECT_BINARY_DIR}/packaging/TslAddressMapConfig.cmake
-                              INSTALL_DESTINATION ${tsl_package_dir})
-write_basic_package_version_file(
-  ${PROJECT_BINARY_DIR}/packaging/TslAddressMapConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/packaging/TslAddressMapConfig.cmake
-              ${PROJECT_BINARY_DIR}/packaging/TslAddressMapConfigVersion.cmake
-        DESTINATION ${tsl_package_dir})
+  # The module finds its prefix from its own place, so that an installation may be moved.
+  set(tsl_libdir ${libdir})
+  file(RELATIVE_PATH tsl_pkgconfig_to_prefix /prefix/${libdir}/pkgconfig /prefix)
+  configure_file(packaging/tsladdressmap.pc.in ${generated_dir}/tsladdressmap.pc @ONLY)
+  install(FILES ${generated_dir}/tsladdressmap.pc DESTINATION ${libdir}/pkgconfig
+          COMPONENT ${flavour}development ${optional})
+endfunction()
 
-# The module finds its prefix from its own place, so that an installation may be moved.
-file(RELATIVE_PATH tsl_pkgconfig_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
-     ${CMAKE_INSTALL_PREFIX})
-configure_file(packaging/tsladdressmap.pc.in ${PROJECT_BINARY_DIR}/packaging/tsladdressmap.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/packaging/tsladdressmap.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# tsl_install_files(FLAVOUR DEVELOPMENT_DOC TOOL_DOC [EXCLUDE_FROM_ALL]): the rules for headers, manual
+# pages and documents, which go to DEVELOPMENT_DOC and TOOL_DOC.
+function(tsl_install_files flavour development_doc tool_doc)
+  set(development COMPONENT ${flavour}development ${ARGN})
+  set(tool COMPONENT ${flavour}tool ${ARGN})
+  install(DIRECTORY include2/ DESTINATION ${tsl_include_dir} ${development}
+          FILES_MATCHING PATTERN "*.h")
+  install(FILES platform/base/Exception.h platform/base/Export.h
+          DESTINATION ${tsl_include_dir}/base ${development})
+  install(FILES platform/address/EmailAddress.h platform/address/tsl_emailaddress.h
+          DESTINATION ${tsl_include_dir}/address ${development})
+
+  # Section 3 is for those who program, the others for those who run the tool.
+  install(FILES docs/man/tsl_address_map.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 ${development})
+  foreach(section 1 5 8)
+    file(GLOB pages docs/man/*.${section})
+    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${tool})
+  endforeach()
+
+  install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
+          FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN contributing.md EXCLUDE)
+  install(FILES docs/tool.md docs/configuration.md docs/failures.md DESTINATION ${tool_doc} ${tool})
+  install(DIRECTORY examples/ DESTINATION ${development_doc}/examples ${development}
+          PATTERN examples/CMakeLists.txt EXCLUDE)
+endfunction()
+
+tsl_install_targets("" ${CMAKE_INSTALL_LIBDIR})
+tsl_install_files("" ${CMAKE_INSTALL_DOCDIR} ${CMAKE_INSTALL_DOCDIR})

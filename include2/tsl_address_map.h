@@ -25,8 +25,8 @@
    - The functions named ..._table_create and ..._table_erase always write the "_": for them "" is
      the table "alias_" or "mask_", which no function with a store opens.
    - Names, like domains, go into SQL as they stand. Only letters, digits and "_" are safe in a
-   table name; "'", "\", "%" and "_" are not safe in a domain, nor is what the writing functions
-   say.
+     table name; "'", "\", "%" and "_" are not safe in a domain, nor is what the writing functions
+     say.
 
    Results
    - int: 0 done, -1 refused or failed.
@@ -41,8 +41,9 @@
      the partial result that a function names.
    - The four functions ..._table_create and ..._table_erase let that exception out. Everything
      else that C++ can throw, above all std::bad_alloc when memory is short, leaves any function
-     but the two ..._extensions_create. Nothing stays locked then, nothing is leaked, and the store
-     can be used on.
+     that asks the database, but for the two ..._extensions_create. Nothing stays locked then,
+     nothing is leaked, and the store can be used on. The functions that end an object throw
+     nothing.
    - So a C program that calls one of the four, or wants to survive a lack of memory, calls through
      a C++ function that catches. An exception that reaches main() or a thread's start ends the
      process; one that passes through C frames needs them compiled with -fexceptions, and skips
@@ -144,7 +145,8 @@ TSL_EXPORT int tsl_address_alias_erase_member_user(tsl_address_map map, tsl_emai
                                                    const char* table);
 
 /* The alias `alias` with its members as they are stored, not expanded; ended with
-   tsl_address_alias_entry_destroy(). NULL: also when it has no members. */
+   tsl_address_alias_entry_destroy(). NULL: also when it has no members. A failure while the entry
+   is filled returns it with NULL in the fields that are not. */
 TSL_EXPORT tsl_address_alias_entry* tsl_address_alias_find(tsl_address_map map,
                                                            tsl_emailaddress alias,
                                                            const char* table);
@@ -212,7 +214,8 @@ TSL_EXPORT int tsl_address_mask_erase_by_domain(tsl_address_map map, const char*
                                                 const char* table);
 
 /* The pairs whose private address is in `domain`, or all for "*"; ended with
-   tsl_address_mask_list_destroy(). NULL: also when there are none. */
+   tsl_address_mask_list_destroy(). NULL: also when there are none. A failure while the list is
+   filled returns NULL too, and the addresses copied until then are lost. */
 TSL_EXPORT tsl_address_mask_list tsl_address_mask_select(tsl_address_map map, const char* domain,
                                                          const char* table);
 

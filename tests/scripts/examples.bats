@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# The example that the README shows, as the build made it, against a private server.
+# The examples that the documents show, as the build made them, against a private server.
 
 load server
 
@@ -11,7 +11,10 @@ setup_file() {
 
 teardown_file() { stop_server; }
 
-setup() { expand=$TSL_BUILD/bin/expand; }
+setup() {
+  expand=$TSL_BUILD/bin/expand
+  c_interface=$TSL_BUILD/bin/c_interface
+}
 
 @test "the example expands an alias" {
   run with_server "$expand" staff@example.com
@@ -37,6 +40,56 @@ setup() { expand=$TSL_BUILD/bin/expand; }
   [[ $output == *"EmailAddress::rfc5321Parse"* ]]
   run "$expand"
   [ "$status" -eq 64 ]
+}
+
+@test "the C example prints what its document says, every time" {
+  sed -n '/^It prints, and ends with 0:$/,/^## /{/^[a-z]*: /p}' "$TSL_SOURCE/docs/c-interface.md" \
+    >"$BATS_TEST_TMPDIR/want"
+  [ "$(wc -l <"$BATS_TEST_TMPDIR/want")" -eq 11 ]
+  for _ in 1 2; do
+    run with_server "$c_interface"
+    echo "$output"
+    [ "$status" -eq 0 ]
+    diff "$BATS_TEST_TMPDIR/want" - <<<"$output"
+  done
+}
+
+@test "the C example leaves the tables of others as they were" {
+  run tool alias list
+  before=$output
+  with_server "$c_interface"
+  run tool alias list
+  [ "$output" = "$before" ]
+  [[ $output == *"staff@example.com"* ]]
+  run tool status
+  [[ $output != *c_example* ]]
+}
+
+@test "the C example says what failed" {
+  TSL_DATABASE_OPTION_FILE=/nonexistent/client.cnf run "$c_interface"
+  [ "$status" -eq 75 ]
+  [ "$output" = "c_interface: the database cannot be reached" ]
+}
+
+@test "the C example survives a table that is in its way" {
+  echo "create table ts_address_map.mask_c_example (x int)" | tool local shell
+  run with_server "$c_interface"
+  echo "drop table ts_address_map.mask_c_example" | tool local shell
+  echo "$output"
+  [ "$status" -eq 75 ]
+  [[ $output == *"c_interface: making the table c_example, which is there already, failed"* ]]
+}
+
+@test "the guard of the C example catches what the library throws" {
+  # Nothing is in the way, but the user may not make tables.
+  echo "create user reader@localhost; grant select, insert, update, delete on ts_address_map.* to reader@localhost" |
+    tool local shell
+  sed 's/^user *=.*/user = reader/' "$server_folder/db/client.cnf" >"$server_folder/reader.cnf"
+  chmod 600 "$server_folder/reader.cnf"
+  TSL_DATABASE_OPTION_FILE=$server_folder/reader.cnf run "$c_interface"
+  echo "$output"
+  [ "$status" -eq 75 ]
+  [[ $output == *'c_interface: table "c_example": Address Mask Creation'* ]]
 }
 
 @test "the example prepares the database" {

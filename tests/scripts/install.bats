@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# An installation as others find it: the example is built outside the tree against a staged
+# An installation as others find it: the examples are built outside the tree against a staged
 # installation, by CMake and by pkg-config, and run against a private server.
 
 load server
@@ -20,6 +20,14 @@ expands() {
   [ "$output" = ann@example.com ]
 }
 
+# The C example leaves the tables as it found them, so it can run again.
+runs_in_c() {
+  run with_server "$1"
+  echo "$output"
+  [ "$status" -eq 0 ]
+  [[ $output == *"reached: bob@partner.example"*"public: ann@shown.example"* ]]
+}
+
 library_folder() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
 
 @test "the public headers are installed, and no private one" {
@@ -35,15 +43,63 @@ library_folder() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
   cd "$prefix/include/tsladdressmap"
   find . -name '*.h' | sed 's|^\./||' | while read -r header; do
     echo "#include \"$header\"" |
-      g++ -std=c++20 -Wall -Wextra -Werror -fsyntax-only -I"$PWD" -x c++ - || exit 1
+      g++ -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$PWD" -x c++ - || exit 1
   done
 }
 
+@test "the headers of the C interface compile as C11 against the installation alone" {
+  cd "$prefix/include/tsladdressmap"
+  for header in tsl_address_map.h address/tsl_emailaddress.h base/Export.h; do
+    printf '#include "%s"\nint tsl_unused;\n' "$header" |
+      gcc -std=c11 -pedantic-errors -Wall -Wextra -Werror -fsyntax-only -I"$PWD" -x c -
+  done
+  # A C++ header shows that the language is C.
+  run gcc -std=c11 -fsyntax-only -I"$PWD" -x c - <<<'#include "AddressMapDb.h"'
+  [ "$status" -ne 0 ]
+}
+
+# foreign_headers FOLDER: what the headers there reach of the database, the storage and Boost.
+foreign_headers() {
+  (cd "$1" && find . -name '*.h') | while read -r header; do
+    echo "#include \"$header\"" | g++ -std=c++20 -I"$1" -M -x c++ - | tr -s ' \\' '\n' |
+      grep -E '/(mysql|mariadb|boost)/|/lmdb\.h$|/syslog\.h$' || true
+  done
+}
+
+@test "no installed header reaches those of MariaDB, LMDB or Boost" {
+  [ -z "$(foreign_headers "$prefix/include/tsladdressmap")" ]
+  cp -r "$prefix/include/tsladdressmap" "$BATS_TEST_TMPDIR/headers"
+  echo '#include <lmdb.h>' >>"$BATS_TEST_TMPDIR/headers/base/Exception.h"
+  foreign_headers "$BATS_TEST_TMPDIR/headers" | grep -q '/lmdb\.h$'
+}
+
+@test "documents, manual and examples are installed" {
+  [ "$(man -w -M "$prefix/share/man" tsl_address_map)" = "$prefix/share/man/man3/tsl_address_map.3" ]
+  documents=$(dirname "$(find "$prefix/share/doc" -name c-interface.md)")
+  [ -f "$documents/behaviour.md" ]
+  [ -f "$documents/examples/c_interface.c" ]
+  [ -f "$documents/examples/outside/CMakeLists.txt" ]
+  # How to work on the project is for those who have its sources.
+  [ ! -e "$documents/contributing.md" ]
+}
+
+@test "the manual page is well formed" {
+  page=$TSL_SOURCE/docs/man/tsl_address_map.3
+  [ -z "$(man -l --warnings -Tutf8 -Z "$page" 2>&1 >/dev/null)" ]
+  lexgrog "$page" | grep -q '"tsl_address_map - '
+  # It would not pass one with a mistake.
+  printf '.TH T 3\n.SH NAME\nt \\- thing\n.nosuch\n' >"$BATS_TEST_TMPDIR/t.3"
+  [ -n "$(man -l --warnings -Tutf8 -Z "$BATS_TEST_TMPDIR/t.3" 2>&1 >/dev/null)" ]
+}
+
+# The examples as they were installed, without the tree around them.
 @test "a CMake project finds the package" {
-  cmake -S "$TSL_SOURCE/examples/outside" -B "$BATS_TEST_TMPDIR/cmake" -DCMAKE_PREFIX_PATH="$prefix"
-  cmake --build "$BATS_TEST_TMPDIR/cmake"
+  cmake -S "$prefix/share/doc/TslAddressMap/examples/outside" -B "$BATS_TEST_TMPDIR/cmake" \
+    -DCMAKE_PREFIX_PATH="$prefix"
+  cmake --build "$BATS_TEST_TMPDIR/cmake" --parallel
   expands "$BATS_TEST_TMPDIR/cmake/expand"
-  ldd "$BATS_TEST_TMPDIR/cmake/expand" | grep -F "$prefix" | grep -q libtsladdressmap.so.1
+  runs_in_c "$BATS_TEST_TMPDIR/cmake/c_interface"
+  ldd "$BATS_TEST_TMPDIR/cmake/c_interface" | grep -F "$prefix" | grep -q libtsladdressmap.so.1
 }
 
 @test "a CMake project that wants another major version does not find it" {
@@ -63,6 +119,33 @@ library_folder() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
   g++ -std=c++20 "$TSL_SOURCE/examples/expand.cpp" -o "$BATS_TEST_TMPDIR/expand" \
     $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_folder)"
   expands "$BATS_TEST_TMPDIR/expand"
+}
+
+@test "pkg-config serves a C program" {
+  export PKG_CONFIG_PATH
+  PKG_CONFIG_PATH=$(library_folder)/pkgconfig
+  cd "$BATS_TEST_TMPDIR"
+  # As docs/c-interface.md has it.
+  gcc -std=c11 -pedantic-errors -Wall -Wextra -Werror -c "$TSL_SOURCE/examples/c_interface.c" \
+    $(pkg-config --cflags tsladdressmap)
+  g++ -std=c++20 -c "$TSL_SOURCE/examples/c_guard.cpp"
+  g++ -o c_interface c_interface.o c_guard.o $(pkg-config --libs tsladdressmap) \
+    -Wl,-rpath,"$(library_folder)"
+  runs_in_c ./c_interface
+}
+
+@test "a C program that calls nothing that throws is linked as C" {
+  export PKG_CONFIG_PATH
+  PKG_CONFIG_PATH=$(library_folder)/pkgconfig
+  # What the README shows.
+  {
+    printf '#include <stdio.h>\n#include <tsl_address_map.h>\nint main(void) {\n'
+    sed -n '/^```c$/,/^```$/{/^```/d;p}' "$TSL_SOURCE/README.md"
+    printf 'return 0;\n}\n'
+  } >"$BATS_TEST_TMPDIR/reach.c"
+  gcc -std=c11 -Wall -Wextra -Werror -o "$BATS_TEST_TMPDIR/reach" "$BATS_TEST_TMPDIR/reach.c" \
+    $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_folder)"
+  expands "$BATS_TEST_TMPDIR/reach"
 }
 
 @test "the installed tool runs with the installed libraries" {
