@@ -1,4 +1,5 @@
-// Escaping of text for a single-quoted SQL literal, private to the address library.
+// Escaping of text for a single-quoted SQL literal: for the address library, and for the statements
+// that the tool writes itself. Not installed.
 #ifndef TSL_ADDRESS_EMAILADDRESSESCAPE_H
 #define TSL_ADDRESS_EMAILADDRESSESCAPE_H
 

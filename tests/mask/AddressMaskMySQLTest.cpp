@@ -90,8 +90,8 @@ TEST_F(AddressMaskMySQLOnServer, StatementsAreSentWithTheirFinalSemicolon) {
   for (const char* statement :
        {"select * from mask where private not like '%*%';",
         "select * from mask where private like '%*%' or public like '%*%';",
-        "insert into mask (private, public ) values( 'p@d.example','q@e.example' ) "
-        "on duplicate key update public=values( public );",
+        ("insert into mask (private, public ) values( 'p@d.example','q@e.example' ) "
+         "on duplicate key update public=values( public );"),
         "select * from mask where private ='p@d.example';",
         "select * from mask where public ='q@e.example';", "select * from mask;",
         "select * from mask where private like '%@d.example';",

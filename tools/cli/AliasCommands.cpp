@@ -1,5 +1,4 @@
 // The commands on the rows of an alias table: set, remove, show, list.
-#include <algorithm>
 #include <memory>
 #include <set>
 #include <string>
@@ -7,10 +6,11 @@
 
 #include "AddressMapDb.h"
 #include "alias/AddressAliasDbMySQL.h"
-#include "base/stringCompareNoCase.h"
+#include "cli/AliasEdit.h"
 #include "cli/AliasReport.h"
 #include "cli/AliasTable.h"
 #include "cli/Command.h"
+#include "cli/DryRun.h"
 
 namespace Tessel::Tool {
 
@@ -22,6 +22,8 @@ struct Arguments {
   std::string address;
   std::vector<std::string> members;
   std::string domain;
+  bool allowCycle = false;
+  bool dryRun = false;
 };
 
 // A table of a store made without preload: it answers from the table alone, and opening it asks
@@ -44,75 +46,44 @@ Json s_jsonOf(const EmailAddress& alias, const Members& members) {
   return Json{{"address", alias.address()}, {"members", jsonOf(members)}};
 }
 
-bool s_isMarker(const EmailAddress& member, const EmailAddress& alias) {
-  // The library compares the text, so a marker that needs quotes has no effect.
-  return stringCompareNoCase(member.address(), "allusers_" + alias.domain(), 0);
-}
-
-EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias) {
-  EmailAddress member = parseAddress(text, true);
-  if (!member.domain().empty() || s_isMarker(member, alias)) return member;
-  throw Failure(ExitCode::BadData, "member '" + text + "'",
-                "it has no domain, and it is not the all-users marker of this alias (that of"
-                " another domain has no effect)",
-                "write it as NAME@DOMAIN, or use 'allusers_" + alias.domain() +
-                    "' for all user mailboxes of the domain");
-}
-
-Members s_parseMembers(const Arguments& arguments, const EmailAddress& alias) {
-  Members members;
-  for (const std::string& text : arguments.members) members.insert(s_parseMember(text, alias));
-  const bool marker = std::any_of(members.begin(), members.end(), [&](const EmailAddress& member) {
-    return s_isMarker(member, alias);
-  });
-  if (marker && members.size() > 1) {
-    say("warning: 'allusers_" + alias.domain() +
-        "' stands for all users only when it is the only member; among others it is taken for an"
-        " address");
-  }
-  return members;
-}
-
-// Refuses to touch the row of another address, which the server takes for the same one.
-void s_refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session) {
-  if (look.kind != AliasLook::Kind::Other) return;
-  throw Failure(ExitCode::BadData, "alias " + alias.address(),
-                "the server takes it for the alias '" + look.row.name + "' of table " +
-                    aliasTableName(session.tableName()) +
-                    ", which is spelled differently (the same characters in another encoding,"
-                    " perhaps)",
-                "use the spelling of that alias, or remove that alias first");
-}
-
 ExitCode s_set(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
-  const Members members = s_parseMembers(arguments, alias);
+  const Members members = parseMembers(arguments.members, alias);
+  warnOfMixedMarker(members, alias);
   session.tellTarget();
   AliasTable table(aliasTableName(session.tableName()));
-  // Between the look and the write another program may add a row; the look protects people from
-  // their own slips, no more.
-  s_refuseOther(table.look(alias), alias, session);
-  table.set(alias, members);
-  session.detail("set " + alias.address() + " to " + joined(members));
-  if (session.isJson()) session.output().document(s_jsonOf(alias, members));
+  bool present = false;
+  table.transact([&] {
+    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
+    refuseOther(look, alias, session);
+    if (!arguments.allowCycle) refuseCycle(table, alias, members);
+    present = look.kind == AliasLook::Kind::Present;
+    if (!arguments.dryRun) table.set(alias, members);
+    return !arguments.dryRun;
+  });
+  if (!arguments.dryRun) session.detail("set " + alias.address() + " to " + joined(members));
+  answerChange(session, s_jsonOf(alias, members), changeLine(present ? "~" : "+", alias, members),
+               arguments.dryRun);
   return ExitCode::Done;
 }
 
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   session.tellTarget();
-  const AliasLook look = AliasTable(aliasTableName(session.tableName())).look(alias);
-  s_refuseOther(look, alias, session);
+  AliasTable table(aliasTableName(session.tableName()));
+  AliasLook look;
+  table.transact([&] {
+    look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
+    refuseOther(look, alias, session);
+    if (look.kind != AliasLook::Kind::Present || arguments.dryRun) return false;
+    table.remove(look.row.name);
+    return true;
+  });
   const bool present = look.kind == AliasLook::Kind::Present;
-  if (present) {
-    (*LibraryTable(session)).queryDelete(alias);
-    session.detail("removed " + alias.address());
-  } else {
-    sayNoAlias(alias, session);
-  }
-  if (session.isJson()) {
-    session.output().document(Json{{"address", alias.address()}, {"removed", present}});
-  }
+  if (!present) sayNoAlias(alias, session);
+  if (present && !arguments.dryRun) session.detail("removed " + alias.address());
+  answerChange(session, Json{{"address", alias.address()}, {"removed", present}},
+               present ? "- " + look.row.name + ":" + look.row.text : "", arguments.dryRun);
   return present ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -187,12 +158,16 @@ void addAliasCommands(CLI::App& app, Choice& chosen) {
       chosen, s_choice("alias set", arguments, s_set));
   set.add_option("ADDRESS", arguments->address, "The alias")->required();
   set.add_option("MEMBER", arguments->members, "An address it stands for")->required();
+  set.add_flag("--allow-cycle", arguments->allowCycle,
+               "Write it even if its members lead back to it");
+  addDryRun(set, arguments->dryRun);
 
   CLI::App& remove = addCommand(group, "remove", "Remove an alias; exit 1 when there is none",
                                 "  tsl-address-map alias remove team@example.com\n"
                                 "Prints nothing; with --json {\"address\", \"removed\"}.\n",
                                 chosen, s_choice("alias remove", arguments, s_remove));
   remove.add_option("ADDRESS", arguments->address, "The alias")->required();
+  addDryRun(remove, arguments->dryRun);
 
   CLI::App& show = addCommand(
       group, "show", "Show the members of an alias as they are stored; exit 1 when there is none",
@@ -212,7 +187,12 @@ void addAliasCommands(CLI::App& app, Choice& chosen) {
   list.add_option("--domain", arguments->domain, "Only the aliases of this domain")
       ->option_text("DOMAIN");
 
+  addAliasEditCommands(group, chosen);
   addAliasExpandCommand(group, chosen);
+  addAliasTreeCommand(group, chosen);
+  addAliasWhoCommand(group, chosen);
+  addExportCommand(group, TableFormat::alias(), chosen);
+  addImportCommand(group, TableFormat::alias(), chosen);
 }
 
 }  // namespace Tessel::Tool

@@ -1,7 +1,5 @@
 // The command `alias expand`: final addresses, for addresses of the command line or of standard
 // input.
-#include <cstddef>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -11,6 +9,7 @@
 
 #include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
+#include "cli/AddressInput.h"
 #include "cli/AliasReport.h"
 #include "cli/AliasTable.h"
 #include "cli/Command.h"
@@ -21,9 +20,6 @@ namespace Tessel::Tool {
 namespace {
 
 using Addresses = std::set<EmailAddress>;
-
-// Longer lines of input are no addresses, whatever they hold.
-constexpr std::size_t s_maxLine = 4096;
 
 enum class Outcome { Found, NoAlias, ExpandsToNothing, BrokenRow };
 
@@ -116,27 +112,9 @@ class ExpandRun {
         m_list(session.output()),
         m_withAddress(withAddress) {}
 
-  // Text of a list that is no address is reported, with `place` before the message, and the run
-  // goes on.
-  void add(const std::string& text, const std::string& place) {
-    EmailAddress address;
-    try {
-      address = parseAddress(text, false);
-    } catch (const Failure& failure) {
-      if (!m_withAddress) throw;
-      report(Failure(failure.code(), place + failure.subject(), failure.why(), failure.hint()));
-      m_code = s_worse(m_code, ExitCode::BadData);
-      return;
-    }
-    answer(address);
-  }
+  // What an answer means for the exit code; the worst of all that was met.
+  [[nodiscard]] ExitCode code() const { return m_code; }
 
-  ExitCode end() {
-    m_list.end();
-    return m_code;
-  }
-
- private:
   void answer(const EmailAddress& address) {
     Addresses found;
     const Outcome outcome = m_expander.expand(address, found);
@@ -148,6 +126,9 @@ class ExpandRun {
     m_session.output().flush();
   }
 
+  void end() { m_list.end(); }
+
+ private:
   void write(const EmailAddress& address, Outcome outcome, const Addresses& found) {
     const auto json = [&] {
       Json document{{"address", address.address()}, {"outcome", s_text(outcome)}};
@@ -168,43 +149,13 @@ class ExpandRun {
   ExitCode m_code = ExitCode::Done;
 };
 
-// Reads a line of standard input without its end, of which no more than a little over `s_maxLine`
-// bytes are kept. False at the end of the input. Throws Failure when it cannot be read.
-bool s_readLine(std::string& line) {
-  line.clear();
-  int byte = std::getc(stdin);
-  if (byte == EOF && std::ferror(stdin) == 0) return false;
-  while (byte != EOF && byte != '\n') {
-    if (line.size() <= s_maxLine) line += static_cast<char>(byte);
-    byte = std::getc(stdin);
-  }
-  if (std::ferror(stdin) != 0) {
-    throw Failure(ExitCode::Unavailable, "reading standard input", "it cannot be read",
-                  "name a readable file or pipe");
-  }
-  return true;
-}
-
-void s_expandInput(ExpandRun& run) {
-  std::string line;
-  for (std::size_t number = 1; s_readLine(line); ++number) {
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    run.add(line, "standard input, line " + std::to_string(number) + ": ");
-  }
-}
-
 ExitCode s_expand(Session& session, const std::vector<std::string>& addresses) {
   session.tellTarget();
-  const bool single = addresses.size() == 1 && addresses[0] != "-";
-  ExpandRun run(session, !single);
-  for (const std::string& address : addresses) {
-    if (address == "-") {
-      s_expandInput(run);
-    } else {
-      run.add(address, "");
-    }
-  }
-  return run.end();
+  ExpandRun run(session, !isSingle(addresses));
+  const ExitCode read =
+      forEachAddress(addresses, [&run](const EmailAddress& address) { run.answer(address); });
+  run.end();
+  return s_worse(read, run.code());
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #ifndef TSL_TOOLS_CLI_ALIASTABLE_H
 #define TSL_TOOLS_CLI_ALIASTABLE_H
 
+#include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +25,7 @@ struct AliasRow {
   };
 
   std::string name;    // As it stands in the table.
+  std::string text;    // The members, as they stand there.
   EmailAddress alias;  // Null for `BadName`.
   std::set<EmailAddress> members;
   State state = State::Good;
@@ -51,15 +54,36 @@ class AliasTable {
   // What the server finds for `address`.
   AliasLook look(const EmailAddress& address);
 
+  // The same, with the row, or the gap where it would be, locked until the end of the transaction.
+  AliasLook lookLocked(const EmailAddress& address);
+
+  // The own rows of those of `addresses` that have one, whatever their states, by the address. Asks
+  // for many with one statement.
+  std::map<EmailAddress, AliasRow> look(const std::set<EmailAddress>& addresses);
+
   // All rows, or those of `domain` where it is not empty, which must be known to be safe inside a
   // pattern but for "_"; compared without regard to ASCII letter case. In the order of addresses,
   // rows without a readable name first.
   std::vector<AliasRow> rows(const std::string& domain);
 
+  // All rows as rows() has them, locked until the end of the transaction.
+  std::vector<AliasRow> rowsLocked();
+
   // Adds the alias, or replaces the members of an existing one. Both texts are escaped.
   void set(const EmailAddress& alias, const std::set<EmailAddress>& members);
 
+  // Removes the row whose name, as it stands in the table, is `name`.
+  void remove(const std::string& name);
+
+  // Calls `edit` in a transaction, which is committed when it returns true and undone otherwise.
+  // Does so anew when the server ends the transaction in favour of another one; so `edit` must
+  // start from nothing each time. What `edit` throws passes.
+  void transact(const std::function<bool()>& edit);
+
  private:
+  AliasLook look(const EmailAddress& address, const char* lock);
+  std::vector<AliasRow> select(const std::string& domain, const std::string& end);
+
   std::string m_table;
   Database::Connection m_connection;
 };

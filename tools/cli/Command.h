@@ -10,6 +10,7 @@
 
 #include "cli/Failure.h"
 #include "cli/Session.h"
+#include "cli/TableFormat.h"
 
 namespace Tessel::Tool {
 
@@ -28,11 +29,23 @@ CLI::App& addGroup(CLI::App& app, const std::string& name, const std::string& de
 CLI::App& addCommand(CLI::App& parent, const std::string& name, const std::string& description,
                      const std::string& examples, Choice& chosen, Choice choice);
 
-// The commands, by the file that has them. Each adds its own to `app`.
+// The commands, by the file that has them. Each adds its own to `app`, or to the group it takes;
+// `format` must outlive the parser.
 void addAliasCommands(CLI::App& app, Choice& chosen);
+void addAliasEditCommands(CLI::App& alias, Choice& chosen);
 void addAliasExpandCommand(CLI::App& alias, Choice& chosen);
+void addAliasTreeCommand(CLI::App& alias, Choice& chosen);
+void addAliasWhoCommand(CLI::App& alias, Choice& chosen);
+void addMaskCommands(CLI::App& app, Choice& chosen);
+void addMaskExplainCommand(CLI::App& mask, Choice& chosen);
+void addMaskFindCommands(CLI::App& mask, Choice& chosen);
+void addExportCommand(CLI::App& group, const TableFormat& format, Choice& chosen);
+void addImportCommand(CLI::App& group, const TableFormat& format, Choice& chosen);
+void addCheckCommand(CLI::App& app, Choice& chosen);
 void addDomainCommands(CLI::App& app, Choice& chosen);
 void addUserCommands(CLI::App& app, Choice& chosen);
+void addUserImportCommand(CLI::App& user, Choice& chosen);
+void addTableCommands(CLI::App& app, Choice& chosen);
 void addInitCommand(CLI::App& app, Choice& chosen);
 void addStatusCommand(CLI::App& app, Choice& chosen);
 void addLocalCommands(CLI::App& app, Choice& chosen);

@@ -4,6 +4,7 @@
 
 #include "cli/Command.h"
 #include "cli/Configuration.h"
+#include "cli/DryRun.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
 
@@ -11,8 +12,35 @@ namespace Tessel::Tool {
 
 namespace {
 
-ExitCode s_add(Session& session, const std::string& text) {
-  const std::string domain = parseDomain(text);
+struct Arguments {
+  std::string domain;
+  bool dryRun = false;
+};
+
+// True when the configuration has `domain`. A configuration that is missing has none.
+bool s_isThere(const Session& session, const std::string& domain) {
+  try {
+    return !findDomain(session, domain).isNull();
+  } catch (const Failure& failure) {
+    if (failure.code() != ExitCode::Configuration) throw;
+    return false;
+  }
+}
+
+// What adding `domain` would answer; the identifier of a new one is not known before.
+ExitCode s_showAdd(Session& session, const std::string& domain) {
+  const bool present = s_isThere(session, domain);
+  if (present) say("domain " + domain + " is there already");
+  Json document{{"domain", domain}};
+  document["id"] = present ? Json(findDomain(session, domain)->domainId()) : Json();
+  document["added"] = !present;
+  answerChange(session, document, present ? "" : "+ " + domain, true);
+  return ExitCode::Done;
+}
+
+ExitCode s_add(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
+  if (arguments.dryRun) return s_showAdd(session, domain);
   const CMF::Writer::Domain result = withConfiguration(session, [&] {
     CMF::Writer writer;
     const CMF::Writer::Domain added = writer.addDomain(domain);
@@ -28,19 +56,21 @@ ExitCode s_add(Session& session, const std::string& text) {
   return ExitCode::Done;
 }
 
-ExitCode s_remove(Session& session, const std::string& text) {
-  const std::string domain = parseDomain(text);
+ExitCode s_remove(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
   // Looked for first: a writer would make a configuration where there is none.
-  const bool removed = !findDomain(session, domain).isNull() && withConfiguration(session, [&] {
-    CMF::Writer writer;
-    const bool present = writer.removeDomain(domain);
-    writer.commit();
-    return present;
-  });
-  if (!removed) say("no domain " + domain + " in the configuration in " + session.cmfFolder());
-  if (session.isJson()) {
-    session.output().document(Json{{"domain", domain}, {"removed", removed}});
+  bool removed = !findDomain(session, domain).isNull();
+  if (removed && !arguments.dryRun) {
+    removed = withConfiguration(session, [&] {
+      CMF::Writer writer;
+      const bool present = writer.removeDomain(domain);
+      writer.commit();
+      return present;
+    });
   }
+  if (!removed) say("no domain " + domain + " in the configuration in " + session.cmfFolder());
+  answerChange(session, Json{{"domain", domain}, {"removed", removed}},
+               removed ? "- " + domain : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -61,26 +91,28 @@ ExitCode s_list(Session& session) {
 }  // namespace
 
 void addDomainCommands(CLI::App& app, Choice& chosen) {
-  const auto domain = std::make_shared<std::string>();
+  const auto arguments = std::make_shared<Arguments>();
   CLI::App& group = addGroup(app, "domain", "Show and change the domains of the configuration");
 
   CLI::App& add = addCommand(
       group, "add", "Add a domain and print its identifier; one that is there stays as it is",
       "  tsl-address-map domain add example.com\n"
       "With --json {\"domain\", \"id\", \"added\"}.\n",
-      chosen, {"domain add", Preparation::Database, [domain](Session& session) {
-                 return s_add(session, *domain);
+      chosen, {"domain add", Preparation::Database, [arguments](Session& session) {
+                 return s_add(session, *arguments);
                }});
-  add.add_option("DOMAIN", *domain, "The domain")->required();
+  add.add_option("DOMAIN", arguments->domain, "The domain")->required();
+  addDryRun(add, arguments->dryRun);
 
   CLI::App& remove =
       addCommand(group, "remove", "Remove a domain with its mail users; exit 1 when there is none",
                  "  tsl-address-map domain remove example.com\n"
                  "Prints nothing; with --json {\"domain\", \"removed\"}.\n",
-                 chosen, {"domain remove", Preparation::Database, [domain](Session& session) {
-                            return s_remove(session, *domain);
+                 chosen, {"domain remove", Preparation::Database, [arguments](Session& session) {
+                            return s_remove(session, *arguments);
                           }});
-  remove.add_option("DOMAIN", *domain, "The domain")->required();
+  remove.add_option("DOMAIN", arguments->domain, "The domain")->required();
+  addDryRun(remove, arguments->dryRun);
 
   addCommand(group, "list", "List the domains with their identifiers",
              "  tsl-address-map domain list\n"

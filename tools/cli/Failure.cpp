@@ -153,6 +153,11 @@ bool isDatabaseError(const Exception& exception, unsigned int number) {
          }) != nullptr;
 }
 
+bool isOutcomeUnknown(const Exception& exception) {
+  const Database::Error* const error = s_databaseError(exception);
+  return error != nullptr && error->outcomeUnknown();
+}
+
 std::string reasonOf(const Exception& exception) {
   std::string reason;
   for (const Exception* link = &exception; link != nullptr; link = link->cause()) {

@@ -50,6 +50,9 @@ bool isAddressFault(const Exception& exception);
 // True when the chain of `exception` has error `number` of the database server or its client in it.
 bool isDatabaseError(const Exception& exception, unsigned int number);
 
+// True when the chain of `exception` has a statement in it that may have been carried out or not.
+bool isOutcomeUnknown(const Exception& exception);
+
 // The innermost detail of the chain of `exception`: the reason without the road to it.
 std::string reasonOf(const Exception& exception);
 

@@ -6,6 +6,7 @@
 
 #include "AddressMapDb.h"
 #include "cli/Command.h"
+#include "cli/DryRun.h"
 #include "cli/Schema.h"
 #include "database/Connection.h"
 
@@ -13,16 +14,22 @@ namespace Tessel::Tool {
 
 namespace {
 
-void s_answer(Session& session, bool created, const std::vector<std::string>& changes) {
-  if (session.isJson()) {
-    session.output().document(
-        Json{{"database", s_database}, {"created", created}, {"changes", changes}});
-    return;
-  }
+struct Arguments {
+  bool force = false;
+  bool dryRun = false;
+};
+
+void s_answer(Session& session, bool created, const std::vector<std::string>& changes,
+              bool dryRun = false) {
+  const Json document{{"database", s_database}, {"created", created}, {"changes", changes}};
+  answerChange(session, document, "", dryRun);
+  if (session.isJson()) return;
   if (changes.empty()) {
     session.output().line(std::string("database ") + s_database + " is complete; nothing changed");
   }
-  for (const std::string& change : changes) session.output().line("done: " + change);
+  for (const std::string& change : changes) {
+    session.output().line((dryRun ? "to do: " : "done: ") + change);
+  }
 }
 
 Schema s_look(Database::Connection& connection) {
@@ -50,32 +57,34 @@ ExitCode s_force(Session& session) {
   return ExitCode::Done;
 }
 
-ExitCode s_init(Session& session, bool force) {
+ExitCode s_init(Session& session, const Arguments& arguments) {
   session.tellTarget();
-  if (force) return s_force(session);
+  const bool dryRun = arguments.dryRun;
+  if (arguments.force) return s_force(session);
   Database::Connection connection("");
   const PreparationLock lock(connection);
   const Schema schema = s_look(connection);
   if (!schema.present) {
-    AddressMapDb::initialize(AddressMapDb::MySQL, false);
-    s_answer(session, true, {"create the database with tables alias and mask"});
+    if (!dryRun) AddressMapDb::initialize(AddressMapDb::MySQL, false);
+    s_answer(session, !dryRun, {"create the database with tables alias and mask"}, dryRun);
     return ExitCode::Done;
   }
   s_refuseUnfitting(schema);
   std::vector<std::string> changes;
   for (const SchemaStep step : schema.missing) {
-    carryOut(connection, step);
     changes.push_back(textOf(step));
+    if (dryRun) continue;
+    carryOut(connection, step);
     session.detail("done: " + textOf(step));
   }
-  s_answer(session, false, changes);
+  s_answer(session, false, changes, dryRun);
   return ExitCode::Done;
 }
 
 }  // namespace
 
 void addInitCommand(CLI::App& app, Choice& chosen) {
-  const auto force = std::make_shared<bool>(false);
+  const auto arguments = std::make_shared<Arguments>();
   CLI::App& init = addCommand(
       app, "init", "Create the database, or complete an old or partial one; never drops anything",
       "  tsl-address-map init\n"
@@ -84,12 +93,16 @@ void addInitCommand(CLI::App& app, Choice& chosen) {
       " added; tables\nthat are not this library's make it refuse (65), and so does a database that"
       " cannot be looked at (75).\n"
       "With --json {\"database\", \"created\", \"changes\"}.\n",
-      chosen,
-      {"init", Preparation::Server, [force](Session& session) { return s_init(session, *force); }});
-  init.add_flag("--force", *force,
-                "DANGEROUS: let the library prepare the database without looking first. When any"
-                " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
-                " empty one");
+      chosen, {"init", Preparation::Server, [arguments](Session& session) {
+                 return s_init(session, *arguments);
+               }});
+  CLI::Option* const force = init.add_flag(
+      "--force", arguments->force,
+      "DANGEROUS: let the library prepare the database without looking first. When any"
+      " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
+      " empty one");
+  init.add_flag("--dry-run", arguments->dryRun, "Change nothing; show what would be done")
+      ->excludes(force);
 }
 
 }  // namespace Tessel::Tool

@@ -60,42 +60,34 @@ Columns s_describe(Database::Connection& connection, const std::string& table) {
   return columns;
 }
 
-void s_lookAtMask(Database::Connection& connection, Schema& schema) {
-  if (schema.tables.count(s_mask) == 0) {
-    schema.missing.push_back(SchemaStep::CreateMask);
-    return;
-  }
-  Columns columns = s_describe(connection, s_mask);
+void s_lookAtMask(Database::Connection& connection, const std::string& table, Schema& schema) {
+  Columns columns = s_describe(connection, table);
   const auto known = columns.find("public");
   // A creation that was cut short leaves the table without it.
   if (known != columns.end() && known->second.key != "UNI") {
     schema.missing.push_back(SchemaStep::AddPublicIndex);
   }
-  s_take(columns, s_mask, "private", {"varchar("}, schema);
-  s_take(columns, s_mask, "public", {"varchar("}, schema);
-  s_noteUnknown(columns, s_mask, schema);
+  s_take(columns, table, "private", {"varchar("}, schema);
+  s_take(columns, table, "public", {"varchar("}, schema);
+  s_noteUnknown(columns, table, schema);
 }
 
-void s_lookAtAlias(Database::Connection& connection, Schema& schema) {
-  if (schema.tables.count(s_alias) == 0) {
-    schema.missing.push_back(SchemaStep::CreateAlias);
-    return;
-  }
-  Columns columns = s_describe(connection, s_alias);
-  s_take(columns, s_alias, "name", {"varchar("}, schema);
+void s_lookAtAlias(Database::Connection& connection, const std::string& table, Schema& schema) {
+  Columns columns = s_describe(connection, table);
+  s_take(columns, table, "name", {"varchar("}, schema);
   const std::string members =
-      s_take(columns, s_alias, "members",
-             {"mediumtext", "longtext", "text", "tinytext", "varchar("}, schema);
+      s_take(columns, table, "members", {"mediumtext", "longtext", "text", "tinytext", "varchar("},
+             schema);
   if (columns.count("all_users") == 0) {
     schema.missing.push_back(SchemaStep::AddAllUsers);
   } else {
-    s_take(columns, s_alias, "all_users", {"tinyint"}, schema);
+    s_take(columns, table, "all_users", {"tinyint"}, schema);
   }
   // Older tables have a smaller type. An upgrade that was cut short leaves it behind.
   if (!members.empty() && members != "mediumtext" && members != "longtext") {
     schema.missing.push_back(SchemaStep::WidenMembers);
   }
-  s_noteUnknown(columns, s_alias, schema);
+  s_noteUnknown(columns, table, schema);
 }
 
 }  // namespace
@@ -129,8 +121,27 @@ Schema lookAtSchema(Database::Connection& connection) {
   schema.present = connection.dbSelectIfExists(s_database);
   if (!schema.present) return schema;
   schema.tables = Database::QueryTableNames(connection).names();
-  s_lookAtMask(connection, schema);
-  s_lookAtAlias(connection, schema);
+  if (schema.tables.count(s_mask) == 0) {
+    schema.missing.push_back(SchemaStep::CreateMask);
+  } else {
+    s_lookAtMask(connection, s_mask, schema);
+  }
+  if (schema.tables.count(s_alias) == 0) {
+    schema.missing.push_back(SchemaStep::CreateAlias);
+  } else {
+    s_lookAtAlias(connection, s_alias, schema);
+  }
+  return schema;
+}
+
+Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask) {
+  Schema schema;
+  schema.present = true;
+  if (isMask) {
+    s_lookAtMask(connection, table, schema);
+  } else {
+    s_lookAtAlias(connection, table, schema);
+  }
   return schema;
 }
 
@@ -149,20 +160,24 @@ void carryOut(Database::Connection& connection, SchemaStep step) {
   }
 }
 
-std::string textOf(SchemaStep step) {
+std::string textOf(SchemaStep step, const std::string& table) {
   switch (step) {
     case SchemaStep::CreateMask:
-      return "create table mask";
-    case SchemaStep::AddPublicIndex:
-      return "add the unique index public to table mask";
     case SchemaStep::CreateAlias:
-      return "create table alias";
+      return "create table " + table;
+    case SchemaStep::AddPublicIndex:
+      return "add the unique index public to table " + table;
     case SchemaStep::AddAllUsers:
-      return "add the column all_users to table alias";
+      return "add the column all_users to table " + table;
     case SchemaStep::WidenMembers:
-      return "make the column members of table alias MEDIUMTEXT";
+      return "make the column members of table " + table + " MEDIUMTEXT";
   }
   return "";
+}
+
+std::string textOf(SchemaStep step) {
+  const bool isMask = step == SchemaStep::CreateMask || step == SchemaStep::AddPublicIndex;
+  return textOf(step, isMask ? s_mask : s_alias);
 }
 
 std::string summaryOf(const Schema& schema) {

@@ -45,12 +45,17 @@ class PreparationLock {
 // cannot be looked at.
 Schema lookAtSchema(Database::Connection& connection);
 
+// Looks at one table of the selected database as if it were the base table of its kind. Throws
+// Exception when it cannot be looked at.
+Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
+
 // Carries out one step on the selected database. Throws Exception; nothing but this step is undone
 // or missing then.
 void carryOut(Database::Connection& connection, SchemaStep step);
 
-// What the step does, in words.
+// What the step does, in words; for another table than the base table of its kind with its name.
 std::string textOf(SchemaStep step);
+std::string textOf(SchemaStep step, const std::string& table);
 
 // The state in one line.
 std::string summaryOf(const Schema& schema);

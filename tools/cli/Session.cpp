@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include "cli/AliasTable.h"
 #include "cli/Failure.h"
 #include "cli/LocalFailure.h"
+#include "cli/OurTables.h"
 #include "cli/Schema.h"
 #include "database/Connection.h"
 #include "local/LocalServer.h"
@@ -27,7 +27,6 @@ namespace {
 constexpr char s_optionFileVariable[] = "TSL_DATABASE_OPTION_FILE";
 constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
 constexpr char s_defaultCmf[] = "/var/lib/tsl/cmf";
-constexpr std::size_t s_longestTableName = 58;  // "alias_" and it are the 64 of an SQL name.
 
 void s_setEnvironment(const char* name, const std::string& value) {
   if (setenv(name, value.c_str(), 1) == 0) return;  // NOLINT(concurrency-mt-unsafe): one thread yet
@@ -52,10 +51,6 @@ void s_requireFolder(const std::string& folder) {
   throw Failure(ExitCode::Configuration, "configuration folder '" + folder + "'",
                 error ? error.message() : "it is no folder",
                 "make it with mkdir, or name the right one");
-}
-
-bool s_isNameCharacter(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 void s_createMissingDatabase() {
@@ -95,9 +90,7 @@ void Session::checkTable() const {
   if (!m_settings.table) return;
   const std::string& name = *m_settings.table;
   // The library writes the name into its statements as it is.
-  const bool good = !name.empty() && name.size() <= s_longestTableName &&
-                    std::all_of(name.begin(), name.end(), s_isNameCharacter);
-  if (good) return;
+  if (isTableName(name)) return;
   throw Failure(ExitCode::Usage, "--table '" + name + "'",
                 "a table name has 1 to 58 letters, digits and underscores",
                 "see 'tsl-address-map status' for the tables there are");

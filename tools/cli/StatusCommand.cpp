@@ -1,14 +1,14 @@
 // The command `status`: what the tool would work on, and in which state it is.
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/Exception.h"
 #include "cli/Command.h"
 #include "cli/Configuration.h"
+#include "cli/OurTables.h"
 #include "cli/Schema.h"
-#include "cli/TextRows.h"
 #include "cmf/ApsGwServerCache.h"
 #include "database/Connection.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 struct TableCount {
   std::string table;
-  std::string rows;
+  std::uint64_t rows;
 };
 
 // What could be found out; the rest is empty.
@@ -32,23 +32,6 @@ struct Status {
   std::vector<Failure> failures;
 };
 
-bool s_isOurs(std::string_view table) {
-  for (const std::string_view base : {"alias", "mask"}) {
-    if (table == base) return true;
-    if (table.size() > base.size() && table.substr(0, base.size()) == base &&
-        table[base.size()] == '_') {
-      return true;
-    }
-  }
-  return false;
-}
-
-std::string s_quoted(const std::string& name) {
-  std::string quoted = "`";
-  for (const char c : name) quoted += c == '`' ? "``" : std::string(1, c);
-  return quoted + "`";
-}
-
 void s_askDatabase(Status& status) {
   try {
     Database::Connection connection("");
@@ -56,9 +39,8 @@ void s_askDatabase(Status& status) {
     status.version = connection.serverVersion();
     status.schema = lookAtSchema(connection);
     for (const std::string& table : status.schema->tables) {
-      if (!s_isOurs(table)) continue;
-      const auto rows = selectTexts(connection, "select count(*) from " + s_quoted(table) + ";", 1);
-      status.tables.push_back({table, rows.at(0).at(0)});
+      if (!readTableName(table)) continue;
+      status.tables.push_back({table, countRows(connection, table)});
     }
   } catch (const Exception& exception) {
     status.failures.push_back(failureOf(exception, "asking the database"));
@@ -79,7 +61,7 @@ void s_askConfiguration(const Session& session, Status& status) {
 Json s_jsonOf(const Status& status, const Session& session) {
   Json tables = Json::array();
   for (const TableCount& count : status.tables) {
-    tables.push_back(Json{{"table", printable(count.table)}, {"rows", std::stoull(count.rows)}});
+    tables.push_back(Json{{"table", printable(count.table)}, {"rows", count.rows}});
   }
   Json document;
   document["server"] = status.server.empty() ? Json() : Json(printable(status.server));
@@ -101,7 +83,7 @@ void s_writeLines(const Status& status, Session& session) {
   output.line(std::string("database: ") + s_database);
   output.line("schema: " + (status.schema ? printable(summaryOf(*status.schema)) : unknown));
   for (const TableCount& count : status.tables) {
-    output.line("table: " + printable(count.table) + ", rows: " + count.rows);
+    output.line("table: " + printable(count.table) + ", rows: " + std::to_string(count.rows));
   }
   output.line("configuration: " + printable(session.cmfFolder()));
   output.line("domains: " + (status.domains            ? std::to_string(*status.domains)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "address/EmailAddressEscape.h"
 #include "database/Query.h"
 #include "database/RowParser.h"
 #include "database/db_result.h"
@@ -36,6 +37,27 @@ class TextParser : public Database::AllRowParser {
   std::vector<TextRow> m_rows;
 };
 
+class PairParser : public Database::AllRowParser {
+ public:
+  // `take` must outlive the parser.
+  explicit PairParser(const TakePair& take) : m_take(take) {}
+
+  void parse(void* connection, void* result) override {
+    const auto text = [&](void* row, unsigned int column) {
+      return std::string_view(db_result_get_value(connection, result, row, column),
+                              db_result_field_length(result, column));
+    };
+    const std::int64_t count = db_result_row_num(result);
+    for (std::int64_t i = 0; i < count; ++i) {
+      void* const row = db_result_fetch_row(result, i);
+      m_take(text(row, 0), text(row, 1));
+    }
+  }
+
+ private:
+  const TakePair& m_take;
+};
+
 }  // namespace
 
 std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
@@ -47,10 +69,22 @@ std::vector<TextRow> selectTexts(Database::Connection& connection, const std::st
   return parser.take();
 }
 
+void selectPairs(Database::Connection& connection, const std::string& statement,
+                 const TakePair& take) {
+  PairParser parser(take);
+  Database::Query query(connection, &parser, true);
+  query << statement;
+  query.execute();
+}
+
 void runStatement(Database::Connection& connection, const std::string& statement) {
   Database::Query query(connection, nullptr, true);
   query << statement;
   query.execute();
+}
+
+std::string literal(std::string_view text) {
+  return "'" + emailAddressEscape(std::string(text)) + "'";
 }
 
 }  // namespace Tessel::Tool

@@ -2,7 +2,9 @@
 #ifndef TSL_TOOLS_CLI_TEXTROWS_H
 #define TSL_TOOLS_CLI_TEXTROWS_H
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "database/Connection.h"
@@ -17,8 +19,19 @@ using TextRow = std::vector<std::string>;
 std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
                                  unsigned int columns);
 
+// The first two columns of a row; valid during the call only.
+using TakePair = std::function<void(std::string_view first, std::string_view second)>;
+
+// Runs `statement` and calls `take` for each row, without copies of the rows. `take` must run no
+// statement on `connection`; what it throws passes. Throws Exception as above.
+void selectPairs(Database::Connection& connection, const std::string& statement,
+                 const TakePair& take);
+
 // Runs `statement`, which has no rows. Throws Exception as above.
 void runStatement(Database::Connection& connection, const std::string& statement);
+
+// `text`, which may hold anything, as a literal of SQL with its quotes.
+std::string literal(std::string_view text);
 
 }  // namespace Tessel::Tool
 

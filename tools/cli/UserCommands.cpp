@@ -1,12 +1,11 @@
 // The commands on the mail users of a domain: add, remove, list.
-#include <array>
 #include <memory>
 #include <string>
-#include <string_view>
 
-#include "base/Exception.h"
 #include "cli/Command.h"
 #include "cli/Configuration.h"
+#include "cli/DryRun.h"
+#include "cli/UserNames.h"
 #include "cmf/MailUser.h"
 #include "cmf/TableQuery.h"
 #include "cmf/Writer.h"
@@ -19,47 +18,8 @@ struct Arguments {
   std::string address;
   std::string domain;
   std::string kind = "user";
+  bool dryRun = false;
 };
-
-struct KindName {
-  std::string_view name;
-  std::string_view number;
-  CMF::MailUserKind kind;
-};
-
-constexpr std::array<KindName, 3> s_kinds = {{{"disabled", "0", CMF::MailUserDisabled},
-                                              {"user", "1", CMF::MailUserMailbox},
-                                              {"shared", "2", CMF::MailUserShared}}};
-
-const KindName& s_parseKind(const std::string& text) {
-  for (const KindName& known : s_kinds) {
-    if (text == known.name || text == known.number) return known;
-  }
-  throw Failure(ExitCode::Usage, "--kind " + text, "there is no such kind of mail user",
-                "use user (1), disabled (0) or shared (2)");
-}
-
-std::string s_kindText(std::int32_t kind) {
-  for (const KindName& known : s_kinds) {
-    if (known.kind == kind) return std::string(known.name);
-  }
-  return std::to_string(kind);
-}
-
-// The address of a mail user as the library makes it when it lists all users of a domain. One that
-// it cannot read would keep the whole domain from being listed.
-void s_requireListable(const EmailAddress& address) {
-  const std::string text = address.local() + "@" + address.domain();
-  try {
-    if (EmailAddress::rfc5322Parse(text, true) == address) return;
-  } catch (const Exception&) {
-    // Said below, in words that fit here.
-  }
-  throw Failure(ExitCode::BadData, "mail user " + address.address(),
-                "a user name that needs quotes cannot be stored: the all-users alias of the whole"
-                " domain would stop working",
-                "use a name of letters, digits, dots and other characters that need no quotes");
-}
 
 // True when `server`, the record of `domain`, holds nothing; tells so.
 bool s_isMissing(const Session& session, const CMF::RefApsGwServer& server,
@@ -75,34 +35,29 @@ bool s_isMissing(const Session& session, const std::string& domain) {
   return s_isMissing(session, findDomain(session, domain), domain);
 }
 
-const char* s_text(CMF::Writer::UserResult result) {
-  switch (result) {
-    case CMF::Writer::UserResult::Added:
-      return "added";
-    case CMF::Writer::UserResult::Changed:
-      return "changed";
-    case CMF::Writer::UserResult::Unchanged:
-      return "unchanged";
-  }
-  return "";
-}
-
 ExitCode s_add(Session& session, const Arguments& arguments) {
-  const KindName& kind = s_parseKind(arguments.kind);
+  const CMF::MailUserKind kind = parseUserKind(arguments.kind);
   const EmailAddress address = parseAddress(arguments.address, false);
-  s_requireListable(address);
+  const std::string fault = userFault(address);
+  if (!fault.empty()) {
+    throw Failure(ExitCode::BadData, "mail user " + address.address(), fault,
+                  "use a name of letters, digits, dots and other characters that need no quotes");
+  }
   if (s_isMissing(session, address.domain())) return ExitCode::NotFound;
   const CMF::Writer::UserResult result = withConfiguration(session, [&] {
     CMF::Writer writer;
-    const auto done = writer.addUser(address.domain(), address.local(), kind.kind);
-    writer.commit();
+    const auto done = writer.addUser(address.domain(), address.local(), kind);
+    // What is not committed has never been.
+    if (!arguments.dryRun) writer.commit();
     return done;
   });
-  session.detail(address.address() + ": " + s_text(result));
-  if (session.isJson()) {
-    session.output().document(
-        Json{{"address", address.address()}, {"kind", kind.name}, {"result", s_text(result)}});
-  }
+  const std::string text = userResultText(result);
+  if (!arguments.dryRun) session.detail(address.address() + ": " + text);
+  const char* const sign = result == CMF::Writer::UserResult::Added ? "+ " : "~ ";
+  answerChange(session,
+               Json{{"address", address.address()}, {"kind", userKindText(kind)}, {"result", text}},
+               result == CMF::Writer::UserResult::Unchanged ? "" : sign + address.address(),
+               arguments.dryRun);
   return ExitCode::Done;
 }
 
@@ -113,14 +68,13 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
     removed = withConfiguration(session, [&] {
       CMF::Writer writer;
       const bool present = writer.removeUser(address.domain(), address.local());
-      writer.commit();
+      if (!arguments.dryRun) writer.commit();
       return present;
     });
     if (!removed) say("no mail user " + address.address());
   }
-  if (session.isJson()) {
-    session.output().document(Json{{"address", address.address()}, {"removed", removed}});
-  }
+  answerChange(session, Json{{"address", address.address()}, {"removed", removed}},
+               removed ? "- " + address.address() : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -130,7 +84,7 @@ void s_writeUsers(Session& session, const std::string& domain, std::uint32_t dom
     const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(domainId);
     for (const __aps_mail_user& user : users) {
       const std::string address = printable(user.user_name).append("@").append(domain);
-      const std::string kind = s_kindText(user.kind);
+      const std::string kind = userKindText(user.kind);
       list.add(std::string(address).append("\t").append(kind), [&] {
         return Json{{"address", address}, {"kind", kind}};
       });
@@ -170,16 +124,15 @@ void addUserCommands(CLI::App& app, Choice& chosen) {
       " changed or unchanged.\n",
       chosen, s_choice("user add", arguments, s_add));
   add.add_option("ADDRESS", arguments->address, "The address of the user")->required();
-  add.add_option("--kind", arguments->kind,
-                 "user (1, the default), disabled (0) or shared (2); only users belong to 'all"
-                 " users'")
-      ->option_text("KIND");
+  add.add_option("--kind", arguments->kind, s_kindHelp)->option_text("KIND");
+  addDryRun(add, arguments->dryRun);
 
   CLI::App& remove = addCommand(group, "remove", "Remove a mail user; exit 1 when there is none",
                                 "  tsl-address-map user remove ann@example.com\n"
                                 "Prints nothing; with --json {\"address\", \"removed\"}.\n",
                                 chosen, s_choice("user remove", arguments, s_remove));
   remove.add_option("ADDRESS", arguments->address, "The address of the user")->required();
+  addDryRun(remove, arguments->dryRun);
 
   CLI::App& list = addCommand(
       group, "list", "List the mail users of a domain; exit 1 when the domain is unknown",
@@ -187,6 +140,8 @@ void addUserCommands(CLI::App& app, Choice& chosen) {
       "One per line: ADDRESS<TAB>KIND; with --json a list of {\"address\", \"kind\"}.\n",
       chosen, s_choice("user list", arguments, s_list));
   list.add_option("DOMAIN", arguments->domain, "The domain")->required();
+
+  addUserImportCommand(group, chosen);
 }
 
 }  // namespace Tessel::Tool

@@ -74,6 +74,9 @@ void s_addCommands(CLI::App& app, Choice& chosen) {
   addInitCommand(app, chosen);
   addStatusCommand(app, chosen);
   addAliasCommands(app, chosen);
+  addMaskCommands(app, chosen);
+  addCheckCommand(app, chosen);
+  addTableCommands(app, chosen);
   addDomainCommands(app, chosen);
   addUserCommands(app, chosen);
 }

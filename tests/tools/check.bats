@@ -1,0 +1,211 @@
+# check: what is wrong with the tables; and the refusal to write a circle.
+
+load helper
+
+setup_file() { start_server; }
+teardown_file() { stop_server; }
+setup() {
+  DATABASE= sql 'drop database if exists ts_address_map;'
+  tool init >/dev/null
+  tool domain add users.example 2>/dev/null >/dev/null
+}
+
+rows() {
+  local row values=
+  for row in "$@"; do values+="${values:+,}( '${row%%:*}', '${row#*:}' )"; done
+  sql "insert into alias ( name, members ) values $values;"
+}
+
+masks() {
+  local row values=
+  for row in "$@"; do values+="${values:+,}( '${row%%:*}', '${row#*:}' )"; done
+  sql "insert into mask values $values;"
+}
+
+# Fails unless the check exits with $1 and finds exactly $2: lines of the first four columns.
+finds() {
+  run "-$1" --separate-stderr tool check
+  equal "$(cut -f1-4 <<<"$output" | sort)" "$(sort <<<"$2")"
+}
+
+@test "clean tables" {
+  tool user add ann@users.example
+  rows all@users.example:allusers_users.example team@x.example:ann@users.example,cid@x.example \
+    self@x.example:self@x.example,cid@x.example
+  masks '*@in.example:*@out.example' ann@in.example:a@out.example
+  run -0 --separate-stderr tool check
+  equal "$output" ""
+  equal "$stderr" "tsl-address-map: 0 errors, 0 warnings, 0 notices"
+  run -0 --separate-stderr tool check --json
+  equal "$output" "[]"
+  tool user remove ann@users.example
+}
+
+@test "a circle that leaves addresses without mail, and what leads into it" {
+  rows b@x.example:c@x.example c@x.example:a@x.example a@x.example:b@x.example top@x.example:a@x.example
+  finds 65 $'error\tcycle\talias\ta@x.example\nerror\texpands-to-nothing\talias\ttop@x.example'
+  contains "$output" "a@x.example -> b@x.example -> c@x.example -> a@x.example; mail for 3 addresses reaches nobody: a@x.example, b@x.example, c@x.example"
+  contains "$output" "tsl-address-map alias tree a@x.example"
+  run -65 --separate-stderr tool check --json
+  contains "$output" '{"severity":"error","finding":"cycle","table":"alias","address":"a@x.example","what":"a@x.example -> b@x.example -> c@x.example -> a@x.example; mail for 3 addresses reaches nobody: a@x.example, b@x.example, c@x.example","command":"tsl-address-map alias tree a@x.example","addresses":["a@x.example","b@x.example","c@x.example"]}'
+}
+
+@test "a circle with other members" {
+  rows a@x.example:b@x.example,cid@x.example b@x.example:a@x.example
+  finds 65 $'warning\tcycle\talias\ta@x.example'
+  contains "$output" "mail reaches the other members"
+}
+
+@test "members that nobody has, told once" {
+  tool user add ann@users.example
+  rows a@x.example:ann@users.example,ghost@users.example b@x.example:GHOST@users.example,cid@x.example
+  finds 65 $'warning\tdangling-member\talias\tghost@users.example'
+  contains "$output" "tsl-address-map alias who ghost@users.example"
+  tool user remove ann@users.example
+}
+
+@test "without a configuration the members are not compared, which is a notice" {
+  mkdir "$BATS_TEST_TMPDIR/none"
+  rows a@x.example:ghost@users.example all@y.example:allusers_y.example
+  run -0 --separate-stderr tool check --cmf "$BATS_TEST_TMPDIR/none"
+  equal "$(cut -f1-4 <<<"$output")" $'notice\tno-configuration\t\t'
+  contains "$output" "$BATS_TEST_TMPDIR/none"
+  contains "$stderr" "1 notice"
+}
+
+@test "rows that cannot be read" {
+  sql "insert into alias ( name, members ) values( 'no address', 'a\@x.example' ),
+       ( 'bad\@x.example', 'a\@\@b' ), ( 'empty\@x.example', '' );
+       insert into mask values( 'no address', 'a\@out.example' ), ( 'c\@in.example', '' );"
+  finds 65 $'error\tbroken-row\talias\tbad@x.example\nerror\tbroken-row\talias\tempty@x.example\nerror\tbroken-row\talias\tno address\nerror\tbroken-row\tmask\tc@in.example\nerror\tbroken-row\tmask\tno address'
+  contains "$output" "tsl-address-map alias remove bad@x.example"
+  contains "$output" "select * from \`alias\` where name='no address';"
+}
+
+@test "addresses at the limits, and beyond" {
+  local local63 label62 good bad text
+  local63=$(printf 'l%.0s' {1..63}) label62=$(printf 'd%.0s' {1..62})
+  local name63=$label62.$label62.${label62:1}
+  good=("l$local63@x.example" "a@d$label62.example" "a@$name63" "l$local63@$name63" 'a.b@x' \
+    'a-b@x-y.example' 'a_b@x_y.example' '-a-@x.example' "#a'b*@x.example" 'a@1.2')
+  bad=("ll$local63@x.example" "a@dd$label62.example" "l$local63@d$name63.d" '.a@x' 'a.@x' 'a..b@x' \
+    'a@.x' 'a@x.' 'a@x..y' 'a@-x' 'a@x-' 'a@x-.y' 'a@x.-y' 'a@' '@x' 'a@x@y' 'a b@x' 'a@x*' "a@x'y")
+  for text in "${good[@]}" "${bad[@]}"; do
+    sql "insert into alias ( name, members ) values( 'n$((++count))@x.example',
+         'ann@x.example,${text//\'/\'\'},bob@x.example' );"
+  done
+  run -65 --separate-stderr tool check
+  equal "$(cut -f2,4 <<<"$output" | sort -V)" "$(for ((i = ${#good[@]} + 1; i <= ${#good[@]} + ${#bad[@]}; ++i)); do
+    printf 'broken-row\tn%s@x.example\n' "$i"
+  done)"
+}
+
+@test "all-users markers without effect" {
+  tool user add ann@users.example
+  rows all@missing.example:allusers_missing.example mixed@users.example:allusers_users.example,cid@x.example \
+    above@x.example:mixed@users.example foreign@x.example:allusers_users.example \
+    good@users.example:allusers_users.example
+  finds 65 $'error\tmarker-unknown-domain\talias\tall@missing.example\nerror\tmarker-mixed\talias\tmixed@users.example\nerror\tmarker-foreign\talias\tforeign@x.example'
+  tool user remove ann@users.example
+  sql "delete from alias where name != 'good\@users.example';"
+  finds 65 $'error\texpands-to-nothing\talias\tgood@users.example'
+  contains "$output" "which has no user mailbox"
+}
+
+@test "a member without a domain" {
+  rows a@x.example:bob,cid@x.example
+  finds 65 $'warning\tno-domain\talias\tbob'
+}
+
+@test "two rows of one address" {
+  sql "alter table alias convert to character set utf8mb4 collate utf8mb4_bin;
+       alter table mask convert to character set utf8mb4 collate utf8mb4_bin;"
+  rows team@x.example:ann@x.example TEAM@x.example:bob@x.example
+  masks ann@in.example:a@out.example ANN@in.example:b@out.example bob@in.example:A@out.example
+  run -65 --separate-stderr tool check
+  equal "$(cut -f1-3 <<<"$output" | sort | uniq -c | sed 's/^ *//')" $'1 error\tdouble-row\talias\n2 error\tdouble-row\tmask'
+}
+
+@test "wildcard rows in each other's way, chains, and rows that differ from their wildcard" {
+  masks '*@b.example:1*@out.example' '*@a.example:2*@out.example' x@a.example:x@elsewhere.example \
+    one@in.example:two@in.example two@in.example:three@out.example
+  finds 65 $'warning\twildcard-ambiguous\tmask\t*@a.example\nnotice\twildcard-shadowed\tmask\tx@a.example\nwarning\tmask-chain\tmask\tone@in.example'
+  contains "$output" "the first by byte order answers, a.example; never found: b.example"
+  sql "delete from mask where private in( '*\@b.example', 'one\@in.example' );"
+  # A notice alone is no reason to fail.
+  finds 0 $'notice\twildcard-shadowed\tmask\tx@a.example'
+  masks 'z*@a.example:z*@other.example'
+  run -65 tool check
+  contains "$output" $'warning\twildcard-double\tmask\t'
+}
+
+@test "a members column that is nearly full" {
+  sql "alter table alias modify members varchar( 100 ) not null;"
+  rows "a@x.example:$(printf 'm%.0s' {1..50})@$(printf 'd%.0s' {1..44})"
+  run -65 --separate-stderr tool check
+  contains "$output" $'warning\tmembers-limit\talias\ta@x.example\thas 95 bytes of members, and its column holds 100'
+  contains "$output" $'warning\tschema\talias\t'
+}
+
+@test "named tables are checked too, and named in the commands" {
+  sql "create table alias_sales like alias; create table mask_sales like mask;
+       insert into alias_sales ( name, members ) values( 'a\@x.example', 'b\@x.example' ),
+       ( 'b\@x.example', 'a\@x.example' );"
+  finds 65 $'error\tcycle\talias_sales\ta@x.example'
+  contains "$output" "tsl-address-map --table sales alias tree a@x.example"
+  run -75 --separate-stderr tool check --table none
+  run -65 tool check --table sales
+  rows c@x.example:d@x.example d@x.example:c@x.example
+  run -65 --separate-stderr tool check --table sales
+  [[ "$output" != *c@x.example* ]]
+}
+
+@test "the schema" {
+  sql "alter table alias add colour int; drop index public on mask;
+       create table alias_old( name varchar( 255 ) primary key, members text not null );
+       create table mask_half( private varchar( 255 ) primary key );
+       create table aliasxtra( i int ); create table other( i int );"
+  finds 65 $'error\tschema\talias\t\nwarning\tschema\talias_old\t\nwarning\tschema\talias_old\t\nnotice\tmisnamed-table\taliasxtra\t\nwarning\tschema\tmask\t\nerror\tschema\tmask_half\t'
+  contains "$output" "table alias has the unknown column colour"
+  contains "$output" "table mask_half has no column public"
+  sql 'drop table alias;'
+  run -65 --separate-stderr tool check
+  contains "$output" $'error\tmissing-base\talias\t\t'
+}
+
+@test "a database that cannot be asked" {
+  printf '[client]\nsocket=/nonexistent/db.sock\n' >"$BATS_TEST_TMPDIR/nowhere.cnf"
+  run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" check
+  equal "$output" ""
+  DATABASE= sql 'drop database ts_address_map;'
+  run -75 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" check
+  contains "$stderr" "tsl-address-map init"
+}
+
+@test "set refuses a circle, and names it" {
+  rows b@x.example:c@x.example c@x.example:d@x.example
+  run -65 --separate-stderr tool alias set d@x.example ann@x.example B@x.example
+  contains "$stderr" "d@x.example -> B@x.example -> c@x.example -> d@x.example"
+  contains "$stderr" "--allow-cycle"
+  equal "$(sql "select count(*) from alias where name='d\@x.example'")" 0
+  run -0 tool alias set d@x.example ann@x.example B@x.example --allow-cycle
+  equal "$(sql "select members from alias where name='d\@x.example'")" "ann@x.example,B@x.example"
+  # It stays refused, and the way out is open.
+  run -65 tool alias set d@x.example b@x.example
+  run -0 tool alias set d@x.example ann@x.example
+}
+
+@test "set allows an alias that names itself, and a circle that it is no part of" {
+  rows a@x.example:b@x.example b@x.example:a@x.example
+  run -0 tool alias set self@x.example SELF@x.example ann@x.example
+  run -0 tool alias set top@x.example a@x.example
+}
+
+@test "set follows long chains" {
+  sql "insert into alias ( name, members )
+       select concat( 'c', seq, '\@x.example' ), concat( 'c', seq + 1, '\@x.example' )
+       from seq_0_to_1999;"
+  run -65 --separate-stderr tool alias set c2000@x.example c0@x.example
+  contains "$stderr" "c2000@x.example -> c0@x.example -> c1@x.example"
+  contains "$stderr" "-> ... ("
+}

@@ -1,0 +1,77 @@
+// The addresses that a lookup is asked for.
+#include "cli/AddressInput.h"
+
+#include <cstddef>
+#include <cstdio>
+
+#include "cli/Session.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+// Longer lines of input are no addresses, whatever they hold.
+constexpr std::size_t s_maxLine = 4096;
+
+using Answer = std::function<void(const EmailAddress&)>;
+
+// Reads a line of standard input without its end, of which no more than a little over `s_maxLine`
+// bytes are kept. False at the end of the input. Throws Failure when it cannot be read.
+bool s_readLine(std::string& line) {
+  line.clear();
+  int byte = std::getc(stdin);
+  if (byte == EOF && std::ferror(stdin) == 0) return false;
+  while (byte != EOF && byte != '\n') {
+    if (line.size() <= s_maxLine) line += static_cast<char>(byte);
+    byte = std::getc(stdin);
+  }
+  if (std::ferror(stdin) != 0) {
+    throw Failure(ExitCode::Unavailable, "reading standard input", "it cannot be read",
+                  "name a readable file or pipe");
+  }
+  return true;
+}
+
+// Answers the text of a list. False when it is no address, which is reported with `place` before
+// the message.
+bool s_answer(const std::string& text, const std::string& place, const Answer& answer) {
+  EmailAddress address;
+  try {
+    address = parseAddress(text, false);
+  } catch (const Failure& failure) {
+    report(Failure(failure.code(), place + failure.subject(), failure.why(), failure.hint()));
+    return false;
+  }
+  answer(address);
+  return true;
+}
+
+bool s_answerInput(const Answer& answer) {
+  bool good = true;
+  std::string line;
+  for (std::size_t number = 1; s_readLine(line); ++number) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    good = s_answer(line, "standard input, line " + std::to_string(number) + ": ", answer) && good;
+  }
+  return good;
+}
+
+}  // namespace
+
+bool isSingle(const std::vector<std::string>& arguments) {
+  return arguments.size() == 1 && arguments[0] != "-";
+}
+
+ExitCode forEachAddress(const std::vector<std::string>& arguments, const Answer& answer) {
+  if (isSingle(arguments)) {
+    answer(parseAddress(arguments[0], false));
+    return ExitCode::Done;
+  }
+  bool good = true;
+  for (const std::string& text : arguments) {
+    good = (text == "-" ? s_answerInput(answer) : s_answer(text, "", answer)) && good;
+  }
+  return good ? ExitCode::Done : ExitCode::BadData;
+}
+
+}  // namespace Tessel::Tool

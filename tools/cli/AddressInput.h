@@ -1,0 +1,28 @@
+// The addresses that a lookup is asked for: arguments of the command line, or lines of standard
+// input.
+#ifndef TSL_TOOLS_CLI_ADDRESSINPUT_H
+#define TSL_TOOLS_CLI_ADDRESSINPUT_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "cli/Failure.h"
+
+namespace Tessel::Tool {
+
+// True when one address is asked for on the command line: its answer needs no address beside it.
+bool isSingle(const std::vector<std::string>& arguments);
+
+// Calls `answer` for each argument, and where it is "-" for each line of standard input, which is
+// read as it is needed; blank lines are skipped. A text that is no address ends the run by Failure
+// when it is the only one, and is reported with its place otherwise. Returns `Done`, or `BadData`
+// when a text was reported. Throws Failure too when standard input cannot be read; what `answer`
+// throws passes.
+ExitCode forEachAddress(const std::vector<std::string>& arguments,
+                        const std::function<void(const EmailAddress&)>& answer);
+
+}  // namespace Tessel::Tool
+
+#endif

@@ -1,0 +1,72 @@
+// What the commands that change rows of an alias table have in common.
+#include "cli/AliasEdit.h"
+
+#include <algorithm>
+
+#include "base/stringCompareNoCase.h"
+#include "cli/AliasCycles.h"
+#include "cli/AliasReport.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+bool s_isMarker(const EmailAddress& member, const EmailAddress& alias) {
+  // The library compares the text, so a marker that needs quotes has no effect.
+  return stringCompareNoCase(member.address(), "allusers_" + alias.domain(), 0);
+}
+
+EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias) {
+  EmailAddress member = parseAddress(text, true);
+  if (!member.domain().empty() || s_isMarker(member, alias)) return member;
+  throw Failure(ExitCode::BadData, "member '" + text + "'",
+                "it has no domain, and it is not the all-users marker of this alias (that of"
+                " another domain has no effect)",
+                "write it as NAME@DOMAIN, or use 'allusers_" + alias.domain() +
+                    "' for all user mailboxes of the domain");
+}
+
+}  // namespace
+
+std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
+                                    const EmailAddress& alias) {
+  std::set<EmailAddress> members;
+  for (const std::string& text : texts) members.insert(s_parseMember(text, alias));
+  return members;
+}
+
+void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias) {
+  const bool marker = std::any_of(members.begin(), members.end(), [&](const EmailAddress& member) {
+    return s_isMarker(member, alias);
+  });
+  if (!marker || members.size() == 1) return;
+  say("warning: 'allusers_" + alias.domain() +
+      "' stands for all users only when it is the only member; among others it is taken for an"
+      " address");
+}
+
+void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session) {
+  if (look.kind != AliasLook::Kind::Other) return;
+  throw Failure(ExitCode::BadData, "alias " + alias.address(),
+                "the server takes it for the alias '" + look.row.name + "' of table " +
+                    aliasTableName(session.tableName()) +
+                    ", which is spelled differently (the same characters in another encoding,"
+                    " perhaps)",
+                "use the spelling of that alias, or remove that alias first");
+}
+
+void refuseCycle(AliasTable& table, const EmailAddress& alias,
+                 const std::set<EmailAddress>& members) {
+  const auto cycles = cyclesOf(table, {{alias, members}});
+  if (cycles.empty()) return;
+  throw Failure(ExitCode::BadData, "alias " + alias.address(),
+                "it would lead back to itself: " + textOf(cycles.front()),
+                "nothing was changed; leave one of these members out, or give --allow-cycle");
+}
+
+std::string changeLine(const char* sign, const EmailAddress& alias,
+                       const std::set<EmailAddress>& members) {
+  return std::string(sign) + " " + alias.address() + ":" + joined(members);
+}
+
+}  // namespace Tessel::Tool

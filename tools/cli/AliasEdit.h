@@ -1,0 +1,37 @@
+// What the commands that change rows of an alias table have in common: the arguments, and what they
+// refuse to write.
+#ifndef TSL_TOOLS_CLI_ALIASEDIT_H
+#define TSL_TOOLS_CLI_ALIASEDIT_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "cli/AliasTable.h"
+#include "cli/Session.h"
+
+namespace Tessel::Tool {
+
+// The members of `alias` that the arguments `texts` are. Throws Failure, `BadData`, for what is no
+// address, and for one without a domain that is not the all-users marker of `alias`.
+std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
+                                    const EmailAddress& alias);
+
+// Warns when the all-users marker of `alias` stands beside other members.
+void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);
+
+// Refuses to touch the row of another address, which the server takes for the same one.
+void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session);
+
+// Refuses members that lead back to `alias`. Throws Failure, `BadData`.
+void refuseCycle(AliasTable& table, const EmailAddress& alias,
+                 const std::set<EmailAddress>& members);
+
+// "`alias`:`members`", as table files have it, with `sign` and a blank before.
+std::string changeLine(const char* sign, const EmailAddress& alias,
+                       const std::set<EmailAddress>& members);
+
+}  // namespace Tessel::Tool
+
+#endif

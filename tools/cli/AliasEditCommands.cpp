@@ -1,0 +1,309 @@
+// The commands on single members of aliases: add, drop.
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cli/AliasEdit.h"
+#include "cli/AliasReport.h"
+#include "cli/AliasTable.h"
+#include "cli/Command.h"
+#include "cli/Confirm.h"
+#include "cli/DryRun.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+using Members = std::set<EmailAddress>;
+
+struct Arguments {
+  std::string address;
+  std::vector<std::string> members;
+  bool everywhere = false;
+  bool allowCycle = false;
+  bool removeEmpty = false;
+  bool yes = false;
+  bool dryRun = false;
+};
+
+// The members of the row; none where there is no row, or its members are empty. Throws Failure when
+// the row cannot be read.
+Members s_membersOf(const AliasLook& look, const Session& session) {
+  if (look.kind == AliasLook::Kind::Absent) return {};
+  const bool readable =
+      look.row.state == AliasRow::State::Good || look.row.state == AliasRow::State::NoMembers;
+  if (!readable) throw brokenRow(look.row, aliasTableName(session.tableName()));
+  return look.row.members;
+}
+
+// Those of `some` that `members` lacks, or, with `has`, those that it has.
+Members s_pick(const Members& some, const Members& members, bool has) {
+  Members picked;
+  for (const EmailAddress& address : some) {
+    if ((members.count(address) != 0) == has) picked.insert(address);
+  }
+  return picked;
+}
+
+Json s_document(const EmailAddress& alias, const Members& members, const char* what,
+                const Members& changed) {
+  Json document{{"address", alias.address()}};
+  document["members"] = jsonOf(members);
+  document[what] = jsonOf(changed);
+  return document;
+}
+
+ExitCode s_add(Session& session, const Arguments& arguments) {
+  const EmailAddress alias = parseAddress(arguments.address, false);
+  const Members wanted = parseMembers(arguments.members, alias);
+  session.tellTarget();
+  AliasTable table(aliasTableName(session.tableName()));
+  Members members;
+  Members added;
+  bool present = false;
+  table.transact([&] {
+    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
+    refuseOther(look, alias, session);
+    members = s_membersOf(look, session);
+    present = look.kind == AliasLook::Kind::Present;
+    added = s_pick(wanted, members, false);
+    if (added.empty()) return false;
+    members.insert(added.begin(), added.end());
+    if (!arguments.allowCycle) refuseCycle(table, alias, members);
+    if (arguments.dryRun) return false;
+    table.set(alias, members);
+    return true;
+  });
+  warnOfMixedMarker(members, alias);
+  if (!arguments.dryRun) session.detail("added " + joined(added) + " to " + alias.address());
+  answerChange(session, s_document(alias, members, "added", added),
+               added.empty() ? "" : changeLine(present ? "~" : "+", alias, members),
+               arguments.dryRun);
+  return ExitCode::Done;
+}
+
+Members s_parseDropped(const std::vector<std::string>& texts) {
+  Members members;
+  // Whatever stands in a table may be taken out of it.
+  for (const std::string& text : texts) members.insert(parseAddress(text, true));
+  return members;
+}
+
+// What becomes of one row.
+struct Change {
+  EmailAddress alias;
+  std::string name;  // As it stands in the table.
+  Members members;   // What is left; the alias is removed when nothing is.
+
+  [[nodiscard]] std::string line() const {
+    return members.empty() ? "- " + alias.address() : changeLine("~", alias, members);
+  }
+  void write(AliasTable& table) const {
+    if (members.empty()) {
+      table.remove(name);
+    } else {
+      table.set(alias, members);
+    }
+  }
+};
+
+void s_refuseEmpty(const Change& change, bool removeEmpty) {
+  if (!change.members.empty() || removeEmpty) return;
+  throw Failure(ExitCode::BadData, "alias " + change.alias.address(), "it would be left empty",
+                "nothing was changed; give --remove-empty if the alias is to go");
+}
+
+ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
+  const EmailAddress alias = parseAddress(arguments.address, false);
+  const Members wanted = s_parseDropped(arguments.members);
+  session.tellTarget();
+  AliasTable table(aliasTableName(session.tableName()));
+  bool present = false;
+  Change change;
+  Members dropped;
+  table.transact([&] {
+    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
+    refuseOther(look, alias, session);
+    present = look.kind == AliasLook::Kind::Present;
+    const Members members = s_membersOf(look, session);
+    dropped = s_pick(wanted, members, true);
+    change = {alias, look.row.name, s_pick(members, wanted, false)};
+    if (dropped.empty()) return false;
+    s_refuseEmpty(change, arguments.removeEmpty);
+    if (arguments.dryRun) return false;
+    change.write(table);
+    return true;
+  });
+  if (!present) sayNoAlias(alias, session);
+  for (const EmailAddress& member : s_pick(wanted, dropped, false)) {
+    if (present) say(member.address() + " is no member of " + alias.address());
+  }
+  if (!dropped.empty() && !arguments.dryRun) {
+    session.detail("dropped " + joined(dropped) + " from " + alias.address());
+  }
+  Json document = s_document(alias, change.members, "dropped", dropped);
+  document["removed"] = !dropped.empty() && change.members.empty();
+  answerChange(session, document, dropped.empty() ? "" : change.line(), arguments.dryRun);
+  return dropped.empty() ? ExitCode::NotFound : ExitCode::Done;
+}
+
+// What dropping a member everywhere does.
+struct Everywhere {
+  std::vector<Change> changes;
+  std::vector<AliasRow> broken;  // Rows that may have the member too.
+
+  [[nodiscard]] Members vanishing() const {
+    Members aliases;
+    for (const Change& change : changes) {
+      if (change.members.empty()) aliases.insert(change.alias);
+    }
+    return aliases;
+  }
+};
+
+Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& member) {
+  Everywhere all;
+  for (const AliasRow& row : rows) {
+    if (row.state != AliasRow::State::Good) {
+      if (row.state != AliasRow::State::NoMembers) all.broken.push_back(row);
+      continue;
+    }
+    if (row.members.count(member) == 0) continue;
+    all.changes.push_back({row.alias, row.name, s_pick(row.members, {member}, false)});
+  }
+  return all;
+}
+
+// Asks whether the aliases may go. False when the person says no. Throws Failure when there is
+// nobody to ask.
+bool s_mayVanish(const Members& vanishing) {
+  for (const EmailAddress& alias : vanishing) {
+    say("alias " + alias.address() + " would be left empty, and removed");
+  }
+  if (canAsk()) return confirm("Remove " + std::to_string(vanishing.size()) + " aliases?");
+  throw Failure(ExitCode::BadData, "alias drop --everywhere",
+                std::to_string(vanishing.size()) + " aliases would be left empty",
+                "nothing was changed; give --yes if they are to go");
+}
+
+void s_answerEverywhere(Session& session, const EmailAddress& member, const Everywhere& all,
+                        bool dryRun) {
+  Json changed = Json::array();
+  Json removed = Json::array();
+  for (const Change& change : all.changes) {
+    if (!session.isJson()) {
+      session.output().line(printable(change.line()));
+    } else if (change.members.empty()) {
+      removed.push_back(change.alias.address());
+    } else {
+      changed.push_back(
+          Json{{"address", change.alias.address()}, {"members", jsonOf(change.members)}});
+    }
+  }
+  answerChange(session,
+               Json{{"member", member.address()}, {"changed", changed}, {"removed", removed}}, "",
+               dryRun);
+}
+
+// Carries out what is agreed upon: `agreed` are the aliases that may vanish, all where it is null.
+Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, const Members* agreed) {
+  Everywhere all;
+  table.transact([&] {
+    all = s_everywhere(table.rowsLocked(), member);
+    if (agreed != nullptr && !s_pick(all.vanishing(), *agreed, false).empty()) {
+      throw Failure(ExitCode::Unavailable, "alias drop --everywhere",
+                    "the table has changed meanwhile, and other aliases would be left empty",
+                    "nothing was changed; try again");
+    }
+    for (const Change& change : all.changes) change.write(table);
+    return true;
+  });
+  return all;
+}
+
+ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
+  const EmailAddress member = parseAddress(arguments.address, true);
+  session.tellTarget();
+  const std::string name = aliasTableName(session.tableName());
+  AliasTable table(name);
+  Everywhere all;
+  if (arguments.yes && !arguments.dryRun) {
+    all = s_writeEverywhere(table, member, nullptr);
+  } else {
+    // Nobody waits for the rows while a person thinks.
+    all = s_everywhere(table.rows(""), member);
+    const Members vanishing = all.vanishing();
+    if (!arguments.dryRun && !vanishing.empty() && !s_mayVanish(vanishing)) {
+      say("nothing was changed");
+      return ExitCode::Done;
+    }
+    if (!arguments.dryRun) all = s_writeEverywhere(table, member, &vanishing);
+  }
+  for (const AliasRow& row : all.broken) report(brokenRow(row, name));
+  if (all.changes.empty()) say("no alias of table " + name + " has the member " + member.address());
+  s_answerEverywhere(session, member, all, arguments.dryRun);
+  if (!all.broken.empty()) return ExitCode::BadData;
+  return all.changes.empty() ? ExitCode::NotFound : ExitCode::Done;
+}
+
+ExitCode s_drop(Session& session, const Arguments& arguments) {
+  if (arguments.everywhere != arguments.members.empty()) {
+    throw Failure(ExitCode::Usage, "alias drop",
+                  "it takes an alias and members, or --everywhere and one member",
+                  "see 'tsl-address-map alias drop --help'");
+  }
+  return arguments.everywhere ? s_dropEverywhere(session, arguments)
+                              : s_dropFrom(session, arguments);
+}
+
+template <class Run>
+Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
+  return {words, Preparation::Database,
+          [arguments, run](Session& session) { return run(session, *arguments); }};
+}
+
+void s_addDrop(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
+  CLI::App& drop = addCommand(
+      group, "drop", "Take members out of an alias, or one out of all aliases",
+      "  tsl-address-map alias drop team@example.com bob@example.net\n"
+      "  tsl-address-map alias drop --everywhere bob@example.net --dry-run\n"
+      "Of one alias: prints nothing; with --json {\"address\", \"members\", \"dropped\","
+      " \"removed\"}; exit 1 when it has none of\nthe members. Everywhere, in one transaction:"
+      " prints the aliases that change (~) or vanish (-); with --json\n{\"member\", \"changed\","
+      " \"removed\"}; exit 1 when there is none.\n",
+      chosen, s_choice("alias drop", arguments, s_drop));
+  drop.add_option("ADDRESS", arguments->address, "The alias; with --everywhere the member")
+      ->required();
+  drop.add_option("MEMBER", arguments->members, "A member to take out");
+  CLI::Option* const everywhere =
+      drop.add_flag("--everywhere", arguments->everywhere, "Take the member out of all aliases");
+  drop.add_flag("--remove-empty", arguments->removeEmpty,
+                "Remove the alias when no member is left, which is refused otherwise")
+      ->excludes(everywhere);
+  drop.add_flag("--yes", arguments->yes,
+                "With --everywhere: remove aliases that are left empty without asking")
+      ->needs(everywhere);
+  addDryRun(drop, arguments->dryRun);
+}
+
+}  // namespace
+
+void addAliasEditCommands(CLI::App& group, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& add = addCommand(
+      group, "add", "Add members to an alias, which is made when it is missing",
+      "  tsl-address-map alias add team@example.com carl@example.com\n"
+      "Prints nothing; with --json {\"address\", \"members\", \"added\"}, the members being those"
+      " that it has then.\n",
+      chosen, s_choice("alias add", arguments, s_add));
+  add.add_option("ADDRESS", arguments->address, "The alias")->required();
+  add.add_option("MEMBER", arguments->members, "An address to add")->required();
+  add.add_flag("--allow-cycle", arguments->allowCycle,
+               "Write it even if its members lead back to it");
+  addDryRun(add, arguments->dryRun);
+  s_addDrop(group, arguments, chosen);
+}
+
+}  // namespace Tessel::Tool

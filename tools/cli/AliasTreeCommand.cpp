@@ -1,0 +1,312 @@
+// The command `alias tree`: how an alias expands, step by step.
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cli/AliasGraph.h"
+#include "cli/AliasReport.h"
+#include "cli/AliasTree.h"
+#include "cli/Command.h"
+#include "cli/MailUsers.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+// Deeper addresses are shown with their depth as a number: the lines of a long chain would be
+// mostly blanks otherwise.
+constexpr std::uint32_t s_deepestIndent = 30;
+// Longer members texts are cut for people.
+constexpr std::size_t s_longestRow = 200;
+
+constexpr char s_outcomeFound[] = "found";
+constexpr char s_outcomeNothing[] = "expands-to-nothing";
+constexpr char s_outcomeBroken[] = "broken-row";
+
+struct Arguments {
+  std::string address;
+  bool dot = false;
+};
+
+// `document` as one line, without the brace at the end when `isOpen`.
+std::string s_text(const Json& document, bool isOpen) {
+  std::string text = document.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (isOpen) text.pop_back();
+  return text;
+}
+
+// `text` as a quoted string of the graph language.
+std::string s_quoted(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char c : printable(text)) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+// A tree with what the configuration says about its addresses, and the answer that it comes to.
+class Explanation {
+ public:
+  Explanation(const Session& session, AliasTree& tree)
+      : m_session(session), m_tree(tree), m_users(session), m_finals(tree.finals()) {
+    for (const AliasTree::Node& node : tree.nodes()) m_depth = std::max(m_depth, node.depth);
+    if (m_tree.isAllUsers()) replaceMarker();
+    for (const AliasTree::Node& node : tree.nodes()) {
+      ++m_counts.at(static_cast<std::size_t>(node.kind));
+      if (node.kind == NodeKind::Final && isDangling(node)) m_dangling.insert(*node.address);
+    }
+  }
+
+  [[nodiscard]] const std::set<EmailAddress>& finals() const { return m_finals; }
+  [[nodiscard]] std::size_t count(NodeKind kind) const {
+    return m_counts.at(static_cast<std::size_t>(kind));
+  }
+
+  [[nodiscard]] const char* outcome() const {
+    if (count(NodeKind::Broken) != 0) return s_outcomeBroken;
+    return m_finals.empty() ? s_outcomeNothing : s_outcomeFound;
+  }
+
+  // Tells people what the answer lacks. The code to exit with.
+  [[nodiscard]] ExitCode tell() const {
+    for (const AliasTree::Node& node : m_tree.nodes()) {
+      if (node.kind != NodeKind::Broken) continue;
+      report(brokenRow(*node.row, aliasTableName(m_session.tableName())));
+    }
+    if (count(NodeKind::Broken) != 0) return ExitCode::BadData;
+    if (m_tree.isAllUsers() && m_users.failure()) {
+      report(*m_users.failure());
+      return m_users.failure()->code();
+    }
+    return m_finals.empty() ? ExitCode::NotFound : ExitCode::Done;
+  }
+
+  // What is to be said about `node` beside its kind; empty for nothing.
+  [[nodiscard]] std::string note(const AliasTree::Node& node) const {
+    switch (node.kind) {
+      case NodeKind::Repeated:
+        return "expanded above";
+      case NodeKind::Cycle:
+        return "leads back to an alias above, and is left out";
+      case NodeKind::SelfDelivery:
+        return "the alias names itself, and is delivered to";
+      case NodeKind::AllUsers:
+        return m_users.failure() ? "user mailboxes: unknown, the configuration cannot be read"
+                                 : "user mailboxes: " + std::to_string(m_finals.size());
+      case NodeKind::MissingDomain:
+        return "the configuration has no such domain, so the marker stays as it is";
+      case NodeKind::Marker:
+        return "the marker stays as it is: it is not the only address reached, or not of the "
+               "domain "
+               "of the alias that is expanded";
+      default:
+        return noteOnAddress(node);
+    }
+  }
+
+  [[nodiscard]] Json jsonOf(const AliasTree::Node& node) const {
+    Json document{{"address", node.address->address()}, {"kind", textOf(node.kind)}};
+    document["row"] = node.row == nullptr ? Json() : Json(printable(node.row->text));
+    const std::string text = note(node);
+    document["note"] = text.empty() ? Json() : Json(text);
+    const bool isKnown = node.kind == NodeKind::Final && !m_users.failure();
+    document["dangling"] = isKnown ? Json(m_dangling.count(*node.address) != 0) : Json();
+    const bool isCounted = node.kind == NodeKind::AllUsers && !m_users.failure();
+    document["users"] = isCounted ? Json(m_finals.size()) : Json();
+    return document;
+  }
+
+  [[nodiscard]] Json totals() const {
+    Json document{{"depth", m_depth}, {"aliases", count(NodeKind::Alias)}};
+    document["finals"] = m_finals.size();
+    document["repeated"] = count(NodeKind::Repeated);
+    document["cycles"] = count(NodeKind::Cycle);
+    document["dangling"] = m_users.failure() ? Json() : Json(m_dangling.size());
+    return document;
+  }
+
+  [[nodiscard]] std::string summary() const {
+    std::string text = "depth " + std::to_string(m_depth);
+    text += ", aliases: " + std::to_string(count(NodeKind::Alias));
+    text += ", final addresses: " + std::to_string(m_finals.size());
+    text += ", repeated: " + std::to_string(count(NodeKind::Repeated));
+    text += ", cycles: " + std::to_string(count(NodeKind::Cycle));
+    text += ", dangling: ";
+    return text + (m_users.failure() ? "unknown" : std::to_string(m_dangling.size()));
+  }
+
+ private:
+  void replaceMarker() {
+    const std::string domain = m_tree.nodes().front().address->domain();
+    const auto count = m_users.mailboxes(domain);
+    m_tree.setMarker(count || m_users.failure() ? NodeKind::AllUsers : NodeKind::MissingDomain);
+    if (!count && !m_users.failure()) return;
+    m_finals.clear();
+    for (const std::string& user : m_users.mailboxesOf(domain)) {
+      m_finals.insert(EmailAddress::rfc5322Parse(user, true));
+    }
+  }
+
+  bool isDangling(const AliasTree::Node& node) {
+    return m_users.kindOf(node.address->address()) == MailUsers::Kind::Nobody;
+  }
+
+  [[nodiscard]] std::string noteOnAddress(const AliasTree::Node& node) const {
+    std::string text;
+    if (node.row != nullptr && node.kind != NodeKind::Alias) text = node.row->fault;
+    if (m_dangling.count(*node.address) == 0) return text;
+    return text + (text.empty() ? "" : "; ") +
+           "dangling: neither an alias nor a mail user of its domain";
+  }
+
+  const Session& m_session;
+  AliasTree& m_tree;
+  MailUsers m_users;
+  std::set<EmailAddress> m_finals;
+  std::set<EmailAddress> m_dangling;
+  std::array<std::size_t, static_cast<std::size_t>(NodeKind::Broken) + 1> m_counts{};
+  std::uint32_t m_depth = 0;
+};
+
+// The members text of `row` for people.
+std::string s_shown(const AliasRow& row) {
+  std::string text = printable(row.text.substr(0, s_longestRow));
+  if (row.text.size() > s_longestRow) {
+    text += "... (" + std::to_string(row.text.size()) + " bytes)";
+  }
+  return text;
+}
+
+void s_writeLines(Output& output, const AliasTree& tree, const Explanation& explanation) {
+  for (const AliasTree::Node& node : tree.nodes()) {
+    std::string line(2UL * std::min(node.depth, s_deepestIndent), ' ');
+    if (node.depth > s_deepestIndent) line += "(" + std::to_string(node.depth) + ") ";
+    line += node.address->address() + ": " + textOf(node.kind);
+    if (node.kind == NodeKind::Alias) line += " [" + s_shown(*node.row) + "]";
+    const std::string note = explanation.note(node);
+    if (!note.empty()) line += " (" + note + ")";
+    output.line(line);
+  }
+  output.line(explanation.summary());
+}
+
+// One document, written node by node: a chain may be deeper than a JSON library's own writer can
+// go.
+void s_writeJson(Output& output, const AliasTree& tree, const Explanation& explanation) {
+  Json head{{"address", tree.nodes().front().address->address()}};
+  head["outcome"] = explanation.outcome();
+  head["totals"] = explanation.totals();
+  head["finals"] = jsonOf(explanation.finals());
+  output.line(s_text(head, true) + ",\"tree\":");
+  const auto& nodes = tree.nodes();
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    std::string line = s_text(explanation.jsonOf(nodes[i]), true) + ",\"members\":[";
+    const std::uint32_t next = i + 1 < nodes.size() ? nodes[i + 1].depth : 0;
+    // A node that is followed by no deeper one ends itself and what it is the last of.
+    for (std::uint32_t depth = nodes[i].depth + 1; depth > next; --depth) line += "]}";
+    if (next != 0 && next <= nodes[i].depth) line += ",";
+    output.line(line);
+  }
+  output.line("}");
+}
+
+const char* s_style(NodeKind kind) {
+  switch (kind) {
+    case NodeKind::Alias:
+    case NodeKind::Repeated:
+    case NodeKind::Cycle:
+    case NodeKind::SelfDelivery:
+      return "shape=box";
+    case NodeKind::AllUsers:
+      return "shape=doublecircle";
+    case NodeKind::MissingDomain:
+    case NodeKind::Marker:
+    case NodeKind::Broken:
+      return "shape=octagon, color=red";
+    default:
+      return "shape=ellipse";
+  }
+}
+
+void s_writeDot(Output& output, const AliasTree& tree, const Explanation& explanation) {
+  output.line("digraph aliases {");
+  output.line("  rankdir=LR;");
+  std::set<EmailAddress> declared;
+  for (const AliasTree::Node& node : tree.nodes()) {
+    const std::string name = s_quoted(node.address->address());
+    const bool isAgain = !declared.insert(*node.address).second;
+    const std::string note = explanation.note(node);
+    if (!isAgain) {
+      const bool isNoted = !note.empty();
+      output.line("  " + name + " [" + s_style(node.kind) +
+                  (isNoted ? ", tooltip=" + s_quoted(note) : "") + "];");
+    }
+    if (&node == &tree.nodes().front()) continue;
+    const std::string from = s_quoted(tree.nodes()[node.parent].address->address());
+    const bool isBack = node.kind == NodeKind::Cycle;
+    output.line("  " + from + " -> " + name + (isBack ? " [label=\"cycle\", color=red]" : "") +
+                ";");
+  }
+  output.line("}");
+}
+
+ExitCode s_tree(Session& session, const Arguments& arguments) {
+  const EmailAddress address = parseAddress(arguments.address, false);
+  if (arguments.dot && session.isJson()) {
+    throw Failure(ExitCode::Usage, "--json and --dot", "both say how to write the tree",
+                  "give one of them");
+  }
+  session.tellTarget();
+  AliasTable table(aliasTableName(session.tableName()));
+  AliasTree tree(table, address);
+  if (tree.row() == nullptr) {
+    sayNoAlias(address, session);
+    if (session.isJson()) {
+      Json document{{"address", address.address()}, {"outcome", "no-alias"}};
+      document["totals"] = Json();
+      document["finals"] = Json::array();
+      document["tree"] = Json();
+      session.output().document(document);
+    }
+    return ExitCode::NotFound;
+  }
+  if (tree.row()->state == AliasRow::State::NoMembers) {
+    throw brokenRow(*tree.row(), aliasTableName(session.tableName()));
+  }
+  const Explanation explanation(session, tree);
+  if (arguments.dot) {
+    s_writeDot(session.output(), tree, explanation);
+  } else if (session.isJson()) {
+    s_writeJson(session.output(), tree, explanation);
+  } else {
+    s_writeLines(session.output(), tree, explanation);
+  }
+  session.output().flush();
+  return explanation.tell();
+}
+
+}  // namespace
+
+void addAliasTreeCommand(CLI::App& alias, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& tree = addCommand(
+      alias, "tree", "Show how an alias expands, step by step; exit 1 when it is no alias",
+      "  tsl-address-map alias tree team@example.com\n"
+      "  tsl-address-map alias tree team@example.com --dot | dot -Tsvg >team.svg\n"
+      "One address per line, the members of an alias indented below it: ADDRESS: KIND [MEMBERS]"
+      " (NOTE). The kinds:\nfinal, alias, repeated, cycle, self-delivery, all-users,"
+      " missing-domain, marker, broken. The last line counts\nthem.\n"
+      "With --json {\"address\", \"outcome\", \"totals\", \"finals\", \"tree\"}, a tree being"
+      " {\"address\", \"kind\", \"row\", \"note\",\n\"dangling\", \"users\", \"members\"}.\n",
+      chosen, {"alias tree", Preparation::Database, [arguments](Session& session) {
+                 return s_tree(session, *arguments);
+               }});
+  tree.add_option("ADDRESS", arguments->address, "The alias")->required();
+  tree.add_flag("--dot", arguments->dot, "Write a graph in the language of Graphviz");
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,325 @@
+// The command `alias who`: through which aliases mail reaches an address.
+#include <algorithm>
+#include <memory>
+#include <queue>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/stringCompareNoCase.h"
+#include "cli/AliasCycles.h"
+#include "cli/AliasGraph.h"
+#include "cli/AliasReport.h"
+#include "cli/Command.h"
+#include "cli/MailUsers.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+// Ways that are shown of one alias, and how many are looked for at most, as in a net of aliases
+// there may be more than can be counted.
+constexpr std::size_t s_fewPaths = 3;
+constexpr std::size_t s_mostPaths = 1000;
+constexpr std::size_t s_mostSteps = 1000000;
+
+constexpr std::uint32_t s_farAway = UINT32_MAX;
+
+// Ways of aliases that are farther away are not shown: in a long chain they would be as long,
+// together, as the square of its length.
+constexpr std::uint32_t s_farthest = 1000;
+
+struct Arguments {
+  std::string address;
+  bool allPaths = false;
+};
+
+using Path = std::vector<AliasGraph::Id>;
+
+// The broken rows of the table, and which of the others have a text among their members.
+class Holders : public AliasVisitor {
+ public:
+  Holders(std::string member, std::string table)
+      : m_member(std::move(member)), m_table(std::move(table)) {}
+
+  void broken(std::string_view name, bool hasName, const std::string& why) override {
+    AliasRow row;
+    row.name = name;
+    row.fault = why;
+    if (hasName) row.alias = EmailAddress::rfc5321Parse(name, false);
+    report(brokenRow(row, m_table));
+    m_isBroken = true;
+  }
+
+  void member(AddressIndex::Id alias, std::string_view member, bool /*isAlias*/) override {
+    if (member.size() == m_member.size() && stringCompareNoCase(member, m_member, 0)) {
+      m_holders.push_back(alias);
+    }
+  }
+
+  [[nodiscard]] const std::vector<AliasGraph::Id>& holders() const { return m_holders; }
+  [[nodiscard]] bool isBroken() const { return m_isBroken; }
+
+ private:
+  std::string m_member;
+  std::string m_table;
+  std::vector<AliasGraph::Id> m_holders;
+  bool m_isBroken = false;
+};
+
+// The ways from aliases to those that hold a certain member, shortest first.
+class Ways {
+ public:
+  // The ways to `ends`; they pass through `closed` only at their start. `graph` must outlive the
+  // object.
+  Ways(const AliasGraph& graph, const std::vector<AliasGraph::Id>& ends, AliasGraph::Id closed)
+      : m_graph(graph), m_distance(graph.links().size(), s_farAway), m_closed(closed) {
+    const Links reversed = graph.links().reversed();
+    Path queue;
+    for (const AliasGraph::Id end : ends) {
+      m_distance[end] = 0;
+      queue.push_back(end);
+    }
+    for (std::size_t i = 0; i < queue.size(); ++i) {
+      if (queue[i] == m_closed) continue;
+      for (const AliasGraph::Id above : reversed.of(queue[i])) {
+        if (m_distance[above] != s_farAway || above == m_closed) continue;
+        m_distance[above] = m_distance[queue[i]] + 1;
+        queue.push_back(above);
+      }
+    }
+    std::stable_sort(queue.begin(), queue.end(), [this](AliasGraph::Id a, AliasGraph::Id b) {
+      return m_distance[a] < m_distance[b];
+    });
+    m_aliases = std::move(queue);
+  }
+
+  // The aliases that have a way, the nearest first.
+  [[nodiscard]] const Path& aliases() const { return m_aliases; }
+  // Links on the shortest way of `alias`, `s_farAway` when there is none.
+  [[nodiscard]] std::uint32_t distance(AliasGraph::Id alias) const { return m_distance[alias]; }
+
+  // Up to `most` ways of `alias`, none of which passes an alias twice.
+  [[nodiscard]] std::vector<Path> from(AliasGraph::Id alias, std::size_t most) const {
+    std::vector<Path> ways;
+    std::vector<Step> steps{{alias, s_farAway, 0}};
+    std::priority_queue<Start, std::vector<Start>, Later> starts;
+    starts.push({m_distance[alias], 0, false, true});
+    while (!starts.empty() && ways.size() < most && (ways.empty() || steps.size() < s_mostSteps)) {
+      const Start start = starts.top();
+      starts.pop();
+      if (start.isWhole) {
+        ways.push_back(pathTo(steps, start.step));
+        continue;
+      }
+      extend(start, steps, starts);
+    }
+    return ways;
+  }
+
+ private:
+  // An alias on the beginning of a way, and the place of the one before it.
+  struct Step {
+    AliasGraph::Id alias;
+    std::uint32_t before;
+    std::uint32_t length;  // Links up to here.
+  };
+
+  // The beginning of a way, or a whole one, by its last step, and the length that it comes to at
+  // least.
+  struct Start {
+    std::uint32_t length;
+    std::uint32_t step;
+    bool isWhole;
+    bool isDirect;  // Has come nearer with each step.
+  };
+
+  // What comes later: of two of one length that which has not come so far, so that the first way is
+  // found without looking at all of its length.
+  struct Later {
+    bool operator()(const Start& a, const Start& b) const {
+      if (a.length != b.length) return a.length > b.length;
+      return a.isWhole != b.isWhole ? b.isWhole : a.step < b.step;
+    }
+  };
+
+  static Path pathTo(const std::vector<Step>& steps, std::uint32_t step) {
+    Path path;
+    for (; step != s_farAway; step = steps[step].before) path.push_back(steps[step].alias);
+    std::reverse(path.begin(), path.end());
+    return path;
+  }
+
+  static bool isSeen(const std::vector<Step>& steps, std::uint32_t step, AliasGraph::Id alias) {
+    while (step != s_farAway && steps[step].alias != alias) step = steps[step].before;
+    return step != s_farAway;
+  }
+
+  template <class Starts>
+  void extend(const Start& start, std::vector<Step>& steps, Starts& starts) const {
+    const Step last = steps[start.step];
+    if (m_distance[last.alias] == 0) starts.push({last.length, start.step, true, false});
+    if (last.alias == m_closed) return;
+    // Backwards, as the latest comes first.
+    const auto links = m_graph.links().of(last.alias);
+    for (auto link = links.rbegin(); link != links.rend(); ++link) {
+      const AliasGraph::Id next = *link;
+      if (m_distance[next] == s_farAway || next == m_closed) continue;
+      // What comes nearer all the time cannot come by again; a look back would cost its length.
+      const bool isDirect = start.isDirect && m_distance[next] < m_distance[last.alias];
+      if (!isDirect && isSeen(steps, start.step, next)) continue;
+      const auto step = static_cast<std::uint32_t>(steps.size());
+      steps.push_back({next, start.step, last.length + 1});
+      starts.push({last.length + 1 + m_distance[next], step, false, isDirect});
+    }
+  }
+
+  const AliasGraph& m_graph;
+  std::vector<std::uint32_t> m_distance;
+  AliasGraph::Id m_closed;
+  Path m_aliases;
+};
+
+// Writes the ways to an address.
+class Report {
+ public:
+  // Both references must outlive the object.
+  Report(Session& session, const AliasGraph& graph, bool allPaths)
+      : m_session(session), m_graph(graph), m_list(session.output()), m_allPaths(allPaths) {}
+
+  // The ways of `alias`, with `last` behind each.
+  void add(const Ways& ways, AliasGraph::Id alias, const std::vector<std::string>& last) {
+    ++m_count;
+    if (ways.distance(alias) > s_farthest) return addFar(alias, ways.distance(alias), last.back());
+    const std::size_t most = m_allPaths ? s_mostPaths : s_fewPaths;
+    // One more tells whether there are more.
+    std::vector<Path> found = ways.from(alias, most + 1);
+    if (found.size() > most) ++m_cut;
+    found.resize(std::min(found.size(), most));
+    if (m_session.isJson()) {
+      m_list.add("", [&] { return jsonOf(alias, found, last); });
+      return;
+    }
+    for (const Path& path : found) m_session.output().line(textOf(texts(path, last)));
+  }
+
+  // The number of aliases.
+  std::size_t end() {
+    m_list.end();
+    if (m_cut != 0) {
+      say(std::to_string(m_cut) + " of " + std::to_string(m_count) + " aliases have more ways" +
+          (m_allPaths ? "" : "; --all-paths shows them"));
+    }
+    return m_count;
+  }
+
+ private:
+  void addFar(AliasGraph::Id alias, std::uint32_t distance, const std::string& address) {
+    const std::string name(m_graph.names().text(alias));
+    m_list.add(name + " -> ... (" + std::to_string(distance) + " more) -> " + address, [&] {
+      return Json{{"alias", name}, {"path", nullptr}};
+    });
+  }
+
+  [[nodiscard]] std::vector<std::string> texts(const Path& path,
+                                               const std::vector<std::string>& last) const {
+    std::vector<std::string> texts;
+    for (const AliasGraph::Id alias : path) texts.emplace_back(m_graph.names().text(alias));
+    texts.insert(texts.end(), last.begin(), last.end());
+    return texts;
+  }
+
+  [[nodiscard]] Json jsonOf(AliasGraph::Id alias, const std::vector<Path>& paths,
+                            const std::vector<std::string>& last) const {
+    Json document{{"alias", m_graph.names().text(alias)}};
+    document["path"] = texts(paths.front(), last);
+    if (!m_allPaths) return document;
+    Json list = Json::array();
+    for (const Path& path : paths) list.push_back(texts(path, last));
+    document["paths"] = list;
+    return document;
+  }
+
+  Session& m_session;
+  const AliasGraph& m_graph;
+  ItemList m_list;
+  bool m_allPaths;
+  std::size_t m_count = 0;
+  std::size_t m_cut = 0;
+};
+
+// The aliases of the domain of `address` that stand for all its users, with the ways to the marker.
+void s_addAllUsers(const AliasGraph& graph, const EmailAddress& address, const Ways& direct,
+                   Report& report) {
+  const std::string domain = address.domain();
+  const AddressIndex::Id marker = graph.markers().find("allusers_" + domain);
+  if (marker == AddressIndex::s_none) return;
+  const Components components = componentsOf(graph.links());
+  const std::vector<Reach> reach = graph.reach(components);
+  const auto standsForAll = [&](AliasGraph::Id alias) {
+    const Reach found = reach[components.of[alias]];
+    return found.isMarker() && found.number() == marker;
+  };
+  // Only these lead to the marker and to nothing else.
+  Path holders;
+  for (AliasGraph::Id alias = 0; alias < graph.names().size(); ++alias) {
+    if (standsForAll(alias) && graph.own(alias).isMarker()) holders.push_back(alias);
+  }
+  const Ways ways(graph, holders, AddressIndex::s_none);
+  for (const AliasGraph::Id alias : ways.aliases()) {
+    const bool isOfDomain = stringCompareNoCase(domainOf(graph.names().text(alias)), domain, 0);
+    if (!isOfDomain || !standsForAll(alias) || direct.distance(alias) != s_farAway) continue;
+    report.add(ways, alias, {std::string(graph.markers().text(marker)), address.address()});
+  }
+}
+
+ExitCode s_who(Session& session, const Arguments& arguments) {
+  const EmailAddress address = parseAddress(arguments.address, false);
+  session.tellTarget();
+  const std::string table = aliasTableName(session.tableName());
+  Database::Connection connection{std::string(s_database)};
+  Holders holders(address.address(), table);
+  const AliasGraph graph(connection, table, holders);
+  const AliasGraph::Id self = graph.names().find(address.address());
+  const Ways ways(graph, holders.holders(), self);
+  Report report(session, graph, arguments.allPaths);
+  for (const AliasGraph::Id alias : ways.aliases()) report.add(ways, alias, {address.address()});
+  if (graph.markers().size() != 0) {
+    MailUsers users(session);
+    const bool isMailbox = users.kindOf(address.address()) == MailUsers::Kind::Mailbox;
+    if (isMailbox) s_addAllUsers(graph, address, ways, report);
+    if (users.failure()) {
+      say("warning: aliases for all users of a domain are left out: " + users.failure()->subject() +
+          ": " + users.failure()->why());
+    }
+  }
+  const std::size_t count = report.end();
+  if (count == 0) say("no alias of table " + table + " leads to " + address.address());
+  if (self != AddressIndex::s_none) {
+    say(address.address() + " is an alias itself: mail for it goes to its members");
+  }
+  if (holders.isBroken()) return ExitCode::BadData;
+  return count == 0 ? ExitCode::NotFound : ExitCode::Done;
+}
+
+}  // namespace
+
+void addAliasWhoCommand(CLI::App& alias, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& who = addCommand(
+      alias, "who", "Show the aliases through which mail reaches an address; exit 1 when none does",
+      "  tsl-address-map alias who ann@example.com\n"
+      "One way per line: ALIAS -> ... -> ADDRESS, the shortest ones first. The whole table is"
+      " read.\n"
+      "With --json a list of {\"alias\", \"path\"}, the path being the shortest one; with"
+      " --all-paths also \"paths\".\n",
+      chosen, {"alias who", Preparation::Database, [arguments](Session& session) {
+                 return s_who(session, *arguments);
+               }});
+  who.add_option("ADDRESS", arguments->address, "An address")->required();
+  who.add_flag("--all-paths", arguments->allPaths,
+               "Show up to 1000 ways of each alias instead of 3");
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,205 @@
+// The command `check`: what is wrong with the tables.
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "cli/AliasCheck.h"
+#include "cli/AliasTable.h"
+#include "cli/Command.h"
+#include "cli/Findings.h"
+#include "cli/MailUsers.h"
+#include "cli/MaskCheck.h"
+#include "cli/MaskTable.h"
+#include "cli/Schema.h"
+#include "database/QueryDescribeTable.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+enum class Kind { Alias, Mask, Misnamed, Foreign };
+
+// What the name of a table makes it.
+Kind s_kindOf(std::string_view table) {
+  for (const std::string_view base : {"alias", "mask"}) {
+    if (table.substr(0, base.size()) != base) continue;
+    if (table.size() == base.size() || table[base.size()] == '_') {
+      return base == "alias" ? Kind::Alias : Kind::Mask;
+    }
+    return Kind::Misnamed;
+  }
+  return Kind::Foreign;
+}
+
+// A line that says what is being done, on a terminal only.
+class Progress {
+ public:
+  Progress() : m_isShown(isatty(STDERR_FILENO) == 1) {}
+  ~Progress() { show(""); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  void show(const std::string& text) const {
+    if (!m_isShown) return;
+    const std::string line = "\r\033[K" + printable(text);
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+  }
+
+ private:
+  bool m_isShown;
+};
+
+// Size in bytes of a column of type `type`, as the server writes it.
+std::size_t s_sizeOf(std::string_view type) {
+  if (type == "tinytext") return 0xff;
+  if (type == "text") return 0xffff;
+  if (type == "longtext") return 0xffffffff;
+  constexpr std::string_view varchar = "varchar(";
+  if (!type.starts_with(varchar)) return 0xffffff;
+  std::size_t characters = 0;
+  static_cast<void>(
+      std::from_chars(type.data() + varchar.size(), type.data() + type.size(), characters));
+  return characters;  // A character has one byte at least.
+}
+
+std::size_t s_widest(Database::Connection& connection, const std::string& table) {
+  const Database::QueryDescribeTable description(connection, table);
+  for (const Database::Field& field : description.fields()) {
+    if (field.name == "members") return s_sizeOf(field.type);
+  }
+  return s_sizeOf("");
+}
+
+class Check {
+ public:
+  explicit Check(Session& session)
+      : m_session(session), m_connection(""), m_users(session), m_findings(session) {}
+
+  ExitCode run() {
+    const Schema schema = lookAtSchema(m_connection);
+    if (!schema.present) {
+      throw Failure(ExitCode::Unavailable, "checking the tables",
+                    std::string("there is no database ") + s_database,
+                    "create it with 'tsl-address-map init'");
+    }
+    const std::string name = m_session.tableName();
+    const std::set<std::string> wanted{aliasTableName(name), maskTableName(name)};
+    if (name.empty()) checkBases(schema);
+    bool any = false;
+    for (const std::string& table : schema.tables) {
+      if (!name.empty() && wanted.count(table) == 0) continue;
+      any = true;
+      checkTable(table);
+    }
+    if (!any && !name.empty()) {
+      throw Failure(ExitCode::Unavailable, "checking the tables of '" + name + "'",
+                    "there is no table " + aliasTableName(name) + " or " + maskTableName(name),
+                    "see 'tsl-address-map status' for the tables there are");
+    }
+    if (m_users.failure()) addConfiguration();
+    m_progress.show("");
+    m_findings.end();
+    return m_findings.code();
+  }
+
+ private:
+  void checkBases(const Schema& schema) {
+    for (const std::string base : {"alias", "mask"}) {
+      if (schema.tables.count(base) != 0) continue;
+      m_findings.add({Severity::Error,
+                      "missing-base",
+                      base,
+                      "",
+                      "the table is not there: no program can open its tables, those with other"
+                      " names neither",
+                      "tsl-address-map init",
+                      {}});
+    }
+  }
+
+  void checkTable(const std::string& table) {
+    const Kind kind = s_kindOf(table);
+    if (kind == Kind::Misnamed) {
+      m_findings.add({Severity::Notice,
+                      "misnamed-table",
+                      table,
+                      "",
+                      "begins like one of this system's tables, but has no '_' behind that: no"
+                      " program reads it",
+                      "",
+                      {}});
+    }
+    if (kind != Kind::Alias && kind != Kind::Mask) return;
+    m_progress.show("checking table " + table + " ...");
+    if (!checkSchema(table, kind == Kind::Mask)) return;
+    const std::uint64_t rows =
+        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings)
+                           : checkAliasTable(m_connection, table, s_widest(m_connection, table),
+                                             m_users, m_findings);
+    m_session.detail("table " + table + ": " + std::to_string(rows) + " rows");
+  }
+
+  // False when the rows cannot be read.
+  bool checkSchema(const std::string& table, bool isMask) {
+    const Schema schema = lookAtTable(m_connection, table, isMask);
+    const bool isBase = table == (isMask ? "mask" : "alias");
+    bool isReadable = true;
+    for (const std::string& problem : schema.unfitting) {
+      isReadable = isReadable && problem.find("has no column") == std::string::npos;
+      m_findings.add({Severity::Error, "schema", table, "", problem, "", {}});
+    }
+    for (const SchemaStep step : schema.missing) {
+      m_findings.add({Severity::Warning,
+                      "schema",
+                      table,
+                      "",
+                      "to do: " + textOf(step, table),
+                      isBase ? "tsl-address-map init" : "",
+                      {}});
+    }
+    return isReadable;
+  }
+
+  void addConfiguration() {
+    m_findings.add({Severity::Notice,
+                    "no-configuration",
+                    "",
+                    "",
+                    "members were not compared with the mail users: " +
+                        m_users.failure()->subject() + ": " + m_users.failure()->why(),
+                    "tsl-address-map domain list",
+                    {}});
+  }
+
+  Session& m_session;
+  Database::Connection m_connection;
+  MailUsers m_users;
+  Findings m_findings;
+  Progress m_progress;
+};
+
+ExitCode s_check(Session& session) {
+  return Check(session).run();
+}
+
+}  // namespace
+
+void addCheckCommand(CLI::App& app, Choice& chosen) {
+  addCommand(
+      app, "check", "Find what is wrong with the tables; exit 65 when there is something",
+      "  tsl-address-map check\n"
+      "  tsl-address-map check --json | jq '.[] | select(.severity == \"error\")'\n"
+      "All tables are checked, with --table those of that name only. One finding per line:\n"
+      "SEVERITY<TAB>FINDING<TAB>TABLE<TAB>ADDRESS<TAB>WHAT<TAB>COMMAND, the command being what to"
+      " run next.\nExit 65 when there is an error or a warning; notices alone do not count.\n"
+      "With --json a list of {\"severity\", \"finding\", \"table\", \"address\", \"what\","
+      " \"command\", \"addresses\"}.\n",
+      chosen, {"check", Preparation::Database, s_check});
+}
+
+}  // namespace Tessel::Tool

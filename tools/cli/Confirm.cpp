@@ -1,0 +1,23 @@
+// Asking the person at the terminal.
+#include "cli/Confirm.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "cli/Failure.h"
+
+namespace Tessel::Tool {
+
+bool canAsk() {
+  return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
+bool confirm(const std::string& question) {
+  static_cast<void>(std::fprintf(stderr, "%s [y/N] ", printable(question).c_str()));
+  const int answer = std::getc(stdin);
+  for (int rest = answer; rest != EOF && rest != '\n';) rest = std::getc(stdin);
+  return answer == 'y' || answer == 'Y';
+}
+
+}  // namespace Tessel::Tool

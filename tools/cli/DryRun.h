@@ -1,0 +1,33 @@
+// The rows that a change is about, as people see them: with --dry-run instead of the change.
+#ifndef TSL_TOOLS_CLI_DRYRUN_H
+#define TSL_TOOLS_CLI_DRYRUN_H
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/Failure.h"
+#include "cli/Session.h"
+
+namespace Tessel::Tool {
+
+// Adds the option --dry-run, which sets `dryRun`.
+inline void addDryRun(CLI::App& command, bool& dryRun) {
+  command.add_flag("--dry-run", dryRun,
+                   "Write nothing; show what would be added (+), changed (~) or removed (-)");
+}
+
+// Answers a change: with --json `document`, to which a dry run is noted; otherwise, in a dry run
+// only, `line`, where it is not empty.
+inline void answerChange(Session& session, Json document, const std::string& line, bool dryRun) {
+  if (session.isJson()) {
+    if (dryRun) document["dryRun"] = true;
+    session.output().document(document);
+    return;
+  }
+  if (dryRun && !line.empty()) session.output().line(printable(line));
+}
+
+}  // namespace Tessel::Tool
+
+#endif

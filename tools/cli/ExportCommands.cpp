@@ -1,0 +1,217 @@
+// The commands `alias export` and `mask export`.
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "cli/Command.h"
+#include "cli/ExportFile.h"
+#include "cli/FileSyntax.h"
+#include "cli/TextRows.h"
+#include "database/Connection.h"
+#include "database/Transaction.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
+// Rows that are held in memory at a time.
+constexpr std::size_t s_rowsPerStatement = 1000;
+
+struct Arguments {
+  std::string path;
+  std::string format = "native";
+  std::string domain;
+};
+
+// The rows of a table as they are at one moment, read some at a time. One thread.
+class TableReader {
+ public:
+  // Both formats must outlive the reader; `table` must be known to be safe in SQL.
+  TableReader(const TableFormat& format, const FileSyntax& syntax, std::string table)
+      : m_format(format),
+        m_syntax(syntax),
+        m_table(std::move(table)),
+        m_connection(std::string(s_database)),
+        m_snapshot(isolated(m_connection)) {}
+
+  // Calls `take` with the line of each good row in the order of the table's key, and reports the
+  // others. The number of good rows.
+  template <class Take>
+  std::size_t read(Take take) {
+    m_seen.clear();
+    m_public.clear();
+    m_good = true;
+    std::size_t good = 0;
+    std::string last;
+    std::size_t count = s_rowsPerStatement;
+    for (bool first = true; count == s_rowsPerStatement; first = false) {
+      const std::string statement = page(first, last);
+      count = 0;
+      selectPairs(m_connection, statement, [&](std::string_view key, std::string_view value) {
+        ++count;
+        last = key;
+        std::string text;
+        if (!check(key, value, text)) return;
+        ++good;
+        take(text);
+      });
+    }
+    return good;
+  }
+
+  // What read() met were good rows only.
+  [[nodiscard]] bool isGood() const { return m_good; }
+
+ private:
+  // Every statement of the transaction sees the table as its first one does.
+  static Database::Connection& isolated(Database::Connection& connection) {
+    runStatement(connection, "set transaction isolation level repeatable read;");
+    return connection;
+  }
+
+  [[nodiscard]] std::string page(bool first, const std::string& last) const {
+    const std::string key = m_format.key;
+    return "select " + key + ", " + m_format.value + " from " + m_table +
+           (first ? "" : " where " + key + " > " + literal(last)) + " order by " + key + " limit " +
+           std::to_string(s_rowsPerStatement) + ";";
+  }
+
+  bool check(std::string_view key, std::string_view value, std::string& text) {
+    TableEntry entry;
+    std::string fault = m_format.read(key, value, entry);
+    // Two spellings of one address would be two lines that no import accepts.
+    if (fault.empty() && !m_seen.insert(entry.key).second) {
+      fault = "another row is that of the same address";
+    }
+    // So would a public address that two rows show.
+    if (fault.empty() && m_format.hasPublic && !m_public.insert(entry.shown).second) {
+      fault = "another row has the same public address";
+    }
+    if (!fault.empty()) {
+      m_good = false;
+      report(Failure(ExitCode::BadData, "broken row '" + std::string(key) + "' of table " + m_table,
+                     fault, "correct or delete the row with an SQL client"));
+      return false;
+    }
+    fault = m_syntax.write(entry, text);
+    if (fault.empty()) return true;
+    m_good = false;
+    report(Failure(ExitCode::BadData, "row '" + std::string(key) + "' of table " + m_table,
+                   std::string("the format ") + m_syntax.name() + " cannot express it: " + fault,
+                   ""));
+    return false;
+  }
+
+  const TableFormat& m_format;
+  const FileSyntax& m_syntax;
+  std::string m_table;
+  Database::Connection m_connection;
+  Database::Transaction m_snapshot;
+  std::set<EmailAddress> m_seen;
+  std::set<EmailAddress> m_public;
+  bool m_good = true;
+};
+
+// Calls `write` with the lines of the table, of which the header `header` is the first, if there is
+// one. The number of rows.
+template <class Write>
+std::size_t s_write(TableReader& reader, std::string header, Write write) {
+  bool first = header.empty();
+  if (!first) write(header += '\n');
+  return reader.read([&](std::string& line) {
+    // An import skips one at the start of a file: an address that begins so must not lose its own.
+    if (first && line.starts_with(s_byteOrderMark)) line.insert(0, s_byteOrderMark);
+    first = false;
+    write(line += '\n');
+  });
+}
+
+void s_refuseBroken(const TableReader& reader, const std::string& table) {
+  if (reader.isGood()) return;
+  throw Failure(ExitCode::BadData, "exporting table " + table,
+                "it has rows that cannot be exported",
+                "nothing was exported: half a table must not look like a whole one");
+}
+
+void s_exportToOutput(Session& session, TableReader& reader, const std::string& header,
+                      const std::string& table) {
+  if (session.isJson()) {
+    throw Failure(ExitCode::Usage, "--json", "the table itself goes to standard output",
+                  "name a FILE to export to");
+  }
+  // What is written there cannot be taken back: all rows are looked at before.
+  reader.read([](const std::string&) {});
+  s_refuseBroken(reader, table);
+  s_write(reader, header, [&session](std::string& line) {
+    line.pop_back();
+    session.output().line(line);
+  });
+}
+
+void s_exportToFile(Session& session, TableReader& reader, const std::string& header,
+                    const std::string& path, const std::string& table) {
+  ExportFile file(path);
+  if (file.isDirect()) {
+    reader.read([](const std::string&) {});
+    s_refuseBroken(reader, table);
+  }
+  const std::size_t rows =
+      s_write(reader, header, [&file](const std::string& line) { file.write(line); });
+  s_refuseBroken(reader, table);
+  file.finish();
+  session.detail("exported " + std::to_string(rows) + " rows of table " + table + " to " + path);
+  if (session.isJson()) session.output().document(Json{{"file", printable(path)}, {"rows", rows}});
+}
+
+FileSyntax s_syntax(const Arguments& arguments, const TableFormat& format) {
+  FileSyntax syntax = FileSyntax::named(arguments.format, format, arguments.domain);
+  if (syntax.format() != FileFormat::Aliases || !arguments.domain.empty()) return syntax;
+  throw Failure(ExitCode::Usage, "--format aliases", "its names are those of one domain",
+                "give --domain DOMAIN");
+}
+
+ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
+  const FileSyntax syntax = s_syntax(arguments, format);
+  session.tellTarget();
+  const std::string table = format.table(session.tableName());
+  TableReader reader(format, syntax, table);
+  if (arguments.path.empty() || arguments.path == "-") {
+    s_exportToOutput(session, reader, syntax.header(), table);
+  } else {
+    s_exportToFile(session, reader, syntax.header(), arguments.path, table);
+  }
+  return ExitCode::Done;
+}
+
+}  // namespace
+
+void addExportCommand(CLI::App& group, const TableFormat& format, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  const std::string words = std::string(format.group) + " export";
+  const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
+  CLI::App& command = addCommand(
+      group, "export", "Write all rows of the table to a file, or to standard output",
+      "  tsl-address-map " + words + " table.txt\n  tsl-address-map " + words + " >table.txt\n" +
+          "Each line is " + line +
+          ", or what --format says, in the order of the table's key. A file is replaced as a whole "
+          "or not at\nall. A"
+          " table with broken rows is not exported; they are named on standard error, and the exit"
+          " code is 65.\nWith --json and FILE {\"file\", \"rows\"}.\n",
+      chosen, {words, Preparation::Database, [arguments, &format](Session& session) {
+                 return s_export(session, *arguments, format);
+               }});
+  command.add_option("FILE", arguments->path, "The file; none, or -, for standard output");
+  command.add_option("--format", arguments->format, "The format; native without it")
+      ->option_text(formatNames(format));
+  if (format.hasPublic) return;
+  command
+      .add_option(
+          "--domain", arguments->domain,
+          "With the format aliases: the domain of all aliases, which the file does not have")
+      ->option_text("DOMAIN");
+}
+
+}  // namespace Tessel::Tool

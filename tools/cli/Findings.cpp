@@ -1,0 +1,89 @@
+// What is wrong with the tables.
+#include "cli/Findings.h"
+
+#include <algorithm>
+
+#include "cli/AliasGraph.h"
+#include "cli/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+const char* s_text(Severity severity) {
+  switch (severity) {
+    case Severity::Notice:
+      return "notice";
+    case Severity::Warning:
+      return "warning";
+    case Severity::Error:
+      return "error";
+  }
+  return "";
+}
+
+Json s_jsonOf(const Finding& finding) {
+  Json document{{"severity", s_text(finding.severity)}, {"finding", finding.kind}};
+  document["table"] = finding.table.empty() ? Json() : Json(printable(finding.table));
+  document["address"] = finding.address.empty() ? Json() : Json(printable(finding.address));
+  document["what"] = printable(finding.what);
+  document["command"] = finding.command.empty() ? Json() : Json(printable(finding.command));
+  Json addresses = Json::array();
+  for (const std::string& address : finding.addresses) addresses.push_back(printable(address));
+  document["addresses"] = addresses;
+  return document;
+}
+
+std::string s_counted(std::size_t count, const char* what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+bool s_isPlain(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+         std::string_view("@%+-_.,:/").find(c) != std::string_view::npos;
+}
+
+}  // namespace
+
+void Findings::add(const Finding& finding) {
+  ++m_counts.at(static_cast<std::size_t>(finding.severity));
+  const std::string line = std::string(s_text(finding.severity)) + "\t" + finding.kind + "\t" +
+                           printable(finding.table) + "\t" + printable(finding.address) + "\t" +
+                           printable(finding.what) + "\t" + printable(finding.command);
+  m_list.add(line, [&finding] { return s_jsonOf(finding); });
+}
+
+void Findings::end() {
+  m_list.end();
+  say(s_counted(count(Severity::Error), "error") + ", " +
+      s_counted(count(Severity::Warning), "warning") + ", " +
+      s_counted(count(Severity::Notice), "notice"));
+}
+
+ExitCode Findings::code() const {
+  return count(Severity::Error) + count(Severity::Warning) == 0 ? ExitCode::Done
+                                                                : ExitCode::BadData;
+}
+
+std::string commandOn(const std::string& table, const std::string& words) {
+  const std::size_t underscore = table.find('_');
+  if (underscore == std::string::npos) return "tsl-address-map " + words;
+  const std::string name = table.substr(underscore + 1);
+  const bool isNameable = !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
+    return s_isPlain(c) && (c == '_' || std::string_view("@%+-.,:/").find(c) == std::string::npos);
+  });
+  return isNameable ? "tsl-address-map --table " + name + " " + words : "";
+}
+
+std::string shellWord(std::string_view text) {
+  if (!text.empty() && std::all_of(text.begin(), text.end(), s_isPlain)) return std::string(text);
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+std::string selectRow(const std::string& table, const std::string& column, std::string_view text) {
+  return "select * from " + quotedName(table) + " where " + column + "=" + literal(text) + ";";
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,220 @@
+// The commands on the rows of a mask table: set, remove, list.
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/Command.h"
+#include "cli/DryRun.h"
+#include "cli/MaskTable.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+struct Arguments {
+  std::string privateText;
+  std::string publicText;
+  std::string domain;
+  bool force = false;
+  bool dryRun = false;
+};
+
+struct Pair {
+  EmailAddress privateAddress;
+  EmailAddress publicAddress;
+
+  // As table files have it.
+  [[nodiscard]] std::string line() const {
+    return privateAddress.address() + ":" + publicAddress.address();
+  }
+  [[nodiscard]] Json json() const {
+    return Json{{"private", privateAddress.address()}, {"public", publicAddress.address()}};
+  }
+};
+
+Pair s_parsePair(const Arguments& arguments) {
+  return {parseAddress(arguments.privateText, false), parseAddress(arguments.publicText, false)};
+}
+
+Json s_jsonOf(const MaskRow& row) {
+  return Json{{"private", printable(row.privateText)}, {"public", printable(row.publicText)}};
+}
+
+ExitCode s_force(Session& session, const Pair& pair) {
+  const std::vector<MaskRow> rows =
+      MaskTable(maskTableName(session.tableName())).force(pair.privateAddress, pair.publicAddress);
+  Json list = Json::array();
+  for (const MaskRow& row : rows) {
+    list.push_back(s_jsonOf(row));
+    if (session.isJson()) continue;
+    session.output().line(printable(row.privateText) + "\t" + printable(row.publicText));
+  }
+  if (session.isJson()) {
+    Json document = pair.json();
+    document["rows"] = list;
+    session.output().document(document);
+  }
+  return ExitCode::Done;
+}
+
+ExitCode s_set(Session& session, const Arguments& arguments) {
+  const Pair pair = s_parsePair(arguments);
+  session.tellTarget();
+  if (arguments.force) return s_force(session, pair);
+  const bool present = MaskTable(maskTableName(session.tableName()))
+                           .set(pair.privateAddress, pair.publicAddress, arguments.dryRun);
+  if (!arguments.dryRun) {
+    session.detail("set " + pair.privateAddress.address() + " to " + pair.publicAddress.address());
+  }
+  answerChange(session, pair.json(), (present ? "~ " : "+ ") + pair.line(), arguments.dryRun);
+  return ExitCode::Done;
+}
+
+ExitCode s_removePair(Session& session, const Arguments& arguments) {
+  const Pair pair = s_parsePair(arguments);
+  session.tellTarget();
+  const std::string table = maskTableName(session.tableName());
+  const bool removed =
+      MaskTable(table).remove(pair.privateAddress, pair.publicAddress, arguments.dryRun);
+  const std::string shown = pair.privateAddress.address() + " with " + pair.publicAddress.address();
+  if (!removed) say("no mask " + shown + " in table " + table);
+  if (removed && !arguments.dryRun) session.detail("removed " + shown);
+  Json document = pair.json();
+  document["removed"] = removed;
+  answerChange(session, document, removed ? "- " + pair.line() : "", arguments.dryRun);
+  return removed ? ExitCode::Done : ExitCode::NotFound;
+}
+
+// Shows what removing all pairs of `domain` would remove; the number of rows.
+std::size_t s_showDomain(Session& session, const std::string& domain, const std::string& table) {
+  const std::vector<MaskRow> rows = MaskTable(table).rows(domain);
+  if (session.isJson()) return rows.size();
+  for (const MaskRow& row : rows) {
+    session.output().line("- " + printable(row.privateText + ":" + row.publicText));
+  }
+  return rows.size();
+}
+
+ExitCode s_removeDomain(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
+  session.tellTarget();
+  const std::string table = maskTableName(session.tableName());
+  const std::size_t count = arguments.dryRun ? s_showDomain(session, domain, table)
+                                             : MaskTable(table).removeDomain(domain);
+  if (count == 0) say("no mask of a private address in " + domain + " in table " + table);
+  answerChange(session, Json{{"domain", domain}, {"removed", count}}, "", arguments.dryRun);
+  if (!session.isJson()) session.output().line(std::to_string(count) + " removed");
+  return count != 0 ? ExitCode::Done : ExitCode::NotFound;
+}
+
+ExitCode s_remove(Session& session, const Arguments& arguments, const CLI::App& command) {
+  const bool byDomain = command.count("--domain") > 0;
+  const std::size_t addresses = command.count("PRIVATE") + command.count("PUBLIC");
+  if (addresses != (byDomain ? 0 : 2)) {
+    throw Failure(ExitCode::Usage, "mask remove",
+                  "it takes a private and a public address, or --domain alone",
+                  "see 'tsl-address-map mask remove --help'");
+  }
+  return byDomain ? s_removeDomain(session, arguments) : s_removePair(session, arguments);
+}
+
+ExitCode s_list(Session& session, const Arguments& arguments) {
+  const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
+  session.tellTarget();
+  const std::string table = maskTableName(session.tableName());
+  const auto rows = MaskTable(table).rows(domain);
+  ExitCode code = ExitCode::Done;
+  ItemList list(session.output());
+  for (const MaskRow& row : rows) {
+    if (!row.isGood()) {
+      report(brokenMask(row, table));
+      code = ExitCode::BadData;
+      continue;
+    }
+    const Pair pair{row.privateAddress, row.publicAddress};
+    list.add(row.privateAddress.address() + "\t" + row.publicAddress.address(),
+             [&pair] { return pair.json(); });
+  }
+  list.end();
+  return code;
+}
+
+template <class Run>
+Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
+  return {words, Preparation::Database,
+          [arguments, run](Session& session) { return run(session, *arguments); }};
+}
+
+void s_addSet(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
+  CLI::App& set = addCommand(
+      group, "set", "Show a public address in place of a private one",
+      "  tsl-address-map mask set ann@inner.example ann.smith@example.com\n"
+      "  tsl-address-map mask set '*@inner.example' '*@example.com'\n"
+      "Adds the pair, or changes the public address of a private one. Prints nothing; with --json"
+      " {\"private\",\n\"public\"}. A '*' in either address makes it a pair of whole domains. A"
+      " public address that belongs to\nanother private one is refused (65).\n"
+      "Programs that have the pair in memory keep the old one until they reopen the table.\n",
+      chosen, s_choice("mask set", arguments, s_set));
+  set.add_option("PRIVATE", arguments->privateText, "The private address")->required();
+  set.add_option("PUBLIC", arguments->publicText, "The address that is shown in its place")
+      ->required();
+  CLI::Option* const force = set.add_flag(
+      "--force", arguments->force,
+      "Write as the library does: when a row has either address, that row gets the public"
+      " one. Prints the rows that have either then: PRIVATE<TAB>PUBLIC (with --json also"
+      " \"rows\")");
+  addDryRun(set, arguments->dryRun);
+  force->excludes("--dry-run");
+}
+
+void s_addRemove(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
+  Choice choice;
+  choice.words = "mask remove";
+  choice.preparation = Preparation::Database;
+  const auto command = std::make_shared<const CLI::App*>(nullptr);
+  choice.run = [arguments, command](Session& session) {
+    return s_remove(session, *arguments, **command);
+  };
+  CLI::App& remove = addCommand(
+      group, "remove", "Remove a pair, or those of a domain; exit 1 when there is none",
+      "  tsl-address-map mask remove ann@inner.example ann.smith@example.com\n"
+      "  tsl-address-map mask remove --domain inner.example\n"
+      "A pair: prints nothing; with --json {\"private\", \"public\", \"removed\"}. A domain: "
+      "removes"
+      " all pairs whose\nprivate address is of that domain, wildcards too, and prints how many;"
+      " with --json {\"domain\", \"removed\"}.\n",
+      chosen, choice);
+  *command = &remove;
+  remove.add_option("PRIVATE", arguments->privateText, "The private address");
+  remove.add_option("PUBLIC", arguments->publicText, "Its public address");
+  remove.add_option("--domain", arguments->domain, "The domain of the private addresses")
+      ->option_text("DOMAIN");
+  addDryRun(remove, arguments->dryRun);
+}
+
+}  // namespace
+
+void addMaskCommands(CLI::App& app, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& group = addGroup(app, "mask", "Show and change mask tables");
+  s_addSet(group, arguments, chosen);
+  s_addRemove(group, arguments, chosen);
+
+  CLI::App& list = addCommand(
+      group, "list", "List the pairs of private and public addresses",
+      "  tsl-address-map mask list --domain inner.example\n"
+      "  tsl-address-map mask list | cut -f2\n"
+      "One pair per line: PRIVATE<TAB>PUBLIC; with --json a list of {\"private\", \"public\"}.\n"
+      "Broken rows are reported on standard error, and the exit code is 65 then.\n",
+      chosen, s_choice("mask list", arguments, s_list));
+  list.add_option("--domain", arguments->domain, "Only private addresses of this domain")
+      ->option_text("DOMAIN");
+
+  addMaskFindCommands(group, chosen);
+  addMaskExplainCommand(group, chosen);
+  addExportCommand(group, TableFormat::mask(), chosen);
+  addImportCommand(group, TableFormat::mask(), chosen);
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,201 @@
+// The commands on whole tables: create, drop, list.
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/AliasGraph.h"
+#include "cli/Command.h"
+#include "cli/Confirm.h"
+#include "cli/DryRun.h"
+#include "cli/OurTables.h"
+#include "cli/Schema.h"
+#include "cli/TextRows.h"
+#include "database/Connection.h"
+#include "database/QueryTableNames.h"
+#include "map/AddressMapMySQL.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+struct Arguments {
+  std::string name;
+  std::string kind;
+  bool yes = false;
+  bool dryRun = false;
+};
+
+void s_requireName(const std::string& name) {
+  if (isTableName(name)) return;
+  throw Failure(ExitCode::Usage, "table '" + name + "'",
+                "a table name has 1 to 58 letters, digits and underscores",
+                "it is what --table takes: 'sales' names the tables alias_sales and mask_sales");
+}
+
+// The kinds of table that --kind asks for.
+std::vector<std::string> s_kinds(const std::string& kind) {
+  if (kind.empty()) return {s_alias, s_mask};
+  if (kind == s_alias || kind == s_mask) return {kind};
+  throw Failure(ExitCode::Usage, "--kind " + kind, "there is no such kind of table",
+                "use alias or mask, or leave it out for both");
+}
+
+void s_create(Database::Connection& connection, const std::string& kind, const std::string& table) {
+  if (kind == s_mask) {
+    createMaskTable(connection, table);
+  } else {
+    createAliasTable(connection, table);
+  }
+}
+
+ExitCode s_runCreate(Session& session, const Arguments& arguments) {
+  s_requireName(arguments.name);
+  const std::vector<std::string> kinds = s_kinds(arguments.kind);
+  session.tellTarget();
+  Database::Connection connection{std::string(s_database)};
+  const PreparationLock lock(connection);
+  const auto present = Database::QueryTableNames(connection).names();
+  Json created = Json::array();
+  for (const std::string& kind : kinds) {
+    const std::string table = kind + "_" + arguments.name;
+    if (present.count(table) != 0) {
+      say("table " + table + " is there already");
+      continue;
+    }
+    if (!arguments.dryRun) s_create(connection, kind, table);
+    created.push_back(table);
+    if (arguments.dryRun && !session.isJson()) session.output().line("+ " + table);
+    if (!arguments.dryRun) session.detail("created table " + table);
+  }
+  answerChange(session, Json{{"name", arguments.name}, {"created", created}}, "", arguments.dryRun);
+  return ExitCode::Done;
+}
+
+// A table that is to go.
+struct Doomed {
+  std::string table;
+  std::uint64_t rows;
+};
+
+// The tables that there are. Throws Failure when one has columns that this library's have not.
+std::vector<Doomed> s_find(Database::Connection& connection, const Arguments& arguments) {
+  const auto present = Database::QueryTableNames(connection).names();
+  std::vector<Doomed> doomed;
+  for (const std::string& kind : s_kinds(arguments.kind)) {
+    const std::string table = kind + "_" + arguments.name;
+    if (present.count(table) == 0) continue;
+    const Schema schema = lookAtTable(connection, table, kind == s_mask);
+    if (!schema.unfitting.empty()) {
+      throw Failure(ExitCode::BadData, "table " + table, schema.unfitting.front(),
+                    "nothing was dropped: it is no table of this library; drop it with an SQL"
+                    " client if it is to go");
+    }
+    doomed.push_back({table, countRows(connection, table)});
+  }
+  return doomed;
+}
+
+// Tells what would go, and asks. Throws Failure when there is nobody to ask.
+bool s_mayDrop(const std::vector<Doomed>& doomed) {
+  std::string text;
+  for (const Doomed& table : doomed) {
+    text += (text.empty() ? "" : " and ") + table.table + " with " + std::to_string(table.rows) +
+            " rows";
+  }
+  if (canAsk()) return confirm("Drop " + text + "?");
+  throw Failure(ExitCode::Usage, "table drop", "it would drop " + text,
+                "nothing was dropped; give --yes if they are to go");
+}
+
+ExitCode s_runDrop(Session& session, const Arguments& arguments) {
+  s_requireName(arguments.name);
+  session.tellTarget();
+  Database::Connection connection{std::string(s_database)};
+  const std::vector<Doomed> doomed = s_find(connection, arguments);
+  if (doomed.empty()) say("no table " + arguments.name);
+  const bool sure = doomed.empty() || arguments.yes || arguments.dryRun || s_mayDrop(doomed);
+  if (!sure) {
+    say("nothing was dropped");
+    return ExitCode::Done;
+  }
+  Json dropped = Json::array();
+  for (const Doomed& table : doomed) {
+    if (!arguments.dryRun) runStatement(connection, "drop table " + quotedName(table.table) + ";");
+    dropped.push_back(Json{{"table", table.table}, {"rows", table.rows}});
+    if (session.isJson()) continue;
+    session.output().line("- " + table.table + " (" + std::to_string(table.rows) + " rows)");
+  }
+  answerChange(session, Json{{"name", arguments.name}, {"dropped", dropped}}, "", arguments.dryRun);
+  return doomed.empty() ? ExitCode::NotFound : ExitCode::Done;
+}
+
+ExitCode s_runList(Session& session) {
+  session.tellTarget();
+  Database::Connection connection{std::string(s_database)};
+  const auto tables = Database::QueryTableNames(connection).names();
+  ItemList list(session.output());
+  for (const std::string& table : tables) {
+    const auto ours = readTableName(table);
+    // What --table does not take is read by no program.
+    if (!ours || (!ours->name.empty() && !isTableName(ours->name))) continue;
+    const std::uint64_t rows = countRows(connection, table);
+    const std::string name = ours->name.empty() ? "-" : ours->name;
+    list.add(name + "\t" + ours->group + "\t" + std::to_string(rows), [&] {
+      return Json{{"name", ours->name.empty() ? Json() : Json(ours->name)},
+                  {"kind", ours->group},
+                  {"table", table},
+                  {"rows", rows}};
+    });
+  }
+  list.end();
+  return ExitCode::Done;
+}
+
+template <class Run>
+Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
+  return {words, Preparation::Database,
+          [arguments, run](Session& session) { return run(session, *arguments); }};
+}
+
+void s_addCommon(CLI::App& command, Arguments& arguments) {
+  command.add_option("NAME", arguments.name, "The name, as --table takes it")->required();
+  command.add_option("--kind", arguments.kind, "alias or mask; both without it")
+      ->option_text("KIND");
+  addDryRun(command, arguments.dryRun);
+}
+
+}  // namespace
+
+void addTableCommands(CLI::App& app, Choice& chosen) {
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App& group = addGroup(app, "table", "Create, drop and list whole tables");
+
+  CLI::App& create = addCommand(
+      group, "create", "Create the tables of a name; those that are there stay as they are",
+      "  tsl-address-map table create sales\n"
+      "  tsl-address-map --table sales alias list\n"
+      "Prints nothing; with --json {\"name\", \"created\"}.\n",
+      chosen, s_choice("table create", arguments, s_runCreate));
+  s_addCommon(create, *arguments);
+
+  CLI::App& drop = addCommand(
+      group, "drop", "Drop the tables of a name with all their rows; exit 1 when there are none",
+      "  tsl-address-map table drop sales --dry-run\n"
+      "  tsl-address-map table drop sales --kind mask --yes\n"
+      "Asks on a terminal, and needs --yes otherwise (64). A table with columns that are not this"
+      " library's is\nrefused (65); the base tables have no name, and cannot be dropped. Prints the"
+      " tables with their rows; with --json\n{\"name\", \"dropped\"}, a list of {\"table\","
+      " \"rows\"}.\n",
+      chosen, s_choice("table drop", arguments, s_runDrop));
+  s_addCommon(drop, *arguments);
+  drop.add_flag("--yes", arguments->yes, "Do not ask");
+
+  addCommand(group, "list", "List the tables with their kinds and rows",
+             "  tsl-address-map table list\n"
+             "One per line: NAME<TAB>KIND<TAB>ROWS, the name of base tables being '-'; with --json"
+             " a list of\n{\"name\", \"kind\", \"table\", \"rows\"}, their name being null.\n",
+             chosen, {"table list", Preparation::Database, s_runList});
+}
+
+}  // namespace Tessel::Tool
