@@ -29,6 +29,18 @@ std::string s_members(int i) {
   return members;
 }
 
+// Inserts `rows` rows into what `into` names; `values` writes the values of the i-th one.
+template <class Values>
+void s_insert(const std::string& into, int rows, Values values) {
+  for (int first = 0; first < rows; first += s_rowsPerStatement) {
+    std::string statement = "insert into ts_address_map." + into + " values ";
+    for (int i = first; i < std::min(rows, first + s_rowsPerStatement); ++i) {
+      statement += (i == first ? "( " : ",( ") + values(i) + " )";
+    }
+    Testing::TestServer::shared().sql(statement);
+  }
+}
+
 void s_pinTask(pid_t task, bool toOneCore) {
   cpu_set_t cores;
   CPU_ZERO(&cores);
@@ -73,17 +85,45 @@ void fillAliasTable(const std::string& table, int rows) {
     Database::Connection connection("ts_address_map");
     createAliasTable(connection, table);
   }
-  for (int first = 0; first < rows; first += s_rowsPerStatement) {
-    std::string statement = "insert into ts_address_map." + table + " ( name, members ) values ";
-    for (int i = first; i < std::min(rows, first + s_rowsPerStatement); ++i) {
-      statement += (i == first ? "( '" : ",( '") + aliasName(i) + "','" + s_members(i) + "' )";
-    }
-    Testing::TestServer::shared().sql(statement);
+  s_insert(table + " ( name, members )", rows,
+           [](int i) { return "'" + aliasName(i) + "','" + s_members(i) + "'"; });
+}
+
+void fillMaskTable(const std::string& table, int rows) {
+  static std::set<std::string> s_filled;
+  startDatabase();
+  if (!s_filled.insert(table).second) return;
+  {
+    Database::Connection connection("ts_address_map");
+    createMaskTable(connection, table);
   }
+  s_insert(table, rows, [](int i) { return "'" + maskPrivate(i) + "','" + maskPublic(i) + "'"; });
+}
+
+void fillWildcardTable(const std::string& table, int rows) {
+  fillMaskTable(table, 0);
+  s_insert(table, rows,
+           [](int i) { return "'*@" + privateDomain(i) + "','*@" + publicDomain(i) + "'"; });
 }
 
 std::string aliasName(int i) {
   return "alias" + std::to_string(i) + "@bench.example";
+}
+
+std::string maskPrivate(int i) {
+  return "private" + std::to_string(i) + "@bench.example";
+}
+
+std::string maskPublic(int i) {
+  return "public" + std::to_string(i) + "@bench.example";
+}
+
+std::string privateDomain(int i) {
+  return "inner" + std::to_string(i) + ".example";
+}
+
+std::string publicDomain(int i) {
+  return "outer" + std::to_string(i) + ".example";
 }
 
 void fillUsers(int users) {

@@ -23,6 +23,21 @@ void fillAliasTable(const std::string& table, int rows);
 // The i-th alias of a filled table.
 std::string aliasName(int i);
 
+// Fills the mask table `table` with `rows` pairs of `maskPrivate` and `maskPublic`, once for each
+// table.
+void fillMaskTable(const std::string& table, int rows);
+
+// The i-th pair of a filled table.
+std::string maskPrivate(int i);
+std::string maskPublic(int i);
+
+// Makes the mask table `table` with `rows` wildcard rows from `privateDomain` to `publicDomain`.
+void fillWildcardTable(const std::string& table, int rows);
+
+// The domains of the i-th wildcard row.
+std::string privateDomain(int i);
+std::string publicDomain(int i);
+
 // Fills the domain "users.example" of the configuration with `users` mailboxes, once.
 void fillUsers(int users);
 

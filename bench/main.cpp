@@ -6,8 +6,10 @@
 //   tsl_bench --benchmark_filter=R only the benchmarks that match (and the ratios they allow)
 //
 // Operations: cachedExpandAlias, uncachedExpandAlias, uncachedFindMembers, preload (large, and huge
-// of ten times the rows), preloadPeakMemory, allUsersExpansion, the parsers and the comparisons of
-// EmailAddress; those named "bare" are what they are measured against.
+// of ten times the rows), preloadPeakMemory, allUsersExpansion, importByTool, importPeakMemory,
+// toolOver, toolPeakMemory, maskForwardHit, maskReverseHit, maskUncached, maskWildcardHit, the
+// parsers and the comparisons of EmailAddress; those named "bare" are what they are measured
+// against.
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -28,6 +30,10 @@ namespace Tessel::Bench {
 void compareAllUsers();
 // Does the work whose peak of memory another run measures, on that run's database.
 void runForItsPeak(const std::string& work);
+// The same for the import by the tool: prints its peak in kilobytes.
+void importForItsPeak(const std::string& groupAndPath);
+// The same for the tool with `words` on its large table.
+void toolForItsPeak(const std::string& words);
 
 namespace {
 
@@ -63,6 +69,16 @@ void s_printCircumstances() {
 }  // namespace
 
 int run(int argc, char** argv) {
+  const std::string import = "--peak=import:";
+  if (argc == 2 && std::string(argv[1]).starts_with(import)) {
+    importForItsPeak(argv[1] + import.size());
+    return 0;
+  }
+  const std::string tool = "--peak=tool:";
+  if (argc == 2 && std::string(argv[1]).starts_with(tool)) {
+    toolForItsPeak(argv[1] + tool.size());
+    return 0;
+  }
   const std::string peak = "--peak=";
   if (argc == 2 && std::string(argv[1]).starts_with(peak)) {
     runForItsPeak(argv[1] + peak.size());
