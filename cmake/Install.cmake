@@ -55,7 +55,7 @@ function(tsl_install_targets flavour libdir)
 endfunction()
 
 # tsl_install_files(FLAVOUR DEVELOPMENT_DOC TOOL_DOC [EXCLUDE_FROM_ALL]): the rules for headers, manual
-# pages and documents, which go to DEVELOPMENT_DOC and TOOL_DOC.
+# pages, the completion of words, and documents, which go to DEVELOPMENT_DOC and TOOL_DOC.
 function(tsl_install_files flavour development_doc tool_doc)
   set(development COMPONENT ${flavour}development ${ARGN})
   set(tool COMPONENT ${flavour}tool ${ARGN})
@@ -72,6 +72,10 @@ function(tsl_install_files flavour development_doc tool_doc)
     file(GLOB pages docs/man/*.${section})
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${tool})
   endforeach()
+
+  # Bash looks for it under the name of the program.
+  install(FILES packaging/tsl-address-map.bash RENAME tsl-address-map
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions ${tool})
 
   install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
           FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN contributing.md EXCLUDE)

@@ -294,17 +294,18 @@ describe_libraries() {
 
 # Documents that tell what the small tree does, and a program whose help is like the tool's.
 write_documents() {
-  mkdir -p build/release/bin examples
+  mkdir -p build/release/bin examples docs/man
   cat >build/release/bin/tsl-address-map <<'END'
 #!/bin/sh
 case "$*" in
   --help) printf 'Options:\n  -h,--help  Help\n  --json  JSON\n\nSubcommands:\n  alias  Aliases\n\nExamples:\n  none\n' ;;
   "alias --help") printf 'Options:\n  -h,--help  Help\n\nSubcommands:\n  set  Set\n\nMore.\n' ;;
-  "alias set --help") printf 'Options:\n  -h,--help  Help\n' ;;
+  "alias set --help") printf 'Options:\n  -h,--help  Help\n  --force  Force\n' ;;
 esac
 END
   chmod +x build/release/bin/tsl-address-map
-  printf '### `alias set ADDRESS`\n\n`--json`, `--help`\n' >docs/tool.md
+  printf '### `alias set ADDRESS`\n\n`--json`, `--force`, `--help`\n' >docs/tool.md
+  write_page
   printf '`TSL_THING`\n' >docs/configuration.md
   printf '| Where | Context | Code | File | Line | Detail | Cause |\n| thing | `doThing` | 4 | `Thing` | 7 | | |\n\n`0x3000001`\n' >docs/failures.md
   printf 'None.\n' >docs/contributing.md
@@ -314,6 +315,24 @@ END
   printf 'See [tool](docs/tool.md).\n\n```cpp\nint main() {}\n```\n' >README.md
 }
 
+# The manual page of that program.
+write_page() {
+  cat >docs/man/tsl-address-map.1 <<'END'
+.SH OPTIONS
+.TP
+.B \-\-json
+.TP
+.BR \-\-help ", " \-h
+.SH COMMANDS
+.SS alias set
+Sets, with
+.BR \-\-json ,
+too.
+.TP
+.BI \-\-force " HOW"
+END
+}
+
 @test "check-docs passes documents that tell what the sources do" {
   write_documents
   passes check-docs
@@ -321,7 +340,7 @@ END
 
 @test "check-docs finds a command that is not documented, and one that is not there" {
   write_documents
-  printf '### `alias drop ADDRESS`\n\n`--json`, `--help`\n' >docs/tool.md
+  printf '### `alias drop ADDRESS`\n\n`--json`, `--force`, `--help`\n' >docs/tool.md
   fails check-docs "docs/tool.md: command not documented: alias set"
   [[ $output == *"docs/tool.md: documented, but no command: alias drop"* ]]
 }
@@ -331,6 +350,36 @@ END
   sed -i 's/--json/--yaml/' docs/tool.md
   fails check-docs "docs/tool.md: option not documented: --json"
   [[ $output == *"documented, but no option: --yaml"* ]]
+}
+
+@test "check-docs finds a command that the manual page does not have, and one that is not there" {
+  write_documents
+  sed -i 's/^\.SS alias set/.SS alias drop/' docs/man/tsl-address-map.1
+  fails check-docs "docs/man/tsl-address-map.1: command not documented: alias set"
+  [[ $output == *"docs/man/tsl-address-map.1: documented, but no command: alias drop"* ]]
+}
+
+@test "check-docs finds an option that the manual page does not have, or has at another command" {
+  write_documents
+  sed -i '/json$/d' docs/man/tsl-address-map.1
+  printf '.SS alias show\n.TP\n.B \\-\\-force\n' >>docs/man/tsl-address-map.1
+  fails check-docs "docs/man/tsl-address-map.1: option not documented: --json"
+  [[ $output == *"docs/man/tsl-address-map.1: documented, but no option: alias show --force"* ]]
+  write_page
+  sed -i '/^\.TP/{N;/force/d}' docs/man/tsl-address-map.1
+  fails check-docs "docs/man/tsl-address-map.1: option not documented: alias set --force"
+}
+
+@test "check-docs finds an option that the manual page only mentions" {
+  write_documents
+  printf '.SH BUGS\nWith\n.BR \\-\\-yaml ,\nnothing.\n' >>docs/man/tsl-address-map.1
+  fails check-docs "docs/man/tsl-address-map.1: no such option: --yaml"
+}
+
+@test "check-docs finds that the manual page of the program is missing" {
+  write_documents
+  rm docs/man/tsl-address-map.1
+  fails check-docs "not there: docs/man/tsl-address-map.1"
 }
 
 @test "check-docs finds an environment variable that is not documented" {

@@ -33,16 +33,51 @@ await() {
   return 1
 }
 
-@test "the demo shows expansions, and leaves nothing behind" {
+# paragraphs FILE: each on one line.
+paragraphs() { awk 'BEGIN {RS = ""} {gsub(/\n/, "\\n"); print}' "$1"; }
+
+# shown_by_the_readme: its copy of the output.
+shown_by_the_readme() {
+  sed -n '/The demo prints, shortened:$/,/^and the tests/{/^```$/d;p}' "$TSL_SOURCE/README.md" | sed '1d;$d'
+}
+
+# shows COMMAND TEXT: TEXT stands in the output of that command.
+shows() {
+  # The output reaches to the next command or heading.
+  awk -v command="\$ tsl-address-map $1" '
+    /^\$ / || /^--- / {on = $0 == command}
+    on' out >"$BATS_TEST_TMPDIR/shown"
+  grep -qF -e "$2" "$BATS_TEST_TMPDIR/shown"
+}
+
+@test "the demo shows the program at work as the README tells, and leaves nothing behind" {
   "$TSL_SOURCE/scripts/demo" </dev/null >out 2>&1 3>&-
   cat out
-  grep -q '^helpdesk@partner.example$' out
-  grep -q 'ping@example.com of table alias expands to nothing' out
-  grep -q '^eve@example.com$' out
+  shows "alias expand staff@example.com" helpdesk@partner.example
+  shows "alias tree company@example.com" "        ann@example.com: self-delivery"
+  shows "alias who bob@example.com" "sales@example.com -> bob@example.com"
+  shows "alias expand orders@example.com" "orders@example.com of table alias expands to nothing"
+  shows "alias set staff@example.com sales@example.com company@example.com" "(exit status 65)"
+  shows "alias expand everybody@example.com" eve@example.com
   [ "$(grep -c '^dan@example.com$' out)" -eq 0 ]
-  grep -q 'no alias nobody@example.com' out
+  shows "alias expand nobody@example.com" "no alias nobody@example.com"
+  shows "mask public ann@example.com ida@workshop.example gus@example.org" $'ida@workshop.example\tida@example.com'
+  shows "mask private ann.smith@example.com ida@example.com" $'ida@example.com\tida@workshop.example'
+  shows "mask explain jon@workshop.example" "in place of the wildcard *@workshop.example"
+  shows check "hal@example.org"
+  shows check $'error\tcycle\talias\t'
+  shows "alias export" "board@example.org:ann@example.com,fay@example.org,hal@example.org"
+  shows "mask export --format csv" "*@workshop.example,*@example.com"
+  shows "alias import examples/tables/virtual --dry-run" "~ sales@example.com:ann@example.com,bob@example.com,eve@example.com"
+  shows "alias import examples/tables/virtual --dry-run" "1 added, 1 changed, 10 left, 0 removed"
   grep -q '^\[{"address":"sales@example.com","outcome":"found"' out
   tail -1 out | grep -q 'stopped and removed'
+  shown_by_the_readme >readme
+  [ "$(paragraphs readme | wc -l)" -ge 6 ]
+  # What the README has that the demo does not print.
+  grep -vxF -f <(paragraphs out) <(paragraphs readme) >differs || true
+  cat differs
+  [ ! -s differs ]
   nothing_is_left
 }
 

@@ -83,10 +83,22 @@ foreign_headers() {
   [ ! -e "$documents/contributing.md" ]
 }
 
-@test "the manual page is well formed" {
-  page=$TSL_SOURCE/docs/man/tsl_address_map.3
-  [ -z "$(man -l --warnings -Tutf8 -Z "$page" 2>&1 >/dev/null)" ]
-  lexgrog "$page" | grep -q '"tsl_address_map - '
+@test "the completion of words is installed under the name of the program" {
+  cmp "$TSL_SOURCE/packaging/tsl-address-map.bash" \
+    "$prefix/share/bash-completion/completions/tsl-address-map"
+}
+
+@test "the manual pages are well formed" {
+  pages=0
+  for page in "$TSL_SOURCE"/docs/man/*.[1-8]; do
+    pages=$((pages + 1))
+    [ -z "$(man -l --warnings -Tutf8 -Z "$page" 2>&1 >/dev/null)" ]
+    name=$(basename "${page%.*}")
+    lexgrog "$page" | grep -q "\"$name - "
+    [ "$(man -w -M "$prefix/share/man" "${page##*.}" "$name")" = \
+      "$prefix/share/man/man${page##*.}/$(basename "$page")" ]
+  done
+  [ "$pages" -eq 3 ]
   # It would not pass one with a mistake.
   printf '.TH T 3\n.SH NAME\nt \\- thing\n.nosuch\n' >"$BATS_TEST_TMPDIR/t.3"
   [ -n "$(man -l --warnings -Tutf8 -Z "$BATS_TEST_TMPDIR/t.3" 2>&1 >/dev/null)" ]

@@ -67,11 +67,13 @@ tsl-address-map_${version}_$architecture.deb" ]
     /usr/share/man/man3/tsl_address_map.3.gz
 }
 
-@test "the tool's package has the program, its documents and its manual" {
+@test "the tool's package has the program, its documents, its manual and its completion" {
   mapfile -t pages < <(cd "$TSL_SOURCE/docs/man" && find . -name '*.[158]' |
     sed -E 's|^\./(.*)\.([158])$|/usr/share/man/man\2/\1.\2.gz|')
   contains tsl-address-map /usr/bin/tsl-address-map "${pages[@]}" \
+    /usr/share/bash-completion/completions/tsl-address-map \
     /usr/share/doc/tsl-address-map/{tool,configuration,failures}.md
+  [ "${#pages[@]}" -eq 2 ]
 }
 
 @test "the packages need each other in this version, and the libraries that they are linked with" {

@@ -1,0 +1,110 @@
+# Bash completion for tsl-address-map: commands, their options, values that are known, and files where
+# a file is meant. Nothing is run for it, so a word is completed at once. Sourced, not run.
+# shellcheck shell=bash
+
+# _tsl_address_map_commands GROUP: the words that may follow; none behind a whole command.
+_tsl_address_map_commands() {
+  case $1 in
+    "") echo alias check domain init local mask status table user ;;
+    alias) echo add drop expand export import list remove set show tree who ;;
+    mask) echo explain export import list private public remove set ;;
+    table) echo create drop list ;;
+    domain) echo add list remove ;;
+    user) echo add import list remove ;;
+    local) echo shell start status stop ;;
+  esac
+}
+
+# _tsl_address_map_options COMMAND: its own options.
+_tsl_address_map_options() {
+  case $1 in
+    init) echo --dry-run --force ;;
+    "alias set" | "alias add") echo --allow-cycle --dry-run ;;
+    "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
+    "alias remove" | "domain add" | "domain remove" | "user remove") echo --dry-run ;;
+    "alias list" | "mask list") echo --domain ;;
+    "alias tree") echo --dot ;;
+    "alias who") echo --all-paths ;;
+    "alias export") echo --domain --format ;;
+    "alias import") echo --allow-cycle --domain --dry-run --force --format --replace ;;
+    "mask set") echo --dry-run --force ;;
+    "mask remove") echo --domain --dry-run ;;
+    "mask export") echo --format ;;
+    "mask import") echo --dry-run --force --format --replace ;;
+    "table create") echo --dry-run --kind ;;
+    "table drop") echo --dry-run --kind --yes ;;
+    "user add") echo --dry-run --kind ;;
+    "user import") echo --all --domain --dry-run --kind ;;
+  esac
+}
+
+# _tsl_address_map_values COMMAND OPTION: the values that the option takes, when they are known.
+_tsl_address_map_values() {
+  case "$2 $1" in
+    "--format alias "*) echo native jsonl csv virtual aliases ;;
+    "--format mask "*) echo native jsonl csv virtual ;;
+    "--kind table "*) echo alias mask ;;
+    "--kind user "*) echo user disabled shared ;;
+  esac
+}
+
+# _tsl_address_map_offer WORDS: those that begin with what is typed.
+_tsl_address_map_offer() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$current"); }
+
+# _tsl_address_map_files ACTION: files (-f) or folders (-d) that begin with what is typed.
+_tsl_address_map_files() {
+  # So that Bash quotes them. It fails when the function is called by something else than a completion.
+  compopt -o filenames 2>/dev/null || true
+  mapfile -t COMPREPLY < <(compgen "$1" -- "$current")
+}
+
+# Reads the words before the one at the cursor: the command, how many arguments it has, and the option
+# whose value the cursor is at. Bash makes a word of the "=" between an option and its value.
+_tsl_address_map_read() {
+  local i word
+  command="" arguments=0 option=""
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    if [[ $word == "=" ]]; then
+      option=${COMP_WORDS[i - 1]}
+    elif [[ -n $option ]]; then
+      option=""
+    elif [[ $word == --@(option-file|cmf|table|domain|kind|format) ]]; then
+      option=$word
+    elif [[ $word == -?* ]]; then
+      continue
+    elif [[ " $(_tsl_address_map_commands "$command") " == *" $word "* ]]; then
+      command+=${command:+ }$word
+    else
+      arguments=$((arguments + 1))
+    fi
+  done
+  if [[ $current == "=" ]]; then
+    option=${COMP_WORDS[COMP_CWORD - 1]}
+    current=""
+  fi
+}
+
+_tsl_address_map() {
+  local current=${COMP_WORDS[COMP_CWORD]} command arguments option
+  local global="--cmf --help --json --local --option-file --table --verbose --version"
+  COMPREPLY=()
+  _tsl_address_map_read
+  case $option in
+    "") ;;
+    --option-file) _tsl_address_map_files -f ;;
+    --cmf | --local) _tsl_address_map_files -d ;;
+    *) _tsl_address_map_offer "$(_tsl_address_map_values "$command" "$option")" ;;
+  esac
+  [[ -z $option ]] || return 0
+
+  if [[ $current == -* ]]; then
+    _tsl_address_map_offer "$global $(_tsl_address_map_options "$command")"
+  elif [[ $command == *\ @(export|import) ]]; then
+    ((arguments)) || _tsl_address_map_files -f
+  elif ((!arguments)); then
+    _tsl_address_map_offer "$(_tsl_address_map_commands "$command")"
+  fi
+}
+
+complete -F _tsl_address_map tsl-address-map
