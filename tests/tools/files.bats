@@ -11,9 +11,10 @@ ODD_DOMAINS=('example.com' '[192.0.2.1]' '[IPv6:2001:db8::1]' 'a_b.example' $'b\
 
 setup_file() {
   start_server
-  export KILLS=20 ROWS=20000
+  # No more rows: on a busy machine a server rolls back only some hundred a second.
+  export KILLS=20 ROWS=1500
   # A sanitizer makes everything slower; what is killed at random then is less.
-  if grep -q __asan_init "$TSL_TOOL"; then KILLS=4 ROWS=4000; fi
+  if grep -q __asan_init "$TSL_TOOL"; then KILLS=4; fi
 }
 teardown_file() {
   DATABASE= sql 'drop user if exists mail@localhost;' || true
@@ -451,10 +452,11 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   contains "$output" "1200 added, 0 changed, 0 left, 0 removed"
 }
 
-# Waits until the server has nothing left of clients that went.
+# Waits until the server has nothing left of clients that went. Its patience is for a rollback on a
+# busy machine.
 wait_until_idle() {
-  local tries
-  for ((tries = 0; tries < 1200; tries++)); do
+  local end=$((SECONDS + 240))
+  while ((SECONDS < end)); do
     [ "$(sql "select ( select count(*) from information_schema.innodb_trx )
              + ( select count(*) from information_schema.processlist where id != connection_id() and db = 'ts_address_map' )")" = 0 ] &&
       return
