@@ -12,6 +12,7 @@
 #include "database/IdleSet.h"
 #include "database/RowParser.h"
 #include "database/Statement.h"
+#include "database/StatementObserver.h"
 
 namespace Tessel::Database {
 
@@ -202,6 +203,7 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
   MYSQL* const mysql = m_handle->mysql();
   const Clock::time_point start = Clock::now();
   Answer answer;
+  tellStatement(text);
   {
     const PipeGuard guard(m_handle->usesTls());
     // A server that did not get the whole statement cannot carry it out.
@@ -233,6 +235,7 @@ void Connection::Impl::refuse(const Place& place, std::string_view statement) {
   if (m_guarded) {
     const PipeGuard guard(m_handle->usesTls());
     static constexpr std::string_view s_nothing = "do 0";
+    tellStatement(s_nothing);
     mysql_real_query(m_handle->mysql(), s_nothing.data(), s_nothing.size());
   }
   throw Error(place.context, place.file, place.line, facts);

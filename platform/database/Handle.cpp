@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "database/IdleSet.h"
+#include "database/StatementObserver.h"
 
 namespace Tessel::Database {
 
@@ -209,6 +210,7 @@ void Handle::enforceLimits(const Target& target) {
 }
 
 void Handle::setUpSession() {
+  tellStatement(s_sessionSetUp);
   if (mysql_real_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) != 0) {
     throw Error("Database::Connection", "Handle", 186, lastError(s_sessionSetUp));
   }
@@ -238,6 +240,7 @@ bool Handle::startReuse() noexcept {
     return false;
   if (m_mysql->status != MYSQL_STATUS_READY || mysql_more_results(m_mysql) != 0) return false;
   const PipeGuard guard(m_tls);
+  tellStatement(s_sessionSetUp);
   m_answerPending = mysql_reset_connection(m_mysql) == 0 &&
                     mysql_send_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) == 0;
   return m_answerPending;
