@@ -21,11 +21,9 @@ namespace {
 constexpr int s_rowsPerStatement = 1000;
 
 std::string s_members(int i) {
-  const std::string number = std::to_string(i);
   std::string members;
-  for (const char* name : {"anna", "berta", "carl", "dora", "emil"}) {
-    members += (members.empty() ? "" : ",") + std::string(name) + number + "@bench.example";
-  }
+  for (const std::string& member : aliasMembers(i))
+    members += (members.empty() ? "" : ",") + member;
   return members;
 }
 
@@ -108,6 +106,14 @@ void fillWildcardTable(const std::string& table, int rows) {
 
 std::string aliasName(int i) {
   return "alias" + std::to_string(i) + "@bench.example";
+}
+
+std::vector<std::string> aliasMembers(int i) {
+  std::vector<std::string> members;
+  for (const char* name : {"anna", "berta", "carl", "dora", "emil"}) {
+    members.push_back(name + std::to_string(i) + "@bench.example");
+  }
+  return members;
 }
 
 std::string maskPrivate(int i) {

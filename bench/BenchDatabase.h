@@ -3,6 +3,7 @@
 #define TSL_BENCH_BENCHDATABASE_H
 
 #include <string>
+#include <vector>
 
 namespace Tessel::Bench {
 
@@ -22,6 +23,8 @@ void fillAliasTable(const std::string& table, int rows);
 
 // The i-th alias of a filled table.
 std::string aliasName(int i);
+// Its members.
+std::vector<std::string> aliasMembers(int i);
 
 // Fills the mask table `table` with `rows` pairs of `maskPrivate` and `maskPublic`, once for each
 // table.

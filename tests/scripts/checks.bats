@@ -102,6 +102,13 @@ fails() {
   [[ $output == *"platform/database/Direct.cpp: <lmdb.h> belongs to platform/cmf"* ]]
 }
 
+@test "check-layers finds a header that only one file may include in another" {
+  mkdir -p tools/cli
+  printf '#include <CLI/CLI.hpp>\n' | tee tools/cli/Command.cpp >tools/cli/OtherCommand.cpp
+  fails check-layers "tools/cli/OtherCommand.cpp: <CLI/CLI.hpp> belongs to tools/cli/Command.cpp"
+  [[ $output != *"tools/cli/Command.cpp: <"* ]]
+}
+
 @test "check-layers finds a public header that includes a private one" {
   printf '// Private.\n' >src/map/Private.h
   printf '#include "../src/map/Private.h"\n' >include2/Face.h

@@ -204,9 +204,10 @@ class GraphCheck {
 }  // namespace
 
 std::uint64_t checkAliasTable(Database::Connection& connection, const std::string& table,
-                              std::size_t widest, MailUsers& users, Findings& findings) {
+                              std::size_t widest, MailUsers& users, Findings& findings,
+                              Progress& progress) {
   RowCheck rows(table, widest, users, findings);
-  const AliasGraph graph(connection, table, rows);
+  const AliasGraph graph(connection, table, rows, progress);
   GraphCheck(table, graph, users, findings).run();
   return graph.rows();
 }

@@ -7,16 +7,18 @@
 
 #include "cli/Findings.h"
 #include "cli/MailUsers.h"
+#include "cli/Progress.h"
 #include "database/Connection.h"
 
 namespace Tessel::Tool {
 
 // Adds to `findings` what is wrong with the rows of the SQL table `table`: rows that the library
 // cannot use, members that nobody has, aliases that lead nowhere, and all-users markers without
-// effect. `widest` is the size of the column of the members in bytes. The number of rows. Throws
-// Exception when the database cannot answer.
+// effect. `widest` is the size of the column of the members in bytes. The number of rows,
+// which `progress` counts. Throws Exception when the database cannot answer.
 std::uint64_t checkAliasTable(Database::Connection& connection, const std::string& table,
-                              std::size_t widest, MailUsers& users, Findings& findings);
+                              std::size_t widest, MailUsers& users, Findings& findings,
+                              Progress& progress);
 
 }  // namespace Tessel::Tool
 

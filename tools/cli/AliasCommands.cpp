@@ -135,64 +135,56 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
   return code;
 }
 
-template <class Run>
-Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
-  return {words, Preparation::Database,
-          [arguments, run](Session& session) { return run(session, *arguments); }};
-}
-
 }  // namespace
 
-void addAliasCommands(CLI::App& app, Choice& chosen) {
+void addAliasCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& group = addGroup(app, "alias", "Show and change alias tables");
+  Command group = top.group("alias", "Show and change alias tables");
 
-  CLI::App& set = addCommand(
-      group, "set", "Add an alias, or replace the members of an existing one",
+  Command set = group.command(
+      "set", "Add an alias, or replace the members of an existing one",
       "  tsl-address-map alias set team@example.com ann@example.com bob@example.net\n"
       "  tsl-address-map alias set all@example.com allusers_example.com\n"
       "Prints nothing; with --json the row: {\"address\", \"members\"}.\n"
       "The member allusers_DOMAIN, alone, stands for all user mailboxes of the alias's own"
       " domain.\n"
       "Programs that have the alias in memory keep its old members until they reopen the table.\n",
-      chosen, s_choice("alias set", arguments, s_set));
-  set.add_option("ADDRESS", arguments->address, "The alias")->required();
-  set.add_option("MEMBER", arguments->members, "An address it stands for")->required();
-  set.add_flag("--allow-cycle", arguments->allowCycle,
-               "Write it even if its members lead back to it");
+      Preparation::Database, withArguments(s_set, arguments));
+  set.argument("ADDRESS", arguments->address, "The alias");
+  set.arguments("MEMBER", arguments->members, "An address it stands for");
+  set.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(set, arguments->dryRun);
 
-  CLI::App& remove = addCommand(group, "remove", "Remove an alias; exit 1 when there is none",
-                                "  tsl-address-map alias remove team@example.com\n"
-                                "Prints nothing; with --json {\"address\", \"removed\"}.\n",
-                                chosen, s_choice("alias remove", arguments, s_remove));
-  remove.add_option("ADDRESS", arguments->address, "The alias")->required();
+  Command remove = group.command("remove", "Remove an alias; exit 1 when there is none",
+                                 "  tsl-address-map alias remove team@example.com\n"
+                                 "Prints nothing; with --json {\"address\", \"removed\"}.\n",
+                                 Preparation::Database, withArguments(s_remove, arguments));
+  remove.argument("ADDRESS", arguments->address, "The alias");
   addDryRun(remove, arguments->dryRun);
 
-  CLI::App& show = addCommand(
-      group, "show", "Show the members of an alias as they are stored; exit 1 when there is none",
+  Command show = group.command(
+      "show", "Show the members of an alias as they are stored; exit 1 when there is none",
       "  tsl-address-map alias show team@example.com\n"
       "One member per line; with --json {\"address\", \"found\", \"members\"}.\n",
-      chosen, s_choice("alias show", arguments, s_show));
-  show.add_option("ADDRESS", arguments->address, "The alias")->required();
+      Preparation::Database, withArguments(s_show, arguments));
+  show.argument("ADDRESS", arguments->address, "The alias");
 
-  CLI::App& list = addCommand(
-      group, "list", "List the aliases with their members",
+  Command list = group.command(
+      "list", "List the aliases with their members",
       "  tsl-address-map alias list --domain example.com\n"
       "  tsl-address-map alias list | cut -f1\n"
       "One alias per line: ADDRESS<TAB>MEMBER,MEMBER...; with --json a list of {\"address\","
       " \"members\"}.\nBroken rows are reported on standard error, and the exit code is 65"
       " then.\n",
-      chosen, s_choice("alias list", arguments, s_list));
-  list.add_option("--domain", arguments->domain, "Only the aliases of this domain")
-      ->option_text("DOMAIN");
+      Preparation::Database, withArguments(s_list, arguments));
+  list.option("--domain", arguments->domain, "DOMAIN", "Only the aliases of this domain");
 
-  addAliasEditCommands(group, chosen);
-  addAliasExpandCommand(group, chosen);
-  addAliasTreeCommand(group, chosen);
-  addAliasWhoCommand(group, chosen);
-  addExportCommand(group, TableFormat::alias(), chosen);
-  addImportCommand(group, TableFormat::alias(), chosen);
+  addAliasEditCommands(group);
+  addAliasExpandCommand(group);
+  addAliasTreeCommand(group);
+  addAliasWhoCommand(group);
+  addExportCommand(group, TableFormat::alias());
+  addImportCommand(group, TableFormat::alias());
 }
 
 }  // namespace Tessel::Tool

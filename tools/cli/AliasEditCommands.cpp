@@ -11,6 +11,7 @@
 #include "cli/Command.h"
 #include "cli/Confirm.h"
 #include "cli/DryRun.h"
+#include "cli/Progress.h"
 
 namespace Tessel::Tool {
 
@@ -208,16 +209,22 @@ void s_answerEverywhere(Session& session, const EmailAddress& member, const Ever
 }
 
 // Carries out what is agreed upon: `agreed` are the aliases that may vanish, all where it is null.
-Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, const Members* agreed) {
+Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, const Members* agreed,
+                             Progress& progress) {
   Everywhere all;
   table.transact([&] {
+    progress.begin("reading", "rows");
     all = s_everywhere(table.rowsLocked(), member);
     if (agreed != nullptr && !s_pick(all.vanishing(), *agreed, false).empty()) {
       throw Failure(ExitCode::Unavailable, "alias drop --everywhere",
                     "the table has changed meanwhile, and other aliases would be left empty",
                     "nothing was changed; try again");
     }
-    for (const Change& change : all.changes) change.write(table);
+    progress.begin("writing", "aliases", all.changes.size());
+    for (const Change& change : all.changes) {
+      change.write(table);
+      progress.add(1);
+    }
     return true;
   });
   return all;
@@ -229,9 +236,11 @@ ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
   const std::string name = aliasTableName(session.tableName());
   AliasTable table(name);
   Everywhere all;
+  Progress progress;
   if (arguments.yes && !arguments.dryRun) {
-    all = s_writeEverywhere(table, member, nullptr);
+    all = s_writeEverywhere(table, member, nullptr, progress);
   } else {
+    progress.begin("reading", "rows");
     // Nobody waits for the rows while a person thinks.
     all = s_everywhere(table.rows(""), member);
     const Members vanishing = all.vanishing();
@@ -239,8 +248,9 @@ ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
       say("nothing was changed");
       return ExitCode::Done;
     }
-    if (!arguments.dryRun) all = s_writeEverywhere(table, member, &vanishing);
+    if (!arguments.dryRun) all = s_writeEverywhere(table, member, &vanishing, progress);
   }
+  progress.end();
   for (const AliasRow& row : all.broken) report(brokenRow(row, name));
   if (all.changes.empty()) say("no alias of table " + name + " has the member " + member.address());
   s_answerEverywhere(session, member, all, arguments.dryRun);
@@ -258,52 +268,44 @@ ExitCode s_drop(Session& session, const Arguments& arguments) {
                               : s_dropFrom(session, arguments);
 }
 
-template <class Run>
-Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
-  return {words, Preparation::Database,
-          [arguments, run](Session& session) { return run(session, *arguments); }};
-}
-
-void s_addDrop(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
-  CLI::App& drop = addCommand(
-      group, "drop", "Take members out of an alias, or one out of all aliases",
+void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
+  Command drop = group.command(
+      "drop", "Take members out of an alias, or one out of all aliases",
       "  tsl-address-map alias drop team@example.com bob@example.net\n"
       "  tsl-address-map alias drop --everywhere bob@example.net --dry-run\n"
       "Of one alias: prints nothing; with --json {\"address\", \"members\", \"dropped\","
       " \"removed\"}; exit 1 when it has none of\nthe members. Everywhere, in one transaction:"
       " prints the aliases that change (~) or vanish (-); with --json\n{\"member\", \"changed\","
       " \"removed\"}; exit 1 when there is none.\n",
-      chosen, s_choice("alias drop", arguments, s_drop));
-  drop.add_option("ADDRESS", arguments->address, "The alias; with --everywhere the member")
-      ->required();
-  drop.add_option("MEMBER", arguments->members, "A member to take out");
-  CLI::Option* const everywhere =
-      drop.add_flag("--everywhere", arguments->everywhere, "Take the member out of all aliases");
-  drop.add_flag("--remove-empty", arguments->removeEmpty,
-                "Remove the alias when no member is left, which is refused otherwise")
-      ->excludes(everywhere);
-  drop.add_flag("--yes", arguments->yes,
-                "With --everywhere: remove aliases that are left empty without asking")
-      ->needs(everywhere);
+      Preparation::Database, withArguments(s_drop, arguments));
+  drop.argument("ADDRESS", arguments->address, "The alias; with --everywhere the member");
+  drop.optionalArguments("MEMBER", arguments->members, "A member to take out");
+  Option everywhere =
+      drop.flag("--everywhere", arguments->everywhere, "Take the member out of all aliases");
+  drop.flag("--remove-empty", arguments->removeEmpty,
+            "Remove the alias when no member is left, which is refused otherwise")
+      .excludes(everywhere);
+  drop.flag("--yes", arguments->yes,
+            "With --everywhere: remove aliases that are left empty without asking")
+      .needs(everywhere);
   addDryRun(drop, arguments->dryRun);
 }
 
 }  // namespace
 
-void addAliasEditCommands(CLI::App& group, Choice& chosen) {
+void addAliasEditCommands(Command& group) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& add = addCommand(
-      group, "add", "Add members to an alias, which is made when it is missing",
+  Command add = group.command(
+      "add", "Add members to an alias, which is made when it is missing",
       "  tsl-address-map alias add team@example.com carl@example.com\n"
       "Prints nothing; with --json {\"address\", \"members\", \"added\"}, the members being those"
       " that it has then.\n",
-      chosen, s_choice("alias add", arguments, s_add));
-  add.add_option("ADDRESS", arguments->address, "The alias")->required();
-  add.add_option("MEMBER", arguments->members, "An address to add")->required();
-  add.add_flag("--allow-cycle", arguments->allowCycle,
-               "Write it even if its members lead back to it");
+      Preparation::Database, withArguments(s_add, arguments));
+  add.argument("ADDRESS", arguments->address, "The alias");
+  add.arguments("MEMBER", arguments->members, "An address to add");
+  add.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(add, arguments->dryRun);
-  s_addDrop(group, arguments, chosen);
+  s_addDrop(group, arguments);
 }
 
 }  // namespace Tessel::Tool

@@ -160,10 +160,10 @@ ExitCode s_expand(Session& session, const std::vector<std::string>& addresses) {
 
 }  // namespace
 
-void addAliasExpandCommand(CLI::App& alias, Choice& chosen) {
+void addAliasExpandCommand(Command& alias) {
   const auto addresses = std::make_shared<std::vector<std::string>>();
-  CLI::App& expand = addCommand(
-      alias, "expand",
+  Command expand = alias.command(
+      "expand",
       "Show the final addresses that mail for an address reaches; exit 1 when it is no alias",
       "  tsl-address-map alias expand team@example.com\n"
       "  tsl-address-map alias expand team@example.com all@example.com\n"
@@ -174,10 +174,9 @@ void addAliasExpandCommand(CLI::App& alias, Choice& chosen) {
       "With --json always a list of {\"address\", \"outcome\", \"expansion\"}; the outcome is "
       "found,"
       " no-alias,\nexpands-to-nothing or broken-row.\n",
-      chosen, {"alias expand", Preparation::Database, [addresses](Session& session) {
-                 return s_expand(session, *addresses);
-               }});
-  expand.add_option("ADDRESS", *addresses, "An address, or - for standard input")->required();
+      Preparation::Database,
+      [addresses](Session& session) { return s_expand(session, *addresses); });
+  expand.arguments("ADDRESS", *addresses, "An address, or - for standard input");
 }
 
 }  // namespace Tessel::Tool

@@ -10,6 +10,7 @@
 
 #include "cli/AddressIndex.h"
 #include "cli/Links.h"
+#include "cli/Progress.h"
 #include "database/Connection.h"
 
 namespace Tessel::Tool {
@@ -73,9 +74,11 @@ class AliasGraph {
  public:
   using Id = AddressIndex::Id;
 
-  // Reads the SQL table `table`, which may be any text, with one statement. Throws Exception when
-  // the database cannot answer; what `visitor` throws passes.
-  AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor);
+  // Reads the SQL table `table`, which may be any text, with one statement. `progress` counts the
+  // rows in the piece of work that was begun. Throws Exception when the database cannot answer;
+  // what `visitor` throws passes.
+  AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor,
+             Progress& progress);
 
   [[nodiscard]] const AddressIndex& names() const { return m_names; }
   // Members that are aliases, without those that an alias is itself.

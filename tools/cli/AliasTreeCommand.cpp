@@ -11,6 +11,7 @@
 #include "cli/AliasTree.h"
 #include "cli/Command.h"
 #include "cli/MailUsers.h"
+#include "cli/Terminal.h"
 
 namespace Tessel::Tool {
 
@@ -57,13 +58,18 @@ class Explanation {
     if (m_tree.isAllUsers()) replaceMarker();
     for (const AliasTree::Node& node : tree.nodes()) {
       ++m_counts.at(static_cast<std::size_t>(node.kind));
-      if (node.kind == NodeKind::Final && isDangling(node)) m_dangling.insert(*node.address);
+      if (node.kind == NodeKind::Final && isNobody(node)) m_dangling.insert(*node.address);
     }
   }
 
   [[nodiscard]] const std::set<EmailAddress>& finals() const { return m_finals; }
   [[nodiscard]] std::size_t count(NodeKind kind) const {
     return m_counts.at(static_cast<std::size_t>(kind));
+  }
+
+  // True for an address that mail is delivered to, and that nobody has.
+  [[nodiscard]] bool isDangling(const AliasTree::Node& node) const {
+    return node.kind == NodeKind::Final && m_dangling.count(*node.address) != 0;
   }
 
   [[nodiscard]] const char* outcome() const {
@@ -151,7 +157,7 @@ class Explanation {
     }
   }
 
-  bool isDangling(const AliasTree::Node& node) {
+  bool isNobody(const AliasTree::Node& node) {
     return m_users.kindOf(node.address->address()) == MailUsers::Kind::Nobody;
   }
 
@@ -181,14 +187,31 @@ std::string s_shown(const AliasRow& row) {
   return text;
 }
 
+Tone s_tone(NodeKind kind) {
+  switch (kind) {
+    case NodeKind::Broken:
+      return Tone::Bad;
+    case NodeKind::Cycle:
+    case NodeKind::MissingDomain:
+    case NodeKind::Marker:
+      return Tone::Doubtful;
+    default:
+      return Tone::Plain;
+  }
+}
+
 void s_writeLines(Output& output, const AliasTree& tree, const Explanation& explanation) {
   for (const AliasTree::Node& node : tree.nodes()) {
     std::string line(2UL * std::min(node.depth, s_deepestIndent), ' ');
     if (node.depth > s_deepestIndent) line += "(" + std::to_string(node.depth) + ") ";
-    line += node.address->address() + ": " + textOf(node.kind);
+    line += node.address->address() + ": " +
+            coloured(Stream::Output, s_tone(node.kind), textOf(node.kind));
     if (node.kind == NodeKind::Alias) line += " [" + s_shown(*node.row) + "]";
     const std::string note = explanation.note(node);
-    if (!note.empty()) line += " (" + note + ")";
+    if (!note.empty()) {
+      const Tone tone = explanation.isDangling(node) ? Tone::Doubtful : Tone::Plain;
+      line += " (" + coloured(Stream::Output, tone, note) + ")";
+    }
     output.line(line);
   }
   output.line(explanation.summary());
@@ -248,8 +271,10 @@ void s_writeDot(Output& output, const AliasTree& tree, const Explanation& explan
     if (&node == &tree.nodes().front()) continue;
     const std::string from = s_quoted(tree.nodes()[node.parent].address->address());
     const bool isBack = node.kind == NodeKind::Cycle;
-    output.line("  " + from + " -> " + name + (isBack ? " [label=\"cycle\", color=red]" : "") +
-                ";");
+    std::string edge = "  " + from;
+    edge.append(" -> ").append(name);
+    if (isBack) edge += " [label=\"cycle\", color=red]";
+    output.line(edge + ";");
   }
   output.line("}");
 }
@@ -291,10 +316,10 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
 
 }  // namespace
 
-void addAliasTreeCommand(CLI::App& alias, Choice& chosen) {
+void addAliasTreeCommand(Command& alias) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& tree = addCommand(
-      alias, "tree", "Show how an alias expands, step by step; exit 1 when it is no alias",
+  Command tree = alias.command(
+      "tree", "Show how an alias expands, step by step; exit 1 when it is no alias",
       "  tsl-address-map alias tree team@example.com\n"
       "  tsl-address-map alias tree team@example.com --dot | dot -Tsvg >team.svg\n"
       "One address per line, the members of an alias indented below it: ADDRESS: KIND [MEMBERS]"
@@ -302,11 +327,9 @@ void addAliasTreeCommand(CLI::App& alias, Choice& chosen) {
       " missing-domain, marker, broken. The last line counts\nthem.\n"
       "With --json {\"address\", \"outcome\", \"totals\", \"finals\", \"tree\"}, a tree being"
       " {\"address\", \"kind\", \"row\", \"note\",\n\"dangling\", \"users\", \"members\"}.\n",
-      chosen, {"alias tree", Preparation::Database, [arguments](Session& session) {
-                 return s_tree(session, *arguments);
-               }});
-  tree.add_option("ADDRESS", arguments->address, "The alias")->required();
-  tree.add_flag("--dot", arguments->dot, "Write a graph in the language of Graphviz");
+      Preparation::Database, withArguments(s_tree, arguments));
+  tree.argument("ADDRESS", arguments->address, "The alias");
+  tree.flag("--dot", arguments->dot, "Write a graph in the language of Graphviz");
 }
 
 }  // namespace Tessel::Tool

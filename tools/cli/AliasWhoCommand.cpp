@@ -13,6 +13,7 @@
 #include "cli/AliasReport.h"
 #include "cli/Command.h"
 #include "cli/MailUsers.h"
+#include "cli/Progress.h"
 
 namespace Tessel::Tool {
 
@@ -280,9 +281,14 @@ ExitCode s_who(Session& session, const Arguments& arguments) {
   const std::string table = aliasTableName(session.tableName());
   Database::Connection connection{std::string(s_database)};
   Holders holders(address.address(), table);
-  const AliasGraph graph(connection, table, holders);
+  Progress progress;
+  progress.endBesidePager();
+  progress.begin("reading", "rows");
+  const AliasGraph graph(connection, table, holders, progress);
+  progress.begin("looking for ways", "aliases");
   const AliasGraph::Id self = graph.names().find(address.address());
   const Ways ways(graph, holders.holders(), self);
+  progress.end();
   Report report(session, graph, arguments.allPaths);
   for (const AliasGraph::Id alias : ways.aliases()) report.add(ways, alias, {address.address()});
   if (graph.markers().size() != 0) {
@@ -305,21 +311,18 @@ ExitCode s_who(Session& session, const Arguments& arguments) {
 
 }  // namespace
 
-void addAliasWhoCommand(CLI::App& alias, Choice& chosen) {
+void addAliasWhoCommand(Command& alias) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& who = addCommand(
-      alias, "who", "Show the aliases through which mail reaches an address; exit 1 when none does",
+  Command who = alias.command(
+      "who", "Show the aliases through which mail reaches an address; exit 1 when none does",
       "  tsl-address-map alias who ann@example.com\n"
       "One way per line: ALIAS -> ... -> ADDRESS, the shortest ones first. The whole table is"
       " read.\n"
       "With --json a list of {\"alias\", \"path\"}, the path being the shortest one; with"
       " --all-paths also \"paths\".\n",
-      chosen, {"alias who", Preparation::Database, [arguments](Session& session) {
-                 return s_who(session, *arguments);
-               }});
-  who.add_option("ADDRESS", arguments->address, "An address")->required();
-  who.add_flag("--all-paths", arguments->allPaths,
-               "Show up to 1000 ways of each alias instead of 3");
+      Preparation::Database, withArguments(s_who, arguments));
+  who.argument("ADDRESS", arguments->address, "An address");
+  who.flag("--all-paths", arguments->allPaths, "Show up to 1000 ways of each alias instead of 3");
 }
 
 }  // namespace Tessel::Tool

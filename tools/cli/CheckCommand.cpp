@@ -1,8 +1,5 @@
 // The command `check`: what is wrong with the tables.
-#include <unistd.h>
-
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <string>
@@ -15,6 +12,7 @@
 #include "cli/MailUsers.h"
 #include "cli/MaskCheck.h"
 #include "cli/MaskTable.h"
+#include "cli/Progress.h"
 #include "cli/Schema.h"
 #include "database/QueryDescribeTable.h"
 
@@ -35,24 +33,6 @@ Kind s_kindOf(std::string_view table) {
   }
   return Kind::Foreign;
 }
-
-// A line that says what is being done, on a terminal only.
-class Progress {
- public:
-  Progress() : m_isShown(isatty(STDERR_FILENO) == 1) {}
-  ~Progress() { show(""); }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
-  void show(const std::string& text) const {
-    if (!m_isShown) return;
-    const std::string line = "\r\033[K" + printable(text);
-    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
-  }
-
- private:
-  bool m_isShown;
-};
 
 // Size in bytes of a column of type `type`, as the server writes it.
 std::size_t s_sizeOf(std::string_view type) {
@@ -90,6 +70,7 @@ class Check {
     const std::string name = m_session.tableName();
     const std::set<std::string> wanted{aliasTableName(name), maskTableName(name)};
     if (name.empty()) checkBases(schema);
+    m_progress.endBesidePager();
     bool any = false;
     for (const std::string& table : schema.tables) {
       if (!name.empty() && wanted.count(table) == 0) continue;
@@ -102,7 +83,7 @@ class Check {
                     "see 'tsl-address-map status' for the tables there are");
     }
     if (m_users.failure()) addConfiguration();
-    m_progress.show("");
+    m_progress.end();
     m_findings.end();
     return m_findings.code();
   }
@@ -135,12 +116,12 @@ class Check {
                       {}});
     }
     if (kind != Kind::Alias && kind != Kind::Mask) return;
-    m_progress.show("checking table " + table + " ...");
+    m_progress.begin("checking " + table, "rows");
     if (!checkSchema(table, kind == Kind::Mask)) return;
     const std::uint64_t rows =
-        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings)
+        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings, m_progress)
                            : checkAliasTable(m_connection, table, s_widest(m_connection, table),
-                                             m_users, m_findings);
+                                             m_users, m_findings, m_progress);
     m_session.detail("table " + table + ": " + std::to_string(rows) + " rows");
   }
 
@@ -189,9 +170,9 @@ ExitCode s_check(Session& session) {
 
 }  // namespace
 
-void addCheckCommand(CLI::App& app, Choice& chosen) {
-  addCommand(
-      app, "check", "Find what is wrong with the tables; exit 65 when there is something",
+void addCheckCommand(Command& top) {
+  top.command(
+      "check", "Find what is wrong with the tables; exit 65 when there is something",
       "  tsl-address-map check\n"
       "  tsl-address-map check --json | jq '.[] | select(.severity == \"error\")'\n"
       "All tables are checked, with --table those of that name only. One finding per line:\n"
@@ -199,7 +180,7 @@ void addCheckCommand(CLI::App& app, Choice& chosen) {
       " run next.\nExit 65 when there is an error or a warning; notices alone do not count.\n"
       "With --json a list of {\"severity\", \"finding\", \"table\", \"address\", \"what\","
       " \"command\", \"addresses\"}.\n",
-      chosen, {"check", Preparation::Database, s_check});
+      Preparation::Database, s_check);
 }
 
 }  // namespace Tessel::Tool

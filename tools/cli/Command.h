@@ -1,54 +1,146 @@
-// The command table: how a command with its arguments, help and action is put into the parser of
-// the command line.
+// The command line: how a command with its arguments, its help and its action is added, and which
+// one the given words name. Only Command.cpp knows the library that reads them, which takes long to
+// compile.
 #ifndef TSL_TOOLS_CLI_COMMAND_H
 #define TSL_TOOLS_CLI_COMMAND_H
 
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
-
-#include <CLI/CLI.hpp>
+#include <vector>
 
 #include "cli/Failure.h"
 #include "cli/Session.h"
 #include "cli/TableFormat.h"
 
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
 namespace Tessel::Tool {
+
+// What a command does.
+using Run = std::function<ExitCode(Session&)>;
+
+// `run` with the arguments that the command line fills in, which it keeps alive.
+template <class Arguments>
+Run withArguments(ExitCode (*run)(Session&, const Arguments&),
+                  const std::shared_ptr<Arguments>& arguments) {
+  return [run, arguments](Session& session) { return run(session, *arguments); };
+}
 
 // The command that the command line names.
 struct Choice {
   std::string words;  // For messages: "alias set".
   Preparation preparation = Preparation::Nothing;
-  std::function<ExitCode(Session&)> run;
+  Run run;
 };
 
-// Adds a group of commands, of which one must be given.
-CLI::App& addGroup(CLI::App& app, const std::string& name, const std::string& description);
+// An option or flag of a command. A handle, valid as long as the CommandLine. One thread.
+class Option {
+ public:
+  explicit Option(CLI::Option& option) : m_option(&option) {}
 
-// Adds a command under `parent`; parsing the command line sets `chosen` to `choice`. `examples` are
-// shown by --help. `chosen` must outlive the parser.
-CLI::App& addCommand(CLI::App& parent, const std::string& name, const std::string& description,
-                     const std::string& examples, Choice& chosen, Choice choice);
+  // It is refused without `other`.
+  void needs(const Option& other);
+  // The two are refused together.
+  void excludes(const Option& other);
 
-// The commands, by the file that has them. Each adds its own to `app`, or to the group it takes;
-// `format` must outlive the parser.
-void addAliasCommands(CLI::App& app, Choice& chosen);
-void addAliasEditCommands(CLI::App& alias, Choice& chosen);
-void addAliasExpandCommand(CLI::App& alias, Choice& chosen);
-void addAliasTreeCommand(CLI::App& alias, Choice& chosen);
-void addAliasWhoCommand(CLI::App& alias, Choice& chosen);
-void addMaskCommands(CLI::App& app, Choice& chosen);
-void addMaskExplainCommand(CLI::App& mask, Choice& chosen);
-void addMaskFindCommands(CLI::App& mask, Choice& chosen);
-void addExportCommand(CLI::App& group, const TableFormat& format, Choice& chosen);
-void addImportCommand(CLI::App& group, const TableFormat& format, Choice& chosen);
-void addCheckCommand(CLI::App& app, Choice& chosen);
-void addDomainCommands(CLI::App& app, Choice& chosen);
-void addUserCommands(CLI::App& app, Choice& chosen);
-void addUserImportCommand(CLI::App& user, Choice& chosen);
-void addTableCommands(CLI::App& app, Choice& chosen);
-void addInitCommand(CLI::App& app, Choice& chosen);
-void addStatusCommand(CLI::App& app, Choice& chosen);
-void addLocalCommands(CLI::App& app, Choice& chosen);
+ private:
+  CLI::Option* m_option;
+};
+
+// A command, a group of commands, or the program itself, to which arguments and commands are added.
+// --help shows them in the order in which they were added. A handle, valid as long as the
+// CommandLine; so must be the values that it is given, which keep what they hold when the command
+// line does not name them. One thread.
+class Command {
+ public:
+  // `chosen` takes the command that the command line names.
+  Command(CLI::App& app, std::string words, Choice& chosen);
+
+  // Adds a group of commands, of which one must be given.
+  Command group(const std::string& name, const std::string& description);
+  // Adds a command. `examples` are shown by --help.
+  Command command(const std::string& name, const std::string& description,
+                  const std::string& examples, Preparation preparation, Run run);
+
+  // Adds an argument, which must be given.
+  void argument(const std::string& name, std::string& value, const std::string& help);
+  // Adds an argument that takes one word or more.
+  void arguments(const std::string& name, std::vector<std::string>& values,
+                 const std::string& help);
+  // The same, which need not be given.
+  void optionalArgument(const std::string& name, std::string& value, const std::string& help);
+  void optionalArgument(const std::string& name, std::optional<std::string>& value,
+                        const std::string& help);
+  void optionalArguments(const std::string& name, std::vector<std::string>& values,
+                         const std::string& help);
+
+  // Adds an option with a value, which --help calls `valueName`.
+  Option option(const std::string& name, std::string& value, const std::string& valueName,
+                const std::string& help);
+  Option option(const std::string& name, std::optional<std::string>& value,
+                const std::string& valueName, const std::string& help);
+  // Adds an option with a value that may be repeated; `values` gets all of them.
+  Option optionList(const std::string& name, std::vector<std::string>& values,
+                    const std::string& valueName, const std::string& help);
+  // Adds an option without a value; naming it sets `value`.
+  Option flag(const std::string& name, bool& value, const std::string& help);
+  // Adds an option that may have a value behind "="; without one, `value` is empty text. The last
+  // one counts.
+  Option flagWithValue(const std::string& name, std::optional<std::string>& value,
+                       const std::string& valueName, const std::string& help);
+
+ private:
+  CLI::App* m_app;
+  std::string m_words;  // The command words that lead here.
+  Choice* m_chosen;
+};
+
+// The command line of the program, with --help and --version. One thread.
+class CommandLine {
+ public:
+  // `footer` stands at the end of the program's --help.
+  CommandLine(const std::string& description, const std::string& footer);
+  ~CommandLine();
+  CommandLine(const CommandLine&) = delete;
+  CommandLine& operator=(const CommandLine&) = delete;
+
+  // The program itself, to which the global options, the groups and the commands are added.
+  [[nodiscard]] Command top();
+  // Fills in the values of the arguments and options that were added. The command that was chosen,
+  // which lives as long as this; null when help or the version was asked for, and printed. Throws
+  // Failure, `Usage`.
+  const Choice* parse(int argc, const char* const* argv);
+
+ private:
+  std::unique_ptr<CLI::App> m_app;
+  Choice m_chosen;
+};
+
+// The commands, by the file that has them. Each adds its own to the program, or to the group it
+// takes; `format` must outlive the command line.
+void addAliasCommands(Command& top);
+void addAliasEditCommands(Command& alias);
+void addAliasExpandCommand(Command& alias);
+void addAliasTreeCommand(Command& alias);
+void addAliasWhoCommand(Command& alias);
+void addMaskCommands(Command& top);
+void addMaskExplainCommand(Command& mask);
+void addMaskFindCommands(Command& mask);
+void addExportCommand(Command& group, const TableFormat& format);
+void addImportCommand(Command& group, const TableFormat& format);
+void addCheckCommand(Command& top);
+void addDomainCommands(Command& top);
+void addUserCommands(Command& top);
+void addUserImportCommand(Command& user);
+void addTableCommands(Command& top);
+void addInitCommand(Command& top);
+void addStatusCommand(Command& top);
+void addLocalCommands(Command& top);
 
 }  // namespace Tessel::Tool
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "cli/Failure.h"
+#include "cli/Progress.h"
 
 namespace Tessel::Tool {
 
@@ -14,6 +15,7 @@ bool canAsk() {
 }
 
 bool confirm(const std::string& question) {
+  const Progress::Hidden hidden;
   static_cast<void>(std::fprintf(stderr, "%s [y/N] ", printable(question).c_str()));
   const int answer = std::getc(stdin);
   for (int rest = answer; rest != EOF && rest != '\n';) rest = std::getc(stdin);

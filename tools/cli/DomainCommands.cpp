@@ -90,34 +90,30 @@ ExitCode s_list(Session& session) {
 
 }  // namespace
 
-void addDomainCommands(CLI::App& app, Choice& chosen) {
+void addDomainCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& group = addGroup(app, "domain", "Show and change the domains of the configuration");
+  Command group = top.group("domain", "Show and change the domains of the configuration");
 
-  CLI::App& add = addCommand(
-      group, "add", "Add a domain and print its identifier; one that is there stays as it is",
+  Command add = group.command(
+      "add", "Add a domain and print its identifier; one that is there stays as it is",
       "  tsl-address-map domain add example.com\n"
       "With --json {\"domain\", \"id\", \"added\"}.\n",
-      chosen, {"domain add", Preparation::Database, [arguments](Session& session) {
-                 return s_add(session, *arguments);
-               }});
-  add.add_option("DOMAIN", arguments->domain, "The domain")->required();
+      Preparation::Database, withArguments(s_add, arguments));
+  add.argument("DOMAIN", arguments->domain, "The domain");
   addDryRun(add, arguments->dryRun);
 
-  CLI::App& remove =
-      addCommand(group, "remove", "Remove a domain with its mail users; exit 1 when there is none",
-                 "  tsl-address-map domain remove example.com\n"
-                 "Prints nothing; with --json {\"domain\", \"removed\"}.\n",
-                 chosen, {"domain remove", Preparation::Database, [arguments](Session& session) {
-                            return s_remove(session, *arguments);
-                          }});
-  remove.add_option("DOMAIN", arguments->domain, "The domain")->required();
+  Command remove =
+      group.command("remove", "Remove a domain with its mail users; exit 1 when there is none",
+                    "  tsl-address-map domain remove example.com\n"
+                    "Prints nothing; with --json {\"domain\", \"removed\"}.\n",
+                    Preparation::Database, withArguments(s_remove, arguments));
+  remove.argument("DOMAIN", arguments->domain, "The domain");
   addDryRun(remove, arguments->dryRun);
 
-  addCommand(group, "list", "List the domains with their identifiers",
-             "  tsl-address-map domain list\n"
-             "One per line: DOMAIN<TAB>ID; with --json a list of {\"domain\", \"id\"}.\n",
-             chosen, {"domain list", Preparation::Database, s_list});
+  group.command("list", "List the domains with their identifiers",
+                "  tsl-address-map domain list\n"
+                "One per line: DOMAIN<TAB>ID; with --json a list of {\"domain\", \"id\"}.\n",
+                Preparation::Database, s_list);
 }
 
 }  // namespace Tessel::Tool

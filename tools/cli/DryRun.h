@@ -4,17 +4,16 @@
 
 #include <string>
 
-#include <CLI/CLI.hpp>
-
+#include "cli/Command.h"
 #include "cli/Failure.h"
 #include "cli/Session.h"
 
 namespace Tessel::Tool {
 
 // Adds the option --dry-run, which sets `dryRun`.
-inline void addDryRun(CLI::App& command, bool& dryRun) {
-  command.add_flag("--dry-run", dryRun,
-                   "Write nothing; show what would be added (+), changed (~) or removed (-)");
+inline Option addDryRun(Command& command, bool& dryRun) {
+  return command.flag("--dry-run", dryRun,
+                      "Write nothing; show what would be added (+), changed (~) or removed (-)");
 }
 
 // Answers a change: with --json `document`, to which a dry run is noted; otherwise, in a dry run

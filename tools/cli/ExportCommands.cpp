@@ -1,5 +1,7 @@
 // The commands `alias export` and `mask export`.
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <set>
 #include <string>
@@ -8,6 +10,7 @@
 #include "cli/Command.h"
 #include "cli/ExportFile.h"
 #include "cli/FileSyntax.h"
+#include "cli/Progress.h"
 #include "cli/TextRows.h"
 #include "database/Connection.h"
 #include "database/Transaction.h"
@@ -38,20 +41,24 @@ class TableReader {
         m_snapshot(isolated(m_connection)) {}
 
   // Calls `take` with the line of each good row in the order of the table's key, and reports the
-  // others. The number of good rows.
+  // others. `progress` counts the rows. The number of good rows.
   template <class Take>
-  std::size_t read(Take take) {
+  std::size_t read(Progress& progress, Take take) {
+    progress.begin("exporting", "rows");
+    // Counting costs a walk over the key.
+    if (Progress::isWatched()) progress.setTotal(count());
     m_seen.clear();
     m_public.clear();
     m_good = true;
     std::size_t good = 0;
     std::string last;
-    std::size_t count = s_rowsPerStatement;
-    for (bool first = true; count == s_rowsPerStatement; first = false) {
+    std::size_t met = s_rowsPerStatement;
+    for (bool first = true; met == s_rowsPerStatement; first = false) {
       const std::string statement = page(first, last);
-      count = 0;
+      met = 0;
       selectPairs(m_connection, statement, [&](std::string_view key, std::string_view value) {
-        ++count;
+        ++met;
+        progress.add(1);
         last = key;
         std::string text;
         if (!check(key, value, text)) return;
@@ -70,6 +77,11 @@ class TableReader {
   static Database::Connection& isolated(Database::Connection& connection) {
     runStatement(connection, "set transaction isolation level repeatable read;");
     return connection;
+  }
+
+  std::uint64_t count() {
+    const std::string statement = "select count(*) from " + m_table + ";";
+    return std::strtoull(selectTexts(m_connection, statement, 1).at(0).at(0).c_str(), nullptr, 10);
   }
 
   [[nodiscard]] std::string page(bool first, const std::string& last) const {
@@ -118,10 +130,10 @@ class TableReader {
 // Calls `write` with the lines of the table, of which the header `header` is the first, if there is
 // one. The number of rows.
 template <class Write>
-std::size_t s_write(TableReader& reader, std::string header, Write write) {
+std::size_t s_write(TableReader& reader, std::string header, Progress& progress, Write write) {
   bool first = header.empty();
   if (!first) write(header += '\n');
-  return reader.read([&](std::string& line) {
+  return reader.read(progress, [&](std::string& line) {
     // An import skips one at the start of a file: an address that begins so must not lose its own.
     if (first && line.starts_with(s_byteOrderMark)) line.insert(0, s_byteOrderMark);
     first = false;
@@ -143,9 +155,13 @@ void s_exportToOutput(Session& session, TableReader& reader, const std::string& 
                   "name a FILE to export to");
   }
   // What is written there cannot be taken back: all rows are looked at before.
-  reader.read([](const std::string&) {});
+  Progress progress;
+  progress.endBesidePager();
+  reader.read(progress, [](const std::string&) {});
   s_refuseBroken(reader, table);
-  s_write(reader, header, [&session](std::string& line) {
+  // The lines show how far it is.
+  if (isTerminal(Stream::Output)) progress.end();
+  s_write(reader, header, progress, [&session](std::string& line) {
     line.pop_back();
     session.output().line(line);
   });
@@ -154,12 +170,14 @@ void s_exportToOutput(Session& session, TableReader& reader, const std::string& 
 void s_exportToFile(Session& session, TableReader& reader, const std::string& header,
                     const std::string& path, const std::string& table) {
   ExportFile file(path);
+  Progress progress;
   if (file.isDirect()) {
-    reader.read([](const std::string&) {});
+    reader.read(progress, [](const std::string&) {});
     s_refuseBroken(reader, table);
   }
   const std::size_t rows =
-      s_write(reader, header, [&file](const std::string& line) { file.write(line); });
+      s_write(reader, header, progress, [&file](const std::string& line) { file.write(line); });
+  progress.end();
   s_refuseBroken(reader, table);
   file.finish();
   session.detail("exported " + std::to_string(rows) + " rows of table " + table + " to " + path);
@@ -188,30 +206,27 @@ ExitCode s_export(Session& session, const Arguments& arguments, const TableForma
 
 }  // namespace
 
-void addExportCommand(CLI::App& group, const TableFormat& format, Choice& chosen) {
+void addExportCommand(Command& group, const TableFormat& format) {
   const auto arguments = std::make_shared<Arguments>();
   const std::string words = std::string(format.group) + " export";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
-  CLI::App& command = addCommand(
-      group, "export", "Write all rows of the table to a file, or to standard output",
+  Command command = group.command(
+      "export", "Write all rows of the table to a file, or to standard output",
       "  tsl-address-map " + words + " table.txt\n  tsl-address-map " + words + " >table.txt\n" +
           "Each line is " + line +
           ", or what --format says, in the order of the table's key. A file is replaced as a whole "
           "or not at\nall. A"
           " table with broken rows is not exported; they are named on standard error, and the exit"
           " code is 65.\nWith --json and FILE {\"file\", \"rows\"}.\n",
-      chosen, {words, Preparation::Database, [arguments, &format](Session& session) {
-                 return s_export(session, *arguments, format);
-               }});
-  command.add_option("FILE", arguments->path, "The file; none, or -, for standard output");
-  command.add_option("--format", arguments->format, "The format; native without it")
-      ->option_text(formatNames(format));
+      Preparation::Database,
+      [arguments, &format](Session& session) { return s_export(session, *arguments, format); });
+  command.optionalArgument("FILE", arguments->path, "The file; none, or -, for standard output");
+  command.option("--format", arguments->format, formatNames(format),
+                 "The format; native without it");
   if (format.hasPublic) return;
-  command
-      .add_option(
-          "--domain", arguments->domain,
-          "With the format aliases: the domain of all aliases, which the file does not have")
-      ->option_text("DOMAIN");
+  command.option(
+      "--domain", arguments->domain, "DOMAIN",
+      "With the format aliases: the domain of all aliases, which the file does not have");
 }
 
 }  // namespace Tessel::Tool

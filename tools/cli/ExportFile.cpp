@@ -7,13 +7,13 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "cli/Failure.h"
+#include "cli/Interrupt.h"
 
 namespace Tessel::Tool {
 
@@ -21,42 +21,12 @@ namespace {
 
 constexpr std::size_t s_bufferSize = 64UL * 1024;
 constexpr mode_t s_permissions = 07777;
-constexpr std::array<int, 3> s_signals = {SIGHUP, SIGINT, SIGTERM};
 
 // What an interrupt has to remove; empty when there is nothing.
 std::array<char, 4096> s_leftover{};  // Longer names cannot be opened.
 
-extern "C" void s_removeLeftover(int signal) {
+void s_removeLeftover() {
   if (s_leftover[0] != '\0') unlink(s_leftover.data());
-  // The process ends as it would have without this handler.
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
-}
-
-// Blocks the signals that s_removeLeftover() handles, as long as it lives.
-class Uninterrupted {
- public:
-  Uninterrupted() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : s_signals) sigaddset(&set, signal);
-    pthread_sigmask(SIG_BLOCK, &set, &m_before);
-  }
-  ~Uninterrupted() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-  Uninterrupted(const Uninterrupted&) = delete;
-  Uninterrupted& operator=(const Uninterrupted&) = delete;
-
- private:
-  sigset_t m_before{};
-};
-
-void s_handleSignals() {
-  for (const int signal : s_signals) {
-    struct sigaction before {};
-    // What the caller has the program ignore stays ignored.
-    if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
-    std::signal(signal, s_removeLeftover);
-  }
 }
 
 std::string s_folderOf(const std::string& path) {
@@ -107,7 +77,7 @@ ExportFile::~ExportFile() {
 }
 
 void ExportFile::openBeside(const std::string& folder, mode_t mode) {
-  s_handleSignals();
+  tidyUpOnInterrupt(&s_removeLeftover);
   for (int attempt = 0; m_descriptor < 0; ++attempt) {
     m_temporary =
         folder + "/.tsl-address-map-" + std::to_string(getpid()) + "-" + std::to_string(attempt);

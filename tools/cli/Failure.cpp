@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "cli/Progress.h"
+#include "cli/Terminal.h"
 #include "database/Error.h"
 
 namespace Tessel::Tool {
@@ -178,13 +180,23 @@ Failure failureOf(const std::exception& exception, const std::string& subject) {
 }
 
 void say(std::string_view text) {
+  // The word that such messages begin with.
+  constexpr std::string_view warning = "warning";
+  if (!text.starts_with(warning)) return sayShown(printable(text));
+  sayShown(coloured(Stream::Error, Tone::Doubtful, warning) +
+           printable(text.substr(warning.size())));
+}
+
+void sayShown(const std::string& text) {
+  const Progress::Hidden hidden;
   // One call for the whole line, so that lines of several processes do not mix.
-  const std::string line = "tsl-address-map: " + printable(text) + "\n";
+  const std::string line = "tsl-address-map: " + text + "\n";
   static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
 }
 
 void report(const Failure& failure) {
-  say(failure.subject() + ": " + failure.why());
+  sayShown(coloured(Stream::Error, Tone::Bad, printable(failure.subject())) + ": " +
+           printable(failure.why()));
   if (!failure.hint().empty()) say("hint: " + failure.hint());
 }
 

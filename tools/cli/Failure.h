@@ -63,6 +63,9 @@ Failure failureOf(const std::exception& exception, const std::string& subject);
 // Writes one line "tsl-address-map: `text`" to standard error.
 void say(std::string_view text);
 
+// The same for a text that is fit to be shown as it is, and may have colours.
+void sayShown(const std::string& text);
+
 // Writes the failure and its hint to standard error.
 void report(const Failure& failure);
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "cli/AliasGraph.h"
+#include "cli/Terminal.h"
 #include "cli/TextRows.h"
 
 namespace Tessel::Tool {
@@ -20,6 +21,18 @@ const char* s_text(Severity severity) {
       return "error";
   }
   return "";
+}
+
+Tone s_toneOf(Severity severity) {
+  switch (severity) {
+    case Severity::Notice:
+      return Tone::Plain;
+    case Severity::Warning:
+      return Tone::Doubtful;
+    case Severity::Error:
+      return Tone::Bad;
+  }
+  return Tone::Plain;
 }
 
 Json s_jsonOf(const Finding& finding) {
@@ -47,17 +60,22 @@ bool s_isPlain(char c) {
 
 void Findings::add(const Finding& finding) {
   ++m_counts.at(static_cast<std::size_t>(finding.severity));
-  const std::string line = std::string(s_text(finding.severity)) + "\t" + finding.kind + "\t" +
-                           printable(finding.table) + "\t" + printable(finding.address) + "\t" +
-                           printable(finding.what) + "\t" + printable(finding.command);
+  const std::string line =
+      coloured(Stream::Output, s_toneOf(finding.severity), s_text(finding.severity)) + "\t" +
+      finding.kind + "\t" + printable(finding.table) + "\t" + printable(finding.address) + "\t" +
+      printable(finding.what) + "\t" + printable(finding.command);
   m_list.add(line, [&finding] { return s_jsonOf(finding); });
 }
 
 void Findings::end() {
   m_list.end();
-  say(s_counted(count(Severity::Error), "error") + ", " +
-      s_counted(count(Severity::Warning), "warning") + ", " +
-      s_counted(count(Severity::Notice), "notice"));
+  const auto counted = [this](Severity severity) {
+    const std::size_t number = count(severity);
+    return coloured(Stream::Error, number == 0 ? Tone::Plain : s_toneOf(severity),
+                    s_counted(number, s_text(severity)));
+  };
+  sayShown(counted(Severity::Error) + ", " + counted(Severity::Warning) + ", " +
+           counted(Severity::Notice));
 }
 
 ExitCode Findings::code() const {

@@ -1,11 +1,9 @@
 // The commands `alias import` and `mask import`.
-#include <unistd.h>
-
-#include <cstdio>
 #include <memory>
 #include <string>
 
 #include "cli/Command.h"
+#include "cli/Progress.h"
 #include "cli/TableFile.h"
 #include "cli/TableImport.h"
 
@@ -20,26 +18,6 @@ struct Arguments {
   bool dryRun = false;
   bool replace = false;
   bool force = false;
-};
-
-// Tells how far the import is, when a person looks on; nothing otherwise.
-class Progress {
- public:
-  explicit Progress(std::size_t all) : m_all(all), m_shows(isatty(STDERR_FILENO) == 1) {}
-  ~Progress() {
-    // The line goes again: what follows is the summary, or a message.
-    if (m_shows) static_cast<void>(std::fputs("\r\x1b[K", stderr));
-  }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
-  void show(std::size_t rows) const {
-    if (m_shows) static_cast<void>(std::fprintf(stderr, "\rwriting: %zu of %zu rows", rows, m_all));
-  }
-
- private:
-  std::size_t m_all;
-  bool m_shows;
 };
 
 // Calls `visit` with the sign and the line of each row that changes.
@@ -88,25 +66,22 @@ void s_commit(TableImport& import, const std::string& subject) {
   }
 }
 
-void s_carryOut(TableImport& import, const std::string& subject, bool dryRun) {
+void s_carryOut(TableImport& change, const std::string& subject, bool dryRun, Progress& progress) {
   try {
-    import.compare(!dryRun);
+    change.compare(!dryRun, progress);
     if (dryRun) return;
-    const Progress progress(import.added().size() + import.changed().size() +
-                            import.removed().size());
-    import.write([&progress](std::size_t rows) { progress.show(rows);
-  });
-  s_commit(import, subject);
+    change.write(progress);
+    s_commit(change, subject);
+  } catch (const Exception& exception) {
+    const Failure failure = failureOf(exception, subject);
+    throw Failure(failure.code(), failure.subject(), failure.why(),
+                  "nothing was written; " + failure.hint());
+  }
 }
-catch (const Exception& exception) {
-  const Failure failure = failureOf(exception, subject);
-  throw Failure(failure.code(), failure.subject(), failure.why(),
-                "nothing was written; " + failure.hint());
-}
-}  // namespace
 
 ExitCode s_import(Session& session, const Arguments& arguments, const TableFormat& format) {
-  const TableFile file(format, arguments.file, arguments.options);
+  Progress progress;
+  const TableFile file(format, arguments.file, arguments.options, progress);
   if (arguments.replace && !arguments.force && file.entries().empty()) {
     throw Failure(ExitCode::BadData, file.name(),
                   "it is empty, and --replace would empty the table",
@@ -114,22 +89,24 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
   }
   session.tellTarget();
   const std::string table = format.table(session.tableName());
-  TableImport import(format, table, file,
+  TableImport change(format, table, file,
                      arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);
-  if (!format.hasPublic && !arguments.allowCycle) import.refuseCycles();
-  s_carryOut(import, "importing " + file.name() + " into table " + table, arguments.dryRun);
-  s_answer(session, import, arguments.dryRun);
+  if (!format.hasPublic && !arguments.allowCycle) change.refuseCycles();
+  s_carryOut(change, "importing " + file.name() + " into table " + table, arguments.dryRun,
+             progress);
+  progress.end();
+  s_answer(session, change, arguments.dryRun);
   return ExitCode::Done;
 }
 
-}  // namespace Tessel::Tool
+}  // namespace
 
-void addImportCommand(CLI::App& group, const TableFormat& format, Choice& chosen) {
+void addImportCommand(Command& group, const TableFormat& format) {
   const auto arguments = std::make_shared<Arguments>();
   const std::string words = std::string(format.group) + " import";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
-  CLI::App& import = addCommand(
-      group, "import", "Bring the lines of a file into the table, all or none",
+  Command import = group.command(
+      "import", "Bring the lines of a file into the table, all or none",
       "  tsl-address-map " + words + " table.txt --dry-run\n  tsl-address-map " + words +
           " --replace table.txt\n  tsl-address-map " + words + " - <table.txt\n" + "Each line is " +
           line +
@@ -139,29 +116,23 @@ void addImportCommand(CLI::App& group, const TableFormat& format, Choice& chosen
           " does not mention stays. Prints how many rows were added, changed, left and removed;"
           " with --json\n{\"added\", \"changed\", \"left\", \"removed\"}, with --dry-run also"
           " \"rows\".\n",
-      chosen, {words, Preparation::Database, [arguments, &format](Session& session) {
-                 return s_import(session, *arguments, format);
-               }});
-  import.add_option("FILE", arguments->file, "The file, or - for standard input")->required();
-  import.add_flag(
-      "--dry-run", arguments->dryRun,
-      "Write nothing; show each row that would be added (+), changed (~) or removed (-)");
-  CLI::Option* const replace = import.add_flag(
+      Preparation::Database,
+      [arguments, &format](Session& session) { return s_import(session, *arguments, format); });
+  import.argument("FILE", arguments->file, "The file, or - for standard input");
+  import.flag("--dry-run", arguments->dryRun,
+              "Write nothing; show each row that would be added (+), changed (~) or removed (-)");
+  Option replace = import.flag(
       "--replace", arguments->replace,
       "Remove the rows that the file does not mention, so that the table ends as the file");
-  import.add_flag("--force", arguments->force, "With --replace: also when the file is empty")
-      ->needs(replace);
-  import
-      .add_option("--format", arguments->options.format,
-                  "The format of the file; found out from its first lines without it")
-      ->option_text(formatNames(format));
+  import.flag("--force", arguments->force, "With --replace: also when the file is empty")
+      .needs(replace);
+  import.option("--format", arguments->options.format, formatNames(format),
+                "The format of the file; found out from its first lines without it");
   if (format.hasPublic) return;
-  import
-      .add_option("--domain", arguments->options.domain,
-                  "With the format aliases: the domain of names that have none")
-      ->option_text("DOMAIN");
-  import.add_flag("--allow-cycle", arguments->allowCycle,
-                  "Write aliases even if they lead back to themselves");
+  import.option("--domain", arguments->options.domain, "DOMAIN",
+                "With the format aliases: the domain of names that have none");
+  import.flag("--allow-cycle", arguments->allowCycle,
+              "Write aliases even if they lead back to themselves");
 }
 
 }  // namespace Tessel::Tool

@@ -25,7 +25,7 @@ void s_answer(Session& session, bool created, const std::vector<std::string>& ch
   answerChange(session, document, "", dryRun);
   if (session.isJson()) return;
   if (changes.empty()) {
-    session.output().line(std::string("database ") + s_database + " is complete; nothing changed");
+    session.output().line("database " + std::string(s_database) + " is complete; nothing changed");
   }
   for (const std::string& change : changes) {
     session.output().line((dryRun ? "to do: " : "done: ") + change);
@@ -44,13 +44,13 @@ Schema s_look(Database::Connection& connection) {
 
 void s_refuseUnfitting(const Schema& schema) {
   if (schema.unfitting.empty()) return;
-  throw Failure(ExitCode::BadData, std::string("database ") + s_database, summaryOf(schema),
+  throw Failure(ExitCode::BadData, "database " + std::string(s_database), summaryOf(schema),
                 "nothing was changed; these are not tables of this library: move them away, or"
                 " correct them with an SQL client");
 }
 
 ExitCode s_force(Session& session) {
-  say(std::string("warning: --force: database ") + s_database +
+  say("warning: --force: database " + std::string(s_database) +
       " is dropped with all its tables if anything goes wrong");
   AddressMapDb::initialize(AddressMapDb::MySQL, false);
   s_answer(session, false, {"prepared the database by force"});
@@ -83,26 +83,24 @@ ExitCode s_init(Session& session, const Arguments& arguments) {
 
 }  // namespace
 
-void addInitCommand(CLI::App& app, Choice& chosen) {
+void addInitCommand(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& init = addCommand(
-      app, "init", "Create the database, or complete an old or partial one; never drops anything",
+  Command init = top.command(
+      "init", "Create the database, or complete an old or partial one; never drops anything",
       "  tsl-address-map init\n"
       "  tsl-address-map --option-file /etc/mail/database.cnf init\n"
       "Looks first. A complete database stays as it is; missing tables, columns and indexes are"
       " added; tables\nthat are not this library's make it refuse (65), and so does a database that"
       " cannot be looked at (75).\n"
       "With --json {\"database\", \"created\", \"changes\"}.\n",
-      chosen, {"init", Preparation::Server, [arguments](Session& session) {
-                 return s_init(session, *arguments);
-               }});
-  CLI::Option* const force = init.add_flag(
-      "--force", arguments->force,
-      "DANGEROUS: let the library prepare the database without looking first. When any"
-      " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
-      " empty one");
-  init.add_flag("--dry-run", arguments->dryRun, "Change nothing; show what would be done")
-      ->excludes(force);
+      Preparation::Server, withArguments(s_init, arguments));
+  Option force =
+      init.flag("--force", arguments->force,
+                "DANGEROUS: let the library prepare the database without looking first. When any"
+                " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
+                " empty one");
+  init.flag("--dry-run", arguments->dryRun, "Change nothing; show what would be done")
+      .excludes(force);
 }
 
 }  // namespace Tessel::Tool

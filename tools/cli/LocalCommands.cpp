@@ -82,27 +82,25 @@ ExitCode s_shell(Session& session) {
 
 }  // namespace
 
-void addLocalCommands(CLI::App& app, Choice& chosen) {
-  CLI::App& group = addGroup(
-      app, "local", "Start, stop and use a private database server in a folder of your own");
-  addCommand(group, "start", "Start the private server; the first start sets it up",
-             "  tsl-address-map local start\n"
-             "  tsl-address-map local start --local=/tmp/trial\n"
-             "Prints what 'local status' prints.\n",
-             chosen, {"local start", Preparation::Nothing, s_start});
-  addCommand(group, "stop", "Stop the private server; exit 0 also when none runs",
-             "  tsl-address-map local stop --local=/tmp/trial\n", chosen,
-             {"local stop", Preparation::Nothing, s_stop});
-  addCommand(
-      group, "status", "Show whether the private server runs, and where; exit 1 when not",
+void addLocalCommands(Command& top) {
+  Command group =
+      top.group("local", "Start, stop and use a private database server in a folder of your own");
+  group.command("start", "Start the private server; the first start sets it up",
+                "  tsl-address-map local start\n"
+                "  tsl-address-map local start --local=/tmp/trial\n"
+                "Prints what 'local status' prints.\n",
+                Preparation::Nothing, s_start);
+  group.command("stop", "Stop the private server; exit 0 also when none runs",
+                "  tsl-address-map local stop --local=/tmp/trial\n", Preparation::Nothing, s_stop);
+  group.command(
+      "status", "Show whether the private server runs, and where; exit 1 when not",
       "  tsl-address-map local status --json\n"
       "With --json {\"running\", \"pid\", \"folder\", \"socket\", \"optionFile\", \"cmf\"}.\n",
-      chosen, {"local status", Preparation::Nothing, s_status});
-  addCommand(group, "shell",
-             "Open the SQL client on the private server, which is started if needed",
-             "  tsl-address-map local shell\n"
-             "  echo 'select count(*) from alias' | tsl-address-map local shell\n",
-             chosen, {"local shell", Preparation::Nothing, s_shell});
+      Preparation::Nothing, s_status);
+  group.command("shell", "Open the SQL client on the private server, which is started if needed",
+                "  tsl-address-map local shell\n"
+                "  echo 'select count(*) from alias' | tsl-address-map local shell\n",
+                Preparation::Nothing, s_shell);
 }
 
 }  // namespace Tessel::Tool

@@ -20,12 +20,14 @@ class MaskCheck {
  public:
   MaskCheck(const std::string& table, Findings& findings) : m_table(table), m_findings(findings) {}
 
-  std::uint64_t run(Database::Connection& connection) {
+  std::uint64_t run(Database::Connection& connection, Progress& progress) {
     const std::string statement = "select private, public from " + quotedName(m_table) + ";";
-    selectPairs(connection, statement,
-                [this](std::string_view privateText, std::string_view publicText) {
-                  read(privateText, publicText);
-                });
+    selectPairs(
+        connection, statement,
+        [this](std::string_view privateText, std::string_view publicText) {
+          read(privateText, publicText);
+        },
+        &progress);
     for (const Pair& pair : m_pairs) checkPair(pair);
     checkWildcards();
     return m_rows;
@@ -143,8 +145,8 @@ class MaskCheck {
 }  // namespace
 
 std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
-                             Findings& findings) {
-  return MaskCheck(table, findings).run(connection);
+                             Findings& findings, Progress& progress) {
+  return MaskCheck(table, findings).run(connection, progress);
 }
 
 }  // namespace Tessel::Tool

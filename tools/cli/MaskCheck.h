@@ -6,15 +6,17 @@
 #include <string>
 
 #include "cli/Findings.h"
+#include "cli/Progress.h"
 #include "database/Connection.h"
 
 namespace Tessel::Tool {
 
 // Adds to `findings` what is wrong with the rows of the SQL table `table`: rows that the library
 // cannot use, addresses that two rows have, wildcard rows that are in each other's way, and chains
-// of pairs. The number of rows. Throws Exception when the database cannot answer.
+// of pairs. The number of rows, which `progress` counts. Throws Exception when the database cannot
+// answer.
 std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
-                             Findings& findings);
+                             Findings& findings, Progress& progress);
 
 }  // namespace Tessel::Tool
 

@@ -1,6 +1,7 @@
 // The commands on the rows of a mask table: set, remove, list.
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,14 @@ struct Arguments {
   bool dryRun = false;
 };
 
+// Of `mask remove`; what was not given is null.
+struct Removal {
+  std::optional<std::string> privateText;
+  std::optional<std::string> publicText;
+  std::optional<std::string> domain;
+  bool dryRun = false;
+};
+
 struct Pair {
   EmailAddress privateAddress;
   EmailAddress publicAddress;
@@ -33,8 +42,8 @@ struct Pair {
   }
 };
 
-Pair s_parsePair(const Arguments& arguments) {
-  return {parseAddress(arguments.privateText, false), parseAddress(arguments.publicText, false)};
+Pair s_parsePair(const std::string& privateText, const std::string& publicText) {
+  return {parseAddress(privateText, false), parseAddress(publicText, false)};
 }
 
 Json s_jsonOf(const MaskRow& row) {
@@ -59,7 +68,7 @@ ExitCode s_force(Session& session, const Pair& pair) {
 }
 
 ExitCode s_set(Session& session, const Arguments& arguments) {
-  const Pair pair = s_parsePair(arguments);
+  const Pair pair = s_parsePair(arguments.privateText, arguments.publicText);
   session.tellTarget();
   if (arguments.force) return s_force(session, pair);
   const bool present = MaskTable(maskTableName(session.tableName()))
@@ -71,18 +80,16 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   return ExitCode::Done;
 }
 
-ExitCode s_removePair(Session& session, const Arguments& arguments) {
-  const Pair pair = s_parsePair(arguments);
+ExitCode s_removePair(Session& session, const Pair& pair, bool dryRun) {
   session.tellTarget();
   const std::string table = maskTableName(session.tableName());
-  const bool removed =
-      MaskTable(table).remove(pair.privateAddress, pair.publicAddress, arguments.dryRun);
+  const bool removed = MaskTable(table).remove(pair.privateAddress, pair.publicAddress, dryRun);
   const std::string shown = pair.privateAddress.address() + " with " + pair.publicAddress.address();
   if (!removed) say("no mask " + shown + " in table " + table);
-  if (removed && !arguments.dryRun) session.detail("removed " + shown);
+  if (removed && !dryRun) session.detail("removed " + shown);
   Json document = pair.json();
   document["removed"] = removed;
-  answerChange(session, document, removed ? "- " + pair.line() : "", arguments.dryRun);
+  answerChange(session, document, removed ? "- " + pair.line() : "", dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -96,27 +103,28 @@ std::size_t s_showDomain(Session& session, const std::string& domain, const std:
   return rows.size();
 }
 
-ExitCode s_removeDomain(Session& session, const Arguments& arguments) {
-  const std::string domain = parseDomain(arguments.domain);
+ExitCode s_removeDomain(Session& session, const std::string& domain, bool dryRun) {
   session.tellTarget();
   const std::string table = maskTableName(session.tableName());
-  const std::size_t count = arguments.dryRun ? s_showDomain(session, domain, table)
-                                             : MaskTable(table).removeDomain(domain);
+  const std::size_t count =
+      dryRun ? s_showDomain(session, domain, table) : MaskTable(table).removeDomain(domain);
   if (count == 0) say("no mask of a private address in " + domain + " in table " + table);
-  answerChange(session, Json{{"domain", domain}, {"removed", count}}, "", arguments.dryRun);
+  answerChange(session, Json{{"domain", domain}, {"removed", count}}, "", dryRun);
   if (!session.isJson()) session.output().line(std::to_string(count) + " removed");
   return count != 0 ? ExitCode::Done : ExitCode::NotFound;
 }
 
-ExitCode s_remove(Session& session, const Arguments& arguments, const CLI::App& command) {
-  const bool byDomain = command.count("--domain") > 0;
-  const std::size_t addresses = command.count("PRIVATE") + command.count("PUBLIC");
-  if (addresses != (byDomain ? 0 : 2)) {
-    throw Failure(ExitCode::Usage, "mask remove",
-                  "it takes a private and a public address, or --domain alone",
-                  "see 'tsl-address-map mask remove --help'");
+ExitCode s_remove(Session& session, const Removal& removal) {
+  const auto& [privateText, publicText, domain, dryRun] = removal;
+  if (privateText && publicText && !domain) {
+    return s_removePair(session, s_parsePair(*privateText, *publicText), dryRun);
   }
-  return byDomain ? s_removeDomain(session, arguments) : s_removePair(session, arguments);
+  if (domain && !privateText && !publicText) {
+    return s_removeDomain(session, parseDomain(*domain), dryRun);
+  }
+  throw Failure(ExitCode::Usage, "mask remove",
+                "it takes a private and a public address, or --domain alone",
+                "see 'tsl-address-map mask remove --help'");
 }
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
@@ -140,81 +148,64 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
   return code;
 }
 
-template <class Run>
-Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
-  return {words, Preparation::Database,
-          [arguments, run](Session& session) { return run(session, *arguments); }};
-}
-
-void s_addSet(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
-  CLI::App& set = addCommand(
-      group, "set", "Show a public address in place of a private one",
+void s_addSet(Command& group, const std::shared_ptr<Arguments>& arguments) {
+  Command set = group.command(
+      "set", "Show a public address in place of a private one",
       "  tsl-address-map mask set ann@inner.example ann.smith@example.com\n"
       "  tsl-address-map mask set '*@inner.example' '*@example.com'\n"
       "Adds the pair, or changes the public address of a private one. Prints nothing; with --json"
       " {\"private\",\n\"public\"}. A '*' in either address makes it a pair of whole domains. A"
       " public address that belongs to\nanother private one is refused (65).\n"
       "Programs that have the pair in memory keep the old one until they reopen the table.\n",
-      chosen, s_choice("mask set", arguments, s_set));
-  set.add_option("PRIVATE", arguments->privateText, "The private address")->required();
-  set.add_option("PUBLIC", arguments->publicText, "The address that is shown in its place")
-      ->required();
-  CLI::Option* const force = set.add_flag(
-      "--force", arguments->force,
-      "Write as the library does: when a row has either address, that row gets the public"
-      " one. Prints the rows that have either then: PRIVATE<TAB>PUBLIC (with --json also"
-      " \"rows\")");
-  addDryRun(set, arguments->dryRun);
-  force->excludes("--dry-run");
+      Preparation::Database, withArguments(s_set, arguments));
+  set.argument("PRIVATE", arguments->privateText, "The private address");
+  set.argument("PUBLIC", arguments->publicText, "The address that is shown in its place");
+  Option force =
+      set.flag("--force", arguments->force,
+               "Write as the library does: when a row has either address, that row gets the public"
+               " one. Prints the rows that have either then: PRIVATE<TAB>PUBLIC (with --json also"
+               " \"rows\")");
+  force.excludes(addDryRun(set, arguments->dryRun));
 }
 
-void s_addRemove(CLI::App& group, const std::shared_ptr<Arguments>& arguments, Choice& chosen) {
-  Choice choice;
-  choice.words = "mask remove";
-  choice.preparation = Preparation::Database;
-  const auto command = std::make_shared<const CLI::App*>(nullptr);
-  choice.run = [arguments, command](Session& session) {
-    return s_remove(session, *arguments, **command);
-  };
-  CLI::App& remove = addCommand(
-      group, "remove", "Remove a pair, or those of a domain; exit 1 when there is none",
+void s_addRemove(Command& group) {
+  const auto removal = std::make_shared<Removal>();
+  Command remove = group.command(
+      "remove", "Remove a pair, or those of a domain; exit 1 when there is none",
       "  tsl-address-map mask remove ann@inner.example ann.smith@example.com\n"
       "  tsl-address-map mask remove --domain inner.example\n"
       "A pair: prints nothing; with --json {\"private\", \"public\", \"removed\"}. A domain: "
       "removes"
       " all pairs whose\nprivate address is of that domain, wildcards too, and prints how many;"
       " with --json {\"domain\", \"removed\"}.\n",
-      chosen, choice);
-  *command = &remove;
-  remove.add_option("PRIVATE", arguments->privateText, "The private address");
-  remove.add_option("PUBLIC", arguments->publicText, "Its public address");
-  remove.add_option("--domain", arguments->domain, "The domain of the private addresses")
-      ->option_text("DOMAIN");
-  addDryRun(remove, arguments->dryRun);
+      Preparation::Database, withArguments(s_remove, removal));
+  remove.optionalArgument("PRIVATE", removal->privateText, "The private address");
+  remove.optionalArgument("PUBLIC", removal->publicText, "Its public address");
+  remove.option("--domain", removal->domain, "DOMAIN", "The domain of the private addresses");
+  addDryRun(remove, removal->dryRun);
 }
 
 }  // namespace
 
-void addMaskCommands(CLI::App& app, Choice& chosen) {
+void addMaskCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& group = addGroup(app, "mask", "Show and change mask tables");
-  s_addSet(group, arguments, chosen);
-  s_addRemove(group, arguments, chosen);
+  Command group = top.group("mask", "Show and change mask tables");
+  s_addSet(group, arguments);
+  s_addRemove(group);
 
-  CLI::App& list = addCommand(
-      group, "list", "List the pairs of private and public addresses",
+  Command list = group.command(
+      "list", "List the pairs of private and public addresses",
       "  tsl-address-map mask list --domain inner.example\n"
       "  tsl-address-map mask list | cut -f2\n"
       "One pair per line: PRIVATE<TAB>PUBLIC; with --json a list of {\"private\", \"public\"}.\n"
       "Broken rows are reported on standard error, and the exit code is 65 then.\n",
-      chosen, s_choice("mask list", arguments, s_list));
-  list.add_option("--domain", arguments->domain, "Only private addresses of this domain")
-      ->option_text("DOMAIN");
+      Preparation::Database, withArguments(s_list, arguments));
+  list.option("--domain", arguments->domain, "DOMAIN", "Only private addresses of this domain");
 
-  addMaskFindCommands(group, chosen);
-  addMaskExplainCommand(group, chosen);
-  addExportCommand(group, TableFormat::mask(), chosen);
-  addImportCommand(group, TableFormat::mask(), chosen);
+  addMaskFindCommands(group);
+  addMaskExplainCommand(group);
+  addExportCommand(group, TableFormat::mask());
+  addImportCommand(group, TableFormat::mask());
 }
 
 }  // namespace Tessel::Tool

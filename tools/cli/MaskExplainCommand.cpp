@@ -221,21 +221,18 @@ ExitCode s_explain(Session& session, const std::string& text) {
 
 }  // namespace
 
-void addMaskExplainCommand(CLI::App& mask, Choice& chosen) {
+void addMaskExplainCommand(Command& mask) {
   const auto address = std::make_shared<std::string>();
-  CLI::App& explain = addCommand(
-      mask, "explain",
-      "Show which row answers for an address, in both directions; exit 1 when none does",
+  Command explain = mask.command(
+      "explain", "Show which row answers for an address, in both directions; exit 1 when none does",
       "  tsl-address-map mask explain ann@inner.example\n"
       "Tells the public address of it as a private one, and the private address of it as a public"
       " one, each with\nthe row or wildcard row that it comes from, and those that another one"
       " comes before.\n"
       "With --json {\"address\", \"public\", \"private\"}, either being {\"address\", \"source\","
       " \"row\", \"losers\",\n\"shadowed\", \"otherCase\"}; the source is row, wildcard or none.\n",
-      chosen, {"mask explain", Preparation::Database, [address](Session& session) {
-                 return s_explain(session, *address);
-               }});
-  explain.add_option("ADDRESS", *address, "A private or public address")->required();
+      Preparation::Database, [address](Session& session) { return s_explain(session, *address); });
+  explain.argument("ADDRESS", *address, "A private or public address");
 }
 
 }  // namespace Tessel::Tool

@@ -143,12 +143,12 @@ ExitCode s_find(Session& session, const std::vector<std::string>& addresses, Sid
       forEachAddress(addresses, [&run](const EmailAddress& address) { run.answer(address); }));
 }
 
-void s_add(CLI::App& mask, Choice& chosen, Side wanted, const std::string& example) {
+void s_add(Command& mask, Side wanted, const std::string& example) {
   const auto addresses = std::make_shared<std::vector<std::string>>();
   const std::string side = wanted == Side::Public ? "public" : "private";
   const std::string other = wanted == Side::Public ? "private" : "public";
-  CLI::App& command = addCommand(
-      mask, side, "Show the " + side + " address of a " + other + " one; exit 1 when there is none",
+  Command command = mask.command(
+      side, "Show the " + side + " address of a " + other + " one; exit 1 when there is none",
       "  tsl-address-map mask " + side + " " + example +
           "\n"
           "  tsl-address-map mask " +
@@ -162,17 +162,16 @@ void s_add(CLI::App& mask, Choice& chosen, Side wanted, const std::string& examp
           " then.\n"
           "With --json always a list of {\"address\", \"outcome\", \"" +
           side + "\"}; the outcome is found, no-mask or broken-row.\n",
-      chosen, {"mask " + side, Preparation::Database, [addresses, wanted](Session& session) {
-                 return s_find(session, *addresses, wanted);
-               }});
-  command.add_option("ADDRESS", *addresses, "An address, or - for standard input")->required();
+      Preparation::Database,
+      [addresses, wanted](Session& session) { return s_find(session, *addresses, wanted); });
+  command.arguments("ADDRESS", *addresses, "An address, or - for standard input");
 }
 
 }  // namespace
 
-void addMaskFindCommands(CLI::App& mask, Choice& chosen) {
-  s_add(mask, chosen, Side::Public, "ann@inner.example");
-  s_add(mask, chosen, Side::Private, "ann.smith@example.com");
+void addMaskFindCommands(Command& mask) {
+  s_add(mask, Side::Public, "ann@inner.example");
+  s_add(mask, Side::Private, "ann.smith@example.com");
 }
 
 }  // namespace Tessel::Tool

@@ -7,6 +7,8 @@
 #include <system_error>
 
 #include "cli/Failure.h"
+#include "cli/Progress.h"
+#include "cli/Terminal.h"
 
 namespace Tessel::Tool {
 
@@ -26,6 +28,11 @@ void s_write(std::string_view text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) s_fail(errno);
 }
 
+void s_writeLine(std::string_view text) {
+  s_write(text);
+  s_write("\n");
+}
+
 std::string s_text(const Json& document) {
   return document.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -33,8 +40,10 @@ std::string s_text(const Json& document) {
 }  // namespace
 
 void Output::line(std::string_view text) {
-  s_write(text);
-  s_write("\n");
+  if (!isTerminal(Stream::Output)) return s_writeLine(text);
+  // A line end makes the standard library hand over what it has.
+  const Progress::Hidden hidden;
+  s_writeLine(text);
 }
 
 void Output::document(const Json& document) {
@@ -54,6 +63,8 @@ ItemList::~ItemList() {
 }
 
 void ItemList::addElement(const Json& element) {
+  // The line stays open until the next element.
+  if (isTerminal(Stream::Output)) Progress::endCurrent();
   s_write(m_started ? ",\n" : "[");
   m_started = true;
   s_write(s_text(element));

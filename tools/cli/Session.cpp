@@ -4,9 +4,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -18,6 +21,7 @@
 #include "cli/OurTables.h"
 #include "cli/Schema.h"
 #include "database/Connection.h"
+#include "database/StatementObserver.h"
 #include "local/LocalServer.h"
 
 namespace Tessel::Tool {
@@ -53,6 +57,27 @@ void s_requireFolder(const std::string& folder) {
                 "make it with mkdir, or name the right one");
 }
 
+// `statement` on one line, fit to be shown; of a long one the beginning.
+void s_tellStatement(std::string_view statement) noexcept {
+  // Enough for every statement but those on many rows.
+  constexpr std::size_t s_longest = 500;
+  std::size_t size = std::min(statement.size(), s_longest);
+  // Not inside a UTF-8 character.
+  while (size != 0 && size < statement.size() &&
+         (static_cast<unsigned char>(statement[size]) & 0xc0U) == 0x80U) {
+    --size;
+  }
+  try {
+    std::string text = "sql: " + std::string(statement.substr(0, size));
+    if (size < statement.size()) {
+      text += "... (" + std::to_string(statement.size() - size) + " bytes more)";
+    }
+    say(text);
+  } catch (const std::bad_alloc&) {
+    // What is told beside the work must not end it.
+  }
+}
+
 void s_createMissingDatabase() {
   Database::Connection connection("");
   const PreparationLock lock(connection);
@@ -65,6 +90,7 @@ void s_createMissingDatabase() {
 Session::Session(Settings settings) : m_settings(std::move(settings)), m_output(m_settings.json) {}
 
 void Session::prepare(Preparation preparation) {
+  if (m_settings.verbose) Database::setStatementObserver(&s_tellStatement);
   checkTable();
   if (m_settings.local && m_settings.optionFile) {
     throw Failure(ExitCode::Usage, "--local and --option-file", "both name a server",

@@ -80,7 +80,7 @@ void s_writeLines(const Status& status, Session& session) {
   const std::string unknown = "unknown";
   output.line("server: " + (status.server.empty() ? unknown : printable(status.server)));
   output.line("version: " + (status.version.empty() ? unknown : printable(status.version)));
-  output.line(std::string("database: ") + s_database);
+  output.line("database: " + std::string(s_database));
   output.line("schema: " + (status.schema ? printable(summaryOf(*status.schema)) : unknown));
   for (const TableCount& count : status.tables) {
     output.line("table: " + printable(count.table) + ", rows: " + std::to_string(count.rows));
@@ -111,15 +111,16 @@ ExitCode s_status(Session& session) {
 
 }  // namespace
 
-void addStatusCommand(CLI::App& app, Choice& chosen) {
-  addCommand(app, "status", "Show the server, the database, its tables and the configuration",
-             "  tsl-address-map status\n"
-             "  tsl-address-map --local status --json\n"
-             "What can be found out is shown even when the rest cannot; the exit code is 75 (or 78)"
-             " then.\n"
-             "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
-             " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
-             chosen, {"status", Preparation::Server, s_status});
+void addStatusCommand(Command& top) {
+  top.command(
+      "status", "Show the server, the database, its tables and the configuration",
+      "  tsl-address-map status\n"
+      "  tsl-address-map --local status --json\n"
+      "What can be found out is shown even when the rest cannot; the exit code is 75 (or 78)"
+      " then.\n"
+      "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
+      " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
+      Preparation::Server, s_status);
 }
 
 }  // namespace Tessel::Tool

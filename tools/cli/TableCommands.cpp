@@ -152,50 +152,44 @@ ExitCode s_runList(Session& session) {
   return ExitCode::Done;
 }
 
-template <class Run>
-Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
-  return {words, Preparation::Database,
-          [arguments, run](Session& session) { return run(session, *arguments); }};
-}
-
-void s_addCommon(CLI::App& command, Arguments& arguments) {
-  command.add_option("NAME", arguments.name, "The name, as --table takes it")->required();
-  command.add_option("--kind", arguments.kind, "alias or mask; both without it")
-      ->option_text("KIND");
+void s_addCommon(Command& command, Arguments& arguments) {
+  command.argument("NAME", arguments.name, "The name, as --table takes it");
+  command.option("--kind", arguments.kind, "KIND", "alias or mask; both without it");
   addDryRun(command, arguments.dryRun);
 }
 
 }  // namespace
 
-void addTableCommands(CLI::App& app, Choice& chosen) {
+void addTableCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& group = addGroup(app, "table", "Create, drop and list whole tables");
+  Command group = top.group("table", "Create, drop and list whole tables");
 
-  CLI::App& create = addCommand(
-      group, "create", "Create the tables of a name; those that are there stay as they are",
-      "  tsl-address-map table create sales\n"
-      "  tsl-address-map --table sales alias list\n"
-      "Prints nothing; with --json {\"name\", \"created\"}.\n",
-      chosen, s_choice("table create", arguments, s_runCreate));
+  Command create =
+      group.command("create", "Create the tables of a name; those that are there stay as they are",
+                    "  tsl-address-map table create sales\n"
+                    "  tsl-address-map --table sales alias list\n"
+                    "Prints nothing; with --json {\"name\", \"created\"}.\n",
+                    Preparation::Database, withArguments(s_runCreate, arguments));
   s_addCommon(create, *arguments);
 
-  CLI::App& drop = addCommand(
-      group, "drop", "Drop the tables of a name with all their rows; exit 1 when there are none",
+  Command drop = group.command(
+      "drop", "Drop the tables of a name with all their rows; exit 1 when there are none",
       "  tsl-address-map table drop sales --dry-run\n"
       "  tsl-address-map table drop sales --kind mask --yes\n"
       "Asks on a terminal, and needs --yes otherwise (64). A table with columns that are not this"
       " library's is\nrefused (65); the base tables have no name, and cannot be dropped. Prints the"
       " tables with their rows; with --json\n{\"name\", \"dropped\"}, a list of {\"table\","
       " \"rows\"}.\n",
-      chosen, s_choice("table drop", arguments, s_runDrop));
+      Preparation::Database, withArguments(s_runDrop, arguments));
   s_addCommon(drop, *arguments);
-  drop.add_flag("--yes", arguments->yes, "Do not ask");
+  drop.flag("--yes", arguments->yes, "Do not ask");
 
-  addCommand(group, "list", "List the tables with their kinds and rows",
-             "  tsl-address-map table list\n"
-             "One per line: NAME<TAB>KIND<TAB>ROWS, the name of base tables being '-'; with --json"
-             " a list of\n{\"name\", \"kind\", \"table\", \"rows\"}, their name being null.\n",
-             chosen, {"table list", Preparation::Database, s_runList});
+  group.command(
+      "list", "List the tables with their kinds and rows",
+      "  tsl-address-map table list\n"
+      "One per line: NAME<TAB>KIND<TAB>ROWS, the name of base tables being '-'; with --json"
+      " a list of\n{\"name\", \"kind\", \"table\", \"rows\"}, their name being null.\n",
+      Preparation::Database, s_runList);
 }
 
 }  // namespace Tessel::Tool

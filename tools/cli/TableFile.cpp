@@ -33,24 +33,28 @@ void LineFaults::refuse(const std::string& why) {
                 "nothing was written; correct the lines and try again");
 }
 
-TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options)
+TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,
+                     Progress& progress)
     : m_name(path == "-" ? "standard input" : path) {
+  progress.beginReading(path);
   Lines lines(path, m_name);
   const FileSyntax syntax = options.format.empty()
                                 ? FileSyntax::detected(lines, m_name, format, options.domain)
                                 : FileSyntax::named(options.format, format, options.domain);
   LineFaults faults(m_name);
-  read(lines, syntax, faults);
+  read(lines, syntax, faults, progress);
   findDoubles(format, faults);
   faults.refuse("it has bad lines");
 }
 
-void TableFile::read(Lines& lines, const FileSyntax& syntax, LineFaults& faults) {
+void TableFile::read(Lines& lines, const FileSyntax& syntax, LineFaults& faults,
+                     Progress& progress) {
   Records records(lines, syntax);
   std::string header = syntax.header();
   if (!header.empty()) header.pop_back();  // The CR, which `Lines` takes off too.
   std::string_view record;
   while (records.next(record)) {
+    progress.set(lines.number());
     if (!header.empty()) {
       if (record != header) faults.add(records.number(), "it is not the header '" + header + "'");
       header.clear();

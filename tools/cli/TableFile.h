@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/FileSyntax.h"
+#include "cli/Progress.h"
 #include "cli/TableFormat.h"
 
 namespace Tessel::Tool {
@@ -48,9 +49,10 @@ class TableFile {
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
-  // looks like. Throws Failure, `BadData`, when it cannot be read or a line is bad, after each was
-  // reported; and what FileSyntax::named() and detected() throw.
-  TableFile(const TableFormat& format, const std::string& path, const Options& options);
+  // looks like; `progress` counts its lines. Throws Failure, `BadData`, when it cannot be read or a
+  // line is bad, after each was reported; and what FileSyntax::named() and detected() throw.
+  TableFile(const TableFormat& format, const std::string& path, const Options& options,
+            Progress& progress);
 
   // For messages.
   [[nodiscard]] const std::string& name() const { return m_name; }
@@ -62,7 +64,7 @@ class TableFile {
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  void read(Lines& lines, const FileSyntax& syntax, LineFaults& faults);
+  void read(Lines& lines, const FileSyntax& syntax, LineFaults& faults, Progress& progress);
   void findDoubles(const TableFormat& format, LineFaults& faults);
 
   std::string m_name;

@@ -112,7 +112,8 @@ void TableImport::checkSizes() {
   faults.refuse("it has lines that do not fit the table");
 }
 
-void TableImport::compare(bool toWrite) {
+void TableImport::compare(bool toWrite, Progress& progress) {
+  progress.begin("comparing", "rows");
   checkSizes();
   if (toWrite) m_transaction.emplace(m_connection);
   std::vector<Match> matches(m_file.entries().size());
@@ -120,12 +121,15 @@ void TableImport::compare(bool toWrite) {
   std::string statement = "select ";
   statement.append(m_format.key).append(", ").append(m_format.value);
   statement.append(" from ").append(m_table).append(toWrite ? " for update;" : ";");
-  selectPairs(m_connection, statement, [&](std::string_view key, std::string_view value) {
-    meet(key, value, matches, faults);
-  });
+  selectPairs(
+      m_connection, statement,
+      [&](std::string_view key, std::string_view value) { meet(key, value, matches, faults); },
+      &progress);
   faults.refuse("it would give a public address to two private ones");
   sortOut(matches);
-  if (m_cycles != nullptr) checkCycles();
+  if (m_cycles == nullptr) return;
+  progress.begin("looking for cycles", "rows");
+  checkCycles();
 }
 
 void TableImport::checkCycles() {
@@ -189,8 +193,9 @@ void TableImport::sortOut(std::vector<Match>& matches) {
   }
 }
 
-void TableImport::write(const std::function<void(std::size_t)>& progress) {
-  m_progress = progress;
+void TableImport::write(Progress& progress) {
+  m_progress = &progress;
+  progress.begin("writing", "rows", m_added.size() + m_changed.size() + m_removed.size());
   std::vector<std::string> doomed;
   for (const StoredRow& row : m_removed) doomed.push_back(row.key);
   Entries changed;
@@ -230,7 +235,7 @@ void TableImport::deleteAll(const std::vector<std::string>& keys) {
     if (!full) continue;
     runStatement(m_connection, "delete from " + m_table + " where " + m_format.key + " in( " +
                                    std::exchange(list, "") + " );");
-    count(std::exchange(rows, 0));
+    m_progress->add(std::exchange(rows, 0));
   }
 }
 
@@ -271,7 +276,7 @@ void TableImport::insertBatch(const Entries& entries, std::size_t first, std::si
       });
     }
   }
-  count(last - first);
+  m_progress->add(last - first);
 }
 
 void TableImport::respell(const ChangedRow& row) {
@@ -281,7 +286,7 @@ void TableImport::respell(const ChangedRow& row) {
                                    ", members=" + literal(row.entry->value) +
                                    " where name=" + literal(row.otherKey) + ";");
   });
-  count(1);
+  m_progress->add(1);
 }
 
 template <class Write>
@@ -308,11 +313,6 @@ void TableImport::writeOne(const FileEntry& entry, Write write) {
                       " of table " + m_table + ", which is spelled differently",
                   "nothing was written; use one spelling in the file and the table");
   }
-}
-
-void TableImport::count(std::size_t rows) {
-  m_written += rows;
-  m_progress(m_written);
 }
 
 }  // namespace Tessel::Tool

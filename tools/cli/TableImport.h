@@ -4,7 +4,6 @@
 #define TSL_TOOLS_CLI_TABLEIMPORT_H
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "cli/ImportCycles.h"
+#include "cli/Progress.h"
 #include "cli/TableFile.h"
 #include "cli/TableFormat.h"
 #include "database/Connection.h"
@@ -49,16 +49,16 @@ class TableImport {
   // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
   // until its end. Throws Failure, `BadData`, when an entry does not fit its column, or its public
   // address is that of a row which the file does not mention, or there would be a cycle.
-  void compare(bool toWrite);
+  void compare(bool toWrite, Progress& progress);
 
   [[nodiscard]] const std::vector<const FileEntry*>& added() const { return m_added; }
   [[nodiscard]] const std::vector<ChangedRow>& changed() const { return m_changed; }
   [[nodiscard]] const std::vector<StoredRow>& removed() const { return m_removed; }
   [[nodiscard]] std::size_t left() const { return m_left; }
 
-  // Writes what compare() found and calls `progress` with the number of rows written so far.
-  // Throws Failure, `BadData`, when the server takes an entry for another row.
-  void write(const std::function<void(std::size_t)>& progress);
+  // Writes what compare() found; `progress` counts the rows. Throws Failure, `BadData`, when the
+  // server takes an entry for another row.
+  void write(Progress& progress);
   // Makes it last. Throws Exception: where isOutcomeUnknown() is true it may have taken effect,
   // otherwise it has not.
   void commit();
@@ -84,7 +84,6 @@ class TableImport {
   void insertBatch(const Entries& entries, std::size_t first, std::size_t last,
                    const std::string& statement, const std::string& end);
   void respell(const ChangedRow& row);
-  void count(std::size_t rows);
   [[nodiscard]] std::string insertion() const;
   [[nodiscard]] std::string valuesOf(const FileEntry& entry) const;
   template <class Write>
@@ -101,9 +100,8 @@ class TableImport {
   std::vector<StoredRow> m_removed;
   std::unique_ptr<ImportCycles> m_cycles;  // Null when they are allowed.
   std::size_t m_left = 0;
-  std::size_t m_written = 0;
-  std::size_t m_bytes = 0;  // Of one statement, unless a single row is longer.
-  std::function<void(std::size_t)> m_progress;
+  std::size_t m_bytes = 0;         // Of one statement, unless a single row is longer.
+  Progress* m_progress = nullptr;  // While write() runs.
 };
 
 }  // namespace Tessel::Tool

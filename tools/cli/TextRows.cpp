@@ -39,8 +39,8 @@ class TextParser : public Database::AllRowParser {
 
 class PairParser : public Database::AllRowParser {
  public:
-  // `take` must outlive the parser.
-  explicit PairParser(const TakePair& take) : m_take(take) {}
+  // What is given must outlive the parser; `progress` may be null.
+  PairParser(const TakePair& take, Progress* progress) : m_take(take), m_progress(progress) {}
 
   void parse(void* connection, void* result) override {
     const auto text = [&](void* row, unsigned int column) {
@@ -48,14 +48,17 @@ class PairParser : public Database::AllRowParser {
                               db_result_field_length(result, column));
     };
     const std::int64_t count = db_result_row_num(result);
+    if (m_progress != nullptr) m_progress->setTotal(static_cast<std::uint64_t>(count));
     for (std::int64_t i = 0; i < count; ++i) {
       void* const row = db_result_fetch_row(result, i);
       m_take(text(row, 0), text(row, 1));
+      if (m_progress != nullptr) m_progress->add(1);
     }
   }
 
  private:
   const TakePair& m_take;
+  Progress* m_progress;
 };
 
 }  // namespace
@@ -70,8 +73,8 @@ std::vector<TextRow> selectTexts(Database::Connection& connection, const std::st
 }
 
 void selectPairs(Database::Connection& connection, const std::string& statement,
-                 const TakePair& take) {
-  PairParser parser(take);
+                 const TakePair& take, Progress* progress) {
+  PairParser parser(take, progress);
   Database::Query query(connection, &parser, true);
   query << statement;
   query.execute();

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/Progress.h"
 #include "database/Connection.h"
 
 namespace Tessel::Tool {
@@ -23,9 +24,10 @@ std::vector<TextRow> selectTexts(Database::Connection& connection, const std::st
 using TakePair = std::function<void(std::string_view first, std::string_view second)>;
 
 // Runs `statement` and calls `take` for each row, without copies of the rows. `take` must run no
-// statement on `connection`; what it throws passes. Throws Exception as above.
+// statement on `connection`; what it throws passes. `progress`, where it is given, is told how many
+// rows there are and counts them. Throws Exception as above.
 void selectPairs(Database::Connection& connection, const std::string& statement,
-                 const TakePair& take);
+                 const TakePair& take, Progress* progress = nullptr);
 
 // Runs `statement`, which has no rows. Throws Exception as above.
 void runStatement(Database::Connection& connection, const std::string& statement);

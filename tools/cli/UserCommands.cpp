@@ -104,44 +104,38 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
   return ExitCode::Done;
 }
 
-template <class Run>
-Choice s_choice(const std::string& words, const std::shared_ptr<Arguments>& arguments, Run run) {
-  return {words, Preparation::Database,
-          [arguments, run](Session& session) { return run(session, *arguments); }};
-}
-
 }  // namespace
 
-void addUserCommands(CLI::App& app, Choice& chosen) {
+void addUserCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& group = addGroup(app, "user", "Show and change the mail users of the configuration");
+  Command group = top.group("user", "Show and change the mail users of the configuration");
 
-  CLI::App& add = addCommand(
-      group, "add", "Add a mail user, or change its kind; exit 1 when the domain is unknown",
+  Command add = group.command(
+      "add", "Add a mail user, or change its kind; exit 1 when the domain is unknown",
       "  tsl-address-map user add ann@example.com\n"
       "  tsl-address-map user add room1@example.com --kind shared\n"
       "Prints nothing; with --json {\"address\", \"kind\", \"result\"}, the result being added,"
       " changed or unchanged.\n",
-      chosen, s_choice("user add", arguments, s_add));
-  add.add_option("ADDRESS", arguments->address, "The address of the user")->required();
-  add.add_option("--kind", arguments->kind, s_kindHelp)->option_text("KIND");
+      Preparation::Database, withArguments(s_add, arguments));
+  add.argument("ADDRESS", arguments->address, "The address of the user");
+  add.option("--kind", arguments->kind, "KIND", s_kindHelp);
   addDryRun(add, arguments->dryRun);
 
-  CLI::App& remove = addCommand(group, "remove", "Remove a mail user; exit 1 when there is none",
-                                "  tsl-address-map user remove ann@example.com\n"
-                                "Prints nothing; with --json {\"address\", \"removed\"}.\n",
-                                chosen, s_choice("user remove", arguments, s_remove));
-  remove.add_option("ADDRESS", arguments->address, "The address of the user")->required();
+  Command remove = group.command("remove", "Remove a mail user; exit 1 when there is none",
+                                 "  tsl-address-map user remove ann@example.com\n"
+                                 "Prints nothing; with --json {\"address\", \"removed\"}.\n",
+                                 Preparation::Database, withArguments(s_remove, arguments));
+  remove.argument("ADDRESS", arguments->address, "The address of the user");
   addDryRun(remove, arguments->dryRun);
 
-  CLI::App& list = addCommand(
-      group, "list", "List the mail users of a domain; exit 1 when the domain is unknown",
+  Command list = group.command(
+      "list", "List the mail users of a domain; exit 1 when the domain is unknown",
       "  tsl-address-map user list example.com\n"
       "One per line: ADDRESS<TAB>KIND; with --json a list of {\"address\", \"kind\"}.\n",
-      chosen, s_choice("user list", arguments, s_list));
-  list.add_option("DOMAIN", arguments->domain, "The domain")->required();
+      Preparation::Database, withArguments(s_list, arguments));
+  list.argument("DOMAIN", arguments->domain, "The domain");
 
-  addUserImportCommand(group, chosen);
+  addUserImportCommand(group);
 }
 
 }  // namespace Tessel::Tool

@@ -15,6 +15,7 @@
 #include "cli/Configuration.h"
 #include "cli/DryRun.h"
 #include "cli/Lines.h"
+#include "cli/Progress.h"
 #include "cli/TableFile.h"
 #include "cli/UserNames.h"
 
@@ -87,13 +88,15 @@ class Reader {
         m_domain(arguments.domain.empty() ? "" : parseDomain(arguments.domain)),
         m_faults(m_name) {}
 
-  // Reads and checks the whole file. Throws Failure.
-  UserFile read() {
+  // Reads and checks the whole file; `progress` counts its lines. Throws Failure.
+  UserFile read(Progress& progress) {
+    progress.beginReading(m_arguments.file);
     Lines lines(m_arguments.file, m_name);
     const bool passwd = s_isPasswd(lines);
     requireDomain(passwd);
     std::string_view line;
     while (lines.next(line)) {
+      progress.set(lines.number());
       if (isBlank(line)) continue;
       const std::string fault = passwd ? addAccount(line) : addAddress(line);
       if (!fault.empty()) m_faults.add(lines.number(), fault);
@@ -178,13 +181,18 @@ class Reader {
   std::string m_lastDomain;
 };
 
-Counts s_write(const Session& session, const Users& users, CMF::MailUserKind kind, bool dryRun) {
+Counts s_write(const Session& session, const Users& users, CMF::MailUserKind kind, bool dryRun,
+               Progress& progress) {
+  std::size_t all = 0;
+  for (const auto& [domain, addresses] : users) all += addresses.size();
+  progress.begin("writing", "users", all);
   Counts counts;
   withConfiguration(session, [&] {
     CMF::Writer writer;
     for (const auto& [domain, addresses] : users) {
       for (const EmailAddress& address : addresses) {
         counts.count(writer.addUser(domain, address.local(), kind));
+        progress.add(1);
       }
     }
     // What is not committed has never been.
@@ -195,13 +203,16 @@ Counts s_write(const Session& session, const Users& users, CMF::MailUserKind kin
 
 ExitCode s_import(Session& session, const Arguments& arguments) {
   const CMF::MailUserKind kind = parseUserKind(arguments.kind);
-  const UserFile file = Reader(session, arguments).read();
+  Progress progress;
+  const UserFile file = Reader(session, arguments).read(progress);
   if (file.system != 0) {
     say("left out " + std::to_string(file.system) +
         " system accounts, whose numbers are below 1000 or 65534; --all takes them too");
   }
-  const Counts counts =
-      file.users.empty() ? Counts() : s_write(session, file.users, kind, arguments.dryRun);
+  const Counts counts = file.users.empty()
+                            ? Counts()
+                            : s_write(session, file.users, kind, arguments.dryRun, progress);
+  progress.end();
   answerChange(session,
                Json{{"kind", userKindText(kind)},
                     {"added", counts.added},
@@ -217,10 +228,10 @@ ExitCode s_import(Session& session, const Arguments& arguments) {
 
 }  // namespace
 
-void addUserImportCommand(CLI::App& group, Choice& chosen) {
+void addUserImportCommand(Command& group) {
   const auto arguments = std::make_shared<Arguments>();
-  CLI::App& import = addCommand(
-      group, "import", "Add the mail users of a file, all or none",
+  Command import = group.command(
+      "import", "Add the mail users of a file, all or none",
       "  tsl-address-map user import users.txt\n"
       "  getent passwd | tsl-address-map user import - --domain example.com --dry-run\n"
       "Takes one address per line, or the lines of a password file. The whole file is checked"
@@ -228,16 +239,14 @@ void addUserImportCommand(CLI::App& group, Choice& chosen) {
       " code is 65. Users that are there get the\nkind. Prints how many were added, changed and"
       " unchanged; with --json {\"kind\", \"added\", \"changed\",\n\"unchanged\","
       " \"skipped\"}.\n",
-      chosen, {"user import", Preparation::Database, [arguments](Session& session) {
-                 return s_import(session, *arguments);
-               }});
-  import.add_option("FILE", arguments->file, "The file, or - for standard input")->required();
-  import.add_option("--domain", arguments->domain, "The domain of the names of a password file")
-      ->option_text("DOMAIN");
-  import.add_option("--kind", arguments->kind, s_kindHelp)->option_text("KIND");
-  import.add_flag("--all", arguments->all,
-                  "Take system accounts of a password file too: numbers below 1000, and 65534");
-  import.add_flag("--dry-run", arguments->dryRun, "Write nothing; tell how many would be written");
+      Preparation::Database, withArguments(s_import, arguments));
+  import.argument("FILE", arguments->file, "The file, or - for standard input");
+  import.option("--domain", arguments->domain, "DOMAIN",
+                "The domain of the names of a password file");
+  import.option("--kind", arguments->kind, "KIND", s_kindHelp);
+  import.flag("--all", arguments->all,
+              "Take system accounts of a password file too: numbers below 1000, and 65534");
+  import.flag("--dry-run", arguments->dryRun, "Write nothing; tell how many would be written");
 }
 
 }  // namespace Tessel::Tool

@@ -6,10 +6,6 @@
 #include <exception>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "cli/Command.h"
 #include "cli/Failure.h"
@@ -41,56 +37,29 @@ constexpr char s_footer[] =
     "given. The configuration folder is that of TSL_CMF_PATH, or /var/lib/tsl/cmf.\n"
     "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' tell more.";
 
-// What the option parser leaves in the global options.
-struct RawOptions {
-  std::string local;
-  std::string optionFile;
-  std::string cmf;
-  std::string table;
-  bool json = false;
-  bool verbose = false;
-};
-
-void s_addGlobalOptions(CLI::App& app, RawOptions& options) {
-  app.set_version_flag("--version", "tsl-address-map " TSL_VERSION, "Print the version");
-  app.add_flag("--local", options.local,
-               "Use the private server in DIR (default: $XDG_STATE_HOME/tsl-address-map or"
-               " ~/.local/state/tsl-address-map); started if needed")
-      ->option_text("[=DIR]")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  app.add_option("--option-file", options.optionFile,
-                 "Read this MySQL option file instead of the standard ones")
-      ->option_text("FILE");
-  app.add_option("--cmf", options.cmf, "The configuration folder")->option_text("DIR");
-  app.add_option("--table", options.table, "Use the tables alias_NAME and mask_NAME")
-      ->option_text("NAME");
-  app.add_flag("--json", options.json, "Answer with one JSON document");
-  app.add_flag("--verbose", options.verbose,
-               "Tell what is asked, and show the whole chain of a failure");
+void s_addGlobalOptions(Command& top, Settings& settings) {
+  top.flagWithValue("--local", settings.local, "[=DIR]",
+                    "Use the private server in DIR (default: $XDG_STATE_HOME/tsl-address-map or"
+                    " ~/.local/state/tsl-address-map); started if needed");
+  top.option("--option-file", settings.optionFile, "FILE",
+             "Read this MySQL option file instead of the standard ones");
+  top.option("--cmf", settings.cmf, "DIR", "The configuration folder");
+  top.option("--table", settings.table, "NAME", "Use the tables alias_NAME and mask_NAME");
+  top.flag("--json", settings.json, "Answer with one JSON document");
+  top.flag("--verbose", settings.verbose,
+           "Tell what is asked, show the SQL, and the whole chain of a failure");
 }
 
-void s_addCommands(CLI::App& app, Choice& chosen) {
-  addLocalCommands(app, chosen);
-  addInitCommand(app, chosen);
-  addStatusCommand(app, chosen);
-  addAliasCommands(app, chosen);
-  addMaskCommands(app, chosen);
-  addCheckCommand(app, chosen);
-  addTableCommands(app, chosen);
-  addDomainCommands(app, chosen);
-  addUserCommands(app, chosen);
-}
-
-Settings s_settings(const CLI::App& app, const RawOptions& options) {
-  Settings settings;
-  // The parser gives an option without a value the text "true".
-  if (app.count("--local") > 0) settings.local = options.local == "true" ? "" : options.local;
-  if (app.count("--option-file") > 0) settings.optionFile = options.optionFile;
-  if (app.count("--cmf") > 0) settings.cmf = options.cmf;
-  if (app.count("--table") > 0) settings.table = options.table;
-  settings.json = options.json;
-  settings.verbose = options.verbose;
-  return settings;
+void s_addCommands(Command& top) {
+  addLocalCommands(top);
+  addInitCommand(top);
+  addStatusCommand(top);
+  addAliasCommands(top);
+  addMaskCommands(top);
+  addCheckCommand(top);
+  addTableCommands(top);
+  addDomainCommands(top);
+  addUserCommands(top);
 }
 
 // True for what the parser takes for a list; address literals of domains look like one.
@@ -133,37 +102,20 @@ ExitCode s_run(const Choice& chosen, const Settings& settings) {
 }
 
 ExitCode s_parseAndRun(int argc, char** argv) {
-  CLI::App app{"Looks after the alias tables and address masks of a mail server.",
-               "tsl-address-map"};
-  app.require_subcommand(1);
-  app.footer(s_footer);
-  app.get_formatter()->label("TEXT", "");
-  app.get_formatter()->label("REQUIRED", "");
-  app.get_formatter()->column_width(26);
-  RawOptions options;
-  Choice chosen;
-  s_addGlobalOptions(app, options);
-  s_addCommands(app, chosen);
+  CommandLine line("Looks after the alias tables and address masks of a mail server.", s_footer);
+  Command top = line.top();
+  Settings settings;
+  s_addGlobalOptions(top, settings);
+  s_addCommands(top);
+  const Choice* choice = nullptr;
   try {
     s_refuseParserNotation(argc, argv);
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-      app.exit(error);
-      return ExitCode::Done;
-    }
-    const std::vector<std::string> unknown = app.remaining(true);
-    const bool command = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
-    report(Failure(ExitCode::Usage, "usage",
-                   command && !unknown.empty() ? "there is no command '" + unknown[0] + "'"
-                                               : std::string(error.what()),
-                   "see 'tsl-address-map --help'"));
-    return ExitCode::Usage;
+    choice = line.parse(argc, argv);
   } catch (const Failure& failure) {
     report(failure);
     return failure.code();
   }
-  return s_run(chosen, s_settings(app, options));
+  return choice != nullptr ? s_run(*choice, settings) : ExitCode::Done;
 }
 
 // A socket or file that is opened while a standard descriptor is closed would take its place, and
