@@ -7,9 +7,9 @@
 //
 // Operations: cachedExpandAlias, uncachedExpandAlias, uncachedFindMembers, preload (large, and huge
 // of ten times the rows), preloadPeakMemory, allUsersExpansion, importByTool, importPeakMemory,
-// toolOver, toolPeakMemory, maskForwardHit, maskReverseHit, maskUncached, maskWildcardHit, the
-// parsers and the comparisons of EmailAddress; those named "bare" are what they are measured
-// against.
+// toolOver, toolPeakMemory, toolTree, maskForwardHit, maskReverseHit, maskUncached,
+// maskWildcardHit, the parsers and the comparisons of EmailAddress; those named "bare" are what
+// they are measured against.
 #include <sys/utsname.h>
 
 #include <algorithm>

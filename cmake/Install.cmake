@@ -77,9 +77,17 @@ function(tsl_install_files flavour development_doc tool_doc)
   install(FILES packaging/tsl-address-map.bash RENAME tsl-address-map
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions ${tool})
 
+  # The units run the program where packages put it; elsewhere they are examples.
+  install(FILES packaging/systemd/tsl-address-map.service packaging/systemd/tsl-address-map.socket
+          DESTINATION lib/systemd/system ${tool})
+  install(FILES packaging/systemd/tsl-address-map.sysusers RENAME tsl-address-map.conf
+          DESTINATION lib/sysusers.d ${tool})
+
   install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
           FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN contributing.md EXCLUDE)
-  install(FILES docs/tool.md docs/configuration.md docs/failures.md DESTINATION ${tool_doc} ${tool})
+  install(FILES docs/tool.md docs/serve.md docs/postfix.md docs/sendmail.md docs/opensmtpd.md
+                docs/configuration.md docs/failures.md
+          DESTINATION ${tool_doc} ${tool})
   install(DIRECTORY examples/ DESTINATION ${development_doc}/examples ${development}
           PATTERN examples/CMakeLists.txt EXCLUDE)
 endfunction()

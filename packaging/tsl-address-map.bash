@@ -5,7 +5,7 @@
 # _tsl_address_map_commands GROUP: the words that may follow; none behind a whole command.
 _tsl_address_map_commands() {
   case $1 in
-    "") echo alias check domain init local mask status table user ;;
+    "") echo alias check domain init local mask serve status table user ;;
     alias) echo add drop expand export import list remove set show tree who ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
@@ -31,6 +31,11 @@ _tsl_address_map_options() {
     "mask remove") echo --domain --dry-run ;;
     "mask export") echo --format ;;
     "mask import") echo --dry-run --force --format --replace ;;
+    serve)
+      echo --delimiter --drain-timeout --extension --idle-timeout --listen --log-level \
+        --max-connections --max-reply --max-request --metrics --only --page --refresh \
+        --request-timeout --snapshot --stale --workers
+      ;;
     "table create") echo --dry-run --kind ;;
     "table drop") echo --dry-run --kind --yes ;;
     "user add") echo --dry-run --kind ;;
@@ -43,6 +48,8 @@ _tsl_address_map_values() {
   case "$2 $1" in
     "--format alias "*) echo native jsonl csv virtual aliases ;;
     "--format mask "*) echo native jsonl csv virtual ;;
+    "--extension serve") echo keep drop off ;;
+    "--log-level serve") echo error warning info debug ;;
     "--kind table "*) echo alias mask ;;
     "--kind user "*) echo user disabled shared ;;
   esac
@@ -69,7 +76,8 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|kind|format) ]]; then
+    elif [[ $word == --@(option-file|cmf|table|domain|kind|format) ||
+      $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then
       continue
@@ -93,7 +101,7 @@ _tsl_address_map() {
   case $option in
     "") ;;
     --option-file) _tsl_address_map_files -f ;;
-    --cmf | --local) _tsl_address_map_files -d ;;
+    --cmf | --local | --snapshot) _tsl_address_map_files -d ;;
     *) _tsl_address_map_offer "$(_tsl_address_map_values "$command" "$option")" ;;
   esac
   [[ -z $option ]] || return 0

@@ -122,6 +122,11 @@ std::set<EmailAddress> AddressAliasDbMySQL::expandUncached(const EmailAddress& a
   return expandCached(address);
 }
 
+std::set<EmailAddress> AddressAliasDbMySQL::withAllUsers(const EmailAddress& alias,
+                                                         const Members& members) {
+  return expandAllUsers(alias, members);
+}
+
 void AddressAliasDbMySQL::getAliasNames(std::set<EmailAddress>& names) const {
   select([this](std::ostream& query) { query << "select name, members from " << m_table << ";"; },
          [&names](const auto& rows) {

@@ -78,6 +78,11 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   // Writes the members text of `members` to `stream`.
   static void writeMemberSet(const Members& members, std::ostream& stream);
 
+  // `members`, the expansion of `alias`, or the user mailboxes of the alias's domain when the only
+  // member is the all-users marker of that very domain. The marker stays when the configuration
+  // does not know the domain or cannot be read. Takes no lock of the table.
+  static Members withAllUsers(const EmailAddress& alias, const Members& members);
+
   // True when the cache holds as many entries as the table had rows when they were counted: then an
   // address that is not cached is no alias. Always true for a store made without preload.
   [[nodiscard]] bool isEveryAliasCached() const;

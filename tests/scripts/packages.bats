@@ -72,8 +72,10 @@ tsl-address-map_${version}_$architecture.deb" ]
     sed -E 's|^\./(.*)\.([158])$|/usr/share/man/man\2/\1.\2.gz|')
   contains tsl-address-map /usr/bin/tsl-address-map "${pages[@]}" \
     /usr/share/bash-completion/completions/tsl-address-map \
-    /usr/share/doc/tsl-address-map/{tool,configuration,failures}.md
-  [ "${#pages[@]}" -eq 2 ]
+    /usr/lib/systemd/system/tsl-address-map.{service,socket} \
+    /usr/lib/sysusers.d/tsl-address-map.conf \
+    /usr/share/doc/tsl-address-map/{tool,serve,postfix,sendmail,opensmtpd,configuration,failures}.md
+  [ "${#pages[@]}" -eq 3 ]
 }
 
 @test "the packages need each other in this version, and the libraries that they are linked with" {

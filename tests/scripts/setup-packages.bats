@@ -47,6 +47,27 @@ without() {
   [ ! -e "$calls" ]
 }
 
+@test "Postfix gets no settings, so that the system never starts it" {
+  without postfix
+  printf '#!/bin/bash\nsed "s/^/debconf /" >>"%s"\n' "$calls" >"$bin/debconf-set-selections"
+  chmod +x "$bin/debconf-set-selections"
+  PATH=$bin:$PATH run "$setup_packages" test
+  echo "$output"
+  [ "$status" -eq 0 ]
+  [ "$(sed -n 1p "$calls")" = "debconf postfix postfix/main_mailer_type select No configuration" ]
+  [ "$(sed -n 3p "$calls")" = "apt-get install --yes --quiet --no-install-recommends postfix" ]
+}
+
+@test "another mail server stays" {
+  without postfix
+  printf 'Package: %s\nStatus: install ok installed\nMaintainer: x\nArchitecture: all\nVersion: 1\nProvides: mail-transport-agent\nDescription: x\n\n' \
+    other-mail-server >>"$DPKG_ADMINDIR/status"
+  PATH=$bin:$PATH run "$setup_packages" test
+  echo "$output"
+  [ "$status" -eq 0 ]
+  [ ! -e "$calls" ]
+}
+
 @test "a failing apt-get is a failure" {
   without bats
   printf '#!/bin/bash\nexit 100\n' >"$bin/apt-get"

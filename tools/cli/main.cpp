@@ -10,6 +10,7 @@
 #include "cli/Command.h"
 #include "cli/Failure.h"
 #include "cli/Session.h"
+#include "serve/ServeCommand.h"
 
 namespace Tessel::Tool {
 
@@ -52,6 +53,7 @@ void s_addGlobalOptions(Command& top, Settings& settings) {
 
 void s_addCommands(Command& top) {
   addLocalCommands(top);
+  Serve::addServeCommand(top);
   addInitCommand(top);
   addStatusCommand(top);
   addAliasCommands(top);

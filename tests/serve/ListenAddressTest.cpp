@@ -1,0 +1,152 @@
+// Values of `--listen`: what they mean, and what is said about those that mean nothing.
+#include "serve/ListenAddress.h"
+
+#include <sys/un.h>
+
+#include <optional>
+#include <ostream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cli/Failure.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using testing::HasSubstr;
+using Kind = ListenAddress::Kind;
+
+TEST(ListenAddress, AUnixSocketHasAPathAndNothingElseByDefault) {
+  const ListenAddress address = parseListenAddress("unix:/run/tsl/map.sock");
+  EXPECT_EQ(address.kind, Kind::Unix);
+  EXPECT_FALSE(address.isLineProtocol);
+  EXPECT_EQ(address.path, "/run/tsl/map.sock");
+  EXPECT_FALSE(address.mode);
+  EXPECT_EQ(address.group, "");
+}
+
+TEST(ListenAddress, AUnixSocketMayHaveAModeAndAGroupInAnyOrder) {
+  for (const char* value :
+       {"unix:/a:b,mode=0660,group=postfix", "unix:/a:b,group=postfix,mode=660"}) {
+    const ListenAddress address = parseListenAddress(value);
+    EXPECT_EQ(address.path, "/a:b") << value;
+    EXPECT_EQ(address.mode, std::optional<mode_t>(0660)) << value;
+    EXPECT_EQ(address.group, "postfix") << value;
+  }
+  EXPECT_EQ(parseListenAddress("unix:/a,mode=0").mode, std::optional<mode_t>(0));
+  EXPECT_EQ(parseListenAddress("unix:/a,mode=0777").mode, std::optional<mode_t>(0777));
+  EXPECT_FALSE(parseListenAddress("unix:/a,group=g").mode);
+}
+
+TEST(ListenAddress, ANetworkSocketHasANumericHostAndAPort) {
+  const ListenAddress v4 = parseListenAddress("inet:127.0.0.1:8025");
+  EXPECT_EQ(v4.kind, Kind::Inet);
+  EXPECT_FALSE(v4.isLineProtocol);
+  EXPECT_EQ(v4.host, "127.0.0.1");
+  EXPECT_EQ(v4.port, 8025);
+  EXPECT_EQ(v4.path, "");
+  const ListenAddress v6 = parseListenAddress("inet:[::1]:65535");
+  EXPECT_EQ(v6.kind, Kind::Inet);
+  EXPECT_EQ(v6.host, "::1");
+  EXPECT_EQ(v6.port, 65535);
+  EXPECT_EQ(parseListenAddress("inet:0.0.0.0:0").port, 0);
+  EXPECT_EQ(parseListenAddress("inet:[::ffff:192.0.2.1]:1").host, "::ffff:192.0.2.1");
+}
+
+TEST(ListenAddress, TheLineProtocolIsPartOfTheKind) {
+  const ListenAddress local = parseListenAddress("unix-line:/run/lines,mode=0600");
+  EXPECT_EQ(local.kind, Kind::Unix);
+  EXPECT_TRUE(local.isLineProtocol);
+  EXPECT_EQ(local.path, "/run/lines");
+  EXPECT_EQ(local.mode, std::optional<mode_t>(0600));
+  const ListenAddress network = parseListenAddress("inet-line:[::1]:25");
+  EXPECT_EQ(network.kind, Kind::Inet);
+  EXPECT_TRUE(network.isLineProtocol);
+  EXPECT_EQ(network.port, 25);
+}
+
+TEST(ListenAddress, APathFillsTheSocketAddressAndNoMore) {
+  const std::string longest = "/" + std::string(sizeof(sockaddr_un::sun_path) - 2, 'x');
+  EXPECT_EQ(parseListenAddress("unix:" + longest + ",mode=0600").path, longest);
+  try {
+    parseListenAddress("unix:" + longest + "x");
+    ADD_FAILURE() << "a path without room for its NUL was taken";
+  } catch (const Tool::Failure& failure) {
+    EXPECT_EQ(failure.why(), "the path has 108 bytes; a socket's has at most 107");
+  }
+}
+
+struct Refused {
+  const char* name;
+  const char* value;
+  const char* why;
+};
+
+void PrintTo(const Refused& param, std::ostream* stream) {
+  *stream << testing::PrintToString(param.value);
+}
+
+class ListenAddressRefused : public testing::TestWithParam<Refused> {};
+
+TEST_P(ListenAddressRefused, SaysWhatIsWrongAndGivesAnExample) {
+  try {
+    parseListenAddress(GetParam().value);
+    ADD_FAILURE() << "taken: " << GetParam().value;
+  } catch (const Tool::Failure& failure) {
+    EXPECT_EQ(failure.code(), Tool::ExitCode::Usage);
+    EXPECT_EQ(failure.subject(), "--listen '" + std::string(GetParam().value) + "'");
+    EXPECT_THAT(failure.why(), HasSubstr(GetParam().why));
+    EXPECT_THAT(failure.hint(), HasSubstr("write "));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, ListenAddressRefused,
+    testing::Values(Refused{"Empty", "", "kind of socket"},
+                    Refused{"PathAlone", "/run/map", "kind of socket"},
+                    Refused{"KindAlone", "unix", "kind of socket"},
+                    Refused{"UnknownKind", "tcp:127.0.0.1:1", "kind of socket"},
+                    Refused{"LargeKind", "UNIX:/a", "kind of socket"},
+                    Refused{"HostAlone", "127.0.0.1:1", "kind of socket"},
+                    Refused{"Newline", "unix:/a\nb", "control characters"},
+                    Refused{"NoPath", "unix:", "path is missing"},
+                    Refused{"NoPathButMode", "unix:,mode=0600", "path is missing"},
+                    Refused{"RelativePath", "unix:run/map", "relative"},
+                    Refused{"AbstractPath", "unix:@map", "relative"},
+                    Refused{"Folder", "unix:/run/", "names a folder"},
+                    Refused{"UnknownOption", "unix:/a,user=root", "'user=root' is neither"},
+                    Refused{"OptionWithoutName", "unix:/a,,mode=0600", "'' is neither"},
+                    Refused{"LastComma", "unix:/a,", "last comma"},
+                    Refused{"LastCommaBehindOption", "unix:/a,mode=0600,", "last comma"},
+                    Refused{"ModeNotOctal", "unix:/a,mode=0680", "'0680' are no permissions"},
+                    Refused{"ModeTooLarge", "unix:/a,mode=1777", "'1777' are no permissions"},
+                    Refused{"ModeEmpty", "unix:/a,mode=", "'' are no permissions"},
+                    Refused{"ModeWithSign", "unix:/a,mode=-1", "'-1' are no permissions"},
+                    Refused{"ModeWithLetters", "unix:/a,mode=rw", "'rw' are no permissions"},
+                    Refused{"ModeTwice", "unix:/a,mode=0600,mode=0600", "mode is there twice"},
+                    Refused{"GroupEmpty", "unix:/a,group=", "group has no name"},
+                    Refused{"GroupTwice", "unix:/a,group=a,group=b", "group is there twice"},
+                    Refused{"NoHostAndPort", "inet:", "port is missing"},
+                    Refused{"NoPort", "inet:127.0.0.1", "port is missing"},
+                    Refused{"EmptyPort", "inet:127.0.0.1:", "'' is no port"},
+                    Refused{"NoHost", "inet::8025", "'' is no IPv4 address"},
+                    Refused{"PortAlone", "inet:8025", "port is missing"},
+                    Refused{"HostName", "inet:localhost:8025", "names are not looked up"},
+                    Refused{"ShortHost", "inet:127.1:8025", "'127.1' is no IPv4 address"},
+                    Refused{"PortTooLarge", "inet:127.0.0.1:65536", "'65536' is no port"},
+                    Refused{"PortHuge", "inet:127.0.0.1:99999999999", "'99999999999' is no port"},
+                    Refused{"PortWithSign", "inet:127.0.0.1:+1", "'+1' is no port"},
+                    Refused{"PortName", "inet:127.0.0.1:smtp", "'smtp' is no port"},
+                    Refused{"BareIPv6", "inet:::1:8025", "stands in brackets"},
+                    Refused{"OpenBracket", "inet:[::1:8025", "']' is missing"},
+                    Refused{"IPv6WithoutPort", "inet:[::1]", "port is missing"},
+                    Refused{"IPv6WithoutColon", "inet:[::1]8025", "port is missing"},
+                    Refused{"IPv6EmptyPort", "inet:[::1]:", "'' is no port"},
+                    Refused{"IPv4InBrackets", "inet:[127.0.0.1]:8025", "is no IPv6 address"},
+                    Refused{"EmptyBrackets", "inet:[]:8025", "'' is no IPv6 address"}),
+    [](const auto& refused) { return std::string(refused.param.name); });
+
+}  // namespace
+}  // namespace Tessel::Serve

@@ -1,0 +1,282 @@
+// Sockets to listen at: the file of a Unix socket is the service's own, and nobody else's is
+// touched.
+#include "serve/ListenSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "cli/Failure.h"
+#include "support/ScratchFile.h"
+
+namespace Tessel::Serve {
+namespace {
+
+// A socket of the tests themselves.
+class PlainSocket {
+ public:
+  explicit PlainSocket(int type, int family = AF_UNIX)
+      : m_descriptor(socket(family, type | SOCK_CLOEXEC, 0)) {}
+  ~PlainSocket() { close(m_descriptor); }
+  PlainSocket(const PlainSocket&) = delete;
+  PlainSocket& operator=(const PlainSocket&) = delete;
+
+  [[nodiscard]] int descriptor() const { return m_descriptor; }
+
+  [[nodiscard]] bool bindTo(const std::string& path) const {
+    const sockaddr_un address = addressOf(path);
+    return bind(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  }
+  [[nodiscard]] bool connectTo(const std::string& path) const {
+    const sockaddr_un address = addressOf(path);
+    return connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  }
+
+ private:
+  static sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+  }
+
+  int m_descriptor;
+};
+
+bool s_canConnect(const std::string& path) {
+  return PlainSocket(SOCK_STREAM).connectTo(path);
+}
+
+class ListenSocketTest : public testing::Test {
+ protected:
+  [[nodiscard]] ListenAddress address() const {
+    ListenAddress address;
+    address.path = path();
+    return address;
+  }
+  [[nodiscard]] std::string path() const { return m_scratch.folder() + "/socketmap"; }
+  [[nodiscard]] std::size_t files() const {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(m_scratch.folder())) {
+      count += entry.exists() || entry.is_symlink() ? 1U : 0U;
+    }
+    return count;
+  }
+  [[nodiscard]] struct stat status() const {
+    struct stat status {};
+    EXPECT_EQ(lstat(path().c_str(), &status), 0);
+    return status;
+  }
+
+  // Why there is no listening at `address`; empty when there is.
+  static std::string refusal(const ListenAddress& address) {
+    try {
+      const ListenSocket socket(address);
+    } catch (const Tool::Failure& failure) {
+      EXPECT_EQ(failure.code(), Tool::ExitCode::Configuration);
+      return failure.why();
+    }
+    return "";
+  }
+
+  Testing::ScratchFile m_scratch;
+};
+
+TEST_F(ListenSocketTest, AUnixSocketCanBeConnectedToAndGoesWithItsObject) {
+  {
+    const ListenSocket socket(address());
+    EXPECT_TRUE(s_canConnect(path()));
+    EXPECT_EQ(socket.name(), path());
+    EXPECT_FALSE(socket.isLineProtocol());
+    EXPECT_EQ(fcntl(socket.descriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(fcntl(socket.descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+    EXPECT_EQ(files(), 1U);
+  }
+  EXPECT_EQ(files(), 0U);
+}
+
+TEST_F(ListenSocketTest, TheFileHasItsMode) {
+  const mode_t before = umask(0);
+  {
+    const ListenSocket socket(address());
+    EXPECT_EQ(status().st_mode & 07777U, 0660U);
+  }
+  ListenAddress open = address();
+  open.mode = 0606;
+  {
+    const ListenSocket socket(open);
+    EXPECT_EQ(status().st_mode & 07777U, 0606U);
+  }
+  EXPECT_EQ(umask(before), 0U);
+}
+
+TEST_F(ListenSocketTest, TheFileHasItsGroup) {
+  // Root may give it to any group, others to their own.
+  const group* const group = getgrgid(getuid() == 0 ? 1 : getgid());
+  ASSERT_NE(group, nullptr);
+  const gid_t wanted = group->gr_gid;
+  ListenAddress grouped = address();
+  grouped.group = group->gr_name;
+  const ListenSocket socket(grouped);
+  EXPECT_EQ(status().st_gid, wanted);
+}
+
+TEST_F(ListenSocketTest, AGroupThatIsNotThereIsRefusedAndLeavesNothing) {
+  ListenAddress grouped = address();
+  grouped.group = "no-such-group";
+  const int next = dup(STDIN_FILENO);
+  close(next);
+  EXPECT_EQ(refusal(grouped), "there is no group 'no-such-group'");
+  EXPECT_EQ(files(), 0U);
+  const int after = dup(STDIN_FILENO);
+  close(after);
+  EXPECT_EQ(after, next) << "a descriptor was left open";
+}
+
+TEST_F(ListenSocketTest, TheSocketOfAServiceThatCrashedIsReplaced) {
+  {
+    const PlainSocket crashed(SOCK_STREAM);
+    ASSERT_TRUE(crashed.bindTo(path()));
+  }
+  EXPECT_EQ(files(), 1U);
+  const ListenSocket socket(address());
+  EXPECT_TRUE(s_canConnect(path()));
+}
+
+TEST_F(ListenSocketTest, ASocketThatIsInUseIsRefused) {
+  const ListenSocket first(address());
+  EXPECT_EQ(refusal(address()), "another service listens there");
+  EXPECT_TRUE(s_canConnect(path()));
+  EXPECT_EQ(files(), 1U);
+}
+
+TEST_F(ListenSocketTest, ASocketWithAFullQueueIsInUse) {
+  const PlainSocket other(SOCK_STREAM);
+  ASSERT_TRUE(other.bindTo(path()));
+  ASSERT_EQ(listen(other.descriptor(), 0), 0);
+  const PlainSocket waiting(SOCK_STREAM);
+  ASSERT_TRUE(waiting.connectTo(path()));
+  EXPECT_EQ(refusal(address()), "another service listens there");
+}
+
+TEST_F(ListenSocketTest, ASocketForDatagramsIsInUse) {
+  const PlainSocket other(SOCK_DGRAM);
+  ASSERT_TRUE(other.bindTo(path()));
+  EXPECT_EQ(refusal(address()), "another service listens there");
+  EXPECT_TRUE(PlainSocket(SOCK_DGRAM).connectTo(path()));
+}
+
+TEST_F(ListenSocketTest, AnyOtherFileIsRefusedAndStays) {
+  std::ofstream(path()) << "precious";
+  EXPECT_EQ(refusal(address()), "there is another file");
+  EXPECT_EQ(std::filesystem::file_size(path()), 8U);
+  std::filesystem::remove(path());
+  std::filesystem::create_directory(path());
+  EXPECT_EQ(refusal(address()), "there is another file");
+  std::filesystem::remove(path());
+  std::filesystem::create_symlink(m_scratch.folder() + "/elsewhere", path());
+  EXPECT_EQ(refusal(address()), "there is another file");
+  EXPECT_EQ(files(), 1U);
+}
+
+TEST_F(ListenSocketTest, AFileThatAnotherServicePutThereStays) {
+  auto first = std::make_unique<ListenSocket>(address());
+  std::filesystem::remove(path());
+  const ListenSocket second(address());
+  first.reset();
+  EXPECT_TRUE(s_canConnect(path()));
+  EXPECT_EQ(files(), 1U);
+}
+
+TEST_F(ListenSocketTest, AFolderThatIsNotThereIsRefused) {
+  ListenAddress lost = address();
+  lost.path = m_scratch.folder() + "/gone/socketmap";
+  EXPECT_NE(refusal(lost), "");
+}
+
+TEST_F(ListenSocketTest, AMovedSocketKeepsItsFileAndAReleasedOneToo) {
+  std::optional<ListenSocket> first(std::in_place, address());
+  {
+    ListenSocket second(std::move(*first));
+    first.reset();
+    EXPECT_TRUE(s_canConnect(path()));
+    const int descriptor = second.release();
+    EXPECT_EQ(second.descriptor(), -1);
+    close(descriptor);
+    EXPECT_EQ(files(), 1U);
+  }
+  EXPECT_EQ(files(), 0U);
+}
+
+TEST_F(ListenSocketTest, ANetworkSocketListensAtItsAddress) {
+  ListenAddress inet;
+  inet.kind = ListenAddress::Kind::Inet;
+  inet.isLineProtocol = true;
+  inet.host = "127.0.0.1";
+  const ListenSocket socket(inet);
+  EXPECT_TRUE(socket.isLineProtocol());
+  sockaddr_in bound{};
+  socklen_t size = sizeof(bound);
+  ASSERT_EQ(getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&bound), &size), 0);
+  EXPECT_EQ(socket.name(), "127.0.0.1:" + std::to_string(ntohs(bound.sin_port)));
+  const PlainSocket client(SOCK_STREAM, AF_INET);
+  EXPECT_EQ(connect(client.descriptor(), reinterpret_cast<sockaddr*>(&bound), size), 0);
+  inet.port = ntohs(bound.sin_port);
+  EXPECT_NE(refusal(inet), "");
+}
+
+// Calls `inheritedSockets` in a process that was given the socket `descriptor` as systemd does;
+// what it exits with: the number of sockets, or 99 for a refusal.
+int s_inherit(int descriptor, const char* name) {
+  const pid_t child = fork();
+  if (child == 0) {
+    // As systemd does: from descriptor 3 on, for this process only.
+    if (descriptor != 3 && dup2(descriptor, 3) != 3) _exit(100);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_FDNAMES", name, 1);
+    try {
+      const auto sockets = inheritedSockets();
+      const bool isLine = sockets.size() == 1 && sockets[0].isLineProtocol();
+      _exit(static_cast<int>(sockets.size()) + (isLine ? 10 : 0));
+    } catch (const Tool::Failure&) {
+      _exit(99);
+    }
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(ListenSocketTest, SocketsOfSystemdAreTakenOverWithTheirNames) {
+  EXPECT_TRUE(inheritedSockets().empty());
+  const ListenSocket socket(address());
+  EXPECT_EQ(s_inherit(socket.descriptor(), "socketmap"), 1);
+  EXPECT_EQ(s_inherit(socket.descriptor(), "line"), 11);
+}
+
+TEST_F(ListenSocketTest, WhatIsNoListeningStreamSocketIsNotTakenOver) {
+  EXPECT_EQ(s_inherit(PlainSocket(SOCK_STREAM).descriptor(), "x"), 99);
+  const PlainSocket datagrams(SOCK_DGRAM);
+  ASSERT_TRUE(datagrams.bindTo(path()));
+  EXPECT_EQ(s_inherit(datagrams.descriptor(), "x"), 99);
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

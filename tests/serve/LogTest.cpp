@@ -1,0 +1,132 @@
+// The log: which lines there are, and what may stand in them.
+#include "serve/Log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Tessel::Serve {
+namespace {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+// Takes what is written to standard error while in scope.
+class ErrorOutput {
+ public:
+  ErrorOutput() { testing::internal::CaptureStderr(); }
+  ~ErrorOutput() {
+    if (!m_isTaken) testing::internal::GetCapturedStderr();
+  }
+  ErrorOutput(const ErrorOutput&) = delete;
+  ErrorOutput& operator=(const ErrorOutput&) = delete;
+
+  // The lines, once.
+  std::vector<std::string> lines() {
+    m_isTaken = true;
+    std::istringstream stream(testing::internal::GetCapturedStderr());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+  }
+
+ private:
+  bool m_isTaken = false;
+};
+
+// The lines that a log of `level` has of one message of each level.
+std::vector<std::string> s_linesOf(LogLevel level) {
+  ErrorOutput output;
+  Log log(level);
+  log.error("one");
+  log.warning("two");
+  log.info("three");
+  log.debug("four");
+  return output.lines();
+}
+
+class LogTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* const stream = getenv("JOURNAL_STREAM")) m_before = stream;
+    unsetenv("JOURNAL_STREAM");
+  }
+  void TearDown() override {
+    if (m_before.empty()) {
+      unsetenv("JOURNAL_STREAM");
+    } else {
+      setenv("JOURNAL_STREAM", m_before.c_str(), 1);
+    }
+  }
+
+ private:
+  std::string m_before;
+};
+
+TEST_F(LogTest, HasLinesUpToItsLevel) {
+  EXPECT_THAT(s_linesOf(LogLevel::Error), ElementsAre("tsl-address-map: error: one"));
+  EXPECT_THAT(s_linesOf(LogLevel::Warning), SizeIs(2));
+  EXPECT_THAT(s_linesOf(LogLevel::Info), SizeIs(3));
+  EXPECT_THAT(s_linesOf(LogLevel::Debug),
+              ElementsAre("tsl-address-map: error: one", "tsl-address-map: warning: two",
+                          "tsl-address-map: info: three", "tsl-address-map: debug: four"));
+  EXPECT_FALSE(Log(LogLevel::Info).isDebug());
+  EXPECT_TRUE(Log(LogLevel::Debug).isDebug());
+}
+
+TEST_F(LogTest, GivesTheJournalPriorities) {
+  setenv("JOURNAL_STREAM", "8:1", 1);
+  EXPECT_THAT(s_linesOf(LogLevel::Debug), ElementsAre("<3>one", "<4>two", "<6>three", "<7>four"));
+}
+
+TEST_F(LogTest, AMessageIsOneLineWithoutControlCharacters) {
+  ErrorOutput output;
+  Log log(LogLevel::Info);
+  log.info(std::string("a\nb\x1b[2Jc\0d\xff\x7f", 12));
+  EXPECT_THAT(output.lines(),
+              ElementsAre("tsl-address-map: info: a\\x0ab\\x1b[2Jc\\x00d\\xff\\x7f"));
+}
+
+TEST_F(LogTest, ALineThatCannotBeWrittenIsLost) {
+  const int before = dup(STDERR_FILENO);
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_NE(full, -1);
+  dup2(full, STDERR_FILENO);
+  Log(LogLevel::Info).error("nobody reads this");
+  dup2(before, STDERR_FILENO);
+  close(full);
+  close(before);
+  ErrorOutput output;
+  Log(LogLevel::Info).error("but this");
+  EXPECT_THAT(output.lines(), ElementsAre("tsl-address-map: error: but this"));
+}
+
+TEST_F(LogTest, LinesOfThreadsStayWhole) {
+  ErrorOutput output;
+  Log log(LogLevel::Info);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&log, i] {
+      const std::string text(200, static_cast<char>('a' + i));
+      for (int n = 0; n < 50; ++n) log.info(text);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::vector<std::string> lines = output.lines();
+  EXPECT_THAT(lines, SizeIs(200));
+  for (const std::string& line : lines) {
+    const std::string text = line.substr(line.size() - 200);
+    EXPECT_EQ(line, "tsl-address-map: info: " + std::string(200, text[0]));
+  }
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

@@ -1,0 +1,496 @@
+// Replies to the requests of mail servers, from tables in memory. What must never happen: "not
+// found" for what is not known, an empty "OK", and somebody else's address.
+#include "serve/Lookup.h"
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/serve/ServeSupport.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsSupersetOf;
+using testing::SizeIs;
+using testing::StartsWith;
+
+class LookupTest : public testing::Test {
+ protected:
+  // The reply to `request`, after the settings of the test.
+  std::string ask(std::string_view request) {
+    if (m_lookup == nullptr) {
+      m_lookup = std::make_unique<Lookup>(m_settings, m_tables, m_metrics, m_log);
+    }
+    return m_lookup->reply(request);
+  }
+
+  // Has the table `sqlName` answer with `rows`.
+  void serve(const std::string& sqlName, const Rows& rows, Clock::time_point time = Clock::now()) {
+    publishRows(*m_tables.add(sqlName), rows, time);
+  }
+
+  // How often an answer was taken from the cache.
+  std::string hits() {
+    std::istringstream lines(m_metrics.text(m_tables, Clock::now()));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("tsl_address_map_cache_hits_total ")) return line.substr(33);
+    }
+    return "none";
+  }
+
+  Settings m_settings;
+  Tables m_tables{m_settings};
+  Metrics m_metrics;
+  Log m_log{LogLevel::Error};
+  std::unique_ptr<Lookup> m_lookup;
+};
+
+// The addresses of an OK reply.
+std::vector<std::string> s_list(const std::string& reply) {
+  EXPECT_THAT(reply, StartsWith("OK "));
+  std::vector<std::string> addresses;
+  std::istringstream stream(reply.substr(3));
+  for (std::string address; std::getline(stream, address, ',');) addresses.push_back(address);
+  EXPECT_FALSE(addresses.empty());
+  return addresses;
+}
+
+// `count` addresses as the members of a row.
+std::string s_members(int count, const std::string& start = "user") {
+  std::string members;
+  for (int i = 0; i < count; ++i) {
+    members += (i == 0 ? "" : ",") + start + std::to_string(1000000 + i) + "@d.example";
+  }
+  return members;
+}
+
+TEST_F(LookupTest, EachMapAnswersFromItsTable) {
+  serve("alias", {{"team@d.example", "b@d.example,a@d.example"}});
+  serve("alias_second", {{"team@d.example", "c@d.example"}});
+  serve("mask", {{"ann@in.example", "a.lee@out.example"}});
+  serve("mask_second", {{"ann@in.example", "second@out.example"}});
+  EXPECT_EQ(ask("alias team@d.example"), "OK a@d.example,b@d.example");
+  EXPECT_EQ(ask("alias:second TEAM@d.example"), "OK c@d.example");
+  EXPECT_EQ(ask("mask_public ann@in.example"), "OK a.lee@out.example");
+  EXPECT_EQ(ask("mask_private a.lee@out.example"), "OK ann@in.example");
+  EXPECT_EQ(ask("mask_public:second ann@in.example"), "OK second@out.example");
+  EXPECT_EQ(ask("mask_private:second second@out.example"), "OK ann@in.example");
+  EXPECT_EQ(ask("alias nobody@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_public a.lee@out.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_private ann@in.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, WhatIsNoRequestOrAsksForNoMapIsRefusedForGood) {
+  serve("alias", {});
+  for (const char* request : {"", "alias", "alias\tteam@d.example", "nomap a@d.example",
+                              " a@d.example", "ALIAS a@d.example", "aliases a@d.example",
+                              "mailbox:second a@d.example", "domain: d.example"}) {
+    EXPECT_THAT(ask(request), StartsWith("PERM ")) << request;
+  }
+  EXPECT_EQ(ask("alias "), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, ATableThatIsNotServedIsATemporaryFailure) {
+  serve("alias", {});
+  for (const char* request :
+       {"alias:other a@d.example", "mask_public a@d.example", "mask_private:x a@d.example",
+        "alias:`; drop a@d.example", "alias:second:third a@d.example"}) {
+    EXPECT_EQ(ask(request), "TEMP there is no such table") << request;
+  }
+  // It may come later.
+  serve("alias_other", {{"a@d.example", "b@d.example"}});
+  EXPECT_EQ(ask("alias:other a@d.example"), "OK b@d.example");
+}
+
+TEST_F(LookupTest, ATableWithoutAnImageIsATemporaryFailure) {
+  m_tables.add("alias");
+  m_tables.add("mask");
+  for (const char* request : {"alias a@d.example", "alias no address", "mask_public a@d.example",
+                              "mask_private a@d.example"}) {
+    EXPECT_EQ(ask(request), "TEMP the table could not be read yet") << request;
+  }
+  serve("alias", {{"a@d.example", "b@d.example"}});
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+}
+
+TEST_F(LookupTest, AnImageAnswersAlikeUntilItIsTooOldAndNotAtAllThen) {
+  m_settings.stale = minutes(10);
+  const TablePointer table = m_tables.add("alias");
+  publishRows(*table, {{"a@d.example", "b@d.example"}});
+  for (const auto age : {minutes(0), minutes(1), minutes(9)}) {
+    table->confirm(Clock::now() - age);
+    EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example") << age.count();
+    EXPECT_EQ(ask("alias x@d.example"), "NOTFOUND ") << age.count();
+  }
+  table->confirm(Clock::now() - minutes(11));
+  for (const char* request : {"alias a@d.example", "alias x@d.example", "alias no address"}) {
+    EXPECT_THAT(ask(request), HasSubstr("TEMP the database cannot be asked")) << request;
+  }
+  table->confirm(Clock::now());
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_EQ(ask("alias x@d.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, WithoutALimitAnImageAnswersForEver) {
+  m_settings.stale.reset();
+  serve("alias", {{"a@d.example", "b@d.example"}}, Clock::now() - hours(10000));
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_EQ(ask("alias x@d.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, TheShortestLimitLeavesTimeToLookAtTheTable) {
+  m_settings.stale = seconds(0);
+  serve("alias", {{"a@d.example", "b@d.example"}}, Clock::now() - seconds(1));
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  m_tables.find("alias")->confirm(Clock::now() - seconds(6));
+  EXPECT_THAT(ask("alias a@d.example"), StartsWith("TEMP "));
+}
+
+TEST_F(LookupTest, AnAliasThatReachesNobodyIsRefusedForGood) {
+  serve("alias", {{"a@d.example", "b@d.example"}, {"b@d.example", "a@d.example"}});
+  EXPECT_EQ(ask("alias a@d.example"), "PERM this alias reaches nobody");
+  EXPECT_EQ(ask("alias a+tag@d.example"), "PERM this alias reaches nobody");
+}
+
+TEST_F(LookupTest, AnAliasThatCannotBeReadIsATemporaryFailure) {
+  serve("alias", {{"a@d.example", "no address"},
+                  {"b@d.example", ""},
+                  {"c@d.example", "x@d.example,a@d.example"}});
+  for (const char* request :
+       {"alias a@d.example", "alias b@d.example", "alias a+tag@d.example", "alias c@d.example"}) {
+    EXPECT_EQ(ask(request), "TEMP the row of this alias cannot be read") << request;
+  }
+}
+
+TEST_F(LookupTest, AnAliasForAllUsersThatCannotBeToldIsATemporaryFailure) {
+  serve("alias", {{"all@d.example", "allusers_d.example"}});
+  const char* const reply =
+      "TEMP this alias stands for all users of a domain, which cannot be told";
+  {
+    const NoDomains none;
+    EXPECT_EQ(ask("alias all@d.example"), reply);
+  }
+  const ServedDomains served;
+  // A failure is not remembered.
+  EXPECT_EQ(ask("alias all@d.example"), "OK Alice@d.example,bob@d.example");
+}
+
+TEST_F(LookupTest, AnExtensionIsKeptInTheAnswerForTheAddressWithoutIt) {
+  serve("alias", {{"team@d.example", "a@d.example,b+own@d.example,\"c d\"@d.example,noDomain"},
+                  {"team+vip@d.example", "vip@d.example"}});
+  EXPECT_EQ(ask("alias team+tag@d.example"),
+            "OK a+tag@d.example,b+own@d.example,\"c d+tag\"@d.example,noDomain");
+  EXPECT_EQ(ask("alias team+Tag+more@d.example"),
+            "OK a+Tag+more@d.example,b+own@d.example,\"c d+Tag+more\"@d.example,noDomain");
+  // The longer name comes first.
+  EXPECT_EQ(ask("alias team+vip@d.example"), "OK vip@d.example");
+  // What would need quotes is left out.
+  EXPECT_EQ(ask("alias team+a b@d.example"),
+            "OK a@d.example,b+own@d.example,\"c d+a b\"@d.example,noDomain");
+  EXPECT_EQ(ask("alias other+tag@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias +tag@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias \"team+tag\"@d.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, AnExtensionThatWouldMakeAnAddressTooLongIsLeftOut) {
+  const std::string longName(60, 'l');
+  serve("alias", {{"team@d.example", longName + "@d.example,b@d.example"}});
+  EXPECT_EQ(ask("alias team+extension@d.example"),
+            "OK b+extension@d.example," + longName + "@d.example");
+}
+
+TEST_F(LookupTest, AnExtensionCanBeDroppedOrMeanNothing) {
+  serve("alias", {{"team@d.example", "a@d.example"}});
+  serve("mask", {{"ann@in.example", "a.lee@out.example"}});
+  m_settings.extension = ExtensionRule::Drop;
+  EXPECT_EQ(ask("alias team+tag@d.example"), "OK a@d.example");
+  EXPECT_EQ(ask("mask_public ann+tag@in.example"), "OK a.lee@out.example");
+  m_settings.extension = ExtensionRule::Off;
+  m_lookup.reset();
+  EXPECT_EQ(ask("alias team+tag@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_public ann+tag@in.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias team@d.example"), "OK a@d.example");
+}
+
+TEST_F(LookupTest, AnotherDelimiterCutsAtItButNotInNamesOfLists) {
+  m_settings.delimiter = "-";
+  serve("alias",
+        {{"team@d.example", "a@d.example,owner-x@d.example"}, {"owner@d.example", "o@d.example"}});
+  EXPECT_EQ(ask("alias team-tag@d.example"), "OK a-tag@d.example,owner-x-tag@d.example");
+  EXPECT_EQ(ask("alias owner-team@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias team-request@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias team+tag@d.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, AMaskOfItsOwnComesBeforeTheWildcardAlsoWithAnExtension) {
+  serve("mask", {{"ann@in.example", "a.lee@out.example"}, {"*@in.example", "*@all.example"}});
+  EXPECT_EQ(ask("mask_public ann@in.example"), "OK a.lee@out.example");
+  EXPECT_EQ(ask("mask_public ann+tag@in.example"), "OK a.lee+tag@out.example");
+  EXPECT_EQ(ask("mask_public bob@in.example"), "OK bob@all.example");
+  EXPECT_EQ(ask("mask_public Bob+Tag@IN.example"), "OK Bob+Tag@all.example");
+  EXPECT_EQ(ask("mask_private A.Lee+tag@out.example"), "OK ann+tag@in.example");
+  EXPECT_EQ(ask("mask_private bob@all.example"), "OK bob@in.example");
+}
+
+TEST_F(LookupTest, AWildcardTakesEveryLocalPartThatIsAnAddressThere) {
+  const std::string label(60, 'o');
+  const std::string domain = label + "." + label + "." + label + "." + label;
+  serve("mask", {{"*@in.example", "*@out.example"}, {"*@b\u00fccher.example", "*@" + domain}});
+  EXPECT_EQ(ask("mask_public \"a b\"@in.example"), "OK \"a b\"@out.example");
+  EXPECT_EQ(ask("mask_public a b@in.example"), "OK \"a b\"@out.example");
+  EXPECT_EQ(ask("mask_public \"a@b\"@in.example"), "OK \"a@b\"@out.example");
+  EXPECT_EQ(ask("mask_public J\u00f6rg@in.example"), "OK J\u00f6rg@out.example");
+  EXPECT_EQ(ask("mask_public *@in.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_public \"*\"@in.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_private *@out.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_public ann@xn--bcher-kva.example"), "OK ann@" + domain);
+  // Too long an address.
+  EXPECT_EQ(ask("mask_public a.long.name@xn--bcher-kva.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, WhoseMaskCannotBeReadIsNotShownWithoutIt) {
+  serve("mask", {{"ann@in.example", "no address"},
+                 {"*@in.example", "*@out.example"},
+                 {"no address", "bob@out.example"},
+                 {"*@lost.example", "*@"},
+                 {"*", "*@back.example"}});
+  for (const char* request :
+       {"mask_public ann@in.example", "mask_public ann+tag@in.example",
+        "mask_public any@lost.example", "mask_private bob@out.example",
+        "mask_private bob+tag@out.example", "mask_private any@back.example"}) {
+    EXPECT_EQ(ask(request), "TEMP the row of this address cannot be read") << request;
+  }
+  EXPECT_EQ(ask("mask_public bob@in.example"), "OK bob@out.example");
+  EXPECT_EQ(ask("mask_private ann@out.example"), "OK ann@in.example");
+}
+
+TEST_F(LookupTest, KeysThatAreNoAddressAreNotFoundInAnyMap) {
+  const ServedDomains served;
+  serve("alias", {{"a@d.example", "b@d.example"}});
+  serve("mask", {{"a@d.example", "b@d.example"}, {"*@d.example", "*@e.example"}});
+  const std::vector<std::string> keys = {"",
+                                         "d.example",
+                                         "@d.example",
+                                         "a@",
+                                         "*",
+                                         "\"\"",
+                                         "\"\"@d.example",
+                                         "user@[192.0.2.1]",
+                                         "a@b@d.example",
+                                         "a@d.example@",
+                                         "\"a\"@x@d.example",
+                                         "<a@d.example>",
+                                         " ",
+                                         "a@d.example ",
+                                         "a@d.example\n",
+                                         std::string(10000, 'x'),
+                                         std::string(10000, 'x') + "@d.example",
+                                         "\xff\xfe@d.example",
+                                         std::string("a\0@d.example", 12),
+                                         std::string("a@d.example\0", 12)};
+  for (const char* map : {"alias", "mask_public", "mask_private", "mailbox"}) {
+    for (const std::string& key : keys) {
+      EXPECT_EQ(ask(std::string(map) + " " + key), "NOTFOUND ") << map << " " << key;
+      EXPECT_EQ(ask(std::string(map) + " " + key), "NOTFOUND ") << map << " " << key;
+    }
+  }
+  EXPECT_EQ(ask("alias \"a\"@d.example"), "OK b@d.example");
+  EXPECT_EQ(ask("mask_public \"A\"@d.example"), "OK b@d.example");
+}
+
+TEST_F(LookupTest, MailboxesAreTheUsersThatAreNotDisabled) {
+  const ServedDomains served;
+  EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mailbox BOB@D.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mailbox alice@d.example"), "OK alice@d.example");
+  EXPECT_EQ(ask("mailbox room@d.example"), "OK room@d.example");
+  EXPECT_EQ(ask("mailbox \"bob\"@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mailbox bob+tag@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mailbox ann@b\u00fccher.example"), "OK ann@xn--bcher-kva.example");
+  for (const char* request :
+       {"mailbox gone@d.example", "mailbox gone+tag@d.example", "mailbox nobody@d.example",
+        "mailbox bob@unknown.example", "mailbox bob@empty.example", "mailbox d.example"}) {
+    EXPECT_EQ(ask(request), "NOTFOUND ") << request;
+  }
+}
+
+TEST_F(LookupTest, DomainsAreThoseOfTheConfiguration) {
+  const ServedDomains served;
+  EXPECT_EQ(ask("domain d.example"), "OK d.example");
+  EXPECT_EQ(ask("domain EMPTY.Example"), "OK empty.example");
+  EXPECT_EQ(ask("domain B\u00fccher.example"), "OK xn--bcher-kva.example");
+  for (const char* request : {"domain unknown.example", "domain ", "domain bob@d.example",
+                              "domain .d.example", "domain d.example.", "domain example"}) {
+    EXPECT_EQ(ask(request), "NOTFOUND ") << request;
+  }
+  EXPECT_EQ(ask("domain " + std::string(10000, 'x')), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, WithoutAConfigurationMailboxesAndDomainsAreTemporaryFailures) {
+  {
+    const NoDomains none;
+    EXPECT_THAT(ask("mailbox bob@d.example"), StartsWith("TEMP "));
+    EXPECT_THAT(ask("domain d.example"), StartsWith("TEMP "));
+  }
+  const ServedDomains served;
+  EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("domain d.example"), "OK d.example");
+}
+
+TEST_F(LookupTest, AnswersAreKeptUntilThereIsANewImage) {
+  serve("alias", {{"a@d.example", "b@d.example"}, {"long@d.example", s_members(200)}});
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_EQ(ask("alias x@d.example"), "NOTFOUND ");
+  EXPECT_THAT(s_list(ask("alias long@d.example")), SizeIs(200));
+  EXPECT_EQ(hits(), "0");
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_EQ(ask("alias x@d.example"), "NOTFOUND ");
+  EXPECT_THAT(s_list(ask("alias long@d.example")), SizeIs(200));
+  EXPECT_EQ(hits(), "3");
+  serve("alias", {{"a@d.example", "c@d.example"}, {"x@d.example", "y@d.example"}});
+  EXPECT_EQ(ask("alias a@d.example"), "OK c@d.example");
+  EXPECT_EQ(ask("alias x@d.example"), "OK y@d.example");
+  EXPECT_EQ(ask("alias long@d.example"), "NOTFOUND ");
+  EXPECT_EQ(hits(), "3");
+}
+
+// A long list, and the ways in which a mail server gets at its members.
+class PageTest : public LookupTest {
+ protected:
+  // Asks as a mail server does: for each address of an answer again, until it is not found.
+  std::set<std::string> resolve(const std::string& address) {
+    const std::string reply = ask("alias " + address);
+    if (reply == "NOTFOUND ") return {address};
+    EXPECT_LE(reply.size(), m_settings.maxReply);
+    const std::vector<std::string> list = s_list(reply);
+    EXPECT_LE(list.size(), m_settings.page);
+    std::set<std::string> reached;
+    for (const std::string& member : list) reached.merge(resolve(member));
+    return reached;
+  }
+
+  static std::set<std::string> setOf(const std::string& members) {
+    const std::vector<std::string> list = s_list("OK " + members);
+    return {list.begin(), list.end()};
+  }
+};
+
+TEST_F(PageTest, AListThatFitsIsOneAnswer) {
+  serve("alias", {{"list@d.example", s_members(500)}});
+  EXPECT_EQ(ask("alias list@d.example"), "OK " + s_members(500));
+}
+
+TEST_F(PageTest, AListOfTooManyAddressesIsGivenInPages) {
+  serve("alias", {{"list@D.example", s_members(501)}});
+  const std::vector<std::string> pages = s_list(ask("alias list@d.example"));
+  EXPECT_THAT(pages, SizeIs(2));
+  EXPECT_THAT(pages, Each(StartsWith("tslpage")));
+  EXPECT_THAT(pages, Each(HasSubstr("@d.example")));
+  EXPECT_EQ(resolve("list@d.example"), setOf(s_members(501)));
+}
+
+TEST_F(PageTest, AListThatIsTooLongForAReplyIsGivenInPages) {
+  m_settings.maxReply = 1024;
+  serve("alias", {{"list@d.example", s_members(100)}});
+  EXPECT_EQ(resolve("list@d.example"), setOf(s_members(100)));
+}
+
+TEST_F(PageTest, PagesMayBePagesOfPages) {
+  m_settings.page = 2;
+  serve("alias", {{"list@d.example", s_members(37)}});
+  EXPECT_EQ(resolve("list@d.example"), setOf(s_members(37)));
+}
+
+TEST_F(PageTest, AnExtensionGoesThroughThePages) {
+  m_settings.page = 3;
+  serve("alias", {{"list@d.example", s_members(30)}});
+  std::set<std::string> expected;
+  for (const std::string& member : setOf(s_members(30))) {
+    expected.insert(member.substr(0, member.find('@')) + "+tag@d.example");
+  }
+  EXPECT_EQ(resolve("list+tag@d.example"), expected);
+}
+
+TEST_F(PageTest, NoReplyBecomesTooLongByAnExtension) {
+  m_settings.maxReply = 1024;
+  for (int count = 1; count < 60; ++count) {
+    serve("alias", {{"list@d.example", s_members(count)}});
+    for (const std::string& extension :
+         {std::string("+t"), "+" + std::string(49, 'l'), "+" + std::string(8, '"')}) {
+      const std::string asked = "list" + extension + "@d.example";
+      const bool isAll = resolve(asked).size() == static_cast<std::size_t>(count);
+      EXPECT_TRUE(isAll) << count << " for " << asked;
+    }
+  }
+}
+
+TEST_F(PageTest, TheSameTableGivesTheSamePages) {
+  serve("alias", {{"list@d.example", s_members(600)}});
+  const std::string first = ask("alias list@d.example");
+  EXPECT_EQ(ask("alias list@d.example"), first);
+  EXPECT_EQ(ask("alias LIST@d.example"), first);
+  Lookup other(m_settings, m_tables, m_metrics, m_log);
+  EXPECT_EQ(other.reply("alias list@d.example"), first);
+  serve("alias", {{"other@d.example", "x@d.example"}, {"list@d.example", s_members(600)}});
+  EXPECT_EQ(ask("alias list@d.example"), first);
+}
+
+TEST_F(PageTest, PagesStayAsTheyAreWhenTheListChanges) {
+  serve("alias", {{"list@d.example", s_members(600)}});
+  const std::vector<std::string> before = s_list(ask("alias list@d.example"));
+  serve("alias", {{"list@d.example", s_members(600, "new")}});
+  const std::vector<std::string> after = s_list(ask("alias list@d.example"));
+  EXPECT_NE(before, after);
+  std::set<std::string> reached;
+  for (const std::string& page : before) reached.merge(resolve(page));
+  EXPECT_EQ(reached, setOf(s_members(600)));
+  EXPECT_EQ(resolve("list@d.example"), setOf(s_members(600, "new")));
+  serve("alias", {});
+  EXPECT_EQ(resolve(before[0]).size() + resolve(before[1]).size(), 600U);
+}
+
+TEST_F(PageTest, APageThatIsGoneIsATemporaryFailure) {
+  serve("alias", {{"list@d.example", s_members(600)}});
+  const char* const reply = "TEMP this part of a list is gone; ask for the list again";
+  EXPECT_EQ(ask("alias tslpage0123456789abcdef01234567x0@d.example"), reply);
+  EXPECT_EQ(ask("alias tslpage0123456789abcdef01234567x0+tag@d.example"), reply);
+  const std::string page = s_list(ask("alias list@d.example")).at(0);
+  std::string beyond = page;
+  beyond.replace(page.find('x'), page.find('@') - page.find('x'), "x99");
+  EXPECT_EQ(ask("alias " + beyond), reply);
+  // Names that only look alike are those of anybody.
+  EXPECT_EQ(ask("alias tslpage@d.example"), "NOTFOUND ");
+}
+
+TEST_F(PageTest, APageOfAnotherTableIsNotFoundSoThatTheMailServerAsksThere) {
+  serve("alias", {});
+  serve("alias_second", {{"list@d.example", s_members(600)}});
+  const std::vector<std::string> pages = s_list(ask("alias:second list@d.example"));
+  EXPECT_EQ(ask("alias " + pages.at(0)), "NOTFOUND ");
+  EXPECT_THAT(s_list(ask("alias:second " + pages.at(0))), SizeIs(500));
+}
+
+TEST_F(PageTest, ADomainWithoutRoomForThePagesOfAListIsATemporaryFailure) {
+  const std::string label(60, 'l');
+  const std::string domain = label + "." + label + "." + label + "." + label;
+  serve("alias", {{"list@" + domain, s_members(600)}, {"a@" + domain, "b@d.example"}});
+  EXPECT_THAT(ask("alias list@" + domain), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias a@" + domain), "OK b@d.example");
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

@@ -1,0 +1,149 @@
+// Metrics and health over HTTP, asked over the loopback network as Prometheus does.
+#include "serve/MetricsListener.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cli/Failure.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+// A socket of the tests themselves, which gives up after some seconds.
+class TcpSocket {
+ public:
+  TcpSocket() : m_descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const timeval limit{10, 0};
+    setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  }
+  ~TcpSocket() { close(m_descriptor); }
+  TcpSocket(const TcpSocket&) = delete;
+  TcpSocket& operator=(const TcpSocket&) = delete;
+
+  // A free port of the loopback network, which it holds.
+  int bindAnywhere() {
+    sockaddr_in address = loopback(0);
+    socklen_t size = sizeof(address);
+    EXPECT_EQ(bind(m_descriptor, reinterpret_cast<sockaddr*>(&address), size), 0);
+    getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+  }
+  void listenToNobody() const { EXPECT_EQ(listen(m_descriptor, 1), 0); }
+
+  // What the server at `port` says to `request`.
+  std::string exchange(int port, const std::string& request) {
+    const sockaddr_in address = loopback(port);
+    EXPECT_EQ(connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              0);
+    EXPECT_EQ(send(m_descriptor, request.data(), request.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(request.size()));
+    std::string reply;
+    char buffer[4096];
+    for (ssize_t size = 1; size > 0;) {
+      size = recv(m_descriptor, buffer, sizeof(buffer), 0);
+      if (size > 0) reply.append(buffer, static_cast<std::size_t>(size));
+    }
+    return reply;
+  }
+
+ private:
+  static sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+  }
+
+  int m_descriptor;
+};
+
+// A listener at some free port, one for all tests: it takes two seconds to end.
+class MetricsListenerTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    const MetricsListener::Pages pages{[] { return "a_metric 1\n"; },
+                                       [] { return s_isReady ? "" : "no table"; }};
+    // Another program may take the port between the two steps.
+    for (int attempt = 0; s_listener == nullptr; ++attempt) {
+      s_port = TcpSocket().bindAnywhere();
+      try {
+        s_listener =
+            std::make_unique<MetricsListener>("127.0.0.1:" + std::to_string(s_port), pages);
+      } catch (const Tool::Failure&) {
+        if (attempt == 20) throw;
+      }
+    }
+  }
+  static void TearDownTestSuite() { s_listener.reset(); }
+
+  static std::string get(const std::string& path) {
+    return TcpSocket().exchange(s_port, "GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  }
+
+  static inline std::atomic<bool> s_isReady{true};
+  static inline int s_port = 0;
+  static inline std::unique_ptr<MetricsListener> s_listener;
+};
+
+TEST_F(MetricsListenerTest, GivesTheMetricsAsPrometheusWantsThem) {
+  const std::string reply = get("/metrics");
+  EXPECT_THAT(reply, StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_THAT(reply, HasSubstr("Content-Type: text/plain; version=0.0.4"));
+  EXPECT_THAT(reply, HasSubstr("Content-Length: 11\r\n"));
+  EXPECT_THAT(reply, EndsWith("\r\n\r\na_metric 1\n"));
+}
+
+TEST_F(MetricsListenerTest, TellsThatItIsAliveAndWhetherItIsReady) {
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_THAT(get("/ready"), StartsWith("HTTP/1.1 200 OK\r\n"));
+  s_isReady = false;
+  const std::string reply = get("/ready");
+  EXPECT_THAT(reply, StartsWith("HTTP/1.1 503 Service Unavailable\r\n"));
+  EXPECT_THAT(reply, HasSubstr("\r\n\r\nno table\n"));
+  s_isReady = true;
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+}
+
+TEST_F(MetricsListenerTest, HasNothingElse) {
+  for (const char* path : {"/", "/etc/passwd", "/../../etc/passwd", "/%2e%2e/etc/passwd"}) {
+    EXPECT_THAT(get(path), Not(HasSubstr(" 200 "))) << path;
+    EXPECT_THAT(get(path), Not(HasSubstr("root:"))) << path;
+  }
+  const std::string put =
+      TcpSocket().exchange(s_port, "PUT /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\n\r\n");
+  EXPECT_THAT(put, Not(HasSubstr(" 200 ")));
+}
+
+TEST_F(MetricsListenerTest, APortThatIsInUseIsRefused) {
+  TcpSocket other;
+  const int port = other.bindAnywhere();
+  other.listenToNobody();
+  try {
+    const MetricsListener listener("127.0.0.1:" + std::to_string(port), {});
+    ADD_FAILURE() << "it listens at a port that is in use";
+  } catch (const Tool::Failure& failure) {
+    EXPECT_EQ(failure.code(), Tool::ExitCode::Configuration);
+    EXPECT_THAT(failure.subject(), HasSubstr(std::to_string(port)));
+  }
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

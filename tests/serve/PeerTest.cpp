@@ -1,0 +1,278 @@
+// Connections of mail servers: every request is answered, in order, however it is cut and however
+// slowly it comes, and nobody holds up another.
+#include "serve/Peer.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/serve/WorkerFixture.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using testing::StartsWith;
+
+// Memory that this process has, in bytes.
+std::size_t s_memory() {
+  std::size_t size = 0;
+  std::size_t resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+class PeerTest : public WorkerFixture {
+ protected:
+  void SetUp() override {
+    std::string members;
+    for (int i = 0; i < 450; ++i) {
+      members += std::string(50, 'm') + std::to_string(i) + "@d.example,";
+    }
+    members.pop_back();
+    Rows rows = {{"big@d.example", members}};
+    for (int i = 0; i < 100; ++i) rows.emplace_back(name(i), "x" + name(i));
+    serve(rows);
+  }
+
+  static std::string name(int i) { return "a" + std::to_string(i % 100) + "@d.example"; }
+  static std::string request(int i) { return framed("alias " + name(i)); }
+  static std::string answer(int i) { return "OK x" + name(i); }
+};
+
+TEST_F(PeerTest, ManyRequestsAtOnceAreAnsweredInTheirOrder) {
+  const auto client = connect();
+  std::string requests;
+  for (int i = 0; i < 3000; ++i) requests += request(i);
+  client->send(requests);
+  for (int i = 0; i < 3000; ++i) ASSERT_EQ(client->reply(), answer(i)) << i;
+  EXPECT_EQ(client->ask("alias nobody@d.example"), "NOTFOUND ");
+}
+
+TEST_F(PeerTest, ARequestMayBeCutAnywhere) {
+  const auto client = connect();
+  const std::string both = request(1) + request(2);
+  for (std::size_t cut = 1; cut < both.size(); ++cut) {
+    client->send(std::string_view(both).substr(0, cut));
+    client->waitUntilRead();
+    client->send(std::string_view(both).substr(cut));
+    ASSERT_EQ(client->reply(), answer(1)) << cut;
+    ASSERT_EQ(client->reply(), answer(2)) << cut;
+  }
+}
+
+TEST_F(PeerTest, ARequestMayComeByteByByte) {
+  const auto client = connect();
+  for (const char c : request(1)) {
+    client->send({&c, 1});
+    client->waitUntilRead();
+  }
+  EXPECT_EQ(client->reply(), answer(1));
+}
+
+TEST_F(PeerTest, WhatIsNoFrameIsRefusedAndEndsTheConnection) {
+  const std::vector<std::string> frames = {
+      "x", "alias a1@d.example\n", ":", "-1:,", " 1:a,", "01:a,", "3:abcd", "GET / HTTP/1.1\r\n"};
+  for (const std::string& frame : frames) {
+    const auto client = connect();
+    client->send(request(1) + frame + request(2));
+    EXPECT_EQ(client->reply(), answer(1)) << frame;
+    EXPECT_THAT(client->reply(), StartsWith("PERM ")) << frame;
+    EXPECT_TRUE(client->isAtEnd()) << frame;
+  }
+  EXPECT_TRUE(counts("malformed_requests_total " + std::to_string(frames.size())));
+}
+
+TEST_F(PeerTest, ARequestMayHaveAnyBytes) {
+  const auto client = connect();
+  EXPECT_THAT(client->ask(""), StartsWith("PERM "));
+  EXPECT_EQ(client->ask(std::string("alias a\0b\n\xff", 11)), "NOTFOUND ");
+  EXPECT_EQ(client->ask("alias " + name(1)), answer(1));
+}
+
+TEST_F(PeerTest, ARequestMayBeAsLongAsTheLimitAndNoLonger) {
+  m_settings.maxRequest = 5000;
+  const auto client = connect();
+  EXPECT_EQ(client->ask("alias " + std::string(4994, 'x')), "NOTFOUND ");
+  client->send("5001:");
+  EXPECT_EQ(client->reply(), "PERM the request is too long");
+  EXPECT_TRUE(client->isAtEnd());
+}
+
+TEST_F(PeerTest, LinesAreAnsweredByLines) {
+  const auto client = connect(true);
+  client->send("alias " + name(1) + "\nalias " + name(2) + "\r\nalias nobody@d\n\nalias ");
+  EXPECT_EQ(client->line(), answer(1));
+  EXPECT_EQ(client->line(), answer(2));
+  EXPECT_EQ(client->line(), "NOTFOUND ");
+  EXPECT_THAT(client->line(), StartsWith("PERM "));
+  client->send(name(3));
+  client->waitUntilRead();
+  client->send("\n");
+  EXPECT_EQ(client->line(), answer(3));
+}
+
+TEST_F(PeerTest, ALineMayBeAsLongAsTheLimitAndNoLonger) {
+  m_settings.maxRequest = 5000;
+  const auto client = connect(true);
+  client->send("alias " + std::string(4994, 'x') + "\n");
+  EXPECT_EQ(client->line(), "NOTFOUND ");
+  // It has no end, so nothing else can tell.
+  client->send(std::string(5001, 'x'));
+  EXPECT_EQ(client->line(), "PERM the request is too long");
+  EXPECT_TRUE(client->isAtEnd());
+}
+
+TEST_F(PeerTest, AMailServerThatSendsNoMoreGetsItsReplies) {
+  const auto client = connect();
+  std::string requests;
+  for (int i = 0; i < 500; ++i) requests += request(i) + framed("alias big@d.example");
+  client->send(requests);
+  client->endSending();
+  for (int i = 0; i < 500; ++i) {
+    ASSERT_EQ(client->reply(), answer(i)) << i;
+    ASSERT_GT(client->reply().size(), 20000U) << i;
+  }
+  EXPECT_TRUE(client->isAtEnd());
+}
+
+TEST_F(PeerTest, AMailServerThatTakesNoRepliesCostsLittleMemoryAndHoldsUpNobody) {
+  const auto slow = connect();
+  const auto other = connect();
+  EXPECT_EQ(other->ask("alias " + name(0)), answer(0));
+  const std::string big = slow->ask("alias big@d.example");
+  const std::size_t before = s_memory();
+  const std::string request = framed("alias big@d.example");
+  // 100000 requests, whose replies would be gigabytes.
+  std::string requests;
+  for (int i = 0; i < 100000; ++i) requests += request;
+  std::size_t sent = 0;
+  for (int quiet = 0; quiet < 50;) {
+    const std::size_t more = slow->sendSome(std::string_view(requests).substr(sent));
+    sent += more;
+    quiet = more == 0 ? quiet + 1 : 0;
+    EXPECT_EQ(other->ask("alias " + name(1)), answer(1));
+  }
+  EXPECT_LT(sent, requests.size() / 2);
+  EXPECT_LT(s_memory() - std::min(before, s_memory()), 64U << 20U);
+  // None of them is lost, the one that was cut off included.
+  for (std::size_t i = 0; i < sent / request.size(); ++i) ASSERT_TRUE(slow->reply() == big) << i;
+  if (sent % request.size() != 0) {
+    slow->send(request.substr(sent % request.size()));
+    EXPECT_TRUE(slow->reply() == big);
+  }
+  EXPECT_EQ(slow->ask("alias " + name(2)), answer(2));
+}
+
+TEST_F(PeerTest, AMailServerThatGoesAwayIsForgotten) {
+  for (int i = 0; i < 20; ++i) {
+    const auto client = connect();
+    std::string requests;
+    for (int n = 0; n < 100; ++n) requests += framed("alias big@d.example");
+    client->send(requests);
+  }
+  EXPECT_TRUE(waitFor([this] { return m_closed == 20; }));
+  EXPECT_EQ(worker().connections(), 0U);
+  EXPECT_TRUE(counts("connections 0"));
+}
+
+TEST_F(PeerTest, HalfARequestAndRepliesThatAreNotTakenHaveTheTimeOfARequest) {
+  m_settings.requestTimeout = milliseconds(50);
+  m_settings.idleTimeout = hours(1);
+  const auto half = connect();
+  const auto slow = connect();
+  const auto trickling = connect();
+  const auto idle = connect();
+  half->send("20:alias");
+  trickling->send("60000:");
+  std::string requests;
+  for (int i = 0; i < 1000; ++i) requests += framed("alias big@d.example");
+  static_cast<void>(slow->sendSome(requests));
+  // More bytes of a request do not make its time longer.
+  EXPECT_TRUE(waitFor([&] {
+    static_cast<void>(trickling->sendSome("x"));
+    return m_closed == 3;
+  }));
+  EXPECT_TRUE(half->isAtEnd());
+  EXPECT_TRUE(counts("timeouts_total 3"));
+  EXPECT_EQ(idle->ask("alias " + name(1)), answer(1));
+}
+
+TEST_F(PeerTest, BetweenRequestsThereIsTheTimeOfTheIdle) {
+  m_settings.requestTimeout = hours(1);
+  m_settings.idleTimeout = milliseconds(50);
+  const auto half = connect();
+  const auto idle = connect();
+  const auto used = connect();
+  half->send(request(1).substr(0, 9));
+  EXPECT_EQ(used->ask("alias " + name(1)), answer(1));
+  EXPECT_TRUE(waitFor([this] { return m_closed == 2; }));
+  EXPECT_TRUE(idle->isAtEnd());
+  EXPECT_TRUE(used->isAtEnd());
+  half->send(request(1).substr(9));
+  EXPECT_EQ(half->reply(), answer(1));
+}
+
+TEST_F(PeerTest, AnEndAnswersAllThatHasArrived) {
+  const auto idle = connect();
+  const auto half = connect();
+  const auto busy = connect();
+  std::string requests;
+  for (int i = 0; i < 4000; ++i) requests += request(i);
+  half->send(request(1) + request(2).substr(0, 5));
+  EXPECT_EQ(half->reply(), answer(1));
+  busy->send(framed("alias big@d.example") + requests);
+  worker().drain();
+  EXPECT_TRUE(idle->isAtEnd());
+  EXPECT_GT(busy->reply().size(), 20000U);
+  for (int i = 0; i < 4000; ++i) ASSERT_EQ(busy->reply(), answer(i)) << i;
+  EXPECT_TRUE(busy->isAtEnd());
+  // Half a request is waited for.
+  half->send(request(2).substr(5));
+  EXPECT_EQ(half->reply(), answer(2));
+  EXPECT_TRUE(half->isAtEnd());
+  EXPECT_TRUE(waitFor([this] { return m_closed == 3; }));
+}
+
+TEST_F(PeerTest, AnEndAnswersMoreThanIsReadAtOnce) {
+  // 32 bytes, so that none is cut where the room for reading ends.
+  const std::string request = framed("alias 01234567890@no.example");
+  ASSERT_EQ(request.size() % 32, 0U);
+  const auto client = connect();
+  EXPECT_EQ(client->ask("alias nobody@d"), "NOTFOUND ");
+  std::unique_lock hold(m_hold);
+  static_cast<void>(connect());
+  ASSERT_TRUE(waitFor([this] { return m_closing == 1; }));
+  std::string requests;
+  for (int i = 0; i < 5000; ++i) requests += request;
+  client->send(requests);
+  worker().drain();
+  hold.unlock();
+  for (int i = 0; i < 5000; ++i) ASSERT_EQ(client->reply(), "NOTFOUND ") << i;
+  EXPECT_TRUE(client->isAtEnd());
+}
+
+TEST_F(PeerTest, AnEndSendsRepliesThatWereNotTakenYet) {
+  const auto slow = connect();
+  std::string requests;
+  for (int i = 0; i < 200; ++i) requests += framed("alias big@d.example");
+  slow->send(requests);
+  worker().drain();
+  for (int i = 0; i < 200; ++i) ASSERT_GT(slow->reply().size(), 20000U) << i;
+  EXPECT_TRUE(slow->isAtEnd());
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

@@ -1,0 +1,88 @@
+// What the tests of the lookup service share: rows from memory, a table made of them, and a
+// configuration of domains and mail users.
+#ifndef TSL_TESTS_SERVE_SERVESUPPORT_H
+#define TSL_TESTS_SERVE_SERVESUPPORT_H
+
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cmf/Writer.h"
+#include "serve/RowStore.h"
+#include "serve/Table.h"
+#include "support/ScratchFile.h"
+
+namespace Tessel::Serve {
+
+using Rows = std::vector<std::pair<std::string, std::string>>;
+
+// Hands over `rows`.
+inline RowSource sourceOf(Rows rows) {
+  return [rows = std::move(rows)](const TakeRow& take) {
+    for (const auto& [first, second] : rows) take(first, second);
+  };
+}
+
+// Gives `table` an image of `rows`, which is known to be right at `time`.
+inline void publishRows(Table& table, const Rows& rows, Clock::time_point time = Clock::now()) {
+  table.publish(std::make_shared<const TableImage>(table.kind(), sourceOf(rows)));
+  table.confirm(time);
+}
+
+// Has the configuration lie in `folder` while in scope. One thread.
+class ConfigurationFolder {
+ public:
+  explicit ConfigurationFolder(const std::string& folder) {
+    if (const char* const before = getenv(s_variable)) m_before = before;
+    setenv(s_variable, folder.c_str(), 1);
+  }
+  ~ConfigurationFolder() {
+    if (m_before) {
+      setenv(s_variable, m_before->c_str(), 1);
+    } else {
+      unsetenv(s_variable);
+    }
+  }
+  ConfigurationFolder(const ConfigurationFolder&) = delete;
+  ConfigurationFolder& operator=(const ConfigurationFolder&) = delete;
+
+ private:
+  static constexpr const char* s_variable = "TSL_CMF_PATH";
+
+  std::optional<std::string> m_before;
+};
+
+// A configuration while in scope: the domains d.example (users bob and Alice, the room "room", and
+// gone, who is disabled), empty.example and xn--bcher-kva.example (user ann). One thread.
+class ServedDomains {
+ public:
+  ServedDomains() {
+    CMF::Writer writer;
+    writer.addDomain("d.example");
+    writer.addUser("d.example", "bob", CMF::MailUserMailbox);
+    writer.addUser("d.example", "Alice", CMF::MailUserMailbox);
+    writer.addUser("d.example", "gone", CMF::MailUserDisabled);
+    writer.addUser("d.example", "room", CMF::MailUserShared);
+    writer.addDomain("empty.example");
+    writer.addDomain("xn--bcher-kva.example");
+    writer.addUser("xn--bcher-kva.example", "ann", CMF::MailUserMailbox);
+    writer.commit();
+  }
+
+ private:
+  Testing::ScratchFile m_scratch;
+  ConfigurationFolder m_folder{m_scratch.folder()};
+};
+
+// No configuration while in scope. One thread.
+class NoDomains {
+ private:
+  ConfigurationFolder m_folder{"/nonexistent/configuration"};
+};
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,79 @@
+// Values of the service's options.
+#include "serve/SettingsText.h"
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "cli/Failure.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+
+// What the failure of `call` says; empty when it does not fail as it must.
+std::string s_refusal(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Tool::Failure& failure) {
+    EXPECT_EQ(failure.code(), Tool::ExitCode::Usage);
+    return failure.what();
+  }
+  return "";
+}
+
+milliseconds s_time(const std::string& text, milliseconds least = milliseconds(0)) {
+  return parseTime("--refresh", text, least);
+}
+
+TEST(SettingsText, TimesHaveAUnit) {
+  EXPECT_EQ(s_time("250ms"), milliseconds(250));
+  EXPECT_EQ(s_time("1s"), seconds(1));
+  EXPECT_EQ(s_time("5m"), minutes(5));
+  EXPECT_EQ(s_time("1h"), hours(1));
+  EXPECT_EQ(s_time("2d"), hours(48));
+  EXPECT_EQ(s_time("0s"), milliseconds(0));
+  EXPECT_EQ(s_time("10000d"), hours(240000));
+}
+
+TEST(SettingsText, WhatIsNoTimeIsRefused) {
+  for (const char* text : {"", "1", "s", "-1s", "+1s", " 1s", "1 s", "1s ", "1.5s", "1S", "1sec",
+                           "1s1s", "10001d", "18446744073709551615s", "99999999999999999999s"}) {
+    EXPECT_NE(s_refusal([&] { s_time(text); }), "") << text;
+  }
+  EXPECT_EQ(s_time("10ms", milliseconds(10)), milliseconds(10));
+  EXPECT_NE(s_refusal([] { s_time("9ms", milliseconds(10)); }), "");
+}
+
+TEST(SettingsText, NumbersLieBetweenTheirLimits) {
+  EXPECT_EQ(parseNumber("--page", "2", 2, 10), 2U);
+  EXPECT_EQ(parseNumber("--page", "10", 2, 10), 10U);
+  EXPECT_EQ(parseNumber("--page", "007", 2, 10), 7U);
+  for (const char* text : {"", "1", "11", "-2", "+2", " 2", "2 ", "2k", "0x2", "2.0",
+                           "18446744073709551618", "99999999999999999999"}) {
+    EXPECT_NE(s_refusal([&] { parseNumber("--page", text, 2, 10); }), "") << text;
+  }
+}
+
+TEST(SettingsText, RulesAndLevelsHaveNames) {
+  EXPECT_EQ(parseExtensionRule("--extension", "keep"), ExtensionRule::Keep);
+  EXPECT_EQ(parseExtensionRule("--extension", "drop"), ExtensionRule::Drop);
+  EXPECT_EQ(parseExtensionRule("--extension", "off"), ExtensionRule::Off);
+  EXPECT_EQ(parseLogLevel("--log-level", "error"), LogLevel::Error);
+  EXPECT_EQ(parseLogLevel("--log-level", "warning"), LogLevel::Warning);
+  EXPECT_EQ(parseLogLevel("--log-level", "info"), LogLevel::Info);
+  EXPECT_EQ(parseLogLevel("--log-level", "debug"), LogLevel::Debug);
+  for (const char* text : {"", "KEEP", "keep ", "info2"}) {
+    EXPECT_NE(s_refusal([&] { parseExtensionRule("--extension", text); }), "") << text;
+    EXPECT_NE(s_refusal([&] { parseLogLevel("--log-level", text); }), "") << text;
+  }
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

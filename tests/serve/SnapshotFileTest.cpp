@@ -1,0 +1,238 @@
+// Images on disk: they come back as they were, and what is not whole is refused.
+#include "serve/SnapshotFile.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <boost/crc.hpp>
+
+#include "support/ScratchFile.h"
+#include "tests/serve/ServeSupport.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::minutes;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TableImage s_aliases(const Rows& rows) {
+  return {TableKind::Alias, sourceOf(rows)};
+}
+
+std::string s_content(const std::string& path) {
+  std::ostringstream all;
+  all << std::ifstream(path, std::ios::binary).rdbuf();
+  return all.str();
+}
+
+void s_write(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+class SnapshotFile : public testing::Test {
+ protected:
+  [[nodiscard]] std::string path(const std::string& name) const {
+    return m_scratch.folder() + "/" + name;
+  }
+
+  [[nodiscard]] ImagePointer load(const std::string& sqlName,
+                                  TableKind kind = TableKind::Alias) const {
+    return m_folder.load(sqlName, kind).image;
+  }
+
+  // Why the table's file cannot be used; empty when it can.
+  [[nodiscard]] std::string refusal(const std::string& sqlName) const {
+    try {
+      static_cast<void>(load(sqlName));
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  Testing::ScratchFile m_scratch;
+  const SnapshotFolder m_folder{m_scratch.folder()};
+};
+
+TEST_F(SnapshotFile, AnImageComesBackAsItWas) {
+  const Rows rows = {{"a@d", "b@d,c@d"}, {"J\u00f6rg@b\u00fccher.example", "\"x y\"@d"}};
+  m_folder.save("alias", s_aliases(rows));
+  const ImagePointer image = load("alias");
+  ASSERT_EQ(image->rows().size(), 2U);
+  EXPECT_EQ(image->rows().first(1), rows[1].first);
+  EXPECT_EQ(image->rows().second(0), "b@d,c@d");
+  EXPECT_EQ(image->alias().expand("a@d").addresses.size(), 2U);
+}
+
+TEST_F(SnapshotFile, AMaskTableComesBackWithItsWildcards) {
+  using Direction = MaskImage::Direction;
+  const TableImage mask(
+      TableKind::Mask,
+      sourceOf(
+          {{"*@in", "*@one"}, {"ann@in", "a@out"}, {"no address", "b@out"}, {"*@in", "*@two"}}));
+  m_folder.save("mask_x", mask);
+  const ImagePointer image = load("mask_x", TableKind::Mask);
+  EXPECT_EQ(image->mask().find(Direction::ToPublic, "ann@in"), "a@out");
+  EXPECT_EQ(image->mask().findDomain(Direction::ToPublic, "in"), "two");
+  EXPECT_TRUE(image->mask().isBroken(Direction::ToPrivate, "b@out"));
+}
+
+TEST_F(SnapshotFile, ATableWithoutRowsHasAFileToo) {
+  m_folder.save("alias", s_aliases({}));
+  EXPECT_EQ(load("alias")->rows().size(), 0U);
+}
+
+TEST_F(SnapshotFile, AddressesOfBrokenRowsStayBroken) {
+  m_folder.save("alias", s_aliases({{"good@d", "x@d"},
+                                    {"bad@d", "no address"},
+                                    {"none@d", ""},
+                                    {"\"a@b\"@d", "no address"},
+                                    {"\"\\\"\"@d", "no address"},
+                                    {"GOOD@d", "y@d"}}));
+  const ImagePointer image = load("alias");
+  EXPECT_EQ(image->rows().size(), 1U);
+  EXPECT_EQ(image->leftOut().count(), 5U);
+  for (const char* key : {"bad@d", "none@d", "a@b@d", "\"@d"}) {
+    EXPECT_EQ(image->alias().expand(key).kind, Expansion::Kind::Broken) << key;
+  }
+  EXPECT_EQ(image->alias().expand("good@d").kind, Expansion::Kind::Found);
+}
+
+TEST_F(SnapshotFile, OnlyItsOwnerMayReadAFile) {
+  const mode_t before = umask(0);
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  umask(before);
+  struct stat status {};
+  ASSERT_EQ(stat(path("alias.image").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(SnapshotFile, TheFolderTellsWhichTablesHaveAFile) {
+  EXPECT_THAT(m_folder.names(), IsEmpty());
+  m_folder.save("mask", TableImage(TableKind::Mask, sourceOf({})));
+  m_folder.save("alias_x", s_aliases({}));
+  s_write(path("alias.image.new"), "half");
+  s_write(path("README"), "");
+  EXPECT_THAT(m_folder.names(), ElementsAre("alias_x", "mask"));
+  const SnapshotFolder none("");
+  EXPECT_FALSE(none.isWanted());
+  EXPECT_THAT(none.names(), IsEmpty());
+  EXPECT_THROW(static_cast<void>(SnapshotFolder("/nonexistent").names()), std::system_error);
+}
+
+TEST_F(SnapshotFile, AFileIsReplacedByAnother) {
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}, {"b@d", "c@d"}}));
+  EXPECT_EQ(load("alias")->rows().size(), 2U);
+  EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
+}
+
+TEST_F(SnapshotFile, WhatIsNotThereCannotBeRead) {
+  EXPECT_THROW(static_cast<void>(load("alias")), std::system_error);
+  EXPECT_THROW(m_folder.confirm("alias"), std::system_error);
+}
+
+TEST_F(SnapshotFile, AFileThatIsCutOffAnywhereIsRefused) {
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}, {"bad@d", ""}}));
+  const std::string whole = s_content(path("alias.image"));
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    s_write(path("alias.image"), whole.substr(0, size));
+    EXPECT_NE(refusal("alias"), "") << size;
+  }
+}
+
+TEST_F(SnapshotFile, AFileWithAnyDamagedByteIsRefused) {
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  const std::string whole = s_content(path("alias.image"));
+  for (std::size_t at = 0; at < whole.size(); ++at) {
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ 1);
+    s_write(path("alias.image"), damaged);
+    EXPECT_EQ(refusal("alias"), "the file is damaged") << at;
+  }
+  s_write(path("alias.image"), whole + "x");
+  EXPECT_EQ(refusal("alias"), "the file is damaged");
+}
+
+TEST_F(SnapshotFile, AFileOfAnotherTableIsRefused) {
+  m_folder.save("alias_other", s_aliases({{"a@d", "b@d"}}));
+  std::filesystem::rename(path("alias_other.image"), path("alias.image"));
+  EXPECT_EQ(refusal("alias"), "the file is that of another table");
+}
+
+TEST_F(SnapshotFile, AFileOfAnotherFormatIsRefused) {
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  std::string content = s_content(path("alias.image"));
+  content.resize(content.size() - sizeof(std::uint32_t));
+  content.replace(content.find("image 1"), 7, "image 9");
+  boost::crc_32_type crc;
+  crc.process_bytes(content.data(), content.size());
+  const std::uint32_t sum = crc.checksum();
+  content.append(reinterpret_cast<const char*>(&sum), sizeof(sum));
+  s_write(path("alias.image"), content);
+  EXPECT_EQ(refusal("alias"), "the file has another format");
+}
+
+TEST_F(SnapshotFile, TheFileKnowsWhenTheTableWasLastLikeIt) {
+  m_folder.save("alias", s_aliases({}));
+  const auto age = [this] {
+    return Clock::now() - m_folder.load("alias", TableKind::Alias).confirmed;
+  };
+  EXPECT_LT(age(), minutes(1));
+  std::filesystem::last_write_time(path("alias.image"),
+                                   std::filesystem::file_time_type::clock::now() - hours(3));
+  EXPECT_GT(age(), hours(3) - minutes(1));
+  EXPECT_LT(age(), hours(3) + minutes(1));
+  m_folder.confirm("alias");
+  EXPECT_LT(age(), minutes(1));
+}
+
+TEST_F(SnapshotFile, ATimeInTheFutureCountsAsNow) {
+  m_folder.save("alias", s_aliases({}));
+  std::filesystem::last_write_time(path("alias.image"),
+                                   std::filesystem::file_time_type::clock::now() + hours(3));
+  const Clock::time_point before = Clock::now();
+  const Clock::time_point confirmed = m_folder.load("alias", TableKind::Alias).confirmed;
+  EXPECT_GE(confirmed, before);
+  EXPECT_LE(confirmed, Clock::now());
+}
+
+TEST_F(SnapshotFile, AFileThatCannotBeWrittenLeavesTheOldOne) {
+  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit = before;
+  limit.rlim_cur = 10000;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  Rows rows;
+  for (int i = 0; i < 1000; ++i) rows.emplace_back("a" + std::to_string(i) + "@d", "b@d");
+  EXPECT_THROW(m_folder.save("alias", s_aliases(rows)), std::system_error);
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, handler);
+  EXPECT_EQ(load("alias")->rows().size(), 1U);
+  EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
+}
+
+TEST_F(SnapshotFile, AFolderThatIsGoneIsAFailure) {
+  const SnapshotFolder gone(m_scratch.folder() + "/gone");
+  EXPECT_THROW(gone.save("alias", s_aliases({})), std::system_error);
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

@@ -1,0 +1,275 @@
+// Images follow the tables of a real server: every change is seen, and what cannot be read leaves
+// the last image in its place.
+#include "serve/TableWatch.h"
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "AddressMapDb.h"
+#include "support/ScratchFile.h"
+#include "support/TestServer.h"
+#include "tests/serve/ServeSupport.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::HasSubstr;
+using testing::Not;
+using Testing::TestServer;
+
+// Waits for `condition`, twenty seconds at most; what it was at the end.
+bool s_waitFor(const std::function<bool()>& condition) {
+  const Clock::time_point limit = Clock::now() + seconds(20);
+  while (!condition()) {
+    if (Clock::now() > limit) return false;
+    std::this_thread::sleep_for(milliseconds(2));
+  }
+  return true;
+}
+
+class TableWatchTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    testing::internal::CaptureStderr();
+    sql("drop database if exists ts_address_map");
+    AddressMapDb::initialize(AddressMapDb::MySQL, false);
+    sql("use ts_address_map");
+    m_settings.refresh = milliseconds(100);
+  }
+  // The log has no addresses at this level.
+  void TearDown() override {
+    m_watch.reset();
+    const std::string log = m_isLogTaken ? "" : takeLog();
+    EXPECT_THAT(log, Not(HasSubstr("@")));
+  }
+
+  static TestServer::Rows sql(const std::string& statement) {
+    return TestServer::shared().sql(statement);
+  }
+  static void add(const std::string& name, const std::string& members,
+                  const std::string& table = "alias") {
+    sql("insert into ts_address_map." + table + " ( name, members ) values( '" + name + "','" +
+        members + "' )");
+  }
+
+  void watch() {
+    m_watch.reset();
+    m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
+    m_watch->start();
+  }
+
+  // What `name` stands for in the image of `table`; "none" when there is no alias or no image.
+  std::string find(const std::string& name, const std::string& table = "alias") {
+    const TablePointer found = m_tables.find(table);
+    const ImagePointer image = found == nullptr ? nullptr : found->image();
+    if (image == nullptr) return "none";
+    const Expansion expansion = image->alias().expand(name);
+    return expansion.addresses.empty() ? "none" : expansion.addresses.begin()->address();
+  }
+  bool becomes(const std::string& name, const std::string& member,
+               const std::string& table = "alias") {
+    return s_waitFor([&] { return find(name, table) == member; });
+  }
+  // The number of the metric `name`.
+  int count(const std::string& name) {
+    const std::string text = m_metrics.text(m_tables, Clock::now());
+    const std::size_t at = text.find("\ntsl_address_map_" + name + " ");
+    return at == std::string::npos ? -1 : std::stoi(text.substr(text.find(' ', at + 1)));
+  }
+  Clock::duration age(const std::string& table = "alias") {
+    return m_tables.find(table)->age(Clock::now()).value_or(std::chrono::hours(1000));
+  }
+
+  // When the table was last looked at and found to be as its image has it.
+  Clock::time_point lookedAt() {
+    const Clock::time_point now = Clock::now();
+    return now - m_tables.find("mask")->age(now).value_or(std::chrono::hours(1000));
+  }
+
+  std::string takeLog() {
+    m_isLogTaken = true;
+    return testing::internal::GetCapturedStderr();
+  }
+
+  Settings m_settings;
+  Tables m_tables{m_settings};
+  Metrics m_metrics;
+  Log m_log{LogLevel::Info};
+  std::unique_ptr<TableWatch> m_watch;
+  bool m_isLogTaken = false;
+};
+
+TEST_F(TableWatchTest, RowsAreReadAndEveryChangeIsSeenAlsoInTheSecondOfAnother) {
+  add("a@d", "m0@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "m0@d"));
+  for (int i = 1; i < 4; ++i) {
+    const std::string member = "m" + std::to_string(i) + "@d";
+    sql("update ts_address_map.alias set members = '" + member + "'");
+    EXPECT_TRUE(becomes("a@d", member)) << i;
+  }
+  sql("delete from ts_address_map.alias");
+  EXPECT_TRUE(becomes("a@d", "none"));
+  EXPECT_TRUE(s_waitFor([this] { return age() < milliseconds(500); }));
+}
+
+TEST_F(TableWatchTest, ATableThatDoesNotChangeIsLookedAtAndNotReadAgain) {
+  watch();
+  ASSERT_TRUE(s_waitFor([this] { return count("rebuild_seconds_count") == 2; }));
+  for (int looks = 0; looks < 20; ++looks) {
+    const Clock::time_point before = lookedAt();
+    EXPECT_TRUE(s_waitFor([&] { return lookedAt() > before; }));
+  }
+  EXPECT_EQ(count("rebuild_seconds_count"), 2);
+}
+
+TEST_F(TableWatchTest, TablesComeAndGoAndComeBack) {
+  watch();
+  EXPECT_TRUE(s_waitFor([this] { return m_tables.find("mask") != nullptr; }));
+  sql("create table ts_address_map.alias_new like ts_address_map.alias");
+  add("a@d", "b@d", "alias_new");
+  ASSERT_TRUE(becomes("a@d", "b@d", "alias_new"));
+  sql("drop table ts_address_map.alias_new");
+  sql("create table ts_address_map.other ( name int )");
+  add("seen@d", "b@d");
+  ASSERT_TRUE(becomes("seen@d", "b@d"));
+  EXPECT_EQ(find("a@d", "alias_new"), "b@d") << "the last rows go on answering";
+  EXPECT_EQ(m_tables.find("other"), nullptr);
+  sql("create table ts_address_map.alias_new like ts_address_map.alias");
+  add("a@d", "c@d", "alias_new");
+  EXPECT_TRUE(becomes("a@d", "c@d", "alias_new"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is gone; its last rows go on answering"));
+}
+
+TEST_F(TableWatchTest, ATableThatIsExchangedForAnotherIsRead) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  sql("create table ts_address_map.fresh like ts_address_map.alias");
+  add("a@d", "c@d", "fresh");
+  sql("rename table ts_address_map.alias to ts_address_map.old,"
+      " ts_address_map.fresh to ts_address_map.alias");
+  EXPECT_TRUE(becomes("a@d", "c@d"));
+}
+
+TEST_F(TableWatchTest, ATableThatCannotBeReadKeepsItsLastImageUntilItCan) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  sql("alter table ts_address_map.alias rename column members to moved");
+  EXPECT_TRUE(s_waitFor([this] { return count("rebuild_failures_total") > 0; }));
+  EXPECT_EQ(find("a@d"), "b@d");
+  sql("update ts_address_map.alias set moved = 'c@d'");
+  sql("alter table ts_address_map.alias rename column moved to members");
+  EXPECT_TRUE(becomes("a@d", "c@d"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias cannot be read"));
+}
+
+TEST_F(TableWatchTest, RowsThatCannotBeReadAreToldByTheirNumberOnly) {
+  add("secret@d", "no address");
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  const std::string log = takeLog();
+  EXPECT_THAT(log, HasSubstr("table alias: 1 rows cannot be read and are left out"));
+  EXPECT_THAT(log, Not(HasSubstr("secret")));
+}
+
+TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIsSeen) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  TestServer::shared().stop();
+  EXPECT_TRUE(s_waitFor([this] { return count("database_errors_total") > 2; }));
+  EXPECT_EQ(find("a@d"), "b@d");
+  EXPECT_TRUE(s_waitFor([this] { return age() > milliseconds(300); }));
+  TestServer::shared().restart();
+  sql("update ts_address_map.alias set members = 'c@d'");
+  EXPECT_TRUE(becomes("a@d", "c@d"));
+  EXPECT_TRUE(s_waitFor([this] { return age() < milliseconds(500); }));
+  EXPECT_THAT(takeLog(), HasSubstr("the database can be asked again"));
+}
+
+TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
+  watch();
+  EXPECT_TRUE(s_waitFor([this] {
+    return m_tables.find("mask") != nullptr && m_tables.find("mask")->generation() > 0 &&
+           m_tables.find("alias")->generation() > 0;
+  }));
+  const auto alias = m_tables.find("alias")->generation();
+  const auto mask = m_tables.find("mask")->generation();
+  m_watch->reload();
+  EXPECT_TRUE(s_waitFor([&] {
+    return m_tables.find("alias")->generation() > alias &&
+           m_tables.find("mask")->generation() > mask;
+  }));
+}
+
+TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
+  const Testing::ScratchFile scratch;
+  m_settings.snapshot = scratch.folder();
+  const SnapshotFolder folder(scratch.folder());
+  add("a@d", "b@d");
+  add("broken@d", "no address");
+  watch();
+  ASSERT_TRUE(s_waitFor([&] { return folder.names().size() == 2; }));
+  m_watch.reset();
+  {
+    const TestServer::OptionFile nowhere(TestServer::shared(),
+                                         "[client]\nsocket=/nonexistent/socket\n");
+    Tables tables(m_settings);
+    TableWatch later(m_settings, tables, m_metrics, m_log);
+    const ImagePointer image = tables.find("alias")->image();
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(image->alias().expand("a@d").addresses.size(), 1U);
+    EXPECT_EQ(image->alias().expand("broken@d").kind, Expansion::Kind::Broken);
+    EXPECT_LT(*tables.find("alias")->age(Clock::now()), std::chrono::minutes(1));
+    const int errors = count("database_errors_total");
+    later.start();
+    EXPECT_TRUE(s_waitFor([&] { return count("database_errors_total") > errors; }));
+    EXPECT_EQ(tables.find("alias")->image(), image);
+  }
+  // What changed since is read over it.
+  sql("update ts_address_map.alias set members = 'c@d' where name = 'a@d'");
+  watch();
+  EXPECT_TRUE(becomes("a@d", "c@d"));
+}
+
+TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
+  const Testing::ScratchFile scratch;
+  m_settings.snapshot = scratch.folder();
+  SnapshotFolder(scratch.folder())
+      .save("alias", TableImage(TableKind::Alias, sourceOf({{"a@d", "b@d"}})));
+  std::filesystem::resize_file(scratch.folder() + "/alias.image", 20);
+  const TableWatch watch(m_settings, m_tables, m_metrics, m_log);
+  EXPECT_EQ(m_tables.find("alias")->image(), nullptr);
+  EXPECT_FALSE(m_tables.find("alias")->age(Clock::now()));
+  EXPECT_THAT(takeLog(), HasSubstr("the snapshot of table alias cannot be used"));
+}
+
+TEST_F(TableWatchTest, AnEndDoesNotWaitLongerForTheDatabaseThanItIsTold) {
+  add("a@d", "b@d");
+  sql("lock tables ts_address_map.alias write");
+  watch();
+  EXPECT_TRUE(s_waitFor([] {
+    return !sql("select id from information_schema.processlist"
+                " where state = 'Waiting for table metadata lock'")
+                .empty();
+  }));
+  EXPECT_FALSE(m_watch->stop(milliseconds(10)));
+  sql("unlock tables");
+  EXPECT_TRUE(m_watch->stop(seconds(20)));
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

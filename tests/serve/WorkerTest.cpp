@@ -1,0 +1,87 @@
+// The thread that has the connections: it takes them from any thread, tells that it lives, and
+// leaves nothing behind.
+#include "serve/Worker.h"
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/serve/WorkerFixture.h"
+
+namespace Tessel::Serve {
+namespace {
+
+using WorkerTest = WorkerFixture;
+
+TEST_F(WorkerTest, CountsItsConnections) {
+  EXPECT_EQ(worker().connections(), 0U);
+  auto first = connect();
+  const auto second = connect(true);
+  EXPECT_EQ(worker().connections(), 2U);
+  first.reset();
+  EXPECT_TRUE(waitFor([this] { return worker().connections() == 1; }));
+  EXPECT_EQ(m_closed, 1);
+}
+
+TEST_F(WorkerTest, ItsEndIsThatOfItsConnections) {
+  serve({{"a@d", "b@d"}});
+  const auto asked = connect();
+  EXPECT_EQ(asked->ask("alias a@d"), "OK b@d");
+  asked->send("100:half");
+  m_worker.reset();
+  EXPECT_TRUE(asked->isAtEnd());
+  EXPECT_EQ(m_closed, 1);
+  EXPECT_TRUE(counts("connections 0"));
+}
+
+TEST_F(WorkerTest, ConnectionsThatItHasJustGotEndWithItToo) {
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 50; ++i) clients.push_back(connect());
+  m_worker.reset();
+  for (const auto& client : clients) EXPECT_TRUE(client->isAtEnd());
+}
+
+TEST_F(WorkerTest, AWorkerWithoutConnectionsEndsAtOnceAlsoInADrain) {
+  worker().drain();
+  m_worker.reset();
+  EXPECT_EQ(m_closed, 0);
+}
+
+TEST_F(WorkerTest, TellsThatItLives) {
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(waitFor([this] { return worker().isAlive(); }));
+  }
+}
+
+TEST_F(WorkerTest, AnswersManyMailServersAtOnceWhileTheTableChanges) {
+  serve({{"a@d", "b@d"}});
+  static_cast<void>(worker());
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 40; ++i) clients.push_back(connect(i % 2 == 0));
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 20; ++round) {
+        for (std::size_t i = t; i < clients.size(); i += 4) {
+          const bool isLine = i % 2 == 0;
+          clients[i]->send(isLine ? "alias a@d\n" : framed("alias a@d"));
+          const std::string reply = isLine ? clients[i]->line() : clients[i]->reply();
+          if (reply != "OK b@d" && reply != "OK c@d") ++wrong;
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) serve({{"a@d", i % 2 == 0 ? "c@d" : "b@d"}});
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(worker().connections(), 40U);
+}
+
+}  // namespace
+}  // namespace Tessel::Serve

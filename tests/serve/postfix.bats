@@ -1,0 +1,355 @@
+# The lookup service with a real Postfix: mail that goes in, and where it comes out.
+
+load postfix
+
+setup_file() {
+  need_postfix
+  start_server
+  start_postfix
+  sql 'create table alias_staff like alias; create table mask_staff like mask;'
+  start_service
+  seen alias.staff nobody@example.com ""
+  seen mask_public.staff nobody@example.com ""
+  tool domain add example.com
+  local user
+  for user in ann bob cid; do tool user add "$user@example.com"; done
+}
+
+teardown_file() {
+  stop_postfix
+  [ -z "${SERVER:-}" ] || stop_server
+}
+
+# What postmap says of keys that it does not send.
+without_utf8_complaint() { grep -v ': non-UTF-8 key ' <<<"$1" || true; }
+
+# has MAP KEY ANSWER, hasnt MAP KEY: what postmap gets, without an error.
+has() {
+  run -0 --separate-stderr postmap -q "$2" "$(map "$1")"
+  equal "$output" "$3"
+  equal "$stderr" ""
+}
+hasnt() {
+  run -1 --separate-stderr postmap -q "$2" "$(map "$1")"
+  equal "$output" ""
+  equal "$(without_utf8_complaint "$stderr")" ""
+}
+
+@test "each map answers: found" {
+  tool alias set postmap@example.com cid@example.com ann@example.com
+  tool --table staff alias set postmap@example.com bob@example.com
+  tool --table staff mask set inner@example.com staff@example.com
+  tool mask set inner@example.com outer@example.com
+  seen alias postmap@example.com ann@example.com,cid@example.com
+  seen alias.staff postmap@example.com bob@example.com
+  seen mask_public inner@example.com outer@example.com
+  seen mask_private outer@example.com inner@example.com
+  seen mask_public.staff inner@example.com staff@example.com
+  seen mask_private.staff staff@example.com inner@example.com
+  has mailbox ann@example.com ann@example.com
+  has domain example.com example.com
+  has domain EXAMPLE.com example.com
+}
+
+@test "each map answers: not found" {
+  for table in alias alias.staff mask_public mask_public.staff mask_private mailbox; do
+    hasnt "$table" nobody@example.com
+  done
+  hasnt domain nowhere.example
+}
+
+@test "what is no address is not found, in each map" {
+  local long
+  long=$(printf 'x%.0s' {1..10000})
+  printf '%s\n' nowhere.example '*' '""' '@' '@nowhere.example' ann '*@nowhere.example' 'a@b@example.com' \
+    'user@[192.0.2.1]' '"a b"@nowhere.example' '"a\@b"@nowhere.example' '"@nowhere.example' \
+    'a..b@nowhere.example' "$long" "$long@nowhere.example" "ann@$long" $'\xff\xfe' $'\xc3\x28@nowhere.example' \
+    $'ann@\xed\xa0\x80.example' $'a\tb@nowhere.example' $'a\x01b@nowhere.example' >"$BATS_TEST_TMPDIR/keys"
+  for table in alias alias.staff mask_public mask_private mailbox domain; do
+    run -1 --separate-stderr postmap -q - "$(map "$table")" <"$BATS_TEST_TMPDIR/keys"
+    equal "$output" ""
+    equal "$(without_utf8_complaint "$stderr")" ""
+    hasnt "$table" ''
+    hasnt "$table" 'ann@nowhere.example '
+  done
+}
+
+@test "only the group of Postfix can ask" {
+  equal "$(stat -c '%G %a' "$SOCKET")" "postfix 660"
+}
+
+@test "a list of lists reaches each member once" {
+  tool alias set inner@example.com ann@example.com out@example.net
+  tool alias set middle@example.com inner@example.com bob@example.com ann@example.com
+  tool alias set nested@example.com middle@example.com inner@example.com cid@example.com bob@example.com
+  seen alias nested@example.com ann@example.com,bob@example.com,cid@example.com,out@example.net
+  send me@away.example "a list of lists" nested@example.com
+  queue_empties
+  equal "$(delivered "a list of lists")" "ann@example.com bob@example.com cid@example.com out@example.net"
+}
+
+@test "who is on two lists that a mail goes to gets it once" {
+  tool alias set first@example.com ann@example.com bob@example.com
+  tool alias set second@example.com bob@example.com cid@example.com
+  seen alias second@example.com bob@example.com,cid@example.com
+  send me@away.example "two lists" first@example.com second@example.com
+  queue_empties
+  equal "$(delivered "two lists")" "ann@example.com bob@example.com cid@example.com"
+}
+
+@test "an address that is neither alias nor mail user is refused" {
+  run -1 send me@away.example "nobody" nobody@example.com
+  equal "${output%%>*}" "550 5.1.1 <nobody@example.com"
+}
+
+@test "an alias in a circle delivers nothing and keeps its mail waiting; other mail goes on" {
+  tool alias set circle1@example.com circle2@example.com
+  tool alias set circle2@example.com circle1@example.com --allow-cycle
+  wait_for "the circle" refuses circle1@example.com
+  run -1 send me@away.example "a circle" circle1@example.com
+  equal "$output" "451 4.3.5 Server configuration error"
+  printf 'Subject: a circle\n\nHello\n' | sendmail -f me@away.example circle2@example.com
+  wait_for "the mail of the circle" grep -q "circle2@example.com" "$POSTFIX/log"
+  run -0 send me@away.example "beside a circle" ann@example.com
+  printf 'Subject: beside a circle\n\nHello\n' | sendmail -f me@away.example bob@example.com
+  wait_for "the other mail" has_delivered "beside a circle" "ann@example.com bob@example.com"
+  equal "$(delivered "a circle")" ""
+  # Whoever breaks the circle has the mail that waits.
+  tool alias set circle1@example.com cid@example.com
+  queue_empties
+  equal "$(delivered "a circle")" "cid@example.com"
+}
+refuses() { [[ $(postmap -q "$1" "$(map alias)" 2>&1) == *"this alias reaches nobody"* ]]; }
+has_delivered() { [ "$(delivered "$1")" == "$2" ]; }
+
+@test "all users of a domain get mail, without those of other kinds" {
+  tool domain add users.example
+  tool user add u1@users.example
+  tool user add u2@users.example
+  tool user add room@users.example --kind shared
+  tool user add old@users.example --kind disabled
+  tool alias set everybody@users.example allusers_users.example
+  seen alias everybody@users.example u1@users.example,u2@users.example
+  send me@away.example "all users" everybody@users.example
+  queue_empties
+  equal "$(delivered "all users")" "u1@users.example u2@users.example"
+}
+
+@test "an alias that names itself is delivered to beside the others" {
+  tool alias set ann@example.com ann@example.com copy@example.net
+  seen alias ann@example.com ann@example.com,copy@example.net
+  send me@away.example "a copy" ann@example.com
+  queue_empties
+  equal "$(delivered "a copy")" "ann@example.com copy@example.net"
+  tool alias remove ann@example.com
+  seen alias ann@example.com ""
+}
+
+@test "an extension goes on to the members" {
+  tool alias set sales@example.com ann@example.com out@example.net
+  seen alias sales+autumn@example.com ann+autumn@example.com,out+autumn@example.net
+  send me@away.example "an extension" sales+autumn@example.com
+  queue_empties
+  equal "$(delivered "an extension")" "ann+autumn@example.com out+autumn@example.net"
+}
+
+@test "an extension of a mail user is kept" {
+  send me@away.example "a user's extension" bob+box@example.com
+  queue_empties
+  equal "$(delivered "a user's extension")" "bob+box@example.com"
+}
+
+@test "letter case does not matter" {
+  tool alias set Mixed@example.com cid@example.com
+  seen alias mixed@example.com cid@example.com
+  send me@away.example "letter case" MIXED@EXAMPLE.COM mixed@Example.com
+  queue_empties
+  equal "$(delivered "letter case")" "cid@example.com"
+}
+
+@test "addresses beyond ASCII are found in Unicode and in Punycode" {
+  tool domain add bücher.example
+  tool alias set grün@bücher.example ann@example.com
+  tool alias set post@bücher.example bob@example.com
+  seen alias grün@bücher.example ann@example.com
+  seen alias post@bücher.example bob@example.com
+  send me@away.example "beyond ASCII" GRÜN@Bücher.example
+  send me@away.example "in Punycode" Grün@xn--bcher-kva.example
+  send me@away.example "no letter beyond ASCII" post@xn--bcher-kva.example
+  queue_empties
+  equal "$(delivered "beyond ASCII")" "ann@example.com"
+  equal "$(delivered "in Punycode")" "ann@example.com"
+  equal "$(delivered "no letter beyond ASCII")" "bob@example.com"
+}
+
+@test "a letter that Postfix writes as two: a second row in its spelling lets the mail in" {
+  tool domain add bücher.example
+  tool alias set grüße@bücher.example ann@example.com
+  seen alias grüße@bücher.example ann@example.com
+  run -1 send me@away.example "sharp s" Grüße@bücher.example
+  contains "$output" "550 5.1.1"
+  tool alias set grüsse@bücher.example grüße@bücher.example
+  seen alias grüsse@bücher.example ann@example.com
+  send me@away.example "sharp s" Grüße@bücher.example
+  queue_empties
+  equal "$(delivered "sharp s")" "ann@example.com"
+}
+
+# large_list NAME MEMBER...: an alias with 3000 members, and those given.
+large_list() {
+  local name=$1
+  shift
+  { printf '%s:' "$name" && { printf '%s\n' "$@" && printf 'm%d@example.net\n' {1..3000}; } | paste -s -d ,; } \
+    >"$BATS_TEST_TMPDIR/list"
+  tool alias import "$BATS_TEST_TMPDIR/list"
+  wait_for "the list" is_paged "$name"
+}
+is_paged() { [[ $(postmap -q "$1" "$(map alias)" 2>&1) == *tslpage*,*tslpage* ]]; }
+members() { printf "m%d$1@example.net\n" {1..3000} | LC_ALL=C sort | paste -s -d ' '; }
+
+@test "a list of 3000 reaches each member once" {
+  large_list large@example.com bob@example.com
+  send me@away.example "a large list" large@example.com
+  queue_empties
+  equal "$(delivered "a large list")" "bob@example.com $(members)"
+}
+
+@test "a list of 3000 keeps an extension" {
+  large_list extended@example.com bob@example.com
+  send me@away.example "a large list, extended" extended+tag@example.com
+  queue_empties
+  equal "$(delivered "a large list, extended")" "bob+tag@example.com $(members +tag)"
+}
+
+@test "a list of 3000 that names itself reaches each member once, and itself" {
+  large_list cid@example.com cid@example.com
+  send me@away.example "a large list with itself" cid@example.com
+  queue_empties
+  equal "$(delivered "a large list with itself")" "cid@example.com $(members)"
+  tool alias remove cid@example.com
+  seen alias cid@example.com ""
+}
+
+@test "masks: the public address on the way out, the private one on the way in" {
+  tool domain add inside.example
+  tool domain add outside.example
+  tool user add jon@inside.example
+  tool mask set jon@inside.example jon.smith@outside.example
+  seen mask_public jon@inside.example jon.smith@outside.example
+  send jon@inside.example "on the way out" friend@example.net ann@example.com
+  queue_empties
+  equal "$(delivered "on the way out")" "ann@example.com friend@example.net"
+  local sent kept
+  sent=$(grep -B 20 "^Subject: on the way out" "$POSTFIX/sink/mail")
+  contains "$sent" "X-Mail-Args: <jon.smith@outside.example>"
+  contains "$sent" "From: <jon.smith@outside.example>"
+  kept=$(grep -l "^Subject: on the way out" "$POSTFIX"/mail/*.mail)
+  contains "$(<"$kept")" "From: <jon@inside.example>"
+
+  send friend@example.net "on the way in" jon.smith@outside.example
+  send friend@example.net "on the way in, extended" Jon.Smith+box@Outside.example
+  queue_empties
+  equal "$(delivered "on the way in")" "jon@inside.example"
+  equal "$(delivered "on the way in, extended")" "jon+box@inside.example"
+  run -1 send friend@example.net "to nobody" nobody@outside.example
+  contains "$output" "550 5.1.1"
+}
+
+@test "masks: pairs of whole domains" {
+  tool domain add wide.example
+  tool domain add narrow.example
+  tool user add kim@narrow.example
+  tool mask set '*@narrow.example' '*@wide.example'
+  seen mask_public kim@narrow.example kim@wide.example
+  send kim@narrow.example "a whole domain" friend@example.net
+  send friend@example.net "a whole domain, in" kim@wide.example
+  queue_empties
+  contains "$(grep -B 20 "^Subject: a whole domain" "$POSTFIX/sink/mail")" "X-Mail-Args: <kim@wide.example>"
+  equal "$(delivered "a whole domain, in")" "kim@narrow.example"
+}
+
+@test "an outage of the database: mail goes on with the last rows" {
+  tool alias set outage@example.com ann@example.com out@example.net
+  seen alias outage@example.com ann@example.com,out@example.net
+  local pid
+  pid=$(server_pid)
+  kill -STOP "$pid"
+  send me@away.example "it hangs" outage@example.com || { kill -CONT "$pid" && false; }
+  queue_empties || { kill -CONT "$pid" && false; }
+  kill -CONT "$pid"
+  equal "$(delivered "it hangs")" "ann@example.com out@example.net"
+
+  "$TSL_TOOL" local stop --local="$SERVER"
+  send me@away.example "it is gone" outage@example.com
+  queue_empties
+  equal "$(delivered "it is gone")" "ann@example.com out@example.net"
+
+  tool alias set outage@example.com bob@example.com
+  seen alias outage@example.com bob@example.com
+  send me@away.example "it is back" outage@example.com
+  queue_empties
+  equal "$(delivered "it is back")" "bob@example.com"
+}
+
+@test "a service that starts without the database: mail waits, and nothing is lost or doubled" {
+  tool alias set later@example.com ann@example.com out@example.net
+  stop_service
+  "$TSL_TOOL" local stop --local="$SERVER"
+  start_service_unready
+  local i
+  for i in 1 2 3; do
+    run -1 send me@away.example "later" later@example.com
+    equal "${output%% *}" 451
+    printf 'Subject: later\n\nHello\n' | sendmail -f me@away.example later@example.com
+  done
+  wait_for "mail that cannot be taken in" grep -q "cleanup.*lookup error.*later@example.com" "$POSTFIX/log"
+  equal "$(delivered later)" ""
+  "$TSL_TOOL" local start --local="$SERVER"
+  wait_for "the service" sends me@away.example "later" later@example.com
+  queue_empties
+  equal "$(delivered later)" "$(printf 'ann@example.com %.0s' {1..4})$(printf 'out@example.net %.0s' {1..3})out@example.net"
+}
+sends() { send "$@" >/dev/null; }
+
+# Sends 300 numbered mails, most over SMTP as another mail server does, which comes again when it is told
+# to; the others from this host.
+traffic() {
+  local i
+  smtp_open
+  for i in {1..300}; do
+    echo "$i" >>"$BATS_TEST_TMPDIR/progress"
+    if ((i % 10 == 0)); then
+      printf 'Subject: traffic %d\n\nHello\n' "$i" | sendmail -f me@away.example busy@example.com
+      continue
+    fi
+    until transmit me@away.example "traffic $i" busy@example.com; do
+      [[ $SMTP_REPLY == 4* ]] || return 1
+      echo "$SMTP_REPLY" >>"$BATS_TEST_TMPDIR/refused"
+      sleep 0.05
+    done
+  done
+  smtp_close
+}
+has_sent() { grep -qx "$1" "$BATS_TEST_TMPDIR/progress"; }
+
+@test "restarts in the middle of traffic: each mail is delivered exactly once" {
+  tool alias set busy@example.com ann@example.com out@example.net
+  seen alias busy@example.com ann@example.com,out@example.net
+  : >"$BATS_TEST_TMPDIR/progress"
+  traffic &
+  local pid=$!
+  wait_for "a third of the traffic" has_sent 100
+  stop_service
+  wait_for "refused mail" test -s "$BATS_TEST_TMPDIR/refused"
+  start_service
+  wait_for "two thirds of the traffic" has_sent 200
+  kill -KILL "$(<"$POSTFIX/service.pid")"
+  start_service
+  wait "$pid"
+  queue_empties
+  deliveries "traffic [0-9]*" >"$BATS_TEST_TMPDIR/got"
+  for i in {1..300}; do
+    printf 'traffic %d\tann@example.com\ntraffic %d\tout@example.net\n' "$i" "$i"
+  done | LC_ALL=C sort >"$BATS_TEST_TMPDIR/want"
+  diff "$BATS_TEST_TMPDIR/got" "$BATS_TEST_TMPDIR/want"
+}

@@ -1,0 +1,395 @@
+#!/usr/bin/env bats
+# The lookup service as administrators and mail servers meet it: starting, signals, systemd, reloading,
+# and a database that is killed, paused and brought back under load. A database server for each test that
+# harms one, a common one for the others.
+
+load ../tools/helper
+
+setup_file() {
+  start_server
+  tool domain add users.example >/dev/null
+  tool user add ann@users.example >/dev/null
+}
+teardown_file() { stop_server; }
+
+setup() {
+  folder=$BATS_TEST_TMPDIR
+  socket=$folder/socketmap
+  empty_tables
+  tool alias set team@example.com ann@example.com bob@example.net
+}
+
+teardown() {
+  [[ -z ${load:-} ]] || kill "$load" 2>/dev/null || true
+  end_service
+}
+
+# Starts the service with the options $@ and waits until it listens. Its log goes to $folder/log.
+start_service() {
+  "$TSL_TOOL" --local="$SERVER" serve --listen "unix:$socket" "$@" 2>>"$folder/log" 3>&- &
+  service=$!
+  wait_for test -S "$socket"
+}
+
+end_service() {
+  [[ -n ${service:-} ]] || return 0
+  kill -TERM "$service" 2>/dev/null || true
+  wait "$service" || true
+  service=
+}
+
+# Runs "$@" until it succeeds, for at most 20 s.
+wait_for() {
+  local i
+  for ((i = 0; i < 400; i++)); do
+    "$@" >/dev/null 2>&1 && return
+    sleep 0.05
+  done
+  printf 'never succeeded: %s\n' "$*"
+  cat "$folder/log"
+  return 1
+}
+
+# Sends the requests $@ over one connection and prints the replies, one per line.
+ask() {
+  python3 - "$socket" "$@" <<'PYTHON'
+import socket, sys
+connection = socket.socket(socket.AF_UNIX)
+connection.settimeout(20)
+connection.connect(sys.argv[1])
+file = connection.makefile("rb")
+for request in sys.argv[2:]:
+    data = request.encode("utf-8", "surrogateescape")
+    connection.sendall(b"%d:%s," % (len(data), data))
+    size = b""
+    while (c := file.read(1)) != b":":
+        if not c:
+            sys.exit("the connection was ended")
+        size += c
+    sys.stdout.buffer.write(file.read(int(size)) + b"\n")
+    file.read(1)
+PYTHON
+}
+
+answers() { [ "$(ask "$1")" = "$2" ]; }
+
+# Asks for team@example.com without end, over new connections too, and notes each reply that is neither
+# $1 nor one of the others given. Ends with the first connection that cannot be made.
+start_load() {
+  python3 - "$socket" "$folder/wrong" "$@" <<'PYTHON' 3>&- &
+import socket, sys
+count = 0
+while True:
+    connection = socket.socket(socket.AF_UNIX)
+    connection.settimeout(20)
+    connection.connect(sys.argv[1])
+    for i in range(200):
+        connection.sendall(b"22:alias team@example.com,")
+        reply = connection.recv(4096).decode()
+        count += 1
+        if reply.split(":", 1)[-1].rstrip(",").strip() not in [a.strip() for a in sys.argv[3:]]:
+            open(sys.argv[2], "a").write(repr(reply) + "\n")
+    connection.close()
+    open(sys.argv[2] + ".count", "w").write(str(count))
+PYTHON
+  load=$!
+  wait_for test -s "$folder/wrong.count"
+}
+
+# The load goes on for another while, and got nothing wrong.
+load_is_well() {
+  local before
+  before=$(cat "$folder/wrong.count")
+  wait_for bash -c "(( \$(cat '$folder/wrong.count') > ${before:-0} + 400 ))"
+  kill -0 "$load"
+  [ ! -e "$folder/wrong" ] || {
+    head -3 "$folder/wrong"
+    return 1
+  }
+}
+
+found='OK ann@example.com,bob@example.net'
+blank=' '
+
+@test "every map answers, found and not found" {
+  tool mask set boss@inner.example chief@example.com
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  wait_for answers 'mask_public boss@inner.example' 'OK chief@example.com'
+  run ask 'alias TEAM@Example.COM' 'alias nobody@example.com' 'mask_public boss@inner.example' \
+    'mask_private chief@example.com' 'mask_public ann@inner.example' 'mailbox Ann@users.example' \
+    'mailbox bob@users.example' 'domain users.example' 'domain example.com' 'alias:none x@example.com' \
+    'nomap x@example.com' 'alias team+sport@example.com'
+  equal "$output" "$found
+NOTFOUND$blank
+OK chief@example.com
+OK boss@inner.example
+NOTFOUND$blank
+OK ann@users.example
+NOTFOUND$blank
+OK users.example
+NOTFOUND$blank
+TEMP there is no such table
+PERM there is no such map
+OK ann+sport@example.com,bob+sport@example.net"
+}
+
+@test "a change is seen within a second of its commit, each of a row of changes" {
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  for i in 1 2 3 4 5; do
+    tool alias set team@example.com "member$i@example.com"
+    end=$((${EPOCHREALTIME/./} + 1000000))
+    until answers 'alias team@example.com' "OK member$i@example.com"; do
+      ((${EPOCHREALTIME/./} < end)) || { echo "change $i is not seen"; return 1; }
+    done
+  done
+}
+
+@test "SIGTERM ends it with 0, answers what was asked, and removes the socket" {
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  kill -TERM "$service"
+  wait "$service"
+  service=
+  [ ! -e "$socket" ]
+  contains "$(cat "$folder/log")" "ending"
+}
+
+@test "the socket of a service that was killed is replaced, that of a living one is not" {
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  run "$TSL_TOOL" --local="$SERVER" serve --listen "unix:$socket"
+  [ "$status" -eq 78 ]
+  contains "$output" "another service listens there"
+  kill -KILL "$service"
+  wait "$service" || true
+  [ -S "$socket" ]
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+}
+
+@test "SIGHUP reads all tables anew, without a gap in the answers" {
+  start_service --log-level debug
+  wait_for answers 'alias team@example.com' "$found"
+  start_load "$found"
+  kill -HUP "$service"
+  wait_for grep -q "reading all tables anew" "$folder/log"
+  load_is_well
+}
+
+@test "systemd is told that it is ready, and hands over sockets" {
+  run python3 - "$TSL_TOOL" "$SERVER" "$folder" <<'PYTHON'
+import os, socket, subprocess, sys
+tool, server, folder = sys.argv[1:]
+notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+notify.bind(folder + "/notify")
+notify.settimeout(20)
+listener = socket.socket(socket.AF_UNIX)
+listener.bind(folder + "/handed")
+listener.listen()
+def prepare():
+    os.dup2(listener.fileno(), 3)
+    os.environ["LISTEN_PID"] = str(os.getpid())
+child = os.fork()
+if child == 0:
+    os.dup2(listener.fileno(), 3)
+    os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", NOTIFY_SOCKET=folder + "/notify",
+                      WATCHDOG_PID=str(os.getpid()), WATCHDOG_USEC="200000")
+    os.execv(tool, [tool, "--local=" + server, "serve"])
+def until(text):
+    while text not in (got := notify.recv(4096)):
+        pass
+until(b"READY=1")
+until(b"WATCHDOG=1")
+until(b"WATCHDOG=1")
+client = socket.socket(socket.AF_UNIX)
+client.settimeout(20)
+client.connect(folder + "/handed")
+client.sendall(b"8:alias x@,")
+assert client.recv(100) in (b"9:NOTFOUND ,", b"38:TEMP the table could not be read yet,"), "reply"
+os.kill(child, 1)
+until(b"RELOADING=1")
+until(b"READY=1")
+os.kill(child, 15)
+until(b"STOPPING=1")
+print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+PYTHON
+  equal "$(tail -1 <<<"$output")" 0
+}
+
+@test "metrics, health and readiness are told over HTTP, without an address" {
+  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  start_service --metrics "127.0.0.1:$port"
+  wait_for answers 'alias team@example.com' "$found"
+  get() { python3 -c 'import sys, urllib.request; print(urllib.request.urlopen(sys.argv[1]).read().decode())' "http://127.0.0.1:$port/$1"; }
+  equal "$(get health)" "ok"
+  wait_for get ready
+  metrics=$(get metrics)
+  contains "$metrics" 'tsl_address_map_requests_total{map="alias",result="ok"}'
+  contains "$metrics" 'tsl_address_map_rows{table="alias"} 1'
+  [[ $metrics != *example.com* ]]
+}
+
+@test "a row that cannot be read stops nothing but itself" {
+  sql "insert into alias (name, members) values ('broken@example.com', 'no address')"
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  run ask 'alias broken@example.com'
+  equal "$output" "TEMP the row of this alias cannot be read"
+  contains "$(cat "$folder/log")" "1 rows cannot be read and are left out"
+  [[ $(cat "$folder/log") != *broken@* ]]
+}
+
+@test "wrong options are refused with 64 and an example" {
+  for wrong in '--listen nowhere' '--refresh soon' '--page 1' '--extension maybe' '--metrics here' '--delimiter @'; do
+    # The words of $wrong are two arguments.
+    # shellcheck disable=SC2086
+    run "$TSL_TOOL" --local="$SERVER" serve $wrong
+    [ "$status" -eq 64 ] || { echo "$wrong: $status: $output"; return 1; }
+  done
+  run "$TSL_TOOL" --local="$SERVER" serve
+  [ "$status" -eq 64 ]
+  contains "$output" "nothing to listen at"
+}
+
+resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
+
+@test "10,000 connections are held, each is answered, and idle they cost next to nothing" {
+  (($(ulimit -Hn) > 10100)) || { echo "the limit of open files is too low: $(ulimit -Hn)"; return 1; }
+  ulimit -Sn 10100
+  start_service --max-connections 10000
+  wait_for answers 'alias team@example.com' "$found"
+  before=$(resident_kilobytes)
+  run python3 - "$socket" <<'PYTHON'
+import socket, sys
+def connect():
+    connection = socket.socket(socket.AF_UNIX)
+    # Waits where there are many before it, which it would not do with a time-out.
+    connection.connect(sys.argv[1])
+    connection.settimeout(60)
+    return connection
+def is_answered(connection):
+    connection.sendall(b"22:alias team@example.com,")
+    return connection.recv(100) == b"34:OK ann@example.com,bob@example.net,"
+connections = [connect() for i in range(9990)]
+print(sum(is_answered(connection) for connection in connections))
+print(sum(is_answered(connection) for connection in reversed(connections)))
+PYTHON
+  equal "$output" "9990
+9990"
+  # With the memory of a sanitizer it is another matter.
+  is_sanitized || (($(resident_kilobytes) - before < 20000))
+}
+
+is_sanitized() { ldd "$TSL_TOOL" | grep -q -e libasan -e libtsan; }
+
+# TSL_TEST_SECONDS makes it a soak: 600 and more.
+@test "memory stays as it is under load and changes" {
+  seconds=${TSL_TEST_SECONDS:-4}
+  start_service --refresh 40ms
+  wait_for answers 'alias team@example.com' "$found"
+  start_load "$found" 'OK cleo@example.com'
+  middle=
+  end=$((SECONDS + seconds))
+  half=$((SECONDS + seconds / 2))
+  while ((SECONDS < end)); do
+    tool alias set team@example.com cleo@example.com
+    tool alias set "one$RANDOM@example.com" "two$RANDOM@example.com"
+    tool alias set team@example.com ann@example.com bob@example.net
+    ((SECONDS < half)) || middle=${middle:-$(resident_kilobytes)}
+  done
+  load_is_well
+  growth=$(($(resident_kilobytes) - middle))
+  echo "grown by $growth kB of $middle kB in the second half of $seconds s"
+  # A sanitizer keeps what was freed, up to 256 MB of it.
+  is_sanitized && limit=300000 || limit=10000
+  ((growth < limit))
+}
+
+# --- Outages, each on a server of its own.
+
+own_server() {
+  SERVER=$folder/server
+  "$TSL_TOOL" local start --local="$SERVER" >/dev/null
+  "$TSL_TOOL" init --local="$SERVER" >/dev/null
+  tool alias set team@example.com ann@example.com bob@example.net
+}
+
+# The service is not to start the server again by itself, so it is named by its option file.
+serve_own() {
+  "$TSL_TOOL" --option-file "$SERVER/client.cnf" --cmf "$SERVER/cmf" serve --listen "unix:$socket" \
+    "$@" 2>>"$folder/log" 3>&- &
+  service=$!
+  wait_for test -S "$socket"
+}
+
+@test "a database that is killed and brought back under load is never noticed by who asks" {
+  common=$SERVER
+  own_server
+  serve_own --log-level debug
+  wait_for answers 'alias team@example.com' "$found"
+  start_load "$found" 'OK cleo@example.com'
+  kill -KILL "$(server_pid)"
+  wait_for grep -q "the database cannot be asked" "$folder/log"
+  load_is_well
+  "$TSL_TOOL" local start --local="$SERVER" >/dev/null
+  wait_for grep -q "the database can be asked again" "$folder/log"
+  tool alias set team@example.com cleo@example.com
+  wait_for answers 'alias team@example.com' 'OK cleo@example.com'
+  load_is_well
+  kill "$load"
+  stop_server
+  SERVER=$common
+}
+
+@test "a database that hangs is not waited for, not even at the end" {
+  common=$SERVER
+  own_server
+  serve_own
+  wait_for answers 'alias team@example.com' "$found"
+  pid=$(server_pid)
+  kill -STOP "$pid"
+  start_load "$found"
+  load_is_well
+  kill "$load"
+  kill -TERM "$service"
+  wait "$service"
+  service=
+  kill -CONT "$pid"
+  stop_server
+  SERVER=$common
+}
+
+@test "what is known is answered for the time of --stale, and then nothing is" {
+  common=$SERVER
+  own_server
+  serve_own --stale 6s
+  wait_for answers 'alias team@example.com' "$found"
+  kill -KILL "$(server_pid)"
+  answers 'alias nobody@example.com' 'NOTFOUND '
+  wait_for answers 'alias team@example.com' 'TEMP the database cannot be asked, and what is known is too old'
+  answers 'alias nobody@example.com' 'TEMP the database cannot be asked, and what is known is too old'
+  rm -rf "$SERVER"
+  SERVER=$common
+}
+
+@test "a service that starts while the database is away answers from its snapshot, or TEMP" {
+  common=$SERVER
+  own_server
+  mkdir "$folder/snapshot"
+  serve_own --snapshot "$folder/snapshot"
+  wait_for answers 'alias team@example.com' "$found"
+  wait_for test -s "$folder/snapshot/alias.image"
+  end_service
+  kill -KILL "$(server_pid)"
+  serve_own
+  answers 'alias team@example.com' 'TEMP the table could not be read yet'
+  end_service
+  serve_own --snapshot "$folder/snapshot"
+  answers 'alias team@example.com' "$found"
+  answers 'alias nobody@example.com' 'NOTFOUND '
+  end_service
+  rm -rf "$SERVER"
+  SERVER=$common
+}

@@ -1,0 +1,193 @@
+// An alias table in memory.
+#include "serve/AliasImage.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "alias/AddressAliasDbMySQL.h"
+#include "alias/AliasExpander.h"
+#include "base/Exception.h"
+#include "base/stringCompareNoCase.h"
+#include "cli/AliasGraph.h"
+#include "cli/Failure.h"
+#include "cli/PlainAddresses.h"
+#include "serve/AddressKey.h"
+
+namespace Tessel::Serve {
+
+using Tool::AddressIndex;
+
+// Fills itself with the rows that are asked for. It has room for all of them, so none is ever
+// thrown out and what `find` returns stays where it is: expansions read it without a lock.
+class AliasImage::RowCache : public LRUCache<EmailAddress, std::set<EmailAddress>> {
+ public:
+  // `image` must outlive the cache.
+  explicit RowCache(const AliasImage& image) : LRUCache(image.m_rows.size()), m_image(image) {}
+
+  iterator find(const EmailAddress& address) const override {
+    // Most addresses that are looked up are members that are no aliases: they are told at once.
+    const RowStore::Id row = m_image.rowOf(address);
+    if (row == AddressIndex::s_none) return end();
+    const auto known = LRUCache::find(address);
+    if (known != end()) return known;
+    // Under the row's own spelling, so that a row has one entry however it is asked for.
+    const EmailAddress alias = EmailAddress::rfc5321Parse(m_image.m_rows.first(row), false);
+    const auto spelled = LRUCache::find(alias);
+    if (spelled != end()) return spelled;
+    // Looking a row up fills the cache: that is what a cache is for, hence the cast.
+    const_cast<RowCache*>(this)->add(alias, m_image.members(row));
+    return LRUCache::find(alias);
+  }
+
+ private:
+  const AliasImage& m_image;
+};
+
+// Takes the rows of a table in.
+class AliasImage::Reader {
+ public:
+  // `image` must outlive the reader.
+  explicit Reader(AliasImage& image) : m_image(image) {}
+
+  void take(std::string_view name, std::string_view members) {
+    std::string fault = readName(name);
+    if (fault.empty()) fault = faultOf(members);
+    if (!fault.empty()) return m_image.m_leftOut.add(name, members, fault, m_key);
+    if (m_image.m_keys.add(m_key).isNew) {
+      m_image.m_rows.add(name, members);
+    } else {
+      m_image.m_leftOut.add(name, members, "another row is of the same address", "");
+    }
+  }
+
+ private:
+  // Puts the key of the row's name into `m_key`; empty when it has none. What is wrong with the
+  // name; empty when it can be read.
+  std::string readName(std::string_view name) {
+    std::string parsed;
+    std::string fault;
+    try {
+      if (!Tool::splitPlain(name, m_addresses) || m_addresses.size() != 1) {
+        // Not all of the text may belong to the address: blanks around it do not.
+        parsed = EmailAddress::rfc5321Parse(name, false).address();
+        name = parsed;
+        if (parsed.empty()) fault = "the name is empty";
+      }
+    } catch (const Exception& exception) {
+      fault = "bad name: " + Tool::reasonOf(exception);
+    }
+    if (addressKey(name, m_key)) return fault;
+    m_key.clear();
+    return fault.empty() ? "bad name: nobody can ask for it" : fault;
+  }
+
+  // What is wrong with the members; empty when they can be read.
+  std::string faultOf(std::string_view members) {
+    try {
+      if (Tool::splitPlain(members, m_addresses)) return "";
+      const bool isEmpty = EmailAddress::rfc5322ParseSet(members, true, false).empty();
+      return isEmpty ? "the members are empty" : "";
+    } catch (const Exception& exception) {
+      return "bad members: " + Tool::reasonOf(exception);
+    }
+  }
+
+  AliasImage& m_image;
+  std::string m_key;
+  std::vector<std::string_view> m_addresses;
+};
+
+AliasImage::AliasImage(const RowSource& source) {
+  Reader reader(*this);
+  source(
+      [&reader](std::string_view name, std::string_view members) { reader.take(name, members); });
+  m_rows.shrink();
+  m_cache = std::make_unique<RowCache>(*this);
+}
+
+AliasImage::~AliasImage() = default;
+
+Expansion AliasImage::expand(std::string_view key) const {
+  Expansion expansion;
+  const RowStore::Id row = m_keys.find(key);
+  if (row == AddressIndex::s_none) {
+    if (m_leftOut.hasKey(key)) expansion.kind = Expansion::Kind::Broken;
+    return expansion;
+  }
+  const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
+  std::set<EmailAddress> reached;
+  AdapterExpanderNoQuery(*m_cache, reached).expand(alias);
+  if (reachesBroken(reached)) {
+    expansion.kind = Expansion::Kind::Broken;
+    return expansion;
+  }
+  expansion.dependsOnUsers = reached.size() == 1 && Tool::isMarker(reached.begin()->address());
+  expansion.addresses = AddressAliasDbMySQL::withAllUsers(alias, reached);
+  for (const EmailAddress& address : expansion.addresses) {
+    // A marker that is left is no mailbox: mail to it would reach whoever has that name.
+    if (!address.domain().empty() || !Tool::isMarker(address.address())) continue;
+    expansion.kind = Expansion::Kind::NoUsers;
+    return expansion;
+  }
+  expansion.kind = expansion.addresses.empty() ? Expansion::Kind::Nobody : Expansion::Kind::Found;
+  return expansion;
+}
+
+// To the expander, an alias that was left out is an address like any other.
+bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
+  if (!m_leftOut.hasKeys()) return false;
+  std::string key;
+  return std::any_of(reached.begin(), reached.end(), [&](const EmailAddress& address) {
+    return addressKey(address.address(), key) && m_leftOut.hasKey(key) &&
+           m_keys.find(key) == AddressIndex::s_none;
+  });
+}
+
+std::vector<std::string> AliasImage::circle(std::string_view key) const {
+  struct Level {
+    RowStore::Id row;
+    std::set<EmailAddress> members;
+  };
+  std::vector<Level> levels;
+  std::set<RowStore::Id> visited;
+  const auto enter = [&](RowStore::Id row) {
+    visited.insert(row);
+    levels.push_back({row, members(row)});
+  };
+  const RowStore::Id first = m_keys.find(key);
+  if (first == AddressIndex::s_none) return {};
+  enter(first);
+  while (!levels.empty()) {
+    if (levels.back().members.empty()) {
+      levels.pop_back();
+      continue;
+    }
+    std::set<EmailAddress>& left = levels.back().members;
+    const RowStore::Id row = rowOf(left.extract(left.begin()).value());
+    if (row == AddressIndex::s_none || row == levels.back().row) continue;
+    if (!visited.contains(row)) {
+      enter(row);
+      continue;
+    }
+    std::vector<std::string> circle;
+    for (const Level& level : levels) {
+      if (level.row == row || !circle.empty()) circle.emplace_back(m_rows.first(level.row));
+    }
+    if (!circle.empty()) {
+      circle.push_back(circle.front());
+      return circle;
+    }
+  }
+  return {};
+}
+
+std::set<EmailAddress> AliasImage::members(RowStore::Id id) const {
+  return EmailAddress::rfc5322ParseSet(m_rows.second(id), true, false);
+}
+
+RowStore::Id AliasImage::rowOf(const EmailAddress& address) const {
+  std::string key;
+  return addressKey(address.address(), key) ? m_keys.find(key) : AddressIndex::s_none;
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,288 @@
+// The lookup service as a whole.
+#include "serve/Service.h"
+
+#include <sys/resource.h>
+#include <systemd/sd-daemon.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/basic_socket_acceptor.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "cli/AliasTable.h"
+#include "cli/Failure.h"
+#include "cli/MaskTable.h"
+#include "serve/ListenSocket.h"
+#include "serve/Metrics.h"
+#include "serve/MetricsListener.h"
+#include "serve/Table.h"
+#include "serve/TableWatch.h"
+#include "serve/Worker.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+using boost::system::error_code;
+using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream_protocol>;
+
+// Wait before the next connection is accepted when there are no descriptors left.
+constexpr std::chrono::milliseconds s_acceptPause{100};
+// How long the end waits for the database.
+constexpr std::chrono::milliseconds s_databasePatience{2000};
+// Descriptors beside those of the connections.
+constexpr std::size_t s_otherDescriptors = 64;
+
+boost::asio::generic::stream_protocol s_protocolOf(int descriptor) {
+  int family = 0;
+  socklen_t size = sizeof(family);
+  getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &family, &size);
+  return {family, 0};
+}
+
+// Asks for as many descriptors as the connections may need; the number of connections that there
+// can be.
+std::size_t s_raiseLimit(std::size_t connections, Log& log) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return connections;
+  const rlim_t wanted = connections + s_otherDescriptors;
+  if (limit.rlim_cur < wanted) {
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+  }
+  if (limit.rlim_cur >= wanted) return connections;
+  const std::size_t possible = limit.rlim_cur > 2 * s_otherDescriptors
+                                   ? limit.rlim_cur - s_otherDescriptors
+                                   : s_otherDescriptors;
+  log.warning("the limit of open files allows " + std::to_string(possible) +
+              " connections instead of " + std::to_string(connections) +
+              "; raise LimitNOFILE= of the unit");
+  return possible;
+}
+
+class Service {
+ public:
+  Service(const Settings& settings, Log& log)
+      : m_settings(settings),
+        m_log(log),
+        m_tables(settings),
+        m_mostConnections(s_raiseLimit(settings.maxConnections, log)),
+        m_signals(m_context, SIGTERM, SIGINT, SIGHUP),
+        m_watchdog(m_context),
+        m_pause(m_context) {
+    // They are there to be asked from the start: not to know them yet is no "not there".
+    m_tables.add(Tool::aliasTableName(""));
+    m_tables.add(Tool::maskTableName(""));
+    for (const std::string& name : settings.tables) {
+      m_tables.add(Tool::aliasTableName(name));
+      m_tables.add(Tool::maskTableName(name));
+    }
+  }
+
+  void run() {
+    openSockets();
+    m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
+    if (m_settings.metrics) listenForMetrics(*m_settings.metrics);
+    for (unsigned int i = 0; i < m_settings.workers; ++i) {
+      m_workers.emplace_back(m_settings, m_tables, m_metrics, m_log, [this] { closed(); });
+    }
+    m_watch->start();
+    for (Listener& listener : m_listeners) accept(listener);
+    waitForSignal();
+    watch();
+    sd_notify(0, "READY=1");
+    m_context.run();
+    end();
+  }
+
+ private:
+  struct Listener {
+    Listener(boost::asio::io_context& context, ListenSocket&& listenSocket)
+        : socket(std::move(listenSocket)), acceptor(context) {
+      const auto protocol = s_protocolOf(socket.descriptor());
+      acceptor.assign(protocol, socket.release());
+    }
+
+    ListenSocket socket;  // Without the descriptor, which is the acceptor's.
+    Acceptor acceptor;
+    bool isWaiting = false;  // For a connection.
+  };
+
+  void openSockets() {
+    std::vector<ListenSocket> sockets = inheritedSockets();
+    for (const ListenAddress& address : m_settings.listen) sockets.emplace_back(address);
+    if (sockets.empty()) {
+      throw Tool::Failure(Tool::ExitCode::Usage, "serve", "there is nothing to listen at",
+                          "give --listen, as in --listen unix:/run/tsl-address-map/socketmap");
+    }
+    for (ListenSocket& socket : sockets) {
+      m_log.info("listening at " + socket.name());
+      m_listeners.emplace_back(m_context, std::move(socket));
+    }
+  }
+
+  void listenForMetrics(const ListenAddress& address) {
+    const bool isInet6 = address.host.find(':') != std::string::npos;
+    const std::string host = isInet6 ? "[" + address.host + "]" : address.host;
+    m_metricsListener = std::make_unique<MetricsListener>(
+        host + ":" + std::to_string(address.port),
+        MetricsListener::Pages{[this] { return m_metrics.text(m_tables, Clock::now()); },
+                               [this] { return unready(); }});
+  }
+
+  // Why not all tables can be asked; empty when they can.
+  [[nodiscard]] std::string unready() const {
+    std::string why;
+    for (const TablePointer& table : m_tables.all()) {
+      const auto age = table->age(Clock::now());
+      if (age && !isTooOld(*age, m_settings)) continue;
+      why += (why.empty() ? "" : "; ") + std::string("table ") + table->sqlName() +
+             (age ? " is too old" : " could not be read yet");
+    }
+    return why;
+  }
+
+  [[nodiscard]] std::size_t connections() const {
+    std::size_t count = 0;
+    for (const Worker& worker : m_workers) count += worker.connections();
+    return count;
+  }
+
+  // Takes connections from `listener`, as long as there may be more.
+  void accept(Listener& listener) {
+    if (m_isEnding || listener.isWaiting || connections() >= m_mostConnections) return;
+    Worker& worker = *std::min_element(
+        m_workers.begin(), m_workers.end(),
+        [](const Worker& a, const Worker& b) { return a.connections() < b.connections(); });
+    listener.isWaiting = true;
+    listener.acceptor.async_accept(
+        [this, &listener, &worker](const error_code& error,
+                                   boost::asio::generic::stream_protocol::socket socket) {
+          listener.isWaiting = false;
+          if (m_isEnding) return;
+          if (!error) {
+            worker.take(socket.release(), listener.socket.isLineProtocol());
+            return accept(listener);
+          }
+          pause(error);
+        });
+  }
+
+  // Nothing can be accepted just now: tries again in a moment.
+  void pause(const error_code& error) {
+    if (!m_isPausing) m_log.error("no connection can be accepted: " + error.message());
+    m_isPausing = true;
+    m_pause.expires_after(s_acceptPause);
+    m_pause.async_wait([this](const error_code& cancelled) {
+      if (cancelled) return;
+      m_isPausing = false;
+      acceptAll();
+    });
+  }
+
+  void acceptAll() {
+    for (Listener& listener : m_listeners) accept(listener);
+  }
+
+  // A connection has ended, on the thread of a worker.
+  void closed() {
+    boost::asio::post(m_context, [this] {
+      acceptAll();
+      if (m_isEnding && connections() == 0) m_context.stop();
+    });
+  }
+
+  void waitForSignal() {
+    m_signals.async_wait([this](const error_code& error, int signal) {
+      if (error) return;
+      if (signal != SIGHUP) return drain();
+      reload();
+      waitForSignal();
+    });
+  }
+
+  void reload() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long microseconds = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+    sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", microseconds);
+    m_log.info("reading all tables anew");
+    m_watch->reload();
+    sd_notify(0, "READY=1");
+  }
+
+  void drain() {
+    m_log.info("ending");
+    sd_notify(0, "STOPPING=1");
+    m_isEnding = true;
+    for (Listener& listener : m_listeners) listener.acceptor.close();
+    for (Worker& worker : m_workers) worker.drain();
+    m_pause.expires_after(m_settings.drain);
+    m_pause.async_wait([this](const error_code& cancelled) {
+      if (!cancelled) m_context.stop();
+    });
+    closed();
+  }
+
+  // Tells systemd that all threads are alive, twice as often as it wants to hear of it.
+  void watch() {
+    std::uint64_t microseconds = 0;
+    if (sd_watchdog_enabled(0, &microseconds) <= 0) return;
+    const bool isAlive = std::all_of(m_workers.begin(), m_workers.end(),
+                                     [](Worker& worker) { return worker.isAlive(); });
+    if (isAlive) sd_notify(0, "WATCHDOG=1");
+    m_watchdog.expires_after(std::chrono::microseconds(microseconds / 2));
+    m_watchdog.async_wait([this](const error_code& error) {
+      if (!error) watch();
+    });
+  }
+
+  void end() {
+    m_workers.clear();
+    m_metricsListener.reset();
+    m_listeners.clear();
+    if (m_watch->stop(s_databasePatience)) return;
+    // A database that hangs must not hold up the end: all that was asked is answered.
+    m_log.warning("ending without the answer of the database");
+    std::_Exit(EXIT_SUCCESS);
+  }
+
+  const Settings& m_settings;
+  Log& m_log;
+  Tables m_tables;
+  Metrics m_metrics;
+  const std::size_t m_mostConnections;
+  boost::asio::io_context m_context{1};
+  boost::asio::signal_set m_signals;
+  boost::asio::steady_timer m_watchdog;
+  boost::asio::steady_timer m_pause;
+  std::unique_ptr<TableWatch> m_watch;
+  std::unique_ptr<MetricsListener> m_metricsListener;
+  std::list<Worker> m_workers;
+  std::list<Listener> m_listeners;
+  bool m_isEnding = false;
+  bool m_isPausing = false;
+};
+
+}  // namespace
+
+void serve(const Settings& settings, Log& log) {
+  Service(settings, log).run();
+}
+
+}  // namespace Tessel::Serve
