@@ -98,7 +98,7 @@ foreign_headers() {
     [ "$(man -w -M "$prefix/share/man" "${page##*.}" "$name")" = \
       "$prefix/share/man/man${page##*.}/$(basename "$page")" ]
   done
-  [ "$pages" -eq 3 ]
+  [ "$pages" -eq 4 ]
   # It would not pass one with a mistake.
   printf '.TH T 3\n.SH NAME\nt \\- thing\n.nosuch\n' >"$BATS_TEST_TMPDIR/t.3"
   [ -n "$(man -l --warnings -Tutf8 -Z "$BATS_TEST_TMPDIR/t.3" 2>&1 >/dev/null)" ]

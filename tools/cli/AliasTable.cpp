@@ -8,8 +8,8 @@
 #include "base/Exception.h"
 #include "base/stringCompareNoCase.h"
 #include "cli/Failure.h"
+#include "cli/OurDatabase.h"
 #include "cli/Retry.h"
-#include "cli/Session.h"
 #include "cli/TextRows.h"
 #include "database/Transaction.h"
 

@@ -6,12 +6,10 @@
 #include <string>
 
 #include "address/EmailAddress.h"
+#include "cli/OurDatabase.h"
 #include "cli/Output.h"
 
 namespace Tessel::Tool {
-
-// The one database of the library.
-inline constexpr char s_database[] = "ts_address_map";
 
 // The global options as they were given.
 struct Settings {

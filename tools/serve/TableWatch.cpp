@@ -10,7 +10,7 @@
 
 #include "cli/AliasGraph.h"
 #include "cli/Failure.h"
-#include "cli/Session.h"
+#include "cli/OurDatabase.h"
 #include "cli/TextRows.h"
 #include "database/Connection.h"
 
