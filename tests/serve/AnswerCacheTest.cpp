@@ -23,7 +23,7 @@ AnswerCache::Entry s_entry(const std::string& key, const std::string& reply,
 std::string s_find(const AnswerCache& cache, const std::string& key,
                    Clock::time_point now = s_now) {
   const AnswerCache::Entry* const entry = cache.find(key, now);
-  return entry == nullptr ? "none" : entry->reply;
+  return entry == nullptr ? "none" : std::string(entry->reply());
 }
 
 TEST(AnswerCache, GivesTheReplyOfTheSameKeyOnly) {
@@ -33,7 +33,7 @@ TEST(AnswerCache, GivesTheReplyOfTheSameKeyOnly) {
   EXPECT_EQ(s_find(cache, "a"), "OK 1");
   EXPECT_EQ(s_find(cache, "A"), "none");
   EXPECT_EQ(s_find(cache, ""), "none");
-  EXPECT_EQ(cache.find("a", s_now)->result, Result::Ok);
+  EXPECT_EQ(cache.find("a", s_now)->result(), Result::Ok);
 }
 
 TEST(AnswerCache, ANewReplyTakesThePlaceOfTheOld) {

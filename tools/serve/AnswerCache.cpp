@@ -13,24 +13,24 @@ const AnswerCache::Entry* AnswerCache::find(std::string_view key, Clock::time_po
   for (std::size_t place = 0; place < s_places; ++place) {
     if (group.hashes[place] != hash) continue;
     const Entry& entry = group.entries[place];
-    if (entry.generation != m_generation || entry.key != key) continue;
-    return now < entry.until ? &entry : nullptr;
+    if (entry.m_generation != m_generation || entry.key() != key) continue;
+    return now < entry.m_until ? &entry : nullptr;
   }
   return nullptr;
 }
 
 void AnswerCache::keep(Entry entry) {
-  if (entry.key.size() + entry.reply.size() > m_longest) return;
+  if (entry.m_text.size() > m_longest) return;
   if (m_content.empty()) m_content.resize(m_groups);
-  const std::size_t hash = std::hash<std::string_view>()(entry.key);
+  const std::size_t hash = std::hash<std::string_view>()(entry.key());
   Group& group = m_content[hash & (m_groups - 1)];
   std::size_t place = group.next;
   for (std::size_t i = 0; i < s_places; ++i) {
-    if (group.hashes[i] == hash && group.entries[i].key == entry.key) place = i;
+    if (group.hashes[i] == hash && group.entries[i].key() == entry.key()) place = i;
   }
   if (place == group.next) group.next = (group.next + 1) % s_places;
   group.hashes[place] = hash;
-  entry.generation = m_generation;
+  entry.m_generation = m_generation;
   group.entries[place] = std::move(entry);
 }
 

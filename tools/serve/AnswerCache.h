@@ -19,12 +19,35 @@ namespace Tessel::Serve {
 // as many as its tree is high, which would be most of the time that a request takes. One thread.
 class AnswerCache {
  public:
-  struct Entry {
-    std::string key;
-    std::string reply;
-    Result result = Result::NotFound;
-    Clock::time_point until;
-    std::uint64_t generation = 0;  // Set by `keep`: replies of another one are forgotten.
+  // A reply and what it is known for. One text has both, and the rest is small: a look at an entry
+  // that is out of the processor's caches costs more than all else that is done here.
+  class Entry {
+   public:
+    Entry() = default;
+    Entry(std::string_view key, std::string_view reply, Result result, Clock::time_point until)
+        : m_text(key),
+          m_keySize(static_cast<std::uint32_t>(key.size())),
+          m_result(result),
+          m_until(until) {
+      m_text.append(reply);
+    }
+
+    [[nodiscard]] std::string_view key() const {
+      return std::string_view(m_text).substr(0, m_keySize);
+    }
+    [[nodiscard]] std::string_view reply() const {
+      return std::string_view(m_text).substr(m_keySize);
+    }
+    [[nodiscard]] Result result() const { return m_result; }
+
+   private:
+    friend class AnswerCache;
+
+    std::string m_text;
+    std::uint32_t m_keySize = 0;
+    Result m_result = Result::NotFound;
+    Clock::time_point m_until;
+    std::uint64_t m_generation = 0;  // Set by `keep`: replies of another one are forgotten.
   };
 
   // Keeps replies of up to `longest` bytes with their keys, in four times `groups` places, `groups`

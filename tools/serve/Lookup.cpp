@@ -76,7 +76,7 @@ struct Lookup::Road {
   }
 
   void keep(AnswerCache::Entry entry) {
-    const bool isShort = entry.key.size() + entry.reply.size() <= s_shortReply;
+    const bool isShort = entry.key().size() + entry.reply().size() <= s_shortReply;
     (isShort ? replies : longReplies).keep(std::move(entry));
   }
 
@@ -119,8 +119,9 @@ const std::string& Lookup::replyAt(std::string_view request, Clock::time_point n
   const AnswerCache::Entry* const known = road->find(key, now);
   if (known != nullptr) {
     m_metrics.cacheHit();
-    m_result = known->result;
-    return known->reply;
+    m_result = known->result();
+    m_reply.assign(known->reply());
+    return m_reply;
   }
   const Answer found = answer(*road, key, now);
   give(found);
@@ -128,7 +129,7 @@ const std::string& Lookup::replyAt(std::string_view request, Clock::time_point n
   const Clock::time_point until = found.isVolatile
                                       ? now + std::min(m_settings.refresh, s_longestVolatile)
                                       : Clock::time_point::max();
-  if (isKept) road->keep({std::string(key), m_reply, m_result, until, 0});
+  if (isKept) road->keep({key, m_reply, m_result, until});
   return m_reply;
 }
 

@@ -1,33 +1,51 @@
 // The rows of a table in memory.
 #include "serve/RowStore.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace Tessel::Serve {
 
+namespace {
+
+constexpr std::size_t s_blockSize = 1U << 20U;
+
+}  // namespace
+
 RowStore::Id RowStore::add(std::string_view first, std::string_view second) {
   const Id id = size();
   if (id == UINT32_MAX - 1) throw std::length_error("more rows than numbers");
-  m_texts.append(first);
-  const std::size_t middle = m_texts.size();
-  m_texts.append(second);
-  m_ends.push_back({middle, m_texts.size()});
+  if (first.size() > UINT32_MAX || second.size() > UINT32_MAX) {
+    throw std::length_error("a text of 4 GiB");
+  }
+  char* const text = allocate(first.size() + second.size());
+  first.copy(text, first.size());
+  second.copy(text + first.size(), second.size());
+  m_rows.push_back(
+      {text, static_cast<std::uint32_t>(first.size()), static_cast<std::uint32_t>(second.size())});
   return id;
 }
 
 std::string_view RowStore::first(Id id) const {
-  const std::size_t start = id == 0 ? 0 : m_ends.at(id - 1).second;
-  return std::string_view(m_texts).substr(start, m_ends.at(id).first - start);
+  const Row& row = m_rows.at(id);
+  return {row.text, row.firstSize};
 }
 
 std::string_view RowStore::second(Id id) const {
-  const Ends& ends = m_ends.at(id);
-  return std::string_view(m_texts).substr(ends.first, ends.second - ends.first);
+  const Row& row = m_rows.at(id);
+  return {row.text + row.firstSize, row.secondSize};
 }
 
-void RowStore::shrink() {
-  m_texts.shrink_to_fit();
-  m_ends.shrink_to_fit();
+char* RowStore::allocate(std::size_t size) {
+  if (size > m_freeSize) {
+    m_freeSize = std::max(size, s_blockSize);
+    m_blocks.push_back(std::make_unique_for_overwrite<char[]>(m_freeSize));
+    m_free = m_blocks.back().get();
+  }
+  char* const text = m_free;
+  m_free += size;
+  m_freeSize -= size;
+  return text;
 }
 
 }  // namespace Tessel::Serve

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -17,29 +17,35 @@ using TakeRow = std::function<void(std::string_view first, std::string_view seco
 // Hands over the rows of a table, one call each, in the table's order. Throws what reading throws.
 using RowSource = std::function<void(const TakeRow&)>;
 
-// Rows of two texts, one block for all of them: a row costs its length and 16 bytes. Numbers count
-// from 0 in the order of adding. While nothing adds rows any thread may read.
+// Rows of two texts in large blocks of memory: a row costs its length and 16 bytes, and is never
+// moved. Numbers count from 0 in the order of adding. While nothing adds rows any thread may read.
 class RowStore {
  public:
   using Id = std::uint32_t;
 
-  // Throws std::length_error when there are too many.
+  // Throws std::length_error for too many rows, or a text of 4 GiB.
   Id add(std::string_view first, std::string_view second);
-  // The columns of row `id`, which must be there; valid until the next `add`.
+  // The columns of row `id`, which must be there; valid as long as the object.
   [[nodiscard]] std::string_view first(Id id) const;
   [[nodiscard]] std::string_view second(Id id) const;
-  [[nodiscard]] Id size() const noexcept { return static_cast<Id>(m_ends.size()); }
+  [[nodiscard]] Id size() const noexcept { return static_cast<Id>(m_rows.size()); }
   // Gives back the room that was kept for more rows.
-  void shrink();
+  void shrink() { m_rows.shrink_to_fit(); }
 
  private:
-  struct Ends {
-    std::size_t first;
-    std::size_t second;
+  struct Row {
+    const char* text;  // Both columns, one behind the other.
+    std::uint32_t firstSize;
+    std::uint32_t secondSize;
   };
 
-  std::string m_texts;
-  std::vector<Ends> m_ends;
+  // Room for `size` bytes.
+  char* allocate(std::size_t size);
+
+  std::vector<std::unique_ptr<char[]>> m_blocks;
+  char* m_free = nullptr;  // The rest of the last block.
+  std::size_t m_freeSize = 0;
+  std::vector<Row> m_rows;
 };
 
 }  // namespace Tessel::Serve
