@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <mutex>
 #include <set>
 
 #include "AddressMapDb.h"
@@ -76,6 +77,9 @@ void startDatabase() {
 }
 
 void fillAliasTable(const std::string& table, int rows) {
+  // Of several threads of a benchmark the first fills the table, and the others wait for it.
+  static std::mutex s_mutex;
+  const std::lock_guard lock(s_mutex);
   static std::set<std::string> s_filled;
   startDatabase();
   if (!s_filled.insert(table).second) return;
@@ -88,6 +92,9 @@ void fillAliasTable(const std::string& table, int rows) {
 }
 
 void fillMaskTable(const std::string& table, int rows) {
+  // Of several threads of a benchmark the first fills the table, and the others wait for it.
+  static std::mutex s_mutex;
+  const std::lock_guard lock(s_mutex);
   static std::set<std::string> s_filled;
   startDatabase();
   if (!s_filled.insert(table).second) return;
