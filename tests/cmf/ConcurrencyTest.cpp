@@ -117,6 +117,9 @@ TEST_F(ConcurrencyTest, ThreadsShareOneBody) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// The C library's allocator works in the child of a process with threads. That of the address
+// sanitizer may be left locked by a thread that the child does not have: the other builds run this.
+#if !defined(__SANITIZE_ADDRESS__)
 TEST_F(ConcurrencyTest, AProcessForksWhileOtherThreadsRead) {
   addDomain("example.com", manyUsers(s_fewUsers));
   std::atomic<bool> writing{true};
@@ -127,6 +130,7 @@ TEST_F(ConcurrencyTest, AProcessForksWhileOtherThreadsRead) {
   writing = false;
   for (std::thread& reader : readers) reader.join();
 }
+#endif
 
 }  // namespace
 }  // namespace Tessel::CMF
