@@ -2,14 +2,22 @@
 #ifndef TSL_CORE_LRUCACHE_H
 #define TSL_CORE_LRUCACHE_H
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/locks.hpp>
 #include <boost/thread/shared_mutex.hpp>
+
+#include "core/Readers.h"
 
 namespace Tessel {
 
@@ -20,12 +28,13 @@ namespace Tessel {
 // `m_size` is the number of list entries; after `add`, `m_size <= m_capacity`.
 //
 // Threads: any thread may call any operation but those named `NoLock`, which need the lock held
-// exclusively by the caller. Iterators are handed out without the lock: an entry that another
-// thread evicts or removes ends under its reader. `find` followed by a copy, and the walk from
-// `begin()` to `end()`, are unprotected on purpose: callers accept it and gain lock-free reading.
+// exclusively by the caller. `find` and `begin` hand out iterators without the lock: what another
+// thread evicts or removes ends under them. `copyOf` and `keyOf` read without the lock as well, and
+// are safe: see there.
 //
-// `Key` must be copyable and ordered by `operator<`, `Value` copyable. When copying one of them
-// throws, the cache is as it was before and the lock is released.
+// `Key` must be copyable and ordered by `operator<`, `Value` copyable; `keyOf` also compares values
+// by `operator==`. When copying one of them throws, the cache is as it was before and the lock is
+// released.
 template <class Key, class Value>
 class LRUCache {
  public:
@@ -41,10 +50,13 @@ class LRUCache {
 
   // Removes every entry.
   virtual void clear() {
-    const ExclusiveLock lock(m_mutex);
-    m_recent.clear();
-    m_index.clear();
-    m_size = 0;
+    exclusively([this] {
+      s_count(m_changes);
+      m_index.clear();
+      m_size = 0;
+      m_retired.splice(m_retired.end(), m_recent);
+      reclaim();
+    });
   }
 
   // As `find`, for a caller that holds the lock exclusively.
@@ -52,6 +64,7 @@ class LRUCache {
     const auto node = m_index.find(key);
     if (node == m_index.end()) return m_recent.end();
     if (node->second != m_recent.begin()) {
+      s_count(m_moves);
       m_recent.splice(m_recent.begin(), m_recent, node->second);
     }
     return m_recent.begin();
@@ -66,8 +79,6 @@ class LRUCache {
 
   // As `add`, for a caller that holds the lock exclusively.
   virtual void addNoLock(const Key& key, const Value& value) {
-    // What a cache of capacity 0 takes in leaves it at once: the copies can be spared.
-    if (m_capacity == 0) return;
     const auto node = m_index.lower_bound(key);
     // Deliberate: the first value of a key stays, and adding it again is not a use.
     // Pinned by LRUCache.TheFirstValueOfAKeyStays.
@@ -79,26 +90,25 @@ class LRUCache {
   // Adds a copy of `key` and `value` as the most recently used entry, and trims the cache to its
   // capacity from the least recently used end. A key that is present keeps its value and place.
   virtual void add(const Key& key, const Value& value) {
-    // A cache that keeps nothing has nothing to guard.
-    if (m_capacity == 0) return addNoLock(key, value);
-    const ExclusiveLock lock(m_mutex);
-    addNoLock(key, value);
+    exclusively([&] { addNoLock(key, value); });
   }
 
   // Removes the entry of `key`, if there is one.
   virtual void remove(const Key& key) {
-    const ExclusiveLock lock(m_mutex);
-    removeNoLock(key);
+    exclusively([&] { removeNoLock(key); });
   }
 
   // As `remove`, for a caller that holds the lock exclusively.
   void removeNoLock(const Key& key) {
     const auto node = m_index.find(key);
     if (node == m_index.end()) return;
-    // `key` may be the entry's own key: it is not read after this line.
-    m_recent.erase(node->second);
+    const iterator entry = node->second;
+    s_count(m_changes);
     m_index.erase(node);
     --m_size;
+    // `key` may be the entry's own key: it is not read after this line.
+    m_retired.splice(m_retired.end(), m_recent, entry);
+    reclaim();
   }
 
   // Number of entries.
@@ -111,36 +121,170 @@ class LRUCache {
   [[nodiscard]] unsigned int capacity() const { return m_capacity; }
 
   // Position of the most recently used entry, or `end()`. The lock is not held afterwards.
-  iterator begin() {
-    const SharedLock lock(m_mutex);
-    return m_recent.begin();
-  }
+  iterator begin() { return first(); }
 
   // The position after the last entry. It never changes, so no lock is needed.
   iterator end() const { return m_recent.end(); }
+
+  // A copy of the value of `key`, by `find`; nothing on a miss. It is made after the lock was
+  // released, from an entry that stays alive meanwhile even when another thread evicts it.
+  [[nodiscard]] std::optional<Value> copyOf(const Key& key) const {
+    ExclusiveLock lock(m_mutex);
+    const iterator entry = findNoLock(key);
+    if (entry == m_recent.end()) return std::nullopt;
+    const Readers::Inside inside(m_readers, Readers::Inside::Locked());
+    lock.unlock();
+    return entry->second;
+  }
+
+  // A copy of the key of the most recently used entry whose value equals `value`; nothing when
+  // there is none. This walks from `begin()` to `end()` without the lock, and is no use of the
+  // entry. An entry that is in the cache all the while is found, whatever other threads do.
+  //
+  // A walk misses what another thread moves to the front meanwhile. So one that found nothing is
+  // believed only if nothing was moved. Otherwise it is enough to look at the front again, at as
+  // many entries as were moved since: the others were seen. Where the rest of the list has changed,
+  // because an entry was added or taken out, everything is looked at again. After a few disturbed
+  // looks the last one is taken under the shared lock.
+  [[nodiscard]] std::optional<Key> keyOf(const Value& value) const {
+    const Readers::Inside inside(m_readers);
+    State start{};
+    bool seen = false;  // Everything was seen that was in the list at `start` and not moved since.
+    for (int look = 0; look < s_looks; ++look) {
+      // Read before the first entry is: what is moved in between counts as moved during the walk.
+      const State now = state();
+      const bool again = seen && now.changes == start.changes;
+      if (!again) start = now;
+      const auto found = walk(again ? now.moves - start.moves : 2ULL * m_capacity, now, value);
+      if (found && *found != m_recent.end()) return (*found)->first;
+      if (state() == now) return std::nullopt;
+      seen = again || found.has_value();
+    }
+    const SharedLock lock(m_mutex);
+    const auto found = std::find_if(m_recent.begin(), m_recent.end(),
+                                    [&value](const Entry& entry) { return entry.second == value; });
+    if (found == m_recent.end()) return std::nullopt;
+    return found->first;
+  }
+
+  // How many entries were added or taken out so far. Who found nothing, and sees the number
+  // unchanged afterwards, knows that no other thread has added it in between.
+  [[nodiscard]] std::uint64_t changes() const { return m_changes.load(std::memory_order_acquire); }
 
  private:
   using ExclusiveLock = boost::unique_lock<boost::shared_mutex>;
   using SharedLock = boost::shared_lock<boost::shared_mutex>;
   using Index = std::map<Key, iterator>;
+  using Counter = std::atomic<std::uint64_t>;
+
+  // The list as a walk without the lock can know it: unchanged while both numbers are.
+  struct State {
+    std::uint64_t changes;
+    std::uint64_t moves;
+    bool operator==(const State&) const = default;
+  };
+
+  // Looks of `keyOf` without the lock. With four threads that do nothing else, few lookups need
+  // three.
+  static constexpr int s_looks = 4;
+  // How long a writer waits before it looks whether the readers have left. They are inside for the
+  // time of one walk or of one copy.
+  static constexpr std::chrono::microseconds s_pause{50};
+
+  // Counts what is about to be done to the list. Only the holder of the exclusive lock writes.
+  static void s_count(Counter& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  }
+
+  [[nodiscard]] State state() const { return {changes(), m_moves.load(std::memory_order_acquire)}; }
+
+  iterator first() const {
+    const SharedLock lock(m_mutex);
+    return m_recent.begin();
+  }
+
+  // The entry behind `entry`, which may be the end.
+  //
+  // This reads one link of the list while another thread may be writing it: a hit that moves an
+  // entry, an entry that is added or taken out. It is sound on x86-64. A link is an aligned
+  // pointer, which is read as it was before or as it is after. Stores become visible in their
+  // order and loads are made in theirs, and the compiler keeps both, so a walk that comes to an
+  // entry by a new link also sees that the move or change was counted, since that came first.
+  // Whatever is moved, an entry that is not is still reached from every other one: the walk skips
+  // what is moved and no more, or is carried back to the front.
+  __attribute__((no_sanitize("thread"))) static iterator s_next(iterator entry) {
+    ++entry;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    return entry;
+  }
+
+  // Looks at up to `count` entries from the front, for one whose value is `value`. Gives its place,
+  // or the end when that was reached; nothing when there was no end, or when the list is not that
+  // of `start` any more in that an entry was added or taken out: the next one may then be one of
+  // m_retired, or not wholly known to this processor. The caller is a reader.
+  std::optional<iterator> walk(std::uint64_t count, const State& start, const Value& value) const {
+    iterator entry = first();
+    for (; count > 0; --count) {
+      if (changes() != start.changes) return std::nullopt;
+      if (entry == m_recent.end() || entry->second == value) return entry;
+      entry = s_next(entry);
+    }
+    return std::nullopt;
+  }
 
   // Inserts a new front entry whose index node goes before `hint`, or changes nothing.
   void insertFront(typename Index::iterator hint, const Key& key, const Value& value) {
-    m_recent.emplace_front(key, value);
-    try {
-      m_index.emplace_hint(hint, key, m_recent.begin());
-    } catch (...) {
-      m_recent.pop_front();
-      throw;
-    }
+    std::list<Entry> entry;
+    entry.emplace_front(key, value);
+    m_index.emplace_hint(hint, key, entry.begin());
+    // Behind the making of the entry: who sees the number sees the whole entry.
+    s_count(m_changes);
+    m_recent.splice(m_recent.begin(), entry);
     ++m_size;
   }
 
-  mutable boost::shared_mutex m_mutex;  // Guards everything below.
+  // How many entries were taken out and are still alive.
+  [[nodiscard]] std::size_t waiting() const { return m_retired.size() + m_leaving.size(); }
+
+  // Destroys the entries that were taken out of the list and that no reader can still look at: all
+  // of them when there is no reader. The caller holds the lock exclusively.
+  void reclaim() {
+    // Up to two times: m_leaving makes room for what waits in m_retired.
+    while (waiting() > 0 && m_readers.haveLeft()) {
+      m_leaving.clear();
+      m_leaving.swap(m_retired);
+      m_readers.watch();
+    }
+  }
+
+  // Runs `change` under the exclusive lock. When readers that do not leave keep more entries alive
+  // than the cache may hold, the caller waits for them: that bounds the memory.
+  template <class Change>
+  void exclusively(Change change) {
+    ExclusiveLock lock(m_mutex);
+    change();
+    reclaim();
+    while (waiting() > m_capacity) {
+      lock.unlock();
+      std::this_thread::sleep_for(s_pause);
+      lock.lock();
+      reclaim();
+    }
+  }
+
+  // The first five are part of the binary interface.
+  mutable boost::shared_mutex m_mutex;  // Guards everything below but the atomic numbers.
   std::uint32_t m_size = 0;
   const std::uint32_t m_capacity;
   mutable std::list<Entry> m_recent;  // Most recently used first.
   Index m_index;
+
+  mutable Counter m_moves{0};  // Entries that a hit moved to the front.
+  std::list<Entry> m_retired;  // Taken out since the readers are watched.
+  std::list<Entry> m_leaving;  // Taken out before: destroyed when those have left.
+  mutable Readers m_readers;
+  // Read at every step of a walk, so it stands far from what hits write.
+  Counter m_changes{0};  // Entries that were added or taken out.
 };
 
 }  // namespace Tessel

@@ -1,6 +1,8 @@
 // Tests of the LRU cache.
 #include "core/LRUCache.h"
 
+#include <chrono>
+#include <future>
 #include <map>
 #include <random>
 #include <stdexcept>
@@ -136,6 +138,14 @@ struct FragileKey {
   static inline int s_copiesLeft = 1000000;
 };
 
+TEST(LRUCache, CapacityZeroCopiesWhatItDoesNotKeep) {
+  LRUCache<int, Fragile> cache(0);
+  Fragile::s_throw = true;
+  EXPECT_THROW(cache.add(1, Fragile()), std::runtime_error);
+  Fragile::s_throw = false;
+  EXPECT_EQ(cache.size(), 0U);
+}
+
 TEST(LRUCache, AFailedIndexNodeTakesTheListEntryWithIt) {
   LRUCache<FragileKey, int> cache(2);
   FragileKey::s_copiesLeft = 1;
@@ -214,11 +224,35 @@ class CountingCache : public Cache {
 };
 
 TEST(LRUCache, TheLockingOperationsCallTheOthersThroughTheVirtualTable) {
-  CountingCache cache(2);
-  cache.add("k1", 1);
-  static_cast<void>(cache.find("k1"));
-  EXPECT_EQ(cache.m_adds, 1);
-  EXPECT_EQ(cache.m_finds, 1);
+  for (const unsigned int capacity : {0U, 2U}) {
+    CountingCache cache(capacity);
+    cache.add("k1", 1);
+    static_cast<void>(cache.find("k1"));
+    EXPECT_EQ(cache.m_adds, 1);
+    EXPECT_EQ(cache.m_finds, 1);
+    static_cast<void>(cache.copyOf("k1"));
+    EXPECT_EQ(cache.m_finds, 2);
+  }
+}
+
+// Looks, while it adds, whether another thread gets the lock.
+class LockedCache : public Cache {
+ public:
+  using Cache::Cache;
+  void addNoLock(const std::string& key, const int& value) override {
+    m_other = std::async(std::launch::async, [this] { return size(); });
+    EXPECT_EQ(m_other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    Cache::addNoLock(key, value);
+  }
+  std::future<unsigned int> m_other;
+};
+
+TEST(LRUCache, AddHoldsTheLockWhateverTheCapacity) {
+  for (const unsigned int capacity : {0U, 2U}) {
+    LockedCache cache(capacity);
+    cache.add("k1", 1);
+    EXPECT_EQ(cache.m_other.get(), capacity == 0 ? 0U : 1U);
+  }
 }
 
 TEST(LRUCacheLayout, VirtualOperationsStandInTheirSlots) {
