@@ -34,7 +34,8 @@ void s_walk(const EmailAddress& first, const std::set<EmailAddress>& visited,
     }
     const EmailAddress member = std::move(level.members.extract(level.members.begin()).value());
     if (member == level.address) {
-      result.insert(member);  // An alias that lists itself is delivered to as well.
+      // An alias that lists itself is delivered to as well, by the name that it was asked for.
+      result.insert(level.address);
     } else if (visited.count(member) == 0) {
       levels.push_back({member, visit(member)});
     }

@@ -49,6 +49,15 @@ TEST(AdapterExpanderNoQuery, AnAliasThatListsItselfIsDeliveredToAsWell) {
   EXPECT_EQ(s_expand(source, "a"), s_addresses({"a", "b"}));
 }
 
+TEST(AdapterExpanderNoQuery, AnAliasThatListsItselfKeepsTheSpellingItWasAskedBy) {
+  Cache source(10);
+  source.add(s_address("a"), s_addresses({"a"}));
+  std::set<EmailAddress> result;
+  AdapterExpanderNoQuery(source, result).expand(s_address("A"));
+  ASSERT_EQ(result.size(), 1U);
+  EXPECT_EQ(result.begin()->local(), "A");
+}
+
 TEST(AdapterExpanderNoQuery, ACycleExpandsToNothing) {
   Cache source(10);
   source.add(s_address("a"), s_addresses({"b"}));

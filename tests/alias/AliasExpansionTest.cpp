@@ -57,6 +57,21 @@ TEST_F(AliasExpansion, AnAliasThatListsItselfIsDeliveredToAsWell) {
   EXPECT_EQ(expand("a@d.example"), addresses("a@d.example,b@d.example"));
 }
 
+// What an expansion gives, with its letter case, which `==` of addresses disregards.
+std::string s_texts(const std::set<EmailAddress>& addresses) {
+  std::string texts;
+  for (const EmailAddress& address : addresses) texts += address.address() + " ";
+  return texts;
+}
+
+TEST_F(AliasExpansion, AnAliasThatListsItselfKeepsTheSpellingItWasAskedBy) {
+  addAlias("team@d.example", "team@d.example,bob@d.example");
+  EXPECT_EQ(s_texts(expand("TEAM@D.example")), "bob@d.example TEAM@D.example ");
+  // One level down it was asked by the list that it is a member of.
+  addAlias("all@d.example", "Team@d.example");
+  EXPECT_EQ(s_texts(expand("all@d.example")), "bob@d.example Team@d.example ");
+}
+
 TEST_F(AliasExpansion, TwoAliasesNamingEachOtherExpandToNothingAndNothingIsCached) {
   addAlias("a@d.example", "b@d.example");
   addAlias("b@d.example", "a@d.example");
