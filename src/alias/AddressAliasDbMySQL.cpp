@@ -2,9 +2,9 @@
 #include "alias/AddressAliasDbMySQL.h"
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <ostream>
+#include <utility>
 
 #include "alias/AddressAliasRow.h"
 #include "alias/AliasExpander.h"
@@ -93,33 +93,40 @@ void AddressAliasDbMySQL::select(WriteStatement writeStatement, Consume consume)
 
 std::set<EmailAddress> AddressAliasDbMySQL::expandAlias(const EmailAddress& address) const {
   try {
-    const auto cached = m_cache.find(address);
-    // Unlocked: another thread's eviction may end the entry while it is copied here, which only
-    // more than 256 expanded aliases can bring about. The gain is a hit without the table lock.
-    if (cached != m_cache.end()) return expandAllUsers(address, cached->second);
-    if (isEveryAliasCached()) return expandCached(address);
-    return expandUncached(address);
+    while (true) {
+      const std::uint64_t changes = m_cache.changes();
+      if (auto cached = expandCached(address)) return *std::move(cached);
+      if (!isEveryAliasCached()) return expandUncached(address, changes);
+      // What completed the cache may be this very alias, cached by another thread behind the look.
+      if (m_cache.changes() == changes) return noAddresses();
+    }
   } catch (const Exception& exception) {
     throw Exception("expandAlias ", 4, "AddressAliasDbMySQL", 311).cause(exception);
   }
 }
 
-// What the cache says about `address`, which is nothing when it is no alias. Another thread may
-// have completed the cache, with this very address, after the caller looked and missed.
-std::set<EmailAddress> AddressAliasDbMySQL::expandCached(const EmailAddress& address) const {
-  const auto cached = m_cache.find(address);
-  return cached == m_cache.end() ? noAddresses() : expandAllUsers(address, cached->second);
+// What the cache says about `address`, if anything.
+std::optional<std::set<EmailAddress>> AddressAliasDbMySQL::expandCached(
+    const EmailAddress& address) const {
+  std::optional<Members> cached = m_cache.copyOf(address);
+  // Only a set of one can be the marker: larger ones are not copied again.
+  if (!cached || cached->size() != 1) return cached;
+  return expandAllUsers(address, *cached);
 }
 
-std::set<EmailAddress> AddressAliasDbMySQL::expandUncached(const EmailAddress& address) const {
+// `changes` is the cache's number from before the look into it.
+std::set<EmailAddress> AddressAliasDbMySQL::expandUncached(const EmailAddress& address,
+                                                           std::uint64_t changes) const {
   const Synchronized lock(*m_mutex);
   // Only a holder of the mutex adds to the cache: from here on it does not change.
   std::set<EmailAddress> result;
   std::set<EmailAddress> visited;
   AliasExpander{this, &address, &result, &visited}.expand(address);
-  if (result.empty()) return expandCached(address);
-  m_cache.add(address, result);
-  return expandCached(address);
+  // Nothing is asked once every alias is cached, which another thread may have brought about while
+  // this one waited for the mutex, by caching this very alias.
+  if (result.empty() && m_cache.changes() == changes) return noAddresses();
+  if (!result.empty()) m_cache.add(address, result);
+  return expandCached(address).value_or(noAddresses());
 }
 
 std::set<EmailAddress> AddressAliasDbMySQL::withAllUsers(const EmailAddress& alias,
@@ -217,7 +224,7 @@ void AddressAliasDbMySQL::queryEntries(Cache& cache) {
              const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
              cache.add(aliasRow.alias(), aliasRow.members());
            }
-           std::atomic_ref(m_entries).store(static_cast<std::uint32_t>(rows.size()));
+           m_entries = static_cast<std::uint32_t>(rows.size());
          });
 }
 
@@ -234,7 +241,7 @@ void AddressAliasDbMySQL::streamEntries(Cache& cache) {
   const Synchronized lock(*m_mutex);
   query << "select * from " << m_table << ";";
   query.execute();
-  std::atomic_ref(m_entries).store(count);
+  m_entries = count;
 }
 
 void AddressAliasDbMySQL::queryAdd(const EmailAddress& alias, const Members& members) {
@@ -270,12 +277,7 @@ void AddressAliasDbMySQL::writeMemberSet(const Members& members, std::ostream& s
 }
 
 bool AddressAliasDbMySQL::isEveryAliasCached() const {
-  return m_cache.size() >= entries();
-}
-
-std::uint32_t AddressAliasDbMySQL::entries() const {
-  // Unlocked: the count may be one export old. atomic_ref takes no const object, hence the cast.
-  return std::atomic_ref(const_cast<std::uint32_t&>(m_entries)).load();
+  return m_cache.size() >= m_entries;
 }
 
 }  // namespace Tessel

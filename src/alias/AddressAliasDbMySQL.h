@@ -2,9 +2,11 @@
 #ifndef TSL_ALIAS_ADDRESSALIASDBMYSQL_H
 #define TSL_ALIAS_ADDRESSALIASDBMYSQL_H
 
+#include <atomic>
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -42,7 +44,8 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   ~AddressAliasDbMySQL() override;
 
   // See `AddressAliasDb`. A hit takes no lock but the cache's, and copies the cached set after that
-  // lock is released; a miss holds the backend's mutex over the whole expansion.
+  // lock is released; a miss that the cache cannot answer holds the backend's mutex over the whole
+  // expansion.
   [[nodiscard]] std::set<EmailAddress> expandAlias(const EmailAddress& address) const override;
   void getAliasNames(std::set<EmailAddress>& names) const override;
   void exportToFile(const std::string& path) override;
@@ -88,10 +91,9 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   [[nodiscard]] bool isEveryAliasCached() const;
 
  private:
-  [[nodiscard]] std::uint32_t entries() const;
   void streamEntries(Cache& cache);
-  [[nodiscard]] Members expandCached(const EmailAddress& address) const;
-  [[nodiscard]] Members expandUncached(const EmailAddress& address) const;
+  [[nodiscard]] std::optional<Members> expandCached(const EmailAddress& address) const;
+  [[nodiscard]] Members expandUncached(const EmailAddress& address, std::uint64_t changes) const;
   template <class WriteStatement, class Consume>
   void select(WriteStatement writeStatement, Consume consume) const;
 
@@ -99,9 +101,8 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   Mutex* m_mutex;              // The backend's mutex, for `m_mapDb.connection()`.
   std::string m_table;
   mutable Cache m_cache;  // Alias to expanded set, before the all-users step.
-  // Rows of the table when they were last counted, 0 before. Written under the mutex, read without:
-  // both go through std::atomic_ref.
-  std::uint32_t m_entries = 0;
+  // Rows of the table when they were last counted, 0 before. Written under the mutex, read without.
+  std::atomic<std::uint32_t> m_entries{0};
 };
 
 }  // namespace Tessel

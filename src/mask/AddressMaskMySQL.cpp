@@ -2,10 +2,11 @@
 #include "mask/AddressMaskMySQL.h"
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <list>
+#include <optional>
 #include <ostream>
+#include <utility>
 
 #include "base/Exception.h"
 #include "database/Query.h"
@@ -51,6 +52,20 @@ void AddressMaskDbMySQL::select(WriteStatement writeStatement, Consume consume) 
   consume(rows.rows());
 }
 
+// What `look` finds in the cache. When it finds nothing, `complete` says whether the cache held
+// every plain row, so that the table need not be asked.
+template <class Look>
+std::optional<EmailAddress> AddressMaskDbMySQL::lookInCache(Look look, bool& complete) const {
+  while (true) {
+    const std::uint64_t changes = m_cache.changes();
+    std::optional<EmailAddress> found = look();
+    if (found) return found;
+    complete = m_cache.size() >= m_entries;
+    // What completed the cache may be this very pair, cached by another thread behind the look.
+    if (!complete || m_cache.changes() == changes) return found;
+  }
+}
+
 EmailAddress AddressMaskDbMySQL::findPublicAddress(const EmailAddress& address) const {
   try {
     return findPublic(address);
@@ -61,10 +76,10 @@ EmailAddress AddressMaskDbMySQL::findPublicAddress(const EmailAddress& address) 
 
 EmailAddress AddressMaskDbMySQL::findPublic(const EmailAddress& address) const {
   // An empty cache misses as well: asking for its size first would cost a lock more.
-  const auto cached = m_cache.find(address);
-  // Unlocked: see the copy after `find` in LRUCache.
-  if (cached != m_cache.end()) return cached->second;
-  if (m_cache.size() < entries()) {
+  bool complete = false;
+  auto cached = lookInCache([&] { return m_cache.copyOf(address); }, complete);
+  if (cached) return *std::move(cached);
+  if (!complete) {
     const Synchronized lock(*m_mutex);
     EmailAddress found = queryPublicAddress(address);
     if (!found.isNull()) {
@@ -85,16 +100,15 @@ EmailAddress AddressMaskDbMySQL::findPrivateAddress(const EmailAddress& address)
     throw Exception("findPrivateAddress", 4, "AddressMaskMySQL", 162)
         .cause(exception)
         .stringParameter("m_entries = " + std::to_string(m_cache.size()) +
-                         " / cached=" + std::to_string(entries()));
+                         " / cached=" + std::to_string(m_entries));
   }
 }
 
 EmailAddress AddressMaskDbMySQL::findPrivate(const EmailAddress& address) const {
-  // Unlocked: this walk may meet entries that other threads move or evict, which is accepted.
-  for (auto entry = m_cache.begin(); entry != m_cache.end(); ++entry) {
-    if (entry->second == address) return entry->first;
-  }
-  if (m_cache.size() < entries()) {
+  bool complete = false;
+  auto cached = lookInCache([&] { return m_cache.keyOf(address); }, complete);
+  if (cached) return *std::move(cached);
+  if (!complete) {
     const Synchronized lock(*m_mutex);
     EmailAddress found = queryPrivateAddress(address);
     if (!found.isNull()) {
@@ -213,7 +227,7 @@ void AddressMaskDbMySQL::queryEntries(Cache& cache) {
             if (cache.size() > s_cacheCapacity - 1) break;
             cache.add(s_maskRow(row).privateAddress(), s_maskRow(row).publicAddress());
           }
-          std::atomic_ref(m_entries).store(static_cast<std::uint32_t>(rows.size()));
+          m_entries = static_cast<std::uint32_t>(rows.size());
         });
   } catch (const Exception& exception) {
     throw Exception("queryEntries ", 4, "AddressMaskMySQL", 218)
@@ -230,11 +244,6 @@ void AddressMaskDbMySQL::queryWildCards() {
       [this](const Rows& rows) {
         std::for_each(rows.begin(), rows.end(), AdapterMaskRowToWildCardContainer(m_wildCards));
       });
-}
-
-std::uint32_t AddressMaskDbMySQL::entries() const {
-  // Unlocked: the count may be one export old. atomic_ref takes no const object, hence the cast.
-  return std::atomic_ref(const_cast<std::uint32_t&>(m_entries)).load();
 }
 
 }  // namespace Tessel

@@ -2,8 +2,10 @@
 #ifndef TSL_MASK_ADDRESSMASKMYSQL_H
 #define TSL_MASK_ADDRESSMASKMYSQL_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "address/EmailAddress.h"
@@ -67,7 +69,8 @@ class AddressMaskDbMySQL : public AddressMaskDbImpl {
   void queryWildCards();
 
  private:
-  [[nodiscard]] std::uint32_t entries() const;
+  template <class Look>
+  [[nodiscard]] std::optional<EmailAddress> lookInCache(Look look, bool& complete) const;
   [[nodiscard]] EmailAddress findPublic(const EmailAddress& address) const;
   [[nodiscard]] EmailAddress findPrivate(const EmailAddress& address) const;
   template <class WriteStatement, class Consume>
@@ -77,9 +80,8 @@ class AddressMaskDbMySQL : public AddressMaskDbImpl {
   Mutex* m_mutex;              // The backend's mutex, for `m_mapDb.connection()`.
   std::string m_table;
   mutable Cache m_cache;
-  // Plain rows when they were last counted, 0 before. Written under the mutex, read without: both
-  // go through std::atomic_ref.
-  std::uint32_t m_entries = 0;
+  // Plain rows when they were last counted, 0 before. Written under the mutex, read without.
+  std::atomic<std::uint32_t> m_entries{0};
   // Private to public domain, compared byte by byte. Written only by construction.
   std::map<std::string, std::string> m_wildCards;
 };

@@ -1,7 +1,6 @@
 // Many threads on one store.
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
@@ -9,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Duration.h"
 #include "support/MapDatabase.h"
 #include "tsl_address_map.h"
 
@@ -16,12 +16,6 @@ namespace Tessel {
 namespace {
 
 constexpr int s_threads = 8;
-
-// How long the threads work; TSL_TEST_SECONDS asks for more.
-std::chrono::seconds s_duration() {
-  const char* text = std::getenv("TSL_TEST_SECONDS");
-  return std::chrono::seconds(text != nullptr ? std::strtol(text, nullptr, 10) : 2);
-}
 
 // An address that ends with the object.
 class Address {
@@ -121,7 +115,7 @@ TEST_F(CInterfaceThreads, MixedCallsOnOneStoreLoseNothing) {
   ASSERT_NE(map, nullptr);
   std::vector<Worker> workers;
   for (int i = 0; i < s_threads; ++i) workers.emplace_back(map, i);
-  const auto end = std::chrono::steady_clock::now() + s_duration();
+  const auto end = std::chrono::steady_clock::now() + Testing::duration();
   std::vector<std::thread> threads;
   for (Worker& worker : workers) threads.emplace_back([&worker, end] { worker.run(end); });
   for (std::thread& thread : threads) thread.join();
