@@ -184,8 +184,8 @@ class LRUCache {
     bool operator==(const State&) const = default;
   };
 
-  // Looks of `keyOf` without the lock. With four threads that do nothing else, few lookups need
-  // three.
+  // Looks of `keyOf` without the lock. Hardly a lookup needs the third, even where several threads
+  // do nothing but look up.
   static constexpr int s_looks = 4;
   // How long a writer waits before it looks whether the readers have left. They are inside for the
   // time of one walk or of one copy.

@@ -81,18 +81,20 @@ class Readers {
 
   [[nodiscard]] bool isEmpty(std::size_t entrance) const noexcept {
     std::uint32_t left = 0;
-    for (const Stripe& stripe : m_stripes)
+    for (const Stripe& stripe : m_stripes) {
       left += stripe.left[entrance].load(std::memory_order_acquire);
+    }
     // Added up last, so that who leaves meanwhile counts as inside.
     std::uint32_t entered = m_enteredLocked[entrance];
-    for (const Stripe& stripe : m_stripes)
+    for (const Stripe& stripe : m_stripes) {
       entered += stripe.entered[entrance].load(std::memory_order_relaxed);
+    }
     return entered == left;
   }
 
-  std::array<std::uint32_t, 2> m_enteredLocked{};  // Guarded by the lock.
-  std::array<bool, 2>
-      m_left{};  // Guarded by the lock: entrances seen empty since the last `watch`.
+  // Guarded by the lock, both.
+  std::array<std::uint32_t, 2> m_enteredLocked{};
+  std::array<bool, 2> m_left{};  // Which entrances were seen empty since the last `watch`.
   std::array<Stripe, 8> m_stripes;
   std::atomic<std::uint32_t> m_entrance{0};
 };

@@ -26,7 +26,7 @@ namespace {
 using Random = std::mt19937;
 using Clock = std::chrono::steady_clock;
 
-// Runs jobs in threads for some seconds, again and again, and keeps what went wrong first.
+// Runs jobs in threads for some time, again and again, and keeps what went wrong first.
 class Threads {
  public:
   // A job does one thing and gives what is wrong with it, or an empty text.
@@ -45,18 +45,17 @@ class Threads {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(m_wrong, 0) << "first: " << m_first << " (seed " << seed << ")";
-    EXPECT_GT(m_done, m_jobs.size());
     testing::Test::RecordProperty("done", std::to_string(m_done));
   }
 
  private:
   void repeat(const Job& job, Clock::time_point end, std::size_t seed) {
     Random random(static_cast<Random::result_type>(seed));
-    while (Clock::now() < end) {
+    do {
       const std::string fault = resultOf(job, random);
       ++m_done;
       if (!fault.empty() && m_wrong++ == 0) m_first = fault;
-    }
+    } while (Clock::now() < end);
   }
 
   static std::string resultOf(const Job& job, Random& random) {
