@@ -1,6 +1,8 @@
 // Tests of one alias table: its statements and its rows.
 #include "alias/AddressAliasDbMySQL.h"
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -8,17 +10,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "alias/AddressAliasRow.h"
 #include "alias/AliasTable.h"
-#include "local/ServerProcess.h"
+#include "database/Query.h"
+#include "database/RowParser.h"
+#include "database/db_result.h"
 #include "support/Caught.h"
 #include "support/ExpectedLog.h"
-#include "support/SocketRelay.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
 
 using Testing::caught;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -26,58 +30,116 @@ using testing::UnorderedElementsAre;
 
 constexpr unsigned int s_logEmptyColumn = 0x300002b;
 
-using AddressAliasDbMySQLOnServer = Testing::AliasTable;
+// An operation of the table `alias` and the statement that it sends, to its last character.
+struct Operation {
+  std::string statement;
+  std::function<void(AddressAliasDbMySQL&)> run;
+};
+
+class AddressAliasDbMySQLOnServer : public Testing::AliasTable {
+ protected:
+  static std::vector<Operation> operations() {
+    return {
+        {"insert into alias ( name, members ) values( 'a@d.example','b@d.example,c@d.example') "
+         "on duplicate key update members=values( members );",
+         [](auto& table) {
+           table.queryAdd(address("a@d.example"), addresses("c@d.example,b@d.example"));
+         }},
+        {"select * from alias;",
+         [](auto& table) {
+           AddressAliasDbMySQL::Cache cache(0);
+           table.queryEntries(cache);
+         }},
+        {"select * from alias;",
+         [](auto& table) {
+           AddressAliasDbMySQL::Cache cache(10);
+           table.queryEntries(cache);
+         }},
+        {"select * from alias;",
+         [](auto& table) {
+           AddressAliasDbMySQL::Entries entries;
+           table.queryFindByDomain("*", entries);
+         }},
+        {"select * from alias where name like '%@d.example';",
+         [](auto& table) {
+           AddressAliasDbMySQL::Entries entries;
+           table.queryFindByDomain("d.example", entries);
+         }},
+        {"select * from alias where members like '%b@d.example%';",
+         [](auto& table) {
+           AddressAliasDbMySQL::Entries entries;
+           table.queryFindByMemberUser(address("b@d.example"), entries);
+         }},
+        {"select * from alias where name='a@d.example';",
+         [](auto& table) {
+           std::set<EmailAddress> members;
+           table.queryFindMembers(address("a@d.example"), members);
+         }},
+        {"select name, members from alias;",
+         [](auto& table) {
+           std::set<EmailAddress> names;
+           table.getAliasNames(names);
+         }},
+        {"delete from alias where name ='a@d.example';",
+         [](auto& table) { table.queryDelete(address("a@d.example")); }},
+        {"delete from alias where name like'%@d.example';",
+         [](auto& table) { table.queryDelete("d.example"); }},
+    };
+  }
+};
 
 TEST_F(AddressAliasDbMySQLOnServer, EveryOperationSendsItsStatement) {
-  AddressAliasDbMySQL::Entries entries;
-  std::set<EmailAddress> members;
-  LRUCache<EmailAddress, std::set<EmailAddress>> cache(0);
-  EXPECT_THAT(statementsOf([&] {
-                m_table->queryEntries(cache);
-                m_table->queryFindByDomain("*", entries);
-                m_table->queryFindByDomain("d.example", entries);
-                m_table->queryFindByMemberUser(address("b@d.example"), entries);
-                m_table->queryFindMembers(address("a@d.example"), members);
-                m_table->queryAdd(address("a@d.example"), addresses("c@d.example,b@d.example"));
-                m_table->queryDelete(address("a@d.example"));
-                m_table->queryDelete("d.example");
-                m_table->getAliasNames(members);
-              }),
-              ElementsAre("select * from alias", "select * from alias",
-                          "select * from alias where name like '%@d.example'",
-                          "select * from alias where members like '%b@d.example%'",
-                          "select * from alias where name='a@d.example'",
-                          "insert into alias ( name, members ) values( 'a@d.example','b@d.example,"
-                          "c@d.example') on duplicate key update members=values( members )",
-                          "delete from alias where name ='a@d.example'",
-                          "delete from alias where name like'%@d.example'",
-                          "select name, members from alias"));
+  for (const Operation& operation : operations()) {
+    EXPECT_THAT(sentBy([&] {
+                  AddressMapDbMySQL store(false);
+                  AddressAliasDbMySQL table(store, false, "");
+                  operation.run(table);
+                }),
+                ElementsAre(operation.statement));
+  }
 }
 
-TEST_F(AddressAliasDbMySQLOnServer, StatementsAreSentWithTheirFinalSemicolon) {
-  auto& server = Testing::TestServer::shared();
-  const Testing::SocketRelay relay(server.directory() + "/relay.sock", server.socketPath());
-  const Testing::TestServer::OptionFile options(
-      server, "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
-  {
-    AddressMapDbMySQL store(false);
-    AddressAliasDbMySQL table(store, false, "");
-    std::set<EmailAddress> members;
-    table.queryAdd(address("a@d.example"), addresses("b@d.example"));
-    table.queryFindMembers(address("a@d.example"), members);
-    table.getAliasNames(members);
-    createAliasTable(store.connection(), "alias_sent");
+TEST_F(AddressAliasDbMySQLOnServer, AStatementWithoutAnAnswerIsSentOnceMore) {
+  Testing::Relay relay;
+  AddressMapDbMySQL store(false);
+  AddressAliasDbMySQL table(store, false, "");
+  for (const Operation& operation : operations()) {
+    EXPECT_THAT(relay.sentWithoutAnswer([&] { operation.run(table); }),
+                ElementsAre(operation.statement, operation.statement));
   }
-  const std::vector<std::string> sent = relay.statements();
-  EXPECT_THAT(sent, Contains("insert into alias ( name, members ) values( 'a@d.example',"
-                             "'b@d.example') on duplicate key update members=values( members );"));
-  EXPECT_THAT(sent, Contains("select * from alias where name='a@d.example';"));
-  EXPECT_THAT(sent, Contains("select name, members from alias;"));
-  EXPECT_THAT(sent, Contains("create table if not exists alias_sent(\n"
-                             " name varchar( 255 ) unique primary key not null,\n"
-                             " members MEDIUMTEXT not null, \n"
-                             " all_users tinyint not null default 0)\n"
-                             " engine=InnoDB;"));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, TheMutexIsHeldForEachStatementAndNoLonger) {
+  for (const Operation& operation : operations()) {
+    int statements = 0;
+    const Testing::StatementHook hook([&](const std::string& statement) {
+      EXPECT_FALSE(Testing::isFree(m_store->mutex())) << statement;
+      ++statements;
+    });
+    operation.run(*m_table);
+    EXPECT_EQ(statements, 1);
+    EXPECT_TRUE(Testing::isFree(m_store->mutex())) << operation.statement;
+  }
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, TheMutexIsFreeAfterEveryFailure) {
+  const Testing::StatementHook hook(
+      [](const std::string& /*statement*/) { throw Exception("hook", 4, nullptr, 0); });
+  for (const Operation& operation : operations()) {
+    EXPECT_EQ(caught([&] { operation.run(*m_table); }).context(), "hook");
+    EXPECT_TRUE(Testing::isFree(m_store->mutex())) << operation.statement;
+  }
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, EntriesAreAddedUnderTheMutexThroughTheVirtualAdd) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "m@d.example");
+  for (const unsigned int capacity : {0U, 10U}) {
+    Testing::WatchingCache<AddressAliasDbMySQL::Cache> cache(capacity, m_store->mutex());
+    m_table->queryEntries(cache);
+    EXPECT_EQ(cache.m_added, 2);
+    EXPECT_EQ(cache.m_freeWhenAdding, 0);
+  }
 }
 
 TEST_F(AddressAliasDbMySQLOnServer, AStoreNameIsAppendedToTheTableName) {
@@ -141,6 +203,22 @@ TEST_F(AddressAliasDbMySQLOnServer, MapFillingLookupsKeepWhatTheMapHolds) {
                                    Pair(address("old@d.example"), IsEmpty())));
 }
 
+TEST_F(AddressAliasDbMySQLOnServer, EveryListingAddsToWhatIsThere) {
+  addAlias("a@d.example", "m@d.example");
+  const EmailAddress old = address("old@e.example");
+  AddressAliasDbMySQL::Entries ofDomain{{old, {old}}};
+  m_table->queryFindByDomain("d.example", ofDomain);
+  EXPECT_THAT(ofDomain, ElementsAre(Pair(address("a@d.example"), addresses("m@d.example")),
+                                    Pair(old, ElementsAre(old))));
+  AddressAliasDbMySQL::Entries ofMember{{old, {old}},
+                                        {address("a@d.example"), addresses("stale@d.example")}};
+  m_table->queryFindByMemberUser(address("m@d.example"), ofMember);
+  EXPECT_EQ(ofMember, ofDomain);
+  std::set<EmailAddress> names{old};
+  m_table->getAliasNames(names);
+  EXPECT_THAT(names, ElementsAre(address("a@d.example"), old));
+}
+
 TEST_F(AddressAliasDbMySQLOnServer, AddingAnExistingAliasReplacesItsMembersAndLeavesAllUsers) {
   addAlias("a@d.example", "m@d.example");
   sql("update ts_address_map.alias set all_users=7");
@@ -191,9 +269,52 @@ TEST_F(AddressAliasDbMySQLOnServer, ARowThatDoesNotParseFailsTheWholeRead) {
   std::set<EmailAddress> names;
   const Exception got = caught([&] { m_table->getAliasNames(names); });
   EXPECT_EQ(got.context(), "EmailAddress::rfc5321Parse");
-  // The connection and the mutex are free again.
+  EXPECT_TRUE(Testing::isFree(m_store->mutex()));
+  // The connection is free again.
   sql("delete from ts_address_map.alias");
   EXPECT_NO_THROW(m_table->getAliasNames(names));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, OfARowTheNameIsABareAddressAndTheMembersAreALooseList) {
+  AddressAliasDbMySQL::Entries entries;
+  for (const char* name : {"nodomain", "Team <a@d.example>"}) {
+    sql("delete from ts_address_map.alias");
+    addAlias(name, "m@d.example");
+    EXPECT_EQ(caught([&] { m_table->queryFindByDomain("*", entries); }).context(),
+              "EmailAddress::rfc5321Parse");
+  }
+  sql("delete from ts_address_map.alias");
+  addAlias("a@d.example", "Group: m@d.example;");
+  EXPECT_EQ(caught([&] { m_table->queryFindByDomain("*", entries); }).context(),
+            "EmailAddress::rfc5322ParseSet");
+  sql("update ts_address_map.alias set members='M <m@d.example>, nodomain'");
+  m_table->queryFindByDomain("*", entries);
+  EXPECT_THAT(entries,
+              ElementsAre(Pair(address("a@d.example"), addresses("m@d.example,nodomain"))));
+}
+
+// Parser that notes what parsing each row returned.
+class Outcomes : public Database::AllRowParser {
+ public:
+  void parse(void* connection, void* result) override {
+    for (std::int64_t i = 0; i < db_result_row_num(result); ++i) {
+      AddressAliasRow row;
+      m_outcomes.push_back(row.parse(connection, result, db_result_fetch_row(result, i)));
+    }
+  }
+  std::vector<bool> m_outcomes;
+};
+
+TEST_F(AddressAliasDbMySQLOnServer, ParsingARowTellsWhetherItWasWhole) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@d.example", "");
+  addAlias("", "m@d.example");
+  Outcomes parser;
+  Database::Query query(m_store->connection(), &parser, true);
+  query << "select * from alias order by name desc";
+  query.execute();
+  EXPECT_THAT(parser.m_outcomes, ElementsAre(false, true, false));
+  EXPECT_EQ(Testing::takeLog().size(), 2U);
 }
 
 TEST_F(AddressAliasDbMySQLOnServer, FindingTheMembersOfAnUnknownAliasLeavesTheSetAsItWas) {
@@ -229,6 +350,13 @@ TEST_F(AddressAliasDbMySQLOnServer, DeletingTakesOutOneAliasOrADomain) {
   EXPECT_EQ(rows().size(), 2U);
   m_table->queryDelete(std::string("d.example"));
   EXPECT_EQ(rows(), (Rows{{"c@e.example", "m@d.example", "0"}}));
+}
+
+TEST_F(AddressAliasDbMySQLOnServer, TheStarIsNoDomainWhenDeleting) {
+  addAlias("a@d.example", "m@d.example");
+  addAlias("b@*", "m@d.example");
+  m_table->queryDelete(std::string("*"));
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "m@d.example", "0"}}));
 }
 
 TEST_F(AddressAliasDbMySQLOnServer, MembersAreWrittenInAscendingOrderJoinedByCommas) {

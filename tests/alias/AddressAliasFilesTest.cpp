@@ -1,11 +1,14 @@
 // Tests of the files of an alias table: what an import takes from a line, where it ends, and what
 // an export leaves behind.
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "alias/AliasTable.h"
 #include "support/Caught.h"
 #include "support/ScratchFile.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
@@ -104,6 +107,11 @@ TEST_F(AddressAliasFiles, MembersMayLackADomainAndGroupsAreRefused) {
   EXPECT_EQ(rows(), (Rows{{"a@d.example", "allusers_d.example", "0"}}));
   EXPECT_EQ(caught([this] { import("b@d.example:Group: c@d.example;\n"); }).context(),
             "EmailAddress::rfc5322ParseSet");
+}
+
+TEST_F(AddressAliasFiles, TheAliasMayBeAnyAddressOfAMessage) {
+  import("nodomain:b@d.example\nTeam <a@d.example>:b@d.example\n");
+  EXPECT_EQ(rows(), (Rows{{"a@d.example", "b@d.example", "0"}, {"nodomain", "b@d.example", "0"}}));
 }
 
 TEST_F(AddressAliasFiles, AMissingTextIsStoredAsAnEmptyOne) {
@@ -241,6 +249,50 @@ TEST_F(AddressAliasFiles, AFailedReadingLeavesTheExportFileUntouched) {
   AddressAliasDbMySQL table(*m_store, false, "missing");
   EXPECT_EQ(caught([&] { table.exportToFile(m_file.path()); }).code(), 1146);
   EXPECT_EQ(m_file.text(), "old content");
+}
+
+TEST_F(AddressAliasFiles, AFailedReadingLeavesTheCountAsItWas) {
+  addAlias("a@d.example", "m@d.example");
+  const auto exportFails = [this](AddressAliasDbMySQL& table) {
+    EXPECT_THROW(table.exportToFile(m_file.path()), Exception);
+  };
+  AddressAliasDbMySQL counted(*m_store, true, "");
+  sql("rename table ts_address_map.alias to ts_address_map.away");
+  exportFails(counted);
+  EXPECT_FALSE(counted.isEveryAliasCached());
+  sql("rename table ts_address_map.away to ts_address_map.alias");
+  // One row counted and cached; now there are three, and the last does not parse.
+  static_cast<void>(counted.expandAlias(address("a@d.example")));
+  addAlias("b@d.example", "m@d.example");
+  addAlias("c@d.example", "no address");
+  exportFails(counted);
+  EXPECT_TRUE(counted.isEveryAliasCached());
+}
+
+TEST_F(AddressAliasFiles, TheMutexIsFreeBetweenTheLinesOfAnImport) {
+  m_file.makePipe();
+  std::thread import([this] { m_table->importFromFile(m_file.path()); });
+  {
+    std::ofstream lines(m_file.path());
+    lines << "a@d.example:b@d.example\n" << std::flush;
+    while (rows().empty()) std::this_thread::yield();
+    // The import has its first answer and waits for the next line.
+    EXPECT_TRUE(Testing::becomesFree(m_store->mutex()));
+    lines << "c@d.example:d@d.example\n";
+  }
+  import.join();
+  EXPECT_THAT(rows(), SizeIs(2));
+}
+
+TEST_F(AddressAliasFiles, TheMutexIsFreeWhileAnExportOpensItsFile) {
+  addAlias("a@d.example", "m@d.example");
+  m_file.makePipe();
+  std::thread writing([this] { m_table->exportToFile(m_file.path()); });
+  while (m_table->isEveryAliasCached()) std::this_thread::yield();
+  // The rows are counted, and nobody reads the pipe yet.
+  EXPECT_TRUE(Testing::becomesFree(m_store->mutex()));
+  EXPECT_EQ(m_file.text(), "");
+  writing.join();
 }
 
 }  // namespace

@@ -1,9 +1,13 @@
 // Tests of `expandAlias`: recursion, cycles, the cache in front, and the all-users marker.
+#include <dlfcn.h>
 #include <pthread.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,11 +17,29 @@
 
 #include "AddressMapDb.h"
 #include "alias/AddressAliasDbMySQL.h"
+#include "alias/AliasExpander.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
+#include "cmf/cmf_query.h"
 #include "map/AddressMapMySQL.h"
 #include "support/Caught.h"
 #include "support/MapDatabase.h"
+#include "support/StatementHook.h"
+
+namespace {
+
+// Called when a table of mail users is opened.
+std::function<void()> s_onUserTable;
+
+}  // namespace
+
+// A definition in the program goes before that of the platform's library.
+cmf_query* cmf_query_create_withdomain(uint32_t domain_id, uint32_t table_id) {
+  if (s_onUserTable) s_onUserTable();
+  static const auto s_create = reinterpret_cast<cmf_query* (*)(uint32_t, uint32_t)>(
+      dlsym(RTLD_NEXT, "cmf_query_create_withdomain"));
+  return s_create(domain_id, table_id);
+}
 
 namespace Tessel {
 namespace {
@@ -152,6 +174,96 @@ TEST_F(AliasExpansion, AStoreWithoutPreloadReturnsNothingAndAsksNothing) {
   const AddressAliasDb table = store.aliasDb("");
   EXPECT_THAT(table.expandAlias(address("a@d.example")), IsEmpty());
   EXPECT_EQ(statementsFor(table, "a@d.example"), 0U);
+}
+
+TEST_F(AliasExpansion, AStoreWithoutPreloadTakesNoTableLock) {
+  AddressMapDbMySQL backend(false);
+  const AddressAliasDbMySQL table(backend, false, "");
+  EXPECT_TRUE(Testing::endsInSpiteOf(std::unique_lock(backend.mutex()), [&] {
+    EXPECT_THAT(table.expandAlias(address("a@d.example")), IsEmpty());
+  }));
+}
+
+TEST_F(AliasExpansion, TheExpanderItselfAsksNothingWithoutPreload) {
+  addAlias("a@d.example", "b@d.example");
+  AddressMapDbMySQL backend(false);
+  const AddressAliasDbMySQL table(backend, false, "");
+  const EmailAddress alias = address("a@d.example");
+  const EmailAddress other = address("x@d.example");
+  std::set<EmailAddress> result = addresses("kept@d.example");
+  std::set<EmailAddress> visited;
+  EXPECT_THAT(statementsOf([&] {
+                AliasExpander{&table, &other, &result, &visited}.expand(alias);
+              }),
+              IsEmpty());
+  EXPECT_EQ(result, addresses("kept@d.example"));
+  EXPECT_THAT(visited, ElementsAre(alias));
+}
+
+TEST_F(AliasExpansion, AfterAnExportAStoreWithoutPreloadSendsOneStatementForEachAddress) {
+  addAlias("a@d.example", "b@d.example,c@d.example");
+  addAlias("b@d.example", "c@d.example,a@d.example");
+  const AddressMapDb store(AddressMapDb::MySQL, false);
+  AddressAliasDb table = store.aliasDb("");
+  table.exportToFile("/dev/null");
+  EXPECT_THAT(statementsOf([&] {
+                EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("c@d.example"));
+              }),
+              ElementsAre("select * from alias where name='a@d.example'",
+                          "select * from alias where name='b@d.example'",
+                          "select * from alias where name='c@d.example'"));
+}
+
+// A table that looks at its mutex before each of its queries, or ends them otherwise.
+class WatchingTable : public AddressAliasDbMySQL {
+ public:
+  explicit WatchingTable(AddressMapDbMySQL& backend)
+      : AddressAliasDbMySQL(backend, true, ""), m_watched(backend.mutex()) {}
+  void queryFindMembers(const EmailAddress& alias, Members& members) const override {
+    if (m_fails) throw std::runtime_error("no Exception");
+    ++m_asked;
+    m_freeWhenAsked += Testing::isFree(m_watched) ? 1 : 0;
+    AddressAliasDbMySQL::queryFindMembers(alias, members);
+  }
+  mutable int m_asked = 0;
+  mutable int m_freeWhenAsked = 0;
+  bool m_fails = false;
+
+ private:
+  Mutex& m_watched;
+};
+
+TEST_F(AliasExpansion, TheTableLockIsHeldOverTheWholeExpansionAndIsFreeAfterIt) {
+  addAlias("a@d.example", "b@d.example");
+  addAlias("b@d.example", "c@d.example");
+  AddressMapDbMySQL backend(false);
+  const WatchingTable table(backend);
+  EXPECT_EQ(table.expandAlias(address("a@d.example")), addresses("c@d.example"));
+  EXPECT_EQ(table.m_asked, 3);
+  EXPECT_EQ(table.m_freeWhenAsked, 0);
+  EXPECT_TRUE(Testing::isFree(backend.mutex()));
+  EXPECT_THAT(table.expandAlias(address("unknown@d.example")), IsEmpty());
+  EXPECT_TRUE(Testing::isFree(backend.mutex()));
+}
+
+TEST_F(AliasExpansion, ACacheHitTakesNoTableLock) {
+  addAlias("a@d.example", "b@d.example");
+  AddressMapDbMySQL backend(false);
+  const AddressAliasDbMySQL table(backend, true, "");
+  const EmailAddress alias = address("a@d.example");
+  EXPECT_EQ(table.expandAlias(alias), addresses("b@d.example"));
+  EXPECT_TRUE(Testing::endsInSpiteOf(std::unique_lock(backend.mutex()), [&] {
+    EXPECT_EQ(table.expandAlias(alias), addresses("b@d.example"));
+  }));
+}
+
+TEST_F(AliasExpansion, OtherExceptionsPassUnwrappedAndLeaveTheMutexFree) {
+  addAlias("a@d.example", "b@d.example");
+  AddressMapDbMySQL backend(false);
+  WatchingTable table(backend);
+  table.m_fails = true;
+  EXPECT_THROW(static_cast<void>(table.expandAlias(address("a@d.example"))), std::runtime_error);
+  EXPECT_TRUE(Testing::isFree(backend.mutex()));
 }
 
 TEST_F(AliasExpansion, WritesDoNotReachCachedExpansions) {
@@ -338,6 +450,36 @@ TEST_F(AllUsersExpansion, AnUnreadableConfigurationLeavesTheMarker) {
   addAlias("all@d.example", "allusers_d.example");
   setenv("TSL_CMF_PATH", "/nonexistent/configuration", 1);
   EXPECT_EQ(expand("all@d.example"), addresses("allusers_d.example"));
+}
+
+TEST_F(AllUsersExpansion, AUserNameWithABlankMakesTheDomainAnswerWithTheMarker) {
+  addAlias("all@d.example", "allusers_d.example");
+  {
+    CMF::Writer writer;
+    writer.addUser("d.example", "carol smith", CMF::MailUserMailbox);
+    writer.commit();
+  }
+  EXPECT_EQ(expand("all@d.example"), addresses("allusers_d.example"));
+}
+
+// Opening the table of mail users is the one step of the configuration that a test can watch.
+TEST_F(AllUsersExpansion, AMissReplacesTheMarkerUnderTheTableLockAndAHitWithoutIt) {
+  addAlias("all@d.example", "allusers_d.example");
+  AddressMapDbMySQL backend(false);
+  const AddressAliasDbMySQL table(backend, true, "");
+  std::vector<bool> free;
+  s_onUserTable = [&] { free.push_back(Testing::isFree(backend.mutex())); };
+  EXPECT_THAT(table.expandAlias(address("all@d.example")), SizeIs(2));
+  EXPECT_THAT(table.expandAlias(address("all@d.example")), SizeIs(2));
+  s_onUserTable = nullptr;
+  EXPECT_THAT(free, ElementsAre(false, true));
+}
+
+TEST_F(AllUsersExpansion, OtherExceptionsOfTheConfigurationPass) {
+  addAlias("all@d.example", "allusers_d.example");
+  s_onUserTable = [] { throw std::runtime_error("no Exception"); };
+  EXPECT_THROW(expand("all@d.example"), std::runtime_error);
+  s_onUserTable = nullptr;
 }
 
 TEST_F(AllUsersExpansion, ManyThreadsMayExpandTheMarker) {

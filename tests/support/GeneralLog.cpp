@@ -44,6 +44,10 @@ void GeneralLog::mark() {
   m_start = std::filesystem::file_size(m_server.generalLog());
 }
 
+bool GeneralLog::isOfTheSession(const std::string& statement) {
+  return statement.starts_with(s_sessionSetUp) || statement == s_afterError;
+}
+
 std::vector<GeneralLog::Entry> GeneralLog::parse(const std::string& text) {
   std::vector<Entry> entries;
   std::size_t at = 0;
@@ -72,7 +76,7 @@ std::vector<std::string> GeneralLog::statementsSince() const {
   std::vector<std::string> statements;
   for (const Entry& entry : entries) {
     if (entry.command != "Query" || entry.connection == own) continue;
-    if (entry.text.starts_with(s_sessionSetUp) || entry.text == s_afterError) continue;
+    if (isOfTheSession(entry.text)) continue;
     statements.push_back(entry.text);
   }
   return statements;

@@ -33,6 +33,8 @@ class GeneralLog {
   // Everything since the mark.
   [[nodiscard]] std::vector<Entry> entriesSince() const;
 
+  // True for what the database library sends of its own: the set-up of a session, and the like.
+  static bool isOfTheSession(const std::string& statement);
   // The entries in the text of a log.
   static std::vector<Entry> parse(const std::string& text);
 

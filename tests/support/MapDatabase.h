@@ -2,6 +2,9 @@
 #ifndef TSL_TESTS_SUPPORT_MAPDATABASE_H
 #define TSL_TESTS_SUPPORT_MAPDATABASE_H
 
+#include <chrono>
+#include <functional>
+#include <future>
 #include <set>
 #include <string>
 #include <vector>
@@ -10,10 +13,52 @@
 
 #include "AddressMapDb.h"
 #include "address/EmailAddress.h"
+#include "local/ServerProcess.h"
 #include "support/GeneralLog.h"
+#include "support/SocketRelay.h"
 #include "support/TestServer.h"
 
 namespace Tessel::Testing {
+
+// A relay before the shared server. Stores that are opened while it lives go through it.
+class Relay {
+ public:
+  // The statements sent so far, byte by byte, without what belongs to the sessions.
+  [[nodiscard]] std::vector<std::string> statements() const {
+    std::vector<std::string> sent = m_relay.statements();
+    std::erase_if(sent, &GeneralLog::isOfTheSession);
+    return sent;
+  }
+  // The statements that `call` sends when the connection breaks before the first answer.
+  template <class Call>
+  std::vector<std::string> sentWithoutAnswer(Call call) {
+    const std::size_t before = statements().size();
+    m_relay.cutAfter(SocketRelay::Direction::ToClient, 0);
+    call();
+    EXPECT_TRUE(m_relay.endCut()) << "nothing was asked";
+    std::vector<std::string> sent = statements();
+    sent.erase(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(before));
+    return sent;
+  }
+  SocketRelay& relay() { return m_relay; }
+
+ private:
+  SocketRelay m_relay{TestServer::shared().directory() + "/relay.sock",
+                      TestServer::shared().socketPath()};
+  TestServer::OptionFile m_options{
+      TestServer::shared(), "[client]\nsocket=" + m_relay.path() + "\nuser=" + callerName() + "\n"};
+};
+
+// True when `call`, made by another thread, comes back while this thread holds `lock`. Waits for
+// that, but not for ever.
+template <class Lock, class Call>
+bool endsInSpiteOf(Lock lock, Call call) {
+  constexpr std::chrono::seconds patience(10);
+  const std::future<void> done = std::async(std::launch::async, call);
+  const bool ended = done.wait_for(patience) == std::future_status::ready;
+  lock.unlock();
+  return ended;
+}
 
 // Starts each test with empty base tables.
 class MapDatabase : public testing::Test {
@@ -49,6 +94,14 @@ class MapDatabase : public testing::Test {
     log.mark();
     call();
     return log.statementsSince();
+  }
+
+  // The statements that `call` sends over connections of its own, byte by byte as they are sent.
+  template <class Call>
+  static std::vector<std::string> sentBy(Call call) {
+    const Relay relay;
+    call();
+    return relay.statements();
   }
 
   static EmailAddress address(const std::string& text) {

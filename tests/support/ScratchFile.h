@@ -3,6 +3,7 @@
 #define TSL_TESTS_SUPPORT_SCRATCHFILE_H
 
 #include <sys/fsuid.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -33,6 +34,10 @@ class ScratchFile {
     std::ostringstream all;
     all << std::ifstream(path(), std::ios::binary).rdbuf();
     return all.str();
+  }
+  // Makes it a named pipe: who opens it waits for the other end.
+  void makePipe() const {
+    if (mkfifo(path().c_str(), S_IRUSR | S_IWUSR) != 0) throw std::runtime_error("no pipe");
   }
   // Takes all rights to the file away from everybody, and lets everybody enter the folder.
   void forbid() const {
