@@ -1,11 +1,15 @@
 // Tests of the files of an address-mask table: what an import takes from a line, where it ends, and
 // what an export leaves behind.
+#include <atomic>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "mask/MaskTable.h"
 #include "support/Caught.h"
 #include "support/ScratchFile.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
@@ -99,6 +103,14 @@ TEST_F(AddressMaskMySQLFiles, AnAddressLiteralIsCutAtItsColon) {
   // As a public address it stands whole behind the first colon.
   import("p@d.example:q@[IPv6:::1]\n");
   EXPECT_EQ(rows(), (Rows{{"p@d.example", "q@[IPv6:::1]"}}));
+}
+
+TEST_F(AddressMaskMySQLFiles, BothAddressesAreBareAndNeedADomain) {
+  for (const char* line : {"nodomain:q@e.example", "p@d.example:nodomain",
+                           "P <p@d.example>:q@e.example", "p@d.example:Q <q@e.example>"}) {
+    EXPECT_EQ(caught([&] { import(line); }).context(), "EmailAddress::rfc5321Parse") << line;
+  }
+  EXPECT_THAT(rows(), IsEmpty());
 }
 
 TEST_F(AddressMaskMySQLFiles, AMissingAddressIsStoredAsAnEmptyText) {
@@ -242,6 +254,51 @@ TEST_F(AddressMaskMySQLFiles, AFailedReadingLeavesTheExportFileUntouched) {
   ASSERT_NE(got.cause(), nullptr);
   EXPECT_EQ(got.cause()->code(), 1146);
   EXPECT_EQ(m_file.text(), "old content");
+}
+
+TEST_F(AddressMaskMySQLFiles, AFailedReadingLeavesTheCountAsItWas) {
+  const auto table = openPartlyCached(0, 2);
+  const auto counted = [&] {
+    sql("rename table ts_address_map.mask to ts_address_map.away");
+    EXPECT_THROW(table->exportToFile(m_file.path()), Exception);
+    const std::string got =
+        caught([&] { static_cast<void>(table->findPrivateAddress(outer(0))); }).stringParameter();
+    sql("rename table ts_address_map.away to ts_address_map.mask");
+    return got;
+  };
+  EXPECT_EQ(counted(), "m_entries = 0 / cached=2");
+  addPairs(2, 4);
+  addMask("z no address", "z@e.example");
+  EXPECT_THROW(table->exportToFile(m_file.path()), Exception);
+  EXPECT_EQ(counted(), "m_entries = 0 / cached=2");
+}
+
+TEST_F(AddressMaskMySQLFiles, TheMutexIsFreeBetweenTheLinesOfAnImport) {
+  m_file.makePipe();
+  std::thread import([this] { m_table->importFromFile(m_file.path()); });
+  {
+    std::ofstream lines(m_file.path());
+    lines << "p@d.example:q@e.example\n" << std::flush;
+    while (rows().empty()) std::this_thread::yield();
+    // The import has its first answer and waits for the next line.
+    EXPECT_TRUE(Testing::becomesFree(m_store->mutex()));
+    lines << "r@d.example:s@e.example\n";
+  }
+  import.join();
+  EXPECT_THAT(rows(), SizeIs(2));
+}
+
+TEST_F(AddressMaskMySQLFiles, TheMutexIsFreeWhileAnExportOpensItsFile) {
+  addPairs(0, 1);
+  m_file.makePipe();
+  std::atomic<bool> asked{false};
+  const Testing::StatementHook hook([&](const std::string& /*statement*/) { asked = true; });
+  std::thread writing([this] { m_table->exportToFile(m_file.path()); });
+  // The export is in its statement, or already waits for a reader of the pipe.
+  while (!asked) std::this_thread::yield();
+  EXPECT_TRUE(Testing::becomesFree(m_store->mutex()));
+  EXPECT_EQ(m_file.text(), "");
+  writing.join();
 }
 
 }  // namespace

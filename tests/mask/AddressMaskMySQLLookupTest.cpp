@@ -1,14 +1,21 @@
 // Tests of the lookups of an address-mask table: cache, table and wildcards, in this order, and
 // what they do when one of them fails.
+// This source is compiled without access control, for the lock in the cache.
+#include <chrono>
+#include <functional>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <boost/thread/lock_types.hpp>
 
 #include "mask/MaskTable.h"
 #include "support/Caught.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
@@ -23,10 +30,7 @@ class AddressMaskMySQLLookup : public Testing::MaskTable {
   void hideTable() { sql("rename table ts_address_map.mask to ts_address_map.mask_hidden"); }
   void showTable() { sql("rename table ts_address_map.mask_hidden to ts_address_map.mask"); }
 
-  // Has another thread take the mutex of the store; a mutex that was kept hangs the test here.
-  void expectFreeMutex() {
-    std::thread([this] { const Synchronized lock(m_store->mutex()); }).join();
-  }
+  void expectFreeMutex() { EXPECT_TRUE(Testing::isFree(m_store->mutex())); }
 };
 
 TEST_F(AddressMaskMySQLLookup, WithoutPreloadNothingIsAskedAndNothingFound) {
@@ -299,25 +303,90 @@ TEST_F(AddressMaskMySQLLookup, TheMutexIsReleasedOnEveryPath) {
   expectFreeMutex();
 }
 
-// A table whose own queries end otherwise than with an answer.
+// A table whose queries do what a test wants and answer with the address they are asked for.
 class OddTable : public AddressMaskDbMySQL {
  public:
   using AddressMaskDbMySQL::AddressMaskDbMySQL;
-  [[nodiscard]] EmailAddress queryPublicAddress(const EmailAddress& /*address*/) const override {
-    throw std::runtime_error("no Exception");
-  }
-  [[nodiscard]] EmailAddress queryPrivateAddress(const EmailAddress& address) const override {
+  [[nodiscard]] EmailAddress queryPublicAddress(const EmailAddress& address) const override {
+    m_onQuery();
     return address;
   }
+  [[nodiscard]] EmailAddress queryPrivateAddress(const EmailAddress& address) const override {
+    m_onQuery();
+    return address;
+  }
+  std::function<void()> m_onQuery = [] {};
 };
 
-TEST_F(AddressMaskMySQLLookup, TheTableIsAskedThroughTheVirtualQueriesAndOtherExceptionsPass) {
+TEST_F(AddressMaskMySQLLookup, TheTableIsAskedThroughTheVirtualQueriesUnderTheMutex) {
+  addPairs(0, 4);
+  OddTable table(*m_store, false, "");
+  table.exportToFile("/dev/null");
+  int asked = 0;
+  table.m_onQuery = [&] {
+    EXPECT_FALSE(Testing::isFree(m_store->mutex()));
+    ++asked;
+  };
+  EXPECT_EQ(table.findPublicAddress(inner(0)), inner(0));
+  expectFreeMutex();
+  EXPECT_EQ(table.findPrivateAddress(outer(1)), outer(1));
+  expectFreeMutex();
+  EXPECT_EQ(asked, 2);
+}
+
+TEST_F(AddressMaskMySQLLookup, OtherExceptionsPassUnwrapped) {
   addPairs(0, 2);
   OddTable table(*m_store, false, "");
   table.exportToFile("/dev/null");
+  table.m_onQuery = [] { throw std::runtime_error("no Exception"); };
   EXPECT_THROW(static_cast<void>(table.findPublicAddress(inner(0))), std::runtime_error);
   expectFreeMutex();
-  EXPECT_EQ(table.findPrivateAddress(outer(1)), outer(1));
+  EXPECT_THROW(static_cast<void>(table.findPrivateAddress(outer(1))), std::runtime_error);
+  expectFreeMutex();
+}
+
+// The cache's own lock stops the lookup at the point where it adds what the table answered.
+TEST_F(AddressMaskMySQLLookup, TheMutexIsHeldUntilTheAnswerIsCached) {
+  addPairs(0, 4);
+  OddTable table(*m_store, false, "");
+  table.exportToFile("/dev/null");
+  for (const std::function<void()>& lookup : std::vector<std::function<void()>>{
+           [&] { EXPECT_EQ(table.findPublicAddress(inner(0)), inner(0)); },
+           [&] { EXPECT_EQ(table.findPrivateAddress(outer(1)), outer(1)); }}) {
+    boost::unique_lock<boost::shared_mutex> cacheLock(table.m_cache.m_mutex, boost::defer_lock);
+    std::promise<void> asked;
+    std::promise<void> stopped;
+    table.m_onQuery = [&] {
+      asked.set_value();
+      stopped.get_future().wait();
+    };
+    std::thread thread(lookup);
+    asked.get_future().wait();
+    cacheLock.lock();
+    stopped.set_value();
+    constexpr std::chrono::milliseconds patience(100);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < end) {
+      ASSERT_FALSE(Testing::isFree(m_store->mutex()));
+    }
+    cacheLock.unlock();
+    thread.join();
+    expectFreeMutex();
+  }
+}
+
+TEST_F(AddressMaskMySQLLookup, WhatNeedsNoStatementTakesNoTableLock) {
+  addPairs(0, 1);
+  addMask("*@w.example", "*@v.example");
+  const auto table = open(true);
+  EXPECT_TRUE(Testing::endsInSpiteOf(std::unique_lock(m_store->mutex()), [&] {
+    EXPECT_EQ(table->findPublicAddress(inner(0)), outer(0));
+    EXPECT_EQ(table->findPrivateAddress(outer(0)), inner(0));
+    EXPECT_EQ(table->findPublicAddress(address("l@w.example")), address("l@v.example"));
+    EXPECT_EQ(table->findPrivateAddress(address("l@v.example")), address("l@w.example"));
+    EXPECT_TRUE(table->findPublicAddress(inner(7)).isNull());
+    EXPECT_TRUE(table->findPrivateAddress(outer(7)).isNull());
+  }));
 }
 
 TEST_F(AddressMaskMySQLLookup, ForwardLookupsAndWritesRunFromManyThreads) {

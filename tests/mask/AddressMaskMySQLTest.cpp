@@ -1,20 +1,27 @@
 // Tests of one address-mask table: its statements, its preload and its writes.
 #include "mask/AddressMaskMySQL.h"
 
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <utility>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "local/ServerProcess.h"
+#include "database/Query.h"
+#include "database/RowParser.h"
+#include "database/db_result.h"
+#include "mask/AddressMaskRow.h"
 #include "mask/MaskTable.h"
 #include "support/Caught.h"
 #include "support/ExpectedLog.h"
-#include "support/SocketRelay.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
 
 using Testing::caught;
-using testing::Contains;
 using testing::ElementsAre;
 using Testing::expectFacts;
 using testing::IsEmpty;
@@ -25,8 +32,47 @@ using Entries = std::map<EmailAddress, EmailAddress>;
 
 constexpr unsigned int s_logEmptyColumn = 0x300002a;
 
+// An operation of the table `mask` and the statement that it sends, to its last character.
+struct Operation {
+  std::string statement;
+  std::function<void(AddressMaskDbMySQL&)> run;
+};
+
 class AddressMaskMySQLOnServer : public Testing::MaskTable {
  protected:
+  static std::vector<Operation> operations() {
+    return {
+        {"insert into mask (private, public ) values( 'p@d.example','q@e.example' ) "
+         "on duplicate key update public=values( public );",
+         [](auto& table) { table.queryAdd(address("p@d.example"), address("q@e.example")); }},
+        {"select * from mask where private ='p@d.example';",
+         [](auto& table) { static_cast<void>(table.queryPublicAddress(address("p@d.example"))); }},
+        {"select * from mask where public ='q@e.example';",
+         [](auto& table) { static_cast<void>(table.queryPrivateAddress(address("q@e.example"))); }},
+        {"select * from mask;",
+         [](auto& table) {
+           Entries entries;
+           table.findByMaskedDomain("*", entries);
+         }},
+        {"select * from mask where private like '%@d.example';",
+         [](auto& table) {
+           Entries entries;
+           table.findByMaskedDomain("d.example", entries);
+         }},
+        {"delete from mask where private='p@d.example' and public='q@e.example';",
+         [](auto& table) { table.queryDelete(address("p@d.example"), address("q@e.example")); }},
+        {"delete from mask where private like '%@d.example';",
+         [](auto& table) { table.queryDelete("d.example"); }},
+        {"select * from mask where private not like '%*%';",
+         [](auto& table) {
+           AddressMaskDbMySQL::Cache cache(0);
+           table.queryEntries(cache);
+         }},
+        {"select * from mask where private like '%*%' or public like '%*%';",
+         [](auto& table) { table.queryWildCards(); }},
+    };
+  }
+
   // Expects one message about a row with an empty column.
   static void expectOneBrokenRowInTheLog() {
     const auto log = Testing::takeLog();
@@ -38,67 +84,66 @@ class AddressMaskMySQLOnServer : public Testing::MaskTable {
 };
 
 TEST_F(AddressMaskMySQLOnServer, EveryOperationSendsItsStatement) {
-  const auto table = open(false);
-  const EmailAddress inner = address("p@d.example");
-  const EmailAddress outer = address("q@e.example");
-  Entries entries;
-  AddressMaskDbMySQL::Cache cache(0);
-  EXPECT_THAT(statementsOf([&] {
-                table->queryAdd(inner, outer);
-                EXPECT_EQ(table->queryPublicAddress(inner), outer);
-                EXPECT_EQ(table->queryPrivateAddress(outer), inner);
-                table->findByMaskedDomain("*", entries);
-                table->findByMaskedDomain("d.example", entries);
-                table->queryDelete(inner, outer);
-                table->queryDelete("d.example");
-                table->queryEntries(cache);
-                table->queryWildCards();
-              }),
-              ElementsAre("insert into mask (private, public ) values( 'p@d.example','q@e.example' "
-                          ") on duplicate key update public=values( public )",
-                          "select * from mask where private ='p@d.example'",
-                          "select * from mask where public ='q@e.example'", "select * from mask",
-                          "select * from mask where private like '%@d.example'",
-                          "delete from mask where private='p@d.example' and "
-                          "public='q@e.example'",
-                          "delete from mask where private like '%@d.example'",
-                          "select * from mask where private not like '%*%'",
-                          "select * from mask where private like '%*%' or public like '%*%'"));
-  EXPECT_THAT(entries, ElementsAre(Pair(inner, outer)));
+  for (const Operation& operation : operations()) {
+    EXPECT_THAT(sentBy([&] {
+                  AddressMapDbMySQL store(false);
+                  AddressMaskDbMySQL table(store, false, "");
+                  operation.run(table);
+                }),
+                ElementsAre(operation.statement));
+  }
 }
 
-TEST_F(AddressMaskMySQLOnServer, StatementsAreSentWithTheirFinalSemicolon) {
-  auto& server = Testing::TestServer::shared();
-  const Testing::SocketRelay relay(server.directory() + "/mask-relay.sock", server.socketPath());
-  const Testing::TestServer::OptionFile options(
-      server, "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
-  {
-    AddressMapDbMySQL store(false);
-    AddressMaskDbMySQL table(store, true, "");
-    Entries entries;
-    const EmailAddress inner = address("p@d.example");
-    const EmailAddress outer = address("q@e.example");
-    table.queryAdd(inner, outer);
-    EXPECT_EQ(table.queryPublicAddress(inner), outer);
-    EXPECT_EQ(table.queryPrivateAddress(outer), inner);
-    table.findByMaskedDomain("*", entries);
-    table.findByMaskedDomain("d.example", entries);
-    table.queryDelete(inner, outer);
-    table.queryDelete("d.example");
+TEST_F(AddressMaskMySQLOnServer, AStatementWithoutAnAnswerIsSentOnceMore) {
+  Testing::Relay relay;
+  AddressMapDbMySQL store(false);
+  AddressMaskDbMySQL table(store, false, "");
+  for (const Operation& operation : operations()) {
+    EXPECT_THAT(relay.sentWithoutAnswer([&] { operation.run(table); }),
+                ElementsAre(operation.statement, operation.statement));
   }
-  const std::vector<std::string> sent = relay.statements();
-  for (const char* statement :
-       {"select * from mask where private not like '%*%';",
-        "select * from mask where private like '%*%' or public like '%*%';",
-        ("insert into mask (private, public ) values( 'p@d.example','q@e.example' ) "
-         "on duplicate key update public=values( public );"),
-        "select * from mask where private ='p@d.example';",
-        "select * from mask where public ='q@e.example';", "select * from mask;",
-        "select * from mask where private like '%@d.example';",
-        "delete from mask where private='p@d.example' and public='q@e.example';",
-        "delete from mask where private like '%@d.example';"}) {
-    EXPECT_THAT(sent, Contains(statement));
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheMutexIsHeldForEachStatementAndNoLonger) {
+  const auto table = open(false);
+  for (const Operation& operation : operations()) {
+    int statements = 0;
+    const Testing::StatementHook hook([&](const std::string& statement) {
+      EXPECT_FALSE(Testing::isFree(m_store->mutex())) << statement;
+      ++statements;
+    });
+    operation.run(*table);
+    EXPECT_EQ(statements, 1);
+    EXPECT_TRUE(Testing::isFree(m_store->mutex())) << operation.statement;
   }
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheMutexIsFreeAfterEveryFailure) {
+  const auto table = open(false);
+  const Testing::StatementHook hook(
+      [](const std::string& /*statement*/) { throw Exception("hook", 4, nullptr, 0); });
+  for (const Operation& operation : operations()) {
+    EXPECT_THROW(operation.run(*table), Exception);
+    EXPECT_TRUE(Testing::isFree(m_store->mutex())) << operation.statement;
+  }
+}
+
+TEST_F(AddressMaskMySQLOnServer, EntriesAreAddedUnderTheMutexThroughTheVirtualAdd) {
+  addPairs(0, 2);
+  for (const unsigned int capacity : {0U, 10U}) {
+    Testing::WatchingCache<AddressMaskDbMySQL::Cache> cache(capacity, m_store->mutex());
+    open(false)->queryEntries(cache);
+    EXPECT_EQ(cache.m_added, 2);
+    EXPECT_EQ(cache.m_freeWhenAdding, 0);
+  }
+}
+
+TEST_F(AddressMaskMySQLOnServer, EntriesLetOtherExceptionsPassUnwrapped) {
+  addPairs(0, 1);
+  Testing::WatchingCache<AddressMaskDbMySQL::Cache> cache(10, m_store->mutex());
+  cache.m_fails = true;
+  EXPECT_THROW(open(false)->queryEntries(cache), std::runtime_error);
+  EXPECT_TRUE(Testing::isFree(m_store->mutex()));
 }
 
 TEST_F(AddressMaskMySQLOnServer, AStoreNameIsAppendedToTheTableName) {
@@ -264,6 +309,68 @@ TEST_F(AddressMaskMySQLOnServer, ListingKeepsWhatTheMapHoldsAndChangesNoAnswer) 
   EXPECT_EQ(statementCount(
                 [&] { EXPECT_TRUE(table->findPublicAddress(address("p@d.example")).isNull()); }),
             0U);
+}
+
+TEST_F(AddressMaskMySQLOnServer, ListingADomainAddsToWhatIsThere) {
+  addMask("p@d.example", "q@e.example");
+  Entries entries{{address("old@d.example"), address("kept@e.example")}};
+  open(false)->findByMaskedDomain("d.example", entries);
+  EXPECT_THAT(entries, ElementsAre(Pair(address("old@d.example"), address("kept@e.example")),
+                                   Pair(address("p@d.example"), address("q@e.example"))));
+}
+
+TEST_F(AddressMaskMySQLOnServer, AddressesAreFoundInTheirOwnColumn) {
+  addMask("p@d.example", "q@e.example");
+  const auto table = open(false);
+  EXPECT_EQ(table->queryPublicAddress(address("p@d.example")), address("q@e.example"));
+  EXPECT_EQ(table->queryPrivateAddress(address("q@e.example")), address("p@d.example"));
+  EXPECT_TRUE(table->queryPublicAddress(address("q@e.example")).isNull());
+  EXPECT_TRUE(table->queryPrivateAddress(address("p@d.example")).isNull());
+}
+
+TEST_F(AddressMaskMySQLOnServer, TheStarIsNoDomainWhenDeleting) {
+  addMask("p@d.example", "q@e.example");
+  addMask("p@*", "q@*");
+  open(false)->queryDelete("*");
+  EXPECT_EQ(rows(), (Rows{{"p@d.example", "q@e.example"}}));
+}
+
+TEST_F(AddressMaskMySQLOnServer, BothColumnsOfARowAreBareAddresses) {
+  const auto table = open(false);
+  for (const char* text : {"nodomain", "Bob <b@d.example>"}) {
+    for (const auto& [inner, outer] : {std::pair{text, "q@e.example"}, {"p@d.example", text}}) {
+      sql("delete from ts_address_map.mask");
+      addMask(inner, outer);
+      Entries entries;
+      EXPECT_EQ(caught([&] { table->findByMaskedDomain("*", entries); }).context(),
+                "EmailAddress::rfc5321Parse")
+          << inner << ":" << outer;
+    }
+  }
+}
+
+// Parser that notes what parsing each row returned.
+class Outcomes : public Database::AllRowParser {
+ public:
+  void parse(void* connection, void* result) override {
+    for (std::int64_t i = 0; i < db_result_row_num(result); ++i) {
+      Database::AddressMaskRow row;
+      m_outcomes.push_back(row.parse(connection, result, db_result_fetch_row(result, i)));
+    }
+  }
+  std::vector<bool> m_outcomes;
+};
+
+TEST_F(AddressMaskMySQLOnServer, ParsingARowTellsWhetherItWasWhole) {
+  addMask("p@d.example", "q@e.example");
+  addMask("r@d.example", "");
+  addMask("", "s@e.example");
+  Outcomes parser;
+  Database::Query query(m_store->connection(), &parser, true);
+  query << "select * from mask order by private desc";
+  query.execute();
+  EXPECT_THAT(parser.m_outcomes, ElementsAre(false, true, false));
+  EXPECT_THAT(Testing::takeLog(), SizeIs(2));
 }
 
 TEST_F(AddressMaskMySQLOnServer, UnknownAddressesAreNull) {
