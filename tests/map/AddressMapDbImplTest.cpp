@@ -1,15 +1,18 @@
-// Tests of the registry of tables.
+// Tests of the registry of tables. This source is compiled without access control, for its locks.
 #include "map/AddressMapDbImpl.h"
 
 #include <atomic>
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <boost/thread/lock_types.hpp>
 
 #include "AddressMapDb.h"
 #include "map/FakeStore.h"
 #include "support/Caught.h"
+#include "support/MapDatabase.h"
 
 namespace Tessel {
 namespace {
@@ -50,6 +53,68 @@ TEST(AddressMapDbImpl, AFailedCreationLeavesNothingBehindAndIsTriedAgain) {
   EXPECT_EQ(events.aliasTablesMade, 2);
   // The registry is not left locked.
   EXPECT_NE(store.aliasDb("x").impl(), nullptr);
+}
+
+// A store that looks at its locks, from another thread, while it makes a table.
+class WatchingStore : public FakeStore {
+ public:
+  using FakeStore::FakeStore;
+
+  AddressMaskDbImpl* createMaskDbImpl(const std::string& name) override {
+    m_free.push_back(canShare(m_maskDbsMutex));
+    m_otherFree.push_back(canShare(m_aliasDbsMutex));
+    return FakeStore::createMaskDbImpl(name);
+  }
+  AddressAliasDbImpl* createAliasDbImpl(const std::string& name) override {
+    m_free.push_back(canShare(m_aliasDbsMutex));
+    m_otherFree.push_back(canShare(m_maskDbsMutex));
+    return FakeStore::createAliasDbImpl(name);
+  }
+  std::vector<bool> m_free;
+  std::vector<bool> m_otherFree;
+
+ private:
+  static bool canShare(boost::shared_mutex& mutex) {
+    bool taken = false;
+    std::thread([&] {
+      taken = mutex.try_lock_shared();
+      if (taken) mutex.unlock_shared();
+    }).join();
+    return taken;
+  }
+};
+
+TEST(AddressMapDbImpl, ATableIsMadeUnderTheExclusiveLockOfItsOwnRegistry) {
+  StoreEvents events;
+  WatchingStore store(events);
+  static_cast<void>(store.maskDb("m"));
+  static_cast<void>(store.aliasDb("a"));
+  EXPECT_THAT(store.m_free, testing::ElementsAre(false, false));
+  EXPECT_THAT(store.m_otherFree, testing::ElementsAre(true, true));
+}
+
+TEST(AddressMapDbImpl, AHitNeedsTheSharedLockOnly) {
+  StoreEvents events;
+  FakeStore store(events);
+  static_cast<void>(store.maskDb("m"));
+  static_cast<void>(store.aliasDb("a"));
+  EXPECT_TRUE(Testing::endsInSpiteOf(boost::shared_lock<boost::shared_mutex>(store.m_maskDbsMutex),
+                                     [&] { static_cast<void>(store.maskDb("m")); }));
+  EXPECT_TRUE(Testing::endsInSpiteOf(boost::shared_lock<boost::shared_mutex>(store.m_aliasDbsMutex),
+                                     [&] { static_cast<void>(store.aliasDb("a")); }));
+}
+
+TEST(AddressMapDbImpl, TheTwoRegistriesNeverWaitForEachOther) {
+  StoreEvents events;
+  FakeStore store(events);
+  EXPECT_TRUE(Testing::endsInSpiteOf(
+      boost::unique_lock<boost::shared_mutex>(store.m_maskDbsMutex),
+      [&] { EXPECT_EQ(store.aliasDb("a").impl(), store.aliasDb("a").impl()); }));
+  EXPECT_TRUE(Testing::endsInSpiteOf(
+      boost::unique_lock<boost::shared_mutex>(store.m_aliasDbsMutex),
+      [&] { EXPECT_EQ(store.maskDb("m").impl(), store.maskDb("m").impl()); }));
+  EXPECT_EQ(events.aliasTablesMade, 1);
+  EXPECT_EQ(events.maskTablesMade, 1);
 }
 
 TEST(AddressMapDbImpl, TheTablesGoWithTheLastCopyOfTheStore) {

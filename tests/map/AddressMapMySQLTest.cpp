@@ -1,6 +1,8 @@
 // Tests of the MySQL store: schema, preparation of the database, and its recovery.
 #include "map/AddressMapMySQL.h"
 
+#include <stdexcept>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,6 +10,7 @@
 #include "map/AddressMaskDbImpl.h"
 #include "support/Caught.h"
 #include "support/MapDatabase.h"
+#include "support/StatementHook.h"
 
 namespace Tessel {
 namespace {
@@ -17,8 +20,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using Testing::expectFacts;
 using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 class AddressMapMySQLOnServer : public Testing::MapDatabase {
  protected:
@@ -55,6 +56,13 @@ class AddressMapMySQLOnServer : public Testing::MapDatabase {
     return sql("select count(*) from ts_address_map." + table).at(0).at(0);
   }
 
+  // The statements beginning with `start` that `initialize` sends.
+  static std::vector<std::string> sentByInitialize(const std::string& start, bool clear) {
+    auto sent = sentBy([=] { AddressMapDb::initialize(AddressMapDb::MySQL, clear); });
+    std::erase_if(sent, [&](const std::string& text) { return !text.starts_with(start); });
+    return sent;
+  }
+
   // Replaces `alias` by one of the schema without the column all_users, with one row.
   static void makeOldAliasTable() {
     sql("drop table ts_address_map.alias");
@@ -89,33 +97,46 @@ TEST_F(AddressMapMySQLOnServer, TheMaskTableHasItsColumnsAndIndexes) {
 }
 
 TEST_F(AddressMapMySQLOnServer, InitializeOnAServerWithoutTheDatabaseSendsTheseStatements) {
-  sql("drop database ts_address_map");
-  const auto got = statementsOf([] { AddressMapDb::initialize(AddressMapDb::MySQL, false); });
-  EXPECT_THAT(got, ElementsAre("Create database ts_address_map",
-                               "create table mask(\n"
-                               " private varchar( 255 ) primary key,\n"
-                               " public varchar( 255 ) not null )\n"
-                               " engine=InnoDB",
-                               "create unique index private on mask( private )",
-                               "create unique index public on mask( public )",
-                               "create table if not exists alias(\n"
-                               " name varchar( 255 ) unique primary key not null,\n"
-                               " members MEDIUMTEXT not null, \n"
-                               " all_users tinyint not null default 0)\n"
-                               " engine=InnoDB"));
+  for (const bool clear : {false, true}) {
+    sql("drop database ts_address_map");
+    EXPECT_THAT(sentBy([=] { AddressMapDb::initialize(AddressMapDb::MySQL, clear); }),
+                ElementsAre("Create database ts_address_map;",
+                            "create table mask(\n"
+                            " private varchar( 255 ) primary key,\n"
+                            " public varchar( 255 ) not null )\n"
+                            " engine=InnoDB;",
+                            "create unique index private on mask( private );",
+                            "create unique index public on mask( public );",
+                            "create table if not exists alias(\n"
+                            " name varchar( 255 ) unique primary key not null,\n"
+                            " members MEDIUMTEXT not null, \n"
+                            " all_users tinyint not null default 0)\n"
+                            " engine=InnoDB;"));
+  }
+}
+
+TEST_F(AddressMapMySQLOnServer, InitializeSelectsTheServersOwnDatabaseFirst) {
+  Testing::GeneralLog log(Testing::TestServer::shared());
+  const Testing::Relay relay;  // New connections only.
+  AddressMapDb::initialize(AddressMapDb::MySQL, false);
+  std::vector<std::string> selected;
+  for (const auto& entry : log.entriesSince()) {
+    if (entry.command == "Init DB") selected.push_back(entry.text);
+  }
+  EXPECT_THAT(selected, ElementsAre("mysql", "ts_address_map"));
 }
 
 TEST_F(AddressMapMySQLOnServer, InitializeUpgradesAnOldAliasTableOnce) {
   makeOldAliasTable();
-  const auto upgrade = statementsOf([] { AddressMapDb::initialize(AddressMapDb::MySQL, false); });
-  EXPECT_THAT(upgrade, Contains("ALTER TABLE alias ADD all_users TINYINT NOT NULL DEFAULT 0"));
-  EXPECT_THAT(upgrade, Contains("ALTER TABLE alias MODIFY members MEDIUMTEXT NOT NULL"));
+  // Without a semicolon.
+  EXPECT_THAT(sentByInitialize("ALTER", false),
+              ElementsAre("ALTER TABLE alias ADD all_users TINYINT NOT NULL DEFAULT 0",
+                          "ALTER TABLE alias MODIFY members MEDIUMTEXT NOT NULL"));
   EXPECT_THAT(columns("alias"), Contains(ElementsAre("members", "mediumtext", "NO", "-")));
   EXPECT_EQ(sql("select name, members, all_users from ts_address_map.alias"),
             (Rows{{"a@d.example", "b@d.example", "0"}}));
 
-  const auto again = statementsOf([] { AddressMapDb::initialize(AddressMapDb::MySQL, false); });
-  EXPECT_THAT(again, Not(Contains(StartsWith("ALTER"))));
+  EXPECT_THAT(sentByInitialize("ALTER", false), IsEmpty());
 }
 
 TEST_F(AddressMapMySQLOnServer, ATableWithAllUsersIsNotAlteredWhateverItsMembersColumn) {
@@ -132,9 +153,8 @@ TEST_F(AddressMapMySQLOnServer, InitializeWithClearEmptiesTheBaseTablesOnly) {
   addAlias("a@d.example", "b@d.example", "alias_n");
   sql("insert into ts_address_map.mask values( 'p@d.example','q@d.example' )");
   sql("insert into ts_address_map.mask_n values( 'p@d.example','q@d.example' )");
-  const auto got = statementsOf([] { AddressMapDb::initialize(AddressMapDb::MySQL, true); });
-  EXPECT_THAT(got, Contains("DELETE FROM mask"));
-  EXPECT_THAT(got, Contains("DELETE FROM alias"));
+  EXPECT_THAT(sentByInitialize("DELETE", true),
+              ElementsAre("DELETE FROM mask;", "DELETE FROM alias;"));
   EXPECT_EQ(count("alias"), "0");
   EXPECT_EQ(count("mask"), "0");
   EXPECT_EQ(count("alias_n"), "1");
@@ -192,6 +212,74 @@ TEST_F(AddressMapMySQLOnServer, CreatingAMaskTableTwiceFails) {
   ASSERT_NE(got.cause(), nullptr);
   EXPECT_EQ(got.cause()->code(), 1050);
   EXPECT_EQ(got.cause()->cause(), nullptr);
+}
+
+TEST_F(AddressMapMySQLOnServer, EveryStatementOfAMaskTableMayFail) {
+  Database::Connection connection("ts_address_map");
+  for (int failing = 0; failing < 3; ++failing) {
+    const std::string table = "mask_" + std::to_string(failing);
+    int statements = 0;
+    const Testing::StatementHook hook([&](const std::string& /*statement*/) {
+      if (statements++ == failing) throw Exception("hook", 4, nullptr, 0);
+    });
+    const Exception got = caught([&] { createMaskTable(connection, table); });
+    expectFacts(got, "Address Mask Creation", 4, "AddressMapMySQL", 33);
+    ASSERT_NE(got.cause(), nullptr);
+    EXPECT_EQ(got.cause()->context(), "hook");
+    EXPECT_EQ(got.cause()->cause(), nullptr);
+    EXPECT_EQ(statements, failing + 1);
+  }
+  EXPECT_THAT(tables(), ElementsAre("alias", "mask", "mask_1", "mask_2"));
+  EXPECT_THAT(uniqueIndexes("mask_1"), ElementsAre("PRIMARY"));
+  EXPECT_THAT(uniqueIndexes("mask_2"), ElementsAre("PRIMARY", "private"));
+}
+
+TEST_F(AddressMapMySQLOnServer, OtherExceptionsPassUnwrappedAndDropNothing) {
+  addAlias("a@d.example", "b@d.example");
+  std::string failing;
+  const Testing::StatementHook hook([&](const std::string& statement) {
+    if (statement.starts_with(failing)) throw std::runtime_error("no Exception");
+  });
+  Database::Connection connection("ts_address_map");
+  failing = "create";
+  EXPECT_THROW(createMaskTable(connection, "mask_n"), std::runtime_error);
+  EXPECT_THROW(createAliasTable(connection, "alias_n"), std::runtime_error);
+  failing = "DELETE";
+  EXPECT_THROW(AddressMapDb::initialize(AddressMapDb::MySQL, true), std::runtime_error);
+  EXPECT_EQ(count("alias"), "1");
+  sql("drop database ts_address_map");
+  failing = "Create";
+  EXPECT_THROW(AddressMapDb::initialize(AddressMapDb::MySQL, true), std::runtime_error);
+}
+
+TEST_F(AddressMapMySQLOnServer, OnlyStatementsThatMayBeRepeatedAreSentOnceMore) {
+  Testing::Relay relay;
+  Database::Connection connection("ts_address_map");
+  EXPECT_THAT(relay.sentWithoutAnswer([&] { createAliasTable(connection, "alias_n"); }).size(), 2U);
+  EXPECT_THAT(relay
+                  .sentWithoutAnswer(
+                      [&] { EXPECT_THROW(createMaskTable(connection, "mask_n"), Exception); })
+                  .size(),
+              1U);
+}
+
+TEST_F(AddressMapMySQLOnServer, AConnectionThatBreaksWhileTheTablesAreEmptiedDropsNothing) {
+  Testing::Relay relay;
+  Database::Connection connection("ts_address_map");
+  createAliasTable(connection, "alias_n");
+  int broken = 0;
+  const Testing::StatementHook hook([&](const std::string& statement) {
+    if (!statement.starts_with("DELETE")) return;
+    relay.relay().cutAfter(Testing::SocketRelay::Direction::ToClient, 0);
+    ++broken;
+  });
+  AddressMapDb::initialize(AddressMapDb::MySQL, true);
+  EXPECT_EQ(broken, 2);
+  auto sent = relay.statements();
+  std::erase_if(sent, [](const std::string& text) { return !text.starts_with("DELETE"); });
+  EXPECT_THAT(sent, ElementsAre("DELETE FROM mask;", "DELETE FROM mask;", "DELETE FROM alias;",
+                                "DELETE FROM alias;"));
+  EXPECT_THAT(tables(), Contains("alias_n"));
 }
 
 TEST_F(AddressMapMySQLOnServer, CreatingAnAliasTableTwiceChangesNothing) {
@@ -280,6 +368,14 @@ TEST_F(AddressMapMySQLOnServer, AnAccountThatMayNotDropLosesNothing) {
   sql("drop table ts_address_map.mask");
   const Exception got =
       s_failureOfInitialize("grant select on ts_address_map.* to limited@localhost");
+  EXPECT_EQ(got.code(), 1044) << got.what();
+  EXPECT_EQ(count("alias"), "1");
+}
+
+TEST_F(AddressMapMySQLOnServer, AnAccountWithoutARightToTheServersOwnDatabaseDropsNothing) {
+  addAlias("a@d.example", "b@d.example");
+  const LimitedAccount account("grant all on ts_address_map.* to limited@localhost");
+  const Exception got = caught([] { AddressMapDb::initialize(AddressMapDb::MySQL, true); });
   EXPECT_EQ(got.code(), 1044) << got.what();
   EXPECT_EQ(count("alias"), "1");
 }
