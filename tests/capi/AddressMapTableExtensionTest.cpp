@@ -1,18 +1,23 @@
-// The names of tables: which count, in which order, and who keeps them.
+// The names of tables: which count, in which order, and who keeps them. This source is compiled
+// without access control, because the order of private fields counts.
 #include "capi/AddressMapTableExtension.h"
 
 #include <set>
 #include <string>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/Caught.h"
+#include "support/Layout.h"
 #include "support/MapDatabase.h"
 #include "tests/capi/cases.h"
 
 namespace {
 
+using Tessel::Testing::addressOf;
+using Tessel::Testing::standInOrder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -39,6 +44,16 @@ TEST_F(TableExtensions, ThePrefixNeedNoSeparator) {
   EXPECT_STREQ(names[0], "s");
   EXPECT_STREQ(names[1], "tra");
   EXPECT_EQ(names[2], nullptr);
+}
+
+TEST_F(TableExtensions, TheArrayStandsBehindTheSetAndPointsIntoIt) {
+  sql("create table ts_address_map.alias_a ( a int )");
+  const AddressMapTableExtension extensions("alias");
+  static_assert(sizeof(extensions) == sizeof(std::set<std::string>) + sizeof(char**));
+  static_assert(!std::is_polymorphic_v<AddressMapTableExtension>);
+  EXPECT_TRUE(
+      standInOrder(addressOf(extensions.m_extensions), addressOf(extensions.m_extensionArray)));
+  EXPECT_EQ(extensions.extensionsAsCharArray()[0], extensions.m_extensions.begin()->c_str());
 }
 
 TEST_F(TableExtensions, ADatabaseThatCannotBeReadGivesNull) {

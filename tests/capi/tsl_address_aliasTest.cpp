@@ -108,13 +108,16 @@ TEST_F(AliasInterface, EachFunctionSendsItsStatements) {
 }
 
 TEST_F(AliasInterface, MembersAreParsedBeforeTheTableIsOpened) {
-  tsl_address_map map = tsl_address_alias_create();
+  // Opening a table of this store reads it.
+  AddressMapDb store(AddressMapDb::MySQL, true);
+  auto* const map = reinterpret_cast<tsl_address_map>(&store);
   tsl_emailaddress team = tsl_emailaddress_parse("team@d.example");
-  const tsl_address_alias_entry entry{team, "a..b@d.example"};
-  EXPECT_THAT(statementsOf([&] { EXPECT_EQ(tsl_address_alias_add(map, &entry, "none"), -1); }),
-              IsEmpty());
+  tsl_address_alias_entry entry{team, "b@d.example"};
+  const auto add = [&] { EXPECT_EQ(tsl_address_alias_add(map, &entry, "none"), -1); };
+  EXPECT_THAT(statementsOf(add), ElementsAre("select * from alias_none"));
+  entry.members = "a..b@d.example";
+  EXPECT_THAT(statementsOf(add), IsEmpty());
   tsl_emailaddress_destroy(team);
-  tsl_address_alias_destroy(map);
 }
 
 TEST_F(AliasInterface, ExpandingReadsBothDefaultTablesEachTime) {
@@ -133,6 +136,23 @@ TEST_F(AliasInterface, ExpandingReadsBothDefaultTablesEachTime) {
                     "select * from alias where name='bob@d.example'"));
   }
   tsl_emailaddress_destroy(team);
+}
+
+TEST_F(AliasInterface, TheTableFunctionsSendTheirStatementsWholeAndNothingForNull) {
+  EXPECT_THAT(sentBy([] {
+                tsl_address_alias_table_create("");
+                tsl_address_alias_table_erase("");
+              }),
+              ElementsAre("create table if not exists alias_(\n"
+                          " name varchar( 255 ) unique primary key not null,\n"
+                          " members MEDIUMTEXT not null, \n"
+                          " all_users tinyint not null default 0)\n"
+                          " engine=InnoDB;",
+                          "drop table alias_;"));
+  Testing::Relay relay;
+  tsl_address_alias_table_create(nullptr);
+  tsl_address_alias_table_erase(nullptr);
+  EXPECT_EQ(relay.relay().connections(), 0);
 }
 
 TEST_F(AliasInterface, TablesThatAreNotThereThrowWhenErased) {

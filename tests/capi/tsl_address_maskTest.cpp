@@ -89,6 +89,23 @@ TEST_F(MaskInterface, EachFunctionSendsItsStatements) {
   tsl_address_mask_destroy(map);
 }
 
+TEST_F(MaskInterface, TheTableFunctionsSendTheirStatementsWholeAndNothingForNull) {
+  EXPECT_THAT(sentBy([] {
+                tsl_address_mask_table_create("");
+                tsl_address_mask_table_erase("");
+              }),
+              ElementsAre("create table mask_(\n"
+                          " private varchar( 255 ) primary key,\n"
+                          " public varchar( 255 ) not null )\n"
+                          " engine=InnoDB;",
+                          "create unique index private on mask_( private );",
+                          "create unique index public on mask_( public );", "drop table mask_;"));
+  Testing::Relay relay;
+  tsl_address_mask_table_create(nullptr);
+  tsl_address_mask_table_erase(nullptr);
+  EXPECT_EQ(relay.relay().connections(), 0);
+}
+
 TEST_F(MaskInterface, CreatingATableThatExistsThrows) {
   tsl_address_mask_table_create("sales");
   const Exception got = Testing::caught([] { tsl_address_mask_table_create("sales"); });
