@@ -58,7 +58,7 @@ std::set<EmailAddress> expandAllUsers(const EmailAddress& alias,
     return s_listUsers(domain, members);
   } catch (const Exception&) {
     // Deliberate: the marker itself is delivered to when the configuration cannot be read. Pinned
-    // by AliasExpansion.AnUnreadableConfigurationLeavesTheMarker.
+    // by AllUsersExpansion.AnUnreadableConfigurationLeavesTheMarker.
     return members;
   }
 }
@@ -71,7 +71,8 @@ AddressAliasDbMySQL::AddressAliasDbMySQL(AddressMapDbMySQL& mapDb, bool preload,
   if (!name.empty()) m_table += "_" + name;
   if (!preload) return;
   // Deliberate: the rows go into a cache that keeps nothing, so preloading counts them and leaves
-  // the cache empty. Pinned by AddressAliasDbMySQL.PreloadCountsTheRowsAndCachesNothing.
+  // the cache empty. Pinned by
+  // AddressAliasDbMySQLOnServer.PreloadCountsTheRowsAndCachesNothing.
   Cache rows(s_keepsNothing);
   queryEntries(rows);
   std::for_each(rows.begin(), rows.end(), CacheLoader(rows, m_cache));

@@ -19,7 +19,7 @@ AddressAliasRow::~AddressAliasRow() = default;
 bool AddressAliasRow::parse(void* connection, void* result, void* row) {
   if (db_result_field_length(result, 0) == 0 || db_result_field_length(result, 1) == 0) {
     // Deliberate: the message says nothing but its code; log watchers look for that. Pinned by
-    // AddressAliasDbMySQL.ARowWithAnEmptyColumnIsLoggedAndKept.
+    // AddressAliasDbMySQLOnServer.ARowWithAnEmptyColumnIsLoggedAndKept.
     Logger::instance(false)(s_logEmptyColumn, 0, "%s", " ");
     return false;
   }

@@ -77,7 +77,8 @@ void createMaskTable(Database::Connection& connection, const std::string& table)
     Database::Query query(connection, nullptr, true);
     query.seekp(0);
     // Deliberate: no "if not exists". Callers create a mask table only when it is missing and want
-    // the error otherwise. Pinned by AddressMapMySQL.CreatingAMaskTableTwiceFails.
+    // the error otherwise. Pinned by
+    // AddressMapMySQLOnServer.CreatingAMaskTableTwiceFails.
     query << "create table " << table << "(\n"
           << " private varchar( 255 ) primary key,\n"
           << " public varchar( 255 ) not null )\n"
@@ -133,7 +134,7 @@ void AddressMapDbMySQL::initialize(bool clear) {
   } catch (const Exception&) {
     // Deliberate: whatever failed, the database is replaced by an empty one and the failure is not
     // reported; mail goes on without it. Pinned by
-    // AddressMapMySQL.AFailedUpgradeLeavesAFreshDatabase.
+    // AddressMapMySQLOnServer.AFailedUpgradeLeavesAFreshDatabase.
     connection.dbDelete(s_database);
     if (!connection.dbSelectIfExists(s_database)) s_createDatabase(connection, s_database);
   }

@@ -27,7 +27,8 @@ class TsRowParser : public AllRowParser {
       auto* const parsed = new Row;
       Ref<RowImpl> reference(parsed);
       // Deliberate: the outcome is not looked at. A row with an empty column stays in the result
-      // with a null address. Pinned by AddressAliasDbMySQL.ARowWithAnEmptyColumnIsLoggedAndKept.
+      // with a null address. Pinned by
+      // AddressAliasDbMySQLOnServer.ARowWithAnEmptyColumnIsLoggedAndKept.
       static_cast<void>(parsed->parse(connection, result, db_result_fetch_row(result, i)));
       m_rows->add(std::move(reference));
     }

@@ -148,6 +148,19 @@ fails() {
   fails check-tests "a test is switched off: tests/base/ThingTest.cpp"
 }
 
+@test "check-tests finds a comment that names a test which is not there" {
+  printf '// Test.\nTEST(Thing,\n     HasAName) {}\n' >tests/base/ThingTest.cpp
+  printf '// Thing. Pinned by\n// Thing.HasAName. Pinned by the tests of Thing.\nint f();\n' \
+    >platform/base/Thing.cpp
+  passes check-tests
+  printf '// Thing. Pinned by\n// Thing.HasNoName.\n' >platform/base/Thing.cpp
+  fails check-tests "platform/base/Thing.cpp names a test that is not there: Thing.HasNoName"
+  printf '// Thing. Pinned by the tests of Thin.\n' >platform/base/Thing.cpp
+  fails check-tests "platform/base/Thing.cpp names a test that is not there: the tests of Thin"
+  printf '// Thing. Pinned by a test.\n' >platform/base/Thing.cpp
+  fails check-tests "platform/base/Thing.cpp names a test that is not there: a"
+}
+
 @test "check-tests finds a change log of another version" {
   printf '# Changes\n\n## 1.2.4\n\n## 1.2.3\n' >CHANGELOG.md
   fails check-tests "VERSION says '1.2.3', CHANGELOG.md begins with '1.2.4'"
