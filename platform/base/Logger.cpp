@@ -33,8 +33,8 @@ Logger::Logger() {
 void Logger::readEnvironment() {
   // getenv is safe here as long as the program does not change its environment at the same time.
   const char* target = std::getenv("TSL_LOG");  // NOLINT(concurrency-mt-unsafe): see above
-  const std::lock_guard lock(m_mutex);
-  m_toStandardError = target != nullptr && std::string_view(target) == "stderr";
+  const bool toStandardError = target != nullptr && std::string_view(target) == "stderr";
+  m_state.with([=](State& state) { state.toStandardError = toStandardError; });
 }
 
 void Logger::operator()(unsigned int code, int number, const char* format, ...) noexcept {
@@ -50,34 +50,30 @@ void Logger::operator()(unsigned int code, int number, const char* format, ...) 
   }
 
   try {
-    const std::lock_guard lock(m_mutex);
-    if (m_capture != nullptr) {
-      m_capture->m_messages.push_back({code, number, text.data()});
-    } else if (m_toStandardError) {
-      std::fprintf(stderr, "tsl[%#x] %d: %s\n", code, number, text.data());
-    } else {
-      syslog(LOG_MAIL | LOG_WARNING, "tsl[%#x] %d: %s", code, number, text.data());
-    }
+    m_state.with([&](State& state) {
+      if (!state.captures.empty()) {
+        state.captures.back().push_back({code, number, text.data()});
+      } else if (state.toStandardError) {
+        std::fprintf(stderr, "tsl[%#x] %d: %s\n", code, number, text.data());
+      } else {
+        syslog(LOG_MAIL | LOG_WARNING, "tsl[%#x] %d: %s", code, number, text.data());
+      }
+    });
   } catch (...) {  // No memory for the captured copy: a lost log line must not end the caller.
   }
 }
 
-Logger::Capture::Capture() : m_outer(nullptr) {
-  Logger& logger = Logger::instance(false);
-  const std::lock_guard lock(logger.m_mutex);
-  m_outer = logger.m_capture;
-  logger.m_capture = this;
-}
+Logger::Capture::Capture()
+    : m_messages(Logger::instance(false).m_state.with(
+          [](State& state) { return state.captures.emplace(state.captures.end()); })) {}
 
 Logger::Capture::~Capture() {
-  Logger& logger = Logger::instance(false);
-  const std::lock_guard lock(logger.m_mutex);
-  logger.m_capture = m_outer;
+  Logger::instance(false).m_state.with([this](State& state) { state.captures.erase(m_messages); });
 }
 
 std::vector<Logger::Message> Logger::Capture::take() {
-  const std::lock_guard lock(Logger::instance(false).m_mutex);
-  return std::exchange(m_messages, {});
+  return Logger::instance(false).m_state.with(
+      [this](State& /*state*/) { return std::exchange(*m_messages, {}); });
 }
 
 }  // namespace Tessel

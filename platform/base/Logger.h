@@ -2,11 +2,12 @@
 #ifndef TSL_BASE_LOGGER_H
 #define TSL_BASE_LOGGER_H
 
-#include <mutex>
+#include <list>
 #include <string>
 #include <vector>
 
 #include "base/Export.h"
+#include "base/Guarded.h"
 
 namespace Tessel {
 
@@ -34,9 +35,7 @@ class TSL_EXPORT Logger {
     std::vector<Message> take();
 
    private:
-    friend class Logger;
-    std::vector<Message> m_messages;  // Guarded by the logger's mutex.
-    Capture* m_outer;
+    std::list<std::vector<Message>>::iterator m_messages;  // In the logger's state.
   };
 
   // The logger of this process. With `reopen` true the environment is read again first; a program
@@ -57,9 +56,12 @@ class TSL_EXPORT Logger {
   ~Logger() = default;
   void readEnvironment();
 
-  std::mutex m_mutex;
-  bool m_toStandardError = false;  // Guarded by m_mutex.
-  Capture* m_capture = nullptr;    // Guarded by m_mutex.
+  struct State {
+    bool toStandardError = false;
+    std::list<std::vector<Message>> captures;  // What each collected; the newest is the last.
+  };
+
+  Guarded<State> m_state;
 };
 
 }  // namespace Tessel

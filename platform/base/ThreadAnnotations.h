@@ -13,6 +13,7 @@
 #define TSL_GUARDED_BY(mutex) TSL_THREAD_ATTRIBUTE(guarded_by(mutex))
 #define TSL_REQUIRES(...) TSL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define TSL_ACQUIRE(...) TSL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TSL_ACQUIRE_SHARED(...) TSL_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define TSL_RELEASE(...) TSL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 
 #endif
