@@ -15,10 +15,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "base/Guarded.h"
 #include "cmf/EnvironmentFiles.h"
 #include "cmf/Failure.h"
 
@@ -39,10 +39,11 @@ constexpr int s_openAttempts = 3;
 // Used by LMDB when it creates a file, which it never does here: they exist before it is called.
 constexpr mdb_mode_t s_fileMode = 0660;
 
+using Open = std::vector<std::shared_ptr<Environment>>;
+
 struct Registry {
-  std::mutex mutex;
-  std::vector<std::shared_ptr<Environment>> open;  // Guarded by mutex.
-  Registry* inherited = nullptr;                   // The parent's, never used and never freed.
+  Guarded<Open> open;
+  Registry* inherited = nullptr;  // The parent's, never used and never freed.
 };
 
 // Never destroyed: threads may still read while the process ends.
@@ -65,24 +66,22 @@ Registry& s_list() {
   return *s_registry.load();
 }
 
-// The calls below need the registry's mutex.
-
-std::shared_ptr<Environment> s_find(const Registry& registry, const FileIdentity& identity) {
-  const auto found = std::find_if(registry.open.begin(), registry.open.end(),
+std::shared_ptr<Environment> s_find(const Open& open, const FileIdentity& identity) {
+  const auto found = std::find_if(open.begin(), open.end(),
                                   [&](const auto& one) { return one->identity() == identity; });
-  return found != registry.open.end() ? *found : nullptr;
+  return found != open.end() ? *found : nullptr;
 }
 
 // Closes the environments that only the list refers to. Nobody else can get hold of one meanwhile.
-void s_closeUnused(Registry& registry) {
-  std::erase_if(registry.open, [](const auto& one) { return one.use_count() == 1; });
+void s_closeUnused(Open& open) {
+  std::erase_if(open, [](const auto& one) { return one.use_count() == 1; });
 }
 
 // Null when the files changed while they were opened.
-std::shared_ptr<Environment> s_open(Registry& registry, const std::string& path,
+std::shared_ptr<Environment> s_open(Open& open, const std::string& path,
                                     const FileIdentity& identity, bool writable) {
-  s_closeUnused(registry);
-  for (const auto& one : registry.open) {
+  s_closeUnused(open);
+  for (const auto& one : open) {
     if (one->identity().sameLock(identity)) {
       fail(s_openContext, "data.mdb in " + path +
                               " was replaced beside a lock.mdb in use: replace whole folders only,"
@@ -91,25 +90,25 @@ std::shared_ptr<Environment> s_open(Registry& registry, const std::string& path,
   }
   auto environment = std::make_shared<Environment>(path, identity, writable);
   if (findFiles(path, writable) != identity) return nullptr;
-  registry.open.push_back(environment);
+  open.push_back(environment);
   return environment;
 }
 
 // Opens the files in `path` as they are now. Retries while somebody replaces them.
-std::shared_ptr<Environment> s_obtain(Registry& registry, const std::string& path, bool writable) {
+std::shared_ptr<Environment> s_obtain(Open& open, const std::string& path, bool writable) {
   for (int attempt = 0; attempt < s_openAttempts; ++attempt) {
     const FileIdentity identity = findFiles(path, writable);
-    std::shared_ptr<Environment> environment = s_find(registry, identity);
+    std::shared_ptr<Environment> environment = s_find(open, identity);
     if (environment != nullptr && writable && !environment->isWritable()) {
       environment.reset();
-      s_closeUnused(registry);
-      if (s_find(registry, identity) != nullptr) {
+      s_closeUnused(open);
+      if (s_find(open, identity) != nullptr) {
         fail(s_openContext,
              "The configuration in " + path + " is in use by this process, which may only read it");
       }
     }
     if (environment != nullptr) return environment;
-    environment = s_open(registry, path, identity, writable);
+    environment = s_open(open, path, identity, writable);
     if (environment != nullptr) return environment;
   }
   fail(s_openContext, "The configuration in " + path + " is being replaced: try again");
@@ -120,18 +119,16 @@ std::shared_ptr<Environment> s_obtain(Registry& registry, const std::string& pat
 std::atomic<unsigned int> Environment::s_generation{0};
 
 std::shared_ptr<Environment> Environment::forReading(bool reopen) {
-  Registry& registry = s_list();
-  const std::lock_guard lock(registry.mutex);
-  if (reopen) s_closeUnused(registry);
-  return s_obtain(registry, configuredPath(), false);
+  return s_list().open.with([reopen](Open& open) {
+    if (reopen) s_closeUnused(open);
+    return s_obtain(open, configuredPath(), false);
+  });
 }
 
 std::shared_ptr<Environment> Environment::forWriting() {
   const std::string path = configuredPath();
   createFiles(path);
-  Registry& registry = s_list();
-  const std::lock_guard lock(registry.mutex);
-  return s_obtain(registry, path, true);
+  return s_list().open.with([&path](Open& open) { return s_obtain(open, path, true); });
 }
 
 Environment::Environment(std::string path, const FileIdentity& identity, bool writable)
