@@ -2,9 +2,10 @@
 #ifndef TSL_TOOLS_SERVE_LOG_H
 #define TSL_TOOLS_SERVE_LOG_H
 
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include "base/Guarded.h"
 
 namespace Tessel::Serve {
 
@@ -32,7 +33,7 @@ class Log {
 
   const LogLevel m_level;
   const bool m_hasPriorities;
-  std::mutex m_mutex;  // One line at a time.
+  Guarded<int> m_descriptor;  // Takes one line at a time.
 };
 
 }  // namespace Tessel::Serve

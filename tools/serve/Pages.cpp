@@ -77,23 +77,24 @@ bool Pages::fit(const std::vector<std::string>& addresses) const {
 std::vector<std::string> Pages::divide(const std::string& key,
                                        const std::vector<std::string>& addresses,
                                        Clock::time_point now) {
-  const std::lock_guard lock(m_mutex);
-  const auto newest = m_newest.find(key);
-  if (newest != m_newest.end()) {
-    Set& set = *newest->second;
-    const Set same = make(set.token, key, addresses);
-    if (same.pages == set.pages && same.top == set.top) {
-      set.used = now;
-      return set.top;
+  return m_kept.with([&](Kept& kept) {
+    const auto newest = kept.newest.find(key);
+    if (newest != kept.newest.end()) {
+      Set& set = *newest->second;
+      const Set same = make(set.token, key, addresses);
+      if (same.pages == set.pages && same.top == set.top) {
+        set.used = now;
+        return set.top;
+      }
     }
-  }
-  const auto set = std::make_shared<Set>(make(s_newToken(), key, addresses));
-  set->used = now;
-  m_size += set->size;
-  m_byToken[set->token] = set;
-  m_newest[key] = set;
-  makeRoom(now);
-  return set->top;
+    const auto set = std::make_shared<Set>(make(s_newToken(), key, addresses));
+    set->used = now;
+    kept.size += set->size;
+    kept.byToken[set->token] = set;
+    kept.newest[key] = set;
+    makeRoom(kept, now);
+    return set->top;
+  });
 }
 
 bool Pages::isPage(std::string_view key) {
@@ -103,11 +104,14 @@ bool Pages::isPage(std::string_view key) {
 std::optional<std::vector<std::string>> Pages::find(std::string_view key, Clock::time_point now) {
   const std::optional<PageName> name = s_parse(key);
   if (!name) return std::nullopt;
-  const std::lock_guard lock(m_mutex);
-  const auto found = m_byToken.find(name->token);
-  if (found == m_byToken.end() || name->number >= found->second->pages.size()) return std::nullopt;
-  found->second->used = now;
-  return found->second->pages[name->number];
+  return m_kept.with([&](Kept& kept) -> std::optional<Page> {
+    const auto found = kept.byToken.find(name->token);
+    if (found == kept.byToken.end()) return std::nullopt;
+    Set& set = *found->second;
+    if (name->number >= set.pages.size()) return std::nullopt;
+    set.used = now;
+    return set.pages[name->number];
+  });
 }
 
 // `addresses` in as few pages as they fit in.
@@ -165,18 +169,18 @@ Pages::Set Pages::make(const std::string& token, const std::string& key,
 }
 
 // Lets go of what was not asked for lately, and of the oldest when there is too much even so.
-void Pages::makeRoom(Clock::time_point now) {
-  while (m_byToken.size() > 1) {
-    auto oldest = m_byToken.begin();
-    for (auto set = m_byToken.begin(); set != m_byToken.end(); ++set) {
+void Pages::makeRoom(Kept& kept, Clock::time_point now) {
+  while (kept.byToken.size() > 1) {
+    auto oldest = kept.byToken.begin();
+    for (auto set = kept.byToken.begin(); set != kept.byToken.end(); ++set) {
       if (set->second->used < oldest->second->used) oldest = set;
     }
-    if (m_size <= s_mostBytes && now - oldest->second->used < s_keptUnused) return;
+    if (kept.size <= s_mostBytes && now - oldest->second->used < s_keptUnused) return;
     const SetPointer set = oldest->second;
-    const auto newest = m_newest.find(set->key);
-    if (newest != m_newest.end() && newest->second == set) m_newest.erase(newest);
-    m_size -= set->size;
-    m_byToken.erase(oldest);
+    const auto newest = kept.newest.find(set->key);
+    if (newest != kept.newest.end() && newest->second == set) kept.newest.erase(newest);
+    kept.size -= set->size;
+    kept.byToken.erase(oldest);
   }
 }
 

@@ -6,12 +6,12 @@
 #include <cstddef>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "base/Guarded.h"
 #include "serve/Settings.h"
 
 namespace Tessel::Serve {
@@ -61,18 +61,21 @@ class Pages {
   };
   using SetPointer = std::shared_ptr<Set>;
 
+  struct Kept {
+    std::map<std::string, SetPointer, std::less<>> byToken;
+    std::map<std::string, SetPointer, std::less<>> newest;  // By the key of the alias.
+    std::size_t size = 0;                                   // Bytes of all pages.
+  };
+
   [[nodiscard]] PageList cut(const std::vector<std::string>& addresses) const;
   [[nodiscard]] Set make(const std::string& token, const std::string& key,
                          const std::vector<std::string>& addresses) const;
-  void makeRoom(Clock::time_point now);
+  static void makeRoom(Kept& kept, Clock::time_point now);
 
   const std::size_t m_most;
   const std::size_t m_maxSize;
   const std::size_t m_reserve;
-  std::mutex m_mutex;  // Guards everything below.
-  std::map<std::string, SetPointer, std::less<>> m_byToken;
-  std::map<std::string, SetPointer, std::less<>> m_newest;  // By the key of the alias.
-  std::size_t m_size = 0;                                   // Bytes of all pages.
+  Guarded<Kept> m_kept;
 };
 
 }  // namespace Tessel::Serve

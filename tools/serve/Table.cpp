@@ -45,18 +45,15 @@ Table::Table(TableKind kind, const std::string& name, const Settings& settings)
       m_confirmed(s_never) {}
 
 ImagePointer Table::image() const {
-  const std::lock_guard lock(m_mutex);
-  return m_image;
+  return m_image.with([](const ImagePointer& image) { return image; });
 }
 
 void Table::publish(ImagePointer image) {
-  ImagePointer old = std::move(image);
-  {
-    const std::lock_guard lock(m_mutex);
-    m_image.swap(old);
+  m_image.with([&](ImagePointer& current) {
+    current.swap(image);
     ++m_generation;
-  }
-  // A large image takes its time to go: not under the lock.
+  });
+  // The old image ends here: a large one takes its time to go, not under the lock.
 }
 
 std::optional<Clock::duration> Table::age(Clock::time_point now) const noexcept {
@@ -70,9 +67,10 @@ bool isTooOld(Clock::duration age, const Settings& settings) {
 }
 
 TablePointer Tables::find(std::string_view sqlName) const {
-  const std::lock_guard lock(m_mutex);
-  const auto found = m_tables.find(sqlName);
-  return found == m_tables.end() ? nullptr : found->second;
+  return m_tables.with([sqlName](const auto& tables) {
+    const auto found = tables.find(sqlName);
+    return found == tables.end() ? nullptr : found->second;
+  });
 }
 
 TablePointer Tables::add(const std::string& sqlName) {
@@ -86,19 +84,21 @@ TablePointer Tables::add(const std::string& sqlName) {
     const bool isWanted = name.empty() || wanted.empty() ||
                           std::find(wanted.begin(), wanted.end(), name) != wanted.end();
     if (!isWanted || !s_isServable(name)) return nullptr;
-    const std::lock_guard lock(m_mutex);
-    TablePointer& table = m_tables[sqlName];
-    if (table == nullptr) table = std::make_shared<Table>(kind, name, m_settings);
-    return table;
+    return m_tables.with([&](auto& tables) {
+      TablePointer& table = tables[sqlName];
+      if (table == nullptr) table = std::make_shared<Table>(kind, name, m_settings);
+      return table;
+    });
   }
   return nullptr;
 }
 
 std::vector<TablePointer> Tables::all() const {
-  const std::lock_guard lock(m_mutex);
-  std::vector<TablePointer> tables;
-  for (const auto& [name, table] : m_tables) tables.push_back(table);
-  return tables;
+  return m_tables.with([](const auto& tables) {
+    std::vector<TablePointer> all;
+    for (const auto& [name, table] : tables) all.push_back(table);
+    return all;
+  });
 }
 
 }  // namespace Tessel::Serve

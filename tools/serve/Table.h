@@ -6,12 +6,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "base/Guarded.h"
 #include "serve/AliasImage.h"
 #include "serve/MaskImage.h"
 #include "serve/Pages.h"
@@ -71,8 +71,7 @@ class Table {
   const TableKind m_kind;
   const std::string m_sqlName;
   Pages m_pages;
-  mutable std::mutex m_mutex;
-  ImagePointer m_image;  // Guarded by m_mutex.
+  Guarded<ImagePointer> m_image;
   std::atomic<std::uint64_t> m_generation = 0;
   std::atomic<Clock::rep> m_confirmed;
 };
@@ -102,8 +101,7 @@ class Tables {
 
  private:
   const Settings& m_settings;
-  mutable std::mutex m_mutex;
-  std::map<std::string, TablePointer, std::less<>> m_tables;  // Guarded by m_mutex.
+  Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
 };
 
 }  // namespace Tessel::Serve

@@ -62,38 +62,12 @@ std::string s_secondsText(Clock::duration duration) {
 
 }  // namespace
 
-// What is known about one table. A print is what the server notes about it.
-struct TableWatch::Watched {
-  explicit Watched(TablePointer watchedTable) : table(std::move(watchedTable)) {}
-
-  // The image was read from a table with this print.
-  [[nodiscard]] bool hasPrint(const std::string& print) const {
-    return table->generation() != 0 && readPrint == print;
-  }
-
-  // When the table is to be read again, the image having its print; `max` when there is no need.
-  [[nodiscard]] Clock::time_point nextRead() const {
-    if (!isRecent || readStart >= seenSince + s_settled) return Clock::time_point::max();
-    if (readTime < s_noTime) return readStart;
-    const bool isBefore = readStart < seenSince + s_midway;
-    return seenSince + (isBefore ? s_midway : s_settled);
-  }
-
-  const TablePointer table;
-  std::string seen;             // The newest print.
-  Clock::time_point seenSince;  // When it was first seen.
-  bool isRecent = false;        // More may have changed in the second of the print.
-  Clock::time_point lastLook;   // When the table was last seen to be there.
-  bool isMissing = false;
-  bool isBusy = false;  // It is being read or saved.
-  bool isFailing = false;
-  std::string readPrint;        // Of the image.
-  Clock::time_point readStart;  // Of the image.
-  Clock::duration readTime{};   // What reading the image took.
-  Clock::time_point readAfter;  // Not again before.
-  std::uint64_t saved = 0;      // Generation of the snapshot.
-  Clock::time_point saveAfter;
-};
+Clock::time_point TableWatch::Watched::nextRead() const {
+  if (!isRecent || readStart >= seenSince + s_settled) return Clock::time_point::max();
+  if (readTime < s_noTime) return readStart;
+  const bool isBefore = readStart < seenSince + s_midway;
+  return seenSince + (isBefore ? s_midway : s_settled);
+}
 
 class TableWatch::Readers : public boost::asio::thread_pool {
  public:
@@ -117,42 +91,40 @@ TableWatch::~TableWatch() {
 }
 
 void TableWatch::start() {
-  m_isRunning = true;
+  m_state.with([](State& state) { state.isRunning = true; });
   m_thread = std::thread([this] { run(); });
 }
 
 void TableWatch::reload() {
-  const std::lock_guard lock(m_mutex);
-  m_isReloading = true;
+  m_state.with([](State& state) { state.isReloading = true; });
   m_wake.notify_all();
 }
 
 bool TableWatch::stop(milliseconds patience) {
-  std::unique_lock lock(m_mutex);
-  m_isStopping = true;
+  m_state.with([](State& state) { state.isStopping = true; });
   m_wake.notify_all();
-  return m_wake.wait_for(lock, patience, [this] {
-    return !m_isRunning && std::none_of(m_watched.begin(), m_watched.end(),
-                                        [](const auto& entry) { return entry.second->isBusy; });
+  return m_state.waitFor(m_wake, patience, [](const State& state) {
+    return !state.isRunning && std::none_of(state.watched.begin(), state.watched.end(),
+                                            [](const auto& entry) { return entry.second.isBusy; });
   });
 }
 
 void TableWatch::run() {
   const milliseconds interval =
       std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
-  std::unique_lock lock(m_mutex);
-  while (!m_isStopping) {
-    if (m_isReloading) {
-      m_isReloading = false;
-      m_connection.reset();
-      for (const auto& [name, watched] : m_watched) watched->readPrint.clear();
-    }
-    lock.unlock();
+  while (!m_state.with([](const State& state) { return state.isStopping; })) {
+    const bool isReloading = m_state.with([](State& state) {
+      if (state.isReloading) {
+        for (auto& [name, watched] : state.watched) watched.readPrint.clear();
+      }
+      return std::exchange(state.isReloading, false);
+    });
+    if (isReloading) m_connection.reset();
     look(Clock::now());
-    lock.lock();
-    m_wake.wait_for(lock, interval, [this] { return m_isStopping || m_isReloading; });
+    m_state.waitFor(m_wake, interval,
+                    [](const State& state) { return state.isStopping || state.isReloading; });
   }
-  m_isRunning = false;
+  m_state.with([](State& state) { state.isRunning = false; });
   m_wake.notify_all();
 }
 
@@ -176,62 +148,68 @@ void TableWatch::compare(const std::string& sqlName, const std::string& print, b
                          Clock::time_point start) {
   const TablePointer table = m_tables.add(sqlName);
   if (table == nullptr) return;
-  const std::lock_guard lock(m_mutex);
-  WatchedPointer& watched = m_watched[sqlName];
-  if (watched == nullptr) watched = std::make_shared<Watched>(table);
-  watched->lastLook = start;
-  watched->isMissing = false;
-  if (watched->seen != print) {
-    watched->isRecent = !watched->seen.empty() || !isLongAgo;
-    watched->seen = print;
-    watched->seenSince = start;
-  }
-  if (watched->isBusy) return;
-  const bool isSame = watched->hasPrint(print) && !watched->isFailing;
-  if (isSame) table->confirm(start);
-  const Clock::time_point next = isSame ? watched->nextRead() : Clock::time_point();
-  if (start >= std::max(next, watched->readAfter)) return read(watched, print);
-  if (isSame) save(watched, start);
+  m_state.with([&](State& state) {
+    Watched& watched = state.watched.try_emplace(sqlName, table).first->second;
+    watched.lastLook = start;
+    watched.isMissing = false;
+    if (watched.seen != print) {
+      watched.isRecent = !watched.seen.empty() || !isLongAgo;
+      watched.seen = print;
+      watched.seenSince = start;
+    }
+    if (watched.isBusy) return;
+    const bool isSame = watched.hasPrint(print) && !watched.isFailing;
+    if (isSame) table->confirm(start);
+    const Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
+    if (start >= std::max(next, watched.readAfter)) return read(watched, print);
+    if (isSame) save(watched, start);
+  });
 }
 
 // Tells of tables that were there and are not any more. Their last images stay.
 void TableWatch::noteMissing(Clock::time_point start) {
-  const std::lock_guard lock(m_mutex);
-  for (const auto& [name, watched] : m_watched) {
-    if (watched->lastLook == start || watched->isMissing) continue;
-    watched->isMissing = true;
-    watched->readPrint.clear();
-    m_log.warning("table " + name + " is gone; its last rows go on answering");
-  }
+  m_state.with([&](State& state) {
+    for (auto& [name, watched] : state.watched) {
+      if (watched.lastLook == start || watched.isMissing) continue;
+      watched.isMissing = true;
+      watched.readPrint.clear();
+      m_log.warning("table " + name + " is gone; its last rows go on answering");
+    }
+  });
 }
 
-// Has the table read by a thread of the pool. Requires: m_mutex held.
-void TableWatch::read(const WatchedPointer& watched, const std::string& print) {
-  watched->isBusy = true;
-  boost::asio::post(*m_readers, [this, watched, print] {
+template <class Change>
+void TableWatch::note(const Table& table, Change change) {
+  m_state.with([&](State& state) { change(state.watched.at(table.sqlName())); });
+  m_wake.notify_all();
+}
+
+// Has the table read by a thread of the pool.
+void TableWatch::read(Watched& watched, const std::string& print) {
+  watched.isBusy = true;
+  boost::asio::post(*m_readers, [this, table = watched.table, print] {
     const Clock::time_point start = Clock::now();
     std::string why;
     try {
-      readNow(*watched, print, start);
+      readNow(*table, print, start);
     } catch (const std::exception& exception) {
       m_metrics.rebuildFailed();
       why = Tool::failureOf(exception, "reading").why();
     }
     const Clock::time_point end = Clock::now();
-    const std::lock_guard lock(m_mutex);
-    if (!why.empty() && !watched->isFailing) {
-      m_log.error("table " + watched->table->sqlName() + " cannot be read: " + why);
-    }
-    watched->isFailing = !why.empty();
-    // A table that changes all the time is not read all the time.
-    watched->readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
-    watched->isBusy = false;
-    m_wake.notify_all();
+    note(*table, [&](Watched& now) {
+      if (!why.empty() && !now.isFailing) {
+        m_log.error("table " + table->sqlName() + " cannot be read: " + why);
+      }
+      now.isFailing = !why.empty();
+      // A table that changes all the time is not read all the time.
+      now.readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
+      now.isBusy = false;
+    });
   });
 }
 
-void TableWatch::readNow(Watched& watched, const std::string& print, Clock::time_point start) {
-  Table& table = *watched.table;
+void TableWatch::readNow(Table& table, const std::string& print, Clock::time_point start) {
   const auto image =
       std::make_shared<const TableImage>(table.kind(), [&table](const TakeRow& take) {
         Database::Connection connection{std::string(Tool::s_database)};
@@ -239,7 +217,7 @@ void TableWatch::readNow(Watched& watched, const std::string& print, Clock::time
       });
   const Clock::duration took = Clock::now() - start;
   m_metrics.rebuilt(took);
-  report(watched, *image);
+  report(table, *image);
   const bool isFirst = table.generation() == 0;
   table.publish(image);
   table.confirm(start);
@@ -248,19 +226,20 @@ void TableWatch::readNow(Watched& watched, const std::string& print, Clock::time
   (m_log.*tell)("table " + table.sqlName() + ": " + std::to_string(image->rows().size()) +
                 " rows read in " +
                 std::to_string(std::chrono::duration_cast<milliseconds>(took).count()) + " ms");
-  const std::lock_guard lock(m_mutex);
-  watched.readPrint = print;
-  watched.readStart = start;
-  watched.readTime = took;
+  note(table, [&](Watched& watched) {
+    watched.readPrint = print;
+    watched.readStart = start;
+    watched.readTime = took;
+  });
 }
 
 // Tells of the rows that an image leaves out, when it is not as many as the last time.
-void TableWatch::report(const Watched& watched, const TableImage& image) {
+void TableWatch::report(const Table& table, const TableImage& image) {
   const LeftOutRows& leftOut = image.leftOut();
-  const ImagePointer old = watched.table->image();
+  const ImagePointer old = table.image();
   const std::size_t before = old == nullptr ? 0 : old->leftOut().count();
   if (leftOut.count() == before) return;
-  m_log.warning("table " + watched.table->sqlName() + ": " + std::to_string(leftOut.count()) +
+  m_log.warning("table " + table.sqlName() + ": " + std::to_string(leftOut.count()) +
                 " rows cannot be read and are left out; 'tsl-address-map check' names them");
   for (const LeftOutRows::Row& row : leftOut.first()) {
     m_log.debug("left out: " + row.name + ": " + row.why);
@@ -268,32 +247,31 @@ void TableWatch::report(const Watched& watched, const TableImage& image) {
 }
 
 // Has a snapshot written where the last one is of an older image; otherwise notes in it that it is
-// still right. Requires: m_mutex held.
-void TableWatch::save(const WatchedPointer& watched, Clock::time_point now) {
-  if (!m_snapshots.isWanted() || now < watched->saveAfter) return;
-  watched->saveAfter = now + s_saveInterval;
-  watched->isBusy = true;
-  boost::asio::post(*m_readers, [this, watched] {
-    const Table& table = *watched->table;
-    const std::uint64_t generation = table.generation();
+// still right.
+void TableWatch::save(Watched& watched, Clock::time_point now) {
+  if (!m_snapshots.isWanted() || now < watched.saveAfter) return;
+  watched.saveAfter = now + s_saveInterval;
+  watched.isBusy = true;
+  boost::asio::post(*m_readers, [this, table = watched.table, saved = watched.saved] {
+    const std::uint64_t generation = table->generation();
     std::string why;
     try {
-      if (watched->saved == generation) {
-        m_snapshots.confirm(table.sqlName());
+      if (saved == generation) {
+        m_snapshots.confirm(table->sqlName());
       } else {
-        m_snapshots.save(table.sqlName(), *table.image());
+        m_snapshots.save(table->sqlName(), *table->image());
       }
     } catch (const std::exception& exception) {
       why = exception.what();
     }
-    const std::lock_guard lock(m_mutex);
-    if (why.empty()) {
-      watched->saved = generation;
-    } else {
-      m_log.error("table " + table.sqlName() + ": no snapshot was written: " + why);
-    }
-    watched->isBusy = false;
-    m_wake.notify_all();
+    note(*table, [&](Watched& current) {
+      if (why.empty()) {
+        current.saved = generation;
+      } else {
+        m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
+      }
+      current.isBusy = false;
+    });
   });
 }
 

@@ -4,13 +4,15 @@
 #define TSL_TOOLS_SERVE_TABLEWATCH_H
 
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "base/Guarded.h"
 #include "serve/Log.h"
 #include "serve/Metrics.h"
 #include "serve/Settings.h"
@@ -48,19 +50,53 @@ class TableWatch {
   bool stop(std::chrono::milliseconds patience);
 
  private:
-  struct Watched;
   class Readers;
-  using WatchedPointer = std::shared_ptr<Watched>;
+
+  // What is known about one table. A print is what the server notes about it.
+  struct Watched {
+    explicit Watched(TablePointer watchedTable) : table(std::move(watchedTable)) {}
+
+    // The image was read from a table with this print.
+    [[nodiscard]] bool hasPrint(const std::string& print) const {
+      return table->generation() != 0 && readPrint == print;
+    }
+    // When the table is to be read again, the image having its print; `max` when there is no need.
+    [[nodiscard]] Clock::time_point nextRead() const;
+
+    TablePointer table;
+    std::string seen;             // The newest print.
+    Clock::time_point seenSince;  // When it was first seen.
+    bool isRecent = false;        // More may have changed in the second of the print.
+    Clock::time_point lastLook;   // When the table was last seen to be there.
+    bool isMissing = false;
+    bool isBusy = false;  // It is being read or saved.
+    bool isFailing = false;
+    std::string readPrint;        // Of the image.
+    Clock::time_point readStart;  // Of the image.
+    Clock::duration readTime{};   // What reading the image took.
+    Clock::time_point readAfter;  // Not again before.
+    std::uint64_t saved = 0;      // Generation of the snapshot.
+    Clock::time_point saveAfter;
+  };
+  struct State {
+    bool isStopping = false;
+    bool isReloading = false;
+    bool isRunning = false;
+    std::map<std::string, Watched> watched;  // By SQL name. Only grows.
+  };
 
   void run();
   void look(Clock::time_point start);
   void compare(const std::string& sqlName, const std::string& print, bool isLongAgo,
                Clock::time_point start);
   void noteMissing(Clock::time_point start);
-  void read(const WatchedPointer& watched, const std::string& print);
-  void readNow(Watched& watched, const std::string& print, Clock::time_point start);
-  void report(const Watched& watched, const TableImage& image);
-  void save(const WatchedPointer& watched, Clock::time_point now);
+  void read(Watched& watched, const std::string& print);
+  void readNow(Table& table, const std::string& print, Clock::time_point start);
+  void report(const Table& table, const TableImage& image);
+  void save(Watched& watched, Clock::time_point now);
+  // Changes what is known of `table`, and tells those who wait.
+  template <class Change>
+  void note(const Table& table, Change change);
   void fail(const std::string& why);
   void loadSnapshots();
 
@@ -71,12 +107,8 @@ class TableWatch {
   SnapshotFolder m_snapshots;
   std::unique_ptr<Readers> m_readers;
 
-  std::mutex m_mutex;  // Guards what follows, and what `Watched` says.
-  std::condition_variable m_wake;
-  bool m_isStopping = false;
-  bool m_isReloading = false;
-  bool m_isRunning = false;
-  std::map<std::string, WatchedPointer> m_watched;  // By SQL name.
+  Guarded<State> m_state;
+  std::condition_variable_any m_wake;
 
   // Of the watching thread alone.
   std::unique_ptr<Database::Connection> m_connection;

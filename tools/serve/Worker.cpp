@@ -77,10 +77,7 @@ bool Worker::isAlive() {
 
 // Has the thread run `task`.
 void Worker::post(std::function<void()> task) {
-  {
-    const std::lock_guard lock(m_mutex);
-    m_tasks.push_back(std::move(task));
-  }
+  m_tasks.with([&](auto& tasks) { tasks.push_back(std::move(task)); });
   // Fails only when so many wake-ups are waiting that one more makes no difference.
   const std::uint64_t one = 1;
   static_cast<void>(!write(m_wakeUp.number(), &one, sizeof(one)));
@@ -89,11 +86,7 @@ void Worker::post(std::function<void()> task) {
 void Worker::runTasks() {
   std::uint64_t count = 0;
   static_cast<void>(!read(m_wakeUp.number(), &count, sizeof(count)));
-  std::vector<std::function<void()>> tasks;
-  {
-    const std::lock_guard lock(m_mutex);
-    tasks.swap(m_tasks);
-  }
+  const auto tasks = m_tasks.with([](auto& waiting) { return std::exchange(waiting, {}); });
   for (const std::function<void()>& task : tasks) task();
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <list>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -72,8 +71,7 @@ class Worker {
   bool m_isEnding = false;
   std::atomic<std::size_t> m_count = 0;
   std::atomic<bool> m_isAsked = false;
-  std::mutex m_mutex;
-  std::vector<std::function<void()>> m_tasks;  // Guarded by m_mutex.
+  Guarded<std::vector<std::function<void()>>> m_tasks;
   std::thread m_thread;
 };
 
