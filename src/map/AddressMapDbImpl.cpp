@@ -1,11 +1,6 @@
 // The registry of tables.
 #include "map/AddressMapDbImpl.h"
 
-#include <memory>
-
-#include <boost/thread/lock_types.hpp>
-#include <boost/thread/locks.hpp>
-
 #include "base/Exception.h"
 #include "map/AddressAliasDbImpl.h"
 #include "map/AddressMaskDbImpl.h"
@@ -14,22 +9,12 @@ namespace Tessel {
 
 namespace {
 
-// Finds `name` in `tables`, or puts the table there that `create` makes. `line` and `detail`
+// The table that `create` makes, which `tables` holds as `name` from then on. `line` and `detail`
 // describe the failure when it makes none.
 template <class Handle, class Create>
-Handle s_findOrCreate(boost::shared_mutex& mutex, std::map<std::string, Handle>& tables,
-                      const std::string& name, Create create, int line, const char* detail) {
-  {
-    const boost::shared_lock<boost::shared_mutex> lock(mutex);
-    const auto found = tables.find(name);
-    if (found != tables.end()) return found->second;
-  }
-  const boost::unique_lock<boost::shared_mutex> lock(mutex);
-  // Another thread may have made the table while no lock was held.
-  const auto found = tables.find(name);
-  if (found != tables.end()) return found->second;
-
-  auto* const table = create(name);
+Handle s_add(std::map<std::string, Handle>& tables, const std::string& name, Create create,
+             int line, const char* detail) {
+  auto* const table = create();
   if (table == nullptr) {
     // Deliberate: the context is the constructor's, not the lookup's. Pinned by
     // AddressMapDb.ATableThatCannotBeCreatedIsReportedWithTheConstructorsContext.
@@ -46,17 +31,31 @@ AddressMapDbImpl::AddressMapDbImpl() = default;
 AddressMapDbImpl::~AddressMapDbImpl() = default;
 
 AddressMaskDb AddressMapDbImpl::maskDb(const std::string& name) {
-  return s_findOrCreate(
-      m_maskDbsMutex, m_maskDbs, name,
-      [this](const std::string& table) { return createMaskDbImpl(table); }, 77,
-      "Could not create MaskDb");
+  {
+    const SharedHold hold(m_maskDbsMutex);
+    const auto found = m_maskDbs.find(name);
+    if (found != m_maskDbs.end()) return found->second;
+  }
+  const ExclusiveHold hold(m_maskDbsMutex);
+  // Another thread may have made the table while no lock was held.
+  const auto found = m_maskDbs.find(name);
+  if (found != m_maskDbs.end()) return found->second;
+  return s_add(
+      m_maskDbs, name, [&] { return createMaskDbImpl(name); }, 77, "Could not create MaskDb");
 }
 
 AddressAliasDb AddressMapDbImpl::aliasDb(const std::string& name) {
-  return s_findOrCreate(
-      m_aliasDbsMutex, m_aliasDbs, name,
-      [this](const std::string& table) { return createAliasDbImpl(table); }, 114,
-      "Could not create AliasDb");
+  {
+    const SharedHold hold(m_aliasDbsMutex);
+    const auto found = m_aliasDbs.find(name);
+    if (found != m_aliasDbs.end()) return found->second;
+  }
+  const ExclusiveHold hold(m_aliasDbsMutex);
+  // As above.
+  const auto found = m_aliasDbs.find(name);
+  if (found != m_aliasDbs.end()) return found->second;
+  return s_add(
+      m_aliasDbs, name, [&] { return createAliasDbImpl(name); }, 114, "Could not create AliasDb");
 }
 
 AddressAliasDbImpl::AddressAliasDbImpl() = default;

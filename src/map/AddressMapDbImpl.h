@@ -11,6 +11,7 @@
 #include "AddressMaskDb.h"
 #include "TslRefcounted.h"
 #include "base/Export.h"
+#include "core/SharedMutexHold.h"
 
 namespace Tessel {
 
@@ -40,10 +41,11 @@ class TSL_EXPORT AddressMapDbImpl : public virtual RefImpl {
   AddressAliasDb aliasDb(const std::string& name);
 
  private:
+  // Both maps only grow.
   boost::shared_mutex m_maskDbsMutex;
-  std::map<std::string, AddressMaskDb> m_maskDbs;  // Guarded by m_maskDbsMutex. Only grows.
+  std::map<std::string, AddressMaskDb> m_maskDbs TSL_GUARDED_BY(lockIn(m_maskDbsMutex));
   boost::shared_mutex m_aliasDbsMutex;
-  std::map<std::string, AddressAliasDb> m_aliasDbs;  // Guarded by m_aliasDbsMutex. Only grows.
+  std::map<std::string, AddressAliasDb> m_aliasDbs TSL_GUARDED_BY(lockIn(m_aliasDbsMutex));
 };
 
 }  // namespace Tessel

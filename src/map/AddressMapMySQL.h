@@ -53,7 +53,7 @@ class TSL_EXPORT AddressMapDbMySQL : public AddressMapDbImpl {
  private:
   Mutex m_mutex;
   std::string m_databaseName;
-  Database::Connection m_connection;
+  Database::Connection m_connection TSL_GUARDED_BY(m_mutex);
   bool m_preload;
 };
 

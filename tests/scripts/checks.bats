@@ -169,7 +169,7 @@ fails() {
 # A build tree's compile commands for one source.
 compile_commands() {
   mkdir -p build/release
-  printf '[\n{\n  "directory": "%s",\n  "command": "/usr/bin/c++ -Iplatform -std=c++20 -o x.o -c %s/%s",\n  "file": "%s/%s"\n}\n]\n' \
+  printf '[\n{\n  "directory": "%s",\n  "command": "/usr/bin/c++ -Iinclude2 -Isrc -Iplatform -std=c++20 -o x.o -c %s/%s",\n  "file": "%s/%s"\n}\n]\n' \
     "$tree" "$tree" "$1" "$tree" "$1" >build/release/compile_commands.json
 }
 
@@ -200,6 +200,25 @@ END
   guarded_source "" "" >platform/base/Guarded.cpp
   compile_commands platform/base/Guarded.cpp
   fails check-thread-safety "the analysis of locks fails: platform/base/Guarded.cpp"
+}
+
+# drops_a_lock SOURCE FILE LINE: the project's own SOURCE passes, and fails when LINE of FILE is gone.
+drops_a_lock() {
+  cp -r "$TSL_SOURCE"/{include2,src,platform} .
+  compile_commands "$1"
+  passes check-thread-safety
+  [ "$(grep -cF "$3" "$2")" -gt 0 ]
+  grep -vF "$3" "$2" >changed
+  cp changed "$2"
+  fails check-thread-safety "the analysis of locks fails: $1"
+}
+
+@test "check-thread-safety finds a lock that is missing in the registry of tables" {
+  drops_a_lock src/map/AddressMapDbImpl.cpp src/map/AddressMapDbImpl.cpp "SharedHold hold(m_aliasDbsMutex);"
+}
+
+@test "check-thread-safety finds that a guarded value is reached without its lock" {
+  drops_a_lock platform/base/Logger.cpp platform/base/Guarded.h "const Hold hold(m_lock);"
 }
 
 @test "check-thread-safety does not pass without a build tree" {
