@@ -96,6 +96,7 @@ TablePointer Tables::add(const std::string& sqlName) {
 std::vector<TablePointer> Tables::all() const {
   return m_tables.with([](const auto& tables) {
     std::vector<TablePointer> all;
+    all.reserve(tables.size());
     for (const auto& [name, table] : tables) all.push_back(table);
     return all;
   });
