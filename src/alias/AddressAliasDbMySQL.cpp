@@ -80,6 +80,10 @@ AddressAliasDbMySQL::AddressAliasDbMySQL(AddressMapDbMySQL& mapDb, bool preload,
 
 AddressAliasDbMySQL::~AddressAliasDbMySQL() = default;
 
+void AddressAliasDbMySQL::execute(Database::Query& query) const {
+  query.execute();
+}
+
 // Runs the statement that `writeStatement` writes and hands its rows to `consume`, under the mutex.
 template <class WriteStatement, class Consume>
 void AddressAliasDbMySQL::select(WriteStatement writeStatement, Consume consume) const {
@@ -88,7 +92,7 @@ void AddressAliasDbMySQL::select(WriteStatement writeStatement, Consume consume)
   Database::Query query(m_mapDb.connection(), &parser, true);
   const Synchronized lock(*m_mutex);
   writeStatement(query);
-  query.execute();
+  execute(query);
   consume(rows.rows());
 }
 
@@ -207,7 +211,7 @@ void AddressAliasDbMySQL::queryFindMembers(const EmailAddress& alias, Members& m
   Database::Query query(m_mapDb.connection(), &parser, true);
   query << "select * from " << m_table << " where name='" << emailAddressEscapedWrite(alias)
         << "';";
-  query.execute();
+  execute(query);
   for (const auto& row : rows.rows()) {
     const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
     // The collation of the table may find more than EmailAddress calls equal.
@@ -241,7 +245,7 @@ void AddressAliasDbMySQL::streamEntries(Cache& cache) {
   Database::Query query(m_mapDb.connection(), &parser, true);
   const Synchronized lock(*m_mutex);
   query << "select * from " << m_table << ";";
-  query.execute();
+  execute(query);
   m_entries = count;
 }
 
@@ -252,21 +256,21 @@ void AddressAliasDbMySQL::queryAdd(const EmailAddress& alias, const Members& mem
         << emailAddressEscapedWrite(alias) << "','";
   writeMemberSet(members, query);
   query << "') on duplicate key update members=values( members );";
-  query.execute();
+  execute(query);
 }
 
 void AddressAliasDbMySQL::queryDelete(const EmailAddress& alias) {
   Database::Query query(m_mapDb.connection(), nullptr, true);
   const Synchronized lock(*m_mutex);
   query << "delete from " << m_table << " where name ='" << emailAddressEscapedWrite(alias) << "';";
-  query.execute();
+  execute(query);
 }
 
 void AddressAliasDbMySQL::queryDelete(const std::string& domain) {
   Database::Query query(m_mapDb.connection(), nullptr, true);
   const Synchronized lock(*m_mutex);
   query << "delete from " << m_table << " where name like'%@" << domain << "';";
-  query.execute();
+  execute(query);
 }
 
 void AddressAliasDbMySQL::writeMemberSet(const Members& members, std::ostream& stream) {

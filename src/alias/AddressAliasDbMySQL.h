@@ -17,6 +17,10 @@
 
 namespace Tessel {
 
+namespace Database {
+class Query;
+}
+
 class AddressMapDbMySQL;
 
 // An alias table: rows of an alias address (`name`) and its members (`members`, one text), with a
@@ -94,6 +98,8 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   void streamEntries(Cache& cache);
   [[nodiscard]] std::optional<Members> expandCached(const EmailAddress& address) const;
   [[nodiscard]] Members expandUncached(const EmailAddress& address, std::uint64_t changes) const;
+  // Sends the statement, as every operation does.
+  void execute(Database::Query& query) const TSL_REQUIRES(*m_mutex);
   template <class WriteStatement, class Consume>
   void select(WriteStatement writeStatement, Consume consume) const;
 

@@ -40,6 +40,10 @@ AddressMaskDbMySQL::AddressMaskDbMySQL(AddressMapDbMySQL& mapDb, bool preload,
 
 AddressMaskDbMySQL::~AddressMaskDbMySQL() = default;
 
+void AddressMaskDbMySQL::execute(Database::Query& query) const {
+  query.execute();
+}
+
 // Runs the statement that `writeStatement` writes and hands its rows to `consume`, under the mutex.
 template <class WriteStatement, class Consume>
 void AddressMaskDbMySQL::select(WriteStatement writeStatement, Consume consume) const {
@@ -48,7 +52,7 @@ void AddressMaskDbMySQL::select(WriteStatement writeStatement, Consume consume) 
   Database::Query query(m_mapDb.connection(), &parser, true);
   const Synchronized lock(*m_mutex);
   writeStatement(query);
-  query.execute();
+  execute(query);
   consume(rows.rows());
 }
 
@@ -197,7 +201,7 @@ void AddressMaskDbMySQL::queryAdd(const EmailAddress& privateAddress,
   query << "insert into " << m_table << " (private, public ) values( '" << privateAddress.address()
         << "','" << publicAddress.address() << "' ) "
         << "on duplicate key update public=values( public );";
-  query.execute();
+  execute(query);
 }
 
 void AddressMaskDbMySQL::queryDelete(const EmailAddress& privateAddress,
@@ -206,14 +210,14 @@ void AddressMaskDbMySQL::queryDelete(const EmailAddress& privateAddress,
   const Synchronized lock(*m_mutex);
   query << "delete from " << m_table << " where private='" << privateAddress.address()
         << "' and public='" << publicAddress.address() << "';";
-  query.execute();
+  execute(query);
 }
 
 void AddressMaskDbMySQL::queryDelete(const std::string& domain) {
   Database::Query query(m_mapDb.connection(), nullptr, true);
   const Synchronized lock(*m_mutex);
   query << "delete from " << m_table << " where private like '%@" << domain << "';";
-  query.execute();
+  execute(query);
 }
 
 void AddressMaskDbMySQL::queryEntries(Cache& cache) {

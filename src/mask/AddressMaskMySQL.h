@@ -15,6 +15,10 @@
 
 namespace Tessel {
 
+namespace Database {
+class Query;
+}
+
 class AddressMapDbMySQL;
 
 // An address-mask table: pairs of a private address and the public one shown in its place, with a
@@ -73,6 +77,8 @@ class AddressMaskDbMySQL : public AddressMaskDbImpl {
   [[nodiscard]] std::optional<EmailAddress> lookInCache(Look look, bool& complete) const;
   [[nodiscard]] EmailAddress findPublic(const EmailAddress& address) const;
   [[nodiscard]] EmailAddress findPrivate(const EmailAddress& address) const;
+  // Sends the statement, as every operation does.
+  void execute(Database::Query& query) const TSL_REQUIRES(*m_mutex);
   template <class WriteStatement, class Consume>
   void select(WriteStatement writeStatement, Consume consume) const;
 

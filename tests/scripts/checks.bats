@@ -217,6 +217,10 @@ drops_a_lock() {
   drops_a_lock src/map/AddressMapDbImpl.cpp src/map/AddressMapDbImpl.cpp "SharedHold hold(m_aliasDbsMutex);"
 }
 
+@test "check-thread-safety finds a statement that is sent without the mutex of the connection" {
+  drops_a_lock src/alias/AddressAliasDbMySQL.cpp src/alias/AddressAliasDbMySQL.cpp "const Synchronized lock(*m_mutex);"
+}
+
 @test "check-thread-safety finds that a guarded value is reached without its lock" {
   drops_a_lock platform/base/Logger.cpp platform/base/Guarded.h "const Hold hold(m_lock);"
 }
