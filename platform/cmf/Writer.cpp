@@ -48,6 +48,11 @@ void s_checkUser(const std::string& user) {
   s_checkName(user, s_maxUserName, true, "User name");
 }
 
+// True when a table may have so many rows: readers refuse any other count.
+bool s_isCount(std::int64_t count) {
+  return count >= 0 && count <= std::numeric_limits<std::int32_t>::max();
+}
+
 }  // namespace
 
 // The open transaction and what it knows of the domains it touched.
@@ -204,6 +209,8 @@ void Writer::Transaction::commit() {
   checkOpen();
   for (const auto& [name, known] : m_domains) {
     if (!known.changed) continue;
+    // More users were removed than the table said that it has.
+    if (!s_isCount(known.users)) giveUp(MDB_CORRUPTED);
     store(Key(known.id, s_mailUserTable), TableRecord{known.users, sizeof(__aps_mail_user), 0});
   }
   store(Key(s_commonGroup, s_metaTable), m_meta);
@@ -248,7 +255,10 @@ Writer::Transaction::KnownDomain* Writer::Transaction::findDomain(const std::str
   const std::uint32_t id = server->domainId;
   const auto* table = static_cast<const TableRecord*>(
       m_environment->get(transaction, Key(id, s_mailUserTable), sizeof(TableRecord)));
-  if (table == nullptr || table->recordSize != sizeof(__aps_mail_user)) giveUp(MDB_CORRUPTED);
+  if (table == nullptr || table->recordSize != sizeof(__aps_mail_user) ||
+      !s_isCount(table->count)) {
+    giveUp(MDB_CORRUPTED);
+  }
   return &(m_domains[folded] = {id, table->count, false});
 }
 

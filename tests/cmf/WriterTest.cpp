@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,7 +18,17 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class WriterTest : public ConfigurationTest {};
+class WriterTest : public ConfigurationTest {
+ protected:
+  // Stores the record of the mail-user table of a domain behind the library's back.
+  void putTable(std::uint32_t domainId, const TableRecord& table) {
+    putRaw(path(), text(Key(domainId, s_mailUserTable)),
+           std::string(reinterpret_cast<const char*>(&table), sizeof(table)));
+  }
+  void putCount(std::uint32_t domainId, std::int64_t count) {
+    putTable(domainId, {count, sizeof(__aps_mail_user), 0});
+  }
+};
 
 using UserResult = Writer::UserResult;
 
@@ -315,12 +326,45 @@ TEST_F(WriterTest, ADamagedTableIsAFailureOfTheWriter) {
     EXPECT_THAT(failureOf([&] { writer.addUser("example.com", "bob", MailUserShared); }),
                 HasSubstr("damaged"));
   }
-  const TableRecord other{1, 8, 0};
-  putRaw(path(), text(Key(id, s_mailUserTable)),
-         std::string(reinterpret_cast<const char*>(&other), sizeof(other)));
+  putTable(id, {1, 8, 0});
   Writer writer;
   EXPECT_THAT(failureOf([&] { writer.addUser("example.com", "bob", MailUserShared); }),
               HasSubstr("damaged"));
+}
+
+// Users are counted from there: the largest and the least number would overflow.
+TEST_F(WriterTest, ATableWithAnImpossibleCountIsAFailureOfTheWriter) {
+  const std::uint32_t id = addDomain("example.com", {"bob"});
+  for (const std::int64_t count :
+       {std::int64_t{-1}, std::int64_t{1} << 31U, std::numeric_limits<std::int64_t>::max(),
+        std::numeric_limits<std::int64_t>::min()}) {
+    putCount(id, count);
+    const auto failure = [](const auto& change) {
+      return failureOf([&] {
+        Writer writer;
+        change(writer);
+      });
+    };
+    EXPECT_THAT(failure([](Writer& w) { w.addUser("example.com", "ann", MailUserMailbox); }),
+                HasSubstr("damaged"))
+        << count;
+    EXPECT_THAT(failure([](Writer& w) { w.removeUser("example.com", "bob"); }),
+                HasSubstr("damaged"))
+        << count;
+  }
+}
+
+TEST_F(WriterTest, MoreUsersThanTheCountSaysCannotBeRemoved) {
+  const std::uint32_t id = addDomain("example.com", {"ann", "bob"});
+  putCount(id, 1);
+  {
+    Writer writer;
+    EXPECT_TRUE(writer.removeUser("example.com", "ann"));
+    EXPECT_TRUE(writer.removeUser("example.com", "bob"));
+    EXPECT_THAT(failureOf([&] { writer.commit(); }), HasSubstr("damaged"));
+  }
+  // Nothing was stored: the one user that the table says it has is the first.
+  EXPECT_THAT(usersOf("example.com"), ElementsAre("ann"));
 }
 
 }  // namespace
