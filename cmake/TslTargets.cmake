@@ -24,7 +24,11 @@ target_compile_options(
     # Calls between libraries without the detour over the PLT, within one directly.
     -fno-plt
     $<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
-target_link_options(tsl_build_settings INTERFACE -Wl,--no-undefined -Wl,-z,relro,-z,now)
+target_link_options(tsl_build_settings INTERFACE -Wl,-z,relro,-z,now)
+if(NOT TSL_BUILD_FUZZ)
+  # Clang's sanitizers leave it to the program to bring what instrumented libraries call.
+  target_link_options(tsl_build_settings INTERFACE -Wl,--no-undefined)
+endif()
 if(TSL_SANITIZE)
   target_compile_options(tsl_build_settings INTERFACE -fsanitize=${TSL_SANITIZE}
                                                       -fno-sanitize-recover=all)

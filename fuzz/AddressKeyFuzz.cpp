@@ -1,25 +1,21 @@
 // Fuzz target of the address keys: any text has a key or none, the case of ASCII letters never
-// matters, the key of a key is the key, and keys are clean UTF-8. Aborts on a violation.
+// matters, the key of a key is the key, and keys are clean UTF-8.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/Fuzz.h"
 #include "serve/AddressKey.h"
 
+using Tessel::Fuzz::asText;
+using Tessel::Fuzz::hasControls;
+using Tessel::Fuzz::require;
 using Tessel::Serve::addressKey;
 using Tessel::Serve::domainKey;
 using Tessel::Serve::splitAddress;
 
 namespace {
-
-void s_require(bool holds, const char* what, const std::string& text) {
-  if (holds) return;
-  std::fprintf(stderr, "violated: %s, for \"%s\"\n", what, text.c_str());
-  std::abort();
-}
 
 char s_otherCase(char c) {
   const bool isLetter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -32,59 +28,52 @@ std::string s_otherCase(std::string_view text) {
   return other;
 }
 
-bool s_hasControls(std::string_view text) {
-  for (const char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return true;
-  }
-  return false;
-}
-
 void s_checkDomain(std::string_view text) {
   std::string key;
   std::string again = "left over from before";
   const bool isDomain = domainKey(text, key);
-  s_require(domainKey(s_otherCase(text), again) == isDomain, "case and being a domain", key);
+  require(domainKey(s_otherCase(text), again) == isDomain, "case and being a domain", key);
   if (!isDomain) return;
-  s_require(again == key, "case of a domain", key);
+  require(again == key, "case of a domain", key);
   for (const char c : key) {
-    s_require(c > 0x20 && c < 0x7f && c != '@' && (c < 'A' || c > 'Z'), "clean domain", key);
+    require(c > 0x20 && c < 0x7f && c != '@' && (c < 'A' || c > 'Z'), "clean domain", key);
   }
   // Punycode may be longer than the limit of texts.
   if (key.size() > 255) return;
-  s_require(domainKey(key, again) && again == key, "key of the key of a domain", key);
+  require(domainKey(key, again) && again == key, "key of the key of a domain", key);
 }
 
 void s_checkAddress(std::string_view text) {
   std::string key;
   std::string again = "left over from before";
   const bool isAddress = addressKey(text, key);
-  s_require(addressKey(s_otherCase(text), again) == isAddress, "case and being an address", key);
+  require(addressKey(s_otherCase(text), again) == isAddress, "case and being an address", key);
   std::string_view local;
   std::string_view domain;
   if (!isAddress) return;
-  s_require(again == key, "case of an address", key);
-  s_require(!s_hasControls(key), "clean key", key);
-  s_require(splitAddress(text, local, domain), "an address has parts", key);
+  require(again == key, "case of an address", key);
+  require(!hasControls(key), "clean key", key);
+  require(splitAddress(text, local, domain), "an address has parts", key);
   std::string domainPart;
-  s_require(domainKey(domain, domainPart), "the domain of an address is one", key);
-  s_require(key.size() > domainPart.size() + 1 && key.ends_with("@" + domainPart),
-            "the key ends with the key of the domain", key);
+  require(domainKey(domain, domainPart), "the domain of an address is one", key);
+  require(key.size() > domainPart.size() + 1 && key.ends_with("@" + domainPart),
+          "the key ends with the key of the domain", key);
   // What was in quotes, or became longer, is not always an address again.
   if (key.front() == '"' || !splitAddress(key, local, domain)) return;
   if (local.size() > 64 || key.size() > 254) return;
-  s_require(addressKey(key, again) && again == key, "key of the key of an address", key);
+  require(addressKey(key, again) && again == key, "key of the key of an address", key);
   if (local.find('\\') != std::string_view::npos || local.find('"') != std::string_view::npos) {
     return;
   }
   if (local.size() > 62 || key.size() > 252) return;
   const std::string quoted = "\"" + std::string(local) + "\"@" + std::string(domain);
-  s_require(addressKey(quoted, again) && again == key, "quotes do not matter", key);
+  require(addressKey(quoted, again) && again == key, "quotes do not matter", key);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const std::string_view text = asText(data, size);
   s_checkAddress(text);
   s_checkDomain(text);
   return 0;
