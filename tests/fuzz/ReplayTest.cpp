@@ -23,7 +23,9 @@ using Target = int (*)(const std::uint8_t* data, std::size_t size);
 
 extern "C" int testAddressKeyFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testEmailAddressFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testMembersFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testNetstringFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testTableFileFuzz(const std::uint8_t* data, std::size_t size);
 
 namespace Tessel::Fuzz {
 namespace {
@@ -47,7 +49,9 @@ void PrintTo(const Replay& replay, std::ostream* stream) {
 constexpr Replay s_replays[] = {
     {"AddressKey", testAddressKeyFuzz, "address-key", 40, 20000},
     {"EmailAddress", testEmailAddressFuzz, "email-address", 30, 8000},
+    {"Members", testMembersFuzz, "members", 20, 6000},
     {"Netstring", testNetstringFuzz, "netstring", 20, 20000},
+    {"TableFile", testTableFileFuzz, "table-file", 15, 3000},
 };
 
 Inputs s_kept(const std::string& corpus) {
