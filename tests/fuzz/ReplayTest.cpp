@@ -25,6 +25,7 @@ extern "C" int testAddressKeyFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testEmailAddressFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testMembersFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testNetstringFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testOptionFileFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testRowFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testTableFileFuzz(const std::uint8_t* data, std::size_t size);
 
@@ -52,6 +53,7 @@ constexpr Replay s_replays[] = {
     {"EmailAddress", testEmailAddressFuzz, "email-address", 30, 8000},
     {"Members", testMembersFuzz, "members", 20, 6000},
     {"Netstring", testNetstringFuzz, "netstring", 20, 20000},
+    {"OptionFile", testOptionFileFuzz, "option-file", 15, 2000},
     {"Row", testRowFuzz, "row", 15, 3000},
     {"TableFile", testTableFileFuzz, "table-file", 15, 3000},
 };
