@@ -22,6 +22,7 @@
 using Target = int (*)(const std::uint8_t* data, std::size_t size);
 
 extern "C" int testAddressKeyFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testConfigurationFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testEmailAddressFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testMembersFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testNetstringFuzz(const std::uint8_t* data, std::size_t size);
@@ -50,6 +51,7 @@ void PrintTo(const Replay& replay, std::ostream* stream) {
 
 constexpr Replay s_replays[] = {
     {"AddressKey", testAddressKeyFuzz, "address-key", 40, 20000},
+    {"Configuration", testConfigurationFuzz, "configuration", 40, 600},
     {"EmailAddress", testEmailAddressFuzz, "email-address", 30, 8000},
     {"Members", testMembersFuzz, "members", 20, 6000},
     {"Netstring", testNetstringFuzz, "netstring", 20, 20000},
