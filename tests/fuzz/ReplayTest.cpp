@@ -51,13 +51,13 @@ void PrintTo(const Replay& replay, std::ostream* stream) {
 
 constexpr Replay s_replays[] = {
     {"AddressKey", testAddressKeyFuzz, "address-key", 40, 20000},
-    {"Configuration", testConfigurationFuzz, "configuration", 40, 600},
-    {"EmailAddress", testEmailAddressFuzz, "email-address", 30, 8000},
-    {"Members", testMembersFuzz, "members", 20, 6000},
+    {"Configuration", testConfigurationFuzz, "configuration", 75, 600},
+    {"EmailAddress", testEmailAddressFuzz, "email-address", 70, 8000},
+    {"Members", testMembersFuzz, "members", 60, 6000},
     {"Netstring", testNetstringFuzz, "netstring", 20, 20000},
-    {"OptionFile", testOptionFileFuzz, "option-file", 15, 2000},
-    {"Row", testRowFuzz, "row", 15, 3000},
-    {"TableFile", testTableFileFuzz, "table-file", 15, 3000},
+    {"OptionFile", testOptionFileFuzz, "option-file", 25, 2000},
+    {"Row", testRowFuzz, "row", 55, 3000},
+    {"TableFile", testTableFileFuzz, "table-file", 55, 3000},
 };
 
 Inputs s_kept(const std::string& corpus) {
