@@ -137,10 +137,11 @@ class Ref {
     if (m_wrapper == nullptr) throw Exception("operator->", 1, "TslRefcounted", 359);
     return m_wrapper->body();
   }
-  // The body, which must not be null. Throws Exception, code 1, when the handle has no wrapper.
-  T& operator*() const {
+  // As operator->. Deliberate: a pointer, because the body may be null and a reference may not.
+  // Pinned by Ref.CopyingAHandleWithANullBodyDoesNotThrow.
+  T* operator*() const {
     if (m_wrapper == nullptr) throw Exception("operator*", 1, "TslRefcounted", 386);
-    return *m_wrapper->body();
+    return m_wrapper->body();
   }
 
   // True when the handle has no wrapper or a wrapper without a body.

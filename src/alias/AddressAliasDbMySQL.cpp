@@ -143,7 +143,7 @@ void AddressAliasDbMySQL::getAliasNames(std::set<EmailAddress>& names) const {
   select([this](std::ostream& query) { query << "select name, members from " << m_table << ";"; },
          [&names](const auto& rows) {
            for (const auto& row : rows) {
-             names.insert(static_cast<const AddressAliasRow&>(*row).alias());
+             names.insert(static_cast<const AddressAliasRow&>(**row).alias());
            }
          });
 }
@@ -213,7 +213,7 @@ void AddressAliasDbMySQL::queryFindMembers(const EmailAddress& alias, Members& m
         << "';";
   execute(query);
   for (const auto& row : rows.rows()) {
-    const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
+    const auto& aliasRow = static_cast<const AddressAliasRow&>(**row);
     // The collation of the table may find more than EmailAddress calls equal.
     if (!(aliasRow.alias() == alias)) continue;
     members = aliasRow.members();
@@ -226,7 +226,7 @@ void AddressAliasDbMySQL::queryEntries(Cache& cache) {
   select([this](std::ostream& query) { query << "select * from " << m_table << ";"; },
          [this, &cache](const auto& rows) {
            for (const auto& row : rows) {
-             const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
+             const auto& aliasRow = static_cast<const AddressAliasRow&>(**row);
              cache.add(aliasRow.alias(), aliasRow.members());
            }
            m_entries = static_cast<std::uint32_t>(rows.size());

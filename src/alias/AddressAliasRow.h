@@ -38,7 +38,7 @@ class AdapterAliasRowToEntryContainer {
       : m_entries(entries) {}
 
   void operator()(const Ref<Database::RowImpl>& row) const {
-    const auto& aliasRow = static_cast<const AddressAliasRow&>(*row);
+    const auto& aliasRow = static_cast<const AddressAliasRow&>(**row);
     m_entries[aliasRow.alias()] = aliasRow.members();
   }
 

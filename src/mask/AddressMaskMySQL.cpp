@@ -24,7 +24,7 @@ constexpr unsigned int s_cacheCapacity = 1024;
 using Rows = std::list<Ref<Database::RowImpl>>;
 
 const Database::AddressMaskRow& s_maskRow(const Ref<Database::RowImpl>& row) {
-  return static_cast<const Database::AddressMaskRow&>(*row);
+  return static_cast<const Database::AddressMaskRow&>(**row);
 }
 
 }  // namespace

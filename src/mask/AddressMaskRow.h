@@ -42,7 +42,7 @@ class AdapterMaskRowToEntryContainer {
       : m_entries(entries) {}
 
   void operator()(const Ref<Database::RowImpl>& row) const {
-    const auto& maskRow = static_cast<const Database::AddressMaskRow&>(*row);
+    const auto& maskRow = static_cast<const Database::AddressMaskRow&>(**row);
     m_entries[maskRow.privateAddress()] = maskRow.publicAddress();
   }
 
@@ -59,7 +59,7 @@ class AdapterMaskRowToWildCardContainer {
       : m_domains(domains) {}
 
   void operator()(const Ref<Database::RowImpl>& row) const {
-    const auto& maskRow = static_cast<const Database::AddressMaskRow&>(*row);
+    const auto& maskRow = static_cast<const Database::AddressMaskRow&>(**row);
     m_domains[maskRow.privateAddress().domain()] = maskRow.publicAddress().domain();
   }
 

@@ -147,6 +147,7 @@ TEST(Ref, CopiesShareTheBody) {
     const Ref<DirectBody> first(new DirectBody(destroyed));
     const Ref<DirectBody> second(first);
     EXPECT_EQ(first.operator->(), second.operator->());
+    EXPECT_EQ(*first, first.operator->());
     EXPECT_FALSE(first.isNull());
   }
   EXPECT_EQ(destroyed, 1);
@@ -171,6 +172,7 @@ TEST(Ref, CopyingAHandleWithANullBodyDoesNotThrow) {
   const Ref<DirectBody> source(nullptr);
   const Ref<DirectBody> copy(source);
   EXPECT_EQ(copy.operator->(), nullptr);
+  EXPECT_EQ(*copy, nullptr);
   EXPECT_TRUE(copy.isNull());
 }
 

@@ -26,8 +26,8 @@ TEST(RowContainer, RowsKeepTheirOrderAndLiveAsLongAsTheContainer) {
     container.add(Ref<RowImpl>(first));
     container.add(Ref<RowImpl>(second));
     ASSERT_EQ(container.rows().size(), 2U);
-    EXPECT_EQ(&*container.rows().front(), first);
-    EXPECT_EQ(&*container.rows().back(), second);
+    EXPECT_EQ(*container.rows().front(), first);
+    EXPECT_EQ(*container.rows().back(), second);
     EXPECT_EQ(destroyed, 0);
   }
   EXPECT_EQ(destroyed, 2);

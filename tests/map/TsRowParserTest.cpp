@@ -38,7 +38,7 @@ class TsRowParserOnServer : public Testing::MapDatabase {
     query.execute();
     std::vector<std::string> found;
     for (const auto& row : rows.rows()) {
-      found.push_back(static_cast<const TextRow&>(*row).m_text);
+      found.push_back(static_cast<const TextRow&>(**row).m_text);
     }
     return found;
   }
