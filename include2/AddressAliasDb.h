@@ -23,8 +23,6 @@ class TSL_EXPORT AddressAliasDb {
  public:
   // A handle without a table: only copying, assigning and destroying it are allowed.
   AddressAliasDb();
-  // Takes over the caller's reference to `table`, also when it throws std::bad_alloc.
-  explicit AddressAliasDb(AddressAliasDbImpl* table);
   AddressAliasDb(const AddressAliasDb& other);
   AddressAliasDb& operator=(const AddressAliasDb& other);
   virtual ~AddressAliasDb();
@@ -49,6 +47,11 @@ class TSL_EXPORT AddressAliasDb {
   [[nodiscard]] AddressAliasDbImpl* impl() const;
 
  private:
+  friend class AddressMapDbImpl;  // Makes the tables.
+
+  // Takes over the caller's reference to `table`, also when it throws std::bad_alloc.
+  TSL_HIDDEN explicit AddressAliasDb(AddressAliasDbImpl* table);
+
   RefCounted<AddressAliasDbImpl>* m_wrapper = nullptr;
 };
 

@@ -31,9 +31,6 @@ class TSL_EXPORT AddressMapDb {
   // asks the database nothing. Throws Exception: context "AddressMapDb::AddressMapDb", code 4, for
   // an unknown `type`; what the database reports otherwise.
   AddressMapDb(Type type, bool preload);
-  // Takes over the caller's reference to `store`, also when it throws std::bad_alloc. Opens no
-  // table.
-  explicit AddressMapDb(AddressMapDbImpl* store);
   AddressMapDb(const AddressMapDb& other);
   AddressMapDb& operator=(const AddressMapDb& other);
   ~AddressMapDb();
@@ -57,6 +54,10 @@ class TSL_EXPORT AddressMapDb {
   [[nodiscard]] AddressMaskDb maskDb(const std::string& name) const;
 
  private:
+  // Takes over the caller's reference to `store`, also when it throws std::bad_alloc. Opens no
+  // table.
+  TSL_HIDDEN explicit AddressMapDb(AddressMapDbImpl* store);
+
   RefCounted<AddressMapDbImpl>* m_wrapper = nullptr;
 };
 

@@ -23,8 +23,6 @@ class TSL_EXPORT AddressMaskDb {
  public:
   // A handle without a table: only copying, assigning and destroying it are allowed.
   AddressMaskDb();
-  // Takes over the caller's reference to `table`, also when it throws std::bad_alloc.
-  explicit AddressMaskDb(AddressMaskDbImpl* table);
   AddressMaskDb(const AddressMaskDb& other);
   AddressMaskDb& operator=(const AddressMaskDb& other);
   virtual ~AddressMaskDb();
@@ -52,6 +50,11 @@ class TSL_EXPORT AddressMaskDb {
   [[nodiscard]] AddressMaskDbImpl* impl() const;
 
  private:
+  friend class AddressMapDbImpl;  // Makes the tables.
+
+  // Takes over the caller's reference to `table`, also when it throws std::bad_alloc.
+  TSL_HIDDEN explicit AddressMaskDb(AddressMaskDbImpl* table);
+
   RefCounted<AddressMaskDbImpl>* m_wrapper = nullptr;
 };
 

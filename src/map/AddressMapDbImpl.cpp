@@ -9,18 +9,18 @@ namespace Tessel {
 
 namespace {
 
-// The table that `create` makes, which `tables` holds as `name` from then on. `line` and `detail`
-// describe the failure when it makes none.
+// The handle that `create` makes, which `tables` holds as `name` from then on. `line` and `detail`
+// describe the failure when it has no table.
 template <class Handle, class Create>
 Handle s_add(std::map<std::string, Handle>& tables, const std::string& name, Create create,
              int line, const char* detail) {
-  auto* const table = create();
-  if (table == nullptr) {
+  const Handle table = create();
+  if (table.impl() == nullptr) {
     // Deliberate: the context is the constructor's, not the lookup's. Pinned by
     // AddressMapDb.ATableThatCannotBeCreatedIsReportedWithTheConstructorsContext.
     throw Exception("AddressMapDb::AddressMapDb", 4, "AddressMapDb", line).stringParameter(detail);
   }
-  tables.insert_or_assign(name, Handle(table));
+  tables.insert_or_assign(name, table);
   return tables.find(name)->second;
 }
 
@@ -41,7 +41,8 @@ AddressMaskDb AddressMapDbImpl::maskDb(const std::string& name) {
   const auto found = m_maskDbs.find(name);
   if (found != m_maskDbs.end()) return found->second;
   return s_add(
-      m_maskDbs, name, [&] { return createMaskDbImpl(name); }, 77, "Could not create MaskDb");
+      m_maskDbs, name, [&] { return AddressMaskDb(createMaskDbImpl(name)); }, 77,
+      "Could not create MaskDb");
 }
 
 AddressAliasDb AddressMapDbImpl::aliasDb(const std::string& name) {
@@ -55,7 +56,8 @@ AddressAliasDb AddressMapDbImpl::aliasDb(const std::string& name) {
   const auto found = m_aliasDbs.find(name);
   if (found != m_aliasDbs.end()) return found->second;
   return s_add(
-      m_aliasDbs, name, [&] { return createAliasDbImpl(name); }, 114, "Could not create AliasDb");
+      m_aliasDbs, name, [&] { return AddressAliasDb(createAliasDbImpl(name)); }, 114,
+      "Could not create AliasDb");
 }
 
 AddressAliasDbImpl::AddressAliasDbImpl() = default;

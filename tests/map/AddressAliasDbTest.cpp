@@ -13,11 +13,12 @@ namespace {
 
 using testing::ElementsAre;
 using Testing::FakeAliasTable;
+using Testing::handleOver;
 
 TEST(AddressAliasDb, ForwardsEveryOperation) {
   std::atomic<int> destroyed{0};
   auto* const table = new FakeAliasTable(destroyed);
-  AddressAliasDb handle(table);
+  AddressAliasDb handle = handleOver(table);
   const EmailAddress bob = EmailAddress::rfc5321Parse("bob@d.example", false);
   std::set<EmailAddress> names;
   EXPECT_THAT(handle.expandAlias(bob), ElementsAre(bob));
@@ -33,7 +34,7 @@ TEST(AddressAliasDb, ForwardsEveryOperation) {
 TEST(AddressAliasDb, CopiesShareTheTableAndTheLastOneDestroysIt) {
   std::atomic<int> destroyed{0};
   {
-    AddressAliasDb first(new FakeAliasTable(destroyed));
+    AddressAliasDb first = handleOver(new FakeAliasTable(destroyed));
     AddressAliasDb second(first);
     EXPECT_EQ(first.impl(), second.impl());
     first = AddressAliasDb();
@@ -47,14 +48,14 @@ TEST(AddressAliasDb, CopiesShareTheTableAndTheLastOneDestroysIt) {
 TEST(AddressAliasDb, ADefaultHandleMayBeCopiedAndAssigned) {
   std::atomic<int> destroyed{0};
   const AddressAliasDb none;
-  AddressAliasDb target(new FakeAliasTable(destroyed));
+  AddressAliasDb target = handleOver(new FakeAliasTable(destroyed));
   target = none;
   EXPECT_EQ(destroyed, 1);
   const AddressAliasDb copy(target);
 }
 
 TEST(AddressAliasDb, AHandleOverANullTableMayBeCopied) {
-  const AddressAliasDb empty(nullptr);
+  const AddressAliasDb empty = handleOver(static_cast<AddressAliasDbImpl*>(nullptr));
   const AddressAliasDb copy(empty);
   EXPECT_EQ(copy.impl(), nullptr);
 }

@@ -18,11 +18,12 @@ namespace Tessel {
 namespace {
 
 using Testing::FakeStore;
+using Testing::handleOver;
 using Testing::StoreEvents;
 
 TEST(AddressMapDbImpl, ATableIsMadeOnceAndSharedByItsName) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   EXPECT_EQ(store.aliasDb("x").impl(), store.aliasDb("x").impl());
   EXPECT_EQ(store.maskDb("x").impl(), store.maskDb("x").impl());
   EXPECT_EQ(events.aliasTablesMade, 1);
@@ -31,21 +32,21 @@ TEST(AddressMapDbImpl, ATableIsMadeOnceAndSharedByItsName) {
 
 TEST(AddressMapDbImpl, NamesThatDifferInLetterCaseAreTwoTables) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   EXPECT_NE(store.aliasDb("Sales").impl(), store.aliasDb("sales").impl());
   EXPECT_NE(store.maskDb("Sales").impl(), store.maskDb("sales").impl());
 }
 
 TEST(AddressMapDbImpl, NamesAreTakenAsTheyStand) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   EXPECT_NE(store.aliasDb("x").impl(), store.aliasDb(" x").impl());
   EXPECT_NE(store.aliasDb("x").impl(), store.aliasDb("").impl());
 }
 
 TEST(AddressMapDbImpl, AFailedCreationLeavesNothingBehindAndIsTriedAgain) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   EXPECT_EQ(Testing::caught([&] { static_cast<void>(store.aliasDb("throw")); }).context(),
             "preload");
   EXPECT_EQ(Testing::caught([&] { static_cast<void>(store.aliasDb("throw")); }).context(),
@@ -120,7 +121,7 @@ TEST(AddressMapDbImpl, TheTwoRegistriesNeverWaitForEachOther) {
 TEST(AddressMapDbImpl, TheTablesGoWithTheLastCopyOfTheStore) {
   StoreEvents events;
   {
-    AddressMapDb store(new FakeStore(events));
+    AddressMapDb store = handleOver(new FakeStore(events));
     static_cast<void>(store.aliasDb("a"));
     static_cast<void>(store.maskDb("m"));
     const AddressMapDb copy(store);
@@ -137,7 +138,7 @@ TEST(AddressMapDbImpl, AHeldTableHandleKeepsItsTableBeyondTheStore) {
   {
     AddressAliasDb held;
     {
-      const AddressMapDb store(new FakeStore(events));
+      const AddressMapDb store = handleOver(new FakeStore(events));
       held = store.aliasDb("a");
       static_cast<void>(store.aliasDb("b"));
     }
@@ -150,7 +151,7 @@ TEST(AddressMapDbImpl, AHeldTableHandleKeepsItsTableBeyondTheStore) {
 TEST(AddressMapDbImpl, ManyThreadsThatAskForOneNewNameShareOneTable) {
   for (int round = 0; round < 50; ++round) {
     StoreEvents events;
-    const AddressMapDb store(new FakeStore(events));
+    const AddressMapDb store = handleOver(new FakeStore(events));
     std::vector<std::thread> threads;
     std::vector<AddressAliasDb> aliases(8);
     std::vector<AddressMaskDb> masks(8);
@@ -175,7 +176,7 @@ TEST(AddressMapDbImpl, ManyThreadsThatAskForOneNewNameShareOneTable) {
 
 TEST(AddressMapDbImpl, ManyThreadsMayAskForManyNames) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&store, t] {

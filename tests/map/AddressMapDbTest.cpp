@@ -18,6 +18,7 @@ using Testing::caught;
 using testing::ElementsAre;
 using Testing::expectFacts;
 using Testing::FakeStore;
+using Testing::handleOver;
 using testing::IsEmpty;
 using Testing::StoreEvents;
 
@@ -37,17 +38,25 @@ TEST(AddressMapDb, InitializingAnUnknownTypeIsRefused) {
 
 TEST(AddressMapDb, ATableThatCannotBeCreatedIsReportedWithTheConstructorsContext) {
   StoreEvents events;
-  const AddressMapDb store(new FakeStore(events));
+  const AddressMapDb store = handleOver(new FakeStore(events));
   expectFacts(caught([&] { static_cast<void>(store.maskDb("none")); }),
               "AddressMapDb::AddressMapDb", 4, "AddressMapDb", 77, "Could not create MaskDb");
   expectFacts(caught([&] { static_cast<void>(store.aliasDb("none")); }),
               "AddressMapDb::AddressMapDb", 4, "AddressMapDb", 114, "Could not create AliasDb");
 }
 
+TEST(AddressMapDb, ProgramsGetHandlesFromTheLibraryOnly) {
+  static_assert(!std::is_constructible_v<AddressMapDb, AddressMapDbImpl*>);
+  static_assert(!std::is_constructible_v<AddressAliasDb, AddressAliasDbImpl*>);
+  static_assert(!std::is_constructible_v<AddressMaskDb, AddressMaskDbImpl*>);
+  static_assert(std::is_constructible_v<AddressMapDb, AddressMapDb::Type, bool>);
+  SUCCEED();
+}
+
 TEST(AddressMapDb, CopiesShareTheStoreAndSelfAssignmentChangesNothing) {
   StoreEvents events;
   {
-    AddressMapDb store(new FakeStore(events));
+    AddressMapDb store = handleOver(new FakeStore(events));
     const AddressMapDb copy(store);
     EXPECT_EQ(store.aliasDb("a").impl(), copy.aliasDb("a").impl());
     const AddressMapDb& itself = store;
@@ -61,7 +70,7 @@ TEST(AddressMapDb, CopiesShareTheStoreAndSelfAssignmentChangesNothing) {
 TEST(AddressMapDb, ADefaultHandleMayBeCopiedAndAssigned) {
   StoreEvents events;
   const AddressMapDb none;
-  AddressMapDb target(new FakeStore(events));
+  AddressMapDb target = handleOver(new FakeStore(events));
   target = none;
   EXPECT_EQ(events.storesDestroyed, 1);
   const AddressMapDb copy(target);

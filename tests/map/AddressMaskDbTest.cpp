@@ -13,11 +13,12 @@ namespace {
 
 using testing::ElementsAre;
 using Testing::FakeMaskTable;
+using Testing::handleOver;
 
 TEST(AddressMaskDb, ForwardsEveryOperation) {
   std::atomic<int> destroyed{0};
   auto* const table = new FakeMaskTable(destroyed);
-  AddressMaskDb handle(table);
+  AddressMaskDb handle = handleOver(table);
   const EmailAddress bob = EmailAddress::rfc5321Parse("bob@d.example", false);
   std::map<EmailAddress, EmailAddress> entries;
   EXPECT_EQ(handle.findPublicAddress(bob), bob);
@@ -34,7 +35,7 @@ TEST(AddressMaskDb, ForwardsEveryOperation) {
 TEST(AddressMaskDb, CopiesShareTheTableAndTheLastOneDestroysIt) {
   std::atomic<int> destroyed{0};
   {
-    AddressMaskDb first(new FakeMaskTable(destroyed));
+    AddressMaskDb first = handleOver(new FakeMaskTable(destroyed));
     AddressMaskDb second;
     second = first;
     first = AddressMaskDb();

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "AddressMapDb.h"
 #include "map/AddressAliasDbImpl.h"
 #include "map/AddressMapDbImpl.h"
 #include "map/AddressMaskDbImpl.h"
@@ -101,6 +102,12 @@ class FakeStore : public AddressMapDbImpl {
 
   StoreEvents& m_events;
 };
+
+// A handle of a new body, whose first reference it takes over. The constructors that do so are
+// private: programs get every handle from the library.
+AddressMapDb handleOver(AddressMapDbImpl* store);
+AddressAliasDb handleOver(AddressAliasDbImpl* table);
+AddressMaskDb handleOver(AddressMaskDbImpl* table);
 
 }  // namespace Tessel::Testing
 

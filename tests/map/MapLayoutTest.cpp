@@ -114,7 +114,7 @@ TEST(MapLayout, OnlyStoresAndRowsHoldTheCountInAVirtualBase) {
 
 TEST(MapLayout, FieldsOfTheAbstractStoreStandInOrder) {
   Testing::StoreEvents events;
-  const AddressMapDb handle(new Testing::FakeStore(events));
+  const AddressMapDb handle = Testing::handleOver(new Testing::FakeStore(events));
   const AddressMapDbImpl& store = *handle.m_wrapper->body();
   EXPECT_TRUE(standInOrder(addressOf(store.m_maskDbsMutex), addressOf(store.m_maskDbs),
                            addressOf(store.m_aliasDbsMutex), addressOf(store.m_aliasDbs)));
