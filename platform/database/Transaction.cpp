@@ -26,7 +26,9 @@ Transaction::Transaction(Connection& connection) : m_connection(connection) {
 }
 
 Transaction::~Transaction() {
-  rollback();
+  if (!m_open) return;
+  m_connection.m_impl->setGuarded(false);
+  m_connection.m_impl->drop();
 }
 
 void Transaction::commit() {

@@ -17,8 +17,8 @@ class TSL_EXPORT Transaction {
   // Starts a transaction on `connection`, which must outlive it. Throws Error, also when a
   // transaction is open on it already (number 1568).
   explicit Transaction(Connection& connection);
-  // Undoes what was not committed. Never throws: if the server cannot be told, the connection is
-  // closed, which has the same effect.
+  // Undoes what was not committed, by closing the connection: sends nothing and waits for nothing.
+  // The next statement opens it again. Never throws.
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
@@ -26,7 +26,8 @@ class TSL_EXPORT Transaction {
   // Makes everything take effect; the transaction is over. Throws Error: where outcomeUnknown() is
   // true it may have taken effect, otherwise it has not. Further calls throw number 1305.
   void commit();
-  // Undoes everything; the transaction is over. Does nothing when it is over already. Never throws.
+  // Undoes everything; the transaction is over. Does nothing when it is over already. Never throws:
+  // if the server cannot be told, the connection is closed, which has the same effect.
   void rollback() noexcept;
 
  private:

@@ -52,7 +52,8 @@ TEST_F(StatementObserverTest, SeesWhatTheServerReceives) {
     run(connection, "insert into t values( 'a\n\x01', 1 )", false);
     transaction.commit();
   }
-  { const Transaction undone(connection); }
+  Transaction undone(connection);
+  undone.rollback();
   const std::vector<std::string> seen = s_take();
   EXPECT_THAT(seen, ElementsAre("start transaction", "insert into t values( 'a\n\x01', 1 )",
                                 "commit", "start transaction", "rollback"));

@@ -2,6 +2,7 @@
 #include "database/Transaction.h"
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -10,8 +11,10 @@
 namespace Tessel::Database {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 class TransactionTest : public DatabaseTest {
  protected:
@@ -185,6 +188,21 @@ TEST_F(RelayedTransaction, ACommitWithoutAnswerHasAnUnknownOutcome) {
     // Cut on the way there it did not take effect, on the way back it did.
     EXPECT_EQ(count(), direction == Testing::SocketRelay::Direction::ToServer ? "0" : "1");
   }
+}
+
+TEST_F(RelayedTransaction, ItsDestructorSendsNothingAndWaitsForNothing) {
+  makeTable();
+  Connection connection(s_name);
+  auto transaction = std::make_unique<Transaction>(connection);
+  run(connection, "insert into t(name) values('a')");
+  m_relay.hold(true);
+  const auto start = std::chrono::steady_clock::now();
+  transaction.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  m_relay.hold(false);
+  EXPECT_THAT(m_relay.statements(), Not(Contains("rollback")));
+  run(connection, "insert into t(name) values('a')");
+  EXPECT_EQ(count(), "1");
 }
 
 }  // namespace
