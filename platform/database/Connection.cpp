@@ -9,7 +9,6 @@
 
 #include "database/ConnectionImpl.h"
 #include "database/DbResult.h"
-#include "database/IdleSet.h"
 #include "database/RowParser.h"
 #include "database/Statement.h"
 #include "database/StatementObserver.h"
@@ -93,41 +92,30 @@ struct Connection::Impl::Answer {
   MYSQL_RES* result = nullptr;
 };
 
-Connection::Impl::Impl(Target target) : m_target(std::move(target)) {}
-
-Connection::Impl::Impl(const OptionSource& options, std::unique_ptr<Handle> handle)
-    : m_target{options, std::nullopt}, m_handle(std::move(handle)) {}
-
-Connection::Impl::~Impl() {
-  if (m_handle && !m_target.address) {
-    IdleSet::instance().give(std::move(m_handle), m_target.options.key);
-  }
-}
-
-std::unique_ptr<Handle> Connection::Impl::takeDefault(const OptionSource& options) {
-  std::unique_ptr<Handle> handle = IdleSet::instance().take(options.key);
-  return handle ? std::move(handle) : Handle::open({options, std::nullopt}, {});
-}
+Connection::Impl::Impl(Target target, std::unique_ptr<Handle> handle)
+    : m_target(std::move(target)), m_handle(std::move(handle)) {}
 
 std::unique_ptr<Connection::Impl> Connection::Impl::at(const SocketAddress& server) {
-  const OptionSource options = OptionSource::current();
+  Target target{OptionSource::current(), std::nullopt};
   try {
-    auto impl = std::make_unique<Impl>(options, takeDefault(options));
-    const auto descriptor = static_cast<int>(mysql_get_socket(impl->m_handle->mysql()));
-    if (SocketAddress::peerOf(descriptor) == server) return impl;
+    std::unique_ptr<Handle> handle = Handle::open(target, {});
+    if (handle->peerAddress() == server) {
+      return std::make_unique<Impl>(std::move(target), std::move(handle));
+    }
   } catch (const Error&) {
     // The default server does not answer; the one that is asked for may, or will say why not.
   }
-  return std::make_unique<Impl>(Target{options, server});
+  target.address = server;
+  return std::make_unique<Impl>(std::move(target));
 }
 
 void Connection::Impl::begin(const std::string& database) {
-  // An idle connection may have any database selected, which nothing can take back.
-  if (database.empty()) {
-    reopen(database);
+  if (!m_handle) {
+    m_handle = Handle::open(m_target, database);
+    m_database = database;
     return;
   }
-  if (!m_handle && !m_target.address) m_handle = IdleSet::instance().take(m_target.options.key);
+  if (database.empty()) return;
   const std::optional<Error> missing = select(database, s_open);
   if (missing) throw Error(*missing);
 }
@@ -310,12 +298,7 @@ Connection::Connection(const SocketAddress& server, const std::string& database)
 Connection::~Connection() = default;
 
 SocketAddress Connection::defaultAddress() {
-  const OptionSource options = OptionSource::current();
-  std::unique_ptr<Handle> handle = Impl::takeDefault(options);
-  SocketAddress address =
-      SocketAddress::peerOf(static_cast<int>(mysql_get_socket(handle->mysql())));
-  IdleSet::instance().give(std::move(handle), options.key);
-  return address;
+  return Handle::open({OptionSource::current(), std::nullopt}, {})->peerAddress();
 }
 
 bool Connection::dbSelectIfExists(const std::string& name) {
@@ -345,8 +328,7 @@ unsigned long Connection::id() {
 }
 
 SocketAddress Connection::peerAddress() {
-  return SocketAddress::peerOf(
-      static_cast<int>(mysql_get_socket(m_impl->ready(s_open, {}).mysql())));
+  return m_impl->ready(s_open, {}).peerAddress();
 }
 
 }  // namespace Tessel::Database

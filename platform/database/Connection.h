@@ -30,16 +30,15 @@ namespace Tessel::Database {
 // changed.
 class TSL_EXPORT Connection {
  public:
-  // Connects to the default server and selects `database`; none when it is empty. The connection
-  // may come from the idle ones of this process, in which case it is as good as new. Throws Error,
+  // Connects to the default server and selects `database`; none when it is empty. Throws Error,
   // number 1049, when the database does not exist.
   explicit Connection(const std::string& database);
   // The same at the server with the given address. User, password and everything else come from the
   // option files. The address of the default server is reached in the default way, by the name that
   // its certificate may be bound to.
   Connection(const SocketAddress& server, const std::string& database);
-  // Closes the connection, or keeps it for reuse for some seconds; an open transaction is undone.
-  // Never throws.
+  // Closes the connection; the server undoes an open transaction. Sends nothing and waits for
+  // nothing, also when the server hangs. Never throws.
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;

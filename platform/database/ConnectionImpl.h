@@ -26,19 +26,13 @@ struct Place {
 // One thread at a time.
 class Connection::Impl {
  public:
-  // Not connected yet.
-  explicit Impl(Target target);
-  // Over an open connection to the default server.
-  Impl(const OptionSource& options, std::unique_ptr<Handle> handle);
-  // Keeps a healthy connection to the default server for reuse, and closes any other.
-  ~Impl();
+  // Over the open connection `handle`, or, where that is null, not connected yet.
+  explicit Impl(Target target, std::unique_ptr<Handle> handle = nullptr);
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
   // Connected to `server`, the default way where that is the default server. Throws.
   static std::unique_ptr<Impl> at(const SocketAddress& server);
-  // A connection to the default server with whatever database, idle or new. Throws.
-  static std::unique_ptr<Handle> takeDefault(const OptionSource& options);
 
   // Connects if that is still to be done, and selects `database`; none when it is empty. Throws.
   void begin(const std::string& database);

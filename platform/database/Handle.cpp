@@ -1,10 +1,9 @@
-// Handle: the settings of every connection, and the care for signals, forks and process exit.
+// Handle: the settings of every connection, and the care for signals and forks.
 #include "database/Handle.h"
 
 #include <errmsg.h>
 #include <fcntl.h>
 #include <mysqld_error.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@
 #include <string_view>
 #include <utility>
 
-#include "database/IdleSet.h"
 #include "database/StatementObserver.h"
 
 namespace Tessel::Database {
@@ -27,9 +25,6 @@ namespace {
 constexpr unsigned int s_connectTimeout = 10;
 constexpr unsigned int s_readTimeout = 30;
 constexpr unsigned int s_writeTimeout = 30;
-
-// Milliseconds that closing an idle connection may wait for an answer that is still on its way.
-constexpr int s_goodbyeWait = 200;
 
 // What every session runs with, whatever the server's settings. The strict modes make a text that
 // does not fit an error, backslash escapes are what our escaping writes, and the collation makes
@@ -75,6 +70,27 @@ int s_blockedSignals(sigset_t* set) {
   return pthread_sigmask(SIG_BLOCK, nullptr, set);
 }
 
+// Makes the client library usable from any thread.
+void s_initialiseLibrary() {
+  static const bool s_done = [] {
+    // The library sets SIGPIPE to "ignore" for the whole process; that is the program's to decide.
+    struct sigaction before {};
+    const bool known = sigaction(SIGPIPE, nullptr, &before) == 0;
+    mysql_library_init(0, nullptr, nullptr);
+    if (known) sigaction(SIGPIPE, &before, nullptr);
+    return true;
+  }();
+  static_cast<void>(s_done);
+}
+
+// Points `descriptor` elsewhere, so that closing the connection does nothing to the server's end.
+bool s_turnAway(int descriptor) {
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const bool done = nowhere >= 0 && dup3(nowhere, descriptor, O_CLOEXEC) >= 0;
+  close(nowhere);
+  return done;
+}
+
 }  // namespace
 
 // A SIGPIPE that is blocked or pending already is somebody else's and stays so.
@@ -109,39 +125,26 @@ bool isConnectionLoss(unsigned int number) {
   }
 }
 
-void Handle::initialiseLibrary() {
-  // The library sets SIGPIPE to "ignore" for the whole process; that is the program's to decide.
-  struct sigaction before {};
-  const bool known = sigaction(SIGPIPE, nullptr, &before) == 0;
-  mysql_library_init(0, nullptr, nullptr);
-  if (known) sigaction(SIGPIPE, &before, nullptr);
-}
-
-Handle::Handle(MYSQL* mysql) : m_mysql(mysql), m_forkCount(IdleSet::forkCount()) {
+Handle::Handle(MYSQL* mysql) : m_mysql(mysql), m_owner(getpid()) {
   if (mysql == nullptr) throw std::bad_alloc();
 }
 
+// A hung server must not hold up whoever is done with it, so the socket is shut first: the goodbyes
+// of mysql_close() and of TLS then fail at once. The server sees the end of the stream, undoes what
+// was not committed and counts an aborted client.
 Handle::~Handle() {
-  if (isForeign()) hangUp();
-  // After process exit began the TLS library may be gone: only the socket is closed then.
-  if (m_tls && IdleSet::isPastExit()) {
-    close(static_cast<int>(mysql_get_socket(m_mysql)));
-    return;
-  }
   const PipeGuard guard(m_tls);
-  if (m_answerPending && !isForeign()) takePendingAnswer();
+  if (!isForeign()) {
+    shutdown(descriptor(), SHUT_RDWR);
+  } else if (!s_turnAway(descriptor())) {
+    close(descriptor());
+    return;  // Closed as it is, without what mysql_close() would send and free.
+  }
   mysql_close(m_mysql);
 }
 
-// Closing over an answer that nobody read resets the connection: the server would not see our
-// goodbye, count an aborted client and warn in its log.
-void Handle::takePendingAnswer() noexcept {
-  pollfd waiting{static_cast<int>(mysql_get_socket(m_mysql)), POLLIN, 0};
-  if (poll(&waiting, 1, s_goodbyeWait) == 1) mysql_read_query_result(m_mysql);
-}
-
 std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& database) {
-  IdleSet::instance();
+  s_initialiseLibrary();
   const PipeGuard guard(true);
   std::unique_ptr<Handle> handle(new Handle(mysql_init(nullptr)));
   handle->connect(target, database);
@@ -190,11 +193,10 @@ void Handle::enforceLimits(const Target& target) {
   const unsigned int noLocalInfile = 0;
   mysql_options(m_mysql, MYSQL_OPT_RECONNECT, &noReconnect);
   mysql_options(m_mysql, MYSQL_OPT_LOCAL_INFILE, &noLocalInfile);
-  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
-  fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  fcntl(descriptor(), F_SETFD, FD_CLOEXEC);
   constexpr auto s_unix = SocketAddress::Family::Unix;
-  if (target.address && (SocketAddress::peerOf(descriptor).family() == s_unix) !=
-                            (target.address->family() == s_unix)) {
+  if (target.address &&
+      (peerAddress().family() == s_unix) != (target.address->family() == s_unix)) {
     throw Error("Database::Connection", "Handle", 183,
                 {CR_CONNECTION_ERROR,
                  "HY000",
@@ -216,50 +218,29 @@ void Handle::setUpSession() {
   }
 }
 
+int Handle::descriptor() const noexcept {
+  return static_cast<int>(mysql_get_socket(m_mysql));
+}
+
+SocketAddress Handle::peerAddress() const {
+  return SocketAddress::peerOf(descriptor());
+}
+
 bool Handle::isForeign() const noexcept {
-  return m_forkCount != IdleSet::forkCount();
+  return m_owner != getpid();
 }
 
 bool Handle::isDead() const noexcept {
   char byte = 0;
-  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
   ssize_t count = 0;
   do {
-    count = recv(descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    count = recv(descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   } while (count < 0 && errno == EINTR);
   return count >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
 }
 
 bool Handle::inTransaction() const noexcept {
   return (m_mysql->server_status & SERVER_STATUS_IN_TRANS) != 0;
-}
-
-bool Handle::startReuse() noexcept {
-  // A reset undoes an init-command of the option file, and nothing runs it again.
-  if (m_mysql->options.init_command != nullptr || isForeign() || inTransaction() || isDead())
-    return false;
-  if (m_mysql->status != MYSQL_STATUS_READY || mysql_more_results(m_mysql) != 0) return false;
-  const PipeGuard guard(m_tls);
-  tellStatement(s_sessionSetUp);
-  m_answerPending = mysql_reset_connection(m_mysql) == 0 &&
-                    mysql_send_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) == 0;
-  return m_answerPending;
-}
-
-bool Handle::finishReuse() noexcept {
-  const PipeGuard guard(m_tls);
-  m_answerPending = false;
-  return mysql_read_query_result(m_mysql) == 0 && !isDead();
-}
-
-void Handle::hangUp() const noexcept {
-  const auto descriptor = static_cast<int>(mysql_get_socket(m_mysql));
-  // Closed first: the number is then free for the process that has no other left.
-  close(descriptor);
-  const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (nowhere < 0 || nowhere == descriptor) return;
-  dup3(nowhere, descriptor, O_CLOEXEC);
-  close(nowhere);
 }
 
 Error::Facts Handle::lastError(std::string_view statement) const {

@@ -1,9 +1,10 @@
-// One connection of the client library: how it is opened, told dead, made ready for reuse and
-// closed. Private to this folder, and its only door to the client library's header.
+// One connection of the client library: how it is opened, told dead and closed. Private to this
+// folder, and its only door to the client library's header.
 #ifndef TSL_DATABASE_HANDLE_H
 #define TSL_DATABASE_HANDLE_H
 
 #include <mysql.h>
+#include <sys/types.h>
 
 #include <memory>
 #include <optional>
@@ -41,14 +42,11 @@ class Handle {
  public:
   // Connects, selects `database` (none when empty) and sets up the session. Throws Error.
   static std::unique_ptr<Handle> open(const Target& target, const std::string& database);
-  // Says goodbye to the server and closes. In a forked child the parent's connection stays
-  // unharmed.
+  // Closes the connection, sending nothing and waiting for nothing. In a forked child the parent's
+  // connection stays unharmed.
   ~Handle();
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
-
-  // Makes the client library usable from any thread. The set of idle connections calls it, once.
-  static void initialiseLibrary();
 
   [[nodiscard]] MYSQL* mysql() const noexcept { return m_mysql; }
   [[nodiscard]] bool usesTls() const noexcept { return m_tls; }
@@ -60,16 +58,7 @@ class Handle {
   // As of the last answer that the server gave.
   [[nodiscard]] bool inTransaction() const noexcept;
 
-  // First half of making the connection as good as new: true when it is fit for another user, has
-  // been reset (locks, temporary tables and variables are gone at once) and the session set-up is
-  // on its way. False: close it.
-  bool startReuse() noexcept;
-  // Second half: takes the answer to the set-up. False: close it.
-  bool finishReuse() noexcept;
-
-  // Points the descriptor elsewhere, so that closing sends nothing. Async-signal-safe.
-  void hangUp() const noexcept;
-
+  [[nodiscard]] SocketAddress peerAddress() const;
   // The failure that the client library has on record for this connection.
   [[nodiscard]] Error::Facts lastError(std::string_view statement) const;
 
@@ -78,13 +67,11 @@ class Handle {
   void connect(const Target& target, const std::string& database);
   void enforceLimits(const Target& target);
   void setUpSession();
-  void takePendingAnswer() noexcept;
+  [[nodiscard]] int descriptor() const noexcept;
 
   MYSQL* m_mysql;  // Owned.
-  unsigned int m_forkCount;
+  pid_t m_owner;   // The process that opened it.
   bool m_tls = false;
-  bool m_answerPending =
-      false;  // The server has the set-up of startReuse(), or its answer is here.
 };
 
 // Error of MySQL servers that gave up waiting for a statement; MariaDB's headers do not name it.

@@ -13,9 +13,6 @@ inline constexpr char s_optionGroup[] = "tsl-address-map";
 struct OptionSource {
   // The one file to read; empty for the standard option files.
   std::string file;
-  // Changes when other options may apply: with the file's path, identity, time or size, or with the
-  // part of the environment that the search for the standard files depends on.
-  std::string key;
 
   // What the environment names now. Throws Exception, code 4, when TSL_DATABASE_OPTION_FILE names a
   // file that cannot be read, is no regular file, or that everyone may write to: the standard files

@@ -34,21 +34,56 @@ TEST_F(ConnectionTest, ConnectsToTheDefaultServerWithTheDatabaseSelected) {
   EXPECT_EQ(connection.peerAddress().host(), server().socketPath());
 }
 
-TEST_F(ConnectionTest, WithoutADatabaseNoneIsSelectedEvenAfterOtherConnections) {
-  { Connection used(s_name); }
+TEST_F(ConnectionTest, WithoutADatabaseNoneIsSelected) {
   Connection connection("");
   EXPECT_EQ(value(connection, "select coalesce(database(), 'none')"), "none");
 }
 
-TEST_F(ConnectionTest, AMissingDatabaseIsAnErrorOnNewAndOnReusedConnections) {
-  for (int i = 0; i < 2; ++i) {
-    const auto got = caughtError([] { Connection connection("tsl_nowhere"); });
-    ASSERT_TRUE(got);
-    EXPECT_EQ(got->number(), 1049U);
-    EXPECT_EQ(got->sqlState(), "42000");
-    EXPECT_EQ(got->context(), "Database::Connection");
-    Connection used(s_name);
+TEST_F(ConnectionTest, AMissingDatabaseIsAnError) {
+  const auto got = caughtError([] { Connection connection("tsl_nowhere"); });
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->number(), 1049U);
+  EXPECT_EQ(got->sqlState(), "42000");
+  EXPECT_EQ(got->context(), "Database::Connection");
+}
+
+// Connections with the number `id` that the server has: it closes one when it notices its end.
+std::string s_openWith(unsigned long id, const std::string& wanted) {
+  std::string open;
+  for (int i = 0; i < 500 && open != wanted; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(i == 0 ? 0 : 10));
+    open = Testing::TestServer::shared()
+               .sql("select count(*) from information_schema.processlist where id=" +
+                    std::to_string(id))
+               .at(0)
+               .at(0);
   }
+  return open;
+}
+
+TEST_F(ConnectionTest, EachIsANewOneAndTheServerClosesItAtItsEnd) {
+  unsigned long id = 0;
+  {
+    Connection connection(s_name);
+    id = connection.id();
+    EXPECT_EQ(s_openWith(id, "1"), "1");
+  }
+  EXPECT_EQ(s_openWith(id, "0"), "0");
+  EXPECT_NE(Connection(s_name).id(), id);
+}
+
+TEST_F(ConnectionTest, WhatASessionHeldIsFreeAndWhatItDidNotCommitIsUndoneAtItsEnd) {
+  makeTable();
+  {
+    Connection connection(s_name);
+    run(connection, "select get_lock('tsl_lock', 0)");
+    run(connection, "start transaction");
+    run(connection, "insert into t(name) values('a')");
+  }
+  EXPECT_EQ(sql("select get_lock('tsl_lock', 5)").at(0).at(0), "1");
+  sql("do release_lock('tsl_lock')");
+  sql("insert into tsl_test.t(name) values('a')");
+  EXPECT_EQ(count(), "1");
 }
 
 TEST_F(ConnectionTest, DbSelectIfExistsTellsMissingDatabasesFromOthers) {
@@ -132,16 +167,16 @@ TEST_F(ConnectionTest, AWrongPasswordIsAnErrorThatDoesNotShowIt) {
 }
 
 TEST_F(ConnectionTest, TheDefaultAddressIsReachedTheDefaultWay) {
+  const Testing::SocketRelay relay(server().directory() + "/other.sock", server().socketPath());
+  const Testing::TestServer::OptionFile options(
+      server(), "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
   const SocketAddress address = Connection::defaultAddress();
-  EXPECT_EQ(address, SocketAddress::unixPath(server().socketPath()));
-  unsigned long id = 0;
-  {
-    Connection connection(address, s_name);
-    EXPECT_EQ(value(connection, "select database()"), s_name);
-    id = connection.id();
-  }
-  // Only the default way puts connections back for reuse.
-  EXPECT_EQ(Connection(address, s_name).id(), id);
+  EXPECT_EQ(address, SocketAddress::unixPath(relay.path()));
+  EXPECT_EQ(relay.connections(), 1);
+  Connection connection(address, s_name);
+  EXPECT_EQ(value(connection, "select database()"), s_name);
+  // Any other address takes a second one.
+  EXPECT_EQ(relay.connections(), 2);
 }
 
 TEST_F(ConnectionTest, AMissingDatabaseAtAnAddressIsAnError) {
@@ -443,8 +478,21 @@ TEST_F(RelayedConnection, AHarmlessWriteIsSentOnceMoreAndTakesEffect) {
   }
 }
 
+TEST_F(RelayedConnection, TheEndOfAConnectionSendsNothingAndWaitsForNothing) {
+  auto connection = std::make_unique<Connection>(s_name);
+  run(*connection, "select 1");
+  const unsigned long id = connection->id();
+  const std::size_t before = m_relay.passed(Direction::ToServer);
+  m_relay.hold(true);
+  const auto start = std::chrono::steady_clock::now();
+  connection.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(s_openWith(id, "0"), "0");
+  EXPECT_EQ(m_relay.passed(Direction::ToServer), before);
+  m_relay.hold(false);
+}
+
 TEST_F(RelayedConnection, AConnectCutAnywhereIsAnErrorOrAGoodConnection) {
-  // New ones only: as many bytes as a connect takes.
   const std::size_t before = m_relay.passed(Direction::ToClient);
   { Connection connection(""); }
   const std::size_t size = m_relay.passed(Direction::ToClient) - before;

@@ -4,17 +4,22 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "database/DatabaseTest.h"
+#include "local/LocalServer.h"
 
 namespace Tessel::Database {
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 class HandleTest : public DatabaseTest {};
@@ -35,10 +40,10 @@ TEST_F(HandleTest, ASessionRunsInUtf8AndAStrictModeWithBackslashEscapes) {
 TEST_F(HandleTest, TheServersOwnModesDoNotCount) {
   sql("set global sql_mode='ANSI_QUOTES,NO_BACKSLASH_ESCAPES'");
   sql("set global autocommit=0");
-  for (const char* round : {"new", "reused"}) {
+  {
     Connection connection(s_name);
-    EXPECT_EQ(value(connection, "select \"a\\'b\""), "a'b") << round;
-    EXPECT_EQ(value(connection, "select @@autocommit"), "1") << round;
+    EXPECT_EQ(value(connection, "select \"a\\'b\""), "a'b");
+    EXPECT_EQ(value(connection, "select @@autocommit"), "1");
   }
   sql("set global autocommit=1");
   sql("set global sql_mode=default");
@@ -93,25 +98,108 @@ TEST_F(HandleTest, AnInitCommandOfTheOptionFileHoldsForEveryConnection) {
   const Testing::TestServer::OptionFile options(
       server(), "[client]\nsocket=" + server().socketPath() + "\nuser=" + callerName() +
                     "\ninit-command=\"set @from_file=5\"\n");
-  for (int i = 0; i < 2; ++i) {
-    Connection connection(s_name);
-    EXPECT_EQ(value(connection, "select @from_file"), "5");
-  }
+  Connection connection(s_name);
+  EXPECT_EQ(value(connection, "select @from_file"), "5");
 }
 
-void s_onPipe(int) {}
+std::atomic<int> s_pipeSignals{0};
 
-TEST_F(HandleTest, TheProgramsHandlerForSigpipeStaysInPlace) {
-  // The library is set up once for a process, so this needs one that did not use it yet.
-  struct sigaction before {};
-  sigaction(SIGPIPE, nullptr, &before);
-  EXPECT_NE(before.sa_handler, SIG_IGN);
+void s_onPipe(int) {
+  ++s_pipeSignals;
+}
+
+bool s_handlerStays() {
   signal(SIGPIPE, &s_onPipe);
-  { Connection connection(""); }
-  struct sigaction now {};
-  sigaction(SIGPIPE, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, &s_onPipe);
-  sigaction(SIGPIPE, &before, nullptr);
+  try {
+    Connection connection(SocketAddress::unixPath("/nowhere/s.sock"), "");
+  } catch (const Error&) {
+    struct sigaction now {};
+    sigaction(SIGPIPE, nullptr, &now);
+    return now.sa_handler == &s_onPipe;
+  }
+  return false;
+}
+
+TEST(HandleInANewProcess, TheProgramsHandlerForSigpipeStaysInPlace) {
+  // The client library is set up once for a process: this one may have done so, a new one has not.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(_exit(s_handlerStays() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+// Older than what the libraries register for process exit, so destroyed behind that.
+std::unique_ptr<Connection> s_longLived;
+
+// Leaves a connection to the destructors of static objects, and exits.
+int s_exitWithConnection() {
+  s_longLived = std::make_unique<Connection>("mysql");
+  run(*s_longLived, "select 1");
+  std::exit(3);  // NOLINT(concurrency-mt-unsafe): the child has one thread
+}
+
+TEST_F(HandleTest, AConnectionMayBeDestroyedWithTheStaticObjects) {
+  EXPECT_EQ(statusOfChild(&s_exitWithConnection), 3);
+}
+
+// A second server, one that speaks TLS, behind a relay.
+class TlsTest : public DatabaseTest {
+ protected:
+  void SetUp() override {
+    DatabaseTest::SetUp();
+    const std::string make =
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=test -out " + m_certificate +
+        " -keyout " + m_key + " 2>/dev/null";
+    // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe): one thread; the words are ours
+    ASSERT_EQ(std::system(make.c_str()), 0) << make;
+    LocalServer::Options start;
+    start.bufferPool = 64ULL * 1024 * 1024;
+    start.durable = false;
+    start.arguments = {"--innodb-log-file-size=8M", "--ssl-cert=" + m_certificate,
+                       "--ssl-key=" + m_key};
+    m_server.start(start);
+    m_relay = std::make_unique<Testing::SocketRelay>(server().directory() + "/tls.sock",
+                                                     m_server.socketPath());
+    m_options = std::make_unique<Testing::TestServer::OptionFile>(
+        server(), "[client]\nsocket=" + m_relay->path() + "\nuser=" + callerName() +
+                      "\nssl-ca=" + m_certificate + "\n");
+  }
+  void TearDown() override { m_server.stop(); }
+
+  std::string m_certificate = server().directory() + "/certificate.pem";
+  std::string m_key = server().directory() + "/key.pem";
+  LocalServer m_server{server().directory() + "/tls"};
+  std::unique_ptr<Testing::SocketRelay> m_relay;
+  std::unique_ptr<Testing::TestServer::OptionFile> m_options;
+};
+
+TEST_F(TlsTest, AnEncryptedConnectionEndsAsQuietlyAsAnyOther) {
+  // In a child of its own, which has used TLS not yet.
+  EXPECT_EQ(statusOfChild(&s_exitWithConnection), 3);
+
+  signal(SIGPIPE, &s_onPipe);
+  auto connection = std::make_unique<Connection>("mysql");
+  EXPECT_THAT(run(*connection, "show status like 'Ssl_cipher'").at(0).at(1), Not(IsEmpty()));
+  EXPECT_EQ(statusOfChild([&connection] {
+              connection.reset();
+              return 0;
+            }),
+            0);
+  run(*connection, "select 1", false);
+  Connection direct(SocketAddress::unixPath(m_server.socketPath()), "mysql");
+  const std::string find =
+      "select 1 from information_schema.processlist where id=" + std::to_string(connection->id());
+  ASSERT_EQ(run(direct, find).size(), 1U);
+
+  const auto toServer = Testing::SocketRelay::Direction::ToServer;
+  const std::size_t before = m_relay->passed(toServer);
+  m_relay->hold(true);
+  const auto start = std::chrono::steady_clock::now();
+  connection.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  for (int i = 0; i < 500 && !run(direct, find).empty(); ++i) usleep(10000);
+  EXPECT_THAT(run(direct, find), IsEmpty());
+  EXPECT_EQ(m_relay->passed(toServer), before);
+  EXPECT_EQ(s_pipeSignals, 0);
+  signal(SIGPIPE, SIG_DFL);
 }
 
 TEST_F(HandleTest, ABrokenConnectionRaisesNoSignal) {
@@ -119,9 +207,9 @@ TEST_F(HandleTest, ABrokenConnectionRaisesNoSignal) {
   EXPECT_EQ(statusOfChild([] {
               signal(SIGPIPE, SIG_DFL);
               Connection connection(s_name);
-              Connection idle(s_name);
+              Connection killed(s_name);
               Connection killer(s_name);
-              run(killer, "kill " + std::to_string(idle.id()));
+              run(killer, "kill " + std::to_string(killed.id()));
               // Its parent alone can collect it.
               ::kill(server().pid(), SIGKILL);
               usleep(100000);

@@ -1,15 +1,22 @@
 // Tests of the store handle.
 #include "AddressMapDb.h"
 
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
 #include <type_traits>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "local/ServerProcess.h"
 #include "map/AddressMapDbImpl.h"
 #include "map/FakeStore.h"
 #include "support/Caught.h"
 #include "support/MapDatabase.h"
+#include "support/SocketRelay.h"
 
 namespace Tessel {
 namespace {
@@ -95,6 +102,30 @@ TEST_F(AddressMapDbOnServer, OpeningWithPreloadReadsTheMaskTableAndThenTheAliasT
 TEST_F(AddressMapDbOnServer, OpeningWithoutPreloadAsksNothing) {
   EXPECT_THAT(statementsOf([] { const AddressMapDb store(AddressMapDb::MySQL, false); }),
               IsEmpty());
+}
+
+TEST_F(AddressMapDbOnServer, TheEndOfAStoreRunsNoSqlAndWaitsForNothing) {
+  Testing::TestServer& server = Testing::TestServer::shared();
+  Testing::SocketRelay relay(server.directory() + "/relay.sock", server.socketPath());
+  const Testing::TestServer::OptionFile options(
+      server, "[client]\nsocket=" + relay.path() + "\nuser=" + callerName() + "\n");
+  auto store = std::make_unique<AddressMapDb>(AddressMapDb::MySQL, true);
+  const auto open = [] {
+    return sql("select * from information_schema.processlist where db = 'ts_address_map'").size();
+  };
+  ASSERT_EQ(open(), 1U);
+  const std::vector<std::string> before = relay.statements();
+  ASSERT_EQ(before.size(), 4U) << "the set-up of the session and three preloads";
+  relay.hold(true);
+  const auto start = std::chrono::steady_clock::now();
+  store.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  // The server notices the end behind whatever was sent before it.
+  for (int i = 0; i < 500 && open() != 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(open(), 0U);
+  EXPECT_EQ(relay.statements(), before);
 }
 
 TEST_F(AddressMapDbOnServer, AFailedPreloadLeavesTheConstructorUnchanged) {
