@@ -5,6 +5,7 @@
 #include <mysqld_error.h>
 
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "database/ConnectionImpl.h"
@@ -204,7 +205,12 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
       if (answer.result != nullptr) return answer;
     }
   }
-  answer.facts = m_handle->lastError(text);
+  try {
+    answer.facts = m_handle->lastError(text);
+  } catch (const std::bad_alloc&) {
+    m_handle.reset();  // Rows that found no room are still on their way.
+    throw;
+  }
   if (!isConnectionLoss(answer.facts.number)) refuse(place, text);
   const std::chrono::seconds limit(mysql->options.read_timeout);
   answer.timedOut = limit.count() != 0 && Clock::now() - start >= limit - s_timeoutSlack;

@@ -244,6 +244,7 @@ bool Handle::inTransaction() const noexcept {
 }
 
 Error::Facts Handle::lastError(std::string_view statement) const {
+  if (mysql_errno(m_mysql) == CR_OUT_OF_MEMORY) throw std::bad_alloc();
   return {mysql_errno(m_mysql), mysql_sqlstate(m_mysql), mysql_error(m_mysql), statement, false};
 }
 

@@ -59,7 +59,8 @@ class Handle {
   [[nodiscard]] bool inTransaction() const noexcept;
 
   [[nodiscard]] SocketAddress peerAddress() const;
-  // The failure that the client library has on record for this connection.
+  // The failure that the client library has on record for this connection. Throws std::bad_alloc
+  // when it is a lack of memory.
   [[nodiscard]] Error::Facts lastError(std::string_view statement) const;
 
  private:

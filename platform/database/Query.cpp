@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <locale>
+#include <new>
 
 #include "database/ConnectionImpl.h"
 #include "database/Error.h"
@@ -52,12 +53,14 @@ void Query::Buffer::grow(std::size_t more) {
   const std::size_t at = position();
   const auto size = static_cast<std::size_t>(epptr() - pbase());
   const std::size_t wanted = std::max(2 * size, at + more);
+  m_lacksMemory = true;  // Unless the next lines come through.
   if (m_heap.empty()) {
     m_heap.resize(wanted);
     std::memcpy(m_heap.data(), m_start.data(), std::max(at, m_highest));
   } else {
     m_heap.resize(wanted);
   }
+  m_lacksMemory = false;
   place(m_heap.data(), m_heap.size(), at);
 }
 
@@ -87,6 +90,7 @@ Query::Buffer::pos_type Query::Buffer::seekoff(off_type offset, std::ios_base::s
   if (from == std::ios_base::end) target += static_cast<off_type>(m_highest);
   if (target < 0 || static_cast<std::size_t>(target) > m_highest) return failed;
   place(pbase(), static_cast<std::size_t>(epptr() - pbase()), static_cast<std::size_t>(target));
+  m_lacksMemory = false;
   return {target};
 }
 
@@ -110,6 +114,7 @@ std::string_view Query::statement() const noexcept {
 void Query::execute() {
   const std::string_view text = statement();
   if (fail()) {
+    if (m_buffer.lacksMemory()) throw std::bad_alloc();
     throw Error(
         s_context, s_file, 125,
         {CR_UNKNOWN_ERROR, "HY000",

@@ -40,8 +40,9 @@ class TSL_EXPORT Query : public std::ostream {
   // Sends the statement and takes in the whole answer, calling the parser. The text stays as it is.
   // Throws Error: what the server answered; a lost connection, where Error::outcomeUnknown() tells
   // whether the statement may have been carried out; number 1065 when the text is empty, 2000 when
-  // an insertion into this stream failed, so that the text is not whole (nothing is sent then; call
-  // clear() and write it anew). What the parser throws passes through.
+  // an insertion into this stream failed, so that the text is not whole. Throws std::bad_alloc when
+  // it failed for lack of memory: a stream takes that for a bad state and goes on. Nothing is sent
+  // in either case; call clear() and write it anew. What the parser throws passes through.
   void execute();
 
   // The statement as it would be sent now. Valid until something is written.
@@ -56,6 +57,8 @@ class TSL_EXPORT Query : public std::ostream {
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
     [[nodiscard]] std::string_view text() const noexcept;
+    // True when there was no memory for what was last written.
+    [[nodiscard]] bool lacksMemory() const noexcept { return m_lacksMemory; }
 
    protected:
     int_type overflow(int_type c) override;
@@ -73,6 +76,7 @@ class TSL_EXPORT Query : public std::ostream {
     std::array<char, 384> m_start;
     std::string m_heap;         // In use once the text outgrew m_start.
     std::size_t m_highest = 0;  // End of the text written so far, as of the last seek.
+    bool m_lacksMemory = false;
   };
 
   Buffer m_buffer;

@@ -3,7 +3,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <map>
+#include <memory>
 #include <new>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -73,39 +76,58 @@ void operator delete[](void* memory, std::size_t) noexcept {
 namespace Tessel {
 namespace {
 
+// As long as addresses may be: most statements with them outgrow the room that a query has without
+// asking for memory.
+std::string s_longDomain() {
+  std::string domain;
+  for (const char letter : {'a', 'b', 'c'}) domain += std::string(60, letter) + '.';
+  return domain + "example";
+}
+const std::string s_domain = s_longDomain();
+const std::string s_team = "team@" + s_domain;
+const std::string s_bob = std::string(60, 'b') + "@" + s_domain;
+const std::string s_members = s_bob + ",carl@" + s_domain;
+const std::string s_private = std::string(60, 'p') + "@" + s_domain;
+const std::string s_quotes = std::string(60, '\'') + "@" + s_domain;  // Escaped, twice as many.
+const std::string s_public = std::string(60, 'q') + "@" + s_domain;
+
 class WithoutMemory : public Testing::MapDatabase {
  protected:
   void SetUp() override {
     MapDatabase::SetUp();
-    addAlias("team@d.example", "bob@d.example,carl@d.example");
-    sql("insert into ts_address_map.mask values( 'p@d.example','q@e.example' )");
+    addAlias(s_team, s_members);
+    addAlias("b@" + s_domain, s_bob);
+    sql("insert into ts_address_map.mask values( '" + s_private + "','" + s_public + "' )");
     m_map = tsl_address_alias_create();
     ASSERT_NE(m_map, nullptr);
-    m_team = tsl_emailaddress_parse("team@d.example");
-    m_bob = tsl_emailaddress_parse("bob@d.example");
-    m_private = tsl_emailaddress_parse("p@d.example");
-    m_public = tsl_emailaddress_parse("q@e.example");
+    m_team = tsl_emailaddress_parse(s_team.c_str());
+    m_bob = tsl_emailaddress_parse(s_bob.c_str());
+    m_quotes = tsl_emailaddress_parse(s_quotes.c_str());
+    m_private = tsl_emailaddress_parse(s_private.c_str());
+    m_public = tsl_emailaddress_parse(s_public.c_str());
     m_path = Testing::TestServer::shared().directory() + "/lines";
   }
   void TearDown() override {
-    for (tsl_emailaddress address : {m_team, m_bob, m_private, m_public}) {
+    for (tsl_emailaddress address : {m_team, m_bob, m_quotes, m_private, m_public}) {
       tsl_emailaddress_destroy(address);
     }
     tsl_address_alias_destroy(m_map);
   }
 
   // Runs `call` with its first allocation failing, then its second, and so on, until it comes
-  // through without one failing. It returns whether its result is whole, which a call that met a
-  // failure and did not throw may only be when it could do without that memory. After each failure
-  // the store must answer.
-  void failEachAllocation(const std::function<bool()>& call) {
+  // through without one failing, each time behind `prepare`. It returns whether its result is
+  // whole, which it must be where it does not throw: the call did without that memory. After each
+  // failure the store must answer.
+  void failEachAllocation(
+      const std::function<bool()>& call, const std::function<void()>& prepare = [] {}) {
     long thrown = 0;
     long count = 0;
     for (bool failed = true; failed; ++count) {
       ASSERT_LT(count, 100000);
+      prepare();
       s_failed = false;
       s_left = count;
-      bool whole = false;
+      bool whole = true;
       try {
         whole = call();
       } catch (const std::bad_alloc&) {
@@ -113,9 +135,7 @@ class WithoutMemory : public Testing::MapDatabase {
       }
       s_left = -1;
       failed = s_failed;
-      if (!failed) {
-        EXPECT_TRUE(whole) << "without a failure";
-      }
+      EXPECT_TRUE(whole) << "allocation " << count << (failed ? " failed" : " was not needed");
       expectUsable(count);
       if (HasFailure()) return;
     }
@@ -136,6 +156,7 @@ class WithoutMemory : public Testing::MapDatabase {
   tsl_address_map m_map = nullptr;
   tsl_emailaddress m_team = nullptr;
   tsl_emailaddress m_bob = nullptr;
+  tsl_emailaddress m_quotes = nullptr;
   tsl_emailaddress m_private = nullptr;
   tsl_emailaddress m_public = nullptr;
   std::string m_path;
@@ -151,7 +172,7 @@ TEST_F(WithoutMemory, AliasCreate) {
 }
 
 TEST_F(WithoutMemory, AliasAdd) {
-  const tsl_address_alias_entry entry{m_team, "bob@d.example,carl@d.example"};
+  const tsl_address_alias_entry entry{m_team, s_members.c_str()};
   failEachAllocationOf([&] { return tsl_address_alias_add(m_map, &entry, nullptr); });
 }
 
@@ -171,8 +192,8 @@ TEST_F(WithoutMemory, AliasEraseMemberUser) {
 TEST_F(WithoutMemory, AliasFindNeverReturnsHalfOfAnEntry) {
   failEachAllocation([&] {
     tsl_address_alias_entry* found = tsl_address_alias_find(m_map, m_team, nullptr);
-    const bool whole = found != nullptr && found->name != nullptr &&
-                       std::string_view(found->members) == "bob@d.example,carl@d.example";
+    const bool whole =
+        found != nullptr && found->name != nullptr && std::string_view(found->members) == s_members;
     EXPECT_TRUE(whole || found == nullptr);
     tsl_address_alias_entry_destroy(found);
     return whole;
@@ -180,9 +201,9 @@ TEST_F(WithoutMemory, AliasFindNeverReturnsHalfOfAnEntry) {
 }
 
 TEST_F(WithoutMemory, AliasFindByDomainNeverReturnsPartOfAList) {
-  addAlias("b@d.example", "x@d.example");
   failEachAllocation([&] {
-    tsl_address_alias_list list = tsl_address_alias_find_by_domain(m_map, "d.example", nullptr);
+    tsl_address_alias_list list =
+        tsl_address_alias_find_by_domain(m_map, s_domain.c_str(), nullptr);
     const bool whole = list != nullptr && list[0].name != nullptr && list[1].name != nullptr;
     EXPECT_TRUE(whole || list == nullptr);
     tsl_address_alias_list_destroy(list);
@@ -210,27 +231,89 @@ TEST_F(WithoutMemory, AliasFiles) {
 
 TEST_F(WithoutMemory, AliasTables) {
   failEachAllocation([] {
-    try {
-      tsl_address_alias_table_create("sales");
-      return true;
-    } catch (const Exception&) {
-      return false;
-    }
+    tsl_address_alias_table_create("sales");
+    return true;
   });
-  failEachAllocation([] {
-    sql("create table if not exists ts_address_map.alias_sales ( a int )");
-    try {
-      tsl_address_alias_table_erase("sales");
-      return true;
-    } catch (const Exception&) {
-      return false;
-    }
+  failEachAllocation(
+      [] {
+        tsl_address_alias_table_erase("sales");
+        return true;
+      },
+      [] { sql("create table if not exists ts_address_map.alias_sales ( a int )"); });
+}
+
+TEST_F(WithoutMemory, ATableWithALongName) {
+  const std::string table(57, 't');
+  const char* const name = table.c_str();
+  tsl_address_alias_table_create(name);
+  const tsl_address_alias_entry entry{m_quotes, s_bob.c_str()};
+  ASSERT_EQ(tsl_address_alias_add(m_map, &entry, name), 0);
+  failEachAllocation([&] {
+    tsl_address_alias_entry* found = tsl_address_alias_find(m_map, m_quotes, name);
+    const bool whole = found != nullptr;
+    tsl_address_alias_entry_destroy(found);
+    return whole;
   });
+  failEachAllocation([&] {
+    tsl_address_alias_list found = tsl_address_alias_find_by_domain(m_map, "*", name);
+    const bool whole = found != nullptr;
+    tsl_address_alias_list_destroy(found);
+    return whole;
+  });
+  failEachAllocationOf([&] { return tsl_address_alias_erase(m_map, m_quotes, name); });
+}
+
+TEST_F(WithoutMemory, LookupsOfTheClassesNeverAnswerNone) {
+  std::unique_ptr<AddressMapDb> store;
+  const auto open = [&] { store = std::make_unique<AddressMapDb>(AddressMapDb::MySQL, true); };
+  const auto stay = [] {};
+  const EmailAddress team = address(s_team);
+  // More than a cache holds: of the two below, the first and the last by text, one is in the table
+  // only.
+  std::string rows;
+  for (int i = 0; i < 1100; ++i) {
+    const std::string number = std::to_string(i);
+    rows += (i == 0 ? "( 'p" : ",( 'p") + number + "@d.example','q" + number + "@e.example' )";
+  }
+  sql("insert into ts_address_map.mask values " + rows);
+  sql("insert into ts_address_map.mask values( '*@w.example','*@x.example' )");
+  // First in the table, then in the cache.
+  for (const std::function<void()>& prepare : {std::function<void()>(open), {stay}}) {
+    failEachAllocation([&] { return store->aliasDb("").expandAlias(team).size() == 2; }, prepare);
+    failEachAllocation(
+        [&] {
+          std::set<EmailAddress> names;
+          store->aliasDb("").getAliasNames(names);
+          return names.size() == 2;
+        },
+        prepare);
+    for (const std::string number : {"0", "999"}) {
+      const EmailAddress inside = address("p" + number + "@d.example");
+      const EmailAddress outside = address("q" + number + "@e.example");
+      failEachAllocation([&] { return store->maskDb("").findPublicAddress(inside) == outside; },
+                         prepare);
+      failEachAllocation([&] { return store->maskDb("").findPrivateAddress(outside) == inside; },
+                         prepare);
+    }
+    failEachAllocation(
+        [&] {
+          return store->maskDb("").findPublicAddress(address("a@w.example")) ==
+                 address("a@x.example");
+        },
+        prepare);
+    failEachAllocation(
+        [&] {
+          std::map<EmailAddress, EmailAddress> entries;
+          store->maskDb("").findByMaskedDomain("w.example", entries);
+          return entries.size() == 1;
+        },
+        prepare);
+  }
 }
 
 TEST_F(WithoutMemory, OpeningATable) {
   tsl_address_alias_table_create("sales");
-  const tsl_address_alias_entry entry{m_team, "bob@d.example"};
+  const tsl_address_alias_entry entry{m_team, s_bob.c_str()};
   failEachAllocationOf([&] { return tsl_address_alias_add(m_map, &entry, "sales"); });
 }
 

@@ -88,6 +88,9 @@ class DatabaseTest : public testing::Test {
  protected:
   static constexpr char s_name[] = "tsl_test";
 
+  // Fixtures may hold connections.
+  static void SetUpTestSuite() { server(); }
+
   void SetUp() override {
     if (server().pid() == 0) server().restart();
     sql("drop database if exists tsl_test");

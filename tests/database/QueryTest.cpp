@@ -1,9 +1,15 @@
 // Query: what counts as the statement, and what reaches the server.
 #include "database/Query.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <fstream>
 #include <locale>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "database/DatabaseTest.h"
 
@@ -104,6 +110,57 @@ TEST_F(QueryTest, AStatementThatIsNotWholeIsNotSent) {
   EXPECT_EQ(got->number(), 2000U);
   EXPECT_THAT(log.statementsSince(), IsEmpty());
 }
+
+// The sanitizers reserve more than all the memory there is.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Status of a child in which `call` has 32 MB of memory left: 7 when it throws std::bad_alloc and
+// the connection can be used afterwards.
+template <class Call>
+int s_shortOfMemory(Connection& connection, Call call) {
+  return statusOfChild([&] {
+    run(connection, "select 1");
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit limit{};
+    getrlimit(RLIMIT_AS, &limit);
+    const rlim_t before = std::exchange(
+        limit.rlim_cur, static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE)) + 32UL * 1024 * 1024);
+    setrlimit(RLIMIT_AS, &limit);
+    try {
+      call();
+    } catch (const std::bad_alloc&) {
+      limit.rlim_cur = before;
+      setrlimit(RLIMIT_AS, &limit);
+      return value(connection, "select 3", false) == "3" ? 7 : 2;
+    } catch (const Error&) {
+      return 1;
+    }
+    return 0;
+  });
+}
+
+TEST_F(QueryTest, AStatementThatDoesNotFitInMemoryThrowsAndIsNotSent) {
+  Testing::GeneralLog log(server());
+  EXPECT_EQ(s_shortOfMemory(m_connection,
+                            [&] {
+                              Query query(m_connection, nullptr, true);
+                              query << "delete from tsl_test.t";
+                              const std::string text(1024UL * 1024, ' ');
+                              for (int i = 0; i < 64; ++i) query << text;
+                              query.execute();
+                            }),
+            7);
+  EXPECT_THAT(log.statementsSince(), ElementsAre("select 1", "select 3"));
+}
+
+TEST_F(QueryTest, AResultThatDoesNotFitInMemoryIsNoErrorOfTheDatabase) {
+  EXPECT_EQ(
+      s_shortOfMemory(
+          m_connection,
+          [&] { run(m_connection, "select repeat('x', 1000) from tsl_test.seq_1_to_200000"); }),
+      7);
+}
+#endif
 
 TEST_F(QueryTest, NumbersAreWrittenWithoutTheProgramsLocale) {
   struct Grouping : std::numpunct<char> {
