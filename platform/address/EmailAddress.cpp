@@ -9,6 +9,7 @@
 #include "address/EmailAddressGrammar.h"
 #include "address/EmailAddressParser.h"
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 
 namespace Tessel {
 
@@ -18,8 +19,8 @@ namespace {
 constexpr int s_errorCode = 4;
 constexpr const char* s_errorFile = "EmailAddress";
 
-[[noreturn]] void s_throw(const char* context, int line, const EmailAddressFault& fault,
-                          std::string_view text) {
+[[noreturn]] void s_throw(const char* context, const EmailAddressFault& fault,
+                          std::string_view text, int line = sourceLine()) {
   throw Exception(Exception(context, s_errorCode, s_errorFile, line)
                       .stringParameter(emailAddressFaultDetail(fault, text)));
 }
@@ -68,7 +69,7 @@ EmailAddress EmailAddress::rfc5321Parse(std::string_view text, bool allowNoDomai
   if (text.empty()) return {};
   EmailAddressParts parts;
   if (const EmailAddressFault fault = emailAddressReadMailbox(text, allowNoDomain, parts)) {
-    s_throw("EmailAddress::rfc5321Parse", 101, fault, text);
+    s_throw("EmailAddress::rfc5321Parse", fault, text);
   }
   return {parts.local, parts.domain};
 }
@@ -79,7 +80,7 @@ EmailAddress EmailAddress::rfc5322Parse(std::string_view text, bool allowNoDomai
   if (reader.isBlank()) return {};
   EmailAddressParts parts;
   if (!reader.readSingle(parts)) {
-    s_throw("EmailAddress::rfc5322Parse", 112, reader.fault(), emailAddressTrimmed(text));
+    s_throw("EmailAddress::rfc5322Parse", reader.fault(), emailAddressTrimmed(text));
   }
   return {parts.local, parts.domain};
 }
@@ -94,7 +95,7 @@ std::set<EmailAddress> EmailAddress::rfc5322ParseSet(std::string_view text, bool
     addresses.insert(addresses.end(), EmailAddress(parts.local, parts.domain));
   }
   if (reader.fault()) {
-    s_throw("EmailAddress::rfc5322ParseSet", 127, reader.fault(), reader.faultyItem());
+    s_throw("EmailAddress::rfc5322ParseSet", reader.fault(), reader.faultyItem());
   }
   return addresses;
 }
@@ -105,7 +106,7 @@ EmailAddress EmailAddress::create(std::string_view local, std::string_view domai
   domain = emailAddressTextUntilNul(domain);
   if (local.empty() && domain.empty()) return {};
   if (const EmailAddressFault fault = s_createFault(local, domain, allowNoDomain)) {
-    s_throw("EmailAddress::create", 138, fault, std::string(local) + "@" + std::string(domain));
+    s_throw("EmailAddress::create", fault, std::string(local) + "@" + std::string(domain));
   }
   return {local, domain};
 }

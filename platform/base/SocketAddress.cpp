@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 
 namespace Tessel {
 
@@ -21,7 +22,7 @@ namespace {
 // Longest path that fits sockaddr_un with its final NUL.
 constexpr std::size_t s_maxPath = sizeof(sockaddr_un::sun_path) - 1;
 
-[[noreturn]] void s_fail(const char* context, int line, const std::string& detail) {
+[[noreturn]] void s_fail(const char* context, const std::string& detail, int line = sourceLine()) {
   throw Exception(context, 4, "SocketAddress", line).stringParameter(detail);
 }
 
@@ -37,16 +38,16 @@ SocketAddress SocketAddress::ip(const std::string& host, std::uint16_t port) {
   hints.ai_flags = AI_NUMERICHOST;
   addrinfo* found = nullptr;
   if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
-    s_fail("SocketAddress::ip", __LINE__, "Not a numeric IP address: " + host);
+    s_fail("SocketAddress::ip", "Not a numeric IP address: " + host);
   }
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
   return {found->ai_family == AF_INET6 ? Family::IPv6 : Family::IPv4, host, port};
 }
 
 SocketAddress SocketAddress::unixPath(const std::string& path) {
-  if (path.empty()) s_fail("SocketAddress::unixPath", __LINE__, "Empty socket path");
+  if (path.empty()) s_fail("SocketAddress::unixPath", "Empty socket path");
   if (path.size() > s_maxPath) {
-    s_fail("SocketAddress::unixPath", __LINE__,
+    s_fail("SocketAddress::unixPath",
            "Socket path longer than " + std::to_string(s_maxPath) + " bytes: " + path);
   }
   return {Family::Unix, path, 0};
@@ -57,7 +58,7 @@ SocketAddress SocketAddress::peerOf(int descriptor) {
   socklen_t length = sizeof(storage);
   auto* address = reinterpret_cast<sockaddr*>(&storage);
   if (getpeername(descriptor, address, &length) != 0) {
-    s_fail("SocketAddress::peerOf", __LINE__, std::generic_category().message(errno));
+    s_fail("SocketAddress::peerOf", std::generic_category().message(errno));
   }
   if (storage.ss_family == AF_UNIX) {
     return unixPath(reinterpret_cast<const sockaddr_un*>(&storage)->sun_path);
@@ -66,7 +67,7 @@ SocketAddress SocketAddress::peerOf(int descriptor) {
   std::array<char, NI_MAXSERV> port{};
   const int result = getnameinfo(address, length, host.data(), host.size(), port.data(),
                                  port.size(), NI_NUMERICHOST | NI_NUMERICSERV);
-  if (result != 0) s_fail("SocketAddress::peerOf", __LINE__, gai_strerror(result));
+  if (result != 0) s_fail("SocketAddress::peerOf", gai_strerror(result));
   return ip(host.data(), static_cast<std::uint16_t>(std::stoi(port.data())));
 }
 

@@ -10,12 +10,12 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_context[] = "CMF::ApsGwServerCache";
+constexpr Place s_place{"CMF::ApsGwServerCache", "ApsGwServerCache"};
 
 const ApsGwServerRecord& s_checked(const ApsGwServerRecord& record, const std::string& path) {
   // The domain is read up to its NUL, so a damaged record must not be without one.
   if (record.domain[s_maxDomain] != '\0') {
-    fail(s_context, "The configuration in " + path + " holds a malformed server record");
+    fail(s_place, "The configuration in " + path + " holds a malformed server record");
   }
   return record;
 }
@@ -66,13 +66,13 @@ std::vector<ApsGwServerRecord> ApsGwServerCache::domains() const {
   int result = mdb_cursor_get(cursor.get(), &key, &value, MDB_SET_RANGE);
   while (result == 0 && first.sameTable(key.mv_data, key.mv_size)) {
     if (!isRecord(value, sizeof(ApsGwServerRecord))) {
-      fail(s_context, "The configuration in " + path + " holds a malformed server record");
+      fail(s_place, "The configuration in " + path + " holds a malformed server record");
     }
     records.push_back(s_checked(*static_cast<const ApsGwServerRecord*>(value.mv_data), path));
     result = mdb_cursor_get(cursor.get(), &key, &value, MDB_NEXT);
   }
   if (result != 0 && result != MDB_NOTFOUND) {
-    failWith(s_context, "Cannot read the configuration", path, result);
+    failWith(s_place, "Cannot read the configuration", path, result);
   }
   return records;
 }

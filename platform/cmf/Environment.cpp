@@ -26,8 +26,8 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_openContext[] = "CMF::Environment::open";
-constexpr char s_readContext[] = "CMF::Environment::read";
+constexpr Place s_openPlace{"CMF::Environment::open", "Environment"};
+constexpr Place s_readPlace{"CMF::Environment::read", "Environment"};
 
 // Snapshots that may be held at the same time on the whole host. A slot costs 64 bytes of lock.mdb;
 // a snapshot is held for microseconds, so this is far more than all mail-server threads need.
@@ -62,7 +62,7 @@ Registry& s_list() {
     s_registry.store(new Registry);
     return ::pthread_atfork(nullptr, nullptr, &s_startAsChild) == 0;
   }();
-  if (!s_prepared) fail(s_openContext, "No memory to register the fork handler");
+  if (!s_prepared) fail(s_openPlace, "No memory to register the fork handler");
   return *s_registry.load();
 }
 
@@ -83,9 +83,9 @@ std::shared_ptr<Environment> s_open(Open& open, const std::string& path,
   s_closeUnused(open);
   for (const auto& one : open) {
     if (one->identity().sameLock(identity)) {
-      fail(s_openContext, "data.mdb in " + path +
-                              " was replaced beside a lock.mdb in use: replace whole folders only,"
-                              " and start this program again");
+      fail(s_openPlace, "data.mdb in " + path +
+                            " was replaced beside a lock.mdb in use: replace whole folders only,"
+                            " and start this program again");
     }
   }
   auto environment = std::make_shared<Environment>(path, identity, writable);
@@ -103,7 +103,7 @@ std::shared_ptr<Environment> s_obtain(Open& open, const std::string& path, bool 
       environment.reset();
       s_closeUnused(open);
       if (s_find(open, identity) != nullptr) {
-        fail(s_openContext,
+        fail(s_openPlace,
              "The configuration in " + path + " is in use by this process, which may only read it");
       }
     }
@@ -111,7 +111,7 @@ std::shared_ptr<Environment> s_obtain(Open& open, const std::string& path, bool 
     environment = s_open(open, path, identity, writable);
     if (environment != nullptr) return environment;
   }
-  fail(s_openContext, "The configuration in " + path + " is being replaced: try again");
+  fail(s_openPlace, "The configuration in " + path + " is being replaced: try again");
 }
 
 }  // namespace
@@ -140,7 +140,7 @@ Environment::Environment(std::string path, const FileIdentity& identity, bool wr
     result = open(MDB_RDONLY);
   }
   if (result != 0) {
-    failWith(s_openContext, writable ? "Cannot open for writing" : "Cannot open the configuration",
+    failWith(s_openPlace, writable ? "Cannot open for writing" : "Cannot open the configuration",
              m_path, result);
   }
   clearDeadReaders();
@@ -172,26 +172,26 @@ int Environment::open(unsigned int flags) {
 void Environment::openRecords() {
   MDB_txn* txn = nullptr;
   int result = mdb_txn_begin(m_env.get(), nullptr, MDB_RDONLY, &txn);
-  if (result != 0) failWith(s_openContext, "Cannot read the configuration", m_path, result);
+  if (result != 0) failWith(s_openPlace, "Cannot read the configuration", m_path, result);
   // Here and nowhere else: LMDB wants no two threads to open a database at the same time.
   MDB_stat pages{};
   result = mdb_dbi_open(txn, nullptr, 0, &m_records);
   if (result == 0) result = mdb_stat(txn, m_records, &pages);
   mdb_txn_abort(txn);
-  if (result != 0) failWith(s_openContext, "Cannot read the configuration", m_path, result);
+  if (result != 0) failWith(s_openPlace, "Cannot read the configuration", m_path, result);
 
   // Reading behind the end of a truncated file kills the process, so what can be told is told here:
   // two header pages and the pages of the tree must be in the file. Free pages need not be.
   mdb_filehandle_t descriptor = -1;
   struct stat status {};
   if (mdb_env_get_fd(m_env.get(), &descriptor) != 0 || ::fstat(descriptor, &status) != 0) {
-    failWith(s_openContext, "Cannot examine data.mdb", m_path, errno);
+    failWith(s_openPlace, "Cannot examine data.mdb", m_path, errno);
   }
   const std::size_t needed =
       (2 + pages.ms_branch_pages + pages.ms_leaf_pages + pages.ms_overflow_pages) * pages.ms_psize;
   if (static_cast<std::size_t>(status.st_size) < needed) {
-    fail(s_openContext, "data.mdb in " + m_path +
-                            " is cut off: restore it, or remove the folder and load it anew");
+    fail(s_openPlace, "data.mdb in " + m_path +
+                          " is cut off: restore it, or remove the folder and load it anew");
   }
 }
 
@@ -201,9 +201,9 @@ const void* Environment::get(MDB_txn* txn, const Key& key, std::size_t size) con
   MDB_val value{};
   const int result = mdb_get(txn, m_records, &name, &value);
   if (result == MDB_NOTFOUND) return nullptr;
-  if (result != 0) failWith(s_readContext, "Cannot read the configuration", m_path, result);
+  if (result != 0) failWith(s_readPlace, "Cannot read the configuration", m_path, result);
   if (!isRecord(value, size)) {
-    fail(s_readContext, "The configuration in " + m_path + " holds a malformed record");
+    fail(s_readPlace, "The configuration in " + m_path + " holds a malformed record");
   }
   return value.mv_data;
 }
@@ -213,12 +213,12 @@ const MetaRecord* Environment::meta(MDB_txn* txn) const {
       static_cast<const MetaRecord*>(get(txn, Key(s_commonGroup, s_metaTable), sizeof(MetaRecord)));
   if (meta == nullptr) return nullptr;
   if (std::memcmp(meta->magic, s_formatMagic, sizeof(s_formatMagic)) != 0) {
-    fail(s_readContext, "What lies in " + m_path + " is no configuration");
+    fail(s_readPlace, "What lies in " + m_path + " is no configuration");
   }
   if (meta->version != s_formatVersion) {
-    fail(s_readContext, "The configuration in " + m_path + " has format version " +
-                            std::to_string(meta->version) + ", this program knows version " +
-                            std::to_string(s_formatVersion));
+    fail(s_readPlace, "The configuration in " + m_path + " has format version " +
+                          std::to_string(meta->version) + ", this program knows version " +
+                          std::to_string(s_formatVersion));
   }
   return meta;
 }

@@ -18,8 +18,8 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_openContext[] = "CMF::Environment::open";
-constexpr char s_createContext[] = "CMF::Environment::create";
+constexpr Place s_openPlace{"CMF::Environment::open", "EnvironmentFiles"};
+constexpr Place s_createPlace{"CMF::Environment::create", "EnvironmentFiles"};
 constexpr char s_defaultPath[] = "/var/lib/tsl/cmf";
 
 // Address space, not memory and not disk: the file grows as it is needed. 16 GiB hold more than 100
@@ -53,7 +53,7 @@ void s_createFolder(const std::string& path) {
     if (slash + 1 < path.size()) ::mkdir(path.substr(0, slash).c_str(), s_parentMode);
   }
   if (::mkdir(path.c_str(), s_folderMode) == 0 || errno == EEXIST) return;
-  failWith(s_createContext, "Cannot create the folder", path, errno);
+  failWith(s_createPlace, "Cannot create the folder", path, errno);
 }
 
 // Deliberate: the mode is set whatever the umask says. A lock file that its readers cannot write
@@ -63,12 +63,12 @@ void s_createFile(const std::string& path, const char* name, mode_t mode) {
   const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (descriptor < 0) {
     if (errno == EEXIST) return;
-    failWith(s_createContext, std::string("Cannot create ") + name, path, errno);
+    failWith(s_createPlace, std::string("Cannot create ") + name, path, errno);
   }
   const int error = ::fchmod(descriptor, mode) == 0 ? 0 : errno;
   ::close(descriptor);
   if (error != 0) {
-    failWith(s_createContext, std::string("Cannot set the mode of ") + name, path, error);
+    failWith(s_createPlace, std::string("Cannot set the mode of ") + name, path, error);
   }
 }
 
@@ -90,8 +90,8 @@ std::size_t configuredMapSize() {
     const char* end = text + std::strlen(text);
     const auto [stop, error] = std::from_chars(text, end, mebibytes);
     if (error != std::errc{} || stop != end || mebibytes < 1 || mebibytes > s_maxMapMiB) {
-      fail(s_openContext, std::string("TSL_CMF_MAP_MIB must be a number from 1 to ") +
-                              std::to_string(s_maxMapMiB) + ": " + text);
+      fail(s_openPlace, std::string("TSL_CMF_MAP_MIB must be a number from 1 to ") +
+                            std::to_string(s_maxMapMiB) + ": " + text);
     }
   }
   return mebibytes << 20U;
@@ -101,13 +101,13 @@ FileIdentity findFiles(const std::string& path, bool mayBeEmpty) {
   struct stat data {};
   if (::stat((path + "/data.mdb").c_str(), &data) != 0) {
     const int error = errno;
-    if (error == ENOENT || error == ENOTDIR) fail(s_openContext, s_absent(path, error));
-    failWith(s_openContext, "Cannot reach data.mdb", path, error);
+    if (error == ENOENT || error == ENOTDIR) fail(s_openPlace, s_absent(path, error));
+    failWith(s_openPlace, "Cannot reach data.mdb", path, error);
   }
-  if (!S_ISREG(data.st_mode)) fail(s_openContext, "data.mdb in " + path + " is no regular file");
+  if (!S_ISREG(data.st_mode)) fail(s_openPlace, "data.mdb in " + path + " is no regular file");
   // LMDB would fill an empty file even for a reader.
   if (!mayBeEmpty && data.st_size == 0) {
-    fail(s_openContext, "data.mdb in " + path + " is empty: nothing was stored yet");
+    fail(s_openPlace, "data.mdb in " + path + " is empty: nothing was stored yet");
   }
 
   struct stat lock {};
@@ -119,10 +119,10 @@ FileIdentity findFiles(const std::string& path, bool mayBeEmpty) {
   if (error == ENOENT && s_onReadOnlyFileSystem(path)) return {data.st_dev, data.st_ino, 0, 0};
   // LMDB would create it now, owned by whoever happens to read first, who may lock out the others.
   if (error == ENOENT) {
-    fail(s_openContext, "lock.mdb is missing in " + path +
-                            ": open the configuration for writing once, as the user who owns it");
+    fail(s_openPlace, "lock.mdb is missing in " + path +
+                          ": open the configuration for writing once, as the user who owns it");
   }
-  failWith(s_openContext, "Cannot reach lock.mdb", path, error);
+  failWith(s_openPlace, "Cannot reach lock.mdb", path, error);
 }
 
 void createFiles(const std::string& path) {

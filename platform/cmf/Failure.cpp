@@ -53,12 +53,13 @@ std::string reasonOf(int result) {
   return text + s_advice(result);
 }
 
-void fail(const char* context, const std::string& detail) {
-  throw Exception(Exception(context, 4, nullptr, 0).stringParameter(detail));
+void fail(const Place& place, const std::string& detail, int line) {
+  throw Exception(Exception(place.context, 4, place.file, line).stringParameter(detail));
 }
 
-void failWith(const char* context, const std::string& what, const std::string& path, int result) {
-  fail(context, what + " in " + path + ": " + reasonOf(result));
+void failWith(const Place& place, const std::string& what, const std::string& path, int result,
+              int line) {
+  fail(place, what + " in " + path + ": " + reasonOf(result), line);
 }
 
 }  // namespace Tessel::CMF

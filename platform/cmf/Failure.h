@@ -5,14 +5,23 @@
 
 #include <string>
 
+#include "base/sourceLine.h"
+
 namespace Tessel::CMF {
 
-// Throws Exception `context`, code 4, without a source position, with `detail`.
-[[noreturn]] void fail(const char* context, const std::string& detail);
+// The operation that fails, and the source that says so.
+struct Place {
+  const char* context;
+  const char* file;
+};
+
+// Throws Exception with the context and file of `place`, code 4, the line of the call, and
+// `detail`.
+[[noreturn]] void fail(const Place& place, const std::string& detail, int line = sourceLine());
 
 // Throws as above for the LMDB result or errno value `result`: "`what` in `path`: reason".
-[[noreturn]] void failWith(const char* context, const std::string& what, const std::string& path,
-                           int result);
+[[noreturn]] void failWith(const Place& place, const std::string& what, const std::string& path,
+                           int result, int line = sourceLine());
 
 // The reason behind an LMDB result or errno value, with what to do where that is known.
 std::string reasonOf(int result);

@@ -11,7 +11,7 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_context[] = "CMF::MailUserLookup";
+constexpr Place s_place{"CMF::MailUserLookup", "MailUserLookup"};
 
 // False for names that the writer refuses and a key could not hold: none is stored.
 bool s_canBeStored(const std::string& name, std::size_t limit) {
@@ -35,8 +35,8 @@ MailUserAnswer findMailUser(const std::string& domain, const std::string& user) 
   // Every domain has this table. Without it the configuration is damaged, and "no such user" would
   // lose mail.
   if (snapshot->get<TableRecord>(Key(server->domainId, s_mailUserTable)) == nullptr) {
-    fail(s_context, "The configuration in " + snapshot->environment().path() +
-                        " has no mail users of a domain that it has");
+    fail(s_place, "The configuration in " + snapshot->environment().path() +
+                      " has no mail users of a domain that it has");
   }
   return {State::UnknownUser, MailUserDisabled};
 }

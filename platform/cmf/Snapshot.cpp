@@ -9,7 +9,7 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_context[] = "CMF::Snapshot";
+constexpr Place s_place{"CMF::Snapshot", "Snapshot"};
 
 // What `lockThread` locked in this thread.
 struct ThreadLock {
@@ -36,11 +36,11 @@ Snapshot::Snapshot(std::shared_ptr<Environment> environment)
     result = mdb_txn_begin(env, nullptr, MDB_RDONLY, &transaction);
   }
   if (result != 0) {
-    failWith(s_context, "Cannot read the configuration", m_environment->path(), result);
+    failWith(s_place, "Cannot read the configuration", m_environment->path(), result);
   }
   m_transaction.reset(transaction);
   if (m_environment->meta(transaction) == nullptr) {
-    fail(s_context,
+    fail(s_place,
          "The configuration in " + m_environment->path() + " is empty: nothing was stored yet");
   }
 }
@@ -77,7 +77,7 @@ CursorOwner openCursor(const Environment& environment, MDB_txn* transaction) {
   MDB_cursor* cursor = nullptr;
   const int result = mdb_cursor_open(transaction, environment.records(), &cursor);
   if (result != 0) {
-    failWith(s_context, "Cannot read the configuration", environment.path(), result);
+    failWith(s_place, "Cannot read the configuration", environment.path(), result);
   }
   return CursorOwner(cursor);
 }

@@ -11,6 +11,7 @@
 
 #include "TslRefcounted.h"
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 #include "cmf/cmf_query.h"
 
 namespace Tessel::CMF {
@@ -108,8 +109,9 @@ class TableQuery : public NonCopyable {
     void operator()(cmf_query* query) const noexcept { cmf_query_free(query); }
   };
 
-  [[noreturn]] static void fail(const std::string& detail = cmf_query_error()) {
-    throw Exception(Exception("CMF::TableQuery", 4, nullptr, 0).stringParameter(detail));
+  [[noreturn]] static void fail(const std::string& detail = cmf_query_error(),
+                                int line = sourceLine()) {
+    throw Exception(Exception("CMF::TableQuery", 4, "TableQuery", line).stringParameter(detail));
   }
 
   const Record& row(std::int32_t index) const {

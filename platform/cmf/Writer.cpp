@@ -15,7 +15,7 @@ namespace Tessel::CMF {
 
 namespace {
 
-constexpr char s_context[] = "CMF::Writer";
+constexpr Place s_place{"CMF::Writer", "Writer"};
 
 // Records must not hold leftover memory, so they start as zeros.
 template <class Record>
@@ -28,15 +28,15 @@ Record s_zeroed() {
 // `name` may end up in addresses, log lines and terminals, so it holds no controls and no "@".
 void s_checkName(const std::string& name, std::size_t maxSize, bool allowBlank, const char* what) {
   const std::string subject = std::string(what) + " \"" + name.substr(0, maxSize) + "\"";
-  if (name.empty()) fail(s_context, std::string(what) + " is empty");
+  if (name.empty()) fail(s_place, std::string(what) + " is empty");
   if (name.size() > maxSize) {
-    fail(s_context, subject + "... is longer than " + std::to_string(maxSize) + " octets");
+    fail(s_place, subject + "... is longer than " + std::to_string(maxSize) + " octets");
   }
   for (const char c : name) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) fail(s_context, subject + " holds a control character");
-    if (c == '@') fail(s_context, subject + " holds an \"@\"");
-    if (c == ' ' && !allowBlank) fail(s_context, subject + " holds a blank");
+    if (byte < 0x20 || byte == 0x7f) fail(s_place, subject + " holds a control character");
+    if (c == '@') fail(s_place, subject + " holds an \"@\"");
+    if (c == ' ' && !allowBlank) fail(s_place, subject + " holds a blank");
   }
 }
 
@@ -103,12 +103,12 @@ thread_local const Writer::Transaction* Writer::Transaction::t_open = nullptr;
 
 Writer::Transaction::Transaction() : m_environment(Environment::forWriting()) {
   if (t_open != nullptr && !t_open->m_environment->isInherited()) {
-    fail(s_context, "This thread has a writer already");
+    fail(s_place, "This thread has a writer already");
   }
   m_environment->clearDeadReaders();
   MDB_txn* transaction = nullptr;
   const int result = mdb_txn_begin(m_environment->handle(), nullptr, 0, &transaction);
-  if (result != 0) failWith(s_context, "Cannot start to write", m_environment->path(), result);
+  if (result != 0) failWith(s_place, "Cannot start to write", m_environment->path(), result);
   m_transaction.reset(transaction);
   m_cursor = openCursor(*m_environment, transaction);
 
@@ -119,7 +119,7 @@ Writer::Transaction::Transaction() : m_environment(Environment::forWriting()) {
     MDB_stat content{};
     mdb_stat(transaction, m_environment->records(), &content);
     if (content.ms_entries > 0) {
-      fail(s_context, "What lies in " + m_environment->path() + " is no configuration");
+      fail(s_place, "What lies in " + m_environment->path() + " is no configuration");
     }
     std::copy_n(s_formatMagic, sizeof(s_formatMagic), m_meta.magic);
     m_meta.version = s_formatVersion;
@@ -142,7 +142,7 @@ Writer::Domain Writer::Transaction::addDomain(const std::string& domain) {
   const std::string folded = foldName(domain);
   if (const KnownDomain* known = findDomain(folded); known != nullptr) return {known->id, false};
   if (m_meta.lastDomainId == std::numeric_limits<std::uint32_t>::max()) {
-    fail(s_context, "All domain identifiers are used up");
+    fail(s_place, "All domain identifiers are used up");
   }
   const std::uint32_t id = m_meta.lastDomainId + 1;
   auto record = s_zeroed<ApsGwServerRecord>();
@@ -172,7 +172,7 @@ Writer::UserResult Writer::Transaction::addUser(const std::string& domain, const
   checkOpen();
   s_checkUser(user);
   if (kind != MailUserDisabled && kind != MailUserMailbox && kind != MailUserShared) {
-    fail(s_context, "There is no kind " + std::to_string(static_cast<int>(kind)) + " of mail user");
+    fail(s_place, "There is no kind " + std::to_string(static_cast<int>(kind)) + " of mail user");
   }
   KnownDomain& known = existingDomain(domain);
   const Key key(known.id, s_mailUserTable, foldName(user));
@@ -218,16 +218,16 @@ void Writer::Transaction::commit() {
   const int result = mdb_txn_commit(m_transaction.release());
   end();
   if (result != 0) {
-    failWith(s_context, "Cannot store the configuration", m_environment->path(), result);
+    failWith(s_place, "Cannot store the configuration", m_environment->path(), result);
   }
 }
 
 void Writer::Transaction::checkOpen() const {
   if (m_environment->isInherited()) {
-    fail(s_context, "The writer belongs to the process before the fork");
+    fail(s_place, "The writer belongs to the process before the fork");
   }
   if (m_transaction == nullptr) {
-    fail(s_context, "The transaction has ended: it was committed, or a former call failed");
+    fail(s_place, "The transaction has ended: it was committed, or a former call failed");
   }
 }
 
@@ -241,7 +241,7 @@ void Writer::Transaction::end() noexcept {
 // For failures after which LMDB's transaction cannot be used.
 void Writer::Transaction::giveUp(int result) {
   end();
-  failWith(s_context, "Cannot change the configuration", m_environment->path(), result);
+  failWith(s_place, "Cannot change the configuration", m_environment->path(), result);
 }
 
 // The domain with this lower-cased name; null when there is none.
@@ -265,7 +265,7 @@ Writer::Transaction::KnownDomain* Writer::Transaction::findDomain(const std::str
 Writer::Transaction::KnownDomain& Writer::Transaction::existingDomain(const std::string& domain) {
   s_checkDomain(domain);
   KnownDomain* const known = findDomain(foldName(domain));
-  if (known == nullptr) fail(s_context, "There is no domain " + domain + ": add it first");
+  if (known == nullptr) fail(s_place, "There is no domain " + domain + ": add it first");
   return *known;
 }
 

@@ -18,7 +18,7 @@ using namespace Tessel::CMF;  // NOLINT(google-build-using-namespace): see above
 
 namespace {
 
-constexpr char s_context[] = "CMF::TableQuery";
+constexpr Place s_place{"CMF::TableQuery", "cmf_query"};
 
 // Bytes of an error text that are kept; longer ones are cut.
 constexpr std::size_t s_maxError = 1024;
@@ -45,7 +45,7 @@ Result s_guarded(Result failed, Call call) noexcept {
 }
 
 cmf_query& s_checked(cmf_query* query) {
-  if (query == nullptr) fail(s_context, "No query was given");
+  if (query == nullptr) fail(s_place, "No query was given");
   return *query;
 }
 
@@ -102,9 +102,8 @@ cmf_query::cmf_query(std::uint32_t domainId, std::uint32_t tableId)
   // Deliberate: a failure, not an empty table. Identifiers come from domains that were just found,
   // so the domain was removed meanwhile, and "no users" would lose mail.
   if (table == nullptr) {
-    fail(s_context, "There is no table " + std::to_string(tableId) +
-                        " of a domain with identifier " + std::to_string(domainId) + " in " +
-                        m_snapshot->environment().path());
+    fail(s_place, "There is no table " + std::to_string(tableId) + " of a domain with identifier " +
+                      std::to_string(domainId) + " in " + m_snapshot->environment().path());
   }
   m_count = table->count;
   m_recordSize = table->recordSize;
@@ -112,9 +111,8 @@ cmf_query::cmf_query(std::uint32_t domainId, std::uint32_t tableId)
 }
 
 void cmf_query::failUse(std::int32_t slot) const {
-  if (m_snapshot->isInherited())
-    fail(s_context, "The query belongs to the process before the fork");
-  fail(s_context, "A query has no slot " + std::to_string(slot));
+  if (m_snapshot->isInherited()) fail(s_place, "The query belongs to the process before the fork");
+  fail(s_place, "A query has no slot " + std::to_string(slot));
 }
 
 std::int32_t cmf_query::size() const {
@@ -124,14 +122,14 @@ std::int32_t cmf_query::size() const {
 
 void cmf_query::select(std::int32_t index) {
   if (index < 0 || index >= size()) {
-    fail(s_context, "There is no row " + std::to_string(index) + " in a table of " +
-                        std::to_string(m_count) + " rows");
+    fail(s_place, "There is no row " + std::to_string(index) + " in a table of " +
+                      std::to_string(m_count) + " rows");
   }
   m_selected = index;
 }
 
 const void* cmf_query::update() {
-  if (m_selected < 0) fail(s_context, "No row of the query is selected");
+  if (m_selected < 0) fail(s_place, "No row of the query is selected");
   if (m_position != m_selected) moveTo(m_selected);
   return m_row.mv_data;
 }
@@ -163,7 +161,7 @@ std::int64_t cmf_query::startNear(std::int64_t target) {
   const int result = mdb_cursor_get(m_cursor.get(), &m_foundKey, &m_row, MDB_SET_RANGE);
   if (result == 0) return m_count;
   if (result != MDB_NOTFOUND) {
-    failWith(s_context, "Cannot read the configuration", m_snapshot->environment().path(), result);
+    failWith(s_place, "Cannot read the configuration", m_snapshot->environment().path(), result);
   }
   step(MDB_LAST);
   return m_count - 1;
@@ -173,7 +171,7 @@ void cmf_query::step(MDB_cursor_op operation) {
   const int result = mdb_cursor_get(m_cursor.get(), &m_foundKey, &m_row, operation);
   if (result == MDB_NOTFOUND) failMalformed();
   if (result != 0) {
-    failWith(s_context, "Cannot read the configuration", m_snapshot->environment().path(), result);
+    failWith(s_place, "Cannot read the configuration", m_snapshot->environment().path(), result);
   }
 }
 
@@ -188,7 +186,7 @@ void cmf_query::checkRow() const {
 }
 
 void cmf_query::failMalformed() const {
-  fail(s_context,
+  fail(s_place,
        "The configuration in " + m_snapshot->environment().path() + " holds a malformed table");
 }
 

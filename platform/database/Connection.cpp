@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "base/sourceLine.h"
 #include "database/ConnectionImpl.h"
 #include "database/DbResult.h"
 #include "database/RowParser.h"
@@ -28,39 +29,42 @@ constexpr std::chrono::milliseconds s_trusted{1};
 // A wait that ends this much before the time-out still counts as one.
 constexpr std::chrono::milliseconds s_timeoutSlack{50};
 
-constexpr Place s_open{"Database::Connection", "Connection", 40};
-constexpr Place s_select{"Database::Connection::dbSelect", "Connection", 41};
-constexpr Place s_selectIfExists{"Database::Connection::dbSelectIfExists", "Connection", 42};
-constexpr Place s_delete{"Database::Connection::dbDelete", "Connection", 43};
+// Contexts of the operations, and the source that all of their errors name.
+constexpr char s_open[] = "Database::Connection";
+constexpr char s_select[] = "Database::Connection::dbSelect";
+constexpr char s_selectIfExists[] = "Database::Connection::dbSelectIfExists";
+constexpr char s_delete[] = "Database::Connection::dbDelete";
+constexpr char s_file[] = "Connection";
 
-[[noreturn]] void s_throwLostTransaction(const Place& place, Error::Facts facts) {
+[[noreturn]] void s_throwLostTransaction(const char* context, Error::Facts facts,
+                                         int line = sourceLine()) {
   if (facts.number == 0) facts.number = CR_SERVER_LOST;
   if (facts.sqlState.empty()) facts.sqlState = "HY000";
   facts.message =
       "The transaction is lost: its connection broke or the server ended it, and what it "
       "did is undone" +
       (facts.message.empty() ? "" : ": " + facts.message);
-  throw Error(place.context, place.file, place.line, facts);
+  throw Error(context, s_file, line, facts);
 }
 
-Error s_unknownOutcome(const Place& place, Error::Facts facts, bool timedOut,
-                       const Exception* cause = nullptr) {
+Error s_unknownOutcome(const char* context, Error::Facts facts, bool timedOut,
+                       const Exception* cause = nullptr, int line = sourceLine()) {
   facts.outcomeUnknown = true;
   facts.message = std::string(timedOut ? "No answer came in time"
                                        : "The connection was lost after the statement was sent") +
                   "; whether it was carried out is unknown: " + facts.message;
-  Error error(place.context, place.file, place.line, facts);
+  Error error(context, s_file, line, facts);
   if (cause != nullptr) error.cause(*cause);
   return error;
 }
 
-Error s_notSent(const Place& place, Error::Facts facts) {
+Error s_notSent(const char* context, Error::Facts facts, int line = sourceLine()) {
   facts.message = "The statement could not be sent: " + facts.message;
   if (facts.statement.size() >= s_largeStatement) {
     facts.message += "; it has " + std::to_string(facts.statement.size()) +
                      " bytes, the server's max_allowed_packet may be less";
   }
-  return {place.context, place.file, place.line, facts};
+  return {context, s_file, line, facts};
 }
 
 // Takes in and drops the results that are left, also when an exception passes.
@@ -134,17 +138,17 @@ bool Connection::Impl::isAlive() {
   return !m_handle->isDead();
 }
 
-bool Connection::Impl::mustReopen(const Place& place, std::string_view statement) {
+bool Connection::Impl::mustReopen(const char* context, std::string_view statement) {
   const bool usable = m_handle && !m_handle->isForeign() && isAlive();
   const bool hadTransaction = m_guarded || inTransaction();
   if (usable && (!m_guarded || inTransaction())) return false;
   if (!usable) m_handle.reset();
-  if (hadTransaction) s_throwLostTransaction(place, {0, {}, {}, statement, false});
+  if (hadTransaction) s_throwLostTransaction(context, {0, {}, {}, statement, false});
   return true;
 }
 
-Handle& Connection::Impl::ready(const Place& place, std::string_view statement) {
-  if (mustReopen(place, statement)) reopen(m_database);
+Handle& Connection::Impl::ready(const char* context, std::string_view statement) {
+  if (mustReopen(context, statement)) reopen(m_database);
   return *m_handle;
 }
 
@@ -164,8 +168,8 @@ std::optional<Error> Connection::Impl::reopenSelecting(const std::string& name) 
   return std::nullopt;
 }
 
-std::optional<Error> Connection::Impl::select(const std::string& name, const Place& place) {
-  if (mustReopen(place, {})) return reopenSelecting(name);
+std::optional<Error> Connection::Impl::select(const std::string& name, const char* context) {
+  if (mustReopen(context, {})) return reopenSelecting(name);
   int failed = 0;
   {
     const PipeGuard guard(m_handle->usesTls());
@@ -176,11 +180,11 @@ std::optional<Error> Connection::Impl::select(const std::string& name, const Pla
     return std::nullopt;
   }
   const Error::Facts facts = m_handle->lastError({});
-  if (facts.number == ER_BAD_DB_ERROR) return Error(place.context, place.file, place.line, facts);
-  if (!isConnectionLoss(facts.number)) throw Error(place.context, place.file, place.line, facts);
+  if (facts.number == ER_BAD_DB_ERROR) return Error(context, s_file, sourceLine(), facts);
+  if (!isConnectionLoss(facts.number)) throw Error(context, s_file, sourceLine(), facts);
   const bool hadTransaction = inTransaction();
   m_handle.reset();
-  if (hadTransaction) s_throwLostTransaction(place, facts);
+  if (hadTransaction) s_throwLostTransaction(context, facts);
   return reopenSelecting(name);
 }
 
@@ -188,7 +192,7 @@ void Connection::Impl::forget(const std::string& name) {
   if (m_database == name) m_database.clear();
 }
 
-Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const Place& place) {
+Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const char* context) {
   MYSQL* const mysql = m_handle->mysql();
   const Clock::time_point start = Clock::now();
   Answer answer;
@@ -211,7 +215,7 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
     m_handle.reset();  // Rows that found no room are still on their way.
     throw;
   }
-  if (!isConnectionLoss(answer.facts.number)) refuse(place, text);
+  if (!isConnectionLoss(answer.facts.number)) refuse(context, text);
   const std::chrono::seconds limit(mysql->options.read_timeout);
   answer.timedOut = limit.count() != 0 && Clock::now() - start >= limit - s_timeoutSlack;
   // Sent by servers that stop waiting for a statement: ours was not read.
@@ -221,7 +225,7 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
   return answer;
 }
 
-void Connection::Impl::refuse(const Place& place, std::string_view statement) {
+void Connection::Impl::refuse(const char* context, std::string_view statement) {
   const Error::Facts facts = m_handle->lastError(statement);
   // An error says nothing of the transaction, which it may have ended (a deadlock does). A
   // statement that does nothing brings the answer, so that the next one is not carried out on its
@@ -232,40 +236,40 @@ void Connection::Impl::refuse(const Place& place, std::string_view statement) {
     tellStatement(s_nothing);
     mysql_real_query(m_handle->mysql(), s_nothing.data(), s_nothing.size());
   }
-  throw Error(place.context, place.file, place.line, facts);
+  throw Error(context, s_file, sourceLine(), facts);
 }
 
-MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const Place& place) {
-  ready(place, text);
+MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const char* context) {
+  ready(context, text);
   const bool hadTransaction = inTransaction();
-  const Answer answer = attempt(text, place);
+  const Answer answer = attempt(text, context);
   if (!answer.lost) return answer.result;
   if (hadTransaction && (!answer.sent || staysInTransaction(text))) {
-    s_throwLostTransaction(place, answer.facts);
+    s_throwLostTransaction(context, answer.facts);
   }
   // A time-out is no reason to ask again: the server may still be at work on the first one.
   const bool repeatable = !hadTransaction && mayRepeat && !answer.timedOut && isRepeatable(text);
-  if (answer.sent && !repeatable) throw s_unknownOutcome(place, answer.facts, answer.timedOut);
-  return runAgain(text, answer, place);
+  if (answer.sent && !repeatable) throw s_unknownOutcome(context, answer.facts, answer.timedOut);
+  return runAgain(text, answer, context);
 }
 
 MYSQL_RES* Connection::Impl::runAgain(std::string_view text, const Answer& first,
-                                      const Place& place) {
+                                      const char* context) {
   Answer answer;
   try {
     reopen(m_database);
-    answer = attempt(text, place);
+    answer = attempt(text, context);
   } catch (const Exception& failure) {
     // Whatever failed now, the first sending may have been carried out.
     if (!first.sent) throw;
-    throw s_unknownOutcome(place, first.facts, first.timedOut, &failure);
+    throw s_unknownOutcome(context, first.facts, first.timedOut, &failure);
   }
   if (!answer.lost) return answer.result;
-  if (first.sent || answer.sent) throw s_unknownOutcome(place, answer.facts, answer.timedOut);
-  throw s_notSent(place, answer.facts);
+  if (first.sent || answer.sent) throw s_unknownOutcome(context, answer.facts, answer.timedOut);
+  throw s_notSent(context, answer.facts);
 }
 
-void Connection::Impl::takeInResults(std::string_view text, const Place& place) {
+void Connection::Impl::takeInResults(std::string_view text, const char* context) {
   MYSQL* const mysql = m_handle->mysql();
   const PipeGuard guard(m_handle->usesTls());
   while (mysql_more_results(mysql) != 0) {
@@ -275,20 +279,20 @@ void Connection::Impl::takeInResults(std::string_view text, const Place& place) 
       if (!hasRows || further) continue;
     }
     const Error::Facts facts = m_handle->lastError(text);
-    if (isConnectionLoss(facts.number)) throw s_unknownOutcome(place, facts, false);
-    throw Error(place.context, place.file, place.line, facts);
+    if (isConnectionLoss(facts.number)) throw s_unknownOutcome(context, facts, false);
+    throw Error(context, s_file, sourceLine(), facts);
   }
 }
 
 void Connection::Impl::execute(std::string_view text, RowParser* parser, Connection* owner,
-                               bool mayRepeat, const Place& place) {
-  const ResultOwner stored(run(text, mayRepeat, place), &mysql_free_result);
+                               bool mayRepeat, const char* context) {
+  const ResultOwner stored(run(text, mayRepeat, context), &mysql_free_result);
   const Drain drain(*m_handle);
   if (stored && parser != nullptr) {
     DbResult result(stored.get());
     parser->parse(owner, &result);
   }
-  takeInResults(text, place);
+  takeInResults(text, context);
 }
 
 Connection::Connection(const std::string& database)

@@ -16,13 +16,6 @@ namespace Tessel::Database {
 
 class RowParser;
 
-// Which operation an error is reported for.
-struct Place {
-  const char* context;
-  const char* file;
-  int line;
-};
-
 // One thread at a time.
 class Connection::Impl {
  public:
@@ -40,14 +33,14 @@ class Connection::Impl {
   // all further results. Sends it again after a lost connection only where that cannot change the
   // outcome. Throws Error; what the parser throws passes through.
   void execute(std::string_view text, RowParser* parser, Connection* owner, bool mayRepeat,
-               const Place& place);
+               const char* context);
   // Selects the database `name`. Returns nothing, or the error when there is none of that name.
   // Throws on any other failure.
-  std::optional<Error> select(const std::string& name, const Place& place);
+  std::optional<Error> select(const std::string& name, const char* context);
   // Forgets the selected database when it is `name`, which was dropped.
   void forget(const std::string& name);
   // The open connection, opened again where needed, for `statement`. Throws.
-  Handle& ready(const Place& place, std::string_view statement);
+  Handle& ready(const char* context, std::string_view statement);
 
   [[nodiscard]] bool inTransaction() const noexcept;
   // A Transaction object begins or ends. While it lasts, a transaction that is gone on the server's
@@ -61,16 +54,16 @@ class Connection::Impl {
   // What came of sending a statement once.
   struct Answer;
 
-  Answer attempt(std::string_view text, const Place& place);
-  MYSQL_RES* run(std::string_view text, bool mayRepeat, const Place& place);
-  MYSQL_RES* runAgain(std::string_view text, const Answer& first, const Place& place);
-  void takeInResults(std::string_view text, const Place& place);
+  Answer attempt(std::string_view text, const char* context);
+  MYSQL_RES* run(std::string_view text, bool mayRepeat, const char* context);
+  MYSQL_RES* runAgain(std::string_view text, const Answer& first, const char* context);
+  void takeInResults(std::string_view text, const char* context);
   bool isAlive();
-  bool mustReopen(const Place& place, std::string_view statement);
+  bool mustReopen(const char* context, std::string_view statement);
   void reopen(const std::string& database);
   std::optional<Error> reopenSelecting(const std::string& name);
   // Throws the error that the server answered with.
-  [[noreturn]] void refuse(const Place& place, std::string_view statement);
+  [[noreturn]] void refuse(const char* context, std::string_view statement);
 
   Target m_target;
   std::string m_database;            // Selected, or to be selected when it is opened again.

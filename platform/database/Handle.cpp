@@ -14,11 +14,15 @@
 #include <string_view>
 #include <utility>
 
+#include "base/sourceLine.h"
 #include "database/StatementObserver.h"
 
 namespace Tessel::Database {
 
 namespace {
+
+constexpr char s_context[] = "Database::Connection";
+constexpr char s_file[] = "Handle";
 
 // Seconds. An option file may change the first; the others bound how long a caller can hang on a
 // server that stopped answering.
@@ -181,7 +185,7 @@ void Handle::connect(const Target& target, const std::string& database) {
                          CLIENT_REMEMBER_OPTIONS) == nullptr) {
     Error::Facts facts = lastError({});
     facts.message += s_destination(*m_mysql, target);
-    throw Error("Database::Connection", "Handle", 166, facts);
+    throw Error(s_context, s_file, sourceLine(), facts);
   }
   m_tls = mysql_get_ssl_cipher(m_mysql) != nullptr;
 }
@@ -197,7 +201,7 @@ void Handle::enforceLimits(const Target& target) {
   constexpr auto s_unix = SocketAddress::Family::Unix;
   if (target.address &&
       (peerAddress().family() == s_unix) != (target.address->family() == s_unix)) {
-    throw Error("Database::Connection", "Handle", 183,
+    throw Error(s_context, s_file, sourceLine(),
                 {CR_CONNECTION_ERROR,
                  "HY000",
                  "The protocol that the options ask for does not fit the address" +
@@ -207,14 +211,14 @@ void Handle::enforceLimits(const Target& target) {
   }
   if ((m_mysql->client_flag & CLIENT_MULTI_STATEMENTS) == 0) return;
   if (mysql_set_server_option(m_mysql, MYSQL_OPTION_MULTI_STATEMENTS_OFF) != 0) {
-    throw Error("Database::Connection", "Handle", 180, lastError({}));
+    throw Error(s_context, s_file, sourceLine(), lastError({}));
   }
 }
 
 void Handle::setUpSession() {
   tellStatement(s_sessionSetUp);
   if (mysql_real_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) != 0) {
-    throw Error("Database::Connection", "Handle", 186, lastError(s_sessionSetUp));
+    throw Error(s_context, s_file, sourceLine(), lastError(s_sessionSetUp));
   }
 }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 
 namespace Tessel::Database {
 
@@ -18,7 +19,7 @@ namespace {
 
 constexpr char s_variable[] = "TSL_DATABASE_OPTION_FILE";
 
-[[noreturn]] void s_fail(int line, const std::string& file, const std::string& why) {
+[[noreturn]] void s_fail(const std::string& file, const std::string& why, int line = sourceLine()) {
   throw Exception(Exception("Database::Connection", 4, "OptionSource", line)
                       .stringParameter("The database option file '" + file + "', named by " +
                                        s_variable + ", " + why));
@@ -29,20 +30,19 @@ void s_examine(const std::string& file) {
   const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) {
     const std::string reason = std::generic_category().message(errno);
-    s_fail(46, file,
-           "cannot be read (" + reason +
-               "); correct the variable, or unset it to use the standard option files");
+    s_fail(file, "cannot be read (" + reason +
+                     "); correct the variable, or unset it to use the standard option files");
   }
   struct stat status {};
   const int result = fstat(descriptor, &status);
   const int error = errno;
   close(descriptor);
-  if (result != 0) s_fail(54, file, "cannot be read: " + std::generic_category().message(error));
+  if (result != 0) s_fail(file, "cannot be read: " + std::generic_category().message(error));
   if (!S_ISREG(status.st_mode)) {
-    s_fail(56, file, "is not a regular file; name a file with a [client] group");
+    s_fail(file, "is not a regular file; name a file with a [client] group");
   }
   if ((status.st_mode & S_IWOTH) != 0) {
-    s_fail(59, file, "may be written by everyone, who could name another server; chmod o-w it");
+    s_fail(file, "may be written by everyone, who could name another server; chmod o-w it");
   }
 }
 

@@ -10,6 +10,7 @@
 #include <locale>
 #include <new>
 
+#include "base/sourceLine.h"
 #include "database/ConnectionImpl.h"
 #include "database/Error.h"
 
@@ -116,16 +117,15 @@ void Query::execute() {
   if (fail()) {
     if (m_buffer.lacksMemory()) throw std::bad_alloc();
     throw Error(
-        s_context, s_file, 125,
+        s_context, s_file, sourceLine(),
         {CR_UNKNOWN_ERROR, "HY000",
          "The statement is not whole: something could not be written into it", text, false});
   }
   if (text.empty()) {
-    throw Error(s_context, s_file, 130,
+    throw Error(s_context, s_file, sourceLine(),
                 {ER_EMPTY_QUERY, "42000", "The statement is empty", {}, false});
   }
-  m_connection.m_impl->execute(text, m_parser, &m_connection, m_mayRepeat,
-                               {s_context, s_file, 134});
+  m_connection.m_impl->execute(text, m_parser, &m_connection, m_mayRepeat, s_context);
 }
 
 }  // namespace Tessel::Database

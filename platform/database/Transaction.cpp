@@ -3,6 +3,7 @@
 
 #include <mysqld_error.h>
 
+#include "base/sourceLine.h"
 #include "database/ConnectionImpl.h"
 #include "database/Error.h"
 
@@ -12,15 +13,14 @@ Transaction::Transaction(Connection& connection) : m_connection(connection) {
   Connection::Impl& impl = *connection.m_impl;
   // The server would commit the outer transaction without a word.
   if (impl.isGuarded() || impl.inTransaction()) {
-    throw Error("Database::Transaction", "Transaction", 18,
+    throw Error("Database::Transaction", "Transaction", sourceLine(),
                 {ER_CANT_CHANGE_TX_CHARACTERISTICS,
                  "25001",
                  "A transaction is open on this connection already",
                  {},
                  false});
   }
-  impl.execute("start transaction", nullptr, &connection, false,
-               {"Database::Transaction", "Transaction", 23});
+  impl.execute("start transaction", nullptr, &connection, false, "Database::Transaction");
   impl.setGuarded(true);
   m_open = true;
 }
@@ -34,11 +34,10 @@ Transaction::~Transaction() {
 void Transaction::commit() {
   Connection::Impl& impl = *m_connection.m_impl;
   if (!m_open) {
-    throw Error("Database::Transaction::commit", "Transaction", 33,
+    throw Error("Database::Transaction::commit", "Transaction", sourceLine(),
                 {ER_SP_DOES_NOT_EXIST, "42000", "The transaction is over already", {}, false});
   }
-  impl.execute("commit", nullptr, &m_connection, false,
-               {"Database::Transaction::commit", "Transaction", 37});
+  impl.execute("commit", nullptr, &m_connection, false, "Database::Transaction::commit");
   impl.setGuarded(false);
   m_open = false;
 }
@@ -50,8 +49,7 @@ void Transaction::rollback() noexcept {
   impl.setGuarded(false);
   if (!impl.inTransaction()) return;
   try {
-    impl.execute("rollback", nullptr, &m_connection, false,
-                 {"Database::Transaction::rollback", "Transaction", 50});
+    impl.execute("rollback", nullptr, &m_connection, false, "Database::Transaction::rollback");
   } catch (const std::exception&) {
     impl.drop();
   }

@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/sourceLine.h"
+
 namespace Tessel {
 namespace {
 
@@ -17,6 +19,17 @@ TEST(Exception, KeepsWhatItWasBuiltFrom) {
   EXPECT_EQ(got.line(), 17);
   EXPECT_EQ(got.stringParameter(), "");
   EXPECT_EQ(got.cause(), nullptr);
+}
+
+int s_lineOfCall(const char* /*context*/, int line = sourceLine()) {
+  return line;
+}
+
+TEST(Exception, TheLineOfTheSourceIsThatOfTheCallAlsoAsADefaultArgument) {
+  EXPECT_EQ(sourceLine(), __LINE__);
+  EXPECT_EQ(s_lineOfCall("here"), __LINE__);
+  EXPECT_EQ(s_lineOfCall("elsewhere", 7), 7);
+  static_assert(sourceLine() == __LINE__);
 }
 
 TEST(Exception, MayHaveNoFile) {

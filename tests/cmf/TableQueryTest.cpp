@@ -101,7 +101,8 @@ TEST_F(TableQueryTest, FailuresNameTheQueryAndTheReason) {
   } catch (const Exception& e) {
     EXPECT_EQ(e.context(), "CMF::TableQuery");
     EXPECT_EQ(e.code(), 4);
-    EXPECT_EQ(e.file(), nullptr);
+    EXPECT_STREQ(e.file(), "TableQuery");
+    EXPECT_GT(e.line(), 1);
     EXPECT_THAT(e.stringParameter(), HasSubstr("No configuration in " + path()));
   }
 }

@@ -35,6 +35,7 @@ TEST_F(OptionSourceTest, AMissingNamedFileIsAnErrorThatSaysWhatToDo) {
   EXPECT_EQ(got.code(), 4);
   EXPECT_EQ(got.context(), "Database::Connection");
   EXPECT_STREQ(got.file(), "OptionSource");
+  EXPECT_GT(got.line(), 1);
   EXPECT_THAT(got.stringParameter(), HasSubstr(options.path()));
   EXPECT_THAT(got.stringParameter(), HasSubstr("unset it to use the standard option files"));
 }

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 #include "database/Query.h"
 #include "database/RowParser.h"
 #include "database/db_result.h"
@@ -55,7 +56,7 @@ std::string s_makeFolder() {
   // Short: the path of a socket in it must stay under 108 bytes.
   std::string folder = "/tmp/tsl-test-XXXXXX";
   if (mkdtemp(folder.data()) == nullptr) {
-    throw Exception("TestServer", 4, "TestServer", 57).stringParameter("mkdtemp failed");
+    throw Exception("TestServer", 4, "TestServer", sourceLine()).stringParameter("mkdtemp failed");
   }
   return folder;
 }

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 #include "local/ServerProcess.h"
 
 namespace Tessel {
@@ -44,7 +45,7 @@ constexpr std::size_t s_shownLines = 8;
 constexpr char s_startContext[] = "LocalServer::start";
 constexpr char s_stopContext[] = "LocalServer::stop";
 
-[[noreturn]] void s_fail(const char* context, int line, const std::string& detail) {
+[[noreturn]] void s_fail(const char* context, const std::string& detail, int line = sourceLine()) {
   throw Exception(Exception(context, 4, "LocalServer", line).stringParameter(detail));
 }
 
@@ -62,14 +63,13 @@ class FolderLock {
       : m_descriptor(
             open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
     if (m_descriptor < 0) {
-      s_fail(context, 67,
-             "Cannot write in " + folder + ": " + std::generic_category().message(errno));
+      s_fail(context, "Cannot write in " + folder + ": " + std::generic_category().message(errno));
     }
     while (flock(m_descriptor, LOCK_EX) != 0) {
       if (errno == EINTR) continue;
       const int error = errno;
       close(m_descriptor);
-      s_fail(context, 74, "Cannot lock " + folder + ": " + std::generic_category().message(error));
+      s_fail(context, "Cannot lock " + folder + ": " + std::generic_category().message(error));
     }
   }
   ~FolderLock() { close(m_descriptor); }
@@ -81,11 +81,11 @@ class FolderLock {
 };
 
 std::string s_absolute(const std::string& directory) {
-  if (directory.empty()) s_fail("LocalServer", 87, "The name of the server's folder is empty");
+  if (directory.empty()) s_fail("LocalServer", "The name of the server's folder is empty");
   for (const char c : directory) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\'' || c == '\\') {
-      s_fail("LocalServer", 91,
+      s_fail("LocalServer",
              "The name of the server's folder must not hold quotes, backslashes or control "
              "characters: " +
                  directory);
@@ -103,14 +103,14 @@ void s_makePrivate(const std::string& folder) {
   if (!error && mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     error.assign(errno, std::generic_category());
   }
-  if (error) s_fail(s_startContext, 109, "Cannot make " + folder + ": " + error.message());
+  if (error) s_fail(s_startContext, "Cannot make " + folder + ": " + error.message());
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0 || status.st_uid != geteuid()) {
-    s_fail(s_startContext, 112,
+    s_fail(s_startContext,
            folder + " belongs to another user; name another folder, or run as that user");
   }
   if (chmod(folder.c_str(), S_IRWXU) != 0) {
-    s_fail(s_startContext, 116,
+    s_fail(s_startContext,
            "Cannot close " + folder + " to others: " + std::generic_category().message(errno));
   }
 }
@@ -134,7 +134,7 @@ void s_writeLine(const std::string& file, const std::string& line) {
   {
     std::ofstream stream(fresh, std::ios::trunc);
     stream << line << "\n";
-    if (!stream.flush()) s_fail(s_startContext, 140, "Cannot write " + fresh);
+    if (!stream.flush()) s_fail(s_startContext, "Cannot write " + fresh);
   }
   fs::permissions(fresh, fs::perms::owner_read | fs::perms::owner_write);
   fs::rename(fresh, file);
@@ -146,7 +146,7 @@ std::string s_newFolderFor(const std::string& name) {
     if (parent.empty() || folder.size() + name.size() > s_longestSocket) continue;
     if (mkdtemp(folder.data()) != nullptr) return folder;
   }
-  s_fail(s_startContext, 153, "Cannot make a folder for the server's socket under /tmp");
+  s_fail(s_startContext, "Cannot make a folder for the server's socket under /tmp");
 }
 
 // Another name for a folder, without the blanks and special characters that the set-up script does
@@ -155,7 +155,7 @@ class PlainPath {
  public:
   explicit PlainPath(const std::string& folder) : m_holder("/tmp/tsl-XXXXXX") {
     if (mkdtemp(m_holder.data()) == nullptr) {
-      s_fail(s_startContext, 170, "Cannot make a temporary folder under /tmp");
+      s_fail(s_startContext, "Cannot make a temporary folder under /tmp");
     }
     fs::create_directory_symlink(folder, path());
   }
@@ -199,7 +199,7 @@ std::string LocalServer::defaultDirectory() {
     if (found != nullptr) home = entry.pw_dir;
   }
   if (home.empty()) {
-    s_fail("LocalServer::defaultDirectory", 182,
+    s_fail("LocalServer::defaultDirectory",
            "There is no home folder; set HOME, or name the server's folder");
   }
   return home + "/.local/state/tsl-address-map";
@@ -255,7 +255,7 @@ void LocalServer::makeFolder() const {
   std::error_code error;
   if (fs::exists(m_directory) && !fs::is_empty(m_directory, error) &&
       !fs::exists(m_directory + "/lock")) {
-    s_fail(s_startContext, 225,
+    s_fail(s_startContext,
            m_directory + " is in use for something else; name an empty or a new folder");
   }
   s_makePrivate(m_directory);
@@ -292,9 +292,8 @@ void LocalServer::setUpData(const Options& options) const {
   }
   const int status = runDetached(command, logFile());
   if (status != 0) {
-    s_fail(s_startContext, 244,
-           "Setting up the data files ended with status " + std::to_string(status) +
-               "; the end of " + logFile() + ":" + lastLogLines());
+    s_fail(s_startContext, "Setting up the data files ended with status " + std::to_string(status) +
+                               "; the end of " + logFile() + ":" + lastLogLines());
   }
   fs::rename(fresh, dataDirectory());
 }
@@ -362,14 +361,13 @@ void LocalServer::awaitAnswer(pid_t server) const {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Clock::now());
     if (greets(socketPath(), static_cast<int>(left.count()))) return;
     if (hasEnded(server)) {
-      s_fail(s_startContext, 309,
+      s_fail(s_startContext,
              "The server ended while it started; the end of " + logFile() + ":" + lastLogLines());
     }
     std::this_thread::sleep_for(s_pause);
   }
-  s_fail(s_startContext, 314,
-         "The server did not answer within " + std::to_string(s_patience.count()) +
-             " seconds; the end of " + logFile() + ":" + lastLogLines());
+  s_fail(s_startContext, "The server did not answer within " + std::to_string(s_patience.count()) +
+                             " seconds; the end of " + logFile() + ":" + lastLogLines());
 }
 
 bool LocalServer::start() {
@@ -392,7 +390,7 @@ bool LocalServer::start(const Options& options) try {
   awaitAnswer(startDetached(arguments(options), logFile(), pidFile()));
   return true;
 } catch (const fs::filesystem_error& error) {
-  s_fail(s_startContext, 336, error.what());
+  s_fail(s_startContext, error.what());
 }
 
 bool LocalServer::stop() {
@@ -401,16 +399,14 @@ bool LocalServer::stop() {
   const pid_t server = pid();
   if (server == 0) return false;
   if (kill(server, SIGTERM) != 0) {
-    s_fail(s_stopContext, 345,
-           "Cannot end process " + std::to_string(server) + ": " +
-               std::generic_category().message(errno));
+    s_fail(s_stopContext, "Cannot end process " + std::to_string(server) + ": " +
+                              std::generic_category().message(errno));
   }
   const Clock::time_point limit = Clock::now() + s_patience;
   while (!hasEnded(server) && pid() == server) {
     if (Clock::now() >= limit) {
-      s_fail(s_stopContext, 352,
-             "Process " + std::to_string(server) + " still runs after " +
-                 std::to_string(s_patience.count()) + " seconds; see " + logFile());
+      s_fail(s_stopContext, "Process " + std::to_string(server) + " still runs after " +
+                                std::to_string(s_patience.count()) + " seconds; see " + logFile());
     }
     std::this_thread::sleep_for(s_pause);
   }

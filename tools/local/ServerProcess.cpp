@@ -22,12 +22,13 @@
 #include <system_error>
 
 #include "base/Exception.h"
+#include "base/sourceLine.h"
 
 namespace Tessel {
 
 namespace {
 
-[[noreturn]] void s_fail(const char* context, int line, const std::string& detail) {
+[[noreturn]] void s_fail(const char* context, const std::string& detail, int line = sourceLine()) {
   throw Exception(Exception(context, 4, "ServerProcess", line).stringParameter(detail));
 }
 
@@ -97,7 +98,7 @@ int s_openForWriting(const std::string& file, int how) {
   const int descriptor =
       open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, S_IRUSR | S_IWUSR);
   if (descriptor < 0) {
-    s_fail("LocalServer::start", 98, "Cannot write " + file + ": " + s_reason(errno));
+    s_fail("LocalServer::start", "Cannot write " + file + ": " + s_reason(errno));
   }
   return descriptor;
 }
@@ -135,7 +136,7 @@ std::string findServerProgram(const std::vector<std::string>& names) {
       }
     }
   }
-  s_fail("LocalServer::start", 131,
+  s_fail("LocalServer::start",
          "The program " + names.front() +
              " was not found in PATH, /usr/sbin or /usr/bin; install the Debian package "
              "mariadb-server-core");
@@ -147,7 +148,7 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   const Descriptor pid(pidFile.empty() ? -1 : s_openForWriting(pidFile, O_TRUNC));
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    s_fail("LocalServer::start", 143, "Cannot make a pipe: " + s_reason(errno));
+    s_fail("LocalServer::start", "Cannot make a pipe: " + s_reason(errno));
   }
   const Descriptor readEnd(ends[0]);
   Descriptor writeEnd(ends[1]);
@@ -157,7 +158,7 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   launch.arguments.push_back(nullptr);
 
   const pid_t child = fork();
-  if (child < 0) s_fail("LocalServer::start", 153, "Cannot fork: " + s_reason(errno));
+  if (child < 0) s_fail("LocalServer::start", "Cannot fork: " + s_reason(errno));
   if (child == 0) s_becomeProgram(launch);
   writeEnd.reset();
   int error = 0;
@@ -167,7 +168,7 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   } while (count < 0 && errno == EINTR);
   if (count > 0) {
     waitpid(child, nullptr, 0);
-    s_fail("LocalServer::start", 163, "Cannot run " + command[0] + ": " + s_reason(error));
+    s_fail("LocalServer::start", "Cannot run " + command[0] + ": " + s_reason(error));
   }
   return child;
 }
@@ -176,7 +177,7 @@ int runDetached(const std::vector<std::string>& command, const std::string& logF
   const pid_t child = startDetached(command, logFile, {});
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) s_fail("LocalServer::start", 172, "Cannot wait: " + s_reason(errno));
+    if (errno != EINTR) s_fail("LocalServer::start", "Cannot wait: " + s_reason(errno));
   }
   return s_exitStatus(status);
 }
@@ -224,7 +225,7 @@ std::string callerName() {
   passwd* found = nullptr;
   getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
   if (found == nullptr) {
-    s_fail("LocalServer::start", 223,
+    s_fail("LocalServer::start",
            "The user database has no name for user id " + std::to_string(geteuid()));
   }
   return entry.pw_name;
