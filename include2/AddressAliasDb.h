@@ -30,17 +30,29 @@ class TSL_EXPORT AddressAliasDb {
   // The final addresses that mail for `address` reaches: members, expanded recursively, cycles
   // broken, the all-users marker replaced by the mailboxes of its domain. Empty when `address` is
   // no alias, when it expands to nothing, and for whatever is not cached in a store that was made
-  // without preload. Throws Exception, context "expandAlias ", when the table cannot be read.
+  // without preload, WITHOUT ASKING THE DATABASE. Throws Exception, context "expandAlias ", when
+  // the table cannot be read.
   [[nodiscard]] std::set<EmailAddress> expandAlias(const EmailAddress& address) const;
 
   // Adds the addresses of all aliases of the table to `names`. Throws Exception when the table
   // cannot be read.
   void getAliasNames(std::set<EmailAddress>& names) const;
 
-  // Writes the table to the file `path`.
+  // Creates or EMPTIES the file `path`, writes nothing to it, and counts the rows of the table
+  // again, so that lookups ask the database from then on in a store without preload, too. For a
+  // listing use the C call tsl_address_alias_find_by_domain() with "*", or the tool. Throws
+  // Exception: when the table cannot be read (the file stays as it was); context
+  // "AddressAliasDb::exportToFile", code 4, when the file cannot be opened. A full disk is not
+  // reported.
   void exportToFile(const std::string& path);
 
-  // Adds the aliases of the file `path` to the table.
+  // Adds the aliases of the file `path`, one "alias:member,member" a line, or replaces the members
+  // of existing ones; lines without a colon are skipped. Members go into SQL UNESCAPED: refuse a
+  // file with a quote or a backslash in them first. At a line longer than 16383 characters, which
+  // is cut and taken so, it stops WITHOUT AN ERROR. Nothing that is cached changes. Throws
+  // Exception: context "AddressAliasDb::importFromFile", code 4, when the file cannot be opened;
+  // at a text that is no address, and when the database refuses. The aliases of the lines before
+  // that stay.
   void importFromFile(const std::string& path);
 
   // The table itself, without any check. It lives as long as a handle to it.

@@ -27,12 +27,14 @@ class TSL_EXPORT AddressMaskDb {
   AddressMaskDb& operator=(const AddressMaskDb& other);
   virtual ~AddressMaskDb();
 
-  // The public address shown in place of the private address `address`; null when there is none.
-  // Throws Exception when the table cannot be read.
+  // The public address shown in place of the private address `address`; null when there is none. In
+  // a store that was made without preload, null for whatever is not cached, WITHOUT ASKING THE
+  // DATABASE, and rows for whole domains are not applied. Throws Exception when the table cannot be
+  // read.
   [[nodiscard]] EmailAddress findPublicAddress(const EmailAddress& address) const;
 
-  // The private address behind the public address `address`; null when there is none. Throws
-  // Exception when the table cannot be read.
+  // The private address behind the public address `address`; null when there is none, and without
+  // preload as above. Throws Exception when the table cannot be read.
   [[nodiscard]] EmailAddress findPrivateAddress(const EmailAddress& address) const;
 
   // Adds the pairs whose private address lies in `domain`, or all pairs for "*", to `entries`
@@ -40,10 +42,20 @@ class TSL_EXPORT AddressMaskDb {
   void findByMaskedDomain(const std::string& domain,
                           std::map<EmailAddress, EmailAddress>& entries) const;
 
-  // Writes the table to the file `path`.
+  // Creates or EMPTIES the file `path`, writes nothing to it, and counts the rows of the table
+  // again, so that lookups ask the database from then on in a store without preload, too. For a
+  // listing use findByMaskedDomain with "*", or the tool. Throws Exception: when the table cannot
+  // be read (the file stays as it was); context "AddressAliasMaskDb::exportToFile", code 4, when
+  // the file cannot be opened. A full disk is not reported.
   void exportToFile(const std::string& path);
 
-  // Adds the pairs of the file `path` to the table.
+  // Adds the pairs of the file `path`, one "private:public" a line; where one of the two is taken,
+  // that row gets this public address, and no row is added. Lines without a colon are skipped.
+  // Addresses go into SQL UNESCAPED: refuse a file with a quote or a backslash in them first. At a
+  // line longer than 16383 characters, which is cut and taken so, it stops WITHOUT AN ERROR.
+  // Nothing that is cached changes. Throws Exception: context "AddressMaskDb::importFromFile", code
+  // 4, when the file cannot be opened; at a text that is no address, and when the database refuses.
+  // The pairs of the lines before that stay.
   void importFromFile(const std::string& path);
 
   // The table itself, without any check. It lives as long as a handle to it.
