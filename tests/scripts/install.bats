@@ -104,8 +104,9 @@ foreign_headers() {
   [ -n "$(man -l --warnings -Tutf8 -Z "$BATS_TEST_TMPDIR/t.3" 2>&1 >/dev/null)" ]
 }
 
-# The examples as they were installed, without the tree around them.
-@test "a CMake project finds the package" {
+# The examples as they were installed, without the tree around them. They ask for no standard of C++
+# themselves, and the compiler's own one would not do.
+@test "a CMake project finds the package, which brings C++20 with it" {
   cmake -S "$prefix/share/doc/TslAddressMap/examples/outside" -B "$BATS_TEST_TMPDIR/cmake" \
     -DCMAKE_PREFIX_PATH="$prefix"
   cmake --build "$BATS_TEST_TMPDIR/cmake" --parallel
