@@ -127,7 +127,7 @@ RowContainer s_checkRows(const std::vector<Cells>& rows, StoredResult& stored) {
       [&](auto&) { TsRowParser<Row>(container).parse(nullptr, stored.result()); });
   Reading got{{}, kept.refusal, kept.messages};
   for (const auto& row : container.rows()) {
-    got.rows.push_back(Kind::pairOf(static_cast<const Row&>(*row)));
+    got.rows.push_back(Kind::pairOf(static_cast<const Row&>(**row)));
   }
   require(got == expected, "each row gives what its texts say", got.refusal);
 
@@ -147,7 +147,7 @@ void s_checkAdapter(const RowContainer& container, const Put& put) {
   Entries expected;
   for (const auto& row : container.rows()) {
     adapter(row);
-    put(*row, expected);
+    put(**row, expected);
   }
   require(entries == expected, "entries are those of the rows");
 }
