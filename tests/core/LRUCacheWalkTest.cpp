@@ -162,6 +162,8 @@ TEST_F(LRUCacheWalk, AnEntryThatIsTakenOutIsDestroyedAtOnceWhenNobodyReads) {
   add(7);
   add(8);  // Evicts 1.
   EXPECT_EQ(Value::s_alive, before);
+  m_cache.removeNoLock(70);
+  EXPECT_EQ(Value::s_alive, before - 1);
   m_cache.clear();
   EXPECT_EQ(Value::s_alive, before - 6);
 }
