@@ -261,7 +261,7 @@ TEST_F(AddressMaskMySQLFiles, AFailedReadingLeavesTheCountAsItWas) {
   const auto counted = [&] {
     sql("rename table ts_address_map.mask to ts_address_map.away");
     EXPECT_THROW(table->exportToFile(m_file.path()), Exception);
-    const std::string got =
+    std::string got =
         caught([&] { static_cast<void>(table->findPrivateAddress(outer(0))); }).stringParameter();
     sql("rename table ts_address_map.away to ts_address_map.mask");
     return got;
