@@ -240,7 +240,7 @@ bool Handle::isDead() const noexcept {
   do {
     count = recv(descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   } while (count < 0 && errno == EINTR);
-  return count >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+  return count >= 0 || errno != EAGAIN;
 }
 
 bool Handle::inTransaction() const noexcept {
