@@ -1,25 +1,20 @@
 // Alias tables: a cached expansion against the bare containers, an uncached lookup against the bare
 // statement, and preload against the bare "select *".
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <limits>
-#include <list>
-#include <map>
 #include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <boost/thread/lock_types.hpp>
-#include <boost/thread/shared_mutex.hpp>
 
 #include "AddressMapDb.h"
+#include "BareCache.h"
 #include "BareConnection.h"
 #include "BenchDatabase.h"
-#include "Ratios.h"
+#include "Processes.h"
+#include "Rounds.h"
 #include "alias/AddressAliasDbMySQL.h"
 #include "map/AddressMapMySQL.h"
 
@@ -28,206 +23,108 @@ namespace {
 
 // Aliases in the small table: as many as the cache holds.
 constexpr int s_cached = 256;
+// Members of every alias.
+constexpr std::size_t s_members = 5;
 
-// A store whose cache holds every alias of a small table.
-AddressMapDb& s_cachedStore() {
-  static AddressMapDb s_store = [] {
-    fillAliasTable("alias_small", s_cached);
-    AddressMapDb store(AddressMapDb::MySQL, true);
-    const AddressAliasDb table = store.aliasDb("small");
-    for (int i = 0; i < s_cached; ++i) {
-      static_cast<void>(table.expandAlias(EmailAddress::rfc5321Parse(aliasName(i), false)));
-    }
-    return store;
-  }();
-  return s_store;
-}
-
-void cachedExpandAlias(benchmark::State& state) {
-  const AddressAliasDb table = s_cachedStore().aliasDb("small");
-  std::vector<EmailAddress> names;
-  names.reserve(s_cached);
+// An expansion by a store of its own, whose cache holds every alias of a small table.
+auto s_cachedExpansion() {
+  fillAliasTable("alias_small", s_cached);
+  const AddressMapDb store(AddressMapDb::MySQL, true);
+  const AddressAliasDb table = store.aliasDb("small");
+  std::vector<EmailAddress> addresses;
   for (int i = 0; i < s_cached; ++i) {
-    names.push_back(EmailAddress::rfc5321Parse(aliasName(i), false));
+    addresses.push_back(EmailAddress::rfc5321Parse(aliasName(i), false));
+    require(table.expandAlias(addresses.back()).size() == s_members);
   }
-  auto next = static_cast<std::size_t>(state.thread_index()) * 101;
-  for (auto _ : state) {
-    const std::set<EmailAddress> found = table.expandAlias(names[next++ % s_cached]);
-    if (found.size() != 5) state.SkipWithError("the alias was not found");
+  return [store, table, addresses](std::size_t i) {
+    const std::set<EmailAddress> found = table.expandAlias(addresses[scattered(i, s_cached)]);
+    require(found.size() == s_members);
     benchmark::DoNotOptimize(&found);
-  }
+  };
 }
 
 // What a cached expansion cannot do without: map, list, lock and the copy of a set, with strings.
-struct BareCache {
-  using Entry = std::pair<std::string, std::set<std::string>>;
-  boost::shared_mutex mutex;
-  std::list<Entry> recent;
-  std::map<std::string, std::list<Entry>::iterator> index;
-
-  std::list<Entry>::iterator find(const std::string& key) {
-    const boost::unique_lock<boost::shared_mutex> lock(mutex);
-    const auto node = index.find(key);
-    recent.splice(recent.begin(), recent, node->second);
-    return recent.begin();
-  }
-};
-
-BareCache& s_bareCache() {
-  static BareCache s_cache;
-  static const bool s_filled = [] {
-    for (int i = 0; i < s_cached; ++i) {
-      std::set<std::string> members;
-      for (const char* name : {"anna", "berta", "carl", "dora", "emil"}) {
-        members.insert(name + std::to_string(i) + "@bench.example");
-      }
-      s_cache.recent.emplace_front(aliasName(i), members);
-      s_cache.index[aliasName(i)] = s_cache.recent.begin();
-    }
-    return true;
-  }();
-  static_cast<void>(s_filled);
-  return s_cache;
-}
-
-void cachedBareContainers(benchmark::State& state) {
-  BareCache& cache = s_bareCache();
+auto s_bareExpansion() {
+  const auto cache = std::make_shared<BareCache<std::string, std::set<std::string>>>();
   std::vector<std::string> names;
-  names.reserve(s_cached);
-  for (int i = 0; i < s_cached; ++i) names.push_back(aliasName(i));
-  auto next = static_cast<std::size_t>(state.thread_index()) * 101;
-  for (auto _ : state) {
-    const std::set<std::string> found = cache.find(names[next++ % s_cached])->second;
-    benchmark::DoNotOptimize(&found);
+  for (int i = 0; i < s_cached; ++i) {
+    names.push_back(aliasName(i));
+    const std::vector<std::string> members = aliasMembers(i);
+    cache->add(names.back(), {members.begin(), members.end()});
   }
+  return [cache, names](std::size_t i) {
+    const std::set<std::string> found = cache->find(names[scattered(i, s_cached)])->second;
+    require(found.size() == s_members);
+    benchmark::DoNotOptimize(&found);
+  };
 }
 
-BENCHMARK(cachedExpandAlias)->Threads(1)->Threads(2)->UseRealTime();
-BENCHMARK(cachedBareContainers)->Threads(1)->Threads(2)->UseRealTime();
+void cachedExpandAlias(benchmark::State& state) {
+  compareHits(state, "cached expandAlias / bare containers", &s_cachedExpansion, &s_bareExpansion);
+}
+
+BENCHMARK(cachedExpandAlias)->Arg(1)->Arg(2)->Apply(inRounds);
 
 // An address that is no alias of a table with more rows than the cache holds: one statement.
-void uncachedExpandAlias(benchmark::State& state) {
+void aliasStatementNoRow(benchmark::State& state) {
   fillAliasTable("alias_large", sizes().rows);
   const AddressMapDb store(AddressMapDb::MySQL, true);
   const AddressAliasDb table = store.aliasDb("large");
   const EmailAddress unknown = EmailAddress::rfc5321Parse("unknown@bench.example", false);
-  const OneCore pinned;
-  for (auto _ : state) benchmark::DoNotOptimize(table.expandAlias(unknown));
-}
-
-void uncachedBareNoRow(benchmark::State& state) {
-  fillAliasTable("alias_large", sizes().rows);
-  BareConnection connection("ts_address_map");
-  const std::string name = "unknown@bench.example";
-  const OneCore pinned;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(connection.selectAndWalk("select * from alias_large where name='" +
-                                                      connection.escaped(name) + "';"));
-  }
+  compareStatement(state, {"uncached expandAlias / bare statement, no row", s_mostOfStatement},
+                   [&] { require(table.expandAlias(unknown).empty()); },
+                   {"alias_large", "name", unknown.address()});
 }
 
 // The members of an alias: one statement and one row.
-void uncachedFindMembers(benchmark::State& state) {
+void aliasStatementOneRow(benchmark::State& state) {
   fillAliasTable("alias_large", sizes().rows);
   AddressMapDbMySQL store(false);
   const AddressAliasDbMySQL table(store, false, "large");
   const EmailAddress alias = EmailAddress::rfc5321Parse(aliasName(7), false);
-  const OneCore pinned;
-  for (auto _ : state) {
+  const auto find = [&] {
     std::set<EmailAddress> members;
     table.queryFindMembers(alias, members);
-    benchmark::DoNotOptimize(&members);
-  }
+    require(members.size() == s_members);
+  };
+  compareStatement(state,
+                   {"uncached queryFindMembers / bare statement, one row", s_mostOfStatement}, find,
+                   {"alias_large", "name", alias.address()});
 }
 
-void uncachedBareOneRow(benchmark::State& state) {
-  fillAliasTable("alias_large", sizes().rows);
-  BareConnection connection("ts_address_map");
-  const std::string name = aliasName(7);
-  const OneCore pinned;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(connection.selectAndWalk("select * from alias_large where name='" +
-                                                      connection.escaped(name) + "';"));
-  }
-}
+BENCHMARK(aliasStatementNoRow)->Apply(inRounds);
+BENCHMARK(aliasStatementOneRow)->Apply(inRounds);
 
-BENCHMARK(uncachedExpandAlias)->UseRealTime();
-BENCHMARK(uncachedBareNoRow)->UseRealTime();
-BENCHMARK(uncachedFindMembers)->UseRealTime();
-BENCHMARK(uncachedBareOneRow)->UseRealTime();
-
-void preload(benchmark::State& state, const std::string& name, int factor) {
-  fillAliasTable("alias_" + name, sizes().rows * factor);
+// Reading a table of `factor` times the rows, against "select *" of it.
+void preload(benchmark::State& state, const std::string& name, int factor, double limit) {
+  const std::string table = "alias_" + name;
+  fillAliasTable(table, sizes().rows * factor);
   AddressMapDbMySQL store(false);
-  for (auto _ : state) {
-    const AddressAliasDbMySQL table(store, true, name);
-    if (table.isEveryAliasCached()) state.SkipWithError("no rows were counted");
-  }
-}
-
-void preloadBare(benchmark::State& state, const std::string& name, int factor) {
-  fillAliasTable("alias_" + name, sizes().rows * factor);
   BareConnection connection("ts_address_map");
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(connection.selectAndWalk("select * from alias_" + name + ";"));
-  }
+  const OneCore pinned;
+  const auto ours = [&](std::size_t) {
+    const AddressAliasDbMySQL opened(store, true, name);
+    require(!opened.isEveryAliasCached());
+  };
+  const auto bare = [&](std::size_t) { connection.selectAndWalk("select * from " + table + ";"); };
+  const std::string what = factor == 1 ? "preload" : "preload of ten times the rows";
+  compare(state, {what + " / bare select *", limit}, timed(Clock::Everyone, ours),
+          timed(Clock::Everyone, bare));
 }
 
-BENCHMARK_CAPTURE(preload, large, "large", 1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(preloadBare, large, "large", 1)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(preload, huge, "huge", 10)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(preloadBare, huge, "huge", 10)->UseRealTime()->Unit(benchmark::kMillisecond);
-
-// Peak of resident memory, in MB, of this program run anew with "--peak=" and `work`. The peak that
-// the system keeps for a child would be that of its parent.
-double s_peakOf(const std::string& work) {
-  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
-  const std::unique_ptr<FILE, decltype(&pclose)> output(
-      popen(("'" + program + "' --peak=" + work).c_str(), "r"), &pclose);
-  double kilobytes = 0;
-  if (!output || std::fscanf(output.get(), "%lf", &kilobytes) !=
-                     1) {  // NOLINT(cert-err34-c): any number will do
-    throw std::runtime_error("the measured program failed");
-  }
-  return kilobytes / 1024;
-}
+BENCHMARK_CAPTURE(preload, large, "large", 1, 2.5)->Apply(inRounds);
+BENCHMARK_CAPTURE(preload, huge, "huge", s_huge, s_noLimit)->Apply(inRounds);
 
 // How much memory a preload takes above the result that Connector/C holds.
 void preloadPeakMemory(benchmark::State& state) {
   fillAliasTable("alias_large", sizes().rows);
   for (auto _ : state) {
-    const double bare = s_peakOf("bare");
-    const double ours = s_peakOf("preload");
-    state.counters["bareMB"] = bare;
-    state.counters["oursMB"] = ours;
-    static const bool s_once = [&] {
-      measured("preload, peak memory above the bare result", ours - bare, "MB", 120);
-      return true;
-    }();
-    static_cast<void>(s_once);
+    measured("preload, peak memory above the bare result", peakOf("preload") - peakOf("bare"), "MB",
+             120);
   }
 }
 
-BENCHMARK(preloadPeakMemory)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
-
-const bool s_compared = [] {
-  constexpr double s_none = std::numeric_limits<double>::infinity();
-  compare("cached expandAlias / bare containers, 1 thread", Kind::Ratio,
-          "cachedExpandAlias/real_time/threads:1", "cachedBareContainers/real_time/threads:1", 1,
-          1.5);
-  compare("cached expandAlias / bare containers, 2 threads", Kind::Ratio,
-          "cachedExpandAlias/real_time/threads:2", "cachedBareContainers/real_time/threads:2", 1,
-          1.5);
-  compare("uncached expandAlias / bare statement, no row", Kind::Ratio,
-          "uncachedExpandAlias/real_time", "uncachedBareNoRow/real_time", 1, 1.15);
-  compare("uncached queryFindMembers / bare statement, one row", Kind::Ratio,
-          "uncachedFindMembers/real_time", "uncachedBareOneRow/real_time", 1, 1.15);
-  compare("preload / bare select *", Kind::Ratio, "preload/large/real_time",
-          "preloadBare/large/real_time", 1, 2.5);
-  compare("preload of ten times the rows / bare select *", Kind::Ratio, "preload/huge/real_time",
-          "preloadBare/huge/real_time", 1, s_none);
-  return true;
-}();
+BENCHMARK(preloadPeakMemory)->Iterations(1);
 
 }  // namespace
 

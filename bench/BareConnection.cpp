@@ -6,6 +6,8 @@
 
 #include <mysql.h>
 
+#include "BenchDatabase.h"
+
 namespace Tessel::Bench {
 
 void BareConnection::Close::operator()(st_mysql* connection) const {
@@ -55,6 +57,19 @@ std::string BareConnection::escaped(const std::string& text) {
   escaped.resize(mysql_real_escape_string(m_connection.get(), escaped.data(), text.data(),
                                           static_cast<unsigned long>(text.size())));
   return escaped;
+}
+
+void compareStatement(benchmark::State& state, const Comparison& comparison,
+                      const std::function<void()>& lookup, const BareLookup& statement) {
+  BareConnection connection("ts_address_map");
+  const OneCore pinned;
+  const auto bare = [&](std::size_t) {
+    benchmark::DoNotOptimize(connection.selectAndWalk("select * from " + statement.table +
+                                                      " where " + statement.column + "='" +
+                                                      connection.escaped(statement.key) + "';"));
+  };
+  compare(state, comparison, timed(Clock::Everyone, [&](std::size_t) { lookup(); }),
+          timed(Clock::Everyone, bare));
 }
 
 }  // namespace Tessel::Bench

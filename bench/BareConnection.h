@@ -3,8 +3,13 @@
 #define TSL_BENCH_BARECONNECTION_H
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
+
+#include <benchmark/benchmark.h>
+
+#include "Rounds.h"
 
 struct st_mysql;
 
@@ -32,6 +37,18 @@ class BareConnection {
   };
   std::unique_ptr<st_mysql, Close> m_connection;
 };
+
+// A lookup by a key: the statement that a comparison is with.
+struct BareLookup {
+  std::string table;
+  std::string column;
+  std::string key;
+};
+
+// Compares `lookup`, which sends one statement, with that statement alone: escaping, sending,
+// storing, walking and freeing. Client and server run on one core.
+void compareStatement(benchmark::State& state, const Comparison& comparison,
+                      const std::function<void()>& lookup, const BareLookup& statement);
 
 }  // namespace Tessel::Bench
 

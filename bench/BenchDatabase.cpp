@@ -9,6 +9,7 @@
 #include <set>
 
 #include "AddressMapDb.h"
+#include "Rounds.h"
 #include "cmf/Writer.h"
 #include "database/Connection.h"
 #include "map/AddressMapMySQL.h"
@@ -71,6 +72,7 @@ void startDatabase() {
     // As large as the private server's own, so that every table stays in it.
     Testing::TestServer::shared().sql("set global innodb_buffer_pool_size = 1073741824");
     AddressMapDb::initialize(AddressMapDb::MySQL, true);
+    watch(Testing::TestServer::shared().pid());
     return true;
   }();
   static_cast<void>(s_started);

@@ -14,6 +14,18 @@ struct Sizes {
 };
 Sizes& sizes();
 
+// As many times the rows of the large table as the largest tables have.
+constexpr int s_huge = 10;
+
+// The number of the `i`-th of `count` things that are asked for, in an order in which neighbours
+// are far apart, so that it does not matter how they lie in memory.
+constexpr std::size_t scattered(std::size_t i, std::size_t count) {
+  return i * 7919 % count;
+}
+
+// Limit of every lookup that sends one statement.
+constexpr double s_mostOfStatement = 1.10;
+
 // Starts the private server and creates the database `ts_address_map`, once.
 void startDatabase();
 

@@ -1,12 +1,13 @@
 // The C call that opens a store of its own each time, against the bare Connector/C calls that do
 // the same.
+#include <functional>
 #include <string>
 
 #include <benchmark/benchmark.h>
 
 #include "BareConnection.h"
 #include "BenchDatabase.h"
-#include "Ratios.h"
+#include "Rounds.h"
 #include "support/TestServer.h"
 #include "tsl_address_map.h"
 
@@ -40,25 +41,20 @@ class DefaultTable {
   std::string m_name;
 };
 
-void expandAliasCall(benchmark::State& state) {
-  const DefaultTable table(static_cast<int>(state.range(0)));
-  tsl_emailaddress alias = tsl_emailaddress_parse(aliasName(7).c_str());
-  const OneCore pinned;
-  for (auto _ : state) {
-    tsl_emailaddress_container reached = tsl_address_alias_expand_alias(alias);
-    if (tsl_emailaddress_container_size(reached) != s_members) state.SkipWithError("not expanded");
-    tsl_emailaddress_container_destroy(reached);
-  }
-  tsl_emailaddress_destroy(alias);
-}
-
-// Connects, reads both default tables, asks for the alias and for each of its members, and closes.
-void expandAliasBareCalls(benchmark::State& state) {
-  const DefaultTable table(static_cast<int>(state.range(0)));
+// Against connecting, reading both default tables, asking for the alias and for each of its
+// members, and closing.
+void expandAliasCall(benchmark::State& state, const int& rows, double limit) {
+  const DefaultTable table(rows);
   const std::string names[] = {aliasName(7),          "anna7@bench.example", "berta7@bench.example",
                                "carl7@bench.example", "dora7@bench.example", "emil7@bench.example"};
+  tsl_emailaddress alias = tsl_emailaddress_parse(aliasName(7).c_str());
   const OneCore pinned;
-  for (auto _ : state) {
+  const auto ours = [&](std::size_t) {
+    tsl_emailaddress_container reached = tsl_address_alias_expand_alias(alias);
+    require(tsl_emailaddress_container_size(reached) == s_members);
+    tsl_emailaddress_container_destroy(reached);
+  };
+  const auto bare = [&](std::size_t) {
     BareConnection connection("ts_address_map");
     benchmark::DoNotOptimize(connection.selectAndWalk("select * from mask;"));
     benchmark::DoNotOptimize(connection.selectAndWalk("select * from alias;"));
@@ -66,28 +62,17 @@ void expandAliasBareCalls(benchmark::State& state) {
       benchmark::DoNotOptimize(connection.selectAndWalk("select * from alias where name='" +
                                                         connection.escaped(name) + "';"));
     }
-  }
+  };
+  compare(state,
+          {"tsl_address_alias_expand_alias / bare calls, " + std::to_string(rows) + " rows", limit},
+          timed(Clock::Everyone, ours), timed(Clock::Everyone, bare));
+  tsl_emailaddress_destroy(alias);
 }
 
-constexpr int s_smallest = 10;
-constexpr int s_middle = 1000;
-constexpr int s_largest = 100000;
-
-BENCHMARK(expandAliasCall)->Arg(s_smallest)->Arg(s_middle)->Arg(s_largest)->UseRealTime();
-BENCHMARK(expandAliasBareCalls)->Arg(s_smallest)->Arg(s_middle)->Arg(s_largest)->UseRealTime();
-
-void s_compare(int rows, double limit) {
-  const std::string run = "/" + std::to_string(rows) + "/real_time";
-  compare("tsl_address_alias_expand_alias / bare calls, " + std::to_string(rows) + " rows",
-          Kind::Ratio, "expandAliasCall" + run, "expandAliasBareCalls" + run, 1, limit);
-}
-
-const bool s_compared = [] {
-  s_compare(s_smallest, 1.1);
-  s_compare(s_middle, 2.0);
-  s_compare(s_largest, 2.0);
-  return true;
-}();
+BENCHMARK_CAPTURE(expandAliasCall, small, 10, 1.05)->Apply(inRounds);
+BENCHMARK_CAPTURE(expandAliasCall, middle, 1000, 2.0)->Apply(inRounds);
+// The rows are known when the command line has been read.
+BENCHMARK_CAPTURE(expandAliasCall, large, std::cref(sizes().rows), 2.0)->Apply(inRounds);
 
 }  // namespace
 }  // namespace Tessel::Bench

@@ -2,14 +2,14 @@
 // by hand with `std::string` where there is such a thing.
 #include <array>
 #include <cstddef>
-#include <limits>
+#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
 
 #include <benchmark/benchmark.h>
 
-#include "Ratios.h"
+#include "Rounds.h"
 #include "address/EmailAddress.h"
 
 namespace Tessel::Bench {
@@ -26,12 +26,6 @@ std::string s_joinedFive() {
     joined += address;
   }
   return joined;
-}
-
-// Measures `operation`.
-template <class Operation>
-void s_measure(benchmark::State& state, const Operation& operation) {
-  for (auto _ : state) operation();
 }
 
 bool s_isAddressCharacter(char c) {
@@ -74,41 +68,59 @@ std::set<std::string> s_bareParseSet(std::string_view text) {
   return addresses;
 }
 
-void addressParse5321(benchmark::State& state) {
-  std::string text = "anna.berg@mail.example.com";
-  s_measure(state, [&] {
+// The side that hands `text` to `parse`.
+template <class Parse>
+Side s_parsing(const std::string& text, Parse parse) {
+  return timed(Clock::Own, [text, parse](std::size_t) {
     benchmark::DoNotOptimize(text.data());
-    benchmark::DoNotOptimize(EmailAddress::rfc5321Parse(text, false));
+    benchmark::DoNotOptimize(parse(text));
   });
+}
+
+Side s_parsing5321(const std::string& text) {
+  return s_parsing(text, [](const std::string& t) { return EmailAddress::rfc5321Parse(t, false); });
+}
+
+Side s_parsing5322(const std::string& text) {
+  return s_parsing(text, [](const std::string& t) { return EmailAddress::rfc5322Parse(t, false); });
+}
+
+Side s_parsingSet() {
+  return s_parsing(s_joinedFive(), [](const std::string& t) {
+    return EmailAddress::rfc5322ParseSet(t, true, false);
+  });
+}
+
+constexpr const char* s_plain = "anna.berg@mail.example.com";
+
+void addressParse5321(benchmark::State& state) {
+  compare(state, {"rfc5321Parse of a plain address", 80, Kind::Nanoseconds}, s_parsing5321(s_plain),
+          {});
 }
 
 void addressParse5321Bare(benchmark::State& state) {
-  std::string text = "anna.berg@mail.example.com";
-  s_measure(state, [&] {
-    benchmark::DoNotOptimize(text.data());
-    benchmark::DoNotOptimize(s_bareParse(text));
-  });
+  compare(state, {"rfc5321Parse / bare split"}, s_parsing5321(s_plain),
+          s_parsing(s_plain, [](const std::string& t) { return s_bareParse(t); }));
 }
 
 void addressParse5321Quoted(benchmark::State& state) {
-  const std::string text = "\"anna berg\"@mail.example.com";
-  s_measure(state, [&] { benchmark::DoNotOptimize(EmailAddress::rfc5321Parse(text, false)); });
+  compare(state, {"rfc5321Parse of a quoted local part", s_noLimit, Kind::Nanoseconds},
+          s_parsing5321("\"anna berg\"@mail.example.com"), {});
 }
 
 void addressParse5322DisplayName(benchmark::State& state) {
-  const std::string text = "\"Berg, Anna\" <anna.berg@mail.example.com> (desk)";
-  s_measure(state, [&] { benchmark::DoNotOptimize(EmailAddress::rfc5322Parse(text, false)); });
+  compare(state, {"rfc5322Parse with a name and a comment", s_noLimit, Kind::Nanoseconds},
+          s_parsing5322("\"Berg, Anna\" <anna.berg@mail.example.com> (desk)"), {});
 }
 
 void addressParseSetOfFive(benchmark::State& state) {
-  const std::string text = s_joinedFive();
-  s_measure(state,
-            [&] { benchmark::DoNotOptimize(EmailAddress::rfc5322ParseSet(text, true, false)); });
+  compare(state, {"rfc5322ParseSet of five, an address", 120, Kind::Nanoseconds, s_five.size()},
+          s_parsingSet(), {});
 }
 
 void addressParseSetOfFiveBare(benchmark::State& state) {
-  const std::string text = s_joinedFive();
-  s_measure(state, [&] { benchmark::DoNotOptimize(s_bareParseSet(text)); });
+  compare(state, {"rfc5322ParseSet / bare split"}, s_parsingSet(),
+          s_parsing(s_joinedFive(), [](const std::string& t) { return s_bareParseSet(t); }));
 }
 
 constexpr const char* s_text = "anna.berg@ex.example.com";
@@ -118,101 +130,73 @@ constexpr const char* s_textInOtherCase = "Anna.Berg@EX.Example.COM";
 constexpr const char* s_first = "anna.berg1@x.example.com";
 constexpr const char* s_second = "anna.berg2@x.example.com";
 
-template <class Value>
-void s_equal(benchmark::State& state, const Value& a, const Value& b) {
-  s_measure(state, [&] {
-    benchmark::DoNotOptimize(&a);
-    benchmark::ClobberMemory();
-    benchmark::DoNotOptimize(a == b);
-  });
-}
-
-template <class Value>
-void s_less(benchmark::State& state, const Value& a, const Value& b) {
-  s_measure(state, [&] {
-    benchmark::DoNotOptimize(&a);
-    benchmark::ClobberMemory();
-    benchmark::DoNotOptimize(a < b);
-  });
-}
-
 EmailAddress s_parsed(const char* text) {
   return EmailAddress::rfc5321Parse(text, false);
 }
 
+// The side that compares `a` with `b` by `Less` or `Equal`.
+template <template <class> class Compare, class Value>
+Side s_comparing(const Value& a, const Value& b) {
+  return timed(Clock::Own, [a, b](std::size_t) {
+    benchmark::DoNotOptimize(&a);
+    benchmark::ClobberMemory();
+    benchmark::DoNotOptimize(Compare<Value>()(a, b));
+  });
+}
+
+template <template <class> class Compare>
+void s_compare(benchmark::State& state, const std::string& name, const char* a, const char* b) {
+  compare(state, {name}, s_comparing<Compare>(s_parsed(a), s_parsed(b)),
+          s_comparing<Compare>(std::string(a), std::string(b)));
+}
+
 void addressEqual(benchmark::State& state) {
-  s_equal(state, s_parsed(s_text), s_parsed(s_text));
+  s_compare<std::equal_to>(state, "== / std::string ==", s_text, s_text);
 }
 
 void addressEqualOtherCase(benchmark::State& state) {
-  s_equal(state, s_parsed(s_text), s_parsed(s_textInOtherCase));
-}
-
-void addressEqualBare(benchmark::State& state) {
-  s_equal(state, std::string(s_text), std::string(s_text));
+  compare(state, {"==, every word in other case / std::string =="},
+          s_comparing<std::equal_to>(s_parsed(s_text), s_parsed(s_textInOtherCase)),
+          s_comparing<std::equal_to>(std::string(s_text), std::string(s_text)));
 }
 
 void addressLess(benchmark::State& state) {
-  s_less(state, s_parsed(s_first), s_parsed(s_second));
-}
-
-void addressLessBare(benchmark::State& state) {
-  s_less(state, std::string(s_first), std::string(s_second));
+  s_compare<std::less>(state, "< / std::string <", s_first, s_second);
 }
 
 template <class Set>
-void s_copy(benchmark::State& state, const Set& set) {
-  s_measure(state, [&] {
+Side s_copying(const Set& set) {
+  return timed(Clock::Own, [set](std::size_t) {
     Set copy = set;
     benchmark::DoNotOptimize(copy);
   });
 }
 
 void addressCopySetOfFive(benchmark::State& state) {
-  s_copy(state, EmailAddress::rfc5322ParseSet(s_joinedFive(), true, false));
-}
-
-void addressCopySetOfFiveBare(benchmark::State& state) {
-  s_copy(state, std::set<std::string>(s_five.begin(), s_five.end()));
+  compare(state, {"copy of a set of five / set of std::string"},
+          s_copying(EmailAddress::rfc5322ParseSet(s_joinedFive(), true, false)),
+          s_copying(std::set<std::string>(s_five.begin(), s_five.end())));
 }
 
 void addressWrite(benchmark::State& state) {
-  const EmailAddress address = s_parsed(s_text);
-  s_measure(state, [&] { benchmark::DoNotOptimize(address.address()); });
+  const auto write = [address = s_parsed(s_text)](std::size_t) {
+    benchmark::DoNotOptimize(address.address());
+  };
+  compare(state, {"text of an address", s_noLimit, Kind::Nanoseconds}, timed(Clock::Own, write),
+          {});
 }
 
-BENCHMARK(addressParse5321);
-BENCHMARK(addressParse5321Bare);
-BENCHMARK(addressParse5321Quoted);
-BENCHMARK(addressParse5322DisplayName);
-BENCHMARK(addressParseSetOfFive);
-BENCHMARK(addressParseSetOfFiveBare);
-BENCHMARK(addressEqual);
-BENCHMARK(addressEqualOtherCase);
-BENCHMARK(addressEqualBare);
-BENCHMARK(addressLess);
-BENCHMARK(addressLessBare);
-BENCHMARK(addressCopySetOfFive);
-BENCHMARK(addressCopySetOfFiveBare);
-BENCHMARK(addressWrite);
-
-const bool s_compared = [] {
-  constexpr double s_none = std::numeric_limits<double>::infinity();
-  compare("rfc5321Parse of a plain address", Kind::Nanoseconds, "addressParse5321", "", 1, 80);
-  compare("rfc5322ParseSet of five, an address", Kind::Nanoseconds, "addressParseSetOfFive", "", 5,
-          120);
-  compare("rfc5321Parse / bare split", Kind::Ratio, "addressParse5321", "addressParse5321Bare", 1,
-          s_none);
-  compare("rfc5322ParseSet / bare split", Kind::Ratio, "addressParseSetOfFive",
-          "addressParseSetOfFiveBare", 1, s_none);
-  compare("== / std::string ==", Kind::Ratio, "addressEqual", "addressEqualBare", 1, s_none);
-  compare("==, every word in other case / std::string ==", Kind::Ratio, "addressEqualOtherCase",
-          "addressEqualBare", 1, s_none);
-  compare("< / std::string <", Kind::Ratio, "addressLess", "addressLessBare", 1, s_none);
-  compare("copy of a set of five / set of std::string", Kind::Ratio, "addressCopySetOfFive",
-          "addressCopySetOfFiveBare", 1, s_none);
-  return true;
-}();
+BENCHMARK(addressParse5321)->Apply(inRounds);
+BENCHMARK(addressParse5321Bare)->Apply(inRounds);
+BENCHMARK(addressParse5321Quoted)->Apply(inRounds);
+BENCHMARK(addressParse5322DisplayName)->Apply(inRounds);
+BENCHMARK(addressParseSetOfFive)->Apply(inRounds);
+BENCHMARK(addressParseSetOfFiveBare)->Apply(inRounds);
+BENCHMARK(addressEqual)->Apply(inRounds);
+BENCHMARK(addressEqualOtherCase)->Apply(inRounds);
+BENCHMARK(addressLess)->Apply(inRounds);
+BENCHMARK(addressCopySetOfFive)->Apply(inRounds);
+BENCHMARK(addressWrite)->Apply(inRounds);
 
 }  // namespace
 }  // namespace Tessel::Bench

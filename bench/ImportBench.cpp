@@ -1,15 +1,7 @@
 // The import of a table file by the built tool, against a bare loop that writes the same rows, one
 // statement each, in one transaction.
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -17,7 +9,8 @@
 
 #include "BareConnection.h"
 #include "BenchDatabase.h"
-#include "Ratios.h"
+#include "Processes.h"
+#include "Rounds.h"
 #include "database/Connection.h"
 #include "map/AddressMapMySQL.h"
 #include "support/TestServer.h"
@@ -51,11 +44,13 @@ std::string s_line(const Table& table, int i) {
   return line;
 }
 
-// The file to import, made at the first call, as is the table.
-std::string s_prepare(const Table& table) {
+// A file of `rows` lines to import. Makes it and the table at the first call.
+std::string s_file(const Table& table, int rows) {
   startDatabase();
-  const std::string path = Testing::TestServer::shared().directory() + "/" + table.name() + ".txt";
+  std::string path = Testing::TestServer::shared().directory() + "/" + table.name() +
+                     std::to_string(rows) + ".txt";
   if (std::filesystem::exists(path)) return path;
+  Testing::TestServer::shared().sql("drop table if exists ts_address_map." + table.name());
   Database::Connection connection("ts_address_map");
   if (table.group == s_mask.group) {
     createMaskTable(connection, table.name());
@@ -63,7 +58,7 @@ std::string s_prepare(const Table& table) {
     createAliasTable(connection, table.name());
   }
   std::ofstream file(path);
-  for (int i = 0; i < sizes().rows; ++i) file << s_line(table, i) << '\n';
+  for (int i = 0; i < rows; ++i) file << s_line(table, i) << '\n';
   file.close();
   if (!file) throw std::runtime_error("the file to import could not be written");
   return path;
@@ -73,57 +68,40 @@ void s_empty(const Table& table) {
   Testing::TestServer::shared().sql("truncate table ts_address_map." + table.name());
 }
 
-void s_requireAll(const Table& table, benchmark::State& state) {
-  const auto rows =
+void s_requireRows(const Table& table, int rows) {
+  const auto counted =
       Testing::TestServer::shared().sql("select count(*) from ts_address_map." + table.name());
-  if (rows.at(0).at(0) != std::to_string(sizes().rows)) state.SkipWithError("rows are missing");
+  require(counted.at(0).at(0) == std::to_string(rows));
 }
 
-// Runs the tool and returns the peak of its resident memory in kilobytes. That of a child counts
-// from its parent's size on, so the parent must be small where the number is to mean something.
-long s_import(const std::string& group, const std::string& path) {
-  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
-  std::string program = self.parent_path() / "tsl-address-map";
-  std::array<std::string, 5> words = {group, "import", path, "--table", "import"};
-  std::array<char*, 7> arguments = {program.data(),  words[0].data(), words[1].data(),
-                                    words[2].data(), words[3].data(), words[4].data(),
-                                    nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t child = 0;
-  const int failed =
-      posix_spawn(&child, program.c_str(), &actions, nullptr, arguments.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed != 0) throw std::runtime_error("tsl-address-map is not beside the benchmarks");
-  int status = 0;
-  rusage usage{};
-  if (wait4(child, &status, 0, &usage) != child || status != 0) {
-    throw std::runtime_error("tsl-address-map could not import");
-  }
-  return usage.ru_maxrss;
+std::string s_words(const Table& table, const std::string& path) {
+  return std::string(table.group) + " import " + path + " --table import";
 }
 
-void importByTool(benchmark::State& state, const Table& table) {
-  const std::string path = s_prepare(table);
-  for (auto _ : state) {
-    state.PauseTiming();
+// Rows that an import is timed with: enough to decide, and so few that a round takes no second.
+int s_timedRows() {
+  return sizes().rows / 10;
+}
+
+// A side that works on an empty table, which is not a part of its time.
+template <class Import>
+Side s_importing(const Table& table, Import import) {
+  return [&table, timedImport = timed(Clock::Everyone, import)](std::size_t count) {
     s_empty(table);
-    state.ResumeTiming();
-    s_import(table.group, path);
-  }
-  s_requireAll(table, state);
+    const double seconds = timedImport(count);
+    s_requireRows(table, s_timedRows());
+    return seconds;
+  };
 }
 
-void importBare(benchmark::State& state, const Table& table) {
-  const std::string path = s_prepare(table);
+void import(benchmark::State& state, const Table& table) {
+  const std::string path = s_file(table, s_timedRows());
   BareConnection connection("ts_address_map");
   const std::string start =
       "insert into " + table.name() + " ( " + table.key + ", " + table.value + " ) values( '";
-  for (auto _ : state) {
-    state.PauseTiming();
-    s_empty(table);
-    state.ResumeTiming();
+  const OneCore pinned;
+  const auto ours = [&](std::size_t) { runTool(s_words(table, path)); };
+  const auto bare = [&](std::size_t) {
     std::ifstream file(path);
     connection.execute("start transaction");
     for (std::string line; std::getline(file, line);) {
@@ -132,60 +110,27 @@ void importBare(benchmark::State& state, const Table& table) {
                          connection.escaped(line.substr(colon + 1)) + "' )");
     }
     connection.execute("commit");
-  }
-  s_requireAll(table, state);
+  };
+  Comparison comparison{std::string(table.group) + " import / bare loop of single inserts", 1.0};
+  comparison.operations = 1;
+  compare(state, comparison, s_importing(table, ours), s_importing(table, bare));
 }
 
-// Each is a second or more: once is enough for one of the repetitions.
-#define TSL_IMPORT_BENCH(function, name, table) \
-  BENCHMARK_CAPTURE(function, name, table)      \
-      ->Iterations(1)                           \
-      ->UseRealTime()                           \
-      ->Unit(benchmark::kMillisecond)
+BENCHMARK_CAPTURE(import, aliases, s_alias)->Apply(inRounds);
+BENCHMARK_CAPTURE(import, masks, s_mask)->Apply(inRounds);
 
-TSL_IMPORT_BENCH(importByTool, aliases, s_alias);
-TSL_IMPORT_BENCH(importBare, aliases, s_alias);
-TSL_IMPORT_BENCH(importByTool, masks, s_mask);
-TSL_IMPORT_BENCH(importBare, masks, s_mask);
-
-// The peak of the tool's memory, taken by this program run anew, which is small.
 void importPeakMemory(benchmark::State& state, const Table& table) {
-  const std::string path = s_prepare(table);
-  const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+  const std::string path = s_file(table, sizes().rows);
   for (auto _ : state) {
     s_empty(table);
-    const std::unique_ptr<FILE, decltype(&pclose)> output(
-        popen(("'" + program + "' '--peak=import:" + table.group + ":" + path + "'").c_str(), "r"),
-        &pclose);
-    double kilobytes = 0;
-    // Any number will do.
-    if (!output || std::fscanf(output.get(), "%lf", &kilobytes) != 1) {  // NOLINT(cert-err34-c)
-      throw std::runtime_error("the measured program failed");
-    }
     measured(std::string("import of ") + table.group + " rows, peak memory of the tool",
-             kilobytes / 1024, "MB", 400);
+             peakOf("tool:" + s_words(table, path)), "MB", 400);
   }
-  s_requireAll(table, state);
+  s_requireRows(table, sizes().rows);
 }
 
-BENCHMARK_CAPTURE(importPeakMemory, aliases, s_alias)->Iterations(1)->Repetitions(1);
-BENCHMARK_CAPTURE(importPeakMemory, masks, s_mask)->Iterations(1)->Repetitions(1);
-
-const bool s_compared = [] {
-  compare("alias import / bare loop of single inserts", Kind::Ratio,
-          "importByTool/aliases/iterations:1/real_time",
-          "importBare/aliases/iterations:1/real_time", 1, 1.0);
-  compare("mask import / bare loop of single inserts", Kind::Ratio,
-          "importByTool/masks/iterations:1/real_time", "importBare/masks/iterations:1/real_time", 1,
-          1.0);
-  return true;
-}();
+BENCHMARK_CAPTURE(importPeakMemory, aliases, s_alias)->Iterations(1);
+BENCHMARK_CAPTURE(importPeakMemory, masks, s_mask)->Iterations(1);
 
 }  // namespace
-
-void importForItsPeak(const std::string& groupAndPath) {
-  const std::size_t colon = groupAndPath.find(':');
-  std::printf("%ld\n", s_import(groupAndPath.substr(0, colon), groupAndPath.substr(colon + 1)));
-}
-
 }  // namespace Tessel::Bench

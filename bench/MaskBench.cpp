@@ -1,21 +1,20 @@
 // Mask tables: hits of both directions against the bare containers, and the asking of the table
 // against the bare statement.
-#include <algorithm>
-#include <limits>
-#include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <boost/thread/lock_types.hpp>
-#include <boost/thread/shared_mutex.hpp>
 
 #include "AddressMapDb.h"
+#include "BareCache.h"
 #include "BareConnection.h"
 #include "BenchDatabase.h"
-#include "Ratios.h"
+#include "Rounds.h"
+#include "map/AddressMapMySQL.h"
+#include "mask/AddressMaskMySQL.h"
 
 namespace Tessel::Bench {
 namespace {
@@ -24,6 +23,8 @@ namespace {
 constexpr int s_cached = 1024;
 // Wildcard rows, each for a domain of its own.
 constexpr int s_wildcards = 100;
+// Limit of a reverse walk.
+constexpr double s_mostOfWalk = 1.15;
 
 std::vector<EmailAddress> s_addresses(std::string (*text)(int), int count) {
   std::vector<EmailAddress> addresses;
@@ -32,125 +33,130 @@ std::vector<EmailAddress> s_addresses(std::string (*text)(int), int count) {
   return addresses;
 }
 
-// A table of `rows` pairs, all of them in its cache.
-AddressMaskDb s_cachedTable(int rows) {
-  const std::string name = "cached" + std::to_string(rows);
-  fillMaskTable("mask_" + name, rows);
-  static const AddressMapDb s_store(AddressMapDb::MySQL, true);
-  return s_store.maskDb(name);
+// A table of `rows` pairs, all of them in its cache, and the store that it needs.
+struct CachedTable {
+  explicit CachedTable(int rows) {
+    const std::string name = "cached" + std::to_string(rows);
+    fillMaskTable("mask_" + name, rows);
+    store = AddressMapDb(AddressMapDb::MySQL, true);
+    table = store.maskDb(name);
+  }
+  AddressMapDb store;
+  AddressMaskDb table;
+};
+
+// A forward hit of a store of its own, whose cache holds every pair of a table.
+auto s_forwardHit() {
+  const CachedTable cached(s_cached);
+  const std::vector<EmailAddress> addresses = s_addresses(maskPrivate, s_cached);
+  return [cached, addresses](std::size_t i) {
+    const EmailAddress found = cached.table.findPublicAddress(addresses[scattered(i, s_cached)]);
+    require(!found.isNull());
+    benchmark::DoNotOptimize(&found);
+  };
+}
+
+// What it cannot do without: map, list, lock and the copy of a string.
+auto s_bareForwardHit() {
+  const auto cache = std::make_shared<BareCache<std::string, std::string>>();
+  std::vector<std::string> names;
+  for (int i = 0; i < s_cached; ++i) {
+    names.push_back(maskPrivate(i));
+    cache->add(names.back(), maskPublic(i));
+  }
+  return [cache, names](std::size_t i) {
+    const std::string found = cache->find(names[scattered(i, s_cached)])->second;
+    require(!found.empty());
+    benchmark::DoNotOptimize(&found);
+  };
 }
 
 void maskForwardHit(benchmark::State& state) {
-  const AddressMaskDb table = s_cachedTable(s_cached);
-  const std::vector<EmailAddress> addresses = s_addresses(maskPrivate, s_cached);
-  auto next = static_cast<std::size_t>(state.thread_index()) * 101;
-  for (auto _ : state) {
-    const EmailAddress found = table.findPublicAddress(addresses[next++ % s_cached]);
-    if (found.isNull()) state.SkipWithError("the address was not found");
-    benchmark::DoNotOptimize(&found);
-  }
+  compareHits(state, "mask forward hit / bare containers", &s_forwardHit, &s_bareForwardHit);
 }
 
-// What a cached pair cannot do without: map, list, lock and the copy of a string.
-struct BareCache {
-  using Entry = std::pair<std::string, std::string>;
-  boost::shared_mutex mutex;
-  std::list<Entry> recent;
-  std::map<std::string, std::list<Entry>::iterator> index;
+BENCHMARK(maskForwardHit)->Arg(1)->Arg(2)->Apply(inRounds);
 
-  explicit BareCache(int entries) {
-    for (int i = 0; i < entries; ++i) {
-      recent.emplace_front(maskPrivate(i), maskPublic(i));
-      index[maskPrivate(i)] = recent.begin();
-    }
+// The walk of a reverse lookup at its plainest: nothing is locked while it goes on, and other
+// threads are not heeded.
+EmailAddress s_plainWalk(BareCache<EmailAddress, EmailAddress>& cache,
+                         const EmailAddress& address) {
+  const auto end = cache.recent.cend();
+  for (auto entry = cache.begin(); entry != end; ++entry) {
+    if (entry->second == address) return entry->first;
   }
-
-  std::list<Entry>::iterator find(const std::string& key) {
-    const boost::unique_lock<boost::shared_mutex> lock(mutex);
-    const auto node = index.find(key);
-    recent.splice(recent.begin(), recent, node->second);
-    return recent.begin();
-  }
-};
-
-void maskForwardBareContainers(benchmark::State& state) {
-  static BareCache s_cache(s_cached);
-  std::vector<std::string> names;
-  names.reserve(s_cached);
-  for (int i = 0; i < s_cached; ++i) names.push_back(maskPrivate(i));
-  auto next = static_cast<std::size_t>(state.thread_index()) * 101;
-  for (auto _ : state) {
-    const std::string found = s_cache.find(names[next++ % s_cached])->second;
-    benchmark::DoNotOptimize(&found);
-  }
+  return {};
 }
 
-BENCHMARK(maskForwardHit)->Threads(1)->Threads(2)->UseRealTime();
-BENCHMARK(maskForwardBareContainers)->Threads(1)->Threads(2)->UseRealTime();
-
-// Every pair of the cache in turn, so a walk goes half way on average.
+// Every pair of the cache, so a walk goes half way on average.
 void maskReverseHit(benchmark::State& state) {
-  const auto rows = static_cast<std::size_t>(state.range(0));
-  const AddressMaskDb table = s_cachedTable(static_cast<int>(rows));
-  const std::vector<EmailAddress> addresses = s_addresses(maskPublic, static_cast<int>(rows));
-  std::size_t next = 0;
-  for (auto _ : state) {
-    const EmailAddress found = table.findPrivateAddress(addresses[next++ % rows]);
-    if (found.isNull()) state.SkipWithError("the address was not found");
-    benchmark::DoNotOptimize(&found);
+  const auto rows = static_cast<int>(state.range(0));
+  const std::vector<EmailAddress> privates = s_addresses(maskPrivate, rows);
+  const std::vector<EmailAddress> publics = s_addresses(maskPublic, rows);
+  std::vector<Sides> sides;
+  while (sides.size() < s_caches) {
+    const auto cache = std::make_shared<BareCache<EmailAddress, EmailAddress>>();
+    for (std::size_t row = 0; row < publics.size(); ++row) cache->add(privates[row], publics[row]);
+    const auto ours = [&publics, cached = CachedTable(rows)](std::size_t i) {
+      const EmailAddress found =
+          cached.table.findPrivateAddress(publics[scattered(i, publics.size())]);
+      require(!found.isNull());
+      benchmark::DoNotOptimize(&found);
+    };
+    const auto bare = [&publics, cache](std::size_t i) {
+      const EmailAddress found = s_plainWalk(*cache, publics[scattered(i, publics.size())]);
+      require(!found.isNull());
+      benchmark::DoNotOptimize(&found);
+    };
+    sides.push_back({timed(Clock::Own, ours), timed(Clock::Own, bare)});
   }
+  compare(state,
+          {"mask reverse hit / plain walk, " + std::to_string(rows) + " entries", s_mostOfWalk},
+          sides);
+}  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the sides free what they copied
+
+BENCHMARK(maskReverseHit)->Arg(10)->Arg(100)->Arg(1000)->Apply(inRounds);
+
+constexpr char s_large[] = "mask_large";
+
+void maskStatement(benchmark::State& state, const Comparison& comparison, bool forward,
+                   bool known) {
+  fillMaskTable(s_large, sizes().rows + s_cached);
+  AddressMapDbMySQL store(true);
+  const AddressMaskDbMySQL table(store, true, "large");
+  // One that is in a row would be cached: asks for the row itself.
+  const std::string key = !known    ? "unknown@bench.example"
+                          : forward ? maskPrivate(7)
+                                    : maskPublic(7);
+  const EmailAddress address = EmailAddress::rfc5321Parse(key, false);
+  const auto lookup = [&] {
+    EmailAddress found;
+    if (known)
+      found = forward ? table.queryPublicAddress(address) : table.queryPrivateAddress(address);
+    else
+      found = forward ? table.findPublicAddress(address) : table.findPrivateAddress(address);
+    require(found.isNull() != known);
+  };
+  compareStatement(state, comparison, lookup, {s_large, forward ? "private" : "public", key});
 }
 
-void maskReverseBareWalk(benchmark::State& state) {
-  const auto rows = static_cast<std::size_t>(state.range(0));
-  const BareCache cache(static_cast<int>(rows));
-  std::vector<std::string> names;
-  names.reserve(rows);
-  for (int i = 0; i < static_cast<int>(rows); ++i) names.push_back(maskPublic(i));
-  std::size_t next = 0;
-  for (auto _ : state) {
-    const std::string& name = names[next++ % rows];
-    const auto entry = std::find_if(cache.recent.begin(), cache.recent.end(),
-                                    [&name](const auto& pair) { return pair.second == name; });
-    const std::string found = entry->first;
-    benchmark::DoNotOptimize(&found);
-  }
-}
+BENCHMARK_CAPTURE(maskStatement, forward,
+                  Comparison{"mask forward lookup / bare statement, no row", s_mostOfStatement},
+                  true, false)
+    ->Apply(inRounds);
+BENCHMARK_CAPTURE(maskStatement, forwardRow,
+                  Comparison{"mask queryPublicAddress / bare statement, one row",
+                             s_mostOfStatement},
+                  true, true)
+    ->Apply(inRounds);
+// Before it asks, a reverse lookup walks the full cache, which the bare statement does not.
+BENCHMARK_CAPTURE(maskStatement, reverse,
+                  Comparison{"mask reverse lookup / bare statement, no row", s_noLimit}, false,
+                  false)
+    ->Apply(inRounds);
 
-BENCHMARK(maskReverseHit)->Arg(10)->Arg(100)->Arg(1000);
-BENCHMARK(maskReverseBareWalk)->Arg(10)->Arg(100)->Arg(1000);
-
-// An address that is in no row of a table with more rows than the cache holds: one statement. One
-// that is in a row would be cached by it.
-void maskUncached(benchmark::State& state, bool forward) {
-  fillMaskTable("mask_large", sizes().rows + s_cached);
-  const AddressMapDb store(AddressMapDb::MySQL, true);
-  const AddressMaskDb table = store.maskDb("large");
-  const EmailAddress unknown = EmailAddress::rfc5321Parse("unknown@bench.example", false);
-  const OneCore pinned;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(forward ? table.findPublicAddress(unknown)
-                                     : table.findPrivateAddress(unknown));
-  }
-}
-
-void maskUncachedBare(benchmark::State& state, const std::string& column) {
-  fillMaskTable("mask_large", sizes().rows + s_cached);
-  BareConnection connection("ts_address_map");
-  const std::string name = "unknown@bench.example";
-  const OneCore pinned;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(connection.selectAndWalk("select * from mask_large where " + column +
-                                                      " ='" + connection.escaped(name) + "';"));
-  }
-}
-
-BENCHMARK_CAPTURE(maskUncached, forward, true)->UseRealTime();
-BENCHMARK_CAPTURE(maskUncached, reverse, false)->UseRealTime();
-BENCHMARK_CAPTURE(maskUncachedBare, forward, "private")->UseRealTime();
-BENCHMARK_CAPTURE(maskUncachedBare, reverse, "public")->UseRealTime();
-
-// A wildcard row, met after a miss in an empty cache of a table without plain rows.
+// A wildcard row, met after a miss in an empty cache of a table without plain rows, against find
+// and join, with the local part and the domain given as they are.
 void maskWildcardHit(benchmark::State& state) {
   static const AddressMapDb s_store = [] {
     fillWildcardTable("mask_wildcards", s_wildcards);
@@ -159,16 +165,6 @@ void maskWildcardHit(benchmark::State& state) {
   const AddressMaskDb table = s_store.maskDb("wildcards");
   const std::vector<EmailAddress> addresses =
       s_addresses([](int i) { return "someone@" + privateDomain(i); }, s_wildcards);
-  std::size_t next = 0;
-  for (auto _ : state) {
-    const EmailAddress found = table.findPublicAddress(addresses[next++ % s_wildcards]);
-    if (found.isNull()) state.SkipWithError("the address was not found");
-    benchmark::DoNotOptimize(&found);
-  }
-}
-
-// Find and join, with the local part and the domain given as they are.
-void maskWildcardBareMap(benchmark::State& state) {
   std::map<std::string, std::string> domains;
   std::vector<std::string> names;
   for (int i = 0; i < s_wildcards; ++i) {
@@ -176,38 +172,20 @@ void maskWildcardBareMap(benchmark::State& state) {
     names.push_back(privateDomain(i));
   }
   const std::string local = "someone";
-  std::size_t next = 0;
-  for (auto _ : state) {
-    const std::string found = local + "@" + domains.find(names[next++ % s_wildcards])->second;
+  const auto ours = [&](std::size_t i) {
+    const EmailAddress found = table.findPublicAddress(addresses[scattered(i, s_wildcards)]);
+    require(!found.isNull());
     benchmark::DoNotOptimize(&found);
-  }
+  };
+  const auto bare = [&](std::size_t i) {
+    const std::string found = local + "@" + domains.find(names[scattered(i, s_wildcards)])->second;
+    benchmark::DoNotOptimize(&found);
+  };
+  compare(state, {"mask wildcard hit / bare map and join"}, timed(Clock::Own, ours),
+          timed(Clock::Own, bare));
 }
 
-BENCHMARK(maskWildcardHit);
-BENCHMARK(maskWildcardBareMap);
-
-const bool s_compared = [] {
-  constexpr double s_none = std::numeric_limits<double>::infinity();
-  compare("mask forward hit / bare containers, 1 thread", Kind::Ratio,
-          "maskForwardHit/real_time/threads:1", "maskForwardBareContainers/real_time/threads:1", 1,
-          1.5);
-  compare("mask forward hit / bare containers, 2 threads", Kind::Ratio,
-          "maskForwardHit/real_time/threads:2", "maskForwardBareContainers/real_time/threads:2", 1,
-          1.5);
-  for (const char* rows : {"10", "100", "1000"}) {
-    compare("mask reverse hit / bare walk, " + std::string(rows) + " entries", Kind::Ratio,
-            "maskReverseHit/" + std::string(rows), "maskReverseBareWalk/" + std::string(rows), 1,
-            s_none);
-  }
-  compare("mask forward lookup / bare statement, no row", Kind::Ratio,
-          "maskUncached/forward/real_time", "maskUncachedBare/forward/real_time", 1, 1.2);
-  // Before it asks, a reverse lookup walks the full cache, which the bare statement does not.
-  compare("mask reverse lookup / bare statement, no row", Kind::Ratio,
-          "maskUncached/reverse/real_time", "maskUncachedBare/reverse/real_time", 1, s_none);
-  compare("mask wildcard hit / bare map and join", Kind::Ratio, "maskWildcardHit",
-          "maskWildcardBareMap", 1, s_none);
-  return true;
-}();
+BENCHMARK(maskWildcardHit)->Apply(inRounds);
 
 }  // namespace
 }  // namespace Tessel::Bench

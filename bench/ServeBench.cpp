@@ -1,37 +1,33 @@
 // The lookup service: a mail server's lookups in it, against the same mail server's lookups in the
 // database and against a responder that answers a constant; and the reading of a whole table. All
 // processes of a comparison share one core.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "BareConnection.h"
 #include "BenchDatabase.h"
-#include "Ratios.h"
+#include "Processes.h"
+#include "Rounds.h"
 #include "cli/TextRows.h"
 #include "database/Connection.h"
 #include "serve/Table.h"
@@ -43,10 +39,7 @@ using std::chrono::steady_clock;
 
 // The base table: it is what the service answers from when no table is named.
 constexpr char s_table[] = "alias";
-constexpr int s_times = 10;
-constexpr char s_imageTable[] = "alias_image";
-constexpr int s_fewConnections = 1;
-constexpr int s_manyConnections = 100;
+constexpr char s_imageTable[] = "alias_large";
 
 // Shares of the rate of the constant responder and of the mail server's own tables, as times.
 constexpr double s_mostOfConstant = 1 / 0.8;
@@ -92,38 +85,6 @@ int s_connect(const std::string& path) {
 std::string s_request(int i) {
   const std::string text = "alias " + aliasName(i);
   return std::to_string(text.size()) + ":" + text + ",";
-}
-
-// A process that ends with the object.
-class Process {
- public:
-  explicit Process(pid_t id) : m_id(id) {}
-  ~Process() {
-    kill(m_id, SIGTERM);
-    waitpid(m_id, nullptr, 0);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
- private:
-  pid_t m_id;
-};
-
-pid_t s_spawn(std::vector<std::string> words, const std::string& input, const std::string& output) {
-  std::vector<char*> arguments;
-  for (std::string& word : words) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t child = 0;
-  const int failed =
-      posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed != 0) throw std::runtime_error("cannot run " + words[0]);
-  return child;
 }
 
 // Waits until the one who listens at `path` answers the first request with "OK".
@@ -180,8 +141,14 @@ std::string s_constantReply() {
   }
 }
 
-std::string s_startConstant(std::vector<std::unique_ptr<Process>>& processes) {
-  const std::string path = s_socket("constant");
+// A responder, and who it is.
+struct Responder {
+  std::string path;
+  std::unique_ptr<Process> process;
+};
+
+Responder s_startConstant(int number) {
+  const std::string path = s_socket("constant" + std::to_string(number));
   unlink(path.c_str());
   const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
@@ -198,132 +165,176 @@ std::string s_startConstant(std::vector<std::unique_ptr<Process>>& processes) {
     s_answerConstant(listener);
   }
   close(listener);
-  processes.push_back(std::make_unique<Process>(child));
-  return path;
+  return {path, std::make_unique<Process>(child)};
 }
 
-std::string s_startService(std::vector<std::unique_ptr<Process>>& processes) {
-  const std::string path = s_socket("service");
-  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
-  processes.push_back(
-      std::make_unique<Process>(s_spawn({self.parent_path() / "tsl-address-map", "serve",
-                                         "--listen", "unix:" + path, "--only", "none"},
-                                        "/dev/null", "/dev/null")));
-  s_waitForAnswers(path);
-  return path;
-}
-
-// Who answers, by the name of the benchmark.
-std::string s_start(const std::string& who, std::vector<std::unique_ptr<Process>>& processes) {
+Responder s_startService(int number) {
+  const std::string path = s_socket("service" + std::to_string(number));
   fillAliasTable(s_table, sizes().rows);
-  return who == "service" ? s_startService(processes) : s_startConstant(processes);
+  const pid_t child = spawn({toolPath(), "serve", "--listen", "unix:" + path, "--only", "none"},
+                            "/dev/null", "/dev/null");
+  Responder service{path, std::make_unique<Process>(child)};
+  s_waitForAnswers(path);
+  return service;
 }
+
+// Services and constant responders that are compared.
+constexpr int s_pairs = 6;
+// Requests of one side in a round; fewer where other programs must not come between them.
+constexpr std::size_t s_requests = 1000;
+constexpr std::size_t s_requestsOfTail = 500;
 
 // Aliases that are asked for, again and again: those of a busy mail server.
 int s_asked() {
   return std::min(sizes().rows, 20000);
 }
 
-// The aliases that are asked for in an order in which neighbours are far apart.
-int s_scattered(int i) {
-  return static_cast<int>((static_cast<long long>(i) * 7919) % s_asked());
-}
-
 // One connection of the load: sends a request as soon as the one before is answered.
 struct Caller {
   int descriptor = -1;
-  int next = 0;
+  std::size_t next = 0;
   steady_clock::time_point sent;
 };
 
 void s_send(Caller& caller) {
-  const std::string request = s_request(s_scattered(caller.next++));
+  const auto count = static_cast<std::size_t>(s_asked());
+  const std::string request = s_request(static_cast<int>(scattered(caller.next++, count)));
   caller.sent = steady_clock::now();
   if (write(caller.descriptor, request.data(), request.size()) < 0) {
     throw std::runtime_error("the connection is cut");
   }
 }
 
-// Asks `count` times over `connections` connections at once; the time that each answer took.
-std::vector<double> s_load(const std::string& path, int connections, int count) {
-  const int events = epoll_create1(EPOLL_CLOEXEC);
-  std::vector<Caller> callers(static_cast<std::size_t>(connections));
-  for (std::size_t i = 0; i < callers.size(); ++i) {
-    callers[i].descriptor = s_connect(path);
-    callers[i].next = static_cast<int>(i) * 1009;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = i;
-    epoll_ctl(events, EPOLL_CTL_ADD, callers[i].descriptor, &event);
-    s_send(callers[i]);
-  }
-  std::vector<double> latencies;
-  std::vector<epoll_event> ready(256);
-  char buffer[65536];
-  while (latencies.size() < static_cast<std::size_t>(count)) {
-    const int found = epoll_wait(events, ready.data(), static_cast<int>(ready.size()), 10000);
-    if (found <= 0) throw std::runtime_error("no answer in 10 s");
-    for (int i = 0; i < found; ++i) {
-      Caller& caller = callers[ready[static_cast<std::size_t>(i)].data.u64];
-      const ssize_t size = read(caller.descriptor, buffer, sizeof(buffer));
-      if (size <= 0) throw std::runtime_error("the connection is cut");
-      const std::string_view reply(buffer, static_cast<std::size_t>(size));
-      if (reply.find(":OK ") == std::string_view::npos || reply.back() != ',') {
-        throw std::runtime_error("a wrong answer");
-      }
-      latencies.push_back(std::chrono::duration<double>(steady_clock::now() - caller.sent).count());
-      s_send(caller);
+// Connections to one responder that stay open, and the times that its answers took.
+class Load {
+ public:
+  Load(const std::string& path, int connections)
+      : m_events(epoll_create1(EPOLL_CLOEXEC)), m_callers(static_cast<std::size_t>(connections)) {
+    for (std::size_t i = 0; i < m_callers.size(); ++i) {
+      m_callers[i].descriptor = s_connect(path);
+      m_callers[i].next = i * 1009;
+      epoll_event event{};
+      event.events = EPOLLIN;
+      event.data.u64 = i;
+      epoll_ctl(m_events, EPOLL_CTL_ADD, m_callers[i].descriptor, &event);
     }
   }
-  for (const Caller& caller : callers) close(caller.descriptor);
-  close(events);
-  return latencies;
-}
-
-double s_quantile(std::vector<double> values, double share) {
-  const auto place =
-      values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), place, values.end());
-  return *place;
-}
-
-// Medians of the 99th percentiles of the runs, by benchmark.
-std::map<std::string, std::vector<double>>& s_tails() {
-  static std::map<std::string, std::vector<double>> s_byName;
-  return s_byName;
-}
-
-void serveLoad(benchmark::State& state, const std::string& who) {
-  const auto connections = static_cast<int>(state.range(0));
-  const OneCore oneCore;
-  std::vector<std::unique_ptr<Process>> processes;
-  const std::string path = s_start(who, processes);
-  const int count = 10 * s_asked();
-  const std::string name = who + std::to_string(connections);
-  s_load(path, connections, count);
-  std::vector<double> all;
-  for (auto _ : state) {
-    const std::vector<double> latencies = s_load(path, connections, count);
-    all.insert(all.end(), latencies.begin(), latencies.end());
+  ~Load() {
+    for (const Caller& caller : m_callers) close(caller.descriptor);
+    close(m_events);
   }
-  const double tail = s_quantile(all, 0.99);
-  s_tails()[name].push_back(tail);
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(count), benchmark::Counter::kIsIterationInvariantRate);
-  state.counters["p50 us"] = s_quantile(all, 0.5) * 1e6;
-  state.counters["p99 us"] = tail * 1e6;
-  if (who != "service") return;
-  const std::vector<double>& constant = s_tails()["constant" + std::to_string(connections)];
-  if (constant.empty()) return;
-  measured("service / constant responder, 99th percentile over " + std::to_string(connections) +
-               " connections",
-           s_quantile(s_tails()[name], 0.5) / s_quantile(constant, 0.5), "", s_mostOfTail);
+  Load(const Load&) = delete;
+  Load& operator=(const Load&) = delete;
+
+  // Asks `count` times over all connections at once. Throws std::runtime_error when an answer is
+  // wrong or does not come.
+  void ask(std::size_t count) {
+    m_latencies.clear();
+    std::size_t sent = 0;
+    for (Caller& caller : m_callers) {
+      if (sent++ < count) s_send(caller);
+    }
+    sent = std::min(sent, count);
+    epoll_event ready[128];
+    while (m_latencies.size() < count) {
+      const int found = epoll_wait(m_events, ready, std::size(ready), 10000);
+      require(found > 0);
+      for (int i = 0; i < found; ++i) {
+        Caller& caller = m_callers[ready[i].data.u64];
+        take(caller);
+        if (sent++ < count) s_send(caller);
+      }
+    }
+  }
+
+  // Seconds that 99 % of the last answers did not exceed. The first ones, to requests that were all
+  // sent before any was answered, do not count.
+  double tail() {
+    const std::size_t first = std::min(m_callers.size(), m_latencies.size() - 1);
+    const std::size_t place = first + (m_latencies.size() - first) * 99 / 100;
+    const auto at = [this](std::size_t i) {
+      return m_latencies.begin() + static_cast<std::ptrdiff_t>(i);
+    };
+    std::nth_element(at(first), at(place), m_latencies.end());
+    return m_latencies[place];
+  }
+
+ private:
+  void take(const Caller& caller) {
+    char buffer[4096];
+    const ssize_t size = read(caller.descriptor, buffer, sizeof(buffer));
+    const std::string_view reply(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
+    require(reply.find(":OK ") != std::string_view::npos && reply.back() == ',');
+    m_latencies.push_back(std::chrono::duration<double>(steady_clock::now() - caller.sent).count());
+  }
+
+  int m_events;
+  std::vector<Caller> m_callers;
+  std::vector<double> m_latencies;
+};
+
+// A service and a constant responder, and who asks them.
+struct Pair {
+  Pair(int number, int connections)
+      : service(s_startService(number)),
+        constant(s_startConstant(number)),
+        ours(service.path, connections),
+        bare(constant.path, connections) {}
+
+  Responder service;
+  Responder constant;
+  Load ours;
+  Load bare;
+};
+
+// The sides ask twice, and measure the second time: before that the others were at work, and what
+// the responder needs is not in the processor's caches.
+Side s_time(Load& load) {
+  return [&load](std::size_t count) {
+    load.ask(count);
+    return measure(Clock::Everyone, [&] { load.ask(count); }) / static_cast<double>(count);
+  };
+}
+
+Side s_tail(Load& load) {
+  return [&load](std::size_t count) {
+    load.ask(count);
+    measure(Clock::Everyone, [&] { load.ask(count); });
+    return load.tail();
+  };
+}
+
+// Over several pairs: who of the two processes runs first settles itself when they start, and
+// changes how many answers come together.
+void serveLoad(benchmark::State& state, int connections, bool isTail) {
+  const OneCore pinned;
+  std::vector<std::unique_ptr<Pair>> pairs;
+  std::vector<Sides> sides;
+  for (int number = 0; number < s_pairs; ++number) {
+    Pair& pair = *pairs.emplace_back(std::make_unique<Pair>(number, connections));
+    const auto side = isTail ? &s_tail : &s_time;
+    sides.push_back({side(pair.ours), side(pair.bare)});
+  }
+  const std::string over =
+      " over " + std::to_string(connections) + (connections == 1 ? " connection" : " connections");
+  Comparison comparison{"service / constant responder, time" + over, s_mostOfConstant};
+  comparison.operations = s_requests;
+  if (isTail) {
+    comparison.name = "service / constant responder, 99th percentile" + over;
+    comparison.limit = s_mostOfTail;
+    comparison.operations = s_requestsOfTail;
+  }
+  compare(state, comparison, sides);
 }
 
 // Files of the keys to ask for, and of the mail server's own table.
 void s_writeFiles() {
   std::ofstream keys(s_folder() / "keys");
-  for (int i = 0; i < 10 * s_asked(); ++i) keys << aliasName(s_scattered(i)) << "\n";
+  const auto count = static_cast<std::size_t>(s_asked());
+  for (std::size_t i = 0; i < count; ++i) {
+    keys << aliasName(static_cast<int>(scattered(i, count))) << "\n";
+  }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment any more
   const char* const options = std::getenv("TSL_DATABASE_OPTION_FILE");
   std::ofstream table(s_folder() / "mysql.cf");
   table << "option_file = " << (options == nullptr ? "" : options) << "\noption_group = client\n"
@@ -335,74 +346,87 @@ void s_writeFiles() {
        << "mynetworks = 127.0.0.0/8\ninet_interfaces = 127.0.0.1\ninet_protocols = ipv4\n";
 }
 
-// Has the mail server's own program ask `table` for the keys; the number of answers in `output`.
-int s_postmap(const std::string& table, const std::string& output) {
-  const pid_t child =
-      s_spawn({"postmap", "-c", s_folder(), "-q", "-", table}, s_folder() / "keys", output);
-  int status = 0;
-  if (waitpid(child, &status, 0) != child || status != 0) {
-    throw std::runtime_error("postmap failed");
-  }
-  std::ifstream answers(output);
-  int lines = 0;
-  for (std::string line; std::getline(answers, line);) ++lines;
-  return lines;
+// Has the mail server's own program ask `table` for the keys, over one connection.
+void s_postmap(const std::string& table, const std::string& output) {
+  waitFor(spawn({"postmap", "-c", s_folder(), "-q", "-", table}, s_folder() / "keys", output),
+          "postmap");
 }
 
-// The mail server's own program asks for every alias, over one connection.
-void servePostmap(benchmark::State& state, const std::string& who) {
-  if (std::system("command -v postmap >/dev/null") != 0) {
-    state.SkipWithError("postmap is not installed");
-    return;
-  }
+// The side that does so. All answers come, which is tried first.
+Side s_askingBy(const std::string& table) {
+  s_postmap(table, s_folder() / "answers");
+  std::ifstream answers(s_folder() / "answers");
+  int lines = 0;
+  for (std::string line; std::getline(answers, line);) ++lines;
+  require(lines == s_asked());
+  // Nowhere: the writing of a file is not what is measured.
+  return timed(Clock::Everyone, [table](std::size_t) { s_postmap(table, "/dev/null"); });
+}
+
+std::string s_socketTable(const Responder& responder) {
+  return "socketmap:unix:" + responder.path + ":alias";
+}
+
+bool s_succeeds(const std::string& command) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread at this point
+  return std::system(command.c_str()) == 0;
+}
+
+bool s_hasPostmap(benchmark::State& state) {
+  if (s_succeeds("command -v postmap >/dev/null")) return true;
+  state.SkipWithError("postmap is not installed");
+  return false;
+}
+
+void servePostmapConstant(benchmark::State& state) {
+  if (!s_hasPostmap(state)) return;
+  startDatabase();  // The files name it.
+  s_writeFiles();
+  const OneCore pinned;
+  const Responder service = s_startService(0);
+  const Responder constant = s_startConstant(0);
+  compare(state, {"postmap: service / constant responder, time", s_mostOfConstant},
+          s_askingBy(s_socketTable(service)), s_askingBy(s_socketTable(constant)));
+}
+
+void servePostmapDatabase(benchmark::State& state) {
+  if (!s_hasPostmap(state)) return;
   startDatabase();  // The files name it.
   s_writeFiles();
   const std::string types = "postconf -c '" + s_folder().string() + "' -m 2>/dev/null";
-  if (who == "database" && std::system((types + " | grep -qx mysql").c_str()) != 0) {
+  if (!s_succeeds(types + " | grep -qx mysql")) {
     state.SkipWithError("postmap knows no mysql: tables; the package postfix-mysql has them");
     return;
   }
-  const OneCore oneCore;
-  std::vector<std::unique_ptr<Process>> processes;
-  std::string table = "mysql:" + (s_folder() / "mysql.cf").string();
-  if (who == "database") {
-    fillAliasTable(s_table, sizes().rows);
-  } else {
-    table = "socketmap:unix:" + s_start(who, processes) + ":alias";
-  }
-  if (s_postmap(table, s_folder() / "answers") != 10 * s_asked()) {
-    state.SkipWithError("postmap got too few answers");
-    return;
-  }
-  // Nowhere: the writing of a file is not what is measured.
-  for (auto _ : state) s_postmap(table, "/dev/null");
-  state.counters["requests/s"] =
-      benchmark::Counter(10.0 * s_asked(), benchmark::Counter::kIsIterationInvariantRate);
+  const OneCore pinned;
+  const Responder service = s_startService(0);
+  compare(state, {"postmap: service / its own mysql: table, time", s_mostOfDatabase},
+          s_askingBy(s_socketTable(service)),
+          s_askingBy("mysql:" + (s_folder() / "mysql.cf").string()));
 }
 
 void serveImage(benchmark::State& state) {
-  fillAliasTable(s_imageTable, s_times * sizes().rows);
-  for (auto _ : state) {
+  fillAliasTable(s_imageTable, sizes().rows);
+  BareConnection connection("ts_address_map");
+  const OneCore pinned;
+  const auto ours = [](std::size_t) {
     const Serve::TableImage image(Serve::TableKind::Alias, [](const Serve::TakeRow& take) {
-      Database::Connection connection("ts_address_map");
-      Tool::selectPairs(connection, std::string("select name, members from ") + s_imageTable, take);
+      Database::Connection source("ts_address_map");
+      Tool::selectPairs(source, std::string("select name, members from ") + s_imageTable, take);
     });
     benchmark::DoNotOptimize(image.rows().size());
-  }
-}
-
-void serveBareWalk(benchmark::State& state) {
-  fillAliasTable(s_imageTable, s_times * sizes().rows);
-  BareConnection connection("ts_address_map");
-  for (auto _ : state) {
+  };
+  const auto bare = [&](std::size_t) {
     benchmark::DoNotOptimize(
         connection.selectAndWalk(std::string("select * from ") + s_imageTable));
-  }
+  };
+  compare(state, {"image / bare select *", s_mostWalks}, timed(Clock::Everyone, ours),
+          timed(Clock::Everyone, bare));
 }
 
 // The resident memory that an image takes, in MB, and what it takes when all of it has been asked.
 void serveMemory(benchmark::State& state) {
-  fillAliasTable(s_imageTable, s_times * sizes().rows);
+  const int rows = s_huge * sizes().rows;
   const auto resident = [] {
     std::ifstream file("/proc/self/statm");
     double pages = 0;
@@ -410,10 +434,9 @@ void serveMemory(benchmark::State& state) {
     return pages * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
   };
   for (auto _ : state) {
-    std::vector<std::pair<std::string, std::string>> rows;
     const double before = resident();
-    const Serve::TableImage image(Serve::TableKind::Alias, [](const Serve::TakeRow& take) {
-      for (int i = 0; i < s_times * sizes().rows; ++i) {
+    const Serve::TableImage image(Serve::TableKind::Alias, [rows](const Serve::TakeRow& take) {
+      for (int i = 0; i < rows; ++i) {
         std::string members;
         for (const std::string& member : aliasMembers(i)) {
           members += (members.empty() ? "" : ",") + member;
@@ -422,7 +445,7 @@ void serveMemory(benchmark::State& state) {
       }
     });
     const double built = resident();
-    for (int i = 0; i < s_times * sizes().rows; ++i) {
+    for (int i = 0; i < rows; ++i) {
       benchmark::DoNotOptimize(image.alias().expand(aliasName(i)));
     }
     measured("image of ten times the rows, memory", built - before, "MB", 600);
@@ -430,43 +453,14 @@ void serveMemory(benchmark::State& state) {
   }
 }
 
-BENCHMARK_CAPTURE(serveLoad, constant, std::string("constant"))
-    ->Arg(s_fewConnections)
-    ->Arg(s_manyConnections)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(serveLoad, service, std::string("service"))
-    ->Arg(s_fewConnections)
-    ->Arg(s_manyConnections)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(servePostmap, database, std::string("database"))
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(servePostmap, constant, std::string("constant"))
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(servePostmap, service, std::string("service"))
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(serveImage)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(serveBareWalk)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(serveMemory)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
-
-const bool s_compared = [] {
-  compare("service / constant responder, time over 1 connection", Kind::Ratio,
-          "serveLoad/service/1/real_time", "serveLoad/constant/1/real_time", 1, s_mostOfConstant);
-  compare("service / constant responder, time over 100 connections", Kind::Ratio,
-          "serveLoad/service/100/real_time", "serveLoad/constant/100/real_time", 1,
-          s_mostOfConstant);
-  compare("postmap: service / constant responder, time", Kind::Ratio,
-          "servePostmap/service/real_time", "servePostmap/constant/real_time", 1, s_mostOfConstant);
-  compare("postmap: service / its own mysql: table, time", Kind::Ratio,
-          "servePostmap/service/real_time", "servePostmap/database/real_time", 1, s_mostOfDatabase);
-  compare("image of ten times the rows / bare select *", Kind::Ratio, "serveImage/real_time",
-          "serveBareWalk/real_time", 1, s_mostWalks);
-  return true;
-}();
+BENCHMARK_CAPTURE(serveLoad, time1, 1, false)->Apply(inRounds);
+BENCHMARK_CAPTURE(serveLoad, time100, 100, false)->Apply(inRounds);
+BENCHMARK_CAPTURE(serveLoad, tail1, 1, true)->Apply(inRounds);
+BENCHMARK_CAPTURE(serveLoad, tail100, 100, true)->Apply(inRounds);
+BENCHMARK(servePostmapConstant)->Apply(inRounds);
+BENCHMARK(servePostmapDatabase)->Apply(inRounds);
+BENCHMARK(serveImage)->Apply(inRounds);
+BENCHMARK(serveMemory)->Iterations(1);
 
 }  // namespace
 }  // namespace Tessel::Bench
