@@ -79,6 +79,12 @@ class LRUCache {
 
   // As `add`, for a caller that holds the lock exclusively.
   virtual void addNoLock(const Key& key, const Value& value) {
+    if (m_capacity == 0) {
+      // What comes in would be trimmed at once: nobody can tell that it never was in the list. A
+      // copy that throws can be told, so the copies are made.
+      [[maybe_unused]] const Entry entry(key, value);
+      return;
+    }
     const auto node = m_index.lower_bound(key);
     // Deliberate: the first value of a key stays, and adding it again is not a use.
     // Pinned by LRUCache.TheFirstValueOfAKeyStays.
