@@ -3,12 +3,12 @@
 #ifndef TSL_CORE_READERS_H
 #define TSL_CORE_READERS_H
 
-#include <sched.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "core/ThreadNumber.h"
 
 namespace Tessel {
 
@@ -22,29 +22,52 @@ namespace Tessel {
 //
 // Threads: as each operation says; "the lock" is the structure's.
 class Readers {
+  // Counts for each entrance, which only grow (and wrap around together).
+  using Counts = std::array<std::atomic<std::uint32_t>, 2>;
+
+  // The counts of one thread, on a cache line of their own: processors that write to one line wait
+  // for each other. Only its thread writes to it, so that counting takes no atomic addition; but
+  // the last one is for all threads that have no number.
+  struct alignas(64) Slot {
+    Counts entered{};
+    Counts left{};
+    bool shared = false;
+
+    void add(std::atomic<std::uint32_t>& count, std::memory_order order) const noexcept {
+      if (shared) {
+        count.fetch_add(1, order);
+      } else {
+        count.store(count.load(std::memory_order_relaxed) + 1, order);
+      }
+    }
+  };
+
  public:
+  Readers() noexcept { m_slots.back().shared = true; }
+
   // A reader from construction to destruction. It must not wait meanwhile for what a writer does,
   // other than for the lock.
   class Inside {
    public:
     // Enters without the lock, which the reader takes next: that makes it visible to writers.
     explicit Inside(Readers& readers) noexcept : Inside(readers, readers.m_entrance) {
-      readers.stripe().entered[m_entrance].fetch_add(1, std::memory_order_relaxed);
+      m_slot.add(m_slot.entered[m_entrance], std::memory_order_relaxed);
     }
     // Enters while the caller holds the lock exclusively.
     struct Locked {};
     Inside(Readers& readers, Locked /*lock*/) noexcept : Inside(readers, readers.m_entrance) {
       ++readers.m_enteredLocked[m_entrance];
     }
-    ~Inside() { m_readers.stripe().left[m_entrance].fetch_add(1, std::memory_order_release); }
+    ~Inside() { m_slot.add(m_slot.left[m_entrance], std::memory_order_release); }
     Inside(const Inside&) = delete;
     Inside& operator=(const Inside&) = delete;
 
    private:
     Inside(Readers& readers, const std::atomic<std::uint32_t>& entrance) noexcept
-        : m_readers(readers), m_entrance(entrance.load(std::memory_order_relaxed)) {}
+        : m_slot(readers.m_slots[ThreadNumber::mine()]),
+          m_entrance(entrance.load(std::memory_order_relaxed)) {}
 
-    Readers& m_readers;
+    Slot& m_slot;
     std::uint32_t m_entrance;
   };
 
@@ -63,31 +86,15 @@ class Readers {
   }
 
  private:
-  // Counts for each entrance, which only grow (and wrap around together).
-  using Counts = std::array<std::atomic<std::uint32_t>, 2>;
-
-  // The counts of some processors, far from those of the others: processors that write to one cache
-  // line wait for each other.
-  struct Stripe {
-    std::array<std::byte, 56> before{};
-    Counts entered{};
-    Counts left{};
-    std::array<std::byte, 56> behind{};
-  };
-
-  Stripe& stripe() noexcept {
-    return m_stripes[static_cast<unsigned int>(sched_getcpu()) % m_stripes.size()];
-  }
-
   [[nodiscard]] bool isEmpty(std::size_t entrance) const noexcept {
     std::uint32_t left = 0;
-    for (const Stripe& stripe : m_stripes) {
-      left += stripe.left[entrance].load(std::memory_order_acquire);
+    for (const Slot& slot : m_slots) {
+      left += slot.left[entrance].load(std::memory_order_acquire);
     }
     // Added up last, so that who leaves meanwhile counts as inside.
     std::uint32_t entered = m_enteredLocked[entrance];
-    for (const Stripe& stripe : m_stripes) {
-      entered += stripe.entered[entrance].load(std::memory_order_relaxed);
+    for (const Slot& slot : m_slots) {
+      entered += slot.entered[entrance].load(std::memory_order_relaxed);
     }
     return entered == left;
   }
@@ -95,7 +102,7 @@ class Readers {
   // Guarded by the lock, both.
   std::array<std::uint32_t, 2> m_enteredLocked{};
   std::array<bool, 2> m_left{};  // Which entrances were seen empty since the last `watch`.
-  std::array<Stripe, 8> m_stripes;
+  std::array<Slot, ThreadNumber::s_most + 1> m_slots;
   std::atomic<std::uint32_t> m_entrance{0};
 };
 

@@ -1,8 +1,11 @@
 // Tests of the counts of readers.
 #include "core/Readers.h"
 
+#include <atomic>
+#include <future>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -36,13 +39,41 @@ TEST(Readers, AReaderThatEnteredUnderTheLockIsWaitedFor) {
   EXPECT_TRUE(readers.haveLeft());
 }
 
-TEST(Readers, AReaderThatLeavesOnAnotherProcessorHasLeft) {
+// More threads than there are numbers: those without one share a slot.
+TEST(Readers, EveryOneOfManyThreadsIsWaitedFor) {
+  constexpr int s_threads = 80;
   Readers readers;
-  auto reader = std::make_unique<Inside>(readers);
+  std::vector<std::promise<void>> leave(s_threads);
+  std::vector<std::thread> threads;
+  std::atomic<int> inside = 0;
+  for (std::promise<void>& promise : leave) {
+    threads.emplace_back([&readers, &inside, future = promise.get_future()] {
+      const Inside reader(readers);
+      ++inside;
+      future.wait();
+    });
+  }
+  while (inside < s_threads) std::this_thread::yield();
   readers.watch();
-  ASSERT_FALSE(readers.haveLeft());
-  // Whichever processor it is: the thread that enters and the one that leaves are two.
-  std::thread([&reader] { reader.reset(); }).join();
+  for (int i = 0; i < s_threads; ++i) {
+    EXPECT_FALSE(readers.haveLeft()) << i;
+    leave[static_cast<std::size_t>(i)].set_value();
+    threads[static_cast<std::size_t>(i)].join();
+  }
+  EXPECT_TRUE(readers.haveLeft());
+}
+
+// Their counts are added to by threads that do not wait for each other.
+TEST(Readers, NoCountIsLostBetweenThreads) {
+  Readers readers;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 80; ++t) {
+    threads.emplace_back([&readers] {
+      for (int i = 0; i < 2000; ++i) const Inside reader(readers);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  readers.watch();
   EXPECT_TRUE(readers.haveLeft());
 }
 
