@@ -26,7 +26,7 @@ std::filesystem::path toolPath();
 // parent's size on, so the parent must be small where the number is to mean something.
 long runTool(const std::string& words);
 
-// Peak of resident memory, in MB, of this program run anew, which is small, with "--peak=" and
+// Peak of resident memory, in MB, of a new, small process of this program, with "--peak=" and
 // `work`.
 double peakOf(const std::string& work);
 

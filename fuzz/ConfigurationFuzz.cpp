@@ -415,7 +415,7 @@ void s_checkWriter() {
 }
 
 // Two directories in turn: the libraries close what they have open of one when they open the other,
-// which must be before it is stored anew.
+// which must be before it is stored again.
 const std::string& s_nextDirectory() {
   static const ScratchDirectory s_scratch;
   static const std::string s_paths[] = {s_scratch.path() + "/a", s_scratch.path() + "/b"};

@@ -42,7 +42,7 @@ class TSL_EXPORT Query : public std::ostream {
   // whether the statement may have been carried out; number 1065 when the text is empty, 2000 when
   // an insertion into this stream failed, so that the text is not whole. Throws std::bad_alloc when
   // it failed for lack of memory: a stream takes that for a bad state and goes on. Nothing is sent
-  // in either case; call clear() and write it anew. What the parser throws passes through.
+  // in either case; call clear() and write it again. What the parser throws passes through.
   void execute();
 
   // The statement as it would be sent now. Valid until something is written.
