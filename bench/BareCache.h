@@ -27,12 +27,6 @@ struct BareCache {
     return recent.begin();
   }
 
-  // The first entry, as it was a moment ago.
-  typename Recent::const_iterator begin() {
-    const boost::shared_lock<boost::shared_mutex> lock(mutex);
-    return recent.begin();
-  }
-
   boost::shared_mutex mutex;
   Recent recent;
   std::map<Key, typename Recent::iterator> index;

@@ -56,17 +56,16 @@ void AddressMaskDbMySQL::select(WriteStatement writeStatement, Consume consume) 
   consume(rows.rows());
 }
 
-// What `look` finds in the cache. When it finds nothing, `complete` says whether the cache held
-// every plain row, so that the table need not be asked.
-template <class Look>
-std::optional<EmailAddress> AddressMaskDbMySQL::lookInCache(Look look, bool& complete) const {
+// What `look` finds in the cache, otherwise what `lookBehind` finds: it learns whether the cache
+// held every plain row, so that the table need not be asked.
+template <class Look, class LookBehind>
+EmailAddress AddressMaskDbMySQL::lookInCache(Look look, LookBehind lookBehind) const {
   while (true) {
     const std::uint64_t changes = m_cache.changes();
-    std::optional<EmailAddress> found = look();
-    if (found) return found;
-    complete = m_cache.size() >= m_entries;
+    if (auto cached = look()) return *std::move(cached);
+    const bool complete = m_cache.size() >= m_entries;
     // What completed the cache may be this very pair, cached by another thread behind the look.
-    if (!complete || m_cache.changes() == changes) return found;
+    if (!complete || m_cache.changes() == changes) return lookBehind(complete);
   }
 }
 
@@ -80,9 +79,12 @@ EmailAddress AddressMaskDbMySQL::findPublicAddress(const EmailAddress& address) 
 
 EmailAddress AddressMaskDbMySQL::findPublic(const EmailAddress& address) const {
   // An empty cache misses as well: asking for its size first would cost a lock more.
-  bool complete = false;
-  auto cached = lookInCache([&] { return m_cache.copyOf(address); }, complete);
-  if (cached) return *std::move(cached);
+  return lookInCache([&] { return m_cache.copyOf(address); },
+                     [&](bool complete) { return findPublicBehind(address, complete); });
+}
+
+EmailAddress AddressMaskDbMySQL::findPublicBehind(const EmailAddress& address,
+                                                  bool complete) const {
   if (!complete) {
     const Synchronized lock(*m_mutex);
     EmailAddress found = queryPublicAddress(address);
@@ -109,9 +111,12 @@ EmailAddress AddressMaskDbMySQL::findPrivateAddress(const EmailAddress& address)
 }
 
 EmailAddress AddressMaskDbMySQL::findPrivate(const EmailAddress& address) const {
-  bool complete = false;
-  auto cached = lookInCache([&] { return m_cache.keyOf(address); }, complete);
-  if (cached) return *std::move(cached);
+  return lookInCache([&] { return m_cache.keyOf(address); },
+                     [&](bool complete) { return findPrivateBehind(address, complete); });
+}
+
+EmailAddress AddressMaskDbMySQL::findPrivateBehind(const EmailAddress& address,
+                                                   bool complete) const {
   if (!complete) {
     const Synchronized lock(*m_mutex);
     EmailAddress found = queryPrivateAddress(address);

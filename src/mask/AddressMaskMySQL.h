@@ -73,10 +73,14 @@ class AddressMaskDbMySQL : public AddressMaskDbImpl {
   void queryWildCards();
 
  private:
-  template <class Look>
-  [[nodiscard]] std::optional<EmailAddress> lookInCache(Look look, bool& complete) const;
+  template <class Look, class LookBehind>
+  [[nodiscard]] EmailAddress lookInCache(Look look, LookBehind lookBehind) const;
   [[nodiscard]] EmailAddress findPublic(const EmailAddress& address) const;
   [[nodiscard]] EmailAddress findPrivate(const EmailAddress& address) const;
+  // Behind the cache: in the table, unless `complete` says that the cache holds all of it, and
+  // among the wildcard rows.
+  [[nodiscard]] EmailAddress findPublicBehind(const EmailAddress& address, bool complete) const;
+  [[nodiscard]] EmailAddress findPrivateBehind(const EmailAddress& address, bool complete) const;
   // Sends the statement, as every operation does.
   void execute(Database::Query& query) const TSL_REQUIRES(*m_mutex);
   template <class WriteStatement, class Consume>
