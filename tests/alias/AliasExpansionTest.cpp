@@ -1,6 +1,8 @@
 // Tests of `expandAlias`: recursion, cycles, the cache in front, and the all-users marker.
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -393,6 +395,17 @@ class AllUsersExpansion : public AliasExpansion {
 TEST_F(AllUsersExpansion, TheMarkerStandsForTheUserMailboxesOfTheDomain) {
   addAlias("all@d.example", "allusers_d.example");
   EXPECT_EQ(expand("all@d.example"), addresses("Alice@d.example,bob@d.example"));
+}
+
+TEST_F(AllUsersExpansion, TheConfigurationStaysOpenFromOneExpansionToTheNext) {
+  addAlias("all@d.example", "allusers_d.example");
+  expand("all@d.example");
+  const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(watch, (m_folder + "/data.mdb").c_str(), IN_OPEN), 0);
+  expand("all@d.example");
+  char event[sizeof(inotify_event)];
+  EXPECT_EQ(read(watch, event, sizeof(event)), -1) << "it was opened again";
+  close(watch);
 }
 
 TEST_F(AllUsersExpansion, TheLetterCaseOfTheMarkerDoesNotMatter) {

@@ -8,6 +8,7 @@
 
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/ConfigurationTest.h"
+#include "cmf/EnvironmentFiles.h"
 #include "cmf/Writer.h"
 
 namespace Tessel::CMF {
@@ -20,6 +21,10 @@ class EnvironmentFilesTest : public ConfigurationTest {};
 unsigned int s_mode(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+TEST(FileIdentity, FilesWithoutALockFileShareNone) {
+  EXPECT_FALSE(FileIdentity().sameLock(FileIdentity()));
 }
 
 TEST_F(EnvironmentFilesTest, ReadingCreatesNothing) {

@@ -81,11 +81,12 @@ TEST_F(FailureTest, AFullDiskIsAFailureAndChangesNothing) {
 }
 
 TEST_F(FailureTest, ADiskWithoutRoomForTheFilesIsAFailure) {
-  EXPECT_EQ(inChild([] {
+  EXPECT_EQ(inChild([this] {
               std::signal(SIGXFSZ, SIG_IGN);
               const rlimit none{0, 0};
               ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
-              EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("File too large"));
+              EXPECT_THAT(failureOf([] { const Writer writer; }),
+                          HasSubstr(" in " + path() + ": File too large"));
             }),
             0);
   EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }), HasSubstr("is empty"));

@@ -202,6 +202,20 @@ TEST_F(TlsTest, AnEncryptedConnectionEndsAsQuietlyAsAnyOther) {
   signal(SIGPIPE, SIG_DFL);
 }
 
+TEST_F(TlsTest, ABreakWhileEncryptionIsAgreedOnRaisesNoSignal) {
+  // The client's wish to encrypt, before it says anything encrypted.
+  constexpr std::size_t s_wish = 36;
+  signal(SIGPIPE, &s_onPipe);
+  s_pipeSignals = 0;
+  for (int i = 0; i < 20; ++i) {
+    m_relay->cutAfter(Testing::SocketRelay::Direction::ToServer, s_wish);
+    EXPECT_THROW(Connection("mysql"), Error);
+    EXPECT_TRUE(m_relay->endCut());
+  }
+  EXPECT_EQ(s_pipeSignals, 0);
+  signal(SIGPIPE, SIG_DFL);
+}
+
 TEST_F(HandleTest, ABrokenConnectionRaisesNoSignal) {
   // The default action would end the child.
   EXPECT_EQ(statusOfChild([] {
