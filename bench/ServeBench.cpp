@@ -28,9 +28,9 @@
 #include "BenchDatabase.h"
 #include "Processes.h"
 #include "Rounds.h"
-#include "cli/TextRows.h"
 #include "database/Connection.h"
 #include "serve/Table.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Bench {
 namespace {

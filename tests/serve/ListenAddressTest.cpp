@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 namespace {

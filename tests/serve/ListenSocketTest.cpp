@@ -22,7 +22,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 #include "support/ScratchFile.h"
 
 namespace Tessel::Serve {

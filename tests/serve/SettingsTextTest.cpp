@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 namespace {

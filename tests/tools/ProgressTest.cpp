@@ -1,6 +1,6 @@
 // Progress: what its bar and its lines say, and when they come where nobody looks on. What a
 // terminal shows is tested by terminal.bats.
-#include "cli/Progress.h"
+#include "terminal/Progress.h"
 
 #include <fcntl.h>
 #include <unistd.h>

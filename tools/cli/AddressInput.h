@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Tool {
 

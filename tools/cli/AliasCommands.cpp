@@ -8,9 +8,9 @@
 #include "alias/AddressAliasDbMySQL.h"
 #include "cli/AliasEdit.h"
 #include "cli/AliasReport.h"
-#include "cli/AliasTable.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "tables/AliasTable.h"
 
 namespace Tessel::Tool {
 

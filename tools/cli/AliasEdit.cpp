@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "base/stringCompareNoCase.h"
-#include "cli/AliasCycles.h"
 #include "cli/AliasReport.h"
+#include "tables/AliasCycles.h"
 
 namespace Tessel::Tool {
 

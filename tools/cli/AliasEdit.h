@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "cli/AliasTable.h"
 #include "cli/Session.h"
+#include "tables/AliasTable.h"
 
 namespace Tessel::Tool {
 

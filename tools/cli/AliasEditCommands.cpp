@@ -7,11 +7,11 @@
 
 #include "cli/AliasEdit.h"
 #include "cli/AliasReport.h"
-#include "cli/AliasTable.h"
 #include "cli/Command.h"
-#include "cli/Confirm.h"
 #include "cli/DryRun.h"
-#include "cli/Progress.h"
+#include "tables/AliasTable.h"
+#include "terminal/Confirm.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

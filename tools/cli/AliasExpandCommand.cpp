@@ -11,9 +11,9 @@
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/AliasReport.h"
-#include "cli/AliasTable.h"
 #include "cli/Command.h"
-#include "cli/Configuration.h"
+#include "tables/AliasTable.h"
+#include "tables/Configuration.h"
 
 namespace Tessel::Tool {
 

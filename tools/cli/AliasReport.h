@@ -8,9 +8,9 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "cli/AliasTable.h"
-#include "cli/Failure.h"
 #include "cli/Session.h"
+#include "failure/Failure.h"
+#include "tables/AliasTable.h"
 
 namespace Tessel::Tool {
 

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "cli/AliasGraph.h"
 #include "cli/AliasReport.h"
-#include "cli/AliasTree.h"
 #include "cli/Command.h"
-#include "cli/MailUsers.h"
-#include "cli/Terminal.h"
+#include "tables/AliasGraph.h"
+#include "tables/AliasTree.h"
+#include "tables/MailUsers.h"
+#include "terminal/Terminal.h"
 
 namespace Tessel::Tool {
 

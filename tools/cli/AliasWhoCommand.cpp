@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
-#include "cli/AliasCycles.h"
-#include "cli/AliasGraph.h"
 #include "cli/AliasReport.h"
 #include "cli/Command.h"
-#include "cli/MailUsers.h"
-#include "cli/Progress.h"
+#include "tables/AliasCycles.h"
+#include "tables/AliasGraph.h"
+#include "tables/MailUsers.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

@@ -5,16 +5,16 @@
 #include <string>
 #include <string_view>
 
-#include "cli/AliasCheck.h"
-#include "cli/AliasTable.h"
+#include "check/AliasCheck.h"
+#include "check/Findings.h"
+#include "check/MaskCheck.h"
 #include "cli/Command.h"
-#include "cli/Findings.h"
-#include "cli/MailUsers.h"
-#include "cli/MaskCheck.h"
-#include "cli/MaskTable.h"
-#include "cli/Progress.h"
-#include "cli/Schema.h"
 #include "database/QueryDescribeTable.h"
+#include "tables/AliasTable.h"
+#include "tables/MailUsers.h"
+#include "tables/MaskTable.h"
+#include "tables/Schema.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

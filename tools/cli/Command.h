@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "cli/Failure.h"
 #include "cli/Session.h"
-#include "cli/TableFormat.h"
+#include "failure/Failure.h"
+#include "tables/TableFormat.h"
 
 namespace CLI {
 class App;

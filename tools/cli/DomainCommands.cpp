@@ -3,10 +3,10 @@
 #include <string>
 
 #include "cli/Command.h"
-#include "cli/Configuration.h"
 #include "cli/DryRun.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
+#include "tables/Configuration.h"
 
 namespace Tessel::Tool {
 

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "cli/Command.h"
-#include "cli/Failure.h"
 #include "cli/Session.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Tool {
 

@@ -8,12 +8,12 @@
 #include <string_view>
 
 #include "cli/Command.h"
-#include "cli/ExportFile.h"
-#include "cli/FileSyntax.h"
-#include "cli/Progress.h"
-#include "cli/TextRows.h"
 #include "database/Connection.h"
 #include "database/Transaction.h"
+#include "files/ExportFile.h"
+#include "files/FileSyntax.h"
+#include "tables/TextRows.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

@@ -3,9 +3,9 @@
 #include <string>
 
 #include "cli/Command.h"
-#include "cli/Progress.h"
-#include "cli/TableFile.h"
-#include "cli/TableImport.h"
+#include "files/TableFile.h"
+#include "files/TableImport.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

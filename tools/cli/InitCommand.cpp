@@ -7,8 +7,8 @@
 #include "AddressMapDb.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
-#include "cli/Schema.h"
 #include "database/Connection.h"
+#include "tables/Schema.h"
 
 namespace Tessel::Tool {
 

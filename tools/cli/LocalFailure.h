@@ -5,7 +5,7 @@
 #include <string>
 
 #include "base/Exception.h"
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 #include "local/LocalServer.h"
 
 namespace Tessel::Tool {

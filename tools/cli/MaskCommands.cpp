@@ -7,7 +7,7 @@
 
 #include "cli/Command.h"
 #include "cli/DryRun.h"
-#include "cli/MaskTable.h"
+#include "tables/MaskTable.h"
 
 namespace Tessel::Tool {
 

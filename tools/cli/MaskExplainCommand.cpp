@@ -10,8 +10,8 @@
 #include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
 #include "cli/Command.h"
-#include "cli/MaskTable.h"
-#include "cli/TextRows.h"
+#include "tables/MaskTable.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 

@@ -8,7 +8,7 @@
 #include "AddressMapDb.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
-#include "cli/MaskTable.h"
+#include "tables/MaskTable.h"
 
 namespace Tessel::Tool {
 

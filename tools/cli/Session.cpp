@@ -15,14 +15,14 @@
 
 #include "AddressMapDb.h"
 #include "base/Exception.h"
-#include "cli/AliasTable.h"
-#include "cli/Failure.h"
 #include "cli/LocalFailure.h"
-#include "cli/OurTables.h"
-#include "cli/Schema.h"
 #include "database/Connection.h"
 #include "database/StatementObserver.h"
+#include "failure/Failure.h"
 #include "local/LocalServer.h"
+#include "tables/AliasTable.h"
+#include "tables/OurTables.h"
+#include "tables/Schema.h"
 
 namespace Tessel::Tool {
 

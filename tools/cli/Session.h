@@ -6,8 +6,8 @@
 #include <string>
 
 #include "address/EmailAddress.h"
-#include "cli/OurDatabase.h"
-#include "cli/Output.h"
+#include "tables/OurDatabase.h"
+#include "terminal/Output.h"
 
 namespace Tessel::Tool {
 

@@ -6,11 +6,11 @@
 
 #include "base/Exception.h"
 #include "cli/Command.h"
-#include "cli/Configuration.h"
-#include "cli/OurTables.h"
-#include "cli/Schema.h"
 #include "cmf/ApsGwServerCache.h"
 #include "database/Connection.h"
+#include "tables/Configuration.h"
+#include "tables/OurTables.h"
+#include "tables/Schema.h"
 
 namespace Tessel::Tool {
 

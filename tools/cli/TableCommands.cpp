@@ -4,16 +4,16 @@
 #include <string>
 #include <vector>
 
-#include "cli/AliasGraph.h"
 #include "cli/Command.h"
-#include "cli/Confirm.h"
 #include "cli/DryRun.h"
-#include "cli/OurTables.h"
-#include "cli/Schema.h"
-#include "cli/TextRows.h"
 #include "database/Connection.h"
 #include "database/QueryTableNames.h"
 #include "map/AddressMapMySQL.h"
+#include "tables/AliasGraph.h"
+#include "tables/OurTables.h"
+#include "tables/Schema.h"
+#include "tables/TextRows.h"
+#include "terminal/Confirm.h"
 
 namespace Tessel::Tool {
 

@@ -3,12 +3,12 @@
 #include <string>
 
 #include "cli/Command.h"
-#include "cli/Configuration.h"
 #include "cli/DryRun.h"
-#include "cli/UserNames.h"
 #include "cmf/MailUser.h"
 #include "cmf/TableQuery.h"
 #include "cmf/Writer.h"
+#include "tables/Configuration.h"
+#include "tables/UserNames.h"
 
 namespace Tessel::Tool {
 

@@ -12,12 +12,12 @@
 
 #include "base/Exception.h"
 #include "cli/Command.h"
-#include "cli/Configuration.h"
 #include "cli/DryRun.h"
-#include "cli/Lines.h"
-#include "cli/Progress.h"
-#include "cli/TableFile.h"
-#include "cli/UserNames.h"
+#include "files/Lines.h"
+#include "files/TableFile.h"
+#include "tables/Configuration.h"
+#include "tables/UserNames.h"
+#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 

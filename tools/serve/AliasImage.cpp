@@ -8,10 +8,10 @@
 #include "alias/AliasExpander.h"
 #include "base/Exception.h"
 #include "base/stringCompareNoCase.h"
-#include "cli/AliasGraph.h"
-#include "cli/Failure.h"
-#include "cli/PlainAddresses.h"
+#include "failure/Failure.h"
 #include "serve/AddressKey.h"
+#include "tables/AliasGraph.h"
+#include "tables/PlainAddresses.h"
 
 namespace Tessel::Serve {
 

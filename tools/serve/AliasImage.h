@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "cli/AddressIndex.h"
 #include "serve/LeftOutRows.h"
 #include "serve/RowStore.h"
+#include "tables/AddressIndex.h"
 
 namespace Tessel::Serve {
 

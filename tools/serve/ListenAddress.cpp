@@ -10,7 +10,7 @@
 #include <charconv>
 #include <system_error>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 

@@ -18,7 +18,7 @@
 #include <system_error>
 #include <utility>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 

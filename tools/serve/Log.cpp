@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 

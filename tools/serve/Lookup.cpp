@@ -10,11 +10,11 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "cli/AliasTable.h"
-#include "cli/MaskTable.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/MailUserLookup.h"
 #include "serve/AddressKey.h"
+#include "tables/AliasTable.h"
+#include "tables/MaskTable.h"
 
 namespace Tessel::Serve {
 

@@ -3,7 +3,7 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 #include "serve/AddressKey.h"
 
 namespace Tessel::Serve {

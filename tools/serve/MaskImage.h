@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/AddressIndex.h"
 #include "serve/LeftOutRows.h"
 #include "serve/RowStore.h"
+#include "tables/AddressIndex.h"
 
 namespace Tessel::Serve {
 

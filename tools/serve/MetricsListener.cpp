@@ -7,7 +7,7 @@
 
 #include <CivetServer.h>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 

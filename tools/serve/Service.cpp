@@ -23,15 +23,15 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include "cli/AliasTable.h"
-#include "cli/Failure.h"
-#include "cli/MaskTable.h"
+#include "failure/Failure.h"
 #include "serve/ListenSocket.h"
 #include "serve/Metrics.h"
 #include "serve/MetricsListener.h"
 #include "serve/Table.h"
 #include "serve/TableWatch.h"
 #include "serve/Worker.h"
+#include "tables/AliasTable.h"
+#include "tables/MaskTable.h"
 
 namespace Tessel::Serve {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "cli/Failure.h"
+#include "failure/Failure.h"
 
 namespace Tessel::Serve {
 

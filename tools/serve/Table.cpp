@@ -5,8 +5,8 @@
 #include <limits>
 #include <utility>
 
-#include "cli/AliasTable.h"
-#include "cli/MaskTable.h"
+#include "tables/AliasTable.h"
+#include "tables/MaskTable.h"
 
 namespace Tessel::Serve {
 

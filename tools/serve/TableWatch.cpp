@@ -8,11 +8,11 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
-#include "cli/AliasGraph.h"
-#include "cli/Failure.h"
-#include "cli/OurDatabase.h"
-#include "cli/TextRows.h"
 #include "database/Connection.h"
+#include "failure/Failure.h"
+#include "tables/AliasGraph.h"
+#include "tables/OurDatabase.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Serve {
 

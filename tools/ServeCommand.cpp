@@ -1,0 +1,163 @@
+// The command `serve`: the lookup service for mail servers.
+#include "ServeCommand.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/Session.h"
+#include "failure/Failure.h"
+#include "serve/ListenAddress.h"
+#include "serve/Log.h"
+#include "serve/Service.h"
+#include "serve/Settings.h"
+#include "serve/SettingsText.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+using std::chrono::milliseconds;
+using Tool::ExitCode;
+using Tool::Failure;
+
+struct Arguments {
+  std::vector<std::string> listen;
+  std::string metrics;
+  std::vector<std::string> only;
+  std::string refresh = "1s";
+  std::string stale = "1h";
+  std::string snapshot;
+  std::string extension = "keep";
+  std::string delimiter = "+";
+  std::string maxReply = "100000";
+  std::string page = "500";
+  std::string maxRequest = "65536";
+  std::string maxConnections = "10000";
+  std::string workers = "1";
+  std::string idleTimeout = "1h";
+  std::string requestTimeout = "30s";
+  std::string drainTimeout = "5s";
+  std::string logLevel = "info";
+};
+
+ListenAddress s_metricsAddress(const std::string& text) {
+  try {
+    const ListenAddress address = parseListenAddress("inet:" + text);
+    if (address.kind == ListenAddress::Kind::Inet) return address;
+  } catch (const Failure&) {
+    // Told in the words of this option below.
+  }
+  throw Failure(ExitCode::Usage, "--metrics", "'" + text + "' is no address and port",
+                "write it as in --metrics 127.0.0.1:9321");
+}
+
+void s_checkSnapshot(const std::string& folder) {
+  if (folder.empty() || std::filesystem::is_directory(folder)) return;
+  throw Failure(ExitCode::Configuration, "--snapshot " + folder, "there is no such folder",
+                "make it, writable for the user of the service only");
+}
+
+void s_checkDelimiter(const std::string& delimiter) {
+  static constexpr std::string_view s_allowed = "+-_=#!%&'*/?^`{|}~$.";
+  const bool isGood =
+      !delimiter.empty() && delimiter.find_first_not_of(s_allowed) == std::string::npos;
+  if (isGood) return;
+  throw Failure(ExitCode::Usage, "--delimiter", "'" + delimiter + "' cannot stand in a name",
+                "give the value of the mail server's recipient_delimiter, as in --delimiter +");
+}
+
+Settings s_settings(const Arguments& arguments) {
+  const auto limit = [](const char* option, const std::string& text, std::size_t least,
+                        std::size_t most) {
+    return static_cast<std::size_t>(parseNumber(option, text, least, most));
+  };
+  Settings settings;
+  for (const std::string& address : arguments.listen) {
+    settings.listen.push_back(parseListenAddress(address));
+  }
+  if (!arguments.metrics.empty()) settings.metrics = s_metricsAddress(arguments.metrics);
+  settings.tables = arguments.only;
+  settings.refresh = parseTime("--refresh", arguments.refresh, milliseconds(10));
+  settings.stale.reset();
+  if (arguments.stale != "forever") {
+    settings.stale = parseTime("--stale", arguments.stale, milliseconds(0));
+  }
+  s_checkSnapshot(arguments.snapshot);
+  settings.snapshot = arguments.snapshot;
+  settings.extension = parseExtensionRule("--extension", arguments.extension);
+  s_checkDelimiter(arguments.delimiter);
+  settings.delimiter = arguments.delimiter;
+  settings.maxReply = limit("--max-reply", arguments.maxReply, 1024, 100000000);
+  settings.page = limit("--page", arguments.page, 2, 1000000);
+  settings.maxRequest = limit("--max-request", arguments.maxRequest, 1024, 100000000);
+  settings.maxConnections = limit("--max-connections", arguments.maxConnections, 1, 1000000);
+  settings.workers = static_cast<unsigned int>(limit("--workers", arguments.workers, 1, 256));
+  settings.idleTimeout = parseTime("--idle-timeout", arguments.idleTimeout, milliseconds(1));
+  settings.requestTimeout =
+      parseTime("--request-timeout", arguments.requestTimeout, milliseconds(1));
+  settings.drain = parseTime("--drain-timeout", arguments.drainTimeout, milliseconds(0));
+  return settings;
+}
+
+ExitCode s_serve(Tool::Session& session, const Arguments& arguments) {
+  if (!session.tableName().empty()) {
+    throw Failure(ExitCode::Usage, "--table", "the service has all tables",
+                  "mail servers name one as in alias.NAME; --only NAME leaves out the others");
+  }
+  const Settings settings = s_settings(arguments);
+  Log log(parseLogLevel("--log-level", arguments.logLevel));
+  serve(settings, log);
+  return ExitCode::Done;
+}
+
+}  // namespace
+
+void addServeCommand(Tool::Command& top) {
+  const auto arguments = std::make_shared<Arguments>();
+  Tool::Command serve = top.command(
+      "serve", "Answer mail servers from the tables, until SIGTERM",
+      "  tsl-address-map serve --listen unix:/run/tsl-address-map/socketmap,group=postfix\n"
+      "  tsl-address-map serve --listen inet:127.0.0.1:7321 --metrics 127.0.0.1:9321\n"
+      "  tsl-address-map --local serve --listen unix:/tmp/socketmap\n"
+      "  postmap -q team@example.com socketmap:unix:/run/tsl-address-map/socketmap:alias\n"
+      "The maps are alias, mask_public (private to public), mask_private (public to private),"
+      " mailbox and\n"
+      "domain; alias.NAME and so on ask the tables that --table NAME would. SIGHUP reads all"
+      " tables anew.\n"
+      "tsl-address-map-serve(8) tells all about it.\n",
+      Tool::Preparation::Database, Tool::withArguments(s_serve, arguments));
+  serve.optionList("--listen", arguments->listen, "ADDRESS",
+                   "Where to listen: unix:/PATH[,mode=0660][,group=NAME] or inet:HOST:PORT;"
+                   " unix-line: and inet-line: for the line protocol; may be repeated");
+  serve.option("--metrics", arguments->metrics, "HOST:PORT",
+               "Where to answer /metrics, /health and /ready over HTTP");
+  serve.optionList("--only", arguments->only, "NAME",
+                   "Serve the tables of NAME and the base tables only; may be repeated");
+  serve.option("--refresh", arguments->refresh, "TIME", "A change is seen within this time (1s)");
+  serve.option("--stale", arguments->stale, "TIME",
+               "How long to answer while the database is away, or 'forever' (1h)");
+  serve.option("--snapshot", arguments->snapshot, "DIR",
+               "Keep the tables in this folder, for starts while the database is away");
+  serve.option("--extension", arguments->extension, "RULE",
+               "Of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off' (keep)");
+  serve.option("--delimiter", arguments->delimiter, "TEXT",
+               "Characters that an extension may begin with (+)");
+  serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply (100000)");
+  serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply (500)");
+  serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request (65536)");
+  serve.option("--max-connections", arguments->maxConnections, "COUNT",
+               "Most connections at a time; others wait (10000)");
+  serve.option("--workers", arguments->workers, "COUNT", "Threads that answer (1)");
+  serve.option("--idle-timeout", arguments->idleTimeout, "TIME",
+               "End a connection without requests (1h)");
+  serve.option("--request-timeout", arguments->requestTimeout, "TIME",
+               "End a connection that sends half a request, or takes no reply (30s)");
+  serve.option("--drain-timeout", arguments->drainTimeout, "TIME",
+               "Longest time to answer what was asked, at the end (5s)");
+  serve.option("--log-level", arguments->logLevel, "LEVEL",
+               "error, warning, info or debug; only debug names addresses (info)");
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,215 @@
+// The check of one alias table.
+#include "check/AliasCheck.h"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "base/stringCompareNoCase.h"
+#include "tables/AliasCycles.h"
+#include "tables/AliasGraph.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+// Part of the members column that may be in use before it is worth a warning, in percent.
+constexpr std::size_t s_fullPercent = 90;
+
+// Finds what shows in single rows.
+class RowCheck : public AliasVisitor {
+ public:
+  RowCheck(const std::string& table, std::size_t widest, MailUsers& users, Findings& findings)
+      : m_table(table), m_widest(widest), m_users(users), m_findings(findings) {}
+
+  void broken(std::string_view name, bool hasName, const std::string& why) override {
+    const std::string remove = commandOn(m_table, "alias remove " + shellWord(name));
+    add(Severity::Error, "broken-row", name,
+        why + (why == "the members are empty" ? ": the library takes it for no alias"
+                                              : ": every program that reads the whole table fails"),
+        hasName && !remove.empty() ? remove : selectRow(m_table, "name", name));
+  }
+
+  void doubled(std::string_view name, std::string_view first) override {
+    add(Severity::Error, "double-row", name,
+        "is the same address as '" + std::string(first) +
+            "', which has a row of its own: which of them answers depends on how it is asked",
+        selectRow(m_table, "name", name));
+  }
+
+  void row(std::string_view name, std::size_t size) override {
+    if (size * 100 < m_widest * s_fullPercent) return;
+    add(Severity::Warning, "members-limit", name,
+        "has " + std::to_string(size) + " bytes of members, and its column holds " +
+            std::to_string(m_widest),
+        m_table == "alias" ? "tsl-address-map init" : "");
+  }
+
+  void member(AddressIndex::Id /*alias*/, std::string_view member, bool isAlias) override {
+    if (isAlias || isMarker(member)) return;
+    if (member.find('@') == std::string_view::npos) {
+      if (!m_reported.add(member).isNew) return;
+      add(Severity::Warning, "no-domain", member,
+          "is a member without a domain: mail for it cannot be delivered", selectMembers(member));
+      return;
+    }
+    if (m_users.failure() || m_users.kindOf(member) != MailUsers::Kind::Nobody) return;
+    if (!m_reported.add(member).isNew) return;
+    add(Severity::Warning, "dangling-member", member,
+        "is a member, but neither an alias nor a mail user of its domain, which is served here",
+        commandOn(m_table, "alias who " + shellWord(member)));
+  }
+
+ private:
+  void add(Severity severity, const char* kind, std::string_view address, const std::string& what,
+           const std::string& command) {
+    m_findings.add({severity, kind, m_table, std::string(address), what, command, {}});
+  }
+
+  [[nodiscard]] std::string selectMembers(std::string_view member) const {
+    return "select name from " + quotedName(m_table) + " where find_in_set( " + literal(member) +
+           ", members );";
+  }
+
+  const std::string& m_table;
+  std::size_t m_widest;
+  MailUsers& m_users;
+  Findings& m_findings;
+  AddressIndex m_reported;
+};
+
+// Finds what shows only in the table as a whole.
+class GraphCheck {
+ public:
+  GraphCheck(const std::string& table, const AliasGraph& graph, MailUsers& users,
+             Findings& findings)
+      : m_table(table),
+        m_graph(graph),
+        m_users(users),
+        m_findings(findings),
+        m_components(componentsOf(graph.links())),
+        m_reach(graph.reach(m_components)) {}
+
+  void run() {
+    for (std::uint32_t component = 0; component < m_reach.size(); ++component) {
+      const auto aliases = m_components.nodes.of(component);
+      if (aliases.size() > 1) addCycle(component);
+      for (const AliasGraph::Id alias : aliases) checkAlias(component, alias, aliases.size() > 1);
+    }
+  }
+
+ private:
+  [[nodiscard]] std::string name(AliasGraph::Id alias) const {
+    return std::string(m_graph.names().text(alias));
+  }
+
+  void add(Severity severity, const char* kind, AliasGraph::Id alias, const std::string& what) {
+    const std::string command = commandOn(m_table, "alias tree " + shellWord(name(alias)));
+    m_findings.add({severity, kind, m_table, name(alias), what, command, {}});
+  }
+
+  void addCycle(std::uint32_t component) {
+    const auto aliases = m_components.nodes.of(component);
+    const auto first = *std::min_element(aliases.begin(), aliases.end(), [&](auto a, auto b) {
+      return m_graph.names().text(a) < m_graph.names().text(b);
+    });
+    std::vector<std::string> path;
+    for (const Links::Node node : cycleThrough(m_graph.links(), m_components, first)) {
+      path.push_back(name(node));
+    }
+    Finding finding{Severity::Warning,
+                    "cycle",
+                    m_table,
+                    name(first),
+                    textOf(path),
+                    commandOn(m_table, "alias tree " + shellWord(name(first))),
+                    {}};
+    if (m_reach[component].isNothing()) {
+      finding.severity = Severity::Error;
+      for (const AliasGraph::Id alias : aliases) finding.addresses.push_back(name(alias));
+      std::sort(finding.addresses.begin(), finding.addresses.end());
+      finding.what += "; mail for " + std::to_string(aliases.size()) +
+                      " addresses reaches nobody: " + shown(finding.addresses);
+    } else {
+      finding.what += "; mail reaches the other members";
+    }
+    m_findings.add(finding);
+  }
+
+  static std::string shown(const std::vector<std::string>& addresses) {
+    constexpr std::size_t most = 10;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(most, addresses.size()); ++i) {
+      text += (i == 0 ? "" : ", ") + addresses[i];
+    }
+    if (addresses.size() <= most) return text;
+    return text + " and " + std::to_string(addresses.size() - most) + " more";
+  }
+
+  void checkAlias(std::uint32_t component, AliasGraph::Id alias, bool isInCycle) {
+    const Reach reach = m_reach[component];
+    if (reach.isNothing()) {
+      if (!isInCycle) {
+        add(Severity::Error, "expands-to-nothing", alias,
+            "leads to aliases in a circle only: mail for it reaches nobody");
+      }
+    } else if (reach.isMarker()) {
+      checkMarker(alias, m_graph.markers().text(reach.number()));
+    } else if (reach.isMixed() && isFirstMixed(component, alias)) {
+      add(Severity::Error, "marker-mixed", alias,
+          "reaches an all-users marker and other addresses: the marker is taken for an address");
+    }
+  }
+
+  // An alias that reaches `marker` and nothing else.
+  void checkMarker(AliasGraph::Id alias, std::string_view marker) {
+    const std::string domain(markerDomain(marker));
+    if (!stringCompareNoCase(domain, domainOf(m_graph.names().text(alias)), 0)) {
+      add(Severity::Error, "marker-foreign", alias,
+          "reaches " + std::string(marker) +
+              ", the marker of another domain than its own: it is taken for an address");
+      return;
+    }
+    const auto mailboxes = m_users.mailboxes(domain);
+    if (m_users.failure()) return;
+    if (!mailboxes) {
+      add(Severity::Error, "marker-unknown-domain", alias,
+          "stands for all users of " + domain + ", which the configuration does not know");
+    } else if (*mailboxes == 0) {
+      add(Severity::Error, "expands-to-nothing", alias,
+          "stands for all users of " + domain + ", which has no user mailbox");
+    }
+  }
+
+  // False when what is wrong comes from one of the members, which is reported then.
+  [[nodiscard]] bool isFirstMixed(std::uint32_t component, AliasGraph::Id alias) const {
+    const auto members = m_graph.links().of(alias);
+    if (m_components.nodes.of(component).size() > 1) {
+      return alias == m_components.nodes.of(component).front();
+    }
+    return std::none_of(members.begin(), members.end(), [&](AliasGraph::Id member) {
+      return m_reach[m_components.of[member]].isMixed();
+    });
+  }
+
+  const std::string& m_table;
+  const AliasGraph& m_graph;
+  MailUsers& m_users;
+  Findings& m_findings;
+  Components m_components;
+  std::vector<Reach> m_reach;
+};
+
+}  // namespace
+
+std::uint64_t checkAliasTable(Database::Connection& connection, const std::string& table,
+                              std::size_t widest, MailUsers& users, Findings& findings,
+                              Progress& progress) {
+  RowCheck rows(table, widest, users, findings);
+  const AliasGraph graph(connection, table, rows, progress);
+  GraphCheck(table, graph, users, findings).run();
+  return graph.rows();
+}
+
+}  // namespace Tessel::Tool

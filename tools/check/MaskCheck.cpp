@@ -1,0 +1,152 @@
+// The check of one mask table.
+#include "check/MaskCheck.h"
+
+#include <map>
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "base/Exception.h"
+#include "tables/AddressIndex.h"
+#include "tables/AliasGraph.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+class MaskCheck {
+ public:
+  MaskCheck(const std::string& table, Findings& findings) : m_table(table), m_findings(findings) {}
+
+  std::uint64_t run(Database::Connection& connection, Progress& progress) {
+    const std::string statement = "select private, public from " + quotedName(m_table) + ";";
+    selectPairs(
+        connection, statement,
+        [this](std::string_view privateText, std::string_view publicText) {
+          read(privateText, publicText);
+        },
+        &progress);
+    for (const Pair& pair : m_pairs) checkPair(pair);
+    checkWildcards();
+    return m_rows;
+  }
+
+ private:
+  struct Pair {
+    AddressIndex::Id privateAddress;
+    AddressIndex::Id publicAddress;
+  };
+
+  void add(Severity severity, const char* kind, std::string_view privateText,
+           const std::string& what, const std::string& command) {
+    m_findings.add({severity, kind, m_table, std::string(privateText), what, command, {}});
+  }
+
+  void add(Severity severity, const char* kind, std::string_view privateText,
+           const std::string& what) {
+    const std::string command = commandOn(m_table, "mask explain " + shellWord(privateText));
+    add(severity, kind, privateText, what,
+        command.empty() ? selectRow(m_table, "private", privateText) : command);
+  }
+
+  // The address that `text` is; null, after adding to `why`, when it is none.
+  static EmailAddress parse(std::string_view text, const char* column, std::string& why) {
+    std::string reason = "it is empty";
+    try {
+      EmailAddress address = EmailAddress::rfc5321Parse(text, false);
+      if (!address.isNull()) return address;
+    } catch (const Exception& exception) {
+      reason = reasonOf(exception);
+    }
+    if (!why.empty()) why += "; ";
+    why.append("bad ").append(column).append(" address: ").append(reason);
+    return {};
+  }
+
+  void read(std::string_view privateText, std::string_view publicText) {
+    ++m_rows;
+    std::string why;
+    const EmailAddress privateAddress = parse(privateText, "private", why);
+    const EmailAddress publicAddress = parse(publicText, "public", why);
+    if (!why.empty()) {
+      add(Severity::Error, "broken-row", privateText, why,
+          selectRow(m_table, "private", privateText));
+      return;
+    }
+    const bool isWildcard = privateText.find('*') != std::string_view::npos ||
+                            publicText.find('*') != std::string_view::npos;
+    if (isWildcard) addWildcard(privateAddress, publicAddress);
+    const AddressIndex::Added key = m_private.add(privateAddress.address());
+    const AddressIndex::Added shown = m_public.add(publicAddress.address());
+    if (!key.isNew || !shown.isNew) addDouble(privateText, publicText, key.isNew);
+    if (!isWildcard) m_pairs.push_back({key.id, shown.id});
+  }
+
+  void addDouble(std::string_view privateText, std::string_view publicText, bool isPublic) {
+    add(Severity::Error, "double-row", privateText,
+        isPublic ? "its public address " + std::string(publicText) +
+                       " is the same address as that of another row"
+                 : std::string("is the same address as that of another row"),
+        selectRow(m_table, "private", privateText));
+  }
+
+  void addWildcard(const EmailAddress& privateAddress, const EmailAddress& publicAddress) {
+    const std::string domain = privateAddress.domain();
+    const auto [known, isNew] = m_wildcards.try_emplace(domain, publicAddress.domain());
+    if (isNew) return;
+    add(Severity::Warning, "wildcard-double", privateAddress.address(),
+        "is a wildcard row of " + domain + ", as is another: the one that is read last answers");
+    known->second = publicAddress.domain();
+  }
+
+  void checkPair(const Pair& pair) {
+    const std::string key(m_private.text(pair.privateAddress));
+    const std::string shown(m_public.text(pair.publicAddress));
+    const AddressIndex::Id next = m_private.find(shown);
+    if (next != AddressIndex::s_none && next != pair.privateAddress) {
+      add(Severity::Warning, "mask-chain", key,
+          "its public address " + shown +
+              " is the private address of another row: only one of the two is followed");
+    }
+    const auto wildcard = m_wildcards.find(std::string(domainOf(key)));
+    if (wildcard == m_wildcards.end() || wildcard->second == domainOf(shown)) return;
+    add(Severity::Notice, "wildcard-shadowed", key,
+        "is shown as " + shown + ", while the wildcard row of its domain leads to " +
+            wildcard->second);
+  }
+
+  void checkWildcards() {
+    std::map<std::string, std::vector<std::string>> byPublic;
+    for (const auto& [privateDomain, publicDomain] : m_wildcards) {
+      byPublic[publicDomain].push_back(privateDomain);
+    }
+    for (const auto& [publicDomain, domains] : byPublic) {
+      if (domains.size() < 2) continue;
+      std::string others;
+      for (std::size_t i = 1; i < domains.size(); ++i) others += (i == 1 ? "" : ", ") + domains[i];
+      add(Severity::Warning, "wildcard-ambiguous", "*@" + domains.front(),
+          "of several private domains behind " + publicDomain +
+              " the first by byte order answers, " + domains.front() + "; never found: " + others,
+          commandOn(m_table, "mask explain " + shellWord("x@" + publicDomain)));
+    }
+  }
+
+  const std::string& m_table;
+  Findings& m_findings;
+  std::uint64_t m_rows = 0;
+  AddressIndex m_private;
+  AddressIndex m_public;
+  std::vector<Pair> m_pairs;                       // Without wildcard rows.
+  std::map<std::string, std::string> m_wildcards;  // Domains, byte by byte.
+};
+
+}  // namespace
+
+std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
+                             Findings& findings, Progress& progress) {
+  return MaskCheck(table, findings).run(connection, progress);
+}
+
+}  // namespace Tessel::Tool

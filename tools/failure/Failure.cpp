@@ -1,0 +1,203 @@
+// Exit codes and messages of the tool.
+#include "failure/Failure.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+#include "database/Error.h"
+#include "terminal/Progress.h"
+#include "terminal/Terminal.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+// Error numbers of the server and its client library that the tool has advice for.
+constexpr unsigned int s_databaseDenied = 1044;
+constexpr unsigned int s_accessDenied = 1045;
+constexpr unsigned int s_unknownDatabase = 1049;
+constexpr unsigned int s_commandDenied = 1142;
+constexpr unsigned int s_noSuchTable = 1146;
+
+// Length of the UTF-8 character at the start of `text`, or 0 when it starts with none.
+std::size_t s_characterSize(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  std::size_t size = 0;
+  if (lead < 0x80) return 1;
+  if (lead >= 0xc2 && lead <= 0xdf) size = 2;
+  if (lead >= 0xe0 && lead <= 0xef) size = 3;
+  if (lead >= 0xf0 && lead <= 0xf4) size = 4;
+  if (size == 0 || text.size() < size) return 0;
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((static_cast<unsigned char>(text[i]) & 0xc0U) != 0x80) return 0;
+  }
+  const auto second = static_cast<unsigned char>(text[1]);
+  if (lead == 0xe0 && second < 0xa0) return 0;  // Overlong.
+  if (lead == 0xed && second > 0x9f) return 0;  // Surrogate.
+  if (lead == 0xf0 && second < 0x90) return 0;  // Overlong.
+  if (lead == 0xf4 && second > 0x8f) return 0;  // Beyond Unicode.
+  return size;
+}
+
+// True for the characters that may command a terminal: C0, DEL and C1.
+bool s_isControl(std::string_view character) {
+  const auto lead = static_cast<unsigned char>(character[0]);
+  if (character.size() == 1) return lead < 0x20 || lead == 0x7f;
+  return lead == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
+}
+
+void s_appendHex(std::string& text, char byte) {
+  constexpr char digits[] = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  text += "\\x";
+  text += digits[value >> 4U];
+  text += digits[value & 0xfU];
+}
+
+// The first exception of the chain for which `matches` holds, or null.
+template <class Matches>
+const Exception* s_inChain(const Exception& exception, Matches matches) {
+  for (const Exception* link = &exception; link != nullptr; link = link->cause()) {
+    if (matches(*link)) return link;
+  }
+  return nullptr;
+}
+
+const Database::Error* s_databaseError(const Exception& exception) {
+  return dynamic_cast<const Database::Error*>(s_inChain(exception, [](const Exception& link) {
+    return dynamic_cast<const Database::Error*>(&link) != nullptr;
+  }));
+}
+
+bool s_startsWith(const std::string& text, std::string_view start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+std::string s_databaseHint(const Database::Error& error) {
+  if (error.outcomeUnknown()) {
+    return "the connection broke before the answer: look whether the change was made";
+  }
+  switch (error.number()) {
+    case s_accessDenied:
+      return "check user and password in the option file, groups [client] and [tsl-address-map]";
+    case s_databaseDenied:
+    case s_commandDenied:
+      return "grant the database user the rights on the database ts_address_map";
+    case s_unknownDatabase:
+      return "create the database with 'tsl-address-map init'";
+    case s_noSuchTable:
+      return "see 'tsl-address-map status' for the tables there are; 'tsl-address-map init' creates"
+             " missing base tables";
+    default:
+      return error.number() >= 2000
+                 ? "check that the server runs and that the option file names it, or use --local"
+                 : "try again; --verbose shows the whole chain of failures";
+  }
+}
+
+Failure s_failureOf(const Exception& exception, const std::string& subject) {
+  const std::string why = reasonOf(exception);
+  if (const Database::Error* error = s_databaseError(exception)) {
+    return {ExitCode::Unavailable, subject, why, s_databaseHint(*error)};
+  }
+  if (isAddressFault(exception)) {
+    return {ExitCode::BadData, subject, why, "correct the address and try again"};
+  }
+  // The database library reports wrong settings (option file, environment) as plain exceptions.
+  const bool settings = s_inChain(exception, [](const Exception& link) {
+                          return s_startsWith(link.context(), "Database::");
+                        }) != nullptr;
+  if (settings) {
+    return {ExitCode::Configuration, subject, why,
+            "see --option-file and TSL_DATABASE_OPTION_FILE in 'tsl-address-map --help'"};
+  }
+  return {ExitCode::Unavailable, subject, why,
+          "try again; --verbose shows the whole chain of failures"};
+}
+
+}  // namespace
+
+Failure::Failure(ExitCode code, std::string subject, std::string why, std::string hint)
+    : std::runtime_error(subject + ": " + why),
+      m_code(code),
+      m_subject(std::move(subject)),
+      m_why(std::move(why)),
+      m_hint(std::move(hint)) {}
+
+std::string printable(std::string_view text) {
+  std::string shown;
+  shown.reserve(text.size());
+  while (!text.empty()) {
+    const std::size_t size = s_characterSize(text);
+    const std::string_view character = text.substr(0, size == 0 ? 1 : size);
+    if (size == 0 || s_isControl(character)) {
+      for (const char byte : character) s_appendHex(shown, byte);
+    } else {
+      shown += character;
+    }
+    text.remove_prefix(character.size());
+  }
+  return shown;
+}
+
+bool isAddressFault(const Exception& exception) {
+  return s_inChain(exception, [](const Exception& link) {
+           return s_startsWith(link.context(), "EmailAddress::");
+         }) != nullptr;
+}
+
+bool isDatabaseError(const Exception& exception, unsigned int number) {
+  return s_inChain(exception, [number](const Exception& link) {
+           const auto* error = dynamic_cast<const Database::Error*>(&link);
+           return error != nullptr && error->number() == number;
+         }) != nullptr;
+}
+
+bool isOutcomeUnknown(const Exception& exception) {
+  const Database::Error* const error = s_databaseError(exception);
+  return error != nullptr && error->outcomeUnknown();
+}
+
+std::string reasonOf(const Exception& exception) {
+  std::string reason;
+  for (const Exception* link = &exception; link != nullptr; link = link->cause()) {
+    if (!link->stringParameter().empty()) reason = link->stringParameter();
+  }
+  return reason.empty() ? exception.what() : reason;
+}
+
+Failure failureOf(const std::exception& exception, const std::string& subject) {
+  if (const auto* failure = dynamic_cast<const Failure*>(&exception)) return *failure;
+  if (const auto* known = dynamic_cast<const Exception*>(&exception)) {
+    return s_failureOf(*known, subject);
+  }
+  if (dynamic_cast<const std::bad_alloc*>(&exception) != nullptr) {
+    return {ExitCode::Unavailable, subject, "not enough memory", "free some and try again"};
+  }
+  return {ExitCode::Unavailable, subject, exception.what(), "try again"};
+}
+
+void say(std::string_view text) {
+  // The word that such messages begin with.
+  constexpr std::string_view warning = "warning";
+  if (!text.starts_with(warning)) return sayShown(printable(text));
+  sayShown(coloured(Stream::Error, Tone::Doubtful, warning) +
+           printable(text.substr(warning.size())));
+}
+
+void sayShown(const std::string& text) {
+  const Progress::Hidden hidden;
+  // One call for the whole line, so that lines of several processes do not mix.
+  const std::string line = "tsl-address-map: " + text + "\n";
+  static_cast<void>(std::fwrite(line.data(), 1, line.size(), stderr));
+}
+
+void report(const Failure& failure) {
+  sayShown(coloured(Stream::Error, Tone::Bad, printable(failure.subject())) + ": " +
+           printable(failure.why()));
+  if (!failure.hint().empty()) say("hint: " + failure.hint());
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,49 @@
+// Cycles of aliases that an import would leave behind.
+#ifndef TSL_TOOLS_FILES_IMPORTCYCLES_H
+#define TSL_TOOLS_FILES_IMPORTCYCLES_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "files/TableFile.h"
+#include "tables/AddressIndex.h"
+#include "tables/Links.h"
+
+namespace Tessel::Tool {
+
+// The aliases of a table as an import leaves it, in memory: an import reads the whole table anyway,
+// so nothing is asked for twice. Costs the texts of the rows that the file does not mention, and
+// little for those that it does. One thread.
+class ImportCycles {
+ public:
+  // A cycle, the same alias at both ends, and the line of the file that writes this alias.
+  struct Cycle {
+    std::size_t line;
+    std::vector<std::string> path;
+  };
+
+  // `file` must outlive the object.
+  explicit ImportCycles(const TableFile& file);
+
+  // Tells a row that stays and that the file does not mention. One that is broken leads nowhere.
+  void keep(std::string_view name, std::string_view members);
+  // Of each set of aliases that all lead to each other and of which one is in `written`, entries of
+  // the file, a shortest cycle through the first such one. An alias that names itself is none.
+  std::vector<Cycle> find(const std::vector<const FileEntry*>& written);
+
+ private:
+  void addLinks(Links::Node alias, std::string_view members);
+  void addLink(Links::Node alias, std::string_view member);
+
+  const TableFile& m_file;
+  AddressIndex m_names;             // The entries of the file first, in their order.
+  std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
+  std::string m_members;
+  std::vector<Link> m_links;
+};
+
+}  // namespace Tessel::Tool
+
+#endif

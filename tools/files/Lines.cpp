@@ -1,0 +1,70 @@
+// The lines of a file.
+#include "files/Lines.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
+
+#include "failure/Failure.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
+
+}  // namespace
+
+bool isBlank(std::string_view line) {
+  return line.find_first_not_of(" \t\r") == std::string_view::npos;
+}
+
+Lines::Lines(const std::string& path, const std::string& name)
+    : m_name(name), m_file(path == "-" ? stdin : std::fopen(path.c_str(), "re")) {
+  if (m_file == nullptr) fail("opening " + name);
+}
+
+Lines::~Lines() {
+  std::free(m_buffer);
+  if (m_file != stdin) static_cast<void>(std::fclose(m_file));
+}
+
+bool Lines::next(std::string_view& line) {
+  if (m_ahead.empty()) {
+    if (!read(line)) return false;
+  } else {
+    m_given = std::move(m_ahead.front());
+    m_ahead.pop_front();
+    line = m_given;
+  }
+  ++m_number;
+  return true;
+}
+
+const std::deque<std::string>& Lines::ahead(std::size_t count) {
+  std::string_view line;
+  while (m_ahead.size() < count && read(line)) m_ahead.emplace_back(line);
+  return m_ahead;
+}
+
+bool Lines::read(std::string_view& line) {
+  errno = 0;
+  const ssize_t size = getline(&m_buffer, &m_capacity, m_file);
+  if (size < 0 && (std::ferror(m_file) != 0 || errno == ENOMEM)) fail("reading " + m_name);
+  if (size < 0) return false;
+  line = std::string_view(m_buffer, static_cast<std::size_t>(size));
+  if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  if (!std::exchange(m_started, true) && line.starts_with(s_byteOrderMark)) {
+    line.remove_prefix(s_byteOrderMark.size());
+  }
+  return true;
+}
+
+void Lines::fail(const std::string& subject) {
+  throw Failure(ExitCode::BadData, subject, std::generic_category().message(errno),
+                "nothing was written; name a readable file, or - for standard input");
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,113 @@
+// Reading a table file.
+#include "files/TableFile.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "failure/Failure.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr std::size_t s_faultsShown = 100;
+
+}  // namespace
+
+void LineFaults::add(std::size_t line, const std::string& reason) {
+  ++m_count;
+  // What is kept of the later ones is a number: the file may be of another kind altogether.
+  if (m_faults.size() < 2 * s_faultsShown) m_faults.push_back({line, reason});
+}
+
+void LineFaults::refuse(const std::string& why) {
+  if (m_faults.empty()) return;
+  std::stable_sort(m_faults.begin(), m_faults.end(),
+                   [](const Fault& a, const Fault& b) { return a.line < b.line; });
+  const std::size_t shown = std::min(m_faults.size(), s_faultsShown);
+  for (std::size_t i = 0; i < shown; ++i) {
+    say(m_file + ":" + std::to_string(m_faults[i].line) + ": " + m_faults[i].reason);
+  }
+  if (m_count > shown) say("and " + std::to_string(m_count - shown) + " more");
+  throw Failure(ExitCode::BadData, m_file, why,
+                "nothing was written; correct the lines and try again");
+}
+
+TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,
+                     Progress& progress)
+    : m_name(path == "-" ? "standard input" : path) {
+  progress.beginReading(path);
+  Lines lines(path, m_name);
+  const FileSyntax syntax = options.format.empty()
+                                ? FileSyntax::detected(lines, m_name, format, options.domain)
+                                : FileSyntax::named(options.format, format, options.domain);
+  LineFaults faults(m_name);
+  read(lines, syntax, faults, progress);
+  findDoubles(format, faults);
+  faults.refuse("it has bad lines");
+}
+
+void TableFile::read(Lines& lines, const FileSyntax& syntax, LineFaults& faults,
+                     Progress& progress) {
+  Records records(lines, syntax);
+  std::string header = syntax.header();
+  if (!header.empty()) header.pop_back();  // The CR, which `Lines` takes off too.
+  std::string_view record;
+  while (records.next(record)) {
+    progress.set(lines.number());
+    if (!header.empty()) {
+      if (record != header) faults.add(records.number(), "it is not the header '" + header + "'");
+      header.clear();
+      continue;
+    }
+    FileEntry entry;
+    entry.number = records.number();
+    const std::string fault = syntax.read(record, entry);
+    if (fault.empty()) {
+      m_entries.push_back(std::move(entry));
+    } else {
+      faults.add(records.number(), fault);
+    }
+  }
+}
+
+void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
+  std::stable_sort(m_entries.begin(), m_entries.end(),
+                   [](const FileEntry& a, const FileEntry& b) { return a.key < b.key; });
+  const auto report = [&faults](const FileEntry& first, const FileEntry& second, const char* what,
+                                const EmailAddress& address) {
+    faults.add(second.number, std::string("the ") + what + " " + address.address() +
+                                  " stands in line " + std::to_string(first.number) + " already");
+  };
+  for (std::size_t i = 1; i < m_entries.size(); ++i) {
+    if (!(m_entries[i - 1].key == m_entries[i].key)) continue;
+    report(m_entries[i - 1], m_entries[i], format.hasPublic ? "private address" : "alias",
+           m_entries[i].key);
+  }
+  if (!format.hasPublic) return;
+  for (const FileEntry& entry : m_entries) m_byPublic.push_back(&entry);
+  std::sort(m_byPublic.begin(), m_byPublic.end(), [](const FileEntry* a, const FileEntry* b) {
+    if (a->shown == b->shown) return a->number < b->number;
+    return a->shown < b->shown;
+  });
+  for (std::size_t i = 1; i < m_byPublic.size(); ++i) {
+    if (!(m_byPublic[i - 1]->shown == m_byPublic[i]->shown)) continue;
+    report(*m_byPublic[i - 1], *m_byPublic[i], "public address", m_byPublic[i]->shown);
+  }
+}
+
+const FileEntry* TableFile::withKey(const EmailAddress& key) const {
+  const auto found =
+      std::lower_bound(m_entries.begin(), m_entries.end(), key,
+                       [](const FileEntry& entry, const EmailAddress& k) { return entry.key < k; });
+  return found != m_entries.end() && found->key == key ? &*found : nullptr;
+}
+
+const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
+  const auto found = std::lower_bound(
+      m_byPublic.begin(), m_byPublic.end(), address,
+      [](const FileEntry* entry, const EmailAddress& a) { return entry->shown < a; });
+  return found != m_byPublic.end() && (*found)->shown == address ? *found : nullptr;
+}
+
+}  // namespace Tessel::Tool

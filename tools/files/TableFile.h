@@ -1,0 +1,77 @@
+// A table file, read and checked as a whole.
+#ifndef TSL_TOOLS_FILES_TABLEFILE_H
+#define TSL_TOOLS_FILES_TABLEFILE_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "files/FileSyntax.h"
+#include "tables/TableFormat.h"
+#include "terminal/Progress.h"
+
+namespace Tessel::Tool {
+
+// A good line.
+struct FileEntry : TableEntry {
+  std::size_t number = 0;  // Of the line, from 1.
+};
+
+// What is wrong with lines of a file, each with its place: "FILE:LINE: reason".
+class LineFaults {
+ public:
+  explicit LineFaults(std::string file) : m_file(std::move(file)) {}
+
+  void add(std::size_t line, const std::string& reason);
+  [[nodiscard]] bool isEmpty() const { return m_faults.empty(); }
+  // Reports the first hundred in the order of the lines, and how many there are beyond them. Throws
+  // Failure, `BadData`, when there is any: `why` says what came of it.
+  void refuse(const std::string& why);
+
+ private:
+  struct Fault {
+    std::size_t line;
+    std::string reason;
+  };
+
+  std::string m_file;
+  std::vector<Fault> m_faults;
+  std::size_t m_count = 0;
+};
+
+// One thread.
+class TableFile {
+ public:
+  // How --format and --domain say that the file is written; empty texts where they say nothing.
+  struct Options {
+    std::string format;
+    std::string domain;
+  };
+
+  // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
+  // looks like; `progress` counts its lines. Throws Failure, `BadData`, when it cannot be read or a
+  // line is bad, after each was reported; and what FileSyntax::named() and detected() throw.
+  TableFile(const TableFormat& format, const std::string& path, const Options& options,
+            Progress& progress);
+
+  // For messages.
+  [[nodiscard]] const std::string& name() const { return m_name; }
+  // The lines in the order of their keys, which are unique, as the public addresses are.
+  [[nodiscard]] const std::vector<FileEntry>& entries() const { return m_entries; }
+  // The entry with this key, or null.
+  [[nodiscard]] const FileEntry* withKey(const EmailAddress& key) const;
+  // The entry with this public address, or null.
+  [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
+
+ private:
+  void read(Lines& lines, const FileSyntax& syntax, LineFaults& faults, Progress& progress);
+  void findDoubles(const TableFormat& format, LineFaults& faults);
+
+  std::string m_name;
+  std::vector<FileEntry> m_entries;
+  std::vector<const FileEntry*> m_byPublic;  // In the order of public addresses; masks only.
+};
+
+}  // namespace Tessel::Tool
+
+#endif

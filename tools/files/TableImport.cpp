@@ -1,0 +1,318 @@
+// Bringing the content of a table file into its table.
+#include "files/TableImport.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+
+#include "base/Exception.h"
+#include "cli/Session.h"
+#include "database/QueryDescribeTable.h"
+#include "failure/Failure.h"
+#include "tables/AliasCycles.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr unsigned int s_duplicateEntry = 1062;
+// Of one statement: rows, and bytes unless a single row is longer.
+constexpr std::size_t s_rowsPerStatement = 500;
+constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
+// What a statement of one row has beside the literal of its value, that of its key included.
+constexpr std::size_t s_frame = 1024;
+
+bool s_startsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+// What a column can hold.
+struct Size {
+  std::uint64_t most = UINT64_MAX;
+  bool characters = false;  // Bytes otherwise.
+
+  static Size of(const std::string& type) {
+    if (s_startsWith(type, "varchar(") || s_startsWith(type, "char(")) {
+      return {std::strtoull(type.c_str() + type.find('(') + 1, nullptr, 10), true};
+    }
+    if (s_startsWith(type, "tinytext")) return {255, false};
+    if (s_startsWith(type, "text")) return {65535, false};
+    if (s_startsWith(type, "mediumtext")) return {16777215, false};
+    return {};
+  }
+
+  [[nodiscard]] bool fits(std::string_view text) const {
+    if (!characters || text.size() <= most) return text.size() <= most;
+    const auto count = std::count_if(text.begin(), text.end(), [](char c) {
+      return (static_cast<unsigned char>(c) & 0xc0U) != 0x80U;
+    });
+    return static_cast<std::uint64_t>(count) <= most;
+  }
+
+  [[nodiscard]] std::string text() const {
+    return std::to_string(most) + (characters ? " characters" : " bytes");
+  }
+};
+
+EmailAddress s_parse(std::string_view text) {
+  try {
+    return EmailAddress::rfc5321Parse(text, false);
+  } catch (const Exception&) {
+    return {};  // A broken row is no row of any entry.
+  }
+}
+
+std::string s_shown(std::string_view key, std::string_view value) {
+  // Members can be many.
+  const std::string_view start = value.substr(0, 200);
+  return std::string("'").append(key).append(":").append(start) +
+         (start.size() < value.size() ? "...'" : "'");
+}
+
+}  // namespace
+
+TableImport::TableImport(const TableFormat& format, std::string table, const TableFile& file,
+                         Rest rest)
+    : m_format(format),
+      m_table(std::move(table)),
+      m_file(file),
+      m_rest(rest),
+      m_connection(std::string(s_database)) {}
+
+void TableImport::checkSizes() {
+  Size key;
+  Size value;
+  const Database::QueryDescribeTable description(m_connection, m_table);
+  for (const Database::Field& field : description.fields()) {
+    if (field.name == m_format.key) key = Size::of(field.type);
+    if (field.name == m_format.value) value = Size::of(field.type);
+  }
+  const std::string packet =
+      selectTexts(m_connection, "select @@max_allowed_packet;", 1).at(0).at(0);
+  const std::size_t longest = std::strtoull(packet.c_str(), nullptr, 10);
+  m_bytes = std::min(s_bytesPerStatement, longest);
+  LineFaults faults(m_file.name());
+  for (const FileEntry& entry : m_file.entries()) {
+    const auto check = [&](const Size& size, const char* column, const std::string& text) {
+      if (size.fits(text)) return;
+      faults.add(entry.number, std::string("too long for the column ") + column + " of table " +
+                                   m_table + ", which holds " + size.text());
+    };
+    check(key, m_format.key, entry.key.address());
+    check(value, m_format.value, entry.value);
+    // A literal can be twice as long as its text; what is far from the limit is not looked at.
+    if (2 * entry.value.size() + 2 * s_frame > longest &&
+        valuesOf(entry).size() + s_frame > longest) {
+      faults.add(entry.number, "too long for one statement: the server's max_allowed_packet is " +
+                                   packet + " bytes");
+    }
+  }
+  faults.refuse("it has lines that do not fit the table");
+}
+
+void TableImport::compare(bool toWrite, Progress& progress) {
+  progress.begin("comparing", "rows");
+  checkSizes();
+  if (toWrite) m_transaction.emplace(m_connection);
+  std::vector<Match> matches(m_file.entries().size());
+  LineFaults faults(m_file.name());
+  std::string statement = "select ";
+  statement.append(m_format.key).append(", ").append(m_format.value);
+  statement.append(" from ").append(m_table).append(toWrite ? " for update;" : ";");
+  selectPairs(
+      m_connection, statement,
+      [&](std::string_view key, std::string_view value) { meet(key, value, matches, faults); },
+      &progress);
+  faults.refuse("it would give a public address to two private ones");
+  sortOut(matches);
+  if (m_cycles == nullptr) return;
+  progress.begin("looking for cycles", "rows");
+  checkCycles();
+}
+
+void TableImport::checkCycles() {
+  Entries written = m_added;
+  for (const ChangedRow& row : m_changed) written.push_back(row.entry);
+  if (written.empty()) return;
+  LineFaults faults(m_file.name());
+  for (const ImportCycles::Cycle& cycle : m_cycles->find(written)) {
+    faults.add(cycle.line, "it would lead back to itself: " + textOf(cycle.path));
+  }
+  m_cycles.reset();
+  faults.refuse("it would make aliases lead back to themselves, which only --allow-cycle permits");
+}
+
+void TableImport::meet(std::string_view key, std::string_view value, std::vector<Match>& matches,
+                       LineFaults& faults) {
+  const EmailAddress address = s_parse(key);
+  const FileEntry* const entry = address.isNull() ? nullptr : m_file.withKey(address);
+  if (entry == nullptr) return meetUnmentioned(key, value, faults);
+  Match& match = matches[static_cast<std::size_t>(entry - m_file.entries().data())];
+  const bool exact = key == entry->key.address();
+  if (match.present && !exact) {
+    // A second row of one address: the one that is spelled as in the file stays.
+    m_removed.push_back({std::string(key), std::string(value)});
+    return;
+  }
+  if (match.present) m_removed.push_back(std::move(match.other));
+  match.present = true;
+  match.equal = exact && value == entry->value;
+  match.other = {};
+  if (!exact) match.other = {std::string(key), std::string(value)};
+}
+
+void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
+                                  LineFaults& faults) {
+  if (m_rest == Rest::Remove) {
+    m_removed.push_back({std::string(key), std::string(value)});
+    return;
+  }
+  ++m_left;
+  if (m_cycles != nullptr) m_cycles->keep(key, value);
+  if (!m_format.hasPublic) return;
+  const EmailAddress address = s_parse(value);
+  const FileEntry* const taken = address.isNull() ? nullptr : m_file.withPublic(address);
+  if (taken == nullptr) return;
+  faults.add(taken->number, s_shown(taken->key.address(), taken->value) +
+                                " has the public address of the row " + s_shown(key, value) +
+                                " of table " + m_table + ", which the file does not mention");
+}
+
+void TableImport::sortOut(std::vector<Match>& matches) {
+  for (std::size_t i = 0; i < matches.size(); ++i) {
+    const FileEntry& entry = m_file.entries()[i];
+    if (!matches[i].present) {
+      m_added.push_back(&entry);
+    } else if (matches[i].equal) {
+      ++m_left;
+    } else {
+      m_changed.push_back({&entry, std::move(matches[i].other.key)});
+    }
+  }
+}
+
+void TableImport::write(Progress& progress) {
+  m_progress = &progress;
+  progress.begin("writing", "rows", m_added.size() + m_changed.size() + m_removed.size());
+  std::vector<std::string> doomed;
+  for (const StoredRow& row : m_removed) doomed.push_back(row.key);
+  Entries changed;
+  for (const ChangedRow& row : m_changed) {
+    const bool respelled = !row.otherKey.empty();
+    if (m_format.hasPublic) {
+      // Public addresses may change places: all go before the first one comes back.
+      doomed.push_back(respelled ? row.otherKey : row.entry->key.address());
+    }
+    if (m_format.hasPublic || !respelled) changed.push_back(row.entry);
+  }
+  deleteAll(doomed);
+  if (m_format.hasPublic) {
+    insertAll(changed, "");
+  } else {
+    // The rows are there and locked; other columns keep what they hold.
+    for (const ChangedRow& row : m_changed) {
+      if (!row.otherKey.empty()) respell(row);
+    }
+    insertAll(changed, " on duplicate key update members=values( members )");
+  }
+  insertAll(m_added, "");
+}
+
+void TableImport::commit() {
+  m_transaction->commit();
+}
+
+void TableImport::deleteAll(const std::vector<std::string>& keys) {
+  std::string list;
+  std::size_t rows = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    list += (list.empty() ? "" : ",") + literal(keys[i]);
+    ++rows;
+    const bool full = rows == s_rowsPerStatement || i + 1 == keys.size() ||
+                      list.size() + 2 * keys[i + 1].size() + s_frame > m_bytes;
+    if (!full) continue;
+    runStatement(m_connection, "delete from " + m_table + " where " + m_format.key + " in( " +
+                                   std::exchange(list, "") + " );");
+    m_progress->add(std::exchange(rows, 0));
+  }
+}
+
+std::string TableImport::insertion() const {
+  return "insert into " + m_table + " ( " + m_format.key + ", " + m_format.value + " ) values ";
+}
+
+std::string TableImport::valuesOf(const FileEntry& entry) const {
+  return "( " + literal(entry.key.address()) + "," + literal(entry.value) + " )";
+}
+
+void TableImport::insertAll(const Entries& entries, const std::string& end) {
+  std::string statement = insertion();
+  for (std::size_t first = 0, i = 0; i < entries.size(); ++i) {
+    if (i != first) statement += ",";
+    statement += valuesOf(*entries[i]);
+    const std::size_t rows = i + 1 - first;
+    // The next one must fit too.
+    const bool full = rows == s_rowsPerStatement || i + 1 == entries.size() ||
+                      statement.size() + 2 * entries[i + 1]->value.size() + s_frame > m_bytes;
+    if (!full) continue;
+    insertBatch(entries, first, i + 1, statement, end);
+    statement = insertion();
+    first = i + 1;
+  }
+}
+
+void TableImport::insertBatch(const Entries& entries, std::size_t first, std::size_t last,
+                              const std::string& statement, const std::string& end) {
+  try {
+    runStatement(m_connection, statement + end + ";");
+  } catch (const Exception& exception) {
+    if (!isDatabaseError(exception, s_duplicateEntry)) throw;
+    // The statement did nothing. One by one, the entry that is refused shows.
+    for (std::size_t i = first; i < last; ++i) {
+      writeOne(*entries[i], [&] {
+        runStatement(m_connection, insertion() + valuesOf(*entries[i]) + end + ";");
+      });
+    }
+  }
+  m_progress->add(last - first);
+}
+
+void TableImport::respell(const ChangedRow& row) {
+  writeOne(*row.entry, [&] {
+    runStatement(m_connection, "update " + m_table +
+                                   " set name=" + literal(row.entry->key.address()) +
+                                   ", members=" + literal(row.entry->value) +
+                                   " where name=" + literal(row.otherKey) + ";");
+  });
+  m_progress->add(1);
+}
+
+template <class Write>
+void TableImport::writeOne(const FileEntry& entry, Write write) {
+  try {
+    write();
+  } catch (const Exception& exception) {
+    if (!isDatabaseError(exception, s_duplicateEntry)) throw;
+    std::string statement = "select ";
+    statement.append(m_format.key).append(", ").append(m_format.value).append(" from ");
+    statement.append(m_table).append(" where ").append(m_format.key).append("=");
+    statement.append(literal(entry.key.address()));
+    if (m_format.hasPublic) {
+      statement.append(" or ").append(m_format.value).append("=").append(literal(entry.value));
+    }
+    std::string rows;
+    selectPairs(m_connection, statement + ";", [&](std::string_view key, std::string_view value) {
+      rows += (rows.empty() ? "" : " and ") + s_shown(key, value);
+    });
+    throw Failure(ExitCode::BadData,
+                  m_file.name() + ":" + std::to_string(entry.number) + ": " +
+                      s_shown(entry.key.address(), entry.value),
+                  "the server takes it for " + (rows.empty() ? "another row" : rows) +
+                      " of table " + m_table + ", which is spelled differently",
+                  "nothing was written; use one spelling in the file and the table");
+  }
+}
+
+}  // namespace Tessel::Tool

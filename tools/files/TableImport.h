@@ -1,0 +1,109 @@
+// Bringing the content of a table file into its table: what has to change, and the change, in one
+// transaction.
+#ifndef TSL_TOOLS_FILES_TABLEIMPORT_H
+#define TSL_TOOLS_FILES_TABLEIMPORT_H
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "database/Connection.h"
+#include "database/Transaction.h"
+#include "files/ImportCycles.h"
+#include "files/TableFile.h"
+#include "tables/TableFormat.h"
+#include "terminal/Progress.h"
+
+namespace Tessel::Tool {
+
+// A row as it stands in the table.
+struct StoredRow {
+  std::string key;
+  std::string value;
+};
+
+// An entry of the file whose row has other texts.
+struct ChangedRow {
+  const FileEntry* entry;
+  std::string otherKey;  // The key as it is stored, where it is spelled differently.
+};
+
+// One thread. Failures of the database pass as Exception until the caller asks for the end of the
+// transaction; the table is as before then.
+class TableImport {
+ public:
+  // What to do with rows that the file does not mention.
+  enum class Rest { Keep, Remove };
+
+  // Connects. `format` and `file` must outlive the import; `table` is the SQL name, which must be
+  // known to be safe.
+  TableImport(const TableFormat& format, std::string table, const TableFile& file, Rest rest);
+
+  // Makes compare() refuse to leave cycles of aliases behind that go through a row it would write.
+  // Must be called before it.
+  void refuseCycles() { m_cycles = std::make_unique<ImportCycles>(m_file); }
+
+  // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
+  // until its end. Throws Failure, `BadData`, when an entry does not fit its column, or its public
+  // address is that of a row which the file does not mention, or there would be a cycle.
+  void compare(bool toWrite, Progress& progress);
+
+  [[nodiscard]] const std::vector<const FileEntry*>& added() const { return m_added; }
+  [[nodiscard]] const std::vector<ChangedRow>& changed() const { return m_changed; }
+  [[nodiscard]] const std::vector<StoredRow>& removed() const { return m_removed; }
+  [[nodiscard]] std::size_t left() const { return m_left; }
+
+  // Writes what compare() found; `progress` counts the rows. Throws Failure, `BadData`, when the
+  // server takes an entry for another row.
+  void write(Progress& progress);
+  // Makes it last. Throws Exception: where isOutcomeUnknown() is true it may have taken effect,
+  // otherwise it has not.
+  void commit();
+
+ private:
+  using Entries = std::vector<const FileEntry*>;
+
+  // The row of an entry.
+  struct Match {
+    bool present = false;
+    bool equal = false;
+    StoredRow other;  // Where its key is spelled differently.
+  };
+
+  void checkSizes();
+  void meet(std::string_view key, std::string_view value, std::vector<Match>& matches,
+            LineFaults& faults);
+  void meetUnmentioned(std::string_view key, std::string_view value, LineFaults& faults);
+  void sortOut(std::vector<Match>& matches);
+  void checkCycles();
+  void deleteAll(const std::vector<std::string>& keys);
+  void insertAll(const Entries& entries, const std::string& end);
+  void insertBatch(const Entries& entries, std::size_t first, std::size_t last,
+                   const std::string& statement, const std::string& end);
+  void respell(const ChangedRow& row);
+  [[nodiscard]] std::string insertion() const;
+  [[nodiscard]] std::string valuesOf(const FileEntry& entry) const;
+  template <class Write>
+  void writeOne(const FileEntry& entry, Write write);
+
+  const TableFormat& m_format;
+  std::string m_table;
+  const TableFile& m_file;
+  Rest m_rest;
+  Database::Connection m_connection;
+  std::optional<Database::Transaction> m_transaction;
+  Entries m_added;
+  std::vector<ChangedRow> m_changed;
+  std::vector<StoredRow> m_removed;
+  std::unique_ptr<ImportCycles> m_cycles;  // Null when they are allowed.
+  std::size_t m_left = 0;
+  std::size_t m_bytes = 0;         // Of one statement, unless a single row is longer.
+  Progress* m_progress = nullptr;  // While write() runs.
+};
+
+}  // namespace Tessel::Tool
+
+#endif

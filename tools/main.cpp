@@ -1,0 +1,149 @@
+// tsl-address-map: the command-line tool of the address-map library.
+#include <fcntl.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include "ServeCommand.h"
+#include "cli/Command.h"
+#include "cli/Session.h"
+#include "failure/Failure.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr char s_footer[] =
+    "Examples:\n"
+    "  tsl-address-map --local alias set team@example.com ann@example.com bob@example.net\n"
+    "  tsl-address-map --local alias expand team@example.com\n"
+    "  tsl-address-map --option-file /etc/mail/database.cnf status\n"
+    "\n"
+    "Global options may stand before or after the command words. Results go to standard output, "
+    "one\n"
+    "item per line or, with --json, as one JSON document; everything else goes to standard error.\n"
+    "\n"
+    "Exit codes: 0 found or done, 1 not found, 64 wrong usage, 65 bad data (an address or a row of "
+    "a\n"
+    "table is malformed), 74 the answer could not be written, 75 the database or the "
+    "configuration\n"
+    "could not be asked, 78 wrong settings.\n"
+    "\n"
+    "The database server is the one that the MySQL option files name, groups [client] and\n"
+    "[tsl-address-map], unless --local or --option-file (environment: TSL_DATABASE_OPTION_FILE) "
+    "is\n"
+    "given. The configuration folder is that of TSL_CMF_PATH, or /var/lib/tsl/cmf.\n"
+    "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' tell more.";
+
+void s_addGlobalOptions(Command& top, Settings& settings) {
+  top.flagWithValue("--local", settings.local, "[=DIR]",
+                    "Use the private server in DIR (default: $XDG_STATE_HOME/tsl-address-map or"
+                    " ~/.local/state/tsl-address-map); started if needed");
+  top.option("--option-file", settings.optionFile, "FILE",
+             "Read this MySQL option file instead of the standard ones");
+  top.option("--cmf", settings.cmf, "DIR", "The configuration folder");
+  top.option("--table", settings.table, "NAME", "Use the tables alias_NAME and mask_NAME");
+  top.flag("--json", settings.json, "Answer with one JSON document");
+  top.flag("--verbose", settings.verbose,
+           "Tell what is asked, show the SQL, and the whole chain of a failure");
+}
+
+void s_addCommands(Command& top) {
+  addLocalCommands(top);
+  Serve::addServeCommand(top);
+  addInitCommand(top);
+  addStatusCommand(top);
+  addAliasCommands(top);
+  addMaskCommands(top);
+  addCheckCommand(top);
+  addTableCommands(top);
+  addDomainCommands(top);
+  addUserCommands(top);
+}
+
+// True for what the parser takes for a list; address literals of domains look like one.
+bool s_isList(std::string_view word) {
+  if (word.size() < 2 || word.front() != '[' || word.back() != ']') return false;
+  const bool literal = (word[1] >= '0' && word[1] <= '9') || word.substr(1, 5) == "IPv6:";
+  return !literal || word.find('@') != std::string_view::npos;
+}
+
+// The parser takes some words for its own notation and would change or drop them without a word.
+void s_refuseParserNotation(int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--local=") {
+      throw Failure(ExitCode::Usage, "--local=", "no folder is named",
+                    "write --local=DIR, or --local alone for the default folder");
+    }
+    if (word == "++" || s_isList(word)) {
+      throw Failure(ExitCode::Usage, "argument '" + std::string(word) + "'",
+                    "it is no address, domain or option", "see 'tsl-address-map --help'");
+    }
+  }
+}
+
+ExitCode s_run(const Choice& chosen, const Settings& settings) {
+  try {
+    Session session(settings);
+    session.prepare(chosen.preparation);
+    const ExitCode code = chosen.run(session);
+    session.output().flush();
+    return code;
+  } catch (const std::exception& exception) {
+    // What was answered before the failure comes first.
+    static_cast<void>(std::fflush(stdout));
+    const Failure failure = failureOf(exception, chosen.words);
+    report(failure);
+    if (settings.verbose) say(std::string("detail: ") + exception.what());
+    return failure.code();
+  }
+}
+
+ExitCode s_parseAndRun(int argc, char** argv) {
+  CommandLine line("Looks after the alias tables and address masks of a mail server.", s_footer);
+  Command top = line.top();
+  Settings settings;
+  s_addGlobalOptions(top, settings);
+  s_addCommands(top);
+  const Choice* choice = nullptr;
+  try {
+    s_refuseParserNotation(argc, argv);
+    choice = line.parse(argc, argv);
+  } catch (const Failure& failure) {
+    report(failure);
+    return failure.code();
+  }
+  return choice != nullptr ? s_run(*choice, settings) : ExitCode::Done;
+}
+
+// A socket or file that is opened while a standard descriptor is closed would take its place, and
+// receive what is meant for people.
+void s_occupyStandardDescriptors() {
+  for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+    // Open for the wrong direction on purpose: using it is an error, as it is for a closed one.
+    const int flags = descriptor == 0 ? O_WRONLY : O_RDONLY;
+    if (fcntl(descriptor, F_GETFD) == -1) static_cast<void>(open("/dev/null", flags));
+  }
+}
+
+}  // namespace
+
+}  // namespace Tessel::Tool
+
+int main(int argc, char** argv) {
+  try {
+    Tessel::Tool::s_occupyStandardDescriptors();
+    // Writes report a reader that has gone; `Output` ends the process quietly then.
+    std::signal(SIGPIPE, SIG_IGN);
+    // A limit on file sizes must show as a failed write.
+    std::signal(SIGXFSZ, SIG_IGN);
+    return static_cast<int>(Tessel::Tool::s_parseAndRun(argc, argv));
+  } catch (const std::exception& exception) {
+    Tessel::Tool::report(Tessel::Tool::failureOf(exception, "starting"));
+    return static_cast<int>(Tessel::Tool::ExitCode::Unavailable);
+  }
+}

@@ -1,0 +1,176 @@
+// A whole alias table in memory.
+#include "tables/AliasGraph.h"
+
+#include <set>
+
+#include "address/EmailAddress.h"
+#include "base/Exception.h"
+#include "base/stringCompareNoCase.h"
+#include "database/Query.h"
+#include "database/RowParser.h"
+#include "database/db_result.h"
+#include "failure/Failure.h"
+#include "tables/PlainAddresses.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr std::string_view s_marker = "allusers_";
+
+}  // namespace
+
+void AliasVisitor::broken(std::string_view /*name*/, bool /*hasName*/, const std::string& /*why*/) {
+}
+
+void AliasVisitor::doubled(std::string_view /*name*/, std::string_view /*first*/) {}
+
+void AliasVisitor::row(std::string_view /*name*/, std::size_t /*size*/) {}
+
+void AliasVisitor::member(AddressIndex::Id /*alias*/, std::string_view /*member*/,
+                          bool /*isAlias*/) {}
+
+// Goes through the rows twice: only when all names are known can it be told which members are
+// aliases. The others, mostly the greater part, then need not be kept.
+class AliasGraph::Parser : public Database::AllRowParser {
+ public:
+  Parser(AliasGraph& graph, AliasVisitor& visitor, Progress& progress)
+      : m_graph(graph), m_visitor(visitor), m_progress(progress) {}
+
+  void parse(void* connection, void* result) override {
+    const std::int64_t count = db_result_row_num(result);
+    m_graph.m_rows = static_cast<std::uint64_t>(count);
+    m_progress.setTotal(m_graph.m_rows);
+    m_ids.reserve(static_cast<std::size_t>(count));
+    const auto text = [&](void* row, unsigned int column) {
+      return std::string_view(db_result_get_value(connection, result, row, column),
+                              db_result_field_length(result, column));
+    };
+    for (std::int64_t i = 0; i < count; ++i) {
+      void* const row = db_result_fetch_row(result, i);
+      m_ids.push_back(addName(text(row, 0), text(row, 1)));
+      m_progress.set(static_cast<std::uint64_t>(i) / 2);
+    }
+    m_graph.m_own.resize(m_graph.m_names.size());
+    for (std::int64_t i = 0; i < count; ++i) {
+      void* const row = db_result_fetch_row(result, i);
+      const Id alias = m_ids[static_cast<std::size_t>(i)];
+      if (alias != AddressIndex::s_none) addMembers(alias, text(row, 1));
+      m_progress.set(static_cast<std::uint64_t>(count + i + 1) / 2);
+    }
+    m_graph.m_links = Links(m_graph.m_names.size(), m_links);
+  }
+
+ private:
+  // The number of the row's alias, or `s_none` when the row is none or not the first of its alias.
+  Id addName(std::string_view name, std::string_view members) {
+    std::string parsed;
+    std::string_view alias = name;
+    try {
+      if (!splitPlain(name, m_addresses) || m_addresses.size() != 1) {
+        parsed = EmailAddress::rfc5321Parse(name, false).address();
+        alias = parsed;
+      }
+    } catch (const Exception& exception) {
+      m_visitor.broken(name, false, "bad name: " + reasonOf(exception));
+      return AddressIndex::s_none;
+    }
+    if (alias.empty() || members.empty()) {
+      m_visitor.broken(name, !alias.empty(),
+                       alias.empty() ? "the name is empty" : "the members are empty");
+      return AddressIndex::s_none;
+    }
+    m_visitor.row(name, members.size());
+    const AddressIndex::Added added = m_graph.m_names.add(alias);
+    if (added.isNew) return added.id;
+    m_visitor.doubled(name, m_graph.m_names.text(added.id));
+    return AddressIndex::s_none;
+  }
+
+  void addMembers(Id alias, std::string_view text) {
+    if (splitPlain(text, m_addresses)) {
+      for (const std::string_view member : m_addresses) addMember(alias, member);
+      return;
+    }
+    try {
+      const std::set<EmailAddress> members = EmailAddress::rfc5322ParseSet(text, true, false);
+      for (const EmailAddress& member : members) addMember(alias, member.address());
+      if (!members.empty()) return;
+      // The library takes such a row for no alias.
+      m_graph.m_own[alias].add(Reach::addresses());
+      m_visitor.broken(m_graph.m_names.text(alias), true, "the members are empty");
+    } catch (const Exception& exception) {
+      if (!isAddressFault(exception)) throw;
+      // What it stands for is not known; it is reported as broken and as nothing else.
+      m_graph.m_own[alias].add(Reach::addresses());
+      m_visitor.broken(m_graph.m_names.text(alias), true, "bad members: " + reasonOf(exception));
+    }
+  }
+
+  void addMember(Id alias, std::string_view member) {
+    const Id id = m_graph.m_names.find(member);
+    m_visitor.member(alias, member, id != AddressIndex::s_none);
+    if (id != AddressIndex::s_none && id != alias) {
+      m_links.push_back({alias, id});
+    } else if (isMarker(member)) {
+      m_graph.m_own[alias].add(Reach::marker(m_graph.m_markers.add(member).id));
+    } else {
+      m_graph.m_own[alias].add(Reach::addresses());
+    }
+  }
+
+  AliasGraph& m_graph;
+  AliasVisitor& m_visitor;
+  Progress& m_progress;
+  std::vector<Id> m_ids;  // Of the rows.
+  std::vector<Link> m_links;
+  std::vector<std::string_view> m_addresses;  // Of the text that is being read.
+};
+
+AliasGraph::AliasGraph(Database::Connection& connection, const std::string& table,
+                       AliasVisitor& visitor, Progress& progress) {
+  Parser parser(*this, visitor, progress);
+  Database::Query query(connection, &parser, true);
+  query << "select name, members from " << quotedName(table) << ";";
+  query.execute();
+}
+
+std::vector<Reach> AliasGraph::reach(const Components& components) const {
+  std::vector<Reach> reach(components.nodes.size());
+  // Links lead to lower numbers, so what a component leads to is complete when its turn comes.
+  for (std::uint32_t component = 0; component < reach.size(); ++component) {
+    for (const Id alias : components.nodes.of(component)) {
+      reach[component].add(m_own[alias]);
+      for (const Id member : m_links.of(alias)) {
+        if (components.of[member] != component) reach[component].add(reach[components.of[member]]);
+      }
+    }
+  }
+  return reach;
+}
+
+bool isMarker(std::string_view member) {
+  return member.size() > s_marker.size() &&
+         stringCompareNoCase(member, s_marker, s_marker.size()) &&
+         member.find('@') == std::string_view::npos;
+}
+
+std::string_view markerDomain(std::string_view marker) {
+  return marker.substr(s_marker.size());
+}
+
+std::string_view domainOf(std::string_view address) {
+  const std::size_t at = address.rfind('@');
+  return at == std::string_view::npos ? std::string_view() : address.substr(at + 1);
+}
+
+std::string quotedName(const std::string& name) {
+  std::string quoted = "`";
+  for (const char c : name) {
+    quoted += c;
+    if (c == '`') quoted += c;
+  }
+  return quoted + "`";
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,118 @@
+// A whole alias table in memory as a graph of aliases, for what one row does not tell: who reaches
+// whom, and which aliases lead nowhere.
+#ifndef TSL_TOOLS_TABLES_ALIASGRAPH_H
+#define TSL_TOOLS_TABLES_ALIASGRAPH_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "database/Connection.h"
+#include "tables/AddressIndex.h"
+#include "tables/Links.h"
+#include "terminal/Progress.h"
+
+namespace Tessel::Tool {
+
+// What an alias expands to, as far as it matters here: nothing, addresses of which none is an
+// all-users marker, one marker alone, or a marker beside others. The library replaces a marker only
+// when it is alone.
+class Reach {
+ public:
+  constexpr Reach() = default;
+  static constexpr Reach addresses() { return Reach(s_addresses); }
+  static constexpr Reach marker(std::uint32_t number) { return Reach(s_firstMarker + number); }
+
+  [[nodiscard]] bool isNothing() const { return m_state == s_nothing; }
+  [[nodiscard]] bool isMixed() const { return m_state == s_mixed; }
+  [[nodiscard]] bool isMarker() const { return m_state >= s_firstMarker; }
+  // Requires: isMarker().
+  [[nodiscard]] std::uint32_t number() const { return m_state - s_firstMarker; }
+
+  // What both together are.
+  void add(Reach other) {
+    if (other.m_state == m_state || other.isNothing()) return;
+    m_state = isNothing() ? other.m_state : std::uint32_t{s_mixed};
+  }
+
+ private:
+  static constexpr std::uint32_t s_nothing = 0;
+  static constexpr std::uint32_t s_addresses = 1;
+  static constexpr std::uint32_t s_mixed = 2;
+  static constexpr std::uint32_t s_firstMarker = 3;
+
+  explicit constexpr Reach(std::uint32_t state) : m_state(state) {}
+
+  std::uint32_t m_state = s_nothing;
+};
+
+// Is told of what stands in the table while it is read. Texts are valid during the call only.
+class AliasVisitor {
+ public:
+  AliasVisitor() = default;
+  virtual ~AliasVisitor() = default;
+  AliasVisitor(const AliasVisitor&) = delete;
+  AliasVisitor& operator=(const AliasVisitor&) = delete;
+
+  // A row that the library cannot use: `name` as it stands, and what is wrong. `hasName` tells
+  // whether the name is an address.
+  virtual void broken(std::string_view name, bool hasName, const std::string& why);
+  // A row of an address that has one already, spelled `first`.
+  virtual void doubled(std::string_view name, std::string_view first);
+  // A row with `size` bytes of members.
+  virtual void row(std::string_view name, std::size_t size);
+  // The member `member` of `alias`, as `EmailAddress::address()` has it. `isAlias` tells whether it
+  // is an alias itself.
+  virtual void member(AddressIndex::Id alias, std::string_view member, bool isAlias);
+};
+
+// The aliases of a table, and which of them have which of the others as members. Members that are
+// no aliases are not kept, so a table takes some hundred bytes for each alias, beside the answer of
+// the server while it is read. An immutable value.
+class AliasGraph {
+ public:
+  using Id = AddressIndex::Id;
+
+  // Reads the SQL table `table`, which may be any text, with one statement. `progress` counts the
+  // rows in the piece of work that was begun. Throws Exception when the database cannot answer;
+  // what `visitor` throws passes.
+  AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor,
+             Progress& progress);
+
+  [[nodiscard]] const AddressIndex& names() const { return m_names; }
+  // Members that are aliases, without those that an alias is itself.
+  [[nodiscard]] const Links& links() const { return m_links; }
+  // What the members of `alias` that are no aliases are; an alias that names itself is delivered
+  // to, too.
+  [[nodiscard]] Reach own(Id alias) const { return m_own[alias]; }
+  // All-users markers that stand among the members.
+  [[nodiscard]] const AddressIndex& markers() const { return m_markers; }
+  [[nodiscard]] std::uint64_t rows() const { return m_rows; }
+
+  // What each component of `components`, which are those of `links()`, expands to.
+  [[nodiscard]] std::vector<Reach> reach(const Components& components) const;
+
+ private:
+  class Parser;
+
+  AddressIndex m_names;
+  AddressIndex m_markers;
+  Links m_links;
+  std::vector<Reach> m_own;
+  std::uint64_t m_rows = 0;
+};
+
+// True when `member` is an all-users marker of any domain.
+bool isMarker(std::string_view member);
+
+// The domain of the marker `marker`, or that of `address`.
+std::string_view markerDomain(std::string_view marker);
+std::string_view domainOf(std::string_view address);
+
+// `name` as an identifier of SQL, whatever it holds.
+std::string quotedName(const std::string& name);
+
+}  // namespace Tessel::Tool
+
+#endif

@@ -1,0 +1,96 @@
+// The rows of an alias table as the server has them, for what the library's answers leave open: is
+// there a row behind an empty answer, is it broken, is it that of another address? And the safe
+// write.
+#ifndef TSL_TOOLS_TABLES_ALIASTABLE_H
+#define TSL_TOOLS_TABLES_ALIASTABLE_H
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "database/Connection.h"
+
+namespace Tessel::Tool {
+
+// One row, read without throwing.
+struct AliasRow {
+  enum class State {
+    Good,
+    NoMembers,   // The column `members` is empty: the library takes such a row for no alias.
+    BadName,     // `name` is no e-mail address.
+    BadMembers,  // `members` is no list of e-mail addresses.
+  };
+
+  std::string name;    // As it stands in the table.
+  std::string text;    // The members, as they stand there.
+  EmailAddress alias;  // Null for `BadName`.
+  std::set<EmailAddress> members;
+  State state = State::Good;
+  std::string fault;  // What is wrong with the row; empty for `Good`.
+};
+
+// What the table holds for an address.
+struct AliasLook {
+  enum class Kind {
+    Absent,
+    Present,  // `row` is the address's own row, whatever its state.
+    Other,    // The server answers with `row`, whose name it takes for equal, but which is not it.
+  };
+
+  Kind kind = Kind::Absent;
+  AliasRow row;
+};
+
+// An alias table over a connection of its own. Failures of the database pass as Exception. One
+// thread.
+class AliasTable {
+ public:
+  // `table` is the SQL name, which must be known to be safe.
+  explicit AliasTable(std::string table);
+
+  // What the server finds for `address`.
+  AliasLook look(const EmailAddress& address);
+
+  // The same, with the row, or the gap where it would be, locked until the end of the transaction.
+  AliasLook lookLocked(const EmailAddress& address);
+
+  // The own rows of those of `addresses` that have one, whatever their states, by the address. Asks
+  // for many with one statement.
+  std::map<EmailAddress, AliasRow> look(const std::set<EmailAddress>& addresses);
+
+  // All rows, or those of `domain` where it is not empty, which must be known to be safe inside a
+  // pattern but for "_"; compared without regard to ASCII letter case. In the order of addresses,
+  // rows without a readable name first.
+  std::vector<AliasRow> rows(const std::string& domain);
+
+  // All rows as rows() has them, locked until the end of the transaction.
+  std::vector<AliasRow> rowsLocked();
+
+  // Adds the alias, or replaces the members of an existing one. Both texts are escaped.
+  void set(const EmailAddress& alias, const std::set<EmailAddress>& members);
+
+  // Removes the row whose name, as it stands in the table, is `name`.
+  void remove(const std::string& name);
+
+  // Calls `edit` in a transaction, which is committed when it returns true and undone otherwise.
+  // Does so anew when the server ends the transaction in favour of another one; so `edit` must
+  // start from nothing each time. What `edit` throws passes.
+  void transact(const std::function<bool()>& edit);
+
+ private:
+  AliasLook look(const EmailAddress& address, const char* lock);
+  std::vector<AliasRow> select(const std::string& domain, const std::string& end);
+
+  std::string m_table;
+  Database::Connection m_connection;
+};
+
+// The SQL name of the alias table for the store name `name`.
+std::string aliasTableName(const std::string& name);
+
+}  // namespace Tessel::Tool
+
+#endif

@@ -1,0 +1,33 @@
+// The configuration library as the commands use it, with its failures told apart.
+#ifndef TSL_TOOLS_TABLES_CONFIGURATION_H
+#define TSL_TOOLS_TABLES_CONFIGURATION_H
+
+#include <string>
+
+#include "base/Exception.h"
+#include "cli/Session.h"
+#include "cmf/ApsGwServer.h"
+#include "failure/Failure.h"
+
+namespace Tessel::Tool {
+
+// The failure that `exception`, thrown by the configuration library, is: `Configuration` when there
+// is no configuration in the folder, `Unavailable` otherwise.
+Failure configurationFailure(const Exception& exception, const Session& session);
+
+// The server record of `domain`; null when there is none. Throws Failure as above.
+CMF::RefApsGwServer findDomain(const Session& session, const std::string& domain);
+
+// Calls `use`, which uses the configuration library, and throws its failures as Failure.
+template <class Use>
+auto withConfiguration(const Session& session, Use use) {
+  try {
+    return use();
+  } catch (const Exception& exception) {
+    throw configurationFailure(exception, session);
+  }
+}
+
+}  // namespace Tessel::Tool
+
+#endif

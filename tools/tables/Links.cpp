@@ -1,0 +1,139 @@
+// A directed graph of numbered nodes.
+#include "tables/Links.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr std::uint32_t s_unseen = UINT32_MAX;
+
+// Tarjan's algorithm with a stack of its own: a chain may be as long as the table.
+class Tarjan {
+ public:
+  explicit Tarjan(const Links& graph)
+      : m_graph(graph), m_low(graph.size(), s_unseen), m_component(graph.size(), s_unseen) {}
+
+  std::vector<std::uint32_t> run() {
+    for (Links::Node node = 0; node < m_graph.size(); ++node) {
+      if (m_low[node] == s_unseen) walk(node);
+    }
+    return std::move(m_component);
+  }
+
+  [[nodiscard]] std::uint32_t count() const { return m_count; }
+
+ private:
+  struct Level {
+    Links::Node node;
+    std::uint32_t order;  // When it was met.
+    std::size_t next;     // The link to follow next.
+  };
+
+  void enter(Links::Node node) {
+    m_levels.push_back({node, m_order, 0});
+    m_low[node] = m_order++;
+    m_open.push_back(node);
+  }
+
+  void walk(Links::Node first) {
+    enter(first);
+    while (!m_levels.empty()) {
+      Level& level = m_levels.back();
+      const auto targets = m_graph.of(level.node);
+      if (level.next == targets.size()) {
+        leave();
+        continue;
+      }
+      const Links::Node target = targets[level.next++];
+      if (m_low[target] == s_unseen) {
+        enter(target);
+      } else if (m_component[target] == s_unseen) {
+        m_low[level.node] = std::min(m_low[level.node], m_low[target]);
+      }
+    }
+  }
+
+  void leave() {
+    const Level level = m_levels.back();
+    m_levels.pop_back();
+    if (m_low[level.node] == level.order) {
+      Links::Node node = s_unseen;
+      while (node != level.node) {
+        node = m_open.back();
+        m_open.pop_back();
+        m_component[node] = m_count;
+      }
+      ++m_count;
+    }
+    if (m_levels.empty()) return;
+    const Links::Node above = m_levels.back().node;
+    m_low[above] = std::min(m_low[above], m_low[level.node]);
+  }
+
+  const Links& m_graph;
+  std::vector<std::uint32_t> m_low;
+  std::vector<std::uint32_t> m_component;
+  std::vector<Level> m_levels;
+  std::vector<Links::Node> m_open;  // Met, and in no component yet.
+  std::uint32_t m_order = 0;
+  std::uint32_t m_count = 0;
+};
+
+}  // namespace
+
+Links::Links(std::size_t nodes, const std::vector<Link>& links)
+    : m_starts(nodes + 1), m_targets(links.size()) {
+  for (const Link& link : links) ++m_starts[link.from + 1];
+  for (std::size_t node = 0; node < nodes; ++node) m_starts[node + 1] += m_starts[node];
+  std::vector<std::size_t> next(m_starts.begin(), m_starts.end() - 1);
+  for (const Link& link : links) m_targets[next[link.from]++] = link.to;
+}
+
+Links Links::reversed() const {
+  std::vector<Link> links;
+  links.reserve(m_targets.size());
+  for (Node node = 0; node < size(); ++node) {
+    for (const Node target : of(node)) links.push_back({target, node});
+  }
+  return Links(size(), links);
+}
+
+Components componentsOf(const Links& graph) {
+  Tarjan tarjan(graph);
+  Components components;
+  components.of = tarjan.run();
+  std::vector<Link> nodes;
+  nodes.reserve(graph.size());
+  for (Links::Node node = 0; node < graph.size(); ++node) {
+    nodes.push_back({components.of[node], node});
+  }
+  components.nodes = Links(tarjan.count(), nodes);
+  return components;
+}
+
+std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
+                                      Links::Node node) {
+  // Breadth first, each node with the one it was met from.
+  std::unordered_map<Links::Node, Links::Node> from;
+  std::vector<Links::Node> queue{node};
+  for (std::size_t i = 0; i < queue.size(); ++i) {
+    for (const Links::Node target : graph.of(queue[i])) {
+      if (components.of[target] != components.of[node] || target == queue[i]) continue;
+      if (!from.emplace(target, queue[i]).second) continue;
+      queue.push_back(target);
+      if (target == node) break;
+    }
+    if (from.count(node) != 0) break;
+  }
+  std::vector<Links::Node> cycle{node};
+  do {
+    cycle.push_back(from.at(cycle.back()));
+  } while (cycle.back() != node);
+  std::reverse(cycle.begin(), cycle.end());
+  return cycle;
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,58 @@
+// A directed graph of numbered nodes in little memory, and its cycles.
+#ifndef TSL_TOOLS_TABLES_LINKS_H
+#define TSL_TOOLS_TABLES_LINKS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace Tessel::Tool {
+
+// One link.
+struct Link {
+  std::uint32_t from;
+  std::uint32_t to;
+};
+
+// Which nodes each node links to. An immutable value.
+class Links {
+ public:
+  using Node = std::uint32_t;
+
+  Links() : m_starts(1) {}
+  // The graph of `nodes` nodes with `links`, which are kept in their order for each node.
+  Links(std::size_t nodes, const std::vector<Link>& links);
+
+  // The same graph with each link turned round.
+  [[nodiscard]] Links reversed() const;
+  // Where the links of `node` lead. Valid as long as this object.
+  [[nodiscard]] std::span<const Node> of(Node node) const {
+    return {m_targets.data() + m_starts[node], m_starts[node + 1] - m_starts[node]};
+  }
+  [[nodiscard]] std::size_t size() const noexcept { return m_starts.size() - 1; }
+
+ private:
+  std::vector<std::size_t> m_starts;  // Of the links of each node in `m_targets`, and the end.
+  std::vector<Node> m_targets;
+};
+
+// The strongly connected components of a graph: the largest sets of nodes that all reach each
+// other. Components are numbered so that links between two lead from the higher number to the lower
+// one.
+struct Components {
+  std::vector<std::uint32_t> of;  // Component of each node.
+  Links nodes;                    // The nodes of each component, as links from its number.
+};
+
+// The components of `graph`, found without recursion, in time proportional to its size.
+Components componentsOf(const Links& graph);
+
+// A shortest way from `node` back to itself through nodes of its component, `node` at both ends.
+// Requires: its component has more than one node.
+std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
+                                      Links::Node node);
+
+}  // namespace Tessel::Tool
+
+#endif

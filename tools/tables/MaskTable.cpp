@@ -1,0 +1,228 @@
+// The rows of a mask table as the server has them.
+#include "tables/MaskTable.h"
+
+#include <algorithm>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "base/stringCompareNoCase.h"
+#include "database/Transaction.h"
+#include "tables/Retry.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr unsigned int s_duplicateEntry = 1062;
+// Keys of one delete statement.
+constexpr std::size_t s_keysPerStatement = 500;
+
+// Reads one text of a row in the way the library does, see `AddressMaskRow`.
+EmailAddress s_read(const std::string& text, const char* column, MaskRow& row) {
+  std::string why = "it is empty";
+  try {
+    EmailAddress address = EmailAddress::rfc5321Parse(text, false);
+    if (!address.isNull()) return address;
+  } catch (const Exception& exception) {
+    why = reasonOf(exception);
+    row.unreadable = true;
+  }
+  if (!row.fault.empty()) row.fault += "; ";
+  row.fault.append("bad ").append(column).append(" address: ").append(why);
+  return {};
+}
+
+MaskRow s_row(std::string_view privateText, std::string_view publicText) {
+  MaskRow row;
+  row.privateText = privateText;
+  row.publicText = publicText;
+  row.privateAddress = s_read(row.privateText, "private", row);
+  row.publicAddress = s_read(row.publicText, "public", row);
+  return row;
+}
+
+bool s_endsIn(std::string_view text, std::string_view end) {
+  return text.size() >= end.size() &&
+         stringCompareNoCase(text.substr(text.size() - end.size()), end, 0);
+}
+
+// `domain` as a pattern that matches nothing else.
+std::string s_pattern(const std::string& domain) {
+  std::string pattern = "%@";
+  for (const char c : domain) {
+    if (c == '%' || c == '_' || c == '\\') pattern += '\\';
+    pattern += c;
+  }
+  return pattern;
+}
+
+std::string s_shown(const std::vector<MaskRow>& rows) {
+  std::string text;
+  for (const MaskRow& row : rows) {
+    if (!text.empty()) text += ", ";
+    text.append("'").append(row.privateText).append(":").append(row.publicText).append("'");
+  }
+  return text;
+}
+
+Failure s_otherSpelling(const EmailAddress& address, const MaskRow& row, const std::string& table) {
+  return {ExitCode::BadData, "private address " + address.address(),
+          "the server takes it for that of the row " + s_shown({row}) + " of table " + table +
+              ", which is spelled differently (the same characters in another encoding, perhaps)",
+          "use the spelling of that row, or remove that row first"};
+}
+
+Failure s_taken(const EmailAddress& address, const MaskRow& row, const std::string& table) {
+  const bool same = row.publicAddress == address;
+  return {ExitCode::BadData, "public address " + address.address(),
+          "table " + table + " has it already in the row " + s_shown({row}) +
+              (same ? "" : ", where it is spelled differently"),
+          "take another public address, or remove that row first"};
+}
+
+}  // namespace
+
+MaskTable::MaskTable(std::string table)
+    : m_table(std::move(table)), m_connection(std::string(s_database)) {}
+
+std::vector<MaskRow> MaskTable::select(const std::string& condition) {
+  std::vector<MaskRow> rows;
+  selectPairs(m_connection, "select private, public from " + m_table + condition + ";",
+              [&rows](std::string_view privateText, std::string_view publicText) {
+                rows.push_back(s_row(privateText, publicText));
+              });
+  return rows;
+}
+
+std::vector<MaskRow> MaskTable::withPrivate(const EmailAddress& address) {
+  return select(" where private=" + literal(address.address()));
+}
+
+std::vector<MaskRow> MaskTable::withPublic(const EmailAddress& address) {
+  return select(" where public=" + literal(address.address()));
+}
+
+std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
+  std::vector<MaskRow> rows =
+      select(domain.empty() ? "" : " where private like " + literal(s_pattern(domain)));
+  // The collation may fold more than letter case.
+  const auto foreign = std::remove_if(rows.begin(), rows.end(), [&](const MaskRow& row) {
+    return !domain.empty() && !s_endsIn(row.privateText, "@" + domain);
+  });
+  rows.erase(foreign, rows.end());
+  std::stable_sort(rows.begin(), rows.end(), [](const MaskRow& a, const MaskRow& b) {
+    return a.privateAddress < b.privateAddress;
+  });
+  return rows;
+}
+
+bool MaskTable::set(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                    bool dryRun) {
+  return retryDeadlocks([&] { return setOnce(privateAddress, publicAddress, dryRun); });
+}
+
+bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                        bool dryRun) {
+  const std::string privateIs = " where private=" + literal(privateAddress.address());
+  const std::string publicText = literal(publicAddress.address());
+  Database::Transaction transaction(m_connection);
+  // Locked until the write, so that what was seen still holds then.
+  // Looking alone takes no more than the right to read.
+  const std::string lock = dryRun ? "" : " for update";
+  const std::vector<MaskRow> present = select(privateIs + lock);
+  for (const MaskRow& row : present) {
+    if (!(row.privateAddress == privateAddress))
+      throw s_otherSpelling(privateAddress, row, m_table);
+  }
+  for (const MaskRow& row : select(" where public=" + publicText + lock)) {
+    if (!(row.privateAddress == privateAddress)) throw s_taken(publicAddress, row, m_table);
+  }
+  if (dryRun) return !present.empty();
+  runStatement(m_connection,
+               present.empty()
+                   ? "insert into " + m_table + " ( private, public ) values( " +
+                         literal(privateAddress.address()) + "," + publicText + " );"
+                   : "update " + m_table + " set public=" + publicText + privateIs + ";");
+  transaction.commit();
+  return !present.empty();
+}
+
+std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
+                                      const EmailAddress& publicAddress) {
+  const std::string privateText = literal(privateAddress.address());
+  const std::string publicText = literal(publicAddress.address());
+  const std::string either = " where private=" + privateText + " or public=" + publicText;
+  try {
+    runStatement(m_connection, "insert into " + m_table + " ( private, public ) values( " +
+                                   privateText + "," + publicText +
+                                   " ) on duplicate key update public=values( public );");
+  } catch (const Exception& exception) {
+    if (!isDatabaseError(exception, s_duplicateEntry)) throw;
+    throw Failure(
+        ExitCode::BadData, "mask " + privateAddress.address(),
+        "table " + m_table + " has the two addresses in two rows: " + s_shown(select(either)),
+        "nothing was changed; remove the row that has the public address first");
+  }
+  return select(either);
+}
+
+bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                       bool dryRun) {
+  Database::Transaction transaction(m_connection);
+  const std::string condition = " where private=" + literal(privateAddress.address());
+  const std::vector<MaskRow> rows = select(condition + (dryRun ? "" : " for update"));
+  const bool present = std::any_of(rows.begin(), rows.end(), [&](const MaskRow& row) {
+    return row.privateAddress == privateAddress && row.publicAddress == publicAddress;
+  });
+  if (!present || dryRun) return present;
+  runStatement(m_connection, "delete from " + m_table + condition + ";");
+  transaction.commit();
+  return true;
+}
+
+std::size_t MaskTable::removeDomain(const std::string& domain) {
+  Database::Transaction transaction(m_connection);
+  const std::vector<MaskRow> doomed = rows(domain);
+  for (std::size_t first = 0; first < doomed.size(); first += s_keysPerStatement) {
+    std::string keys;
+    const std::size_t end = std::min(doomed.size(), first + s_keysPerStatement);
+    for (std::size_t i = first; i < end; ++i) {
+      keys += (keys.empty() ? "" : ",") + literal(doomed[i].privateText);
+    }
+    runStatement(m_connection, "delete from " + m_table + " where private in( " + keys + " );");
+  }
+  transaction.commit();
+  return doomed.size();
+}
+
+std::string maskTableName(const std::string& name) {
+  return name.empty() ? "mask" : "mask_" + name;
+}
+
+Failure brokenMask(const MaskRow& row, const std::string& table) {
+  return {ExitCode::BadData, "broken row " + s_shown({row}) + " of table " + table, row.fault,
+          "correct or delete the row with an SQL client, by its private text"};
+}
+
+void nameMaskFault(const Exception& exception, const Session& session) {
+  if (!isAddressFault(exception)) throw;
+  bool named = false;
+  // Opening a store reads the default tables too.
+  for (const std::string& table :
+       std::set<std::string>{maskTableName(session.tableName()), maskTableName("")}) {
+    for (const MaskRow& row : MaskTable(table).rows("")) {
+      if (row.unreadable) report(brokenMask(row, table));
+      named = named || row.unreadable;
+    }
+  }
+  throw Failure(ExitCode::BadData,
+                named ? "reading the mask table" : "reading table alias, which is read as well",
+                reasonOf(exception),
+                named ? "the table has a row that is no valid pair; 'tsl-address-map mask list'"
+                        " names every such row"
+                      : "'tsl-address-map alias list' names every row that is no valid alias");
+}
+
+}  // namespace Tessel::Tool

@@ -1,0 +1,84 @@
+// The rows of a mask table as the server has them, for what the library's answers leave open, and
+// the safe writes: they escape their texts and never change another row than the one they are for.
+#ifndef TSL_TOOLS_TABLES_MASKTABLE_H
+#define TSL_TOOLS_TABLES_MASKTABLE_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "base/Exception.h"
+#include "cli/Session.h"
+#include "database/Connection.h"
+#include "failure/Failure.h"
+
+namespace Tessel::Tool {
+
+// One row, read without throwing.
+struct MaskRow {
+  std::string privateText;  // As they stand in the table.
+  std::string publicText;
+  EmailAddress privateAddress;  // Null where the text is no e-mail address.
+  EmailAddress publicAddress;
+  bool unreadable = false;  // A text is neither empty nor an address: the library cannot read on.
+  std::string fault;        // What is wrong with the row; empty for a good one.
+
+  [[nodiscard]] bool isGood() const { return fault.empty(); }
+};
+
+// A mask table over a connection of its own. Failures of the database pass as Exception. One
+// thread.
+class MaskTable {
+ public:
+  // `table` is the SQL name, which must be known to be safe.
+  explicit MaskTable(std::string table);
+
+  // What the server finds for the private address, and for the public one: at most one row each,
+  // which may be that of an address it takes for equal.
+  std::vector<MaskRow> withPrivate(const EmailAddress& address);
+  std::vector<MaskRow> withPublic(const EmailAddress& address);
+
+  // All rows, or those whose private text ends in "@" and `domain` where it is not empty, compared
+  // without regard to ASCII letter case. `domain` must be as parseDomain() gives it. In the order
+  // of private addresses, rows without a readable one first.
+  std::vector<MaskRow> rows(const std::string& domain);
+
+  // Adds the pair, or changes the public address of the row of its private one. Throws Failure,
+  // `BadData`, when another row has the public address, or one that the server takes for equal.
+  // With `dryRun` nothing is written. True when there was a row of the private address.
+  bool set(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
+
+  // Adds the pair as the library does: a row that has either address gets the public one. Returns
+  // the rows that have either then. Throws Failure, `BadData`, when two rows have one each.
+  std::vector<MaskRow> force(const EmailAddress& privateAddress, const EmailAddress& publicAddress);
+
+  // Removes the row of exactly this pair. False when there is none. With `dryRun` nothing is
+  // written.
+  bool remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
+
+  // Removes what rows() returns for `domain`, which must not be empty. The number of rows.
+  std::size_t removeDomain(const std::string& domain);
+
+ private:
+  bool setOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
+  std::vector<MaskRow> select(const std::string& condition);
+
+  std::string m_table;
+  Database::Connection m_connection;
+};
+
+// The SQL name of the mask table for the store name `name`.
+std::string maskTableName(const std::string& name);
+
+// The failure that the broken row `row` of the SQL table `table` is.
+Failure brokenMask(const MaskRow& row, const std::string& table);
+
+// Turns `exception`, thrown while the library read the table, into a failure after naming the rows
+// that cannot be read, when it is those that it is about. Throws the failure, or again what is
+// being handled. Requires: called in the handler of `exception`.
+[[noreturn]] void nameMaskFault(const Exception& exception, const Session& session);
+
+}  // namespace Tessel::Tool
+
+#endif

@@ -1,0 +1,18 @@
+// Quick reading of the texts that nearly all rows hold.
+#ifndef TSL_TOOLS_TABLES_PLAINADDRESSES_H
+#define TSL_TOOLS_TABLES_PLAINADDRESSES_H
+
+#include <string_view>
+#include <vector>
+
+namespace Tessel::Tool {
+
+// Puts the addresses of `text`, a list of them joined by ",", into `addresses`, when each is of the
+// plainest form: a dot-string of ASCII, "@", and a domain name of ASCII. Such a text is what
+// `EmailAddress::address()` gives for it. False when one is not of that form, which the parsers of
+// EmailAddress may accept or refuse; `addresses` means nothing then. Views into `text`.
+bool splitPlain(std::string_view text, std::vector<std::string_view>& addresses);
+
+}  // namespace Tessel::Tool
+
+#endif
