@@ -11,6 +11,7 @@
 #include "cli/Command.h"
 #include "cli/Session.h"
 #include "failure/Failure.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

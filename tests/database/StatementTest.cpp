@@ -24,6 +24,7 @@ TEST(Statement, OnlyStatementsWhoseRepetitionChangesNothingAreRepeatable) {
       {"set statement max_statement_time=1 for insert into t values(1)", false},
       {"delete from t where name ='x';", true},
       {"delete from t where name like'%@limit'", true},
+      {"delete from t where a0limit=1", true},
       {"delete from t limit 5", false},
       {"delete from t where a=1 returning name", false},
       {"insert into t ( name, members ) values( 'a','b') on duplicate key update "

@@ -86,13 +86,23 @@ fails() {
 @test "check-layers finds an include that goes up" {
   printf '// Up.\n' >src/map/Up.h
   printf '#include "map/Up.h"\n' >platform/base/Thing.cpp
-  fails check-layers "platform/base/Thing.cpp includes src/map/Up.h, which stands above it"
+  fails check-layers "platform/base/Thing.cpp includes src/map/Up.h, which it must not know"
 }
 
 @test "check-layers finds a relative include that goes up" {
   printf '// Up.\n' >src/map/Up.h
   printf '#include "../map/Up.h"\n' >src/core/Sneaks.h
   fails check-layers "src/core/Sneaks.h includes"
+}
+
+@test "check-layers finds neighbours that must not know each other" {
+  mkdir -p tools/cli tools/serve tools/terminal tools/tables
+  printf '// Here.\n' | tee tools/serve/Serve.h tools/terminal/Terminal.h >tools/cli/Cli.h
+  printf '#include "serve/Serve.h"\n' >tools/cli/Cli.cpp
+  printf '#include "terminal/Terminal.h"\n' | tee tools/serve/Serve.cpp >tools/tables/Tables.cpp
+  fails check-layers "tools/cli/Cli.cpp includes tools/serve/Serve.h, which it must not know"
+  [[ $output == *"tools/serve/Serve.cpp includes tools/terminal/Terminal.h"* ]]
+  [[ $output == *"tools/tables/Tables.cpp includes tools/terminal/Terminal.h"* ]]
 }
 
 @test "check-layers finds a third-party header in a foreign folder" {

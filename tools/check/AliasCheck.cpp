@@ -8,6 +8,7 @@
 #include "base/stringCompareNoCase.h"
 #include "tables/AliasCycles.h"
 #include "tables/AliasGraph.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -205,9 +206,9 @@ class GraphCheck {
 
 std::uint64_t checkAliasTable(Database::Connection& connection, const std::string& table,
                               std::size_t widest, MailUsers& users, Findings& findings,
-                              Progress& progress) {
+                              const CountRows& count) {
   RowCheck rows(table, widest, users, findings);
-  const AliasGraph graph(connection, table, rows, progress);
+  const AliasGraph graph(connection, table, rows, count);
   GraphCheck(table, graph, users, findings).run();
   return graph.rows();
 }

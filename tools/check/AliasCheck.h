@@ -8,17 +8,17 @@
 #include "check/Findings.h"
 #include "database/Connection.h"
 #include "tables/MailUsers.h"
-#include "terminal/Progress.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 
 // Adds to `findings` what is wrong with the rows of the SQL table `table`: rows that the library
 // cannot use, members that nobody has, aliases that lead nowhere, and all-users markers without
 // effect. `widest` is the size of the column of the members in bytes. The number of rows,
-// which `progress` counts. Throws Exception when the database cannot answer.
+// which `count` is told of. Throws Exception when the database cannot answer.
 std::uint64_t checkAliasTable(Database::Connection& connection, const std::string& table,
                               std::size_t widest, MailUsers& users, Findings& findings,
-                              Progress& progress);
+                              const CountRows& count);
 
 }  // namespace Tessel::Tool
 

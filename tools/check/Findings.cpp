@@ -4,7 +4,9 @@
 #include <algorithm>
 
 #include "tables/AliasGraph.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
+#include "terminal/Say.h"
 #include "terminal/Terminal.h"
 
 namespace Tessel::Tool {

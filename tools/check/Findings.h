@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/Session.h"
 #include "failure/Failure.h"
 #include "terminal/Output.h"
 
@@ -33,8 +32,8 @@ struct Finding {
 // Writes findings as they are made. One thread.
 class Findings {
  public:
-  // `session` must outlive the object.
-  explicit Findings(Session& session) : m_list(session.output()) {}
+  // `output` must outlive the object.
+  explicit Findings(Output& output) : m_list(output) {}
 
   void add(const Finding& finding);
   // Ends the list and tells people how many there were.

@@ -10,6 +10,7 @@
 #include "base/Exception.h"
 #include "tables/AddressIndex.h"
 #include "tables/AliasGraph.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -20,14 +21,14 @@ class MaskCheck {
  public:
   MaskCheck(const std::string& table, Findings& findings) : m_table(table), m_findings(findings) {}
 
-  std::uint64_t run(Database::Connection& connection, Progress& progress) {
+  std::uint64_t run(Database::Connection& connection, const CountRows& count) {
     const std::string statement = "select private, public from " + quotedName(m_table) + ";";
     selectPairs(
         connection, statement,
         [this](std::string_view privateText, std::string_view publicText) {
           read(privateText, publicText);
         },
-        &progress);
+        count);
     for (const Pair& pair : m_pairs) checkPair(pair);
     checkWildcards();
     return m_rows;
@@ -145,8 +146,8 @@ class MaskCheck {
 }  // namespace
 
 std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
-                             Findings& findings, Progress& progress) {
-  return MaskCheck(table, findings).run(connection, progress);
+                             Findings& findings, const CountRows& count) {
+  return MaskCheck(table, findings).run(connection, count);
 }
 
 }  // namespace Tessel::Tool

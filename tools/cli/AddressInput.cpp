@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "cli/Session.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

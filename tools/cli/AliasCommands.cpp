@@ -11,6 +11,8 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "tables/AliasTable.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

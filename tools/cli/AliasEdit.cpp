@@ -6,6 +6,8 @@
 #include "base/stringCompareNoCase.h"
 #include "cli/AliasReport.h"
 #include "tables/AliasCycles.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

@@ -10,8 +10,10 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "tables/AliasTable.h"
+#include "tables/TableNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Progress.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

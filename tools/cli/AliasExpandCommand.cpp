@@ -14,6 +14,8 @@
 #include "cli/Command.h"
 #include "tables/AliasTable.h"
 #include "tables/Configuration.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -84,9 +86,9 @@ class Expander {
   void checkMarker(const EmailAddress& address, const Addresses& found) const {
     const std::string marker = "allusers_" + address.domain();
     if (found.size() != 1 || !stringCompareNoCase(found.begin()->address(), marker, 0)) return;
-    if (findDomain(m_session, address.domain()).isNull()) {
+    if (findDomain(address.domain()).isNull()) {
       say("warning: '" + marker + "' is not replaced: the configuration in " +
-          m_session.cmfFolder() + " has no domain " + address.domain());
+          configurationDirectory() + " has no domain " + address.domain());
       return;
     }
     throw Failure(ExitCode::Unavailable, "expanding " + address.address(),

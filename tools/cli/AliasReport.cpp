@@ -1,16 +1,9 @@
 // What the alias commands say in common.
 #include "cli/AliasReport.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
-
-std::string joined(const std::set<EmailAddress>& addresses) {
-  std::string text;
-  for (const EmailAddress& address : addresses) {
-    if (!text.empty()) text += ",";
-    text += address.address();
-  }
-  return text;
-}
 
 Json jsonOf(const std::set<EmailAddress>& addresses) {
   Json list = Json::array();

@@ -14,9 +14,6 @@
 
 namespace Tessel::Tool {
 
-// The addresses joined by ",".
-std::string joined(const std::set<EmailAddress>& addresses);
-
 // The addresses as a list of texts.
 Json jsonOf(const std::set<EmailAddress>& addresses);
 

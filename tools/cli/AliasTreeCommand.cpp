@@ -11,6 +11,8 @@
 #include "tables/AliasGraph.h"
 #include "tables/AliasTree.h"
 #include "tables/MailUsers.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 #include "terminal/Terminal.h"
 
 namespace Tessel::Tool {
@@ -53,7 +55,7 @@ std::string s_quoted(const std::string& text) {
 class Explanation {
  public:
   Explanation(const Session& session, AliasTree& tree)
-      : m_session(session), m_tree(tree), m_users(session), m_finals(tree.finals()) {
+      : m_session(session), m_tree(tree), m_users(), m_finals(tree.finals()) {
     for (const AliasTree::Node& node : tree.nodes()) m_depth = std::max(m_depth, node.depth);
     if (m_tree.isAllUsers()) replaceMarker();
     for (const AliasTree::Node& node : tree.nodes()) {

@@ -13,7 +13,9 @@
 #include "tables/AliasCycles.h"
 #include "tables/AliasGraph.h"
 #include "tables/MailUsers.h"
+#include "tables/TableNames.h"
 #include "terminal/Progress.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -284,7 +286,7 @@ ExitCode s_who(Session& session, const Arguments& arguments) {
   Progress progress;
   progress.endBesidePager();
   progress.begin("reading", "rows");
-  const AliasGraph graph(connection, table, holders, progress);
+  const AliasGraph graph(connection, table, holders, progress.counter());
   progress.begin("looking for ways", "aliases");
   const AliasGraph::Id self = graph.names().find(address.address());
   const Ways ways(graph, holders.holders(), self);
@@ -292,7 +294,7 @@ ExitCode s_who(Session& session, const Arguments& arguments) {
   Report report(session, graph, arguments.allPaths);
   for (const AliasGraph::Id alias : ways.aliases()) report.add(ways, alias, {address.address()});
   if (graph.markers().size() != 0) {
-    MailUsers users(session);
+    MailUsers users;
     const bool isMailbox = users.kindOf(address.address()) == MailUsers::Kind::Mailbox;
     if (isMailbox) s_addAllUsers(graph, address, ways, report);
     if (users.failure()) {

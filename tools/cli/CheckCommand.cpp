@@ -14,6 +14,7 @@
 #include "tables/MailUsers.h"
 #include "tables/MaskTable.h"
 #include "tables/Schema.h"
+#include "tables/TableNames.h"
 #include "terminal/Progress.h"
 
 namespace Tessel::Tool {
@@ -58,7 +59,7 @@ std::size_t s_widest(Database::Connection& connection, const std::string& table)
 class Check {
  public:
   explicit Check(Session& session)
-      : m_session(session), m_connection(""), m_users(session), m_findings(session) {}
+      : m_session(session), m_connection(""), m_users(), m_findings(session.output()) {}
 
   ExitCode run() {
     const Schema schema = lookAtSchema(m_connection);
@@ -119,9 +120,9 @@ class Check {
     m_progress.begin("checking " + table, "rows");
     if (!checkSchema(table, kind == Kind::Mask)) return;
     const std::uint64_t rows =
-        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings, m_progress)
+        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings, m_progress.counter())
                            : checkAliasTable(m_connection, table, s_widest(m_connection, table),
-                                             m_users, m_findings, m_progress);
+                                             m_users, m_findings, m_progress.counter());
     m_session.detail("table " + table + ": " + std::to_string(rows) + " rows");
   }
 

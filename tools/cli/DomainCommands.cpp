@@ -7,6 +7,7 @@
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
 #include "tables/Configuration.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -18,9 +19,9 @@ struct Arguments {
 };
 
 // True when the configuration has `domain`. A configuration that is missing has none.
-bool s_isThere(const Session& session, const std::string& domain) {
+bool s_isThere(const std::string& domain) {
   try {
-    return !findDomain(session, domain).isNull();
+    return !findDomain(domain).isNull();
   } catch (const Failure& failure) {
     if (failure.code() != ExitCode::Configuration) throw;
     return false;
@@ -29,10 +30,10 @@ bool s_isThere(const Session& session, const std::string& domain) {
 
 // What adding `domain` would answer; the identifier of a new one is not known before.
 ExitCode s_showAdd(Session& session, const std::string& domain) {
-  const bool present = s_isThere(session, domain);
+  const bool present = s_isThere(domain);
   if (present) say("domain " + domain + " is there already");
   Json document{{"domain", domain}};
-  document["id"] = present ? Json(findDomain(session, domain)->domainId()) : Json();
+  document["id"] = present ? Json(findDomain(domain)->domainId()) : Json();
   document["added"] = !present;
   answerChange(session, document, present ? "" : "+ " + domain, true);
   return ExitCode::Done;
@@ -41,7 +42,7 @@ ExitCode s_showAdd(Session& session, const std::string& domain) {
 ExitCode s_add(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   if (arguments.dryRun) return s_showAdd(session, domain);
-  const CMF::Writer::Domain result = withConfiguration(session, [&] {
+  const CMF::Writer::Domain result = withConfiguration([&] {
     CMF::Writer writer;
     const CMF::Writer::Domain added = writer.addDomain(domain);
     writer.commit();
@@ -59,24 +60,24 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   // Looked for first: a writer would make a configuration where there is none.
-  bool removed = !findDomain(session, domain).isNull();
+  bool removed = !findDomain(domain).isNull();
   if (removed && !arguments.dryRun) {
-    removed = withConfiguration(session, [&] {
+    removed = withConfiguration([&] {
       CMF::Writer writer;
       const bool present = writer.removeDomain(domain);
       writer.commit();
       return present;
     });
   }
-  if (!removed) say("no domain " + domain + " in the configuration in " + session.cmfFolder());
+  if (!removed) say("no domain " + domain + " in the configuration in " + configurationDirectory());
   answerChange(session, Json{{"domain", domain}, {"removed", removed}},
                removed ? "- " + domain : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
 ExitCode s_list(Session& session) {
-  const auto domains = withConfiguration(
-      session, [] { return CMF::RefApsGwServerCache::instance(false)->domains(); });
+  const auto domains =
+      withConfiguration([] { return CMF::RefApsGwServerCache::instance(false)->domains(); });
   ItemList list(session.output());
   for (const CMF::ApsGwServerRecord& record : domains) {
     const std::string domain = printable(record.domain);

@@ -12,8 +12,10 @@
 #include "database/Transaction.h"
 #include "files/ExportFile.h"
 #include "files/FileSyntax.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Progress.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -194,7 +196,7 @@ FileSyntax s_syntax(const Arguments& arguments, const TableFormat& format) {
 ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
   const FileSyntax syntax = s_syntax(arguments, format);
   session.tellTarget();
-  const std::string table = format.table(session.tableName());
+  const std::string table = sqlTableName(format.kind, session.tableName());
   TableReader reader(format, syntax, table);
   if (arguments.path.empty() || arguments.path == "-") {
     s_exportToOutput(session, reader, syntax.header(), table);
@@ -208,7 +210,7 @@ ExitCode s_export(Session& session, const Arguments& arguments, const TableForma
 
 void addExportCommand(Command& group, const TableFormat& format) {
   const auto arguments = std::make_shared<Arguments>();
-  const std::string words = std::string(format.group) + " export";
+  const std::string words = textOf(format.kind) + " export";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command command = group.command(
       "export", "Write all rows of the table to a file, or to standard output",

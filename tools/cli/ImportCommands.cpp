@@ -5,6 +5,7 @@
 #include "cli/Command.h"
 #include "files/TableFile.h"
 #include "files/TableImport.h"
+#include "tables/TableNames.h"
 #include "terminal/Progress.h"
 
 namespace Tessel::Tool {
@@ -88,7 +89,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
                   "nothing was written; add --force if the table is to be emptied");
   }
   session.tellTarget();
-  const std::string table = format.table(session.tableName());
+  const std::string table = sqlTableName(format.kind, session.tableName());
   TableImport change(format, table, file,
                      arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);
   if (!format.hasPublic && !arguments.allowCycle) change.refuseCycles();
@@ -103,7 +104,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
 
 void addImportCommand(Command& group, const TableFormat& format) {
   const auto arguments = std::make_shared<Arguments>();
-  const std::string words = std::string(format.group) + " import";
+  const std::string words = textOf(format.kind) + " import";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command import = group.command(
       "import", "Bring the lines of a file into the table, all or none",

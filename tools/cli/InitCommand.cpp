@@ -9,6 +9,8 @@
 #include "cli/DryRun.h"
 #include "database/Connection.h"
 #include "tables/Schema.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

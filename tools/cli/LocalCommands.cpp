@@ -9,6 +9,8 @@
 #include "cli/Command.h"
 #include "cli/LocalFailure.h"
 #include "local/LocalServer.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

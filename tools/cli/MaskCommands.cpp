@@ -7,7 +7,10 @@
 
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/MaskReport.h"
 #include "tables/MaskTable.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

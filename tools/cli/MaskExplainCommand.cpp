@@ -10,7 +10,9 @@
 #include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
 #include "cli/Command.h"
+#include "cli/MaskReport.h"
 #include "tables/MaskTable.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {

@@ -8,7 +8,10 @@
 #include "AddressMapDb.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
+#include "cli/MaskReport.h"
 #include "tables/MaskTable.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

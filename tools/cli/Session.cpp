@@ -21,16 +21,16 @@
 #include "failure/Failure.h"
 #include "local/LocalServer.h"
 #include "tables/AliasTable.h"
-#include "tables/OurTables.h"
+#include "tables/Configuration.h"
 #include "tables/Schema.h"
+#include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
 namespace {
 
 constexpr char s_optionFileVariable[] = "TSL_DATABASE_OPTION_FILE";
-constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
-constexpr char s_defaultCmf[] = "/var/lib/tsl/cmf";
 
 void s_setEnvironment(const char* name, const std::string& value) {
   if (setenv(name, value.c_str(), 1) == 0) return;  // NOLINT(concurrency-mt-unsafe): one thread yet
@@ -136,11 +136,6 @@ void Session::startLocal() {
 std::string Session::localFolder() const {
   const std::string folder = m_settings.local.value_or("");
   return folder.empty() ? defaultLocalFolder() : folder;
-}
-
-std::string Session::cmfFolder() const {
-  const char* folder = std::getenv(s_cmfVariable);  // NOLINT(concurrency-mt-unsafe): one thread
-  return folder != nullptr && *folder != '\0' ? folder : s_defaultCmf;
 }
 
 void Session::detail(const std::string& text) const {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "address/EmailAddress.h"
-#include "tables/OurDatabase.h"
+#include "tables/TableNames.h"
 #include "terminal/Output.h"
 
 namespace Tessel::Tool {
@@ -46,8 +46,6 @@ class Session {
   [[nodiscard]] std::string localFolder() const;
   // Store name that --table gives; empty for the default table.
   [[nodiscard]] std::string tableName() const { return m_settings.table.value_or(""); }
-  // The configuration folder that applies.
-  [[nodiscard]] std::string cmfFolder() const;
 
   // Tells on standard error, with --verbose only.
   void detail(const std::string& text) const;

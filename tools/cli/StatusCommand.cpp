@@ -9,8 +9,10 @@
 #include "cmf/ApsGwServerCache.h"
 #include "database/Connection.h"
 #include "tables/Configuration.h"
-#include "tables/OurTables.h"
 #include "tables/Schema.h"
+#include "tables/TableNames.h"
+#include "tables/TextRows.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -47,10 +49,10 @@ void s_askDatabase(Status& status) {
   }
 }
 
-void s_askConfiguration(const Session& session, Status& status) {
+void s_askConfiguration(Status& status) {
   try {
     status.domains = withConfiguration(
-        session, [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
+        [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
   } catch (const Failure& failure) {
     // Installations without all-users aliases have no configuration; that is a state, no failure.
     status.hasConfiguration = failure.code() != ExitCode::Configuration;
@@ -58,7 +60,7 @@ void s_askConfiguration(const Session& session, Status& status) {
   }
 }
 
-Json s_jsonOf(const Status& status, const Session& session) {
+Json s_jsonOf(const Status& status) {
   Json tables = Json::array();
   for (const TableCount& count : status.tables) {
     tables.push_back(Json{{"table", printable(count.table)}, {"rows", count.rows}});
@@ -70,7 +72,7 @@ Json s_jsonOf(const Status& status, const Session& session) {
   document["present"] = status.schema ? Json(status.schema->present) : Json();
   document["schema"] = status.schema ? Json(printable(summaryOf(*status.schema))) : Json();
   document["tables"] = tables;
-  document["cmf"] = printable(session.cmfFolder());
+  document["cmf"] = printable(configurationDirectory());
   document["domains"] = status.domains ? Json(*status.domains) : Json();
   return document;
 }
@@ -85,7 +87,7 @@ void s_writeLines(const Status& status, Session& session) {
   for (const TableCount& count : status.tables) {
     output.line("table: " + printable(count.table) + ", rows: " + std::to_string(count.rows));
   }
-  output.line("configuration: " + printable(session.cmfFolder()));
+  output.line("configuration: " + printable(configurationDirectory()));
   output.line("domains: " + (status.domains            ? std::to_string(*status.domains)
                              : status.hasConfiguration ? unknown
                                                        : "none, no configuration there"));
@@ -94,9 +96,9 @@ void s_writeLines(const Status& status, Session& session) {
 ExitCode s_status(Session& session) {
   Status status;
   s_askDatabase(status);
-  s_askConfiguration(session, status);
+  s_askConfiguration(status);
   if (session.isJson()) {
-    session.output().document(s_jsonOf(status, session));
+    session.output().document(s_jsonOf(status));
   } else {
     s_writeLines(status, session);
   }

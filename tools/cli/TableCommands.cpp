@@ -10,10 +10,11 @@
 #include "database/QueryTableNames.h"
 #include "map/AddressMapMySQL.h"
 #include "tables/AliasGraph.h"
-#include "tables/OurTables.h"
 #include "tables/Schema.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Confirm.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -34,15 +35,18 @@ void s_requireName(const std::string& name) {
 }
 
 // The kinds of table that --kind asks for.
-std::vector<std::string> s_kinds(const std::string& kind) {
-  if (kind.empty()) return {s_alias, s_mask};
-  if (kind == s_alias || kind == s_mask) return {kind};
+std::vector<TableKind> s_kinds(const std::string& kind) {
+  const std::vector<TableKind> all = {TableKind::Alias, TableKind::Mask};
+  if (kind.empty()) return all;
+  for (const TableKind known : all) {
+    if (kind == textOf(known)) return {known};
+  }
   throw Failure(ExitCode::Usage, "--kind " + kind, "there is no such kind of table",
                 "use alias or mask, or leave it out for both");
 }
 
-void s_create(Database::Connection& connection, const std::string& kind, const std::string& table) {
-  if (kind == s_mask) {
+void s_create(Database::Connection& connection, TableKind kind, const std::string& table) {
+  if (kind == TableKind::Mask) {
     createMaskTable(connection, table);
   } else {
     createAliasTable(connection, table);
@@ -51,14 +55,14 @@ void s_create(Database::Connection& connection, const std::string& kind, const s
 
 ExitCode s_runCreate(Session& session, const Arguments& arguments) {
   s_requireName(arguments.name);
-  const std::vector<std::string> kinds = s_kinds(arguments.kind);
+  const std::vector<TableKind> kinds = s_kinds(arguments.kind);
   session.tellTarget();
   Database::Connection connection{std::string(s_database)};
   const PreparationLock lock(connection);
   const auto present = Database::QueryTableNames(connection).names();
   Json created = Json::array();
-  for (const std::string& kind : kinds) {
-    const std::string table = kind + "_" + arguments.name;
+  for (const TableKind kind : kinds) {
+    const std::string table = sqlTableName(kind, arguments.name);
     if (present.count(table) != 0) {
       say("table " + table + " is there already");
       continue;
@@ -82,10 +86,10 @@ struct Doomed {
 std::vector<Doomed> s_find(Database::Connection& connection, const Arguments& arguments) {
   const auto present = Database::QueryTableNames(connection).names();
   std::vector<Doomed> doomed;
-  for (const std::string& kind : s_kinds(arguments.kind)) {
-    const std::string table = kind + "_" + arguments.name;
+  for (const TableKind kind : s_kinds(arguments.kind)) {
+    const std::string table = sqlTableName(kind, arguments.name);
     if (present.count(table) == 0) continue;
-    const Schema schema = lookAtTable(connection, table, kind == s_mask);
+    const Schema schema = lookAtTable(connection, table, kind == TableKind::Mask);
     if (!schema.unfitting.empty()) {
       throw Failure(ExitCode::BadData, "table " + table, schema.unfitting.front(),
                     "nothing was dropped: it is no table of this library; drop it with an SQL"
@@ -141,9 +145,9 @@ ExitCode s_runList(Session& session) {
     if (!ours || (!ours->name.empty() && !isTableName(ours->name))) continue;
     const std::uint64_t rows = countRows(connection, table);
     const std::string name = ours->name.empty() ? "-" : ours->name;
-    list.add(name + "\t" + ours->group + "\t" + std::to_string(rows), [&] {
+    list.add(name + "\t" + textOf(ours->kind) + "\t" + std::to_string(rows), [&] {
       return Json{{"name", ours->name.empty() ? Json() : Json(ours->name)},
-                  {"kind", ours->group},
+                  {"kind", textOf(ours->kind)},
                   {"table", table},
                   {"rows", rows}};
     });

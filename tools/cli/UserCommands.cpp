@@ -9,6 +9,7 @@
 #include "cmf/Writer.h"
 #include "tables/Configuration.h"
 #include "tables/UserNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -22,17 +23,16 @@ struct Arguments {
 };
 
 // True when `server`, the record of `domain`, holds nothing; tells so.
-bool s_isMissing(const Session& session, const CMF::RefApsGwServer& server,
-                 const std::string& domain) {
+bool s_isMissing(const CMF::RefApsGwServer& server, const std::string& domain) {
   if (!server.isNull()) return false;
-  say("no domain " + domain + " in the configuration in " + session.cmfFolder() +
+  say("no domain " + domain + " in the configuration in " + configurationDirectory() +
       "; add it with 'tsl-address-map domain add'");
   return true;
 }
 
 // The same for a domain that is only asked for.
-bool s_isMissing(const Session& session, const std::string& domain) {
-  return s_isMissing(session, findDomain(session, domain), domain);
+bool s_isMissing(const std::string& domain) {
+  return s_isMissing(findDomain(domain), domain);
 }
 
 ExitCode s_add(Session& session, const Arguments& arguments) {
@@ -43,8 +43,8 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
     throw Failure(ExitCode::BadData, "mail user " + address.address(), fault,
                   "use a name of letters, digits, dots and other characters that need no quotes");
   }
-  if (s_isMissing(session, address.domain())) return ExitCode::NotFound;
-  const CMF::Writer::UserResult result = withConfiguration(session, [&] {
+  if (s_isMissing(address.domain())) return ExitCode::NotFound;
+  const CMF::Writer::UserResult result = withConfiguration([&] {
     CMF::Writer writer;
     const auto done = writer.addUser(address.domain(), address.local(), kind);
     // What is not committed has never been.
@@ -64,8 +64,8 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
   bool removed = false;
-  if (!s_isMissing(session, address.domain())) {
-    removed = withConfiguration(session, [&] {
+  if (!s_isMissing(address.domain())) {
+    removed = withConfiguration([&] {
       CMF::Writer writer;
       const bool present = writer.removeUser(address.domain(), address.local());
       if (!arguments.dryRun) writer.commit();
@@ -80,7 +80,7 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
 
 void s_writeUsers(Session& session, const std::string& domain, std::uint32_t domainId) {
   ItemList list(session.output());
-  withConfiguration(session, [&] {
+  withConfiguration([&] {
     const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(domainId);
     for (const __aps_mail_user& user : users) {
       const std::string address = printable(user.user_name).append("@").append(domain);
@@ -95,8 +95,8 @@ void s_writeUsers(Session& session, const std::string& domain, std::uint32_t dom
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
-  const CMF::RefApsGwServer server = findDomain(session, domain);
-  if (s_isMissing(session, server, domain)) {
+  const CMF::RefApsGwServer server = findDomain(domain);
+  if (s_isMissing(server, domain)) {
     if (session.isJson()) session.output().document(Json::array());
     return ExitCode::NotFound;
   }

@@ -18,6 +18,7 @@
 #include "tables/Configuration.h"
 #include "tables/UserNames.h"
 #include "terminal/Progress.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -162,7 +163,7 @@ class Reader {
   std::vector<EmailAddress>* usersOf(const std::string& domain) {
     const auto known = m_known.find(domain);
     if (known != m_known.end()) return known->second;
-    const CMF::RefApsGwServer server = findDomain(m_session, domain);
+    const CMF::RefApsGwServer server = findDomain(domain);
     // Spellings of one domain share their users.
     std::vector<EmailAddress>* const users =
         server.isNull() ? nullptr : &m_file.users[server->domain()];
@@ -181,13 +182,12 @@ class Reader {
   std::string m_lastDomain;
 };
 
-Counts s_write(const Session& session, const Users& users, CMF::MailUserKind kind, bool dryRun,
-               Progress& progress) {
+Counts s_write(const Users& users, CMF::MailUserKind kind, bool dryRun, Progress& progress) {
   std::size_t all = 0;
   for (const auto& [domain, addresses] : users) all += addresses.size();
   progress.begin("writing", "users", all);
   Counts counts;
-  withConfiguration(session, [&] {
+  withConfiguration([&] {
     CMF::Writer writer;
     for (const auto& [domain, addresses] : users) {
       for (const EmailAddress& address : addresses) {
@@ -209,9 +209,8 @@ ExitCode s_import(Session& session, const Arguments& arguments) {
     say("left out " + std::to_string(file.system) +
         " system accounts, whose numbers are below 1000 or 65534; --all takes them too");
   }
-  const Counts counts = file.users.empty()
-                            ? Counts()
-                            : s_write(session, file.users, kind, arguments.dryRun, progress);
+  const Counts counts =
+      file.users.empty() ? Counts() : s_write(file.users, kind, arguments.dryRun, progress);
   progress.end();
   answerChange(session,
                Json{{"kind", userKindText(kind)},

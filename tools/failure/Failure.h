@@ -24,7 +24,7 @@ enum class ExitCode : int {
 };
 
 // A failure with its exit code: `subject` says what failed, `why` the reason, `hint` what to do
-// next (may be empty). What it quotes may hold any bytes; `report` makes them safe to show.
+// next (may be empty). What it quotes may hold any bytes: show it with `printable`.
 class Failure : public std::runtime_error {
  public:
   Failure(ExitCode code, std::string subject, std::string why, std::string hint);
@@ -59,15 +59,6 @@ std::string reasonOf(const Exception& exception);
 // The failure that `exception`, thrown while doing `subject`, is: by its type and the chain of its
 // causes. What is not known counts as `Unavailable`.
 Failure failureOf(const std::exception& exception, const std::string& subject);
-
-// Writes one line "tsl-address-map: `text`" to standard error.
-void say(std::string_view text);
-
-// The same for a text that is fit to be shown as it is, and may have colours.
-void sayShown(const std::string& text);
-
-// Writes the failure and its hint to standard error.
-void report(const Failure& failure);
 
 }  // namespace Tessel::Tool
 

@@ -10,8 +10,8 @@
 #include <nlohmann/json.hpp>
 
 #include "base/Exception.h"
-#include "cli/AliasReport.h"
 #include "failure/Failure.h"
+#include "tables/AliasTable.h"
 
 namespace Tessel::Tool {
 
@@ -161,7 +161,7 @@ FileSyntax FileSyntax::named(const std::string& name, const TableFormat& table,
     if (name == known && s_has(table, format)) return {format, table, domain};
   }
   throw Failure(ExitCode::Usage, "--format " + name,
-                std::string("there is no such format of ") + table.group + " tables",
+                std::string("there is no such format of ") + textOf(table.kind) + " tables",
                 "use " + formatNames(table));
 }
 
@@ -221,12 +221,13 @@ std::string FileSyntax::write(const TableEntry& entry, std::string& line) const 
 }
 
 std::string FileSyntax::writeJson(const TableEntry& entry, std::string& line) const {
-  Json object;
+  nlohmann::ordered_json object;
   if (m_table.hasPublic) {
     object = {{"private", entry.key.address()}, {"public", entry.value}};
   } else {
     object["address"] = entry.key.address();
-    object["members"] = jsonOf(s_membersOf(entry));
+    auto& members = object["members"];
+    for (const EmailAddress& member : s_membersOf(entry)) members.push_back(member.address());
   }
   line = object.dump();
   return "";

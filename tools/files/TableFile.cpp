@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "failure/Failure.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "base/Exception.h"
-#include "cli/Session.h"
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
 #include "tables/AliasCycles.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -124,7 +124,7 @@ void TableImport::compare(bool toWrite, Progress& progress) {
   selectPairs(
       m_connection, statement,
       [&](std::string_view key, std::string_view value) { meet(key, value, matches, faults); },
-      &progress);
+      progress.counter());
   faults.refuse("it would give a public address to two private ones");
   sortOut(matches);
   if (m_cycles == nullptr) return;

@@ -13,8 +13,7 @@
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/MailUserLookup.h"
 #include "serve/AddressKey.h"
-#include "tables/AliasTable.h"
-#include "tables/MaskTable.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Serve {
 
@@ -151,8 +150,8 @@ Lookup::Road* Lookup::roadOf(std::string_view name) {
     if (hasTable) {
       const std::string table(separator == std::string_view::npos ? ""
                                                                   : name.substr(separator + 1));
-      road->table = m_tables.find(candidate.map == Map::Alias ? Tool::aliasTableName(table)
-                                                              : Tool::maskTableName(table));
+      const TableKind kind = candidate.map == Map::Alias ? TableKind::Alias : TableKind::Mask;
+      road->table = m_tables.find(Tool::sqlTableName(kind, table));
       if (road->table == nullptr) return nullptr;
     }
     return m_roads.emplace(std::string(name), std::move(road)).first->second.get();

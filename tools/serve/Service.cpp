@@ -30,8 +30,7 @@
 #include "serve/Table.h"
 #include "serve/TableWatch.h"
 #include "serve/Worker.h"
-#include "tables/AliasTable.h"
-#include "tables/MaskTable.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Serve {
 

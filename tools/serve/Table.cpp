@@ -1,12 +1,10 @@
 // A table that is served.
 #include "serve/Table.h"
+#include "tables/TableNames.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
-
-#include "tables/AliasTable.h"
-#include "tables/MaskTable.h"
 
 namespace Tessel::Serve {
 
@@ -39,7 +37,7 @@ TableImage::TableImage(TableKind kind, const RowSource& source) {
 
 Table::Table(TableKind kind, const std::string& name, const Settings& settings)
     : m_kind(kind),
-      m_sqlName(kind == TableKind::Alias ? Tool::aliasTableName(name) : Tool::maskTableName(name)),
+      m_sqlName(Tool::sqlTableName(kind, name)),
       m_pages(settings.page, settings.maxReply - std::string_view("OK ").size(),
               s_reserve(settings)),
       m_confirmed(s_never) {}
@@ -74,23 +72,17 @@ TablePointer Tables::find(std::string_view sqlName) const {
 }
 
 TablePointer Tables::add(const std::string& sqlName) {
-  for (const TableKind kind : {TableKind::Alias, TableKind::Mask}) {
-    const std::string base =
-        kind == TableKind::Alias ? Tool::aliasTableName("") : Tool::maskTableName("");
-    if (sqlName != base && !sqlName.starts_with(base + "_")) continue;
-    if (sqlName == base + "_") return nullptr;
-    const std::string name = sqlName == base ? "" : sqlName.substr(base.size() + 1);
-    const std::vector<std::string>& wanted = m_settings.tables;
-    const bool isWanted = name.empty() || wanted.empty() ||
-                          std::find(wanted.begin(), wanted.end(), name) != wanted.end();
-    if (!isWanted || !s_isServable(name)) return nullptr;
-    return m_tables.with([&](auto& tables) {
-      TablePointer& table = tables[sqlName];
-      if (table == nullptr) table = std::make_shared<Table>(kind, name, m_settings);
-      return table;
-    });
-  }
-  return nullptr;
+  const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
+  if (!table || !s_isServable(table->name)) return nullptr;
+  const std::vector<std::string>& wanted = m_settings.tables;
+  const bool isWanted = table->name.empty() || wanted.empty() ||
+                        std::find(wanted.begin(), wanted.end(), table->name) != wanted.end();
+  if (!isWanted) return nullptr;
+  return m_tables.with([&](auto& tables) {
+    TablePointer& known = tables[sqlName];
+    if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name, m_settings);
+    return known;
+  });
 }
 
 std::vector<TablePointer> Tables::all() const {

@@ -16,10 +16,11 @@
 #include "serve/MaskImage.h"
 #include "serve/Pages.h"
 #include "serve/Settings.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Serve {
 
-enum class TableKind { Alias, Mask };
+using Tool::TableKind;
 
 // The image of a table of either kind. Any thread.
 class TableImage {

@@ -11,7 +11,7 @@
 #include "database/Connection.h"
 #include "failure/Failure.h"
 #include "tables/AliasGraph.h"
-#include "tables/OurDatabase.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Serve {

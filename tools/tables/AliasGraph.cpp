@@ -11,6 +11,7 @@
 #include "database/db_result.h"
 #include "failure/Failure.h"
 #include "tables/PlainAddresses.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
@@ -34,13 +35,13 @@ void AliasVisitor::member(AddressIndex::Id /*alias*/, std::string_view /*member*
 // aliases. The others, mostly the greater part, then need not be kept.
 class AliasGraph::Parser : public Database::AllRowParser {
  public:
-  Parser(AliasGraph& graph, AliasVisitor& visitor, Progress& progress)
-      : m_graph(graph), m_visitor(visitor), m_progress(progress) {}
+  Parser(AliasGraph& graph, AliasVisitor& visitor, const CountRows& count)
+      : m_graph(graph), m_visitor(visitor), m_count(count) {}
 
   void parse(void* connection, void* result) override {
     const std::int64_t count = db_result_row_num(result);
     m_graph.m_rows = static_cast<std::uint64_t>(count);
-    m_progress.setTotal(m_graph.m_rows);
+    m_count(0, m_graph.m_rows);
     m_ids.reserve(static_cast<std::size_t>(count));
     const auto text = [&](void* row, unsigned int column) {
       return std::string_view(db_result_get_value(connection, result, row, column),
@@ -49,14 +50,14 @@ class AliasGraph::Parser : public Database::AllRowParser {
     for (std::int64_t i = 0; i < count; ++i) {
       void* const row = db_result_fetch_row(result, i);
       m_ids.push_back(addName(text(row, 0), text(row, 1)));
-      m_progress.set(static_cast<std::uint64_t>(i) / 2);
+      m_count(static_cast<std::uint64_t>(i) / 2, m_graph.m_rows);
     }
     m_graph.m_own.resize(m_graph.m_names.size());
     for (std::int64_t i = 0; i < count; ++i) {
       void* const row = db_result_fetch_row(result, i);
       const Id alias = m_ids[static_cast<std::size_t>(i)];
       if (alias != AddressIndex::s_none) addMembers(alias, text(row, 1));
-      m_progress.set(static_cast<std::uint64_t>(count + i + 1) / 2);
+      m_count(static_cast<std::uint64_t>(count + i + 1) / 2, m_graph.m_rows);
     }
     m_graph.m_links = Links(m_graph.m_names.size(), m_links);
   }
@@ -121,15 +122,15 @@ class AliasGraph::Parser : public Database::AllRowParser {
 
   AliasGraph& m_graph;
   AliasVisitor& m_visitor;
-  Progress& m_progress;
+  const CountRows& m_count;
   std::vector<Id> m_ids;  // Of the rows.
   std::vector<Link> m_links;
   std::vector<std::string_view> m_addresses;  // Of the text that is being read.
 };
 
 AliasGraph::AliasGraph(Database::Connection& connection, const std::string& table,
-                       AliasVisitor& visitor, Progress& progress) {
-  Parser parser(*this, visitor, progress);
+                       AliasVisitor& visitor, const CountRows& count) {
+  Parser parser(*this, visitor, count);
   Database::Query query(connection, &parser, true);
   query << "select name, members from " << quotedName(table) << ";";
   query.execute();
@@ -162,15 +163,6 @@ std::string_view markerDomain(std::string_view marker) {
 std::string_view domainOf(std::string_view address) {
   const std::size_t at = address.rfind('@');
   return at == std::string_view::npos ? std::string_view() : address.substr(at + 1);
-}
-
-std::string quotedName(const std::string& name) {
-  std::string quoted = "`";
-  for (const char c : name) {
-    quoted += c;
-    if (c == '`') quoted += c;
-  }
-  return quoted + "`";
 }
 
 }  // namespace Tessel::Tool

@@ -11,7 +11,7 @@
 #include "database/Connection.h"
 #include "tables/AddressIndex.h"
 #include "tables/Links.h"
-#include "terminal/Progress.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 
@@ -74,11 +74,11 @@ class AliasGraph {
  public:
   using Id = AddressIndex::Id;
 
-  // Reads the SQL table `table`, which may be any text, with one statement. `progress` counts the
-  // rows in the piece of work that was begun. Throws Exception when the database cannot answer;
+  // Reads the SQL table `table`, which may be any text, with one statement. `count` is told
+  // how far that is. Throws Exception when the database cannot answer;
   // what `visitor` throws passes.
   AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor,
-             Progress& progress);
+             const CountRows& count);
 
   [[nodiscard]] const AddressIndex& names() const { return m_names; }
   // Members that are aliases, without those that an alias is itself.
@@ -109,9 +109,6 @@ bool isMarker(std::string_view member);
 // The domain of the marker `marker`, or that of `address`.
 std::string_view markerDomain(std::string_view marker);
 std::string_view domainOf(std::string_view address);
-
-// `name` as an identifier of SQL, whatever it holds.
-std::string quotedName(const std::string& name);
 
 }  // namespace Tessel::Tool
 

@@ -9,8 +9,8 @@
 #include "base/stringCompareNoCase.h"
 #include "database/Transaction.h"
 #include "failure/Failure.h"
-#include "tables/OurDatabase.h"
 #include "tables/Retry.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -141,8 +141,13 @@ void AliasTable::transact(const std::function<bool()>& edit) {
   });
 }
 
-std::string aliasTableName(const std::string& name) {
-  return name.empty() ? "alias" : "alias_" + name;
+std::string joined(const std::set<EmailAddress>& addresses) {
+  std::string text;
+  for (const EmailAddress& address : addresses) {
+    if (!text.empty()) text += ",";
+    text += address.address();
+  }
+  return text;
 }
 
 }  // namespace Tessel::Tool

@@ -88,8 +88,8 @@ class AliasTable {
   Database::Connection m_connection;
 };
 
-// The SQL name of the alias table for the store name `name`.
-std::string aliasTableName(const std::string& name);
+// The addresses joined by ",", as they are written into a row and to people.
+std::string joined(const std::set<EmailAddress>& addresses);
 
 }  // namespace Tessel::Tool
 

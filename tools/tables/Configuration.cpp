@@ -1,6 +1,7 @@
 // The configuration library as the commands use it.
 #include "tables/Configuration.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -8,8 +9,19 @@
 
 namespace Tessel::Tool {
 
-Failure configurationFailure(const Exception& exception, const Session& session) {
-  const std::filesystem::path folder = session.cmfFolder();
+namespace {
+
+constexpr char s_default[] = "/var/lib/tsl/cmf";
+
+}  // namespace
+
+std::string configurationDirectory() {
+  const char* directory = std::getenv(s_cmfVariable);  // NOLINT(concurrency-mt-unsafe): read only
+  return directory != nullptr && *directory != '\0' ? directory : s_default;
+}
+
+Failure configurationFailure(const Exception& exception) {
+  const std::filesystem::path folder = configurationDirectory();
   const std::string subject = "the configuration in " + folder.string();
   std::error_code error;
   const bool present = std::filesystem::exists(folder / "data.mdb", error);
@@ -22,9 +34,8 @@ Failure configurationFailure(const Exception& exception, const Session& session)
           "check the rights on the folder and its files"};
 }
 
-CMF::RefApsGwServer findDomain(const Session& session, const std::string& domain) {
-  return withConfiguration(session,
-                           [&] { return CMF::RefApsGwServerCache::instance(false)->find(domain); });
+CMF::RefApsGwServer findDomain(const std::string& domain) {
+  return withConfiguration([&] { return CMF::RefApsGwServerCache::instance(false)->find(domain); });
 }
 
 }  // namespace Tessel::Tool

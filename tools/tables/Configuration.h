@@ -5,26 +5,31 @@
 #include <string>
 
 #include "base/Exception.h"
-#include "cli/Session.h"
 #include "cmf/ApsGwServer.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Tool {
 
+// The environment variable that names the directory of the configuration.
+inline constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
+
+// The directory of the configuration that TSL_CMF_PATH names, or the default one.
+std::string configurationDirectory();
+
 // The failure that `exception`, thrown by the configuration library, is: `Configuration` when there
 // is no configuration in the folder, `Unavailable` otherwise.
-Failure configurationFailure(const Exception& exception, const Session& session);
+Failure configurationFailure(const Exception& exception);
 
 // The server record of `domain`; null when there is none. Throws Failure as above.
-CMF::RefApsGwServer findDomain(const Session& session, const std::string& domain);
+CMF::RefApsGwServer findDomain(const std::string& domain);
 
 // Calls `use`, which uses the configuration library, and throws its failures as Failure.
 template <class Use>
-auto withConfiguration(const Session& session, Use use) {
+auto withConfiguration(Use use) {
   try {
     return use();
   } catch (const Exception& exception) {
-    throw configurationFailure(exception, session);
+    throw configurationFailure(exception);
   }
 }
 

@@ -21,9 +21,9 @@ std::string s_lowered(std::string_view text) {
 
 }  // namespace
 
-MailUsers::MailUsers(const Session& session) : m_session(session) {
+MailUsers::MailUsers() {
   try {
-    withConfiguration(session, [] { return CMF::RefApsGwServerCache::instance(false); });
+    withConfiguration([] { return CMF::RefApsGwServerCache::instance(false); });
   } catch (const Failure& failure) {
     m_failure = failure;
   }
@@ -70,10 +70,10 @@ const MailUsers::Domain& MailUsers::domain(std::string_view name) {
 }
 
 void MailUsers::read(const std::string& name, Domain& domain) {
-  const CMF::RefApsGwServer server = findDomain(m_session, name);
+  const CMF::RefApsGwServer server = findDomain(name);
   if (server.isNull()) return;
   domain.isServed = true;
-  withConfiguration(m_session, [&] {
+  withConfiguration([&] {
     const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(server->domainId());
     for (const __aps_mail_user& user : users) {
       const bool isMailbox = user.kind == CMF::MailUserMailbox;

@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/Session.h"
 #include "failure/Failure.h"
 #include "tables/AddressIndex.h"
 
@@ -29,8 +28,8 @@ class MailUsers {
     Unknown,  // The configuration cannot be read.
   };
 
-  // Looks whether there is a configuration. `session` must outlive the object.
-  explicit MailUsers(const Session& session);
+  // Looks whether there is a configuration.
+  MailUsers();
 
   // What `address` is, a text as `EmailAddress::address()` gives it.
   Kind kindOf(std::string_view address);
@@ -54,7 +53,6 @@ class MailUsers {
   const Domain& domain(std::string_view name);
   void read(const std::string& name, Domain& domain);
 
-  const Session& m_session;
   std::map<std::string, Domain> m_domains;  // By the name in small letters.
   std::string m_lastName;                   // Members of an alias are mostly of one domain.
   const Domain* m_last = nullptr;

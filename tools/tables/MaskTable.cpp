@@ -2,13 +2,13 @@
 #include "tables/MaskTable.h"
 
 #include <algorithm>
-#include <set>
 #include <string_view>
 #include <utility>
 
 #include "base/stringCompareNoCase.h"
 #include "database/Transaction.h"
 #include "tables/Retry.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -58,18 +58,9 @@ std::string s_pattern(const std::string& domain) {
   return pattern;
 }
 
-std::string s_shown(const std::vector<MaskRow>& rows) {
-  std::string text;
-  for (const MaskRow& row : rows) {
-    if (!text.empty()) text += ", ";
-    text.append("'").append(row.privateText).append(":").append(row.publicText).append("'");
-  }
-  return text;
-}
-
 Failure s_otherSpelling(const EmailAddress& address, const MaskRow& row, const std::string& table) {
   return {ExitCode::BadData, "private address " + address.address(),
-          "the server takes it for that of the row " + s_shown({row}) + " of table " + table +
+          "the server takes it for that of the row " + textOf({row}) + " of table " + table +
               ", which is spelled differently (the same characters in another encoding, perhaps)",
           "use the spelling of that row, or remove that row first"};
 }
@@ -77,7 +68,7 @@ Failure s_otherSpelling(const EmailAddress& address, const MaskRow& row, const s
 Failure s_taken(const EmailAddress& address, const MaskRow& row, const std::string& table) {
   const bool same = row.publicAddress == address;
   return {ExitCode::BadData, "public address " + address.address(),
-          "table " + table + " has it already in the row " + s_shown({row}) +
+          "table " + table + " has it already in the row " + textOf({row}) +
               (same ? "" : ", where it is spelled differently"),
           "take another public address, or remove that row first"};
 }
@@ -162,7 +153,7 @@ std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
     if (!isDatabaseError(exception, s_duplicateEntry)) throw;
     throw Failure(
         ExitCode::BadData, "mask " + privateAddress.address(),
-        "table " + m_table + " has the two addresses in two rows: " + s_shown(select(either)),
+        "table " + m_table + " has the two addresses in two rows: " + textOf(select(either)),
         "nothing was changed; remove the row that has the public address first");
   }
   return select(either);
@@ -197,32 +188,13 @@ std::size_t MaskTable::removeDomain(const std::string& domain) {
   return doomed.size();
 }
 
-std::string maskTableName(const std::string& name) {
-  return name.empty() ? "mask" : "mask_" + name;
-}
-
-Failure brokenMask(const MaskRow& row, const std::string& table) {
-  return {ExitCode::BadData, "broken row " + s_shown({row}) + " of table " + table, row.fault,
-          "correct or delete the row with an SQL client, by its private text"};
-}
-
-void nameMaskFault(const Exception& exception, const Session& session) {
-  if (!isAddressFault(exception)) throw;
-  bool named = false;
-  // Opening a store reads the default tables too.
-  for (const std::string& table :
-       std::set<std::string>{maskTableName(session.tableName()), maskTableName("")}) {
-    for (const MaskRow& row : MaskTable(table).rows("")) {
-      if (row.unreadable) report(brokenMask(row, table));
-      named = named || row.unreadable;
-    }
+std::string textOf(const std::vector<MaskRow>& rows) {
+  std::string text;
+  for (const MaskRow& row : rows) {
+    if (!text.empty()) text += ", ";
+    text.append("'").append(row.privateText).append(":").append(row.publicText).append("'");
   }
-  throw Failure(ExitCode::BadData,
-                named ? "reading the mask table" : "reading table alias, which is read as well",
-                reasonOf(exception),
-                named ? "the table has a row that is no valid pair; 'tsl-address-map mask list'"
-                        " names every such row"
-                      : "'tsl-address-map alias list' names every row that is no valid alias");
+  return text;
 }
 
 }  // namespace Tessel::Tool

@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "base/Exception.h"
-#include "cli/Session.h"
 #include "database/Connection.h"
 #include "failure/Failure.h"
 
@@ -68,16 +66,8 @@ class MaskTable {
   Database::Connection m_connection;
 };
 
-// The SQL name of the mask table for the store name `name`.
-std::string maskTableName(const std::string& name);
-
-// The failure that the broken row `row` of the SQL table `table` is.
-Failure brokenMask(const MaskRow& row, const std::string& table);
-
-// Turns `exception`, thrown while the library read the table, into a failure after naming the rows
-// that cannot be read, when it is those that it is about. Throws the failure, or again what is
-// being handled. Requires: called in the handler of `exception`.
-[[noreturn]] void nameMaskFault(const Exception& exception, const Session& session);
+// The rows as "'PRIVATE:PUBLIC', 'PRIVATE:PUBLIC'", as they stand in the table.
+std::string textOf(const std::vector<MaskRow>& rows);
 
 }  // namespace Tessel::Tool
 

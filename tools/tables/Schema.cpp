@@ -6,11 +6,11 @@
 #include <string_view>
 
 #include "base/Exception.h"
-#include "cli/Session.h"
 #include "database/QueryDescribeTable.h"
 #include "database/QueryTableNames.h"
 #include "failure/Failure.h"
 #include "map/AddressMapMySQL.h"
+#include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {

@@ -4,8 +4,9 @@
 #include <set>
 
 #include "base/Exception.h"
-#include "cli/AliasReport.h"
 #include "failure/Failure.h"
+#include "tables/AliasTable.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
@@ -42,17 +43,13 @@ std::string s_readPublic(std::string_view text, TableEntry& entry) {
 }  // namespace
 
 const TableFormat& TableFormat::alias() {
-  static constexpr TableFormat s_format{"alias", "name", "members", false};
+  static constexpr TableFormat s_format{TableKind::Alias, "name", "members", false};
   return s_format;
 }
 
 const TableFormat& TableFormat::mask() {
-  static constexpr TableFormat s_format{"mask", "private", "public", true};
+  static constexpr TableFormat s_format{TableKind::Mask, "private", "public", true};
   return s_format;
-}
-
-std::string TableFormat::table(const std::string& name) const {
-  return name.empty() ? group : std::string(group) + "_" + name;
 }
 
 std::string TableFormat::read(std::string_view keyText, std::string_view valueText,

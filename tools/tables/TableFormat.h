@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "address/EmailAddress.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
@@ -21,16 +22,14 @@ struct TableEntry {
 
 // What tells the kinds of table apart.
 struct TableFormat {
-  const char* group;  // For messages and SQL names: "alias" or "mask".
-  const char* key;    // The columns.
+  TableKind kind;
+  const char* key;  // The columns.
   const char* value;
   bool hasPublic;  // The value is one address that no other row may have.
 
   static const TableFormat& alias();
   static const TableFormat& mask();
 
-  // The SQL name of the table for the store name `name`.
-  [[nodiscard]] std::string table(const std::string& name) const;
   // Reads the texts of a row, stored or of a line. Returns what is wrong, or empty text.
   std::string read(std::string_view keyText, std::string_view valueText, TableEntry& entry) const;
   // Reads a line without its end. Returns what is wrong, or empty text.

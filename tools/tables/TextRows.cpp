@@ -2,12 +2,14 @@
 #include "tables/TextRows.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <utility>
 
 #include "address/EmailAddressEscape.h"
 #include "database/Query.h"
 #include "database/RowParser.h"
 #include "database/db_result.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
@@ -39,8 +41,8 @@ class TextParser : public Database::AllRowParser {
 
 class PairParser : public Database::AllRowParser {
  public:
-  // What is given must outlive the parser; `progress` may be null.
-  PairParser(const TakePair& take, Progress* progress) : m_take(take), m_progress(progress) {}
+  // What is given must outlive the parser; `count` may be empty.
+  PairParser(const TakePair& take, const CountRows& count) : m_take(take), m_count(count) {}
 
   void parse(void* connection, void* result) override {
     const auto text = [&](void* row, unsigned int column) {
@@ -48,17 +50,17 @@ class PairParser : public Database::AllRowParser {
                               db_result_field_length(result, column));
     };
     const std::int64_t count = db_result_row_num(result);
-    if (m_progress != nullptr) m_progress->setTotal(static_cast<std::uint64_t>(count));
+    if (m_count) m_count(0, static_cast<std::uint64_t>(count));
     for (std::int64_t i = 0; i < count; ++i) {
       void* const row = db_result_fetch_row(result, i);
       m_take(text(row, 0), text(row, 1));
-      if (m_progress != nullptr) m_progress->add(1);
+      if (m_count) m_count(static_cast<std::uint64_t>(i + 1), static_cast<std::uint64_t>(count));
     }
   }
 
  private:
   const TakePair& m_take;
-  Progress* m_progress;
+  const CountRows& m_count;
 };
 
 }  // namespace
@@ -73,8 +75,8 @@ std::vector<TextRow> selectTexts(Database::Connection& connection, const std::st
 }
 
 void selectPairs(Database::Connection& connection, const std::string& statement,
-                 const TakePair& take, Progress* progress) {
-  PairParser parser(take, progress);
+                 const TakePair& take, const CountRows& count) {
+  PairParser parser(take, count);
   Database::Query query(connection, &parser, true);
   query << statement;
   query.execute();
@@ -84,6 +86,11 @@ void runStatement(Database::Connection& connection, const std::string& statement
   Database::Query query(connection, nullptr, true);
   query << statement;
   query.execute();
+}
+
+std::uint64_t countRows(Database::Connection& connection, const std::string& table) {
+  const auto rows = selectTexts(connection, "select count(*) from " + quotedName(table) + ";", 1);
+  return std::strtoull(rows.at(0).at(0).c_str(), nullptr, 10);
 }
 
 std::string literal(std::string_view text) {

@@ -2,13 +2,13 @@
 #ifndef TSL_TOOLS_TABLES_TEXTROWS_H
 #define TSL_TOOLS_TABLES_TEXTROWS_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "database/Connection.h"
-#include "terminal/Progress.h"
 
 namespace Tessel::Tool {
 
@@ -20,17 +20,23 @@ using TextRow = std::vector<std::string>;
 std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
                                  unsigned int columns);
 
+// Is told how far the reading of a result has come: before its first row, and after each step.
+using CountRows = std::function<void(std::uint64_t read, std::uint64_t total)>;
+
 // The first two columns of a row; valid during the call only.
 using TakePair = std::function<void(std::string_view first, std::string_view second)>;
 
 // Runs `statement` and calls `take` for each row, without copies of the rows. `take` must run no
-// statement on `connection`; what it throws passes. `progress`, where it is given, is told how many
-// rows there are and counts them. Throws Exception as above.
+// statement on `connection`; what it throws passes. `count`, where it is given, is told of each
+// row. Throws Exception as above.
 void selectPairs(Database::Connection& connection, const std::string& statement,
-                 const TakePair& take, Progress* progress = nullptr);
+                 const TakePair& take, const CountRows& count = nullptr);
 
 // Runs `statement`, which has no rows. Throws Exception as above.
 void runStatement(Database::Connection& connection, const std::string& statement);
+
+// Number of rows of the SQL table `table` of the selected database. Throws Exception as above.
+std::uint64_t countRows(Database::Connection& connection, const std::string& table);
 
 // `text`, which may hold anything, as a literal of SQL with its quotes.
 std::string literal(std::string_view text);

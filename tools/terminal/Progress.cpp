@@ -14,6 +14,7 @@
 
 #include "failure/Failure.h"
 #include "terminal/Interrupt.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -219,6 +220,16 @@ void Progress::setTotal(std::uint64_t total) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_total = total;
   m_start = Clock::now();
+}
+
+std::function<void(std::uint64_t, std::uint64_t)> Progress::counter() {
+  return [this](std::uint64_t done, std::uint64_t total) {
+    if (done == 0) {
+      setTotal(total);
+    } else {
+      set(done);
+    }
+  };
 }
 
 ProgressState Progress::state() const {

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -62,6 +63,8 @@ class Progress {
   void setTotal(std::uint64_t total);
   void set(std::uint64_t done) { m_done.store(done, std::memory_order_relaxed); }
   void add(std::uint64_t more) { set(m_done.load(std::memory_order_relaxed) + more); }
+  // For readers of tables: sets the total, and how much of it is done. The object must outlive it.
+  [[nodiscard]] std::function<void(std::uint64_t done, std::uint64_t total)> counter();
   // True when a person looks on, so that it is worth finding out how much there is to do.
   static bool isWatched() { return isTerminal(Stream::Error); }
   // Shows nothing from now on.
