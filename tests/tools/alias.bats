@@ -138,7 +138,7 @@ setup() { empty_tables; }
   run -65 --separate-stderr tool alias list
   equal "$output" $'good@example.com\ta@example.com'
   contains "$stderr" "broken row 'empty@example.com' of table alias: the members are empty"
-  contains "$stderr" "broken row 'no address' of table alias: bad name"
+  contains "$stderr" "broken row 'no address' of table alias: bad alias"
   contains "$stderr" "broken row 'bad@example.com' of table alias: bad members"
   run -65 --separate-stderr tool alias show empty@example.com
   contains "$stderr" "the members are empty"

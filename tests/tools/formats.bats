@@ -271,7 +271,7 @@ bad() {
   bad jsonl "1: " <<<'{"address":"a@example.com","members":["b@example.com,c@example.com"]}'
   bad jsonl "1: a member is empty" <<<'{"address":"a@example.com","members":[""]}'
   bad jsonl "1: it holds a NUL" <<<'{"address":"a@example.com","members":["b\u0000@example.com"]}'
-  bad jsonl "1: it holds a NUL" <<<'{"address":"a\u0000@example.com","members":["b@example.com"]}'
+  bad jsonl "1: bad alias: it holds a NUL" <<<'{"address":"a\u0000@example.com","members":["b@example.com"]}'
   bad jsonl "1: the members are empty" <<<'{"address":"a@example.com","members":[]}'
   bad csv "1: it is not the header 'address,members'" <<<'a@example.com,b@example.com'
   bad csv "2: there is one field" <<<$'address,members\na@example.com'

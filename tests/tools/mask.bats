@@ -256,7 +256,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   sql "insert into mask values( 'empty@inner.example', '' );"
   run -65 --separate-stderr tool mask list
   equal "$output" $'good@inner.example\tg@example.com'
-  contains "$stderr" "broken row 'empty@inner.example:' of table mask: bad public address: it is empty"
+  contains "$stderr" "broken row 'empty@inner.example:' of table mask: the public address is empty"
   run -65 --separate-stderr tool mask public empty@inner.example
   equal "$output" ""
   contains "$stderr" "broken row 'empty@inner.example:'"

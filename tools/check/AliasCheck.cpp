@@ -24,11 +24,12 @@ class RowCheck : public AliasVisitor {
   RowCheck(const std::string& table, std::size_t widest, MailUsers& users, Findings& findings)
       : m_table(table), m_widest(widest), m_users(users), m_findings(findings) {}
 
-  void broken(std::string_view name, bool hasName, const std::string& why) override {
+  void broken(std::string_view name, RowFault fault, const std::string& why) override {
+    const bool hasName = fault != RowFault::BadKey && fault != RowFault::EmptyKey;
     const std::string remove = commandOn(m_table, "alias remove " + shellWord(name));
     add(Severity::Error, "broken-row", name,
-        why + (why == "the members are empty" ? ": the library takes it for no alias"
-                                              : ": every program that reads the whole table fails"),
+        why + (fault == RowFault::EmptyValue ? ": the library takes it for no alias"
+                                             : ": every program that reads the whole table fails"),
         hasName && !remove.empty() ? remove : selectRow(m_table, "name", name));
   }
 

@@ -10,6 +10,7 @@
 #include "base/Exception.h"
 #include "tables/AddressIndex.h"
 #include "tables/AliasGraph.h"
+#include "tables/RowReader.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
@@ -52,35 +53,18 @@ class MaskCheck {
         command.empty() ? selectRow(m_table, "private", privateText) : command);
   }
 
-  // The address that `text` is; null, after adding to `why`, when it is none.
-  static EmailAddress parse(std::string_view text, const char* column, std::string& why) {
-    std::string reason = "it is empty";
-    try {
-      EmailAddress address = EmailAddress::rfc5321Parse(text, false);
-      if (!address.isNull()) return address;
-    } catch (const Exception& exception) {
-      reason = reasonOf(exception);
-    }
-    if (!why.empty()) why += "; ";
-    why.append("bad ").append(column).append(" address: ").append(reason);
-    return {};
-  }
-
   void read(std::string_view privateText, std::string_view publicText) {
     ++m_rows;
-    std::string why;
-    const EmailAddress privateAddress = parse(privateText, "private", why);
-    const EmailAddress publicAddress = parse(publicText, "public", why);
-    if (!why.empty()) {
-      add(Severity::Error, "broken-row", privateText, why,
+    if (m_reader.read(privateText, publicText) != RowFault::None) {
+      add(Severity::Error, "broken-row", privateText, m_reader.why(),
           selectRow(m_table, "private", privateText));
       return;
     }
     const bool isWildcard = privateText.find('*') != std::string_view::npos ||
                             publicText.find('*') != std::string_view::npos;
-    if (isWildcard) addWildcard(privateAddress, publicAddress);
-    const AddressIndex::Added key = m_private.add(privateAddress.address());
-    const AddressIndex::Added shown = m_public.add(publicAddress.address());
+    if (isWildcard) addWildcard(m_reader.key(), m_reader.values().front());
+    const AddressIndex::Added key = m_private.add(m_reader.key());
+    const AddressIndex::Added shown = m_public.add(m_reader.values().front());
     if (!key.isNew || !shown.isNew) addDouble(privateText, publicText, key.isNew);
     if (!isWildcard) m_pairs.push_back({key.id, shown.id});
   }
@@ -93,13 +77,13 @@ class MaskCheck {
         selectRow(m_table, "private", privateText));
   }
 
-  void addWildcard(const EmailAddress& privateAddress, const EmailAddress& publicAddress) {
-    const std::string domain = privateAddress.domain();
-    const auto [known, isNew] = m_wildcards.try_emplace(domain, publicAddress.domain());
+  void addWildcard(std::string_view privateAddress, std::string_view publicAddress) {
+    const std::string domain(domainOf(privateAddress));
+    const auto [known, isNew] = m_wildcards.try_emplace(domain, domainOf(publicAddress));
     if (isNew) return;
-    add(Severity::Warning, "wildcard-double", privateAddress.address(),
+    add(Severity::Warning, "wildcard-double", privateAddress,
         "is a wildcard row of " + domain + ", as is another: the one that is read last answers");
-    known->second = publicAddress.domain();
+    known->second = domainOf(publicAddress);
   }
 
   void checkPair(const Pair& pair) {
@@ -137,6 +121,7 @@ class MaskCheck {
   const std::string& m_table;
   Findings& m_findings;
   std::uint64_t m_rows = 0;
+  RowReader m_reader{TableKind::Mask};
   AddressIndex m_private;
   AddressIndex m_public;
   std::vector<Pair> m_pairs;                       // Without wildcard rows.

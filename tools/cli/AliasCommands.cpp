@@ -125,7 +125,7 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
   ExitCode code = ExitCode::Done;
   ItemList list(session.output());
   for (const AliasRow& row : rows) {
-    if (row.state != AliasRow::State::Good) {
+    if (row.fault != RowFault::None) {
       report(brokenRow(row, table));
       code = ExitCode::BadData;
       continue;

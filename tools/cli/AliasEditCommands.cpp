@@ -35,8 +35,7 @@ struct Arguments {
 // the row cannot be read.
 Members s_membersOf(const AliasLook& look, const Session& session) {
   if (look.kind == AliasLook::Kind::Absent) return {};
-  const bool readable =
-      look.row.state == AliasRow::State::Good || look.row.state == AliasRow::State::NoMembers;
+  const bool readable = look.row.fault == RowFault::None || look.row.fault == RowFault::EmptyValue;
   if (!readable) throw brokenRow(look.row, aliasTableName(session.tableName()));
   return look.row.members;
 }
@@ -169,8 +168,8 @@ struct Everywhere {
 Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& member) {
   Everywhere all;
   for (const AliasRow& row : rows) {
-    if (row.state != AliasRow::State::Good) {
-      if (row.state != AliasRow::State::NoMembers) all.broken.push_back(row);
+    if (row.fault != RowFault::None) {
+      if (row.fault != RowFault::EmptyValue) all.broken.push_back(row);
       continue;
     }
     if (row.members.count(member) == 0) continue;

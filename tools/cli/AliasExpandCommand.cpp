@@ -67,7 +67,7 @@ class Expander {
     if (!m_table) m_table.emplace(name);
     const AliasLook look = m_table->look(address);
     if (look.kind != AliasLook::Kind::Present) return Outcome::NoAlias;
-    if (look.row.state != AliasRow::State::Good) {
+    if (look.row.fault != RowFault::None) {
       report(brokenRow(look.row, name));
       return Outcome::BrokenRow;
     }

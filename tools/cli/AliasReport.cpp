@@ -16,7 +16,7 @@ void sayNoAlias(const EmailAddress& alias, const Session& session) {
 }
 
 Failure brokenRow(const AliasRow& row, const std::string& table) {
-  return {ExitCode::BadData, "broken row '" + row.name + "' of table " + table, row.fault,
+  return {ExitCode::BadData, "broken row '" + row.name + "' of table " + table, row.why,
           row.alias.isNull() ? "correct or delete the row with an SQL client, by its name"
                              : "set its members anew with 'alias set', or remove it with 'alias"
                                " remove'"};
@@ -29,8 +29,7 @@ void nameTableFault(const Exception& exception, const Session& session) {
   for (const std::string& table :
        std::set<std::string>{aliasTableName(session.tableName()), "alias"}) {
     for (const AliasRow& row : AliasTable(table).rows("")) {
-      const bool unreadable =
-          row.state == AliasRow::State::BadName || row.state == AliasRow::State::BadMembers;
+      const bool unreadable = row.fault == RowFault::BadKey || row.fault == RowFault::BadValue;
       if (unreadable) report(brokenRow(row, table));
       named = named || unreadable;
     }

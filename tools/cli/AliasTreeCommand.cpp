@@ -165,7 +165,7 @@ class Explanation {
 
   [[nodiscard]] std::string noteOnAddress(const AliasTree::Node& node) const {
     std::string text;
-    if (node.row != nullptr && node.kind != NodeKind::Alias) text = node.row->fault;
+    if (node.row != nullptr && node.kind != NodeKind::Alias) text = node.row->why;
     if (m_dangling.count(*node.address) == 0) return text;
     return text + (text.empty() ? "" : "; ") +
            "dangling: neither an alias nor a mail user of its domain";
@@ -301,7 +301,7 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
     }
     return ExitCode::NotFound;
   }
-  if (tree.row()->state == AliasRow::State::NoMembers) {
+  if (tree.row()->fault == RowFault::EmptyValue) {
     throw brokenRow(*tree.row(), aliasTableName(session.tableName()));
   }
   const Explanation explanation(session, tree);

@@ -46,10 +46,12 @@ class Holders : public AliasVisitor {
   Holders(std::string member, std::string table)
       : m_member(std::move(member)), m_table(std::move(table)) {}
 
-  void broken(std::string_view name, bool hasName, const std::string& why) override {
+  void broken(std::string_view name, RowFault fault, const std::string& why) override {
     AliasRow row;
     row.name = name;
-    row.fault = why;
+    row.fault = fault;
+    row.why = why;
+    const bool hasName = fault != RowFault::BadKey && fault != RowFault::EmptyKey;
     if (hasName) row.alias = EmailAddress::rfc5321Parse(name, false);
     report(brokenRow(row, m_table));
     m_isBroken = true;

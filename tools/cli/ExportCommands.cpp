@@ -12,6 +12,7 @@
 #include "database/Transaction.h"
 #include "files/ExportFile.h"
 #include "files/FileSyntax.h"
+#include "tables/AddressIndex.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Progress.h"
@@ -48,9 +49,9 @@ class TableReader {
   std::size_t read(Progress& progress, Take take) {
     progress.begin("exporting", "rows");
     // Counting costs a walk over the key.
-    if (Progress::isWatched()) progress.setTotal(count());
-    m_seen.clear();
-    m_public.clear();
+    if (Progress::isWatched()) progress.setTotal(countRows(m_connection, m_table));
+    m_seen = {};
+    m_public = {};
     m_good = true;
     std::size_t good = 0;
     std::string last;
@@ -81,11 +82,6 @@ class TableReader {
     return connection;
   }
 
-  std::uint64_t count() {
-    const std::string statement = "select count(*) from " + m_table + ";";
-    return std::strtoull(selectTexts(m_connection, statement, 1).at(0).at(0).c_str(), nullptr, 10);
-  }
-
   [[nodiscard]] std::string page(bool first, const std::string& last) const {
     const std::string key = m_format.key;
     return "select " + key + ", " + m_format.value + " from " + m_table +
@@ -97,11 +93,11 @@ class TableReader {
     TableEntry entry;
     std::string fault = m_format.read(key, value, entry);
     // Two spellings of one address would be two lines that no import accepts.
-    if (fault.empty() && !m_seen.insert(entry.key).second) {
+    if (fault.empty() && !m_seen.add(entry.key.address()).isNew) {
       fault = "another row is that of the same address";
     }
     // So would a public address that two rows show.
-    if (fault.empty() && m_format.hasPublic && !m_public.insert(entry.shown).second) {
+    if (fault.empty() && m_format.hasPublic && !m_public.add(entry.value).isNew) {
       fault = "another row has the same public address";
     }
     if (!fault.empty()) {
@@ -124,8 +120,8 @@ class TableReader {
   std::string m_table;
   Database::Connection m_connection;
   Database::Transaction m_snapshot;
-  std::set<EmailAddress> m_seen;
-  std::set<EmailAddress> m_public;
+  AddressIndex m_seen;
+  AddressIndex m_public;
   bool m_good = true;
 };
 

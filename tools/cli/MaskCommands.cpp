@@ -138,7 +138,7 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
   ExitCode code = ExitCode::Done;
   ItemList list(session.output());
   for (const MaskRow& row : rows) {
-    if (!row.isGood()) {
+    if (row.fault != RowFault::None) {
       report(brokenMask(row, table));
       code = ExitCode::BadData;
       continue;

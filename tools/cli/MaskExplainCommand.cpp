@@ -78,7 +78,7 @@ class Explainer {
       if (isMisspelt(wildcard, address, side)) answer.misspelt.push_back(wildcard.row);
     }
     const auto own = std::find_if(rows.begin(), rows.end(), [&](const MaskRow& row) {
-      return row.isGood() && !answer.address.isNull() &&
+      return row.fault == RowFault::None && !answer.address.isNull() &&
              (side == Side::Public ? row.publicAddress : row.privateAddress) == answer.address;
     });
     if (own != rows.end()) {

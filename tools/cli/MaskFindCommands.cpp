@@ -67,7 +67,7 @@ class Finder {
     for (const MaskRow& row :
          byPrivate ? m_table->withPrivate(address) : m_table->withPublic(address)) {
       if (!((byPrivate ? row.privateAddress : row.publicAddress) == address)) continue;
-      if (!row.isGood()) {
+      if (row.fault != RowFault::None) {
         report(brokenMask(row, name));
         return Outcome::BrokenRow;
       }

@@ -9,7 +9,7 @@
 namespace Tessel::Tool {
 
 Failure brokenMask(const MaskRow& row, const std::string& table) {
-  return {ExitCode::BadData, "broken row " + textOf({row}) + " of table " + table, row.fault,
+  return {ExitCode::BadData, "broken row " + textOf({row}) + " of table " + table, row.why,
           "correct or delete the row with an SQL client, by its private text"};
 }
 
@@ -20,8 +20,9 @@ void nameMaskFault(const Exception& exception, const Session& session) {
   for (const std::string& table :
        std::set<std::string>{maskTableName(session.tableName()), maskTableName("")}) {
     for (const MaskRow& row : MaskTable(table).rows("")) {
-      if (row.unreadable) report(brokenMask(row, table));
-      named = named || row.unreadable;
+      const bool unreadable = row.fault == RowFault::BadKey || row.fault == RowFault::BadValue;
+      if (unreadable) report(brokenMask(row, table));
+      named = named || unreadable;
     }
   }
   throw Failure(ExitCode::BadData,

@@ -11,7 +11,7 @@
 
 #include "base/Exception.h"
 #include "failure/Failure.h"
-#include "tables/AliasTable.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Tool {
 

@@ -1,13 +1,8 @@
 // Cycles of aliases that an import would leave behind.
 #include "files/ImportCycles.h"
 
-#include <algorithm>
 #include <set>
 #include <utility>
-
-#include "address/EmailAddress.h"
-#include "base/Exception.h"
-#include "failure/Failure.h"
 
 namespace Tessel::Tool {
 
@@ -16,14 +11,8 @@ ImportCycles::ImportCycles(const TableFile& file) : m_file(file) {
 }
 
 void ImportCycles::keep(std::string_view name, std::string_view members) {
-  std::string alias;
-  try {
-    alias = EmailAddress::rfc5321Parse(name, false).address();
-  } catch (const Exception& exception) {
-    if (!isAddressFault(exception)) throw;
-  }
   // Of two rows of one address the first one counts, as everywhere.
-  if (alias.empty() || !m_names.add(alias).isNew) return;
+  if (m_reader.readKey(name) != RowFault::None || !m_names.add(m_reader.key()).isNew) return;
   m_members += members;
   m_ends.push_back(m_members.size());
 }
@@ -59,22 +48,8 @@ std::vector<ImportCycles::Cycle> ImportCycles::find(const std::vector<const File
 }
 
 void ImportCycles::addLinks(Links::Node alias, std::string_view members) {
-  // Nothing but commas between addresses that need no quotes: as nearly all rows are.
-  if (members.find_first_of("\"\\()<>[]:; \t\r\n") == std::string_view::npos) {
-    while (!members.empty()) {
-      const std::size_t end = std::min(members.find(','), members.size());
-      addLink(alias, members.substr(0, end));
-      members.remove_prefix(std::min(end + 1, members.size()));
-    }
-    return;
-  }
-  try {
-    for (const EmailAddress& member : EmailAddress::rfc5322ParseSet(members, true, false)) {
-      addLink(alias, member.address());
-    }
-  } catch (const Exception& exception) {
-    if (!isAddressFault(exception)) throw;
-  }
+  if (m_reader.readValue(members) != RowFault::None) return;
+  for (const std::string_view member : m_reader.values()) addLink(alias, member);
 }
 
 void ImportCycles::addLink(Links::Node alias, std::string_view member) {

@@ -10,6 +10,7 @@
 #include "files/TableFile.h"
 #include "tables/AddressIndex.h"
 #include "tables/Links.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Tool {
 
@@ -38,6 +39,7 @@ class ImportCycles {
   void addLink(Links::Node alias, std::string_view member);
 
   const TableFile& m_file;
+  RowReader m_reader{TableKind::Alias};
   AddressIndex m_names;             // The entries of the file first, in their order.
   std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
   std::string m_members;

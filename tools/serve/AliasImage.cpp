@@ -6,12 +6,10 @@
 
 #include "alias/AddressAliasDbMySQL.h"
 #include "alias/AliasExpander.h"
-#include "base/Exception.h"
 #include "base/stringCompareNoCase.h"
-#include "failure/Failure.h"
 #include "serve/AddressKey.h"
 #include "tables/AliasGraph.h"
-#include "tables/PlainAddresses.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Serve {
 
@@ -50,10 +48,16 @@ class AliasImage::Reader {
   explicit Reader(AliasImage& image) : m_image(image) {}
 
   void take(std::string_view name, std::string_view members) {
-    std::string fault = readName(name);
-    if (fault.empty()) fault = faultOf(members);
-    if (!fault.empty()) return m_image.m_leftOut.add(name, members, fault, m_key);
-    if (m_image.m_keys.add(m_key).isNew) {
+    const Tool::RowFault fault = m_reader.read(name, members);
+    // Not all of the text may belong to the address: blanks around it do not.
+    const std::string_view address = m_reader.key().empty() ? name : m_reader.key();
+    const bool canBeAsked = addressKey(address, m_key);
+    if (!canBeAsked) m_key.clear();
+    if (fault != Tool::RowFault::None) {
+      m_image.m_leftOut.add(name, members, m_reader.why(), m_key);
+    } else if (!canBeAsked) {
+      m_image.m_leftOut.add(name, members, "bad alias: nobody can ask for it", "");
+    } else if (m_image.m_keys.add(m_key).isNew) {
       m_image.m_rows.add(name, members);
     } else {
       m_image.m_leftOut.add(name, members, "another row is of the same address", "");
@@ -61,40 +65,9 @@ class AliasImage::Reader {
   }
 
  private:
-  // Puts the key of the row's name into `m_key`; empty when it has none. What is wrong with the
-  // name; empty when it can be read.
-  std::string readName(std::string_view name) {
-    std::string parsed;
-    std::string fault;
-    try {
-      if (!Tool::splitPlain(name, m_addresses) || m_addresses.size() != 1) {
-        // Not all of the text may belong to the address: blanks around it do not.
-        parsed = EmailAddress::rfc5321Parse(name, false).address();
-        name = parsed;
-        if (parsed.empty()) fault = "the name is empty";
-      }
-    } catch (const Exception& exception) {
-      fault = "bad name: " + Tool::reasonOf(exception);
-    }
-    if (addressKey(name, m_key)) return fault;
-    m_key.clear();
-    return fault.empty() ? "bad name: nobody can ask for it" : fault;
-  }
-
-  // What is wrong with the members; empty when they can be read.
-  std::string faultOf(std::string_view members) {
-    try {
-      if (Tool::splitPlain(members, m_addresses)) return "";
-      const bool isEmpty = EmailAddress::rfc5322ParseSet(members, true, false).empty();
-      return isEmpty ? "the members are empty" : "";
-    } catch (const Exception& exception) {
-      return "bad members: " + Tool::reasonOf(exception);
-    }
-  }
-
   AliasImage& m_image;
   std::string m_key;
-  std::vector<std::string_view> m_addresses;
+  Tool::RowReader m_reader{Tool::TableKind::Alias};
 };
 
 AliasImage::AliasImage(const RowSource& source) {

@@ -2,9 +2,9 @@
 #include "serve/MaskImage.h"
 
 #include "address/EmailAddress.h"
-#include "base/Exception.h"
-#include "failure/Failure.h"
 #include "serve/AddressKey.h"
+#include "tables/AliasGraph.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Serve {
 
@@ -17,11 +17,13 @@ class MaskImage::Reader {
   explicit Reader(MaskImage& image) : m_image(image) {}
 
   void take(std::string_view privateText, std::string_view publicText) {
-    const Side privateSide(privateText);
-    const Side publicSide(publicText);
-    if (!privateSide.fault.empty() || !publicSide.fault.empty()) {
-      const std::string& fault = privateSide.fault.empty() ? publicSide.fault : privateSide.fault;
-      m_image.m_leftOut.add(privateText, publicText, fault, privateSide.key);
+    const bool isGood = m_reader.read(privateText, publicText) == Tool::RowFault::None;
+    const auto& values = m_reader.values();
+    const Side privateSide(privateText, m_reader.key());
+    const Side publicSide(publicText, values.empty() ? "" : values.front());
+    if (!isGood || privateSide.key.empty() || publicSide.key.empty()) {
+      const std::string why = isGood ? "nobody can ask for it" : m_reader.why();
+      m_image.m_leftOut.add(privateText, publicText, why, privateSide.key);
       if (!publicSide.key.empty()) m_image.m_brokenPublic.insert(publicSide.key);
       return;
     }
@@ -29,7 +31,8 @@ class MaskImage::Reader {
     const bool isWildCard = privateText.find('*') != std::string_view::npos ||
                             publicText.find('*') != std::string_view::npos;
     if (isWildCard) {
-      addWildCard(privateSide.address.domain(), publicSide.address.domain());
+      addWildCard(std::string(Tool::domainOf(privateSide.address)),
+                  std::string(Tool::domainOf(publicSide.address)));
     } else {
       add(m_image.m_byPrivate, privateSide.key, row);
       add(m_image.m_byPublic, publicSide.key, row);
@@ -48,24 +51,13 @@ class MaskImage::Reader {
  private:
   // One of the two addresses of a row.
   struct Side {
-    explicit Side(std::string_view text) {
-      std::string parsed;
-      try {
-        address = EmailAddress::rfc5321Parse(text, false);
-        // Not all of the text may belong to the address: blanks around it do not.
-        parsed = address.address();
-        text = parsed;
-      } catch (const Exception& exception) {
-        fault = Tool::reasonOf(exception);
-      }
-      if (addressKey(text, key)) return;
-      key.clear();
-      if (fault.empty()) fault = address.isNull() ? "an address is empty" : "nobody can ask for it";
+    // `parsed` is empty where `text` is no address: somebody may ask for it all the same.
+    Side(std::string_view text, std::string_view parsed) : address(parsed) {
+      if (!addressKey(parsed.empty() ? text : parsed, key)) key.clear();
     }
 
-    EmailAddress address;
-    std::string key;    // Empty when it has none.
-    std::string fault;  // What is wrong with it; empty when it can be read.
+    std::string_view address;
+    std::string key;  // Empty when it has none.
   };
 
   void addWildCard(const std::string& privateDomain, const std::string& publicDomain) {
@@ -79,6 +71,7 @@ class MaskImage::Reader {
   }
 
   MaskImage& m_image;
+  Tool::RowReader m_reader{Tool::TableKind::Mask};
   // Private to public domain as the library orders them: the last row of a private domain counts.
   std::map<std::string, std::string> m_domains;
 };

@@ -1,16 +1,10 @@
 // A whole alias table in memory.
 #include "tables/AliasGraph.h"
 
-#include <set>
-
-#include "address/EmailAddress.h"
-#include "base/Exception.h"
 #include "base/stringCompareNoCase.h"
 #include "database/Query.h"
 #include "database/RowParser.h"
 #include "database/db_result.h"
-#include "failure/Failure.h"
-#include "tables/PlainAddresses.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Tool {
@@ -21,8 +15,8 @@ constexpr std::string_view s_marker = "allusers_";
 
 }  // namespace
 
-void AliasVisitor::broken(std::string_view /*name*/, bool /*hasName*/, const std::string& /*why*/) {
-}
+void AliasVisitor::broken(std::string_view /*name*/, RowFault /*fault*/,
+                          const std::string& /*why*/) {}
 
 void AliasVisitor::doubled(std::string_view /*name*/, std::string_view /*first*/) {}
 
@@ -65,47 +59,29 @@ class AliasGraph::Parser : public Database::AllRowParser {
  private:
   // The number of the row's alias, or `s_none` when the row is none or not the first of its alias.
   Id addName(std::string_view name, std::string_view members) {
-    std::string parsed;
-    std::string_view alias = name;
-    try {
-      if (!splitPlain(name, m_addresses) || m_addresses.size() != 1) {
-        parsed = EmailAddress::rfc5321Parse(name, false).address();
-        alias = parsed;
-      }
-    } catch (const Exception& exception) {
-      m_visitor.broken(name, false, "bad name: " + reasonOf(exception));
-      return AddressIndex::s_none;
-    }
-    if (alias.empty() || members.empty()) {
-      m_visitor.broken(name, !alias.empty(),
-                       alias.empty() ? "the name is empty" : "the members are empty");
+    RowFault fault = m_reader.readKey(name);
+    // Members are read when all names are known.
+    if (fault == RowFault::None && members.empty()) fault = m_reader.readValue(members);
+    if (fault != RowFault::None) {
+      m_visitor.broken(name, fault, m_reader.why());
       return AddressIndex::s_none;
     }
     m_visitor.row(name, members.size());
-    const AddressIndex::Added added = m_graph.m_names.add(alias);
+    const AddressIndex::Added added = m_graph.m_names.add(m_reader.key());
     if (added.isNew) return added.id;
     m_visitor.doubled(name, m_graph.m_names.text(added.id));
     return AddressIndex::s_none;
   }
 
   void addMembers(Id alias, std::string_view text) {
-    if (splitPlain(text, m_addresses)) {
-      for (const std::string_view member : m_addresses) addMember(alias, member);
+    const RowFault fault = m_reader.readValue(text);
+    if (fault != RowFault::None) {
+      // What it leads to is not known; it is reported as broken and as nothing else.
+      m_graph.m_own[alias].add(Reach::addresses());
+      m_visitor.broken(m_graph.m_names.text(alias), fault, m_reader.why());
       return;
     }
-    try {
-      const std::set<EmailAddress> members = EmailAddress::rfc5322ParseSet(text, true, false);
-      for (const EmailAddress& member : members) addMember(alias, member.address());
-      if (!members.empty()) return;
-      // The library takes such a row for no alias.
-      m_graph.m_own[alias].add(Reach::addresses());
-      m_visitor.broken(m_graph.m_names.text(alias), true, "the members are empty");
-    } catch (const Exception& exception) {
-      if (!isAddressFault(exception)) throw;
-      // What it stands for is not known; it is reported as broken and as nothing else.
-      m_graph.m_own[alias].add(Reach::addresses());
-      m_visitor.broken(m_graph.m_names.text(alias), true, "bad members: " + reasonOf(exception));
-    }
+    for (const std::string_view member : m_reader.values()) addMember(alias, member);
   }
 
   void addMember(Id alias, std::string_view member) {
@@ -125,7 +101,7 @@ class AliasGraph::Parser : public Database::AllRowParser {
   const CountRows& m_count;
   std::vector<Id> m_ids;  // Of the rows.
   std::vector<Link> m_links;
-  std::vector<std::string_view> m_addresses;  // Of the text that is being read.
+  RowReader m_reader{TableKind::Alias};
 };
 
 AliasGraph::AliasGraph(Database::Connection& connection, const std::string& table,

@@ -11,6 +11,7 @@
 #include "database/Connection.h"
 #include "tables/AddressIndex.h"
 #include "tables/Links.h"
+#include "tables/RowReader.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -55,9 +56,8 @@ class AliasVisitor {
   AliasVisitor(const AliasVisitor&) = delete;
   AliasVisitor& operator=(const AliasVisitor&) = delete;
 
-  // A row that the library cannot use: `name` as it stands, and what is wrong. `hasName` tells
-  // whether the name is an address.
-  virtual void broken(std::string_view name, bool hasName, const std::string& why);
+  // A row that the library cannot use: `name` as it stands, what is wrong, and that in words.
+  virtual void broken(std::string_view name, RowFault fault, const std::string& why);
   // A row of an address that has one already, spelled `first`.
   virtual void doubled(std::string_view name, std::string_view first);
   // A row with `size` bytes of members.

@@ -20,31 +20,15 @@ namespace {
 // Addresses of one statement: some 20 kB.
 constexpr std::size_t s_addressesPerStatement = 500;
 
-AliasRow s_broken(AliasRow row, AliasRow::State state, const std::string& fault) {
-  row.state = state;
-  row.fault = fault;
-  return row;
-}
-
-// Reads a row in the way the library does, see `AddressAliasRow`.
 AliasRow s_read(const TextRow& texts) {
+  RowReader reader(TableKind::Alias);
   AliasRow row;
   row.name = texts[0];
   row.text = texts[1];
-  try {
-    row.alias = EmailAddress::rfc5321Parse(row.name, false);
-  } catch (const Exception& exception) {
-    return s_broken(row, AliasRow::State::BadName, "bad name: " + reasonOf(exception));
-  }
-  if (row.alias.isNull()) return s_broken(row, AliasRow::State::BadName, "the name is empty");
-  if (texts[1].empty()) {
-    return s_broken(row, AliasRow::State::NoMembers, "the members are empty");
-  }
-  try {
-    row.members = EmailAddress::rfc5322ParseSet(texts[1], true, false);
-  } catch (const Exception& exception) {
-    return s_broken(row, AliasRow::State::BadMembers, "bad members: " + reasonOf(exception));
-  }
+  row.fault = reader.read(row.name, row.text);
+  if (row.fault != RowFault::None) row.why = reader.why();
+  if (!reader.key().empty()) row.alias = reader.keyAddress();
+  if (row.fault == RowFault::None) row.members = reader.valueSet();
   return row;
 }
 
@@ -139,15 +123,6 @@ void AliasTable::transact(const std::function<bool()>& edit) {
     Database::Transaction transaction(m_connection);
     if (edit()) transaction.commit();
   });
-}
-
-std::string joined(const std::set<EmailAddress>& addresses) {
-  std::string text;
-  for (const EmailAddress& address : addresses) {
-    if (!text.empty()) text += ",";
-    text += address.address();
-  }
-  return text;
 }
 
 }  // namespace Tessel::Tool

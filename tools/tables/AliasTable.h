@@ -12,24 +12,18 @@
 
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Tool {
 
 // One row, read without throwing.
 struct AliasRow {
-  enum class State {
-    Good,
-    NoMembers,   // The column `members` is empty: the library takes such a row for no alias.
-    BadName,     // `name` is no e-mail address.
-    BadMembers,  // `members` is no list of e-mail addresses.
-  };
-
   std::string name;    // As it stands in the table.
   std::string text;    // The members, as they stand there.
-  EmailAddress alias;  // Null for `BadName`.
+  EmailAddress alias;  // Null where the name is none.
   std::set<EmailAddress> members;
-  State state = State::Good;
-  std::string fault;  // What is wrong with the row; empty for `Good`.
+  RowFault fault = RowFault::None;
+  std::string why;  // The fault in words.
 };
 
 // What the table holds for an address.
@@ -87,9 +81,6 @@ class AliasTable {
   std::string m_table;
   Database::Connection m_connection;
 };
-
-// The addresses joined by ",", as they are written into a row and to people.
-std::string joined(const std::set<EmailAddress>& addresses);
 
 }  // namespace Tessel::Tool
 

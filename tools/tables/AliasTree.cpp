@@ -90,7 +90,7 @@ void AliasTree::walk(const EmailAddress& root) {
 
 NodeKind AliasTree::visit(Known& known, const EmailAddress& address, bool isRoot) {
   const bool wasVisited = std::exchange(known.isVisited, true);
-  if (known.hasRow && known.row.state == AliasRow::State::BadMembers) return NodeKind::Broken;
+  if (known.hasRow && known.row.fault == RowFault::BadValue) return NodeKind::Broken;
   if (known.hasRow && !known.row.members.empty()) {
     if (!wasVisited) return NodeKind::Alias;
     return known.isOpen ? NodeKind::Cycle : NodeKind::Repeated;

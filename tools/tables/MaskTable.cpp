@@ -19,27 +19,15 @@ constexpr unsigned int s_duplicateEntry = 1062;
 // Keys of one delete statement.
 constexpr std::size_t s_keysPerStatement = 500;
 
-// Reads one text of a row in the way the library does, see `AddressMaskRow`.
-EmailAddress s_read(const std::string& text, const char* column, MaskRow& row) {
-  std::string why = "it is empty";
-  try {
-    EmailAddress address = EmailAddress::rfc5321Parse(text, false);
-    if (!address.isNull()) return address;
-  } catch (const Exception& exception) {
-    why = reasonOf(exception);
-    row.unreadable = true;
-  }
-  if (!row.fault.empty()) row.fault += "; ";
-  row.fault.append("bad ").append(column).append(" address: ").append(why);
-  return {};
-}
-
 MaskRow s_row(std::string_view privateText, std::string_view publicText) {
+  RowReader reader(TableKind::Mask);
   MaskRow row;
   row.privateText = privateText;
   row.publicText = publicText;
-  row.privateAddress = s_read(row.privateText, "private", row);
-  row.publicAddress = s_read(row.publicText, "public", row);
+  row.fault = reader.read(privateText, publicText);
+  if (row.fault != RowFault::None) row.why = reader.why();
+  if (!reader.key().empty()) row.privateAddress = reader.keyAddress();
+  if (!reader.values().empty()) row.publicAddress = *reader.valueSet().begin();
   return row;
 }
 

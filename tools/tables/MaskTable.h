@@ -10,6 +10,7 @@
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
 #include "failure/Failure.h"
+#include "tables/RowReader.h"
 
 namespace Tessel::Tool {
 
@@ -19,10 +20,8 @@ struct MaskRow {
   std::string publicText;
   EmailAddress privateAddress;  // Null where the text is no e-mail address.
   EmailAddress publicAddress;
-  bool unreadable = false;  // A text is neither empty nor an address: the library cannot read on.
-  std::string fault;        // What is wrong with the row; empty for a good one.
-
-  [[nodiscard]] bool isGood() const { return fault.empty(); }
+  RowFault fault = RowFault::None;
+  std::string why;  // The fault in words.
 };
 
 // A mask table over a connection of its own. Failures of the database pass as Exception. One

@@ -53,18 +53,26 @@ std::size_t s_words(std::string_view text, unsigned role, bool isLabel) {
   }
 }
 
+// The length of the plain address that `text` begins with; 0 when there is none.
+std::size_t s_address(std::string_view text) {
+  const std::size_t local = s_words(text, InLocal, false);
+  if (local == 0 || local > s_maxLocal || local == text.size() || text[local] != '@') return 0;
+  const std::size_t domain = s_words(text.substr(local + 1), InLabel, true);
+  const std::size_t size = local + 1 + domain;
+  return domain == 0 || size > s_maxAddress ? 0 : size;
+}
+
 }  // namespace
+
+bool isPlain(std::string_view text) {
+  return !text.empty() && s_address(text) == text.size();
+}
 
 bool splitPlain(std::string_view text, std::vector<std::string_view>& addresses) {
   addresses.clear();
   while (true) {
-    const std::size_t local = s_words(text, InLocal, false);
-    if (local == 0 || local > s_maxLocal || local == text.size() || text[local] != '@') {
-      return false;
-    }
-    const std::size_t domain = s_words(text.substr(local + 1), InLabel, true);
-    const std::size_t size = local + 1 + domain;
-    if (domain == 0 || size > s_maxAddress) return false;
+    const std::size_t size = s_address(text);
+    if (size == 0) return false;
     addresses.push_back(text.substr(0, size));
     if (size == text.size()) return true;
     if (text[size] != ',') return false;

@@ -7,6 +7,9 @@
 
 namespace Tessel::Tool {
 
+// True when `text` is one address of the plainest form, see splitPlain().
+bool isPlain(std::string_view text);
+
 // Puts the addresses of `text`, a list of them joined by ",", into `addresses`, when each is of the
 // plainest form: a dot-string of ASCII, "@", and a domain name of ASCII. Such a text is what
 // `EmailAddress::address()` gives for it. False when one is not of that form, which the parsers of

@@ -1,0 +1,67 @@
+// The one reader of rows, of tables and of files: two texts in, addresses and what is wrong out.
+#ifndef TSL_TOOLS_TABLES_ROWREADER_H
+#define TSL_TOOLS_TABLES_ROWREADER_H
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "tables/TableNames.h"
+
+namespace Tessel::Tool {
+
+// What is wrong with a row. The key is the alias or the private address, the value the members or
+// the public address.
+enum class RowFault {
+  None,
+  BadKey,  // It is no e-mail address, or holds a NUL character, at which the parsers would stop.
+  EmptyKey,
+  BadValue,
+  EmptyValue,  // The library takes an alias without members for no alias.
+};
+
+// Reads rows of one kind of table, one after the other, in the way the library does. Nearly all
+// texts are plain: they are read without a copy. One thread.
+class RowReader {
+ public:
+  explicit RowReader(TableKind kind) : m_kind(kind) {}
+
+  // Each reads one column. `None`, or what is wrong with it.
+  RowFault readKey(std::string_view text);
+  RowFault readValue(std::string_view text);
+  // Both: a bad column goes before an empty one, and the key before the value.
+  RowFault read(std::string_view key, std::string_view value);
+  // What is wrong with the text that was read last and had a fault, in words.
+  [[nodiscard]] const std::string& why() const noexcept { return m_why; }
+
+  // The key that was read last, as `EmailAddress::address()` has it; empty when it was bad. Valid
+  // as long as its text and until the next call of readKey().
+  [[nodiscard]] std::string_view key() const noexcept { return m_key; }
+  [[nodiscard]] EmailAddress keyAddress() const;
+  // The addresses of the value that was read last, likewise, in the order of its text; members may
+  // be there twice.
+  [[nodiscard]] const std::vector<std::string_view>& values() const noexcept { return m_values; }
+  [[nodiscard]] std::set<EmailAddress> valueSet() const;
+  // The value as it is written: in ascending order, each address once, joined by ",".
+  [[nodiscard]] std::string writtenValue() const;
+
+ private:
+  RowFault refuse(RowFault fault, const std::string& reason);
+
+  TableKind m_kind;
+  std::string m_why;
+  std::string_view m_key;
+  std::string m_parsedKey;
+  std::vector<std::string_view> m_values;
+  std::vector<std::string> m_parsedValues;
+  std::string_view m_plain;  // The value's text when it is plain.
+};
+
+// The addresses joined by ",", as they are written into a row and for people.
+std::string joined(const std::set<EmailAddress>& addresses);
+
+}  // namespace Tessel::Tool
+
+#endif
