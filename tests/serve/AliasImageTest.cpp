@@ -87,16 +87,16 @@ TEST(AliasImage, ACircleWithoutAWayOutReachesNobodyAndIsNamed) {
   for (const char* address : {"in@d.example", "a@d.example", "c@d.example"}) {
     EXPECT_EQ(s_expand(image, address).kind, Kind::Nobody) << address;
   }
-  EXPECT_THAT(image.circle(s_key("in@d.example")),
+  EXPECT_THAT(image.loop(s_key("in@d.example")),
               ElementsAre("b@d.example", "c@d.example", "a@d.example", "b@d.example"));
-  EXPECT_THAT(image.circle(s_key("nobody@d.example")), IsEmpty());
+  EXPECT_THAT(image.loop(s_key("nobody@d.example")), IsEmpty());
 }
 
 TEST(AliasImage, WhereThereIsNoCircleNoneIsNamed) {
   const AliasImage image(sourceOf({{"a@d.example", "a@d.example,b@d.example,c@d.example"},
                                    {"b@d.example", "c@d.example"},
                                    {"c@d.example", "x@d.example"}}));
-  EXPECT_THAT(image.circle(s_key("a@d.example")), IsEmpty());
+  EXPECT_THAT(image.loop(s_key("a@d.example")), IsEmpty());
 }
 
 TEST(AliasImage, AChainOfAsManyAliasesAsThereAreRowsIsExpanded) {
@@ -117,7 +117,7 @@ TEST(AliasImage, ALongCircleIsFoundInTheTimeOfItsLength) {
   const Clock::time_point start = Clock::now();
   EXPECT_EQ(s_expand(image, name(0)).kind, Kind::Nobody);
   const Clock::time_point middle = Clock::now();
-  EXPECT_EQ(image.circle(s_key(name(0))).size(), s_length + 1U);
+  EXPECT_EQ(image.loop(s_key(name(0))).size(), s_length + 1U);
   EXPECT_LT(Clock::now() - middle, 10 * (middle - start));
 }
 
@@ -237,7 +237,7 @@ TEST(AliasImage, ADomainWithoutUserMailboxesReachesNobody) {
   const Expansion expansion = s_expand(image, "all@empty.example");
   EXPECT_EQ(expansion.kind, Kind::Nobody);
   EXPECT_TRUE(expansion.dependsOnUsers);
-  EXPECT_THAT(image.circle(s_key("all@empty.example")), IsEmpty());
+  EXPECT_THAT(image.loop(s_key("all@empty.example")), IsEmpty());
 }
 
 TEST(AliasImage, AMarkerThatStaysMeansThatTheUsersCannotBeTold) {
@@ -285,7 +285,7 @@ TEST(AliasImage, ThreadsExpandAtTheSameTime) {
       for (int i = t; i < 500; i += 20) {
         const std::size_t expected = static_cast<std::size_t>(500 - i) + 1;
         if (image.expand(name(i)).addresses.size() != expected) ++wrong;
-        if (!image.circle(name(i)).empty()) ++wrong;
+        if (!image.loop(name(i)).empty()) ++wrong;
       }
     });
   }

@@ -108,22 +108,22 @@ hasnt() {
   equal "${output%%>*}" "550 5.1.1 <nobody@example.com"
 }
 
-@test "an alias in a circle delivers nothing and keeps its mail waiting; other mail goes on" {
-  tool alias set circle1@example.com circle2@example.com
-  tool alias set circle2@example.com circle1@example.com --allow-cycle
-  wait_for "the circle" refuses circle1@example.com
-  run -1 send me@away.example "a circle" circle1@example.com
+@test "an alias in an alias loop delivers nothing and keeps its mail waiting; other mail goes on" {
+  tool alias set loop1@example.com loop2@example.com
+  tool alias set loop2@example.com loop1@example.com --allow-cycle
+  wait_for "the loop" refuses loop1@example.com
+  run -1 send me@away.example "a loop" loop1@example.com
   equal "$output" "451 4.3.5 Server configuration error"
-  printf 'Subject: a circle\n\nHello\n' | sendmail -f me@away.example circle2@example.com
-  wait_for "the mail of the circle" grep -q "circle2@example.com" "$POSTFIX/log"
-  run -0 send me@away.example "beside a circle" ann@example.com
-  printf 'Subject: beside a circle\n\nHello\n' | sendmail -f me@away.example bob@example.com
-  wait_for "the other mail" has_delivered "beside a circle" "ann@example.com bob@example.com"
-  equal "$(delivered "a circle")" ""
-  # Whoever breaks the circle has the mail that waits.
-  tool alias set circle1@example.com cid@example.com
+  printf 'Subject: a loop\n\nHello\n' | sendmail -f me@away.example loop2@example.com
+  wait_for "the mail of the loop" grep -q "loop2@example.com" "$POSTFIX/log"
+  run -0 send me@away.example "beside a loop" ann@example.com
+  printf 'Subject: beside a loop\n\nHello\n' | sendmail -f me@away.example bob@example.com
+  wait_for "the other mail" has_delivered "beside a loop" "ann@example.com bob@example.com"
+  equal "$(delivered "a loop")" ""
+  # Whoever breaks the loop has the mail that waits.
+  tool alias set loop1@example.com cid@example.com
   queue_empties
-  equal "$(delivered "a circle")" "cid@example.com"
+  equal "$(delivered "a loop")" "cid@example.com"
 }
 refuses() { [[ $(postmap -q "$1" "$(map alias)" 2>&1) == *"this alias reaches nobody"* ]]; }
 has_delivered() { [ "$(delivered "$1")" == "$2" ]; }

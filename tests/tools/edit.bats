@@ -56,6 +56,22 @@ at_terminal() {
   contains "$stderr" "only when it is the only member"
 }
 
+@test "alias add and set refuse what closes a loop, and warn of one that is there" {
+  tool alias set a@example.com b@example.com
+  tool alias set b@example.com a@example.com --allow-cycle
+  run -0 --separate-stderr tool alias add a@example.com ann@example.net
+  equal "$stderr" "tsl-address-map: warning: alias a@example.com is in an alias loop already: a@example.com -> b@example.com -> a@example.com"
+  run -0 --separate-stderr tool alias set a@example.com b@example.com bob@example.net
+  contains "$stderr" "is in an alias loop already"
+  tool alias set c@example.com b@example.com
+  run -65 --separate-stderr tool alias add a@example.com c@example.com
+  contains "$stderr" "it would lead back to itself: a@example.com -> c@example.com -> b@example.com -> a@example.com"
+  run -65 tool alias set a@example.com c@example.com
+  equal "$(tool alias show a@example.com)" $'b@example.com\nbob@example.net'
+  run -0 --separate-stderr tool alias set a@example.com bob@example.net
+  equal "$stderr" ""
+}
+
 @test "alias drop takes members out" {
   tool alias set team@example.com ann@example.com bob@example.com carl@example.com
   run -0 --separate-stderr tool alias drop team@example.com BOB@example.com

@@ -43,7 +43,7 @@ setup() { empty_tables; }
   equal "$output" '[]'
 }
 
-@test "an alias in a circle expands to nothing, which is told" {
+@test "an alias in a loop expands to nothing, which is reported" {
   tool alias set a@example.com b@example.com
   tool alias set b@example.com a@example.com --allow-cycle
   run -1 --separate-stderr tool alias expand a@example.com

@@ -220,7 +220,7 @@ all@x.example -> team@x.example -> bob@x.example')"
   run -65 tool alias who nonsense
 }
 
-@test "who: an alias, one that names itself, and circles" {
+@test "who: an alias, one that names itself, and alias loops" {
   rows a@x.example:b@x.example b@x.example:a@x.example,bob@x.example self@x.example:self@x.example,b@x.example
   run -0 --separate-stderr tool alias who b@x.example
   equal "$output" $'a@x.example -> b@x.example\nself@x.example -> b@x.example'

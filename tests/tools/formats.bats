@@ -336,7 +336,7 @@ bad() {
   # One that names itself is delivered to; rows that go, or are changed, lead nowhere any more.
   run -0 tool alias import - <<<self@example.com:self@example.com,x@example.com
   run -0 tool alias import - <<<$'c@example.com:a@example.com\nb@example.com:x@example.com'
-  run -0 tool alias import --replace - <<<$'b@example.com:c@example.com\nc@example.com:a@example.com'
+  run -0 tool alias import --replace - <<<$'b@example.com:y@example.com\nc@example.com:a@example.com'
   # The row that closes it is one of the table, in another spelling.
   sql "insert into alias (name, members) values ('a@example.com', '\"b\" @example.com (x)')"
   run -65 tool alias import - <<<$'b@example.com:c@example.com,y@example.com'
@@ -345,4 +345,8 @@ bad() {
   run -0 tool alias import - <<<new@example.com:a@example.com
   run -0 tool alias import - <<<b@example.com:c@example.com,y@example.com
   equal "$output" "0 added, 0 changed, 4 left, 0 removed"
+  # A change of a row that is in a loop already is not refused for that.
+  run -0 --separate-stderr tool alias import - <<<b@example.com:c@example.com,z@example.com
+  contains "$stderr" "warning: standard input:1: it is in an alias loop already: b@example.com -> c@example.com"
+  run -65 tool alias import - <<<b@example.com:a@example.com,c@example.com
 }

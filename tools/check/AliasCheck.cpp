@@ -154,7 +154,7 @@ class GraphCheck {
     if (reach.isNothing()) {
       if (!isInCycle) {
         add(Severity::Error, "expands-to-nothing", alias,
-            "leads to aliases in a circle only: mail for it reaches nobody");
+            "leads to an alias loop only: mail for it reaches nobody");
       }
     } else if (reach.isMarker()) {
       checkMarker(alias, m_graph.markers().text(reach.number()));

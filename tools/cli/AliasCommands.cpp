@@ -58,7 +58,8 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   table.transact([&] {
     const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
     refuseOther(look, alias, session);
-    if (!arguments.allowCycle) refuseCycle(table, alias, members);
+    if (!arguments.allowCycle)
+      refuseCycle(table, alias, members, pickMembers(members, look.row.members, false));
     present = look.kind == AliasLook::Kind::Present;
     if (!arguments.dryRun) table.set(alias, members);
     return !arguments.dryRun;

@@ -58,12 +58,25 @@ void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session
 }
 
 void refuseCycle(AliasTable& table, const EmailAddress& alias,
-                 const std::set<EmailAddress>& members) {
-  const auto cycles = cyclesOf(table, {{alias, members}});
-  if (cycles.empty()) return;
+                 const std::set<EmailAddress>& members, const std::set<EmailAddress>& added) {
+  const auto cycle = cycleOf(table, alias, {members, added});
+  if (!cycle) return;
+  if (!cycle->isNew) {
+    return say("warning: alias " + alias.address() +
+               " is in an alias loop already: " + textOf(cycle->path));
+  }
   throw Failure(ExitCode::BadData, "alias " + alias.address(),
-                "it would lead back to itself: " + textOf(cycles.front()),
+                "it would lead back to itself: " + textOf(cycle->path),
                 "nothing was changed; leave one of these members out, or give --allow-cycle");
+}
+
+std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
+                                   const std::set<EmailAddress>& members, bool has) {
+  std::set<EmailAddress> picked;
+  for (const EmailAddress& address : some) {
+    if ((members.count(address) != 0) == has) picked.insert(address);
+  }
+  return picked;
 }
 
 std::string changeLine(const char* sign, const EmailAddress& alias,

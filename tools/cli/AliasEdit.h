@@ -24,9 +24,14 @@ void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress
 // Refuses to touch the row of another address, which the server takes for the same one.
 void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session);
 
-// Refuses members that lead back to `alias`. Throws Failure, `BadData`.
+// Refuses `members` when one of `added`, those that are not there yet, leads back to `alias`, and
+// warns when `alias` is in an alias loop already. Throws Failure, `BadData`.
 void refuseCycle(AliasTable& table, const EmailAddress& alias,
-                 const std::set<EmailAddress>& members);
+                 const std::set<EmailAddress>& members, const std::set<EmailAddress>& added);
+
+// Those of `some` that `members` lacks, or, with `has`, those that it has.
+std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
+                                   const std::set<EmailAddress>& members, bool has);
 
 // "`alias`:`members`", as table files have it, with `sign` and a blank before.
 std::string changeLine(const char* sign, const EmailAddress& alias,

@@ -40,15 +40,6 @@ Members s_membersOf(const AliasLook& look, const Session& session) {
   return look.row.members;
 }
 
-// Those of `some` that `members` lacks, or, with `has`, those that it has.
-Members s_pick(const Members& some, const Members& members, bool has) {
-  Members picked;
-  for (const EmailAddress& address : some) {
-    if ((members.count(address) != 0) == has) picked.insert(address);
-  }
-  return picked;
-}
-
 Json s_document(const EmailAddress& alias, const Members& members, const char* what,
                 const Members& changed) {
   Json document{{"address", alias.address()}};
@@ -70,10 +61,10 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
     refuseOther(look, alias, session);
     members = s_membersOf(look, session);
     present = look.kind == AliasLook::Kind::Present;
-    added = s_pick(wanted, members, false);
+    added = pickMembers(wanted, members, false);
     if (added.empty()) return false;
     members.insert(added.begin(), added.end());
-    if (!arguments.allowCycle) refuseCycle(table, alias, members);
+    if (!arguments.allowCycle) refuseCycle(table, alias, members, added);
     if (arguments.dryRun) return false;
     table.set(alias, members);
     return true;
@@ -130,8 +121,8 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
     refuseOther(look, alias, session);
     present = look.kind == AliasLook::Kind::Present;
     const Members members = s_membersOf(look, session);
-    dropped = s_pick(wanted, members, true);
-    change = {alias, look.row.name, s_pick(members, wanted, false)};
+    dropped = pickMembers(wanted, members, true);
+    change = {alias, look.row.name, pickMembers(members, wanted, false)};
     if (dropped.empty()) return false;
     s_refuseEmpty(change, arguments.removeEmpty);
     if (arguments.dryRun) return false;
@@ -139,7 +130,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
     return true;
   });
   if (!present) sayNoAlias(alias, session);
-  for (const EmailAddress& member : s_pick(wanted, dropped, false)) {
+  for (const EmailAddress& member : pickMembers(wanted, dropped, false)) {
     if (present) say(member.address() + " is no member of " + alias.address());
   }
   if (!dropped.empty() && !arguments.dryRun) {
@@ -173,7 +164,7 @@ Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& m
       continue;
     }
     if (row.members.count(member) == 0) continue;
-    all.changes.push_back({row.alias, row.name, s_pick(row.members, {member}, false)});
+    all.changes.push_back({row.alias, row.name, pickMembers(row.members, {member}, false)});
   }
   return all;
 }
@@ -216,7 +207,7 @@ Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, cons
   table.transact([&] {
     progress.begin("reading", "rows");
     all = s_everywhere(table.rowsLocked(), member);
-    if (agreed != nullptr && !s_pick(all.vanishing(), *agreed, false).empty()) {
+    if (agreed != nullptr && !pickMembers(all.vanishing(), *agreed, false).empty()) {
       throw Failure(ExitCode::Unavailable, "alias drop --everywhere",
                     "the table has changed meanwhile, and other aliases would be left empty",
                     "nothing was changed; try again");

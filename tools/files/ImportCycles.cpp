@@ -30,31 +30,56 @@ std::vector<ImportCycles::Cycle> ImportCycles::find(const std::vector<const File
   }
   // Mostly no alias is a member of another one.
   if (m_links.empty()) return {};
+  std::vector<Links::Node> nodes;
+  for (const FileEntry* entry : written) nodes.push_back(nodeOf(*entry));
   const Links links(m_names.size(), m_links);
-  const Components components = componentsOf(links);
   std::vector<Cycle> cycles;
-  std::set<std::uint32_t> told;
-  for (const FileEntry* entry : written) {
-    const auto alias = static_cast<Links::Node>(entry - entries.data());
-    const std::uint32_t component = components.of[alias];
-    if (components.nodes.of(component).size() < 2 || !told.insert(component).second) continue;
-    Cycle cycle{entry->number, {}};
-    for (const Links::Node node : cycleThrough(links, components, alias)) {
-      cycle.path.emplace_back(m_names.text(node));
-    }
+  for (const Tool::Cycle& found : cyclesOf(links, nodes, addedLinks(written))) {
+    Cycle cycle{entries[found.path.front()].number, {}, found.isNew};
+    for (const Links::Node node : found.path) cycle.path.emplace_back(m_names.text(node));
     cycles.push_back(std::move(cycle));
   }
   return cycles;
 }
 
-void ImportCycles::addLinks(Links::Node alias, std::string_view members) {
-  if (m_reader.readValue(members) != RowFault::None) return;
-  for (const std::string_view member : m_reader.values()) addLink(alias, member);
+void ImportCycles::replace(const FileEntry& entry, std::string_view members) {
+  m_replaced[nodeOf(entry)] = members;
 }
 
-void ImportCycles::addLink(Links::Node alias, std::string_view member) {
-  const AddressIndex::Id id = m_names.find(member);
-  if (id != AddressIndex::s_none && id != alias) m_links.push_back({alias, id});
+Links::Node ImportCycles::nodeOf(const FileEntry& entry) const {
+  return static_cast<Links::Node>(&entry - m_file.entries().data());
+}
+
+// Links of entries to members that their rows had not before.
+std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& written) {
+  std::vector<Link> added;
+  for (const FileEntry* entry : written) {
+    const Links::Node alias = nodeOf(*entry);
+    const auto replaced = m_replaced.find(alias);
+    const std::set<Links::Node> before =
+        replaced == m_replaced.end() ? std::set<Links::Node>() : aliasesIn(replaced->second);
+    for (const Links::Node member : aliasesIn(entry->value)) {
+      if (member != alias && !before.contains(member)) added.push_back({alias, member});
+    }
+  }
+  return added;
+}
+
+// The aliases among `members`; none when they cannot be read.
+std::set<Links::Node> ImportCycles::aliasesIn(std::string_view members) {
+  std::set<Links::Node> aliases;
+  if (m_reader.readValue(members) != RowFault::None) return aliases;
+  for (const std::string_view member : m_reader.values()) {
+    const AddressIndex::Id id = m_names.find(member);
+    if (id != AddressIndex::s_none) aliases.insert(id);
+  }
+  return aliases;
+}
+
+void ImportCycles::addLinks(Links::Node alias, std::string_view members) {
+  for (const Links::Node member : aliasesIn(members)) {
+    if (member != alias) m_links.push_back({alias, member});
+  }
 }
 
 }  // namespace Tessel::Tool

@@ -3,6 +3,8 @@
 #define TSL_TOOLS_FILES_IMPORTCYCLES_H
 
 #include <cstddef>
+#include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +25,7 @@ class ImportCycles {
   struct Cycle {
     std::size_t line;
     std::vector<std::string> path;
+    bool isNew;  // A member that its row had not before closes it.
   };
 
   // `file` must outlive the object.
@@ -30,19 +33,24 @@ class ImportCycles {
 
   // Tells a row that stays and that the file does not mention. One that is broken leads nowhere.
   void keep(std::string_view name, std::string_view members);
+  // Tells the members that the row of `entry` has before the import.
+  void replace(const FileEntry& entry, std::string_view members);
   // Of each set of aliases that all lead to each other and of which one is in `written`, entries of
   // the file, a shortest cycle through the first such one. An alias that names itself is none.
   std::vector<Cycle> find(const std::vector<const FileEntry*>& written);
 
  private:
+  [[nodiscard]] Links::Node nodeOf(const FileEntry& entry) const;
+  [[nodiscard]] std::set<Links::Node> aliasesIn(std::string_view members);
   void addLinks(Links::Node alias, std::string_view members);
-  void addLink(Links::Node alias, std::string_view member);
+  [[nodiscard]] std::vector<Link> addedLinks(const std::vector<const FileEntry*>& written);
 
   const TableFile& m_file;
   RowReader m_reader{TableKind::Alias};
   AddressIndex m_names;             // The entries of the file first, in their order.
   std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
   std::string m_members;
+  std::map<Links::Node, std::string> m_replaced;  // Members before, of entries that change.
   std::vector<Link> m_links;
 };
 

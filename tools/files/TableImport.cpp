@@ -12,6 +12,7 @@
 #include "tables/AliasCycles.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -138,7 +139,12 @@ void TableImport::checkCycles() {
   if (written.empty()) return;
   LineFaults faults(m_file.name());
   for (const ImportCycles::Cycle& cycle : m_cycles->find(written)) {
-    faults.add(cycle.line, "it would lead back to itself: " + textOf(cycle.path));
+    if (cycle.isNew) {
+      faults.add(cycle.line, "it would lead back to itself: " + textOf(cycle.path));
+    } else {
+      say("warning: " + m_file.name() + ":" + std::to_string(cycle.line) +
+          ": it is in an alias loop already: " + textOf(cycle.path));
+    }
   }
   m_cycles.reset();
   faults.refuse("it would make aliases lead back to themselves, which only --allow-cycle permits");
@@ -149,6 +155,7 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   const EmailAddress address = s_parse(key);
   const FileEntry* const entry = address.isNull() ? nullptr : m_file.withKey(address);
   if (entry == nullptr) return meetUnmentioned(key, value, faults);
+  if (m_cycles != nullptr && value != entry->value) m_cycles->replace(*entry, value);
   Match& match = matches[static_cast<std::size_t>(entry - m_file.entries().data())];
   const bool exact = key == entry->key.address();
   if (match.present && !exact) {

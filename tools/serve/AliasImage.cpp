@@ -2,6 +2,8 @@
 #include "serve/AliasImage.h"
 
 #include <algorithm>
+#include <numeric>
+#include <unordered_map>
 #include <utility>
 
 #include "alias/AddressAliasDbMySQL.h"
@@ -9,6 +11,7 @@
 #include "base/stringCompareNoCase.h"
 #include "serve/AddressKey.h"
 #include "tables/AliasGraph.h"
+#include "tables/Links.h"
 #include "tables/RowReader.h"
 
 namespace Tessel::Serve {
@@ -116,42 +119,32 @@ bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
   });
 }
 
-std::vector<std::string> AliasImage::circle(std::string_view key) const {
-  struct Level {
-    RowStore::Id row;
-    std::set<EmailAddress> members;
-  };
-  std::vector<Level> levels;
-  std::set<RowStore::Id> visited;
-  const auto enter = [&](RowStore::Id row) {
-    visited.insert(row);
-    levels.push_back({row, members(row)});
-  };
+std::vector<std::string> AliasImage::loop(std::string_view key) const {
   const RowStore::Id first = m_keys.find(key);
   if (first == AddressIndex::s_none) return {};
-  enter(first);
-  while (!levels.empty()) {
-    if (levels.back().members.empty()) {
-      levels.pop_back();
-      continue;
-    }
-    std::set<EmailAddress>& left = levels.back().members;
-    const RowStore::Id row = rowOf(left.extract(left.begin()).value());
-    if (row == AddressIndex::s_none || row == levels.back().row) continue;
-    if (!visited.contains(row)) {
-      enter(row);
-      continue;
-    }
-    std::vector<std::string> circle;
-    for (const Level& level : levels) {
-      if (level.row == row || !circle.empty()) circle.emplace_back(m_rows.first(level.row));
-    }
-    if (!circle.empty()) {
-      circle.push_back(circle.front());
-      return circle;
+  std::unordered_map<RowStore::Id, Tool::Links::Node> numbers{{first, 0}};
+  std::vector<RowStore::Id> rows{first};
+  std::vector<Tool::Link> links;
+  for (Tool::Links::Node alias = 0; alias < rows.size(); ++alias) {
+    for (const EmailAddress& member : members(rows[alias])) {
+      const RowStore::Id row = rowOf(member);
+      if (row == AddressIndex::s_none || row == rows[alias]) continue;
+      const auto next = static_cast<Tool::Links::Node>(rows.size());
+      const auto [known, isNew] = numbers.emplace(row, next);
+      if (isNew) rows.push_back(row);
+      links.push_back({alias, known->second});
     }
   }
-  return {};
+  std::vector<Tool::Links::Node> nodes(rows.size());
+  std::iota(nodes.begin(), nodes.end(), 0);
+  const std::vector<Tool::Cycle> cycles =
+      Tool::cyclesOf(Tool::Links(rows.size(), links), nodes, {});
+  std::vector<std::string> loop;
+  if (cycles.empty()) return loop;
+  for (const Tool::Links::Node node : cycles.front().path) {
+    loop.emplace_back(m_rows.first(rows[node]));
+  }
+  return loop;
 }
 
 std::set<EmailAddress> AliasImage::members(RowStore::Id id) const {

@@ -46,9 +46,9 @@ class AliasImage {
   // What the address with `key` stands for; `key` is as addressKey() gives it.
   [[nodiscard]] Expansion expand(std::string_view key) const;
 
-  // A circle of aliases that the alias with `key` leads into, its first address also at the end;
-  // empty when there is none.
-  [[nodiscard]] std::vector<std::string> circle(std::string_view key) const;
+  // An alias loop that the alias with `key` leads into, its first address also at the end; empty
+  // when there is none.
+  [[nodiscard]] std::vector<std::string> loop(std::string_view key) const;
 
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
   [[nodiscard]] const LeftOutRows& leftOut() const noexcept { return m_leftOut; }

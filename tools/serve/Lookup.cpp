@@ -228,7 +228,7 @@ Answer Lookup::expansion(const Road& road, const std::string& key, std::string_v
     case Expansion::Kind::Nobody: {
       Answer answer = Answer::perm("this alias reaches nobody");
       answer.isVolatile = found.dependsOnUsers;
-      if (!found.dependsOnUsers) tellOfCircle(road, key);
+      if (!found.dependsOnUsers) tellOfLoop(road, key);
       return answer;
     }
     case Expansion::Kind::Found:
@@ -321,16 +321,17 @@ Answer Lookup::domainAnswer(std::string_view text) const {
   return isServed ? Answer::ok(key) : Answer::notFound();
 }
 
-void Lookup::tellOfCircle(const Road& road, const std::string& key) {
-  const std::vector<std::string> circle = road.image->alias().circle(key);
-  if (circle.empty()) return;
-  m_log.warning("table " + road.table->sqlName() +
-                ": mail for an alias was refused, as it leads in a circle and reaches nobody; "
-                "'tsl-address-map check' names it");
+void Lookup::tellOfLoop(const Road& road, const std::string& key) {
+  const std::vector<std::string> loop = road.image->alias().loop(key);
+  if (loop.empty()) return;
+  m_log.warning(
+      "table " + road.table->sqlName() +
+      ": mail for an alias was refused, as it leads into an alias loop and reaches nobody; "
+      "'tsl-address-map check' names it");
   if (!m_log.isDebug()) return;
   std::string text;
-  for (const std::string& address : circle) text += (text.empty() ? "" : " -> ") + address;
-  m_log.debug("circle: " + text);
+  for (const std::string& address : loop) text += (text.empty() ? "" : " -> ") + address;
+  m_log.debug("alias loop: " + text);
 }
 
 ExtendedAddress Lookup::cut(std::string_view text) const {

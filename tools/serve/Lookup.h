@@ -49,7 +49,7 @@ class Lookup {
   Answer maskAnswer(const Road& road, std::string_view text) const;
   [[nodiscard]] Answer mailboxAnswer(std::string_view text) const;
   [[nodiscard]] Answer domainAnswer(std::string_view text) const;
-  void tellOfCircle(const Road& road, const std::string& key);
+  void tellOfLoop(const Road& road, const std::string& key);
   // `text` without its extension, when the settings want it looked up so; otherwise nothing is cut.
   [[nodiscard]] ExtendedAddress cut(std::string_view text) const;
   // The extension that the addresses of an answer get.

@@ -2,6 +2,7 @@
 #include "tables/AliasCycles.h"
 
 #include <cstddef>
+#include <map>
 #include <utility>
 
 #include "tables/Links.h"
@@ -13,33 +14,31 @@ namespace {
 // Longer ways lose their middle when they are shown.
 constexpr std::size_t s_longestPath = 20;
 
-// The aliases that changes lead to, numbered, the changed ones first.
+// The aliases that a change leads to, numbered, the changed one first.
 class Reached {
  public:
-  Reached(AliasTable& table, const AliasChanges& changes) : m_changed(changes.size()) {
-    for (const auto& [alias, members] : changes) number(alias);
-    for (const auto& [alias, members] : changes) addMembers(number(alias), members);
+  Reached(AliasTable& table, const EmailAddress& alias, const AliasChange& change) {
+    number(alias);
+    addMembers(s_changed, change.members);
     while (!m_unasked.empty()) ask(table);
+    for (const EmailAddress& member : change.added) {
+      const Links::Node node = number(member);
+      if (node != s_changed) m_added.push_back({s_changed, node});
+    }
   }
 
-  [[nodiscard]] std::vector<std::vector<EmailAddress>> cycles() const {
+  [[nodiscard]] std::optional<AliasCycle> cycle() const {
     const Links links(m_addresses.size(), m_links);
-    const Components components = componentsOf(links);
-    std::vector<std::vector<EmailAddress>> cycles;
-    std::set<std::uint32_t> told;
-    for (Links::Node alias = 0; alias < m_changed; ++alias) {
-      const std::uint32_t component = components.of[alias];
-      if (components.nodes.of(component).size() < 2 || !told.insert(component).second) continue;
-      std::vector<EmailAddress> cycle;
-      for (const Links::Node node : cycleThrough(links, components, alias)) {
-        cycle.push_back(m_addresses[node]);
-      }
-      cycles.push_back(std::move(cycle));
-    }
-    return cycles;
+    const std::vector<Cycle> cycles = cyclesOf(links, {s_changed}, m_added);
+    if (cycles.empty()) return std::nullopt;
+    AliasCycle cycle{{}, cycles.front().isNew};
+    for (const Links::Node node : cycles.front().path) cycle.path.push_back(m_addresses[node]);
+    return cycle;
   }
 
  private:
+  static constexpr Links::Node s_changed = 0;
+
   Links::Node number(const EmailAddress& address) {
     const auto next = static_cast<Links::Node>(m_addresses.size());
     const auto [known, isNew] = m_numbers.emplace(address, next);
@@ -62,17 +61,18 @@ class Reached {
     }
   }
 
-  std::size_t m_changed;
   std::map<EmailAddress, Links::Node> m_numbers;
   std::vector<EmailAddress> m_addresses;
   std::vector<Link> m_links;
+  std::vector<Link> m_added;
   std::set<EmailAddress> m_unasked;
 };
 
 }  // namespace
 
-std::vector<std::vector<EmailAddress>> cyclesOf(AliasTable& table, const AliasChanges& changes) {
-  return Reached(table, changes).cycles();
+std::optional<AliasCycle> cycleOf(AliasTable& table, const EmailAddress& alias,
+                                  const AliasChange& change) {
+  return Reached(table, alias, change).cycle();
 }
 
 std::string textOf(const std::vector<std::string>& path) {

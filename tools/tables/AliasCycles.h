@@ -2,7 +2,7 @@
 #ifndef TSL_TOOLS_TABLES_ALIASCYCLES_H
 #define TSL_TOOLS_TABLES_ALIASCYCLES_H
 
-#include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -12,15 +12,24 @@
 
 namespace Tessel::Tool {
 
-// Rows to be written: aliases with their members.
-using AliasChanges = std::map<EmailAddress, std::set<EmailAddress>>;
+// A row to be written: the members it will have, and those of them that it had not before.
+struct AliasChange {
+  std::set<EmailAddress> members;
+  std::set<EmailAddress> added;
+};
 
-// The cycles with a row of `changes` in them that `table` would have after `changes` were written:
-// of each set of aliases that all lead to each other a shortest cycle through the first changed
-// one, which stands at both ends. An alias that names itself is no cycle: it is delivered to. Asks
-// for the rows that the changes lead to and no others. Throws Exception when the database cannot
-// answer.
-std::vector<std::vector<EmailAddress>> cyclesOf(AliasTable& table, const AliasChanges& changes);
+// A cycle of aliases, the same one at both ends.
+struct AliasCycle {
+  std::vector<EmailAddress> path;
+  bool isNew;  // One of the added members closes it.
+};
+
+// The cycle that `alias` would be in after `change` was written; nothing when there is none. One
+// that an added member closes goes first. An alias that names itself is no cycle: it is delivered
+// to. Asks for the rows that the change leads to and no others. Throws Exception when the database
+// cannot answer.
+std::optional<AliasCycle> cycleOf(AliasTable& table, const EmailAddress& alias,
+                                  const AliasChange& change);
 
 // The addresses of a cycle as "a -> b -> a", the middle of a long one left out.
 std::string textOf(const std::vector<std::string>& path);

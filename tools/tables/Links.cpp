@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 
 namespace Tessel::Tool {
 
@@ -82,6 +84,27 @@ class Tarjan {
   std::uint32_t m_count = 0;
 };
 
+// A shortest way from `start` to `end` through nodes of their component, both included; where they
+// are one node, a way that leaves it.
+std::vector<Links::Node> s_shortestWay(const Links& graph, const Components& components,
+                                       Links::Node start, Links::Node end) {
+  // Breadth first, each node with the one it was met from.
+  std::unordered_map<Links::Node, Links::Node> from;
+  std::vector<Links::Node> queue{start};
+  for (std::size_t i = 0; i < queue.size() && !from.contains(end); ++i) {
+    for (const Links::Node target : graph.of(queue[i])) {
+      if (components.of[target] != components.of[start] || target == queue[i]) continue;
+      if (from.emplace(target, queue[i]).second) queue.push_back(target);
+    }
+  }
+  std::vector<Links::Node> way{end};
+  do {
+    way.push_back(from.at(way.back()));
+  } while (way.back() != start);
+  std::reverse(way.begin(), way.end());
+  return way;
+}
+
 }  // namespace
 
 Links::Links(std::size_t nodes, const std::vector<Link>& links)
@@ -116,24 +139,33 @@ Components componentsOf(const Links& graph) {
 
 std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
                                       Links::Node node) {
-  // Breadth first, each node with the one it was met from.
-  std::unordered_map<Links::Node, Links::Node> from;
-  std::vector<Links::Node> queue{node};
-  for (std::size_t i = 0; i < queue.size(); ++i) {
-    for (const Links::Node target : graph.of(queue[i])) {
-      if (components.of[target] != components.of[node] || target == queue[i]) continue;
-      if (!from.emplace(target, queue[i]).second) continue;
-      queue.push_back(target);
-      if (target == node) break;
-    }
-    if (from.count(node) != 0) break;
+  return s_shortestWay(graph, components, node, node);
+}
+
+std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& nodes,
+                            const std::vector<Link>& added) {
+  const Components components = componentsOf(graph);
+  std::unordered_map<std::uint32_t, Link> closing;  // By the component.
+  for (const Link& link : added) {
+    const std::uint32_t component = components.of[link.from];
+    if (component == components.of[link.to]) closing.emplace(component, link);
   }
-  std::vector<Links::Node> cycle{node};
-  do {
-    cycle.push_back(from.at(cycle.back()));
-  } while (cycle.back() != node);
-  std::reverse(cycle.begin(), cycle.end());
-  return cycle;
+  std::vector<Cycle> cycles;
+  std::unordered_set<std::uint32_t> done;
+  for (const Links::Node node : nodes) {
+    const std::uint32_t component = components.of[node];
+    if (components.nodes.of(component).size() < 2 || !done.insert(component).second) continue;
+    const auto link = closing.find(component);
+    if (link == closing.end()) {
+      cycles.push_back({cycleThrough(graph, components, node), false});
+      continue;
+    }
+    const auto [from, to] = link->second;
+    Cycle cycle{s_shortestWay(graph, components, to, from), true};
+    cycle.path.insert(cycle.path.begin(), from);
+    cycles.push_back(std::move(cycle));
+  }
+  return cycles;
 }
 
 }  // namespace Tessel::Tool

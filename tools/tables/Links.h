@@ -53,6 +53,19 @@ Components componentsOf(const Links& graph);
 std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
                                       Links::Node node);
 
+// A cycle, the same node at both ends.
+struct Cycle {
+  std::vector<Links::Node> path;
+  bool isNew;  // It would not be there without one of the links that were asked about.
+};
+
+// The cycles that a change of links leaves behind: one of each component that has more than one
+// node and one of `nodes` among them. Where one of `added`, links of the graph, closes it, a
+// shortest one that begins with the first such link; otherwise a shortest one through the first
+// such node.
+std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& nodes,
+                            const std::vector<Link>& added);
+
 }  // namespace Tessel::Tool
 
 #endif
