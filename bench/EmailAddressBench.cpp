@@ -1,5 +1,5 @@
-// Speed of addresses: parsing, comparing, copying sets and writing, each beside the same work done
-// by hand with `std::string` where there is such a thing.
+// Speed of addresses: parsing, comparing, copying sets and writing, each compared with the same
+// work done by hand with `std::string` where there is such a thing.
 #include <array>
 #include <cstddef>
 #include <functional>

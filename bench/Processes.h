@@ -21,9 +21,9 @@ long waitFor(pid_t child, const std::string& what);
 // The tool, which is built into the same directory as this program.
 std::filesystem::path toolPath();
 
-// Runs the tool with `words`, which are separated by blanks; FILE stands for a file that exports
-// may write. Returns the peak of its resident memory in kilobytes. That of a child counts from its
-// parent's size on, so the parent must be small where the number is to mean something.
+// Runs the tool with `words`, which are separated by blanks; FILE is replaced by a file that
+// exports may write. Returns the peak of its resident memory in kilobytes. The peak of a child
+// starts at the size of its parent, so the parent must be small for the number to mean anything.
 long runTool(const std::string& words);
 
 // Peak of resident memory, in MB, of a new, small process of this program, with "--peak=" and

@@ -47,21 +47,21 @@ constexpr double s_mostOfDatabase = 1 / 2.0;
 constexpr double s_mostOfTail = 2;
 constexpr double s_mostWalks = 2.5;
 
-// A folder for the sockets and files, gone with the program.
+// A directory for the sockets and files, gone with the program.
 const std::filesystem::path& s_folder() {
-  struct Folder {
-    Folder() {
+  struct Directory {
+    Directory() {
       char name[] = "/tmp/tsl-serve-bench-XXXXXX";
-      if (mkdtemp(name) == nullptr) throw std::runtime_error("no folder in /tmp");
+      if (mkdtemp(name) == nullptr) throw std::runtime_error("no directory in /tmp");
       path = name;
     }
-    ~Folder() {
+    ~Directory() {
       std::error_code ignored;
       std::filesystem::remove_all(path, ignored);
     }
     std::filesystem::path path;
   };
-  static const Folder s_made;
+  static const Directory s_made;
   return s_made.path;
 }
 
@@ -87,7 +87,7 @@ std::string s_request(int i) {
   return std::to_string(text.size()) + ":" + text + ",";
 }
 
-// Waits until the one who listens at `path` answers the first request with "OK".
+// Waits until the service that listens on `path` answers the first request with "OK".
 void s_waitForAnswers(const std::string& path) {
   const auto end = steady_clock::now() + std::chrono::minutes(2);
   while (steady_clock::now() < end) {
@@ -156,7 +156,7 @@ Responder s_startConstant(int number) {
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
       listen(listener, 1024) != 0) {
-    throw std::runtime_error("cannot listen at " + path);
+    throw std::runtime_error("cannot listen on " + path);
   }
   const pid_t child = fork();
   if (child == 0) {

@@ -21,7 +21,7 @@ bool s_isSame(const EmailAddress& a, const EmailAddress& b) {
   return a == b && !(a < b) && !(b < a) && a.local() == b.local() && a.domain() == b.domain();
 }
 
-// No quote stands in the literal without a backslash before it, and none is left open.
+// Every quote in the literal has a backslash before it, and none is left open.
 bool s_isSafeLiteral(std::string_view escaped) {
   for (std::size_t i = 0; i < escaped.size(); ++i) {
     if (escaped[i] == '\'' || escaped[i] == '"') return false;

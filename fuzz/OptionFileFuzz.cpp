@@ -1,5 +1,5 @@
 // Fuzz target of option files as this project reads them: what may be named as one, and what a
-// connection that fails tells about its content, which is never the password. What the lines mean
+// connection that fails reports of its content, which is never the password. What the lines mean
 // is the client library's business. The first byte of an input is the kind of file, the second half
 // of the rights to it, the third the length of its name, which follows; the rest is its content.
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-// The rows that an input of the row target stands for, and a stored result that holds them.
+// The rows that an input of the row target represents, and a stored result that holds them.
 #ifndef TSL_FUZZ_ROWINPUT_H
 #define TSL_FUZZ_ROWINPUT_H
 
@@ -38,7 +38,7 @@ inline std::vector<Cells> rowsOf(std::string_view input) {
 
 // `rows` in memory as the client library keeps a stored result, so that the library's own functions
 // read them: the texts of a row in one block, a NUL behind each, and a pointer to their end. Here
-// each row has a block of its own, so that a sanitizer sees what is read beside it. One thread.
+// each row has a block of its own, so that a sanitizer sees what is read outside it. One thread.
 class StoredResult {
  public:
   // All of `rows` have the same number of columns, at least one.

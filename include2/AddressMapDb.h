@@ -46,7 +46,7 @@ class TSL_EXPORT AddressMapDb {
   static void initialize(Type type, bool clear);
 
   // The table `alias_NAME`, or `alias` for the empty name; the same table for every caller of the
-  // same name, which is taken as it stands (letter case matters). Throws what opening the table
+  // same name, which is used as is (letter case matters). Throws what opening the table
   // throws; the next call tries again.
   [[nodiscard]] AddressAliasDb aliasDb(const std::string& name) const;
 

@@ -2,60 +2,61 @@
    both. Compiles as C11 and as C++20. This header is the manual; docs/c-interface.md shows the
    calls at work.
 
-   Objects and who ends them
-   - tsl_address_map: an open store with one database connection. Made by
-     tsl_address_alias_create() or tsl_address_mask_create(), which do the same; ended by
-     tsl_address_alias_destroy() or tsl_address_mask_destroy(), which do the same. It serves the
-     functions of both kinds.
+   Objects and who destroys them
+   - tsl_address_map: an open store with one database connection. Created by
+     tsl_address_alias_create() or tsl_address_mask_create(), which do the same; destroyed by
+     tsl_address_alias_destroy() or tsl_address_mask_destroy(), which do the same. One store serves
+     the functions of both kinds.
    - tsl_emailaddress, tsl_emailaddress_container: see address/tsl_emailaddress.h, which has the
-     functions that make, read and end them.
-   - tsl_address_alias_entry: one alias. One that a function returned is ended by
+     functions that create, read and destroy them.
+   - tsl_address_alias_entry: one alias. An entry that a function returned is destroyed by
      tsl_address_alias_entry_destroy(), never by free().
-   - tsl_address_alias_list, tsl_address_mask_list: arrays of records, ended by
-     tsl_address_alias_list_destroy() and tsl_address_mask_list_destroy(). Single records of a list
-     are never ended alone.
-   - tsl_address_map_extensions: table names, ended by tsl_address_map_extensions_destroy().
-   What a function returns is the caller's until that call. What the caller passes in stays the
-   caller's: it is read during the call and not kept. Records of the caller's own may lie anywhere,
-   and their strings too.
+   - tsl_address_alias_list, tsl_address_mask_list: arrays of records, destroyed by
+     tsl_address_alias_list_destroy() and tsl_address_mask_list_destroy(). A single record of a
+     list is never destroyed alone.
+   - tsl_address_map_extensions: table names, destroyed by tsl_address_map_extensions_destroy().
+   The caller owns what a function returns until that call. The caller keeps what it passes in: the
+   function reads it during the call and does not keep it. The caller's own records and their
+   strings may be anywhere in memory.
 
    Table names
-   - The last argument `table` of a function with a store is the name behind "alias_" or "mask_";
-     NULL and "" stand for the default tables "alias" and "mask".
+   - The last argument `table` of a function with a store is the name after "alias_" or "mask_";
+     NULL and "" mean the default tables "alias" and "mask".
    - The functions named ..._table_create and ..._table_erase always write the "_": for them "" is
      the table "alias_" or "mask_", which no function with a store opens.
-   - Names, like domains, go into SQL as they stand. Only letters, digits and "_" are safe in a
-     table name; "'", "\", "%" and "_" are not safe in a domain, nor is what the writing functions
-     say.
+   - Names, like domains, go into SQL unescaped. Only letters, digits and "_" are safe in a table
+     name. "'", "\", "%" and "_" are not safe in a domain. The writing functions say what else is
+     not safe.
 
    Results
    - int: 0 done, -1 refused or failed.
    - A pointer: NULL for "nothing there", for "could not ask" and for a refused argument alike. A
-     caller that must tell them apart (a mail server must: NULL is not "no such address") uses the
+     caller that must distinguish them (a mail server must: NULL is not "no such address") uses the
      C++ classes or the lookup service.
-   - NULL as a store, an address, an entry, a domain or a path is refused: -1 or NULL, nothing is
-     touched. NULL as an object to end is ignored.
+   - NULL as a store, an address, an entry, a domain or a path is refused: the result is -1 or NULL
+     and nothing is touched. NULL as an object to destroy is ignored.
 
    Exceptions
    - Failures of the database and malformed texts (the library's own exception) become -1, NULL or
      the partial result that a function names.
    - The four functions ..._table_create and ..._table_erase let that exception out. Everything
      else that C++ can throw, above all std::bad_alloc when memory is short, leaves any function
-     that asks the database, but for the two ..._extensions_create. Nothing stays locked then,
-     nothing is leaked, and the store can be used on. The functions that end an object throw
+     that asks the database, except the two ..._extensions_create. Then nothing stays locked,
+     nothing is leaked, and the store can still be used. The functions that destroy an object throw
      nothing.
-   - So a C program that calls one of the four, or wants to survive a lack of memory, calls through
-     a C++ function that catches. An exception that reaches main() or a thread's start ends the
-     process; one that passes through C frames needs them compiled with -fexceptions, and skips
-     their cleaning up.
+   - A C program that calls one of the four, or must survive a lack of memory, therefore calls
+     through a C++ function that catches. An exception that reaches main() or the start of a thread
+     terminates the process. One that passes through C frames needs them compiled with
+     -fexceptions, and skips their clean-up.
 
-   Threads: any threads may use one store at once, each with arguments of its own; their statements
-   take turns on its connection. No thread may use a store that another one destroys. Functions
-   without a store may be called from any thread. Results are independent of their store and of each
-   other; several threads may read one that none ends.
+   Threads: any number of threads may use one store at the same time, each with arguments of its
+   own; their statements take turns on its connection. No thread may use a store that another
+   thread destroys. Functions without a store may be called from any thread. Results are
+   independent of their store and of each other; several threads may read a result that none
+   destroys.
 
-   Stores made here never read a table ahead, so what they say of a table is always what it holds
-   at that moment. */
+   Stores created here never preload a table, so each call reports what the table holds at that
+   moment. */
 #ifndef TSL_ADDRESS_MAP_H
 #define TSL_ADDRESS_MAP_H
 
@@ -104,22 +105,22 @@ typedef struct tsl_address_map_extensions_body* tsl_address_map_extensions;
    NULL: the server or the database could not be reached. */
 TSL_EXPORT tsl_address_map tsl_address_alias_create(void);
 
-/* Ends a store, made by either create function. The results that it gave stay valid. */
+/* Destroys a store that either create function created. The results that it gave stay valid. */
 TSL_EXPORT void tsl_address_alias_destroy(tsl_address_map map);
 
-/* Ends an entry that tsl_address_alias_find() returned, with its address and its text. */
+/* Destroys an entry that tsl_address_alias_find() returned, with its address and its text. */
 TSL_EXPORT void tsl_address_alias_entry_destroy(tsl_address_alias_entry* entry);
 
-/* Ends a list that tsl_address_alias_find_by_domain() returned, with all that it holds. */
+/* Destroys a list that tsl_address_alias_find_by_domain() returned, with all that it holds. */
 TSL_EXPORT void tsl_address_alias_list_destroy(tsl_address_alias_list list);
 
 /* Creates the alias table "alias_" `name` over a connection of its own; one that exists stays as it
    is. NULL: does nothing. Lets the library's exception out when the database refuses. */
 TSL_EXPORT void tsl_address_alias_table_create(const char* name);
 
-/* Drops the alias table "alias_" `name`, over a connection of its own. Open stores are not told:
-   they fail when they next use the table. The default table cannot be dropped. NULL: does nothing.
-   Lets the library's exception out, also when there is no such table. */
+/* Drops the alias table "alias_" `name`, over a connection of its own. Open stores do not notice
+   until they next use the table, which fails. The default table cannot be dropped. NULL: does
+   nothing. Lets the library's exception out, also when there is no such table. */
 TSL_EXPORT void tsl_address_alias_table_erase(const char* name);
 
 /* Adds the alias `entry`, or replaces the members of an existing one. A members text without an
@@ -144,30 +145,30 @@ TSL_EXPORT int tsl_address_alias_erase_by_domain(tsl_address_map map, const char
 TSL_EXPORT int tsl_address_alias_erase_member_user(tsl_address_map map, tsl_emailaddress user,
                                                    const char* table);
 
-/* The alias `alias` with its members as they are stored, not expanded; ended with
+/* The alias `alias` with its members as they are stored, not expanded; destroyed with
    tsl_address_alias_entry_destroy(). NULL: also when it has no members. A failure while the entry
    is filled returns it with NULL in the fields that are not. */
 TSL_EXPORT tsl_address_alias_entry* tsl_address_alias_find(tsl_address_map map,
                                                            tsl_emailaddress alias,
                                                            const char* table);
 
-/* The aliases of `domain`, or all for "*"; ended with tsl_address_alias_list_destroy(). A row of
-   the table without an address or without members stands in it as a record with an empty address
-   and an empty text. NULL: also when there are none. A failure while the list is filled returns
+/* The aliases of `domain`, or all for "*"; destroyed with tsl_address_alias_list_destroy(). A row
+   of the table without an address or without members becomes a record with an empty address and an
+   empty text. NULL: also when there are none. A failure while the list is filled returns
    what was filled so far, as a list with its end. */
 TSL_EXPORT tsl_address_alias_list tsl_address_alias_find_by_domain(tsl_address_map map,
                                                                    const char* domain,
                                                                    const char* table);
 
 /* The final addresses that mail for `address` reaches by the default table, in ascending order, as
-   the C++ call AddressAliasDb::expandAlias() gives them; ended with
+   the C++ call AddressAliasDb::expandAlias() gives them; destroyed with
    tsl_emailaddress_container_destroy(). Empty, not NULL, when it is no alias or expands to nothing.
    Opens a store of its own each time and reads both default tables whole: the time grows with
    them. NULL: `address` is NULL, or the tables could not be read. A failure while the container
    is filled returns what it holds so far. */
 TSL_EXPORT tsl_emailaddress_container tsl_address_alias_expand_alias(tsl_emailaddress address);
 
-/* Creates or EMPTIES the file `path`, writes nothing to it, and counts the rows of the table anew.
+/* Creates or EMPTIES the file `path`, writes nothing to it, and recounts the rows of the table.
    For a real listing use find_by_domain with "*", or the tool. */
 TSL_EXPORT int tsl_address_alias_export_to_file(tsl_address_map map, const char* path,
                                                 const char* table);
@@ -186,7 +187,7 @@ TSL_EXPORT tsl_address_map tsl_address_mask_create(void);
 /* As tsl_address_alias_destroy(). */
 TSL_EXPORT void tsl_address_mask_destroy(tsl_address_map map);
 
-/* Ends a list that tsl_address_mask_select() returned, with all that it holds. */
+/* Destroys a list that tsl_address_mask_select() returned, with all that it holds. */
 TSL_EXPORT void tsl_address_mask_list_destroy(tsl_address_mask_list list);
 
 /* Creates the mask table "mask_" `name` over a connection of its own. NULL: does nothing. Lets the
@@ -213,13 +214,13 @@ TSL_EXPORT int tsl_address_mask_erase(tsl_address_map map, const tsl_address_mas
 TSL_EXPORT int tsl_address_mask_erase_by_domain(tsl_address_map map, const char* domain,
                                                 const char* table);
 
-/* The pairs whose private address is in `domain`, or all for "*"; ended with
+/* The pairs whose private address is in `domain`, or all for "*"; destroyed with
    tsl_address_mask_list_destroy(). NULL: also when there are none. A failure while the list is
    filled returns NULL too, and the addresses copied until then are lost. */
 TSL_EXPORT tsl_address_mask_list tsl_address_mask_select(tsl_address_map map, const char* domain,
                                                          const char* table);
 
-/* The private address of the row whose public address is `public_address`; ended with
+/* The private address of the row whose public address is `public_address`; destroyed with
    tsl_emailaddress_destroy(). Rows for whole domains are not applied. NULL: also when there is no
    such row. */
 TSL_EXPORT tsl_emailaddress tsl_address_mask_find_private(tsl_address_map map,
@@ -232,7 +233,7 @@ TSL_EXPORT tsl_emailaddress tsl_address_mask_find_public(tsl_address_map map,
                                                          tsl_emailaddress private_address,
                                                          const char* table);
 
-/* Creates or EMPTIES the file `path`, writes nothing to it, and counts the rows of the table anew.
+/* Creates or EMPTIES the file `path`, writes nothing to it, and recounts the rows of the table.
    For a real listing use tsl_address_mask_select() with "*", or the tool. */
 TSL_EXPORT int tsl_address_mask_export_to_file(tsl_address_map map, const char* path,
                                                const char* table);
@@ -245,7 +246,7 @@ TSL_EXPORT int tsl_address_mask_import_from_file(tsl_address_map map, const char
 /* ---- Names of tables ---- */
 
 /* The names of the alias tables behind "alias" and one more character, as of now, over a
-   connection of its own; ended with tsl_address_map_extensions_destroy(). The default table is
+   connection of its own; destroyed with tsl_address_map_extensions_destroy(). The default table is
    left out. That character is not looked at: a table "aliases" is listed as "s", and a table
    "alias_" as "", which names the default table to the functions with a store. NULL: the names
    could not be read. Lets no exception out. */
@@ -259,7 +260,7 @@ TSL_EXPORT tsl_address_map_extensions tsl_address_mask_extensions_create(void);
    no such tables, or `extensions` is NULL. */
 TSL_EXPORT char** tsl_address_map_extensions_get(tsl_address_map_extensions extensions);
 
-/* Ends what an extensions_create function returned. */
+/* Destroys what an extensions_create function returned. */
 TSL_EXPORT void tsl_address_map_extensions_destroy(tsl_address_map_extensions extensions);
 
 #ifdef __cplusplus

@@ -27,7 +27,7 @@ namespace Tessel {
 //   section 3.3). "*" is an ordinary character of a local part;
 // - domain: labels of letters, digits, hyphens (not at the ends of a label), underscores and UTF-8,
 //   one label is enough, no dot at the end; or an address literal (RFC 5321 section 4.1.3), which
-//   keeps its brackets. Deliberate: underscores stand in domains in real use;
+//   keeps its brackets. Deliberate: underscores occur in domains in real use;
 // - UTF-8 must be well formed and free of control characters (U+0080 to U+009F);
 // - lengths in octets: local part 64, label 63, domain 255, whole address 254, each counted as
 //   written (quotes and backslashes count, comments and folding do not). An address without a
@@ -170,7 +170,7 @@ class TSL_EXPORT EmailAddress {
   // case is disregarded: most words are equal as they are, or differ and end the comparison.
   static constexpr std::size_t s_wordSize = sizeof(std::uint64_t);
   static constexpr std::size_t s_lastInlineWord = sizeof(Value) - s_wordSize;
-  // Leaves out the two lengths, which stand behind the content in that word.
+  // Leaves out the two lengths, which follow the content in that word.
   static constexpr auto s_contentOfLastWord = std::bit_cast<std::uint64_t>(
       std::array<std::uint8_t, s_wordSize>{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0, 0});
 

@@ -8,8 +8,8 @@
 
 namespace Tessel {
 
-// The letter that stands after the backslash for `character` in an SQL literal, as the MySQL client
-// library writes it; NUL when the character stands for itself. No byte of a multi-byte UTF-8
+// The letter after the backslash for `character` in an SQL literal, as the MySQL client library
+// writes it; NUL when the character is not escaped. No byte of a multi-byte UTF-8
 // character is ever escaped.
 constexpr char emailAddressEscapeLetter(char character) noexcept {
   switch (character) {

@@ -1,4 +1,5 @@
-// What is wrong with the text of an address, and how it is told. Private to the address library.
+// What is wrong with the text of an address, and how it is reported. Private to the address
+// library.
 #ifndef TSL_ADDRESS_EMAILADDRESSFAULT_H
 #define TSL_ADDRESS_EMAILADDRESSFAULT_H
 
@@ -8,8 +9,8 @@
 namespace Tessel {
 
 // The first fault found in a text; a default-made one means that there is none. `reason` is a
-// literal in which "%" stands for `character`. `at` points into the text that was read, or is null
-// where the place does not matter.
+// literal in which "%" is replaced by `character`. `at` points into the text that was read, or is
+// null where the place does not matter.
 struct EmailAddressFault {
   const char* reason = nullptr;
   const char* at = nullptr;

@@ -87,7 +87,7 @@ bool s_isIpv4(std::string_view text) {
   return text.empty();
 }
 
-// Groups that stand on one side of "::", or that make the whole address.
+// Groups on one side of "::", or those of the whole address.
 struct Ipv6Groups {
   bool valid = true;
   bool endsWithIpv4 = false;
@@ -119,7 +119,7 @@ Ipv6Groups s_readIpv6Groups(std::string_view text) {
   return groups;
 }
 
-// RFC 5321 section 4.1.3: "::" stands for at least two groups.
+// RFC 5321 section 4.1.3: "::" represents at least two groups.
 bool s_isIpv6(std::string_view text) {
   const std::size_t gap = text.find("::");
   if (gap == std::string_view::npos) {

@@ -65,7 +65,7 @@ std::size_t emailAddressCharacterLength(const char* place, const char* end) noex
 // UTF-8 of RFC 6532), or `end`.
 const char* emailAddressSkipAtom(const char* place, const char* end) noexcept;
 
-// The fault of the character at `place` where it must not stand: `control`, `utf8` or `other`,
+// The fault of the character at `place` where it is not allowed: `control`, `utf8` or `other`,
 // which are reasons as in a fault.
 EmailAddressFault emailAddressCharacterFault(const char* place, const char* end,
                                              const char* control, const char* utf8,

@@ -3,15 +3,15 @@
 
    Rules for all of it:
    - A `tsl_emailaddress` is one address on the heap; in C++ it points to a `Tessel::EmailAddress`.
-     Whoever gets one from a function that makes it ends it with tsl_emailaddress_destroy(), unless
-   a container has taken it over.
-   - A `tsl_emailaddress_container` is a growing sequence of addresses, which it owns. It is ended
-     with tsl_emailaddress_container_destroy(), which ends its addresses too.
+     The caller of a function that creates one destroys it with tsl_emailaddress_destroy(), unless
+     a container has taken it over.
+   - A `tsl_emailaddress_container` is a growing sequence of addresses, which it owns. It is
+     destroyed with tsl_emailaddress_container_destroy(), which destroys its addresses too.
    - NULL as an argument is accepted everywhere and means "none"; each function says what it does
-     then. NULL as a result is said with each function. No function throws.
-   - An address never changes: any threads may read one at once. One container may be used by one
-     thread at a time; several threads may read one that none changes. Different objects are
-     independent. */
+     then, and what NULL means as its result. No function throws.
+   - An address never changes: any number of threads may read one at the same time. One container
+     may be used by one thread at a time; several threads may read one that none changes. Different
+     objects are independent. */
 #ifndef TSL_ADDRESS_TSL_EMAILADDRESS_H
 #define TSL_ADDRESS_TSL_EMAILADDRESS_H
 
@@ -30,8 +30,8 @@ typedef struct tsl_emailaddress_body* tsl_emailaddress;
 typedef struct tsl_emailaddress_container_body* tsl_emailaddress_container;
 
 /* The address that `text` is, in the syntax of SMTP (no display name, no angle brackets, a domain
-   is required); blanks around it are ignored. The caller ends it with tsl_emailaddress_destroy().
-   NULL: `text` is NULL, blank or malformed, or memory is short. */
+   is required); blanks around it are ignored. The caller destroys it with
+   tsl_emailaddress_destroy(). NULL: `text` is NULL, blank or malformed, or memory is short. */
 TSL_EXPORT tsl_emailaddress tsl_emailaddress_parse(const char* text);
 
 /* Text of `address`, the local part quoted if it must be; it reads back as an equal address. Empty
@@ -39,10 +39,10 @@ TSL_EXPORT tsl_emailaddress tsl_emailaddress_parse(const char* text);
    address. NULL: `address` is NULL. */
 TSL_EXPORT const char* tsl_emailaddress_text(tsl_emailaddress address);
 
-/* Ends an address that no container has taken over. NULL: does nothing. */
+/* Destroys an address that no container has taken over. NULL: does nothing. */
 TSL_EXPORT void tsl_emailaddress_destroy(tsl_emailaddress address);
 
-/* A new, empty container. The caller ends it with tsl_emailaddress_container_destroy().
+/* A new, empty container. The caller destroys it with tsl_emailaddress_container_destroy().
    NULL: memory is short. */
 TSL_EXPORT tsl_emailaddress_container tsl_emailaddress_container_create(void);
 
@@ -61,11 +61,11 @@ TSL_EXPORT size_t tsl_emailaddress_container_size(tsl_emailaddress_container con
 TSL_EXPORT tsl_emailaddress tsl_emailaddress_container_get(tsl_emailaddress_container container,
                                                            size_t index);
 
-/* Ends a container and its addresses. NULL: does nothing. */
+/* Destroys a container and its addresses. NULL: does nothing. */
 TSL_EXPORT void tsl_emailaddress_container_destroy(tsl_emailaddress_container container);
 
 #ifdef __cplusplus
-/* C++ only: a new heap copy of `address`, null or not. The caller ends it with
+/* C++ only: a new heap copy of `address`, null or not. The caller destroys it with
    tsl_emailaddress_destroy(). NULL: memory is short. */
 TSL_EXPORT tsl_emailaddress tsl_emailaddress_create(const Tessel::EmailAddress& address);
 

@@ -1,8 +1,8 @@
 // The domains of the configuration: look-up by name, and the list of all.
 //
-// The configuration lies in the folder named by TSL_CMF_PATH (default /var/lib/tsl/cmf). Its files
-// and the rights they need are described in StorageFormat.h; it is written by `Writer`, and the
-// users of a domain are read by `TableQuery`. Its greatest size is 16 GiB, which costs address
+// The configuration lies in the directory named by TSL_CMF_PATH (default /var/lib/tsl/cmf). Its
+// files and the rights they need are described in StorageFormat.h; it is written by `Writer`, and
+// the users of a domain are read by `TableQuery`. Its greatest size is 16 GiB, which costs address
 // space only; TSL_CMF_MAP_MIB sets another one, in MiB, and must be the same for all processes.
 // Both variables are read each time; a program must not change them while other threads run.
 #ifndef TSL_CMF_APSGWSERVERCACHE_H
@@ -48,9 +48,9 @@ class TSL_EXPORT RefApsGwServerCache : public Ref<ApsGwServerCache> {
  public:
   using Ref<ApsGwServerCache>::Ref;
 
-  // The configuration in the folder that TSL_CMF_PATH names now: the open one when its files are
-  // still those in the folder, otherwise it is opened. With `reopen` true a configuration that no
-  // handle uses is closed and opened again even so. Opening creates nothing. Throws Exception,
+  // The configuration in the directory that TSL_CMF_PATH names now: the open one when its files are
+  // still those in the directory, otherwise it is opened. With `reopen` true a configuration that
+  // no handle uses is closed and opened again even so. Opening creates nothing. Throws Exception,
   // code 4, when the configuration is absent or cannot be read. Any thread.
   static RefApsGwServerCache instance(bool reopen);
 };

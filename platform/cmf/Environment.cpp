@@ -84,7 +84,7 @@ std::shared_ptr<Environment> s_open(Open& open, const std::string& path,
   for (const auto& one : open) {
     if (one->identity().sameLock(identity)) {
       fail(s_openPlace, "data.mdb in " + path +
-                            " was replaced beside a lock.mdb in use: replace whole folders only,"
+                            " was replaced next to a lock.mdb in use: replace the whole directory,"
                             " and start this program again");
     }
   }
@@ -180,8 +180,9 @@ void Environment::openRecords() {
   mdb_txn_abort(txn);
   if (result != 0) failWith(s_openPlace, "Cannot read the configuration", m_path, result);
 
-  // Reading behind the end of a truncated file kills the process, so what can be told is told here:
-  // two header pages and the pages of the tree must be in the file. Free pages need not be.
+  // Reading beyond the end of a truncated file kills the process, so what can be noticed is
+  // reported here: two header pages and the pages of the tree must be in the file. Free pages need
+  // not be.
   mdb_filehandle_t descriptor = -1;
   struct stat status {};
   if (mdb_env_get_fd(m_env.get(), &descriptor) != 0 || ::fstat(descriptor, &status) != 0) {
@@ -191,7 +192,7 @@ void Environment::openRecords() {
       (2 + pages.ms_branch_pages + pages.ms_leaf_pages + pages.ms_overflow_pages) * pages.ms_psize;
   if (static_cast<std::size_t>(status.st_size) < needed) {
     fail(s_openPlace, "data.mdb in " + m_path +
-                          " is cut off: restore it, or remove the folder and load it anew");
+                          " is truncated: restore it, or remove the directory and load it again");
   }
 }
 

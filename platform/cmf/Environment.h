@@ -1,4 +1,4 @@
-// The open LMDB environment of a configuration folder: one per folder and process. Private to
+// The open LMDB environment of a configuration directory: one per directory and process. Private to
 // platform/cmf.
 #ifndef TSL_CMF_ENVIRONMENT_H
 #define TSL_CMF_ENVIRONMENT_H
@@ -20,11 +20,11 @@ namespace Tessel::CMF {
 // list closes one (see Environment.cpp).
 class Environment {
  public:
-  // The environment in the folder that TSL_CMF_PATH names now. Creates nothing. With `reopen` true
-  // every environment that nobody uses is closed first. Throws Exception, code 4, when it is absent
-  // or cannot be opened.
+  // The environment in the directory that TSL_CMF_PATH names now. Creates nothing. With `reopen`
+  // true every environment that nobody uses is closed first. Throws Exception, code 4, when it is
+  // absent or cannot be opened.
   static std::shared_ptr<Environment> forReading(bool reopen);
-  // The same, open for writing; the folder and its files are created where they are missing.
+  // The same, open for writing; the directory and its files are created where they are missing.
   static std::shared_ptr<Environment> forWriting();
 
   // For the list of open environments: a forked child calls it once, before anything else.
@@ -38,7 +38,7 @@ class Environment {
 
   [[nodiscard]] MDB_env* handle() const noexcept { return m_env.get(); }
   [[nodiscard]] MDB_dbi records() const noexcept { return m_records; }
-  // The folder, as it was named when it was opened.
+  // The directory, as it was named when it was opened.
   [[nodiscard]] const std::string& path() const noexcept { return m_path; }
   [[nodiscard]] const FileIdentity& identity() const noexcept { return m_identity; }
   // False when the files could be opened for reading only.

@@ -1,4 +1,4 @@
-// The configuration folder and its files: settings, look-up, creation.
+// The configuration directory and its files: settings, look-up, creation.
 #include "cmf/EnvironmentFiles.h"
 
 #include <fcntl.h>
@@ -28,7 +28,7 @@ constexpr std::size_t s_defaultMapMiB = 16384;
 constexpr std::size_t s_maxMapMiB = std::size_t{16} * 1024 * 1024;  // 16 TiB
 
 // See FILES in StorageFormat.h for the reasons.
-constexpr mode_t s_folderMode = 0750;
+constexpr mode_t s_directoryMode = 0750;
 constexpr mode_t s_parentMode = 0755;
 constexpr mode_t s_dataMode = 0640;
 constexpr mode_t s_lockMode = 0660;
@@ -43,21 +43,21 @@ const char* s_setting(const char* name) {
 // What can be done about an environment that is not there.
 std::string s_absent(const std::string& path, int error) {
   return "No configuration in " + path + " (" + std::generic_category().message(error) +
-         "): add the domains and users first, or set TSL_CMF_PATH to the right folder";
+         "): add the domains and users first, or set TSL_CMF_PATH to the right directory";
 }
 
-void s_createFolder(const std::string& path) {
+void s_createDirectory(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
-    // Only the last folder's creation decides: an existing parent may well refuse to be created.
+    // Only the last directory's creation decides: an existing parent may well refuse to be created.
     if (slash + 1 < path.size()) ::mkdir(path.substr(0, slash).c_str(), s_parentMode);
   }
-  if (::mkdir(path.c_str(), s_folderMode) == 0 || errno == EEXIST) return;
-  failWith(s_createPlace, "Cannot create the folder", path, errno);
+  if (::mkdir(path.c_str(), s_directoryMode) == 0 || errno == EEXIST) return;
+  failWith(s_createPlace, "Cannot create the directory", path, errno);
 }
 
 // Deliberate: the mode is set whatever the umask says. A lock file that its readers cannot write
-// would lock them out; who may come near it at all is decided by the folder's mode.
+// would lock them out; who may come near it at all is decided by the directory's mode.
 void s_createFile(const std::string& path, const char* name, mode_t mode) {
   const std::string file = path + "/" + name;
   const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
@@ -126,8 +126,8 @@ FileIdentity findFiles(const std::string& path, bool mayBeEmpty) {
 }
 
 void createFiles(const std::string& path) {
-  s_createFolder(path);
-  // The lock file first: a reader takes a folder with data.mdb alone for a damaged one.
+  s_createDirectory(path);
+  // The lock file first: a reader takes a directory with data.mdb alone for a damaged one.
   s_createFile(path, "lock.mdb", s_lockMode);
   s_createFile(path, "data.mdb", s_dataMode);
 }

@@ -1,4 +1,4 @@
-// The configuration folder and its files before LMDB sees them: where they are, whether they are
+// The configuration directory and its files before LMDB sees them: where they are, whether they are
 // there, and how they are created. Private to platform/cmf.
 #ifndef TSL_CMF_ENVIRONMENTFILES_H
 #define TSL_CMF_ENVIRONMENTFILES_H
@@ -24,7 +24,7 @@ struct FileIdentity {
   }
 };
 
-// The folder that TSL_CMF_PATH names, or the default one when that is unset or empty.
+// The directory that TSL_CMF_PATH names, or the default one when that is unset or empty.
 std::string configuredPath();
 
 // The address space of the map in bytes, from TSL_CMF_MAP_MIB. Throws Exception, code 4, when that
@@ -35,7 +35,7 @@ std::size_t configuredMapSize();
 // `mayBeEmpty`, when no writer has filled them yet.
 FileIdentity findFiles(const std::string& path, bool mayBeEmpty);
 
-// Creates the folder `path` and its files where they are missing. Throws Exception, code 4.
+// Creates the directory `path` and its files where they are missing. Throws Exception, code 4.
 void createFiles(const std::string& path);
 
 }  // namespace Tessel::CMF

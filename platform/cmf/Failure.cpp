@@ -1,4 +1,4 @@
-// Exceptions of this folder, and LMDB's results in words.
+// Exceptions of this directory, and LMDB's results in words.
 #include "cmf/Failure.h"
 
 #include <cerrno>
@@ -18,7 +18,7 @@ const char* s_advice(int result) {
     case EACCES:
     case EPERM:
       return " (readers need read permission on data.mdb and read and write permission on lock.mdb;"
-             " writers need write permission on both and on the folder)";
+             " writers need write permission on both and on the directory)";
     case EFBIG:
     case ENOSPC:
       return " (nothing was stored; make room, or raise the limit of file sizes)";
@@ -38,7 +38,8 @@ const char* s_advice(int result) {
     case MDB_INVALID:
     case MDB_CORRUPTED:
     case MDB_PAGE_NOTFOUND:
-      return " (the configuration is damaged: restore it, or remove the folder and load it anew)";
+      return " (the configuration is damaged: restore it, or remove the directory and load it "
+             "again)";
     default:
       return "";
   }

@@ -1,5 +1,5 @@
-// How this folder reports failures: one exception shape, and LMDB's results in words that say what
-// to do. Private to platform/cmf.
+// How this directory reports failures: one exception shape, and LMDB's results in words that say
+// what to do. Private to platform/cmf.
 #ifndef TSL_CMF_FAILURE_H
 #define TSL_CMF_FAILURE_H
 

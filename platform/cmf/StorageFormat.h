@@ -1,15 +1,16 @@
 // The storage format of the configuration, in one place. Private to platform/cmf.
 //
-// FILES. The folder holds one LMDB environment: `data.mdb` with the records and `lock.mdb` with the
-// table of readers and the writers' lock. The first writer makes the folder (0750), `data.mdb`
-// (0640) and `lock.mdb` (0660). Readers register themselves in `lock.mdb`, so they need write
-// permission on it although they change no record. For mail-server processes of another group, make
-// the folder beforehand, owned by the writing user and set-group-id to the readers' group
+// FILES. The directory holds one LMDB environment: `data.mdb` with the records and `lock.mdb` with
+// the table of readers and the writers' lock. The first writer makes the directory (0750),
+// `data.mdb` (0640) and `lock.mdb` (0660). Readers register themselves in `lock.mdb`, so they need
+// write permission on it although they change no record. For mail-server processes of another
+// group, make the directory beforehand, owned by the writing user and set-group-id to the readers'
+// group
 // (`install -d -o writer -g readers -m 2750 /var/lib/tsl/cmf`): the files inherit that group. Who
 // may write `lock.mdb` can disturb every user of the configuration, so give that group to nobody
 // else. The processes must share one host and one process-id namespace; network file systems do not
 // work. Replace the configuration of running programs by writing to it, or by renaming a whole
-// folder into place; never replace `data.mdb` or `lock.mdb` alone.
+// directory into place; never replace `data.mdb` or `lock.mdb` alone.
 //
 // RECORDS. All records lie in the environment's unnamed database, in ascending order of the bytes
 // of their keys. A key is two 32-bit numbers in big-endian order and a name:
@@ -23,7 +24,7 @@
 // The name in a key is ASCII-lower-cased, so that names that differ in letter case are one record,
 // and padded with NUL to a multiple of 8 bytes. Padding keeps the order, because no name holds a
 // NUL. The row itself keeps the name as it was given. A table exists when its `TableRecord` does;
-// it stands right before its rows, and its count is changed in the same transaction as they are.
+// it comes right before its rows, and its count is changed in the same transaction as they are.
 // Adding a domain makes its empty table 346; removing it removes everything in its group.
 //
 // ALIGNMENT. Records are structs in the byte order of the host, read in place. LMDB packs a node of
@@ -35,7 +36,7 @@
 //
 // DAMAGE. A file that is no environment, one that is cut off, and records that are malformed are
 // refused. LMDB keeps no checksums: damage inside a page or a name may go unnoticed, or end the
-// process. What is lost can always be loaded anew from where domains and users are administered.
+// process. What is lost can always be reloaded from where domains and users are administered.
 #ifndef TSL_CMF_STORAGEFORMAT_H
 #define TSL_CMF_STORAGEFORMAT_H
 

@@ -298,7 +298,7 @@ bool Writer::Transaction::remove(const Key& key) {
 void Writer::Transaction::removeGroup(std::uint32_t id) {
   const Key first(id, 0);
   for (;;) {
-    // Asked anew for each record: where a cursor stands after a deletion is LMDB's secret.
+    // Positioned again for each record: LMDB does not document where a cursor is after a deletion.
     MDB_val name{first.size(), const_cast<char*>(first.data())};
     MDB_val value{};
     int result = mdb_cursor_get(m_cursor.get(), &name, &value, MDB_SET_RANGE);

@@ -32,8 +32,8 @@ class TSL_EXPORT Writer : public NonCopyable {
   };
   enum class UserResult { Added, Changed, Unchanged };
 
-  // Creates the folder and its files where they are missing, and waits until no other writer is at
-  // work.
+  // Creates the directory and its files where they are missing, and waits until no other writer is
+  // at work.
   Writer();
   ~Writer();
 

@@ -52,7 +52,7 @@ cmf_query& s_checked(cmf_query* query) {
 }  // namespace
 
 // The rows of one table in one snapshot. Positions count the rows from 0; position -1 is the
-// table's own record, which stands right before row 0.
+// table's own record, which comes right before row 0.
 struct cmf_query {
   // Throws Exception, code 4, when there is no such table or it cannot be read.
   cmf_query(std::uint32_t domainId, std::uint32_t tableId);

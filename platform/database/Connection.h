@@ -22,8 +22,8 @@ namespace Tessel::Database {
 // set up in the session survives that: keep no user variables, temporary tables or table locks, and
 // select databases with dbSelect() only. Inside a transaction the statement fails instead.
 //
-// After a fork the child may go on using its copies of the parent's connections: they are opened
-// anew in the child at their next use, and the parent's stay unharmed.
+// After a fork the child may keep using its copies of the parent's connections: the child reopens
+// them at their next use, and the parent's stay unharmed.
 //
 // Failures are thrown as `Error`; an option file that cannot be read and a socket without an
 // address as plain `Exception`, code 4. SIGPIPE is never raised, and the program's handler never

@@ -1,4 +1,4 @@
-// The body of Connection: reopening, sending and sending again. Private to this folder.
+// The body of Connection: reopening, sending and sending again. Private to this directory.
 #ifndef TSL_DATABASE_CONNECTIONIMPL_H
 #define TSL_DATABASE_CONNECTIONIMPL_H
 

@@ -1,4 +1,4 @@
-// What the untyped result pointer of the row parsers points to. Private to this folder.
+// What the untyped result pointer of the row parsers points to. Private to this directory.
 #ifndef TSL_DATABASE_DBRESULT_H
 #define TSL_DATABASE_DBRESULT_H
 

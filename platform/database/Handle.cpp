@@ -32,7 +32,7 @@ constexpr unsigned int s_writeTimeout = 30;
 
 // What every session runs with, whatever the server's settings. The strict modes make a text that
 // does not fit an error, backslash escapes are what our escaping writes, and the collation makes
-// new databases tell accents but not letter case apart. MariaDB and MySQL each execute only their
+// new databases distinguish accents but not letter case. MariaDB and MySQL each execute only their
 // own one of the two comments.
 constexpr std::string_view s_sessionSetUp =
     "set names utf8mb4, autocommit=1, sql_mode='STRICT_TRANS_TABLES,STRICT_ALL_TABLES,"
@@ -142,7 +142,7 @@ Handle::~Handle() {
     shutdown(descriptor(), SHUT_RDWR);
   } else if (!s_turnAway(descriptor())) {
     close(descriptor());
-    return;  // Closed as it is, without what mysql_close() would send and free.
+    return;  // Without what mysql_close() would send and free.
   }
   mysql_close(m_mysql);
 }

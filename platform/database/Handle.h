@@ -1,5 +1,5 @@
-// One connection of the client library: how it is opened, told dead and closed. Private to this
-// folder, and its only door to the client library's header.
+// One connection of the client library: how it is opened, found dead and closed. Private to this
+// directory, and its only door to the client library's header.
 #ifndef TSL_DATABASE_HANDLE_H
 #define TSL_DATABASE_HANDLE_H
 

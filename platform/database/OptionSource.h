@@ -1,4 +1,4 @@
-// Where the options of the default server come from. Private to this folder.
+// Where the options of the default server come from. Private to this directory.
 #ifndef TSL_DATABASE_OPTIONSOURCE_H
 #define TSL_DATABASE_OPTIONSOURCE_H
 
@@ -6,7 +6,7 @@
 
 namespace Tessel::Database {
 
-// The option group that is read beside [client].
+// The option group that is read in addition to [client].
 inline constexpr char s_optionGroup[] = "tsl-address-map";
 
 // An immutable value.

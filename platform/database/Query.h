@@ -38,7 +38,7 @@ class TSL_EXPORT Query : public std::ostream {
   Query& operator=(const Query&) = delete;
 
   // Sends the statement and takes in the whole answer, calling the parser. The text stays as it is.
-  // Throws Error: what the server answered; a lost connection, where Error::outcomeUnknown() tells
+  // Throws Error: what the server answered; a lost connection, where Error::outcomeUnknown() says
   // whether the statement may have been carried out; number 1065 when the text is empty, 2000 when
   // an insertion into this stream failed, so that the text is not whole. Throws std::bad_alloc when
   // it failed for lack of memory: a stream takes that for a bad state and goes on. Nothing is sent

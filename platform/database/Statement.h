@@ -1,5 +1,5 @@
-// What can be told from the text of a statement: whether sending it twice changes nothing, and how
-// to show it in an error. Private to this folder.
+// What the text of a statement reveals: whether sending it twice changes nothing, and how
+// to show it in an error. Private to this directory.
 #ifndef TSL_DATABASE_STATEMENT_H
 #define TSL_DATABASE_STATEMENT_H
 
@@ -22,7 +22,7 @@ bool isRepeatable(std::string_view text);
 bool staysInTransaction(std::string_view text);
 
 // `text` fit for a message: string literals over 40 bytes are cut to their beginning with their
-// length beside it, and the whole is cut at 500 bytes. Any thread.
+// length added, and the whole is cut at 500 bytes. Any thread.
 std::string shortenedStatement(std::string_view text);
 
 // `text`, or its first `limit` bytes and "..." when it is longer; never cuts inside a UTF-8

@@ -13,15 +13,15 @@ namespace Tessel::Database {
 using StatementObserver = void (*)(std::string_view statement) noexcept;
 
 // Has `observer` called right before each statement of this process is sent, on any connection, by
-// the thread that sends it; null, as it is at the start, for nobody. A statement that is sent twice
-// is told twice, the set-up of a session as well; the log-in, and what an init-command of the
-// option file sends, is not, so no password of ours is ever told. Statements that other threads are
-// sending at this moment may still go to the observer before. Without one a statement costs one
-// atomic load more. Any thread.
+// the thread that sends it. Null, as it is at the start, means no observer. A statement that is
+// sent twice is reported twice. The set-up of a session is reported too. The log-in, and what an
+// init-command of the option file sends, are not reported, so the observer never sees a password of
+// ours. Statements that other threads are sending at this moment may still go to the previous
+// observer. Without an observer a statement costs one atomic load more. Any thread.
 TSL_EXPORT void setStatementObserver(StatementObserver observer) noexcept;
 
-// Tells the observer, if there is one, that `statement` is about to be sent. For this folder. Any
-// thread.
+// Reports to the observer, if there is one, that `statement` is about to be sent. For this
+// directory. Any thread.
 void tellStatement(std::string_view statement) noexcept;
 
 }  // namespace Tessel::Database

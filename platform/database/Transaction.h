@@ -27,7 +27,7 @@ class TSL_EXPORT Transaction {
   // true it may have taken effect, otherwise it has not. Further calls throw number 1305.
   void commit();
   // Undoes everything; the transaction is over. Does nothing when it is over already. Never throws:
-  // if the server cannot be told, the connection is closed, which has the same effect.
+  // if the server cannot be reached, the connection is closed, which has the same effect.
   void rollback() noexcept;
 
  private:

@@ -25,7 +25,7 @@ __attribute__((visibility("default"))) void* db_result_fetch_row(void* result, i
 
 /* Value of a column of `row`, ended by a NUL character: an empty text for SQL NULL, for a column
  * number out of range and for the row NULL. A value may contain NUL characters of its own:
- * db_result_field_length() tells. `connection` is not used. */
+ * db_result_field_length() gives its length. `connection` is not used. */
 __attribute__((visibility("default"))) const char* db_result_get_value(void* connection,
                                                                        void* result, void* row,
                                                                        unsigned int column);

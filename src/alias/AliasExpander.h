@@ -19,13 +19,13 @@ struct AliasExpander {
   std::set<EmailAddress>* result;
   std::set<EmailAddress>* visited;
 
-  // Adds what `address` expands to to the result. An address that is no alias stands for itself,
+  // Adds what `address` expands to to the result. An address that is no alias expands to itself,
   // but for the requested one. Throws Exception when the table cannot be read.
   void expand(const EmailAddress& address);
 };
 
 // One expansion over a cache of raw member sets. Unlike `AliasExpander`, an address that the cache
-// does not hold stands for itself even when it is the first. One thread.
+// does not hold expands to itself even when it is the first. One thread.
 class AdapterExpanderNoQuery {
  public:
   using Cache = LRUCache<EmailAddress, std::set<EmailAddress>>;

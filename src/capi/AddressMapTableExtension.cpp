@@ -19,7 +19,7 @@ AddressMapTableExtension::AddressMapTableExtension(const std::string& prefix) {
                 AdapterTableExtension(prefix, m_extensions));
   if (m_extensions.empty()) return;
   m_extensionArray = std::make_unique<char*[]>(m_extensions.size() + 1);
-  // C callers get the type that they expect; they are told not to write.
+  // C callers get the type that they expect. The header forbids them to write.
   std::transform(m_extensions.begin(), m_extensions.end(), m_extensionArray.get(),
                  [](const std::string& name) { return const_cast<char*>(name.c_str()); });
 }

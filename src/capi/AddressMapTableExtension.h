@@ -28,7 +28,7 @@ class AddressMapTableExtension {
   std::unique_ptr<char*[]> m_extensionArray;
 };
 
-// Functor over table names: puts what stands behind the prefix and one more character into a set.
+// Functor over table names: puts the text after the prefix and one more character into a set.
 class AdapterTableExtension {
  public:
   // Both must outlive the functor.

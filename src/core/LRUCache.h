@@ -80,8 +80,8 @@ class LRUCache {
   // As `add`, for a caller that holds the lock exclusively.
   virtual void addNoLock(const Key& key, const Value& value) {
     if (m_capacity == 0) {
-      // What comes in would be trimmed at once: nobody can tell that it never was in the list. A
-      // copy that throws can be told, so the copies are made.
+      // A new entry would be trimmed at once, so nobody can notice that it never was in the list.
+      // A copy that throws can be noticed, so the copies are made.
       [[maybe_unused]] const Entry entry(key, value);
       return;
     }
@@ -305,7 +305,7 @@ class LRUCache {
   std::list<Entry> m_retired;  // Taken out since the readers are watched.
   std::list<Entry> m_leaving;  // Taken out before: destroyed when those have left.
   mutable Readers m_readers;
-  // Read at every step of a walk, so it stands far from what hits write.
+  // Read at every step of a walk, so it is far from what hits write.
   Counter m_changes{0};  // Entries that were added or taken out.
 };
 

@@ -1,5 +1,5 @@
 // Holds of Boost's reader/writer mutex that Clang's thread-safety analysis understands: Boost's own
-// types carry no annotations, and where one is a field of a fixed layout no other type can stand.
+// types carry no annotations, and where one is a field of a fixed layout it cannot be replaced.
 #ifndef TSL_CORE_SHAREDMUTEXHOLD_H
 #define TSL_CORE_SHAREDMUTEXHOLD_H
 

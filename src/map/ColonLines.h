@@ -8,8 +8,8 @@
 
 namespace Tessel {
 
-// Calls `take` with what stands before and after the first colon of each line of `stream`, in
-// order; lines without a colon are skipped. What `take` throws ends the reading.
+// Calls `take` with the text before and after the first colon of each line of `stream`, in order;
+// lines without a colon are skipped. What `take` throws ends the reading.
 //
 // Deliberate: the second text of a line that ended with a line feed carries one trailing NUL, and a
 // line of more than 16383 characters is cut there and ends the reading, without an error. Pinned by

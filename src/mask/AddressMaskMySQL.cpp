@@ -102,7 +102,7 @@ EmailAddress AddressMaskDbMySQL::findPrivateAddress(const EmailAddress& address)
   try {
     return findPrivate(address);
   } catch (const Exception& exception) {
-    // Deliberate: the labels stand at the opposite numbers; log watchers read them so.
+    // Deliberate: the labels are swapped; log watchers read them so.
     throw Exception("findPrivateAddress", 4, "AddressMaskMySQL", 162)
         .cause(exception)
         .stringParameter("m_entries = " + std::to_string(m_cache.size()) +

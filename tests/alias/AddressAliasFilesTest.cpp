@@ -202,7 +202,7 @@ TEST_F(AddressAliasFiles, AFileThatMayNotBeReadIsReported) {
   expectImportFailure(caught([this] { m_table->importFromFile(m_file.path()); }));
 }
 
-TEST_F(AddressAliasFiles, AFolderIsImportedAsAnEmptyFile) {
+TEST_F(AddressAliasFiles, ADirectoryIsImportedAsAnEmptyFile) {
   EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.folder()); }), IsEmpty());
 }
 

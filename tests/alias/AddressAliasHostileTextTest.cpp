@@ -69,7 +69,7 @@ class AddressAliasHostileAddress : public Testing::AliasTable,
     addAlias(emailAddressEscapedWrite(alias), emailAddressEscapedWrite(member));
   }
 
-  // Expects these aliases and members beside the bystander.
+  // Expects these aliases and members as well as the bystander.
   static void expectRows(Rows want) {
     want.push_back({"bystander@x.example", "member@x.example"});
     EXPECT_THAT(sql("select name, members from ts_address_map.alias"),

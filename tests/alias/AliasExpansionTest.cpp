@@ -370,9 +370,9 @@ class AllUsersExpansion : public AliasExpansion {
   void SetUp() override {
     AliasExpansion::SetUp();
     m_before = getenv("TSL_CMF_PATH");
-    char folder[] = "/tmp/tsl-cmf-XXXXXX";
-    m_folder = mkdtemp(folder);
-    setenv("TSL_CMF_PATH", m_folder.c_str(), 1);
+    char directory[] = "/tmp/tsl-cmf-XXXXXX";
+    m_directory = mkdtemp(directory);
+    setenv("TSL_CMF_PATH", m_directory.c_str(), 1);
     CMF::Writer writer;
     writer.addDomain("d.example");
     writer.addUser("d.example", "bob", CMF::MailUserMailbox);
@@ -385,11 +385,11 @@ class AllUsersExpansion : public AliasExpansion {
 
   void TearDown() override {
     setenv("TSL_CMF_PATH", m_before.c_str(), 1);
-    std::filesystem::remove_all(m_folder);
+    std::filesystem::remove_all(m_directory);
   }
 
   std::string m_before;
-  std::string m_folder;
+  std::string m_directory;
 };
 
 TEST_F(AllUsersExpansion, TheMarkerStandsForTheUserMailboxesOfTheDomain) {
@@ -401,7 +401,7 @@ TEST_F(AllUsersExpansion, TheConfigurationStaysOpenFromOneExpansionToTheNext) {
   addAlias("all@d.example", "allusers_d.example");
   expand("all@d.example");
   const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  ASSERT_GE(inotify_add_watch(watch, (m_folder + "/data.mdb").c_str(), IN_OPEN), 0);
+  ASSERT_GE(inotify_add_watch(watch, (m_directory + "/data.mdb").c_str(), IN_OPEN), 0);
   expand("all@d.example");
   char event[sizeof(inotify_event)];
   EXPECT_EQ(read(watch, event, sizeof(event)), -1) << "it was opened again";

@@ -1,4 +1,4 @@
-// Stands between the C interface and the address helper that makes addresses.
+// Sits between the C interface and the address helper that makes addresses.
 #ifndef TSL_TESTS_CAPI_CALLRECORDER_H
 #define TSL_TESTS_CAPI_CALLRECORDER_H
 

@@ -257,7 +257,7 @@ int tsl_alias_case_named_tables(void) {
   REQUIRE(s_has_in(map, "a@d.example", "x@d.example", "sales"));
   REQUIRE(s_has_in(map, "a@d.example", "y@d.example", ""));
   tsl_address_alias_table_erase("sales");
-  /* The open store is not told. */
+  /* The open store does not notice. */
   REQUIRE(s_add_to(map, "a@d.example", "x@d.example", "sales") == -1);
   tsl_address_alias_table_create("sales");
   REQUIRE(s_add_to(map, "a@d.example", "x@d.example", "sales") == 0);

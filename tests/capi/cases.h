@@ -5,7 +5,7 @@
 
 #include "tsl_address_map.h"
 
-/* Returns the line from the function that it stands in when `condition` does not hold. */
+/* Returns the line from the function that contains it when `condition` does not hold. */
 #define REQUIRE(condition) \
   do {                     \
     if (!(condition)) {    \

@@ -1,4 +1,4 @@
-// Readers in threads and processes beside a writer: each of them sees whole transactions only.
+// Readers in threads and processes, and a writer: each reader sees whole transactions only.
 #include <atomic>
 #include <memory>
 #include <string>

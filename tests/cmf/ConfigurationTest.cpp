@@ -68,11 +68,11 @@ int s_appendText(const char* text, void* all) {
 }  // namespace
 
 ConfigurationTest::ConfigurationTest() {
-  std::string folder = testing::TempDir() + "tsl-cmf-XXXXXX";
-  s_require(::mkdtemp(folder.data()) != nullptr, "mkdtemp");
+  std::string directory = testing::TempDir() + "tsl-cmf-XXXXXX";
+  s_require(::mkdtemp(directory.data()) != nullptr, "mkdtemp");
   // Open for the tests that give up their rights.
-  s_require(::chmod(folder.c_str(), 0777) == 0, "chmod");
-  m_folder = folder;
+  s_require(::chmod(directory.c_str(), 0777) == 0, "chmod");
+  m_directory = directory;
   setVariable("TSL_CMF_PATH", path());
 }
 
@@ -80,7 +80,7 @@ ConfigurationTest::~ConfigurationTest() {
   setVariable("TSL_CMF_PATH", "");
   setVariable("TSL_CMF_MAP_MIB", "");
   std::error_code ignored;
-  std::filesystem::remove_all(m_folder, ignored);
+  std::filesystem::remove_all(m_directory, ignored);
 }
 
 void setVariable(const char* name, const std::string& value) {

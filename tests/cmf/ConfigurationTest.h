@@ -1,5 +1,5 @@
-// What the tests of the configuration share: a folder of their own, child processes, and raw access
-// to the environment to damage it.
+// What the tests of the configuration share: a directory of their own, child processes, and raw
+// access to the environment to damage it.
 #ifndef TSL_TESTS_CMF_CONFIGURATIONTEST_H
 #define TSL_TESTS_CMF_CONFIGURATIONTEST_H
 
@@ -22,8 +22,8 @@ namespace Tessel::CMF {
 
 using UserQuery = TableQuery<__aps_mail_user, s_mailUserTable>;
 
-// A test with an empty folder, removed afterwards. TSL_CMF_PATH names a folder in it that does not
-// exist yet.
+// A test with an empty directory, removed afterwards. TSL_CMF_PATH names a directory in it that
+// does not exist yet.
 class ConfigurationTest : public testing::Test {
  public:
   ConfigurationTest();
@@ -31,12 +31,12 @@ class ConfigurationTest : public testing::Test {
   ConfigurationTest(const ConfigurationTest&) = delete;
   ConfigurationTest& operator=(const ConfigurationTest&) = delete;
 
-  [[nodiscard]] const std::string& folder() const { return m_folder; }
+  [[nodiscard]] const std::string& directory() const { return m_directory; }
   // What TSL_CMF_PATH names at first.
-  [[nodiscard]] std::string path() const { return m_folder + "/cmf"; }
+  [[nodiscard]] std::string path() const { return m_directory + "/cmf"; }
 
  private:
-  std::string m_folder;
+  std::string m_directory;
 };
 
 // Sets an environment variable, or removes it when `value` is empty.

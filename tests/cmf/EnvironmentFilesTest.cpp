@@ -1,4 +1,4 @@
-// The folder and files of the configuration: settings, creation, rights.
+// The directory and files of the configuration: settings, creation, rights.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,19 +35,19 @@ TEST_F(EnvironmentFilesTest, ReadingCreatesNothing) {
   EXPECT_TRUE(std::filesystem::is_empty(path()));
 }
 
-TEST_F(EnvironmentFilesTest, WritingCreatesTheFolderItsParentsAndTheFiles) {
-  const std::string deep = folder() + "/one/two/cmf";
+TEST_F(EnvironmentFilesTest, WritingCreatesTheDirectoryItsParentsAndTheFiles) {
+  const std::string deep = directory() + "/one/two/cmf";
   setVariable("TSL_CMF_PATH", deep);
   const mode_t former = ::umask(022);
   addDomain("example.com", {});
   ::umask(former);
-  EXPECT_EQ(s_mode(folder() + "/one"), 0755U);
+  EXPECT_EQ(s_mode(directory() + "/one"), 0755U);
   EXPECT_EQ(s_mode(deep), 0750U);
   EXPECT_EQ(s_mode(deep + "/data.mdb"), 0640U);
   EXPECT_EQ(s_mode(deep + "/lock.mdb"), 0660U);
 }
 
-TEST_F(EnvironmentFilesTest, AStrictUmaskClosesTheFolderButNotTheFiles) {
+TEST_F(EnvironmentFilesTest, AStrictUmaskClosesTheDirectoryButNotTheFiles) {
   const mode_t former = ::umask(077);
   addDomain("example.com", {});
   ::umask(former);
@@ -63,8 +63,8 @@ TEST_F(EnvironmentFilesTest, ExistingFilesKeepTheirModes) {
   EXPECT_EQ(s_mode(path() + "/data.mdb"), 0600U);
 }
 
-TEST_F(EnvironmentFilesTest, AFileInPlaceOfTheFolderIsAFailureForReadersAndWriters) {
-  std::ofstream(path()) << "no folder";
+TEST_F(EnvironmentFilesTest, AFileInPlaceOfTheDirectoryIsAFailureForReadersAndWriters) {
+  std::ofstream(path()) << "no directory";
   EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }),
               HasSubstr("Not a directory"));
   const std::string detail = failureOf([] { const Writer writer; });
@@ -72,7 +72,7 @@ TEST_F(EnvironmentFilesTest, AFileInPlaceOfTheFolderIsAFailureForReadersAndWrite
   EXPECT_THAT(detail, HasSubstr(path()));
 }
 
-TEST_F(EnvironmentFilesTest, AFolderInPlaceOfTheDataIsAFailure) {
+TEST_F(EnvironmentFilesTest, ADirectoryInPlaceOfTheDataIsAFailure) {
   std::filesystem::create_directories(path() + "/data.mdb");
   std::ofstream(path() + "/lock.mdb") << "";
   EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }),
@@ -99,7 +99,7 @@ TEST_F(EnvironmentFilesTest, AMissingLockFileIsAFailureForReadersAndIsMadeByWrit
   EXPECT_EQ(usersOf("example.com").size(), 1U);
 }
 
-TEST_F(EnvironmentFilesTest, AFolderOutOfReachIsAFailure) {
+TEST_F(EnvironmentFilesTest, ADirectoryOutOfReachIsAFailure) {
   EXPECT_EQ(inChild([] { addDomain("example.com", {"bob"}); }), 0);
   ASSERT_EQ(::chmod(path().c_str(), 0), 0);
   EXPECT_EQ(inChildWithoutPrivileges([] {
@@ -144,18 +144,18 @@ TEST_F(EnvironmentFilesTest, WhoMayOnlyReadTheDataReadsAndCannotWrite) {
             0);
 }
 
-TEST_F(EnvironmentFilesTest, AFolderThatCannotBeCreatedIsAFailure) {
-  ASSERT_EQ(::chmod(folder().c_str(), 0555), 0);
+TEST_F(EnvironmentFilesTest, ADirectoryThatCannotBeCreatedIsAFailure) {
+  ASSERT_EQ(::chmod(directory().c_str(), 0555), 0);
   EXPECT_EQ(inChildWithoutPrivileges([] {
               EXPECT_THAT(failureOf([] { const Writer writer; }),
-                          HasSubstr("Cannot create the folder"));
+                          HasSubstr("Cannot create the directory"));
             }),
             0);
-  ASSERT_EQ(::chmod(folder().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(directory().c_str(), 0755), 0);
   EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(EnvironmentFilesTest, AnEmptySettingMeansTheDefaultFolder) {
+TEST_F(EnvironmentFilesTest, AnEmptySettingMeansTheDefaultDirectory) {
   ASSERT_EQ(::setenv("TSL_CMF_PATH", "", 1), 0);  // NOLINT(concurrency-mt-unsafe): one thread only
   // Whether something lies there is the host's affair; no record of it is read.
   try {

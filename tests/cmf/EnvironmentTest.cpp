@@ -1,4 +1,4 @@
-// Open environments: one per folder and process, replaced and damaged ones, forks.
+// Open environments: one per directory and process, replaced and damaged ones, forks.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -31,13 +31,13 @@ void s_overwrite(const std::string& file, std::streamoff offset, std::size_t len
   ASSERT_TRUE(stream.good());
 }
 
-TEST_F(EnvironmentTest, TheFolderMayBeNamedByManyPathsAtATime) {
+TEST_F(EnvironmentTest, TheDirectoryMayBeNamedByManyPathsAtATime) {
   addDomain("example.com", {"bob"});
   const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
-  std::filesystem::create_symlink(path(), folder() + "/link");
-  setVariable("TSL_CMF_PATH", folder() + "/link");
+  std::filesystem::create_symlink(path(), directory() + "/link");
+  setVariable("TSL_CMF_PATH", directory() + "/link");
   EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
-  setVariable("TSL_CMF_PATH", folder() + "/./cmf");
+  setVariable("TSL_CMF_PATH", directory() + "/./cmf");
   EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
   // A second opening would have dropped this process's place in the table of readers.
   const UserQuery query(cache->find("example.com")->domainId());
@@ -47,7 +47,7 @@ TEST_F(EnvironmentTest, TheFolderMayBeNamedByManyPathsAtATime) {
 TEST_F(EnvironmentTest, AnotherPathIsFollowedAtOnceAndTheOldHandleKeepsReadingTheOldOne) {
   addDomain("one.example", {"bob"});
   const RefApsGwServerCache one = RefApsGwServerCache::instance(false);
-  setVariable("TSL_CMF_PATH", folder() + "/other");
+  setVariable("TSL_CMF_PATH", directory() + "/other");
   addDomain("two.example", {"ann"});
   const RefApsGwServerCache two = RefApsGwServerCache::instance(false);
   EXPECT_TRUE(two->find("one.example").isNull());
@@ -58,17 +58,17 @@ TEST_F(EnvironmentTest, AnotherPathIsFollowedAtOnceAndTheOldHandleKeepsReadingTh
   EXPECT_THAT(usersOf("one.example"), ElementsAre("bob"));
 }
 
-TEST_F(EnvironmentTest, AFolderRenamedIntoPlaceIsFollowedAtOnce) {
+TEST_F(EnvironmentTest, ADirectoryRenamedIntoPlaceIsFollowedAtOnce) {
   addDomain("old.example", {"bob"});
   const RefApsGwServerCache old = RefApsGwServerCache::instance(false);
   EXPECT_EQ(inChild([this] {
-              setVariable("TSL_CMF_PATH", folder() + "/new");
+              setVariable("TSL_CMF_PATH", directory() + "/new");
               addDomain("new.example", {"ann"});
             }),
             0);
-  std::filesystem::rename(path(), folder() + "/old");
+  std::filesystem::rename(path(), directory() + "/old");
   EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }), HasSubstr(path()));
-  std::filesystem::rename(folder() + "/new", path());
+  std::filesystem::rename(directory() + "/new", path());
   EXPECT_THAT(usersOf("new.example"), ElementsAre("ann"));
   EXPECT_TRUE(RefApsGwServerCache::instance(false)->find("old.example").isNull());
   EXPECT_FALSE(old->find("old.example").isNull());
@@ -81,7 +81,7 @@ TEST_F(EnvironmentTest, DataReplacedBesideALockFileInUseIsRefused) {
     std::filesystem::copy_file(path() + "/data.mdb", path() + "/copy");
     std::filesystem::rename(path() + "/copy", path() + "/data.mdb");
     EXPECT_THAT(failureOf([] { RefApsGwServerCache::instance(false); }),
-                HasSubstr("replaced beside a lock.mdb in use"));
+                HasSubstr("replaced next to a lock.mdb in use"));
   }
   // Nobody uses the old one any more.
   EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
@@ -160,7 +160,7 @@ TEST_F(EnvironmentTest, ACutOffFileIsRefused) {
   const auto size = std::filesystem::file_size(path() + "/data.mdb");
   std::filesystem::resize_file(path() + "/data.mdb", size / 2);
   const std::string detail = failureOf([] { RefApsGwServerCache::instance(false); });
-  EXPECT_THAT(detail, HasSubstr("cut off"));
+  EXPECT_THAT(detail, HasSubstr("is truncated"));
   EXPECT_THAT(detail, HasSubstr(path()));
 }
 

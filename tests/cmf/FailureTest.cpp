@@ -95,7 +95,7 @@ TEST_F(FailureTest, ADiskWithoutRoomForTheFilesIsAFailure) {
 }
 
 TEST_F(FailureTest, ATextWithControlCharactersIsShownEscapedInTheMessage) {
-  setVariable("TSL_CMF_PATH", folder() + "/a\nb");
+  setVariable("TSL_CMF_PATH", directory() + "/a\nb");
   try {
     RefApsGwServerCache::instance(false);
     FAIL() << "No Exception";

@@ -87,7 +87,7 @@ TEST_F(SnapshotTest, AQueryMadeUnderTheReadLockOutlivesIt) {
 TEST_F(SnapshotTest, TheReadLockStaysWithItsConfiguration) {
   const std::uint32_t id = addDomain("example.com", {"ann"});
   ASSERT_EQ(cmf_shm_read_lock(), 0);
-  setVariable("TSL_CMF_PATH", folder() + "/other");
+  setVariable("TSL_CMF_PATH", directory() + "/other");
   addDomain("other.example", {});
   EXPECT_THAT(usersOf(id), ElementsAre("ann"));
   // A handle on another configuration reads that one.

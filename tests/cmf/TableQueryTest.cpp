@@ -162,7 +162,7 @@ TEST_F(TableQueryTest, AQueryThatCannotBeMadeLeavesNoReadLock) {
   EXPECT_THAT(failureOf([&] { const UserQuery query(id + 1, true); }), HasSubstr("no table"));
   addDomain("example.org", {"bob"});
   EXPECT_THAT(usersOf("example.org"), ElementsAre("bob"));
-  setVariable("TSL_CMF_PATH", folder() + "/none");
+  setVariable("TSL_CMF_PATH", directory() + "/none");
   EXPECT_THAT(failureOf([&] { const UserQuery query(id, true); }), HasSubstr("/none"));
 }
 

@@ -1,4 +1,4 @@
-// Error: what a database failure tells, and what it keeps to itself.
+// Error: what a database failure reports, and what it keeps to itself.
 #include "database/Error.h"
 
 #include <string>

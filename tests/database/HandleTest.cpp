@@ -240,9 +240,9 @@ TEST_F(HandleTest, ABrokenConnectionRaisesNoSignal) {
 TEST_F(HandleTest, ProgramsThatAreStartedDoNotInheritTheSocket) {
   Connection connection(s_name);
   int sockets = 0;
-  DIR* const folder = opendir("/proc/self/fd");
-  ASSERT_NE(folder, nullptr);
-  while (const dirent* entry = readdir(folder)) {  // NOLINT(concurrency-mt-unsafe): own stream
+  DIR* const directory = opendir("/proc/self/fd");
+  ASSERT_NE(directory, nullptr);
+  while (const dirent* entry = readdir(directory)) {  // NOLINT(concurrency-mt-unsafe): own stream
     const int number = std::atoi(entry->d_name);  // NOLINT(cert-err34-c): names are numbers or dots
     char target[64] = {};
     const std::string link = std::string("/proc/self/fd/") + entry->d_name;
@@ -254,7 +254,7 @@ TEST_F(HandleTest, ProgramsThatAreStartedDoNotInheritTheSocket) {
     ++sockets;
     EXPECT_NE(fcntl(number, F_GETFD) & FD_CLOEXEC, 0);
   }
-  closedir(folder);
+  closedir(directory);
   EXPECT_GT(sockets, 0);
 }
 

@@ -40,7 +40,7 @@ TEST_F(OptionSourceTest, AMissingNamedFileIsAnErrorThatSaysWhatToDo) {
   EXPECT_THAT(got.stringParameter(), HasSubstr("unset it to use the standard option files"));
 }
 
-TEST_F(OptionSourceTest, AFolderInPlaceOfTheFileIsAnError) {
+TEST_F(OptionSourceTest, ADirectoryInPlaceOfTheFileIsAnError) {
   Testing::TestServer::OptionFile options(server(), "");
   std::filesystem::remove(options.path());
   std::filesystem::create_directory(options.path());
@@ -61,7 +61,7 @@ TEST_F(OptionSourceTest, BothGroupsOfTheNamedFileAreReadAndTheLaterOneCounts) {
   EXPECT_EQ(value(connection, "select database()"), s_name);
 }
 
-TEST_F(OptionSourceTest, WithoutTheVariableTheStandardFilesOfTheHomeFolderAreRead) {
+TEST_F(OptionSourceTest, WithoutTheVariableTheStandardFilesOfTheHomeDirectoryAreRead) {
   const std::string home = server().directory() + "/home";
   std::filesystem::create_directory(home);
   Testing::TestServer::OptionFile options(server(), goodOptions());

@@ -200,7 +200,7 @@ TEST_F(AddressMaskMySQLFiles, AFileThatMayNotBeReadIsReported) {
   expectImportFailure(caught([this] { m_table->importFromFile(m_file.path()); }));
 }
 
-TEST_F(AddressMaskMySQLFiles, AFolderIsImportedAsAnEmptyFile) {
+TEST_F(AddressMaskMySQLFiles, ADirectoryIsImportedAsAnEmptyFile) {
   EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.folder()); }), IsEmpty());
 }
 

@@ -23,7 +23,7 @@ Exception caught(Call call) {
   return {"nothing was thrown", 0, nullptr, 0};
 }
 
-// Expects the facts of `got`. A null `file` stands for no file.
+// Expects the facts of `got`. A null `file` means no file.
 inline void expectFacts(const Exception& got, const std::string& context, int code,
                         const char* file, int line, const std::string& detail = "") {
   EXPECT_EQ(got.context(), context) << got.what();

@@ -26,7 +26,7 @@ const char* addressOf(const Member& member) {
   return reinterpret_cast<const char*>(&member);
 }
 
-// True when the objects at the given addresses stand in this order.
+// True when the objects at the given addresses are in this order.
 template <class... Addresses>
 bool standInOrder(const char* first, const char* second, Addresses... others) {
   if (first >= second) return false;

@@ -67,7 +67,7 @@ class MapDatabase : public testing::Test {
 
   void SetUp() override { prepare(); }
 
-  // Makes the database anew.
+  // Recreates the database.
   static void prepare() {
     sql("drop database if exists ts_address_map");
     AddressMapDb::initialize(AddressMapDb::MySQL, false);

@@ -1,4 +1,4 @@
-// A file in a folder of its own, and a thread without the rights to read it.
+// A file in a directory of its own, and a thread without the rights to read it.
 #ifndef TSL_TESTS_SUPPORT_SCRATCHFILE_H
 #define TSL_TESTS_SUPPORT_SCRATCHFILE_H
 
@@ -14,11 +14,12 @@
 
 namespace Tessel::Testing {
 
-// A path in a new folder that goes with it; the file is not there before it is written. One thread.
+// A path in a new directory that is removed with it; the file is not there before it is written.
+// One thread.
 class ScratchFile {
  public:
   ScratchFile() {
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no folder " + m_folder);
+    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no directory " + m_folder);
   }
   ~ScratchFile() {
     std::error_code ignored;
@@ -39,7 +40,7 @@ class ScratchFile {
   void makePipe() const {
     if (mkfifo(path().c_str(), S_IRUSR | S_IWUSR) != 0) throw std::runtime_error("no pipe");
   }
-  // Takes all rights to the file away from everybody, and lets everybody enter the folder.
+  // Takes all rights to the file away from everybody, and lets everybody enter the directory.
   void forbid() const {
     std::filesystem::permissions(m_folder, std::filesystem::perms(0755));
     std::filesystem::permissions(path(), std::filesystem::perms::none);

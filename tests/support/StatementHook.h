@@ -12,7 +12,7 @@ namespace Tessel::Testing {
 
 // While one lives, it is called with each statement that the library executes, by the thread that
 // does, before the statement is sent. What it throws comes out of the execution, and nothing is
-// sent then. What it executes itself is not told to it. One at a time.
+// sent then. It is not called for what it executes itself. One at a time.
 class StatementHook {
  public:
   using Before = std::function<void(const std::string& statement)>;

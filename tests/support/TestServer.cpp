@@ -1,4 +1,4 @@
-// TestServer: the server's folder, the environment that names it, and faults.
+// TestServer: the server's directory, the environment that names it, and faults.
 #include "support/TestServer.h"
 
 #include <fcntl.h>
@@ -52,13 +52,13 @@ class TextParser : public Database::AllRowParser {
   TestServer::Rows& m_rows;
 };
 
-std::string s_makeFolder() {
+std::string s_makeDirectory() {
   // Short: the path of a socket in it must stay under 108 bytes.
-  std::string folder = "/tmp/tsl-test-XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) {
+  std::string directory = "/tmp/tsl-test-XXXXXX";
+  if (mkdtemp(directory.data()) == nullptr) {
     throw Exception("TestServer", 4, "TestServer", sourceLine()).stringParameter("mkdtemp failed");
   }
-  return folder;
+  return directory;
 }
 
 void s_setEnvironment(const char* name, const std::string& value) {
@@ -75,7 +75,7 @@ std::string s_environment(const char* name) {
 TestServer::TestServer(std::vector<std::string> arguments)
     : m_owner(getpid()),
       m_arguments(std::move(arguments)),
-      m_directory(s_makeFolder()),
+      m_directory(s_makeDirectory()),
       m_server(m_directory + "/s") {
   startGuard();
   m_server.start(options());

@@ -13,10 +13,10 @@
 
 namespace Tessel::Testing {
 
-// A real server in a temporary folder of its own, with its general log on. Its construction makes
-// it the default server of this process (TSL_DATABASE_OPTION_FILE and TSL_CMF_PATH in the
-// environment); its end, also by way of exit() after failed tests, stops it and removes the folder.
-// One thread.
+// A real server in a temporary directory of its own, with its general log on. Its construction
+// makes it the default server of this process (TSL_DATABASE_OPTION_FILE and TSL_CMF_PATH in the
+// environment); its end, also by way of exit() after failed tests, stops it and removes the
+// directory. One thread.
 class TestServer {
  public:
   using Rows = std::vector<std::vector<std::string>>;
@@ -40,7 +40,8 @@ class TestServer {
   // An option file, as long as it lives; in use while in scope.
   class OptionFile {
    public:
-    // Writes `text` to a new file in the server's folder and has TSL_DATABASE_OPTION_FILE name it.
+    // Writes `text` to a new file in the server's directory and has TSL_DATABASE_OPTION_FILE name
+    // it.
     OptionFile(const TestServer& server, const std::string& text);
     // Removes the file; the variable names again what it named before.
     ~OptionFile();
@@ -55,7 +56,7 @@ class TestServer {
     std::string m_before;
   };
 
-  // Makes the account `user`@localhost anew with `password` and the rights that `grants` gives it:
+  // Recreates the account `user`@localhost with `password` and the rights that `grants` gives it:
   // statements separated by semicolons. Until the result goes, the libraries use that account.
   OptionFile useAccount(const std::string& user, const std::string& password,
                         const std::string& grants);
@@ -83,7 +84,7 @@ class TestServer {
   std::string m_directory;
   LocalServer m_server;
   pid_t m_guard = 0;
-  int m_guardPipe = -1;  // Its end tells the guard that this process ended.
+  int m_guardPipe = -1;  // Closed by the end of this process, which the guard notices.
   std::unique_ptr<Database::Connection> m_connection;  // For sql().
 };
 
