@@ -2,17 +2,18 @@
 # or by the pkg-config module tsladdressmap. cmake/Package.cmake makes Debian packages of the same.
 include(CMakePackageConfigHelpers)
 
-# Folders of our own: the names of the headers are short.
+# Directories of our own: the names of the headers are short.
 set(tsl_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/tsladdressmap)
 
-# Whoever installs the private libraries beside the tool need not tell the loader where they are.
+# The tool finds its libraries relative to its own place, so a private installation needs no loader
+# settings.
 file(RELATIVE_PATH tsl_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(tsl-address-map PROPERTIES INSTALL_RPATH "\$ORIGIN/${tsl_bin_to_lib}")
 set_target_properties(tsl_platform tsladdressmap PROPERTIES INSTALL_RPATH "\$ORIGIN")
 
-# tsl_install_targets(FLAVOUR LIBDIR [EXCLUDE_FROM_ALL]): the rules for all that depends on the folder
-# of the libraries, LIBDIR: it stands inside the files by which other builds find us. The components
-# are FLAVOURlibrary, FLAVOURdevelopment and FLAVOURtool.
+# tsl_install_targets(FLAVOUR LIBDIR [EXCLUDE_FROM_ALL]): the rules for all that depends on the
+# directory of the libraries, LIBDIR, which is written into the files by which other builds find us.
+# The components are FLAVOURlibrary, FLAVOURdevelopment and FLAVOURtool.
 function(tsl_install_targets flavour libdir)
   set(optional ${ARGN})
   set(package_dir ${libdir}/cmake/TslAddressMap)

@@ -1,5 +1,5 @@
 # Debian packages of the installation, by `cpack -G DEB`: the two libraries, what is needed to build
-# with them, and the tool. The libraries go to the folder of the machine's architecture.
+# with them, and the tool. The libraries go to the directory of the machine's architecture.
 include(GNUInstallDirs)
 
 set(tsl_package_release 1)
@@ -56,8 +56,8 @@ tsl_package(
 answered from alias tables and address-mask tables in MariaDB or MySQL, with a
 cache in front of each table.
 .
-This package has the program that prepares the database, looks after the
-tables, and starts a private database server to try it all out.")
+This package has the program that prepares the database, manages the tables,
+answers mail servers, and starts a private database server for trials.")
 # For the private server of `local`, and for the SQL prompt of `local shell`.
 set(CPACK_DEBIAN_DEBIAN_TOOL_PACKAGE_RECOMMENDS mariadb-server-core)
 set(CPACK_DEBIAN_DEBIAN_TOOL_PACKAGE_SUGGESTS mariadb-client-core)

@@ -1,5 +1,5 @@
-// The part of the C example that must be C++: no frame of C stands between the function that throws
-// and the one that catches.
+// The part of the C example that must be C++: no C frame is between the function that throws and
+// the one that catches.
 #include "c_guard.h"
 
 #include <exception>

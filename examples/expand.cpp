@@ -16,7 +16,7 @@ int main(int argc, char* argv[]) {
   try {
     if (std::string_view(argv[1]) == "--initialize") {
       // Once, before the first store. Look at the server first: on any failure in a database that
-      // exists, this drops it and makes it anew.
+      // exists, this drops the database and creates an empty one.
       AddressMapDb::initialize(AddressMapDb::MySQL, false);
       return 0;
     }

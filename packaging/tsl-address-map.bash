@@ -58,7 +58,7 @@ _tsl_address_map_values() {
 # _tsl_address_map_offer WORDS: those that begin with what is typed.
 _tsl_address_map_offer() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$current"); }
 
-# _tsl_address_map_files ACTION: files (-f) or folders (-d) that begin with what is typed.
+# _tsl_address_map_files ACTION: files (-f) or directories (-d) that begin with what is typed.
 _tsl_address_map_files() {
   # So that Bash quotes them. It fails when the function is called by something else than a completion.
   compopt -o filenames 2>/dev/null || true

@@ -1,10 +1,10 @@
 # What is done to the files of the packages before they are packed. Run by CPack, with the files of
-# each component in a folder of its own below CPACK_TEMPORARY_DIRECTORY.
+# each component in a directory of its own below CPACK_TEMPORARY_DIRECTORY.
 find_program(tsl_strip strip REQUIRED)
 find_program(tsl_gzip gzip REQUIRED)
 
-# Programs and libraries: without symbols that nobody links with. They lie where the loader looks, so
-# the paths that serve a private installation would only be a way to load something else.
+# Programs and libraries: without symbols that nobody links with. They are where the loader looks, so
+# the run paths of a private installation would only be a way to load something else.
 file(GLOB_RECURSE binaries ${CPACK_TEMPORARY_DIRECTORY}/*/usr/bin/*
      ${CPACK_TEMPORARY_DIRECTORY}/*/usr/lib/*.so.*)
 foreach(binary IN LISTS binaries)
@@ -23,8 +23,8 @@ foreach(text IN LISTS texts)
   execute_process(COMMAND ${tsl_gzip} -9 --no-name --force ${text} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 
-# Whatever the umask of whoever makes the packages. The permissions of files are set as they are put
-# there.
+# The same permissions whatever the umask of the person who builds the packages. Those of files are
+# set when they are installed.
 file(GLOB_RECURSE entries LIST_DIRECTORIES TRUE ${CPACK_TEMPORARY_DIRECTORY}/*)
 foreach(entry IN LISTS entries)
   if(IS_DIRECTORY ${entry} AND NOT IS_SYMLINK ${entry})

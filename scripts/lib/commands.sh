@@ -14,7 +14,7 @@ compiled_sources() {
     sed "s|^$PWD/||" | grep -v '^/' | grep -v '^build/' | sort -u
 }
 
-# flags_of BUILD SOURCE: include folders, definitions and the language version of the source.
+# flags_of BUILD SOURCE: include directories, definitions and the language version of the source.
 flags_of() {
   grep -F -- "-c $PWD/$2\"" "$1/compile_commands.json" | head -1 | tr ' ' '\n' |
     awk '/^-(I|D|std=)/ {print; next} previous == "-isystem" {print "-isystem"; print} {previous = $0}' |

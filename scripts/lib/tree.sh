@@ -1,4 +1,4 @@
-# What the checks share: the files of the tree, and how faults are told. Sourced, not run.
+# What the checks share: the files of the tree, and how faults are reported. Sourced, not run.
 # shellcheck shell=bash
 
 faults=0
@@ -23,7 +23,7 @@ tree_files() {
   fi
 }
 
-# fault TEXT: tells one fault.
+# fault TEXT: reports one fault.
 fault() {
   printf '%s\n' "$1"
   faults=$((faults + 1))
