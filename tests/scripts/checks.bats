@@ -361,7 +361,8 @@ END
   write_page
   printf '`TSL_THING`\n' >docs/configuration.md
   printf '| Where | Context | Code | File | Line | Detail | Cause |\n| thing | `doThing` | 4 | `Thing` | 7 | | |\n\n`0x3000001`\n' >docs/failures.md
-  printf 'None.\n' >docs/contributing.md
+  printf '## Words\n\n| Use | Instead of |\n|---|---|\n| directory | `folder`, `folders` |\n| mean | `stands for`, end |\n\n## More\n' \
+    >docs/contributing.md
   printf '// Thing.\nvoid f() { getenv("TSL_THING"); throw Exception("doThing", 4, "Thing", 7); }\nint code = 0x3000001;\n' \
     >src/map/Thing.cpp
   printf 'int main() {}\n' >examples/expand.cpp
@@ -461,7 +462,30 @@ END
   [[ $output == *"README.md: broken link: docs/tools.md"* ]]
 }
 
-@test "check-docs finds a check that nobody is told of" {
+@test "check-docs finds words that the glossary replaces, in comments, messages and scripts" {
+  write_documents
+  mkdir scripts
+  printf '// The Folders of the end.\nconst char* s_text = "a star stands for all";\n' >src/map/Words.cpp
+  printf 'echo "no folder"\n' >scripts/words
+  fails check-docs 'src/map/Words.cpp:1: "Folders": docs/contributing.md has a better word'
+  [[ $output == *'src/map/Words.cpp:2: "stands for": '* ]]
+  [[ $output == *'scripts/words:1: "folder": '* ]]
+  [[ $output != *'"end"'* ]]
+}
+
+@test "check-docs passes such words as code and as parts of other words" {
+  write_documents
+  printf '// The key `folder`.\nint s_folder;\n' >src/map/Words.cpp
+  passes check-docs
+}
+
+@test "check-docs finds that the glossary is gone" {
+  write_documents
+  printf 'None.\n' >docs/contributing.md
+  fails check-docs "docs/contributing.md: no glossary"
+}
+
+@test "check-docs finds a check that the document for contributors does not mention" {
   write_documents
   mkdir scripts
   printf '#!/bin/sh\n' >scripts/check-more
