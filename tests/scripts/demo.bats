@@ -38,7 +38,7 @@ paragraphs() { awk 'BEGIN {RS = ""} {gsub(/\n/, "\\n"); print}' "$1"; }
 
 # shown_by_the_readme: its copy of the output.
 shown_by_the_readme() {
-  sed -n '/The demo prints, shortened:$/,/^and the tests/{/^```$/d;p}' "$TSL_SOURCE/README.md" | sed '1d;$d'
+  sed -n '/The demo prints, shortened:$/,/^and the tests print/{/^```$/d;p}' "$TSL_SOURCE/README.md" | sed '1d;$d'
 }
 
 # shows COMMAND TEXT: TEXT stands in the output of that command.
