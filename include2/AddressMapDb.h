@@ -1,4 +1,4 @@
-// The entry object of the library: selects the storage and hands out the tables.
+// The entry object of the library: selects the storage and gives access to the tables.
 #ifndef TSL_ADDRESSMAPDB_H
 #define TSL_ADDRESSMAPDB_H
 
@@ -14,7 +14,7 @@ namespace Tessel {
 class AddressMapDbImpl;
 
 // Handle of a store; copies share the store, which lives as long as one of them. A store has one
-// database connection and keeps every table that was asked for until it ends itself. Tables refer
+// database connection and keeps every table that was opened as long as it lives. Tables refer
 // back to their store: keep a copy of the `AddressMapDb` for as long as its tables are used.
 //
 // Threads: `aliasDb` and `maskDb` may be called from any threads on one object. No two threads may
@@ -27,27 +27,28 @@ class TSL_EXPORT AddressMapDb {
   // A handle without a store: only copying, assigning and destroying it are allowed.
   AddressMapDb() noexcept;
   // Opens the store and its default mask table and alias table. With `preload` true each table
-  // reads its rows as it is opened, and only then answers for what it has not cached; with false it
-  // asks the database nothing. Throws Exception: context "AddressMapDb::AddressMapDb", code 4, for
-  // an unknown `type`; what the database reports otherwise.
+  // reads its rows when it is opened, and can then look up what is not cached. With `preload` false
+  // opening queries nothing, and lookups answer from the cache only. Throws Exception: context
+  // "AddressMapDb::AddressMapDb", code 4, for an unknown `type`; what the database reports
+  // otherwise.
   AddressMapDb(Type type, bool preload);
   AddressMapDb(const AddressMapDb& other);
   AddressMapDb& operator=(const AddressMapDb& other);
   ~AddressMapDb();
 
-  // Prepares the database; call it once, before any store is made. Creates `ts_address_map` and its
-  // base tables `alias` and `mask` where they are missing, upgrades an old `alias` table, and
+  // Prepares the database; call it once, before any store is created. Creates `ts_address_map` and
+  // its base tables `alias` and `mask` where they are missing, upgrades an old `alias` table, and
   // empties both when `clear` is true.
   //
-  // Deliberate: any Exception on the way is answered by DROPPING THE WHOLE DATABASE and creating it
-  // afresh, without telling the caller. Look first whether the database can be read; the tool's
-  // `init` does. Throws Exception: context "AddressMapDb::initialize", code 4, for an unknown
-  // `type`; when the server cannot be reached; when dropping or creating afresh fails.
+  // Deliberate: after any Exception it DROPS THE WHOLE DATABASE and creates an empty one, without
+  // reporting it. Check first that the database can be read; the tool's `init` does. Throws
+  // Exception: context "AddressMapDb::initialize", code 4, for an unknown `type`; when the server
+  // cannot be reached; when dropping the database or creating it again fails.
   static void initialize(Type type, bool clear);
 
-  // The table `alias_NAME`, or `alias` for the empty name; the same table for every caller of the
-  // same name, which is used as is (letter case matters). Throws what opening the table
-  // throws; the next call tries again.
+  // The table `alias_NAME`, or `alias` for the empty name. All callers with the same name get the
+  // same table. The name is used as is; letter case matters. Throws what opening the table throws;
+  // the next call tries again.
   [[nodiscard]] AddressAliasDb aliasDb(const std::string& name) const;
 
   // As `aliasDb`, for the table `mask_NAME` or `mask`.

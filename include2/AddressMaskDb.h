@@ -13,11 +13,11 @@ namespace Tessel {
 
 class AddressMaskDbImpl;
 
-// Handle of an address-mask table; copies share the table. `AddressMapDb::maskDb` gives it out.
+// Handle of an address-mask table; copies share the table. `AddressMapDb::maskDb` returns it.
 //
-// Every operation forwards to the table without looking whether there is one: it must only be
-// called on a handle that came from `AddressMapDb::maskDb`, and only while a copy of that
-// `AddressMapDb` lives. Any thread may call them; no two threads may assign to, or destroy, one and
+// Every operation forwards to the table without checking whether there is one: call it only on a
+// handle that came from `AddressMapDb::maskDb`, and only while a copy of that `AddressMapDb`
+// lives. Any thread may call them; no two threads may assign to, or destroy, one and
 // the same handle object.
 class TSL_EXPORT AddressMaskDb {
  public:
@@ -28,7 +28,7 @@ class TSL_EXPORT AddressMaskDb {
   virtual ~AddressMaskDb();
 
   // The public address shown in place of the private address `address`; null when there is none. In
-  // a store that was made without preload, null for whatever is not cached, WITHOUT ASKING THE
+  // a store created without preload also null for everything that is not cached, WITHOUT ASKING THE
   // DATABASE, and rows for whole domains are not applied. Throws Exception when the table cannot be
   // read.
   [[nodiscard]] EmailAddress findPublicAddress(const EmailAddress& address) const;
@@ -42,27 +42,27 @@ class TSL_EXPORT AddressMaskDb {
   void findByMaskedDomain(const std::string& domain,
                           std::map<EmailAddress, EmailAddress>& entries) const;
 
-  // Creates or EMPTIES the file `path`, writes nothing to it, and counts the rows of the table
-  // again, so that lookups ask the database from then on in a store without preload, too. For a
-  // listing use findByMaskedDomain with "*", or the tool. Throws Exception: when the table cannot
-  // be read (the file stays as it was); context "AddressAliasMaskDb::exportToFile", code 4, when
+  // Creates or EMPTIES the file `path`, writes nothing to it, and recounts the rows of the table.
+  // From then on lookups query the database in a store without preload, too. For a listing use
+  // findByMaskedDomain with "*", or the tool. Throws Exception: when the table cannot be read (the
+  // file stays unchanged); context "AddressAliasMaskDb::exportToFile", code 4, when
   // the file cannot be opened. A full disk is not reported.
   void exportToFile(const std::string& path);
 
   // Adds the pairs of the file `path`, one "private:public" a line; where one of the two is taken,
   // that row gets this public address, and no row is added. Lines without a colon are skipped.
-  // Addresses go into SQL UNESCAPED: refuse a file with a quote or a backslash in them first. At a
-  // line longer than 16383 characters, which is cut and taken so, it stops WITHOUT AN ERROR.
-  // Nothing that is cached changes. Throws Exception: context "AddressMaskDb::importFromFile", code
-  // 4, when the file cannot be opened; at a text that is no address, and when the database refuses.
-  // The pairs of the lines before that stay.
+  // Addresses go into SQL UNESCAPED: refuse a file with a quote or a backslash in them first. A
+  // line longer than 16383 characters is cut and imported so, and the import stops there WITHOUT AN
+  // ERROR. Nothing that is cached changes. Throws Exception: context
+  // "AddressMaskDb::importFromFile", code 4, when the file cannot be opened; at a text that is no
+  // address, and when the database refuses. The pairs of the lines before that stay.
   void importFromFile(const std::string& path);
 
   // The table itself, without any check. It lives as long as a handle to it.
   [[nodiscard]] AddressMaskDbImpl* impl() const;
 
  private:
-  friend class AddressMapDbImpl;  // Makes the tables.
+  friend class AddressMapDbImpl;  // Creates the tables.
 
   // Takes over the caller's reference to `table`, also when it throws std::bad_alloc.
   TSL_HIDDEN explicit AddressMaskDb(AddressMaskDbImpl* table);

@@ -1,7 +1,7 @@
 // Reference-counted handles: every public object is a thin handle over a shared body. A handle owns
 // one wrapper; wrappers of the same body share it; the last reference destroys it.
 //
-// Threads: handles that share a body may be copied and destroyed from any threads at once. One
+// Threads: any threads may copy and destroy handles that share a body, at the same time. One
 // handle object is not protected: no two threads may assign to it, or destroy it, at the same time.
 #ifndef TSL_REFCOUNTED_H
 #define TSL_REFCOUNTED_H
@@ -18,8 +18,8 @@ namespace Tessel {
 template <class T>
 class RefCounted;
 
-// Base class of every body. The count starts at 1: that first reference belongs to whoever made the
-// body and is handed to the first wrapper without counting it again. A body may derive from it
+// Base class of every body. The count starts at 1: that first reference belongs to the creator of
+// the body and is passed to the first wrapper without counting it again. A body may derive from it
 // directly or virtually.
 class TSL_EXPORT RefImpl {
  public:

@@ -80,8 +80,8 @@ typedef struct tsl_address_alias_entry {
   const char* members;
 } tsl_address_alias_entry;
 
-/* Aliases in ascending order of their addresses: records side by side; one whose `name` is NULL
-   ends the list. */
+/* Aliases in ascending order of their addresses: an array of records; a record whose `name` is NULL
+   ends it. */
 typedef tsl_address_alias_entry* tsl_address_alias_list;
 
 /* One address-mask pair. "*" as a local part makes a row for a whole domain. */
@@ -92,8 +92,8 @@ typedef struct tsl_address_mask_entry {
   tsl_emailaddress public_address;
 } tsl_address_mask_entry;
 
-/* Pairs in ascending order of their private addresses: records side by side; one whose
-   `private_address` is NULL ends the list. */
+/* Pairs in ascending order of their private addresses: an array of records; a record whose
+   `private_address` is NULL ends it. */
 typedef tsl_address_mask_entry* tsl_address_mask_list;
 
 /* Names of tables, as of one moment. */
@@ -114,8 +114,8 @@ TSL_EXPORT void tsl_address_alias_entry_destroy(tsl_address_alias_entry* entry);
 /* Destroys a list that tsl_address_alias_find_by_domain() returned, with all that it holds. */
 TSL_EXPORT void tsl_address_alias_list_destroy(tsl_address_alias_list list);
 
-/* Creates the alias table "alias_" `name` over a connection of its own; one that exists stays as it
-   is. NULL: does nothing. Lets the library's exception out when the database refuses. */
+/* Creates the alias table "alias_" `name` over a connection of its own; an existing table stays
+   unchanged. NULL: does nothing. Lets the library's exception out when the database refuses. */
 TSL_EXPORT void tsl_address_alias_table_create(const char* name);
 
 /* Drops the alias table "alias_" `name`, over a connection of its own. Open stores do not notice
@@ -124,7 +124,7 @@ TSL_EXPORT void tsl_address_alias_table_create(const char* name);
 TSL_EXPORT void tsl_address_alias_table_erase(const char* name);
 
 /* Adds the alias `entry`, or replaces the members of an existing one. A members text without an
-   address makes an alias without members, which every lookup takes for no alias. The text is
+   address creates an alias without members, which no lookup treats as an alias. The text is
    parsed before the database is touched, and written into SQL unescaped: refuse members with a
    quote or a backslash first. -1: also when `name` or `members` is NULL, or does not parse. */
 TSL_EXPORT int tsl_address_alias_add(tsl_address_map map, const tsl_address_alias_entry* entry,
@@ -174,8 +174,8 @@ TSL_EXPORT int tsl_address_alias_export_to_file(tsl_address_map map, const char*
                                                 const char* table);
 
 /* Adds the aliases of the file `path`, one "alias:member,member" a line. -1: the aliases of the
-   lines before the failure stay. Returns 0, having stopped there, at a line longer than 16383
-   characters, which is cut. */
+   lines before the failure stay. A line longer than 16383 characters is cut, and the import stops
+   there and returns 0. */
 TSL_EXPORT int tsl_address_alias_import_from_file(tsl_address_map map, const char* path,
                                                   const char* table);
 
@@ -245,17 +245,17 @@ TSL_EXPORT int tsl_address_mask_import_from_file(tsl_address_map map, const char
 
 /* ---- Names of tables ---- */
 
-/* The names of the alias tables behind "alias" and one more character, as of now, over a
+/* The names of the alias tables after "alias" and one more character, as of now, over a
    connection of its own; destroyed with tsl_address_map_extensions_destroy(). The default table is
-   left out. That character is not looked at: a table "aliases" is listed as "s", and a table
-   "alias_" as "", which names the default table to the functions with a store. NULL: the names
+   left out. That character may be any: a table "aliases" is listed as "s", and a table
+   "alias_" as "", which means the default table to the functions with a store. NULL: the names
    could not be read. Lets no exception out. */
 TSL_EXPORT tsl_address_map_extensions tsl_address_alias_extensions_create(void);
 
 /* As tsl_address_alias_extensions_create(), for the mask tables. */
 TSL_EXPORT tsl_address_map_extensions tsl_address_mask_extensions_create(void);
 
-/* The names in ascending byte order, a NULL behind the last. Array and strings belong to
+/* The names in ascending byte order, with a NULL after the last. Array and strings belong to
    `extensions` and are valid as long as it; they must be neither changed nor freed. NULL: there are
    no such tables, or `extensions` is NULL. */
 TSL_EXPORT char** tsl_address_map_extensions_get(tsl_address_map_extensions extensions);

@@ -12,7 +12,7 @@ namespace Tessel {
 class AddressAliasDbMySQL;
 
 // One expansion over the table; lives on the stack of its caller. Every address is asked for at
-// most once, which also breaks cycles. All pointers must outlive it. One thread.
+// most once, which also breaks alias loops. All pointers must outlive it. One thread.
 struct AliasExpander {
   const AddressAliasDbMySQL* store;
   const EmailAddress* requested;
