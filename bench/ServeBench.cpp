@@ -29,7 +29,7 @@
 #include "Processes.h"
 #include "Rounds.h"
 #include "database/Connection.h"
-#include "serve/Table.h"
+#include "serve/image/Table.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Bench {

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "fuzz/Fuzz.h"
-#include "serve/AddressKey.h"
+#include "serve/image/AddressKey.h"
 
 using Tessel::Fuzz::asText;
 using Tessel::Fuzz::hasControls;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz/Fuzz.h"
-#include "serve/Netstring.h"
+#include "serve/socket/Netstring.h"
 
 using Tessel::Fuzz::asText;
 using Tessel::Fuzz::require;

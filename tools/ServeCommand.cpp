@@ -8,11 +8,11 @@
 
 #include "cli/Session.h"
 #include "failure/Failure.h"
-#include "serve/ListenAddress.h"
-#include "serve/Log.h"
 #include "serve/Service.h"
-#include "serve/Settings.h"
-#include "serve/SettingsText.h"
+#include "serve/base/ListenAddress.h"
+#include "serve/base/Log.h"
+#include "serve/base/Settings.h"
+#include "serve/base/SettingsText.h"
 
 namespace Tessel::Serve {
 

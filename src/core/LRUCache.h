@@ -55,7 +55,6 @@ class LRUCache {
       m_index.clear();
       m_size = 0;
       m_retired.splice(m_retired.end(), m_recent);
-      reclaim();
     });
   }
 

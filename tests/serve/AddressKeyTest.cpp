@@ -1,5 +1,5 @@
 // Keys of addresses: what is one for every mail server, what stays apart, and what is no address.
-#include "serve/AddressKey.h"
+#include "serve/image/AddressKey.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,5 +1,5 @@
 // An alias table in memory: what its aliases stand for is what the library's expander says.
-#include "serve/AliasImage.h"
+#include "serve/image/AliasImage.h"
 
 #include <atomic>
 #include <set>
@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "serve/AddressKey.h"
+#include "serve/image/AddressKey.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {

@@ -1,6 +1,6 @@
 // Replies that are given again: only those of the same key, only in their time, and never more than
 // there are places for.
-#include "serve/AnswerCache.h"
+#include "serve/answer/AnswerCache.h"
 
 #include <chrono>
 #include <string>

@@ -1,5 +1,5 @@
 // Extensions of addresses: where they begin, and what gets one.
-#include "serve/Extension.h"
+#include "serve/answer/Extension.h"
 
 #include <string>
 

@@ -1,5 +1,5 @@
 // Rows that an image leaves out: all are counted and kept, the first of them with the reason.
-#include "serve/LeftOutRows.h"
+#include "serve/image/LeftOutRows.h"
 
 #include <string>
 

@@ -1,5 +1,5 @@
 // Values of `--listen`: what they mean, and what is said about those that mean nothing.
-#include "serve/ListenAddress.h"
+#include "serve/base/ListenAddress.h"
 
 #include <sys/un.h>
 

@@ -1,6 +1,6 @@
 // Sockets to listen at: the file of a Unix socket is the service's own, and nobody else's is
 // touched.
-#include "serve/ListenSocket.h"
+#include "serve/socket/ListenSocket.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

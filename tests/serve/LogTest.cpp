@@ -1,5 +1,5 @@
 // The log: which lines there are, and what may stand in them.
-#include "serve/Log.h"
+#include "serve/base/Log.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Replies to the requests of mail servers, from tables in memory. What must never happen: "not
 // found" for what is not known, an empty "OK", and somebody else's address.
-#include "serve/Lookup.h"
+#include "serve/answer/Lookup.h"
 
 #include <chrono>
 #include <cstddef>
@@ -45,7 +45,7 @@ class LookupTest : public testing::Test {
 
   // How often an answer was taken from the cache.
   std::string hits() {
-    std::istringstream lines(m_metrics.text(m_tables, Clock::now()));
+    std::istringstream lines(metricsText(m_metrics, m_tables, Clock::now()));
     for (std::string line; std::getline(lines, line);) {
       if (line.starts_with("tsl_address_map_cache_hits_total ")) return line.substr(33);
     }

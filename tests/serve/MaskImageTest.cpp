@@ -1,13 +1,13 @@
 // An address-mask table in memory: plain rows in both directions, and wildcard rows as the library
 // orders them.
-#include "serve/MaskImage.h"
+#include "serve/image/MaskImage.h"
 
 #include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "serve/AddressKey.h"
+#include "serve/image/AddressKey.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {

@@ -1,5 +1,5 @@
 // Metrics and health over HTTP, asked over the loopback network as Prometheus does.
-#include "serve/MetricsListener.h"
+#include "serve/socket/MetricsListener.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,5 +1,5 @@
 // The numbers of the service as Prometheus reads them.
-#include "serve/Metrics.h"
+#include "serve/base/Metrics.h"
 
 #include <chrono>
 #include <string>
@@ -23,7 +23,7 @@ TEST(Metrics, AreAllThereFromTheStart) {
   const Settings settings;
   const Tables tables(settings);
   Metrics metrics;
-  const std::string text = metrics.text(tables, Clock::now());
+  const std::string text = metricsText(metrics, tables, Clock::now());
   for (const char* map : {"alias", "mask_public", "mask_private", "mailbox", "domain", "none"}) {
     for (const char* result : {"ok", "notfound", "temp", "perm"}) {
       EXPECT_THAT(text, HasSubstr("tsl_address_map_requests_total{map=\"" + std::string(map) +
@@ -56,7 +56,7 @@ TEST(Metrics, CountWhatHappens) {
   metrics.connectionClosed();
   metrics.malformedRequest();
   metrics.timedOut();
-  const std::string text = metrics.text(tables, Clock::now());
+  const std::string text = metricsText(metrics, tables, Clock::now());
   for (const char* line :
        {"requests_total{map=\"alias\",result=\"ok\"} 2",
         "requests_total{map=\"none\",result=\"perm\"} 1", "request_seconds_count 3",
@@ -77,14 +77,15 @@ TEST(Metrics, TellTheStateOfEachTableWithoutAnyAddress) {
               {{"secret@d.example", "x@d.example"}, {"broken@d.example", "no address"}},
               now - seconds(7));
   tables.add("mask");
-  const std::string text = metrics.text(tables, now);
+  const std::string text = metricsText(metrics, tables, now);
   EXPECT_THAT(text, HasSubstr("tsl_address_map_rows{table=\"alias\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("tsl_address_map_rows_left_out{table=\"alias\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("tsl_address_map_data_age_seconds{table=\"alias\"} 7\n"));
   EXPECT_THAT(text, Not(HasSubstr("table=\"mask\"")));
   EXPECT_THAT(text, Not(HasSubstr("example")));
   publishRows(*tables.find("alias"), {}, now);
-  EXPECT_THAT(metrics.text(tables, now), HasSubstr("tsl_address_map_rows{table=\"alias\"} 0\n"));
+  EXPECT_THAT(metricsText(metrics, tables, now),
+              HasSubstr("tsl_address_map_rows{table=\"alias\"} 0\n"));
 }
 
 TEST(Metrics, AreCountedAndReadByManyThreads) {
@@ -97,12 +98,12 @@ TEST(Metrics, AreCountedAndReadByManyThreads) {
     threads.emplace_back([&] {
       for (int n = 0; n < 100; ++n) {
         metrics.answered(Map::Alias, Result::NotFound, milliseconds(1));
-        if (n % 20 == 0) static_cast<void>(metrics.text(tables, Clock::now()));
+        if (n % 20 == 0) static_cast<void>(metricsText(metrics, tables, Clock::now()));
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_THAT(metrics.text(tables, Clock::now()),
+  EXPECT_THAT(metricsText(metrics, tables, Clock::now()),
               HasSubstr("requests_total{map=\"alias\",result=\"notfound\"} 400\n"));
 }
 

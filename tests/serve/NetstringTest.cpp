@@ -1,5 +1,5 @@
 // Netstrings: whole and cut frames, what is malformed and what is too long, as soon as it shows.
-#include "serve/Netstring.h"
+#include "serve/socket/Netstring.h"
 
 #include <cstddef>
 #include <limits>

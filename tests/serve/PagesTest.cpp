@@ -1,5 +1,5 @@
 // Pages of long answers: how they are cut, that they are found again, and when they go.
-#include "serve/Pages.h"
+#include "serve/image/Pages.h"
 
 #include <chrono>
 #include <set>
@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "serve/AddressKey.h"
+#include "serve/image/AddressKey.h"
 
 namespace Tessel::Serve {
 namespace {

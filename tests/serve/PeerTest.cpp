@@ -1,6 +1,6 @@
 // Connections of mail servers: every request is answered, in order, however it is cut and however
 // slowly it comes, and nobody holds up another.
-#include "serve/Peer.h"
+#include "serve/socket/Peer.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // Rows in one block of memory.
-#include "serve/RowStore.h"
+#include "serve/image/RowStore.h"
 
 #include <stdexcept>
 #include <string>

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "cmf/Writer.h"
-#include "serve/RowStore.h"
-#include "serve/Table.h"
+#include "serve/image/RowStore.h"
+#include "serve/image/Table.h"
 #include "support/ScratchFile.h"
 
 namespace Tessel::Serve {

@@ -1,5 +1,5 @@
 // Values of the service's options.
-#include "serve/SettingsText.h"
+#include "serve/base/SettingsText.h"
 
 #include <chrono>
 #include <functional>

@@ -1,5 +1,5 @@
 // Images on disk: they come back as they were, and what is not whole is refused.
-#include "serve/SnapshotFile.h"
+#include "serve/image/SnapshotFile.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>

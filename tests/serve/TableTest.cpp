@@ -1,5 +1,5 @@
 // Served tables: which there may be, and the images that they change to.
-#include "serve/Table.h"
+#include "serve/image/Table.h"
 
 #include <atomic>
 #include <chrono>

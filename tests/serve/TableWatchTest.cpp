@@ -1,6 +1,6 @@
 // Images follow the tables of a real server: every change is seen, and what cannot be read leaves
 // the last image in its place.
-#include "serve/TableWatch.h"
+#include "serve/image/TableWatch.h"
 
 #include <chrono>
 #include <cstddef>
@@ -82,7 +82,7 @@ class TableWatchTest : public testing::Test {
   }
   // The number of the metric `name`.
   int count(const std::string& name) {
-    const std::string text = m_metrics.text(m_tables, Clock::now());
+    const std::string text = metricsText(m_metrics, m_tables, Clock::now());
     const std::size_t at = text.find("\ntsl_address_map_" + name + " ");
     return at == std::string::npos ? -1 : std::stoi(text.substr(text.find(' ', at + 1)));
   }

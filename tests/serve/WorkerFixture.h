@@ -21,8 +21,8 @@
 
 #include <gtest/gtest.h>
 
-#include "serve/Netstring.h"
-#include "serve/Worker.h"
+#include "serve/socket/Netstring.h"
+#include "serve/socket/Worker.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -158,7 +158,7 @@ class WorkerFixture : public testing::Test {
 
   // The metrics have the line `line`.
   bool counts(const std::string& line) {
-    return m_metrics.text(m_tables, Clock::now()).find("\ntsl_address_map_" + line + "\n") !=
+    return metricsText(m_metrics, m_tables, Clock::now()).find("\ntsl_address_map_" + line + "\n") !=
            std::string::npos;
   }
 

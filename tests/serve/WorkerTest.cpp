@@ -1,6 +1,6 @@
 // The thread that has the connections: it takes them from any thread, tells that it lives, and
 // leaves nothing behind.
-#include "serve/Worker.h"
+#include "serve/socket/Worker.h"
 
 #include <atomic>
 #include <cstddef>

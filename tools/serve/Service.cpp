@@ -24,12 +24,12 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "failure/Failure.h"
-#include "serve/ListenSocket.h"
-#include "serve/Metrics.h"
-#include "serve/MetricsListener.h"
-#include "serve/Table.h"
-#include "serve/TableWatch.h"
-#include "serve/Worker.h"
+#include "serve/base/Metrics.h"
+#include "serve/image/Table.h"
+#include "serve/image/TableWatch.h"
+#include "serve/socket/ListenSocket.h"
+#include "serve/socket/MetricsListener.h"
+#include "serve/socket/Worker.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Serve {
@@ -140,7 +140,7 @@ class Service {
     const std::string host = isInet6 ? "[" + address.host + "]" : address.host;
     m_metricsListener = std::make_unique<MetricsListener>(
         host + ":" + std::to_string(address.port),
-        MetricsListener::Pages{[this] { return m_metrics.text(m_tables, Clock::now()); },
+        MetricsListener::Pages{[this] { return metricsText(m_metrics, m_tables, Clock::now()); },
                                [this] { return unready(); }});
   }
 

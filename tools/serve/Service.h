@@ -2,8 +2,8 @@
 #ifndef TSL_TOOLS_SERVE_SERVICE_H
 #define TSL_TOOLS_SERVE_SERVICE_H
 
-#include "serve/Log.h"
-#include "serve/Settings.h"
+#include "serve/base/Log.h"
+#include "serve/base/Settings.h"
 
 namespace Tessel::Serve {
 

@@ -1,0 +1,29 @@
+// Address extensions: the "+tag" of "user+tag@domain" (RFC 5233 calls it the detail).
+#ifndef TSL_TOOLS_SERVE_ANSWER_EXTENSION_H
+#define TSL_TOOLS_SERVE_ANSWER_EXTENSION_H
+
+#include <string>
+#include <string_view>
+
+namespace Tessel::Serve {
+
+// An address cut at its extension.
+struct ExtendedAddress {
+  std::string base;       // The address without the extension.
+  std::string extension;  // With its delimiter; empty when there is none.
+};
+
+// Cuts the address `text` at the first of `delimiters` in its local part. Quoted local parts have
+// no extension, nor has what would be left without a name. With the delimiter "-", "owner-list" and
+// "list-request" are names as they stand. Any thread.
+ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters);
+
+// `address` with `extension` at the end of its local part; as it is when it has an extension of its
+// own, no domain, or would become too long or need quotes, in which no extension is found again.
+// `address` is as EmailAddress::address() gives it. Any thread.
+std::string withExtension(const std::string& address, std::string_view extension,
+                          std::string_view delimiters);
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,40 @@
+// Where the lookup service listens, as its option `--listen` says it.
+#ifndef TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
+#define TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Tessel::Serve {
+
+// A place to listen at. A value.
+struct ListenAddress {
+  enum class Kind { Unix, Inet };
+
+  Kind kind = Kind::Unix;
+  bool isLineProtocol = false;  // Lines instead of netstrings.
+
+  // Of a Unix socket: its absolute path, which fits into a socket address with its NUL, and what
+  // the file is given if it was said: permissions, and a group by name (empty for none).
+  std::string path;
+  std::optional<mode_t> mode;
+  std::string group;
+
+  // Of a network socket: a numeric IPv4 or IPv6 address, without brackets; 0 lets the system choose
+  // the port.
+  std::string host;
+  std::uint16_t port = 0;
+};
+
+// Reads "unix:/PATH[,mode=0660][,group=NAME]" or "inet:HOST:PORT", with "inet:[::1]:PORT" for IPv6;
+// "unix-line:" and "inet-line:" for lines. Throws Tool::Failure, ExitCode::Usage, which says what
+// is wrong and gives an example. Looks at no file, group or network. Any thread.
+ListenAddress parseListenAddress(std::string_view value);
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,80 @@
+// What the lookup service counts, for Prometheus. No address ever gets in.
+#ifndef TSL_TOOLS_SERVE_BASE_METRICS_H
+#define TSL_TOOLS_SERVE_BASE_METRICS_H
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "serve/base/Answer.h"
+#include "serve/base/Settings.h"
+
+namespace prometheus {
+class Counter;
+class Gauge;
+class Histogram;
+class Registry;
+}  // namespace prometheus
+
+namespace Tessel::Serve {
+
+// The maps that a mail server may ask, in the order of their names in Metrics.cpp. `None` counts
+// what asks for no map.
+enum class Map : std::size_t { Alias, MaskPublic, MaskPrivate, Mailbox, Domain, None };
+inline constexpr std::size_t s_maps = 6;
+
+// Any thread may call any operation.
+class Metrics {
+ public:
+  Metrics();
+  ~Metrics();
+  Metrics(const Metrics&) = delete;
+  Metrics& operator=(const Metrics&) = delete;
+
+  // A request was answered.
+  void answered(Map map, Result result, Clock::duration latency);
+  // An answer was taken from the cache of answers.
+  void cacheHit();
+  // An answer came from an image that cannot be compared with its table at present.
+  void staleAnswer();
+  // The database could not be asked.
+  void databaseError();
+  // A table was read again, or could not be.
+  void rebuilt(Clock::duration took);
+  void rebuildFailed();
+  // A connection began or ended.
+  void connectionOpened();
+  void connectionClosed();
+  // A connection was ended for what it sent, or for what it did not send or take in time.
+  void malformedRequest();
+  void timedOut();
+
+  // The state of a table: its rows, those that are left out, and how old the image is.
+  void tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
+                  Clock::duration age);
+
+  // All of it in the text format of Prometheus.
+  [[nodiscard]] std::string text() const;
+
+ private:
+  struct Families;
+
+  std::unique_ptr<prometheus::Registry> m_registry;
+  std::unique_ptr<Families> m_families;
+  std::array<std::array<prometheus::Counter*, s_results>, s_maps> m_requests{};
+  prometheus::Histogram* m_latency;
+  prometheus::Counter* m_cacheHits;
+  prometheus::Counter* m_staleAnswers;
+  prometheus::Counter* m_databaseErrors;
+  prometheus::Counter* m_rebuildFailures;
+  prometheus::Histogram* m_rebuilds;
+  prometheus::Gauge* m_connections;
+  prometheus::Counter* m_accepted;
+  prometheus::Counter* m_malformed;
+  prometheus::Counter* m_timeouts;
+};
+
+}  // namespace Tessel::Serve
+
+#endif

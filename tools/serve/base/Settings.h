@@ -1,0 +1,48 @@
+// How the lookup service is to work, as its command line says it.
+#ifndef TSL_TOOLS_SERVE_BASE_SETTINGS_H
+#define TSL_TOOLS_SERVE_BASE_SETTINGS_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "serve/base/ListenAddress.h"
+
+namespace Tessel::Serve {
+
+// The clock of ages and time-outs.
+using Clock = std::chrono::steady_clock;
+
+// What is done with the extension of `user+extension@domain` when only `user@domain` is found.
+enum class ExtensionRule {
+  Keep,  // Each address of the answer gets it.
+  Drop,  // The answer is that of `user@domain`.
+  Off,   // Nothing is found.
+};
+
+// A value; see tsl-address-map-serve(8) for what each means.
+struct Settings {
+  std::vector<ListenAddress> listen;
+  std::optional<ListenAddress> metrics;
+  std::vector<std::string> tables;  // Store names; empty for all that there are.
+  std::chrono::milliseconds refresh{1000};
+  std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: for ever.
+  std::string snapshot;                                                   // Folder; empty for none.
+  std::size_t maxReply = 100000;
+  std::size_t page = 500;
+  std::size_t maxRequest = 65536;
+  ExtensionRule extension = ExtensionRule::Keep;
+  std::string delimiter = "+";
+  unsigned int workers = 1;
+  std::size_t maxConnections = 10000;
+  std::chrono::milliseconds idleTimeout{std::chrono::hours(1)};
+  std::chrono::milliseconds requestTimeout{std::chrono::seconds(30)};
+  std::chrono::milliseconds drain{std::chrono::seconds(5)};
+};
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,88 @@
+// Reads the values of the service's options.
+#include "serve/base/SettingsText.h"
+
+#include <array>
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+#include "failure/Failure.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+struct Unit {
+  std::string_view name;
+  milliseconds length;
+};
+
+constexpr std::array<Unit, 5> s_units{{{"ms", milliseconds(1)},
+                                       {"s", std::chrono::seconds(1)},
+                                       {"m", std::chrono::minutes(1)},
+                                       {"h", std::chrono::hours(1)},
+                                       {"d", std::chrono::hours(24)}}};
+
+// So that no sum of times gets out of hand.
+constexpr std::uint64_t s_longestTime = milliseconds(std::chrono::hours(24) * 10000).count();
+
+[[noreturn]] void s_refuse(const std::string& option, const std::string& text,
+                           const std::string& hint) {
+  throw Tool::Failure(Tool::ExitCode::Usage, option, "'" + text + "' is no value for it", hint);
+}
+
+// Reads the number that `text` begins with, and takes it away. False when there is none.
+bool s_takeNumber(std::string_view& text, std::uint64_t& number) {
+  const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (read.ec != std::errc()) return false;
+  text.remove_prefix(static_cast<std::size_t>(read.ptr - text.data()));
+  return true;
+}
+
+}  // namespace
+
+milliseconds parseTime(const std::string& option, const std::string& text, milliseconds least) {
+  std::uint64_t number = 0;
+  std::string_view rest = text;
+  if (s_takeNumber(rest, number)) {
+    for (const Unit& unit : s_units) {
+      const auto length = static_cast<std::uint64_t>(unit.length.count());
+      if (rest != unit.name || number > s_longestTime / length) continue;
+      const milliseconds time(number * length);
+      if (time >= least) return time;
+    }
+  }
+  s_refuse(option, text,
+           "give a number with its unit, as 250ms, 1s, 5m, 1h or 2d, and at least " +
+               std::to_string(least.count()) + "ms");
+}
+
+std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
+                          std::uint64_t most) {
+  std::uint64_t number = 0;
+  std::string_view rest = text;
+  if (s_takeNumber(rest, number) && rest.empty() && number >= least && number <= most) {
+    return number;
+  }
+  s_refuse(option, text,
+           "give a number from " + std::to_string(least) + " to " + std::to_string(most));
+}
+
+ExtensionRule parseExtensionRule(const std::string& option, const std::string& text) {
+  if (text == "keep") return ExtensionRule::Keep;
+  if (text == "drop") return ExtensionRule::Drop;
+  if (text == "off") return ExtensionRule::Off;
+  s_refuse(option, text, "give keep, drop or off");
+}
+
+LogLevel parseLogLevel(const std::string& option, const std::string& text) {
+  if (text == "error") return LogLevel::Error;
+  if (text == "warning") return LogLevel::Warning;
+  if (text == "info") return LogLevel::Info;
+  if (text == "debug") return LogLevel::Debug;
+  s_refuse(option, text, "give error, warning, info or debug");
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,28 @@
+// Reads the values of the service's options.
+#ifndef TSL_TOOLS_SERVE_BASE_SETTINGSTEXT_H
+#define TSL_TOOLS_SERVE_BASE_SETTINGSTEXT_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "serve/base/Log.h"
+#include "serve/base/Settings.h"
+
+namespace Tessel::Serve {
+
+// Each reads the value `text` of the option `option` and throws Tool::Failure, ExitCode::Usage,
+// with what may stand there, when it is none. Any thread.
+
+// A time: a number with its unit, "250ms", "1s", "5m", "1h" or "2d"; `least` at least.
+std::chrono::milliseconds parseTime(const std::string& option, const std::string& text,
+                                    std::chrono::milliseconds least);
+// A whole number from `least` to `most`.
+std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
+                          std::uint64_t most);
+ExtensionRule parseExtensionRule(const std::string& option, const std::string& text);
+LogLevel parseLogLevel(const std::string& option, const std::string& text);
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,159 @@
+// An alias table in memory.
+#include "serve/image/AliasImage.h"
+
+#include <algorithm>
+#include <numeric>
+#include <unordered_map>
+#include <utility>
+
+#include "alias/AddressAliasDbMySQL.h"
+#include "alias/AliasExpander.h"
+#include "base/stringCompareNoCase.h"
+#include "serve/image/AddressKey.h"
+#include "tables/AliasGraph.h"
+#include "tables/Links.h"
+#include "tables/RowReader.h"
+
+namespace Tessel::Serve {
+
+using Tool::AddressIndex;
+
+// Fills itself with the rows that are asked for. It has room for all of them, so none is ever
+// thrown out and what `find` returns stays where it is: expansions read it without a lock.
+class AliasImage::RowCache : public LRUCache<EmailAddress, std::set<EmailAddress>> {
+ public:
+  // `image` must outlive the cache.
+  explicit RowCache(const AliasImage& image) : LRUCache(image.m_rows.size()), m_image(image) {}
+
+  iterator find(const EmailAddress& address) const override {
+    // Most addresses that are looked up are members that are no aliases: they are told at once.
+    const RowStore::Id row = m_image.rowOf(address);
+    if (row == AddressIndex::s_none) return end();
+    const auto known = LRUCache::find(address);
+    if (known != end()) return known;
+    // Under the row's own spelling, so that a row has one entry however it is asked for.
+    const EmailAddress alias = EmailAddress::rfc5321Parse(m_image.m_rows.first(row), false);
+    const auto spelled = LRUCache::find(alias);
+    if (spelled != end()) return spelled;
+    // Looking a row up fills the cache: that is what a cache is for, hence the cast.
+    const_cast<RowCache*>(this)->add(alias, m_image.members(row));
+    return LRUCache::find(alias);
+  }
+
+ private:
+  const AliasImage& m_image;
+};
+
+// Takes the rows of a table in.
+class AliasImage::Reader {
+ public:
+  // `image` must outlive the reader.
+  explicit Reader(AliasImage& image) : m_image(image) {}
+
+  void take(std::string_view name, std::string_view members) {
+    const Tool::RowFault fault = m_reader.read(name, members);
+    // Not all of the text may belong to the address: blanks around it do not.
+    const std::string_view address = m_reader.key().empty() ? name : m_reader.key();
+    const bool canBeAsked = addressKey(address, m_key);
+    if (!canBeAsked) m_key.clear();
+    if (fault != Tool::RowFault::None) {
+      m_image.m_leftOut.add(name, members, m_reader.why(), m_key);
+    } else if (!canBeAsked) {
+      m_image.m_leftOut.add(name, members, "bad alias: nobody can ask for it", "");
+    } else if (m_image.m_keys.add(m_key).isNew) {
+      m_image.m_rows.add(name, members);
+    } else {
+      m_image.m_leftOut.add(name, members, "another row is of the same address", "");
+    }
+  }
+
+ private:
+  AliasImage& m_image;
+  std::string m_key;
+  Tool::RowReader m_reader{Tool::TableKind::Alias};
+};
+
+AliasImage::AliasImage(const RowSource& source) {
+  Reader reader(*this);
+  source(
+      [&reader](std::string_view name, std::string_view members) { reader.take(name, members); });
+  m_rows.shrink();
+  m_cache = std::make_unique<RowCache>(*this);
+}
+
+AliasImage::~AliasImage() = default;
+
+Expansion AliasImage::expand(std::string_view key) const {
+  Expansion expansion;
+  const RowStore::Id row = m_keys.find(key);
+  if (row == AddressIndex::s_none) {
+    if (m_leftOut.hasKey(key)) expansion.kind = Expansion::Kind::Broken;
+    return expansion;
+  }
+  const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
+  std::set<EmailAddress> reached;
+  AdapterExpanderNoQuery(*m_cache, reached).expand(alias);
+  if (reachesBroken(reached)) {
+    expansion.kind = Expansion::Kind::Broken;
+    return expansion;
+  }
+  expansion.dependsOnUsers = reached.size() == 1 && Tool::isMarker(reached.begin()->address());
+  expansion.addresses = AddressAliasDbMySQL::withAllUsers(alias, reached);
+  for (const EmailAddress& address : expansion.addresses) {
+    // A marker that is left is no mailbox: mail to it would reach whoever has that name.
+    if (!address.domain().empty() || !Tool::isMarker(address.address())) continue;
+    expansion.kind = Expansion::Kind::NoUsers;
+    return expansion;
+  }
+  expansion.kind = expansion.addresses.empty() ? Expansion::Kind::Nobody : Expansion::Kind::Found;
+  return expansion;
+}
+
+// To the expander, an alias that was left out is an address like any other.
+bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
+  if (!m_leftOut.hasKeys()) return false;
+  std::string key;
+  return std::any_of(reached.begin(), reached.end(), [&](const EmailAddress& address) {
+    return addressKey(address.address(), key) && m_leftOut.hasKey(key) &&
+           m_keys.find(key) == AddressIndex::s_none;
+  });
+}
+
+std::vector<std::string> AliasImage::loop(std::string_view key) const {
+  const RowStore::Id first = m_keys.find(key);
+  if (first == AddressIndex::s_none) return {};
+  std::unordered_map<RowStore::Id, Tool::Links::Node> numbers{{first, 0}};
+  std::vector<RowStore::Id> rows{first};
+  std::vector<Tool::Link> links;
+  for (Tool::Links::Node alias = 0; alias < rows.size(); ++alias) {
+    for (const EmailAddress& member : members(rows[alias])) {
+      const RowStore::Id row = rowOf(member);
+      if (row == AddressIndex::s_none || row == rows[alias]) continue;
+      const auto next = static_cast<Tool::Links::Node>(rows.size());
+      const auto [known, isNew] = numbers.emplace(row, next);
+      if (isNew) rows.push_back(row);
+      links.push_back({alias, known->second});
+    }
+  }
+  std::vector<Tool::Links::Node> nodes(rows.size());
+  std::iota(nodes.begin(), nodes.end(), 0);
+  const std::vector<Tool::Cycle> cycles =
+      Tool::cyclesOf(Tool::Links(rows.size(), links), nodes, {});
+  std::vector<std::string> loop;
+  if (cycles.empty()) return loop;
+  for (const Tool::Links::Node node : cycles.front().path) {
+    loop.emplace_back(m_rows.first(rows[node]));
+  }
+  return loop;
+}
+
+std::set<EmailAddress> AliasImage::members(RowStore::Id id) const {
+  return EmailAddress::rfc5322ParseSet(m_rows.second(id), true, false);
+}
+
+RowStore::Id AliasImage::rowOf(const EmailAddress& address) const {
+  std::string key;
+  return addressKey(address.address(), key) ? m_keys.find(key) : AddressIndex::s_none;
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,75 @@
+// An alias table in memory, from which requests are answered.
+#ifndef TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
+#define TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
+
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "address/EmailAddress.h"
+#include "serve/image/LeftOutRows.h"
+#include "serve/image/RowStore.h"
+#include "tables/AddressIndex.h"
+
+namespace Tessel::Serve {
+
+// What an address stands for.
+struct Expansion {
+  enum class Kind {
+    NoAlias,
+    Found,    // `addresses` are the final addresses, at least one.
+    Nobody,   // An alias that reaches nobody.
+    Broken,   // An alias whose row, or that of an alias it leads to, cannot be read.
+    NoUsers,  // An alias for all users of a domain whose users cannot be told.
+  };
+
+  Kind kind = Kind::NoAlias;
+  std::set<EmailAddress> addresses;
+  // True when it rests on the mail users of the configuration too, which change on their own.
+  bool dependsOnUsers = false;
+};
+
+// The rows never change. Their texts lie in one block; what is asked for is parsed once and kept in
+// a cache that has room for the whole table, over which the library's expander walks. A row that
+// cannot be read is left out, and of two rows of one address (see AddressKey.h) the second. Any
+// thread may call any operation.
+class AliasImage {
+ public:
+  // Reads all rows of `source`: name and members. Throws what `source` throws.
+  explicit AliasImage(const RowSource& source);
+  ~AliasImage();
+  AliasImage(const AliasImage&) = delete;
+  AliasImage& operator=(const AliasImage&) = delete;
+
+  // What the address with `key` stands for; `key` is as addressKey() gives it.
+  [[nodiscard]] Expansion expand(std::string_view key) const;
+
+  // An alias loop that the alias with `key` leads into, its first address also at the end; empty
+  // when there is none.
+  [[nodiscard]] std::vector<std::string> loop(std::string_view key) const;
+
+  [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
+  [[nodiscard]] const LeftOutRows& leftOut() const noexcept { return m_leftOut; }
+
+ private:
+  class RowCache;
+  class Reader;
+
+  // The members of row `id`, which can be read.
+  [[nodiscard]] std::set<EmailAddress> members(RowStore::Id id) const;
+  // The row of the address, or Tool::AddressIndex::s_none.
+  [[nodiscard]] RowStore::Id rowOf(const EmailAddress& address) const;
+  // True when one of `reached` is an alias whose row was left out.
+  [[nodiscard]] bool reachesBroken(const std::set<EmailAddress>& reached) const;
+
+  RowStore m_rows;
+  Tool::AddressIndex m_keys;  // The number of a key is that of its row.
+  LeftOutRows m_leftOut;
+  std::unique_ptr<RowCache> m_cache;
+};
+
+}  // namespace Tessel::Serve
+
+#endif

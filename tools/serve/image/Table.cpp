@@ -1,0 +1,107 @@
+// A table that is served.
+#include "serve/image/Table.h"
+#include "tables/TableNames.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace Tessel::Serve {
+
+namespace {
+
+constexpr Clock::rep s_never = std::numeric_limits<Clock::rep>::min();
+
+// A store name that may be served: it stands in file names and in the requests of mail servers.
+bool s_isServable(std::string_view name) {
+  static constexpr std::string_view s_allowed =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.$";
+  return name.find_first_not_of(s_allowed) == std::string_view::npos;
+}
+
+// Room for the extension of each address of a page.
+std::size_t s_reserve(const Settings& settings) {
+  constexpr std::size_t s_usualExtension = 32;
+  return settings.extension == ExtensionRule::Keep ? s_usualExtension : 0;
+}
+
+}  // namespace
+
+TableImage::TableImage(TableKind kind, const RowSource& source) {
+  if (kind == TableKind::Alias) {
+    m_alias = std::make_unique<AliasImage>(source);
+  } else {
+    m_mask = std::make_unique<MaskImage>(source);
+  }
+}
+
+Table::Table(TableKind kind, const std::string& name, const Settings& settings)
+    : m_kind(kind),
+      m_sqlName(Tool::sqlTableName(kind, name)),
+      m_pages(settings.page, settings.maxReply - std::string_view("OK ").size(),
+              s_reserve(settings)),
+      m_confirmed(s_never) {}
+
+ImagePointer Table::image() const {
+  return m_image.with([](const ImagePointer& image) { return image; });
+}
+
+void Table::publish(ImagePointer image) {
+  m_image.with([&](ImagePointer& current) {
+    current.swap(image);
+    ++m_generation;
+  });
+  // The old image ends here: a large one takes its time to go, not under the lock.
+}
+
+std::optional<Clock::duration> Table::age(Clock::time_point now) const noexcept {
+  const Clock::rep confirmed = m_confirmed;
+  if (confirmed == s_never) return std::nullopt;
+  return now - Clock::time_point(Clock::duration(confirmed));
+}
+
+bool isTooOld(Clock::duration age, const Settings& settings) {
+  return settings.stale && age > std::max<Clock::duration>(*settings.stale, s_outage);
+}
+
+TablePointer Tables::find(std::string_view sqlName) const {
+  return m_tables.with([sqlName](const auto& tables) {
+    const auto found = tables.find(sqlName);
+    return found == tables.end() ? nullptr : found->second;
+  });
+}
+
+TablePointer Tables::add(const std::string& sqlName) {
+  const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
+  if (!table || !s_isServable(table->name)) return nullptr;
+  const std::vector<std::string>& wanted = m_settings.tables;
+  const bool isWanted = table->name.empty() || wanted.empty() ||
+                        std::find(wanted.begin(), wanted.end(), table->name) != wanted.end();
+  if (!isWanted) return nullptr;
+  return m_tables.with([&](auto& tables) {
+    TablePointer& known = tables[sqlName];
+    if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name, m_settings);
+    return known;
+  });
+}
+
+std::vector<TablePointer> Tables::all() const {
+  return m_tables.with([](const auto& tables) {
+    std::vector<TablePointer> all;
+    all.reserve(tables.size());
+    for (const auto& [name, table] : tables) all.push_back(table);
+    return all;
+  });
+}
+
+std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_point now) {
+  for (const TablePointer& table : tables.all()) {
+    const ImagePointer image = table->image();
+    const std::optional<Clock::duration> age = table->age(now);
+    if (image == nullptr || !age) continue;
+    metrics.tableState(table->sqlName(), image->rows().size(), image->leftOut().count(), *age);
+  }
+  return metrics.text();
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,114 @@
+// A table that is served: its newest image, how old that is, and the pages of its long answers.
+#ifndef TSL_TOOLS_SERVE_IMAGE_TABLE_H
+#define TSL_TOOLS_SERVE_IMAGE_TABLE_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/Guarded.h"
+#include "serve/base/Metrics.h"
+#include "serve/base/Settings.h"
+#include "serve/image/AliasImage.h"
+#include "serve/image/MaskImage.h"
+#include "serve/image/Pages.h"
+#include "tables/TableNames.h"
+
+namespace Tessel::Serve {
+
+using Tool::TableKind;
+
+// The image of a table of either kind. Any thread.
+class TableImage {
+ public:
+  // Reads all rows of `source`. Throws what it throws.
+  TableImage(TableKind kind, const RowSource& source);
+
+  // Requires: the kind.
+  [[nodiscard]] const AliasImage& alias() const { return *m_alias; }
+  [[nodiscard]] const MaskImage& mask() const { return *m_mask; }
+
+  [[nodiscard]] const RowStore& rows() const {
+    return m_alias != nullptr ? m_alias->rows() : m_mask->rows();
+  }
+  [[nodiscard]] const LeftOutRows& leftOut() const {
+    return m_alias != nullptr ? m_alias->leftOut() : m_mask->leftOut();
+  }
+
+ private:
+  std::unique_ptr<AliasImage> m_alias;  // One of the two is there.
+  std::unique_ptr<MaskImage> m_mask;
+};
+
+using ImagePointer = std::shared_ptr<const TableImage>;
+
+// Any thread may call any operation.
+class Table {
+ public:
+  // The table of the store name `name`; empty for the base table.
+  Table(TableKind kind, const std::string& name, const Settings& settings);
+
+  [[nodiscard]] TableKind kind() const noexcept { return m_kind; }
+  [[nodiscard]] const std::string& sqlName() const noexcept { return m_sqlName; }
+  [[nodiscard]] Pages& pages() noexcept { return m_pages; }
+
+  // The newest image; null when there was none yet.
+  [[nodiscard]] ImagePointer image() const;
+  // Changes with each image, so that a holder of one knows that there is a newer one.
+  [[nodiscard]] std::uint64_t generation() const noexcept { return m_generation; }
+  // Puts a new image into the place of the old one. Those who still use that keep it alive.
+  void publish(ImagePointer image);
+
+  // The table was found to be as its image has it, by a look that began at `time`.
+  void confirm(Clock::time_point time) noexcept { m_confirmed = time.time_since_epoch().count(); }
+  // How long ago the image was last known to be right; nothing when it never was.
+  [[nodiscard]] std::optional<Clock::duration> age(Clock::time_point now) const noexcept;
+
+ private:
+  const TableKind m_kind;
+  const std::string m_sqlName;
+  Pages m_pages;
+  Guarded<ImagePointer> m_image;
+  std::atomic<std::uint64_t> m_generation = 0;
+  std::atomic<Clock::rep> m_confirmed;
+};
+
+// An image that was not compared with its table for this long is one of an outage.
+inline constexpr Clock::duration s_outage = std::chrono::seconds(5);
+
+// True when an image that is `age` old is too old to answer from.
+bool isTooOld(Clock::duration age, const Settings& settings);
+
+using TablePointer = std::shared_ptr<Table>;
+
+// The tables that are served, by their SQL names. A table that was there once stays, with its last
+// image: it may be back soon. Any thread may call any operation.
+class Tables {
+ public:
+  // Asks for `settings`, which must outlive the object.
+  explicit Tables(const Settings& settings) : m_settings(settings) {}
+
+  // The table of the SQL name; null when it is not served.
+  [[nodiscard]] TablePointer find(std::string_view sqlName) const;
+  // Sees to it that the table is served. Null for an SQL name that is not that of a table of the
+  // library, or that the settings leave out.
+  TablePointer add(const std::string& sqlName);
+  // All of them, in the order of their names.
+  [[nodiscard]] std::vector<TablePointer> all() const;
+
+ private:
+  const Settings& m_settings;
+  Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
+};
+
+// `metrics` in the text format of Prometheus, with the state of `tables` at `now`.
+std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_point now);
+
+}  // namespace Tessel::Serve
+
+#endif

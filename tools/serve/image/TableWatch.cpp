@@ -1,0 +1,309 @@
+// Keeps the images of the served tables like the tables.
+#include "serve/image/TableWatch.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "database/Connection.h"
+#include "failure/Failure.h"
+#include "tables/AliasGraph.h"
+#include "tables/TableNames.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Tables that are read at the same time: a small one need not wait for a large one.
+constexpr std::size_t s_readers = 2;
+
+// Until the second of a change is over for sure, more changes of it cannot be told from it: a table
+// that is read in no time is read with each look, another one at these times after it was found.
+constexpr milliseconds s_noTime{50};
+constexpr milliseconds s_midway{500};
+constexpr milliseconds s_settled{1250};
+
+// A table whose last change is longer ago than clocks are ever set back is not in that second.
+constexpr const char* s_longAgo = "7200";
+
+// Pause after a table could not be read.
+constexpr milliseconds s_retry{1000};
+// Shortest time between two snapshots of a table.
+constexpr std::chrono::seconds s_saveInterval{10};
+
+// MySQL keeps what it answers here for a day unless it is told not to; MariaDB takes that for a
+// comment.
+constexpr const char s_lookStatement[] =
+    "select /*+ SET_VAR(information_schema_stats_expiry=0) */ table_name,"
+    " concat_ws(' ', connection_id(), create_time, ifnull(update_time, '-')),"
+    " ifnull(timestampdiff(second, update_time, now()) > ";
+
+std::string s_statement() {
+  return std::string(s_lookStatement) + s_longAgo +
+         ", 1) from information_schema.tables where table_schema = '" + Tool::s_database +
+         "' and table_type = 'BASE TABLE';";
+}
+
+std::string s_select(const Table& table) {
+  const char* const columns =
+      table.kind() == TableKind::Alias ? "name, members" : "private, public";
+  return std::string("select ") + columns + " from " + Tool::quotedName(table.sqlName()) + ";";
+}
+
+std::string s_secondsText(Clock::duration duration) {
+  return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(duration).count()) + " s";
+}
+
+}  // namespace
+
+Clock::time_point TableWatch::Watched::nextRead() const {
+  if (!isRecent || readStart >= seenSince + s_settled) return Clock::time_point::max();
+  if (readTime < s_noTime) return readStart;
+  const bool isBefore = readStart < seenSince + s_midway;
+  return seenSince + (isBefore ? s_midway : s_settled);
+}
+
+class TableWatch::Readers : public boost::asio::thread_pool {
+ public:
+  Readers() : boost::asio::thread_pool(s_readers) {}
+};
+
+TableWatch::TableWatch(const Settings& settings, Tables& tables, Metrics& metrics, Log& log)
+    : m_settings(settings),
+      m_tables(tables),
+      m_metrics(metrics),
+      m_log(log),
+      m_snapshots(settings.snapshot),
+      m_readers(std::make_unique<Readers>()) {
+  loadSnapshots();
+}
+
+TableWatch::~TableWatch() {
+  stop(milliseconds(0));
+  if (m_thread.joinable()) m_thread.join();
+  m_readers->join();
+}
+
+void TableWatch::start() {
+  m_state.with([](State& state) { state.isRunning = true; });
+  m_thread = std::thread([this] { run(); });
+}
+
+void TableWatch::reload() {
+  m_state.with([](State& state) { state.isReloading = true; });
+  m_wake.notify_all();
+}
+
+bool TableWatch::stop(milliseconds patience) {
+  m_state.with([](State& state) { state.isStopping = true; });
+  m_wake.notify_all();
+  return m_state.waitFor(m_wake, patience, [](const State& state) {
+    return !state.isRunning && std::none_of(state.watched.begin(), state.watched.end(),
+                                            [](const auto& entry) { return entry.second.isBusy; });
+  });
+}
+
+void TableWatch::run() {
+  const milliseconds interval =
+      std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
+  while (!m_state.with([](const State& state) { return state.isStopping; })) {
+    const bool isReloading = m_state.with([](State& state) {
+      if (state.isReloading) {
+        for (auto& [name, watched] : state.watched) watched.readPrint.clear();
+      }
+      return std::exchange(state.isReloading, false);
+    });
+    if (isReloading) m_connection.reset();
+    look(Clock::now());
+    m_state.waitFor(m_wake, interval,
+                    [](const State& state) { return state.isStopping || state.isReloading; });
+  }
+  m_state.with([](State& state) { state.isRunning = false; });
+  m_wake.notify_all();
+}
+
+void TableWatch::look(Clock::time_point start) {
+  try {
+    if (m_connection == nullptr) {
+      m_connection = std::make_unique<Database::Connection>(Tool::s_database);
+    }
+    for (const Tool::TextRow& row : Tool::selectTexts(*m_connection, s_statement(), 3)) {
+      compare(row[0], row[1], row[2] == "1", start);
+    }
+    noteMissing(start);
+    if (m_isFailing) m_log.warning("the database can be asked again");
+    m_isFailing = false;
+  } catch (const std::exception& exception) {
+    fail(Tool::failureOf(exception, "looking for changes").why());
+  }
+}
+
+void TableWatch::compare(const std::string& sqlName, const std::string& print, bool isLongAgo,
+                         Clock::time_point start) {
+  const TablePointer table = m_tables.add(sqlName);
+  if (table == nullptr) return;
+  m_state.with([&](State& state) {
+    Watched& watched = state.watched.try_emplace(sqlName, table).first->second;
+    watched.lastLook = start;
+    watched.isMissing = false;
+    if (watched.seen != print) {
+      watched.isRecent = !watched.seen.empty() || !isLongAgo;
+      watched.seen = print;
+      watched.seenSince = start;
+    }
+    if (watched.isBusy) return;
+    const bool isSame = watched.hasPrint(print) && !watched.isFailing;
+    if (isSame) table->confirm(start);
+    const Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
+    if (start >= std::max(next, watched.readAfter)) return read(watched, print);
+    if (isSame) save(watched, start);
+  });
+}
+
+// Tells of tables that were there and are not any more. Their last images stay.
+void TableWatch::noteMissing(Clock::time_point start) {
+  m_state.with([&](State& state) {
+    for (auto& [name, watched] : state.watched) {
+      if (watched.lastLook == start || watched.isMissing) continue;
+      watched.isMissing = true;
+      watched.readPrint.clear();
+      m_log.warning("table " + name + " is gone; its last rows go on answering");
+    }
+  });
+}
+
+template <class Change>
+void TableWatch::note(const Table& table, Change change) {
+  m_state.with([&](State& state) { change(state.watched.at(table.sqlName())); });
+  m_wake.notify_all();
+}
+
+// Has the table read by a thread of the pool.
+void TableWatch::read(Watched& watched, const std::string& print) {
+  watched.isBusy = true;
+  boost::asio::post(*m_readers, [this, table = watched.table, print] {
+    const Clock::time_point start = Clock::now();
+    std::string why;
+    try {
+      readNow(*table, print, start);
+    } catch (const std::exception& exception) {
+      m_metrics.rebuildFailed();
+      why = Tool::failureOf(exception, "reading").why();
+    }
+    const Clock::time_point end = Clock::now();
+    note(*table, [&](Watched& now) {
+      if (!why.empty() && !now.isFailing) {
+        m_log.error("table " + table->sqlName() + " cannot be read: " + why);
+      }
+      now.isFailing = !why.empty();
+      // A table that changes all the time is not read all the time.
+      now.readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
+      now.isBusy = false;
+    });
+  });
+}
+
+void TableWatch::readNow(Table& table, const std::string& print, Clock::time_point start) {
+  const auto image =
+      std::make_shared<const TableImage>(table.kind(), [&table](const TakeRow& take) {
+        Database::Connection connection{std::string(Tool::s_database)};
+        Tool::selectPairs(connection, s_select(table), take);
+      });
+  const Clock::duration took = Clock::now() - start;
+  m_metrics.rebuilt(took);
+  report(table, *image);
+  const bool isFirst = table.generation() == 0;
+  table.publish(image);
+  table.confirm(start);
+  // Once for people; a busy table would fill the log.
+  const auto tell = isFirst ? &Log::info : &Log::debug;
+  (m_log.*tell)("table " + table.sqlName() + ": " + std::to_string(image->rows().size()) +
+                " rows read in " +
+                std::to_string(std::chrono::duration_cast<milliseconds>(took).count()) + " ms");
+  note(table, [&](Watched& watched) {
+    watched.readPrint = print;
+    watched.readStart = start;
+    watched.readTime = took;
+  });
+}
+
+// Tells of the rows that an image leaves out, when it is not as many as the last time.
+void TableWatch::report(const Table& table, const TableImage& image) {
+  const LeftOutRows& leftOut = image.leftOut();
+  const ImagePointer old = table.image();
+  const std::size_t before = old == nullptr ? 0 : old->leftOut().count();
+  if (leftOut.count() == before) return;
+  m_log.warning("table " + table.sqlName() + ": " + std::to_string(leftOut.count()) +
+                " rows cannot be read and are left out; 'tsl-address-map check' names them");
+  for (const LeftOutRows::Row& row : leftOut.first()) {
+    m_log.debug("left out: " + row.name + ": " + row.why);
+  }
+}
+
+// Has a snapshot written where the last one is of an older image; otherwise notes in it that it is
+// still right.
+void TableWatch::save(Watched& watched, Clock::time_point now) {
+  if (!m_snapshots.isWanted() || now < watched.saveAfter) return;
+  watched.saveAfter = now + s_saveInterval;
+  watched.isBusy = true;
+  boost::asio::post(*m_readers, [this, table = watched.table, saved = watched.saved] {
+    const std::uint64_t generation = table->generation();
+    std::string why;
+    try {
+      if (saved == generation) {
+        m_snapshots.confirm(table->sqlName());
+      } else {
+        m_snapshots.save(table->sqlName(), *table->image());
+      }
+    } catch (const std::exception& exception) {
+      why = exception.what();
+    }
+    note(*table, [&](Watched& current) {
+      if (why.empty()) {
+        current.saved = generation;
+      } else {
+        m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
+      }
+      current.isBusy = false;
+    });
+  });
+}
+
+void TableWatch::fail(const std::string& why) {
+  m_metrics.databaseError();
+  m_connection.reset();
+  if (m_isFailing) return;
+  m_isFailing = true;
+  std::string text = "the database cannot be asked: " + why;
+  for (const TablePointer& table : m_tables.all()) {
+    const auto age = table->age(Clock::now());
+    text += "; table " + table->sqlName() +
+            (age ? " answers with rows of " + s_secondsText(*age) + " ago" : " cannot answer");
+  }
+  m_log.error(text);
+}
+
+void TableWatch::loadSnapshots() {
+  for (const std::string& sqlName : m_snapshots.names()) {
+    const TablePointer table = m_tables.add(sqlName);
+    if (table == nullptr) continue;
+    try {
+      const Snapshot snapshot = m_snapshots.load(sqlName, table->kind());
+      table->publish(snapshot.image);
+      table->confirm(snapshot.confirmed);
+      m_log.info("table " + sqlName + ": " + std::to_string(snapshot.image->rows().size()) +
+                 " rows of the snapshot of " + s_secondsText(Clock::now() - snapshot.confirmed) +
+                 " ago");
+    } catch (const std::exception& exception) {
+      m_log.error("the snapshot of table " + sqlName + " cannot be used: " + exception.what());
+    }
+  }
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,208 @@
+// The sockets that the lookup service listens on.
+#include "serve/socket/ListenSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "failure/Failure.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+using Tool::ExitCode;
+using Tool::Failure;
+
+constexpr int s_backlog = 4096;
+
+[[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
+                         const std::string& hint) {
+  throw Failure(ExitCode::Configuration, "listening at " + where,
+                what + ": " + std::generic_category().message(error), hint);
+}
+
+sockaddr_un s_unixAddress(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+template <class Address>
+const sockaddr* s_generic(const Address& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+// Refuses a path that somebody listens at, or that is no socket.
+void s_checkPath(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return;
+  if (!S_ISSOCK(status.st_mode)) {
+    throw Failure(ExitCode::Configuration, "listening at " + path, "there is another file",
+                  "give another path, or remove the file");
+  }
+  // Not blocking: a service whose queue is full would not let it come back.
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (probe == -1) s_fail(path, "no socket", errno, "");
+  const sockaddr_un address = s_unixAddress(path);
+  const int result = connect(probe, s_generic(address), sizeof(address));
+  const int error = errno;
+  ::close(probe);
+  // Any other failure is that of a socket that is in use: its queue is full, it is for datagrams,
+  // or this user may not connect.
+  if (result != 0 && (error == ECONNREFUSED || error == ENOENT)) return;
+  throw Failure(ExitCode::Configuration, "listening at " + path, "another service listens there",
+                "end it first, or give another path");
+}
+
+gid_t s_group(const std::string& name, const std::string& path) {
+  const group* const found = getgrnam(name.c_str());
+  if (found != nullptr) return found->gr_gid;
+  throw Failure(ExitCode::Configuration, "listening at " + path, "there is no group '" + name + "'",
+                "give one of 'getent group'");
+}
+
+}  // namespace
+
+ListenSocket::ListenSocket(const ListenAddress& address) : ListenSocket(address.isLineProtocol) {
+  if (address.kind == ListenAddress::Kind::Unix) {
+    listenUnix(address);
+  } else {
+    listenInet(address);
+  }
+}
+
+ListenSocket::ListenSocket(int descriptor, bool isLineProtocol)
+    : m_descriptor(descriptor), m_isLineProtocol(isLineProtocol) {}
+
+ListenSocket::~ListenSocket() {
+  if (m_descriptor != -1) ::close(m_descriptor);
+  struct stat status {};
+  if (m_path.empty() || lstat(m_path.c_str(), &status) != 0 || status.st_ino != m_inode) return;
+  unlink(m_path.c_str());
+}
+
+ListenSocket::ListenSocket(ListenSocket&& other) noexcept
+    : m_descriptor(std::exchange(other.m_descriptor, -1)),
+      m_isLineProtocol(other.m_isLineProtocol),
+      m_path(std::exchange(other.m_path, {})),
+      m_inode(other.m_inode) {}
+
+// The socket is made under another name and renamed when it is ready, so that at any moment the
+// path leads to a service, the one before or this one.
+void ListenSocket::listenUnix(const ListenAddress& address) {
+  const std::string& path = address.path;
+  s_checkPath(path);
+  const std::size_t slash = path.rfind('/');
+  const std::string made = path.substr(0, slash + 1) + ".tsl" + std::to_string(getpid() % 1000000);
+  const sockaddr_un bound = s_unixAddress(made);
+  if (made.size() >= sizeof(bound.sun_path)) {
+    s_fail(path, "the folder's name is too long", ENAMETOOLONG, "give a shorter path");
+  }
+  m_descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (m_descriptor == -1) s_fail(path, "no socket", errno, "");
+  unlink(made.c_str());
+  const mode_t old = umask(0177);
+  const int result = bind(m_descriptor, s_generic(bound), sizeof(bound));
+  const int error = errno;
+  umask(old);
+  if (result != 0) {
+    s_fail(path, "the folder cannot be written", error,
+           "make the folder, writable for the user of the service");
+  }
+  m_path = made;
+  struct stat status {};
+  if (lstat(made.c_str(), &status) == 0) m_inode = status.st_ino;
+  if (!address.group.empty() &&
+      chown(made.c_str(), static_cast<uid_t>(-1), s_group(address.group, path)) != 0) {
+    s_fail(path, "the group cannot be set", errno, "the service's user must be a member of it");
+  }
+  if (chmod(made.c_str(), address.mode.value_or(0660)) != 0) {
+    s_fail(path, "the mode cannot be set", errno, "");
+  }
+  if (listen(m_descriptor, s_backlog) != 0) s_fail(path, "listen", errno, "");
+  if (std::rename(made.c_str(), path.c_str()) != 0) s_fail(path, "rename", errno, "");
+  m_path = path;
+}
+
+void ListenSocket::listenInet(const ListenAddress& address) {
+  const std::string where = address.host + " port " + std::to_string(address.port);
+  sockaddr_in inet{};
+  sockaddr_in6 inet6{};
+  inet.sin_family = AF_INET;
+  inet.sin_port = htons(address.port);
+  inet6.sin6_family = AF_INET6;
+  inet6.sin6_port = htons(address.port);
+  const bool isInet = inet_pton(AF_INET, address.host.c_str(), &inet.sin_addr) == 1;
+  if (!isInet && inet_pton(AF_INET6, address.host.c_str(), &inet6.sin6_addr) != 1) {
+    s_fail(where, "no network address", EINVAL, "");
+  }
+  m_descriptor = socket(isInet ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (m_descriptor == -1) s_fail(where, "no socket", errno, "");
+  const int on = 1;
+  setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const int result = isInet ? bind(m_descriptor, s_generic(inet), sizeof(inet))
+                            : bind(m_descriptor, s_generic(inet6), sizeof(inet6));
+  if (result != 0) s_fail(where, "bind", errno, "give a free port of an address of this host");
+  if (listen(m_descriptor, s_backlog) != 0) s_fail(where, "listen", errno, "");
+}
+
+std::string ListenSocket::name() const {
+  sockaddr_storage address{};
+  socklen_t size = sizeof(address);
+  if (!m_path.empty()) return m_path;
+  if (getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0) return "?";
+  char text[INET6_ADDRSTRLEN] = "";
+  if (address.ss_family == AF_INET) {
+    const auto* const inet = reinterpret_cast<const sockaddr_in*>(&address);
+    inet_ntop(AF_INET, &inet->sin_addr, text, sizeof(text));
+    return std::string(text) + ":" + std::to_string(ntohs(inet->sin_port));
+  }
+  if (address.ss_family == AF_INET6) {
+    const auto* const inet = reinterpret_cast<const sockaddr_in6*>(&address);
+    inet_ntop(AF_INET6, &inet->sin6_addr, text, sizeof(text));
+    return "[" + std::string(text) + "]:" + std::to_string(ntohs(inet->sin6_port));
+  }
+  return reinterpret_cast<const sockaddr_un*>(&address)->sun_path;
+}
+
+int ListenSocket::release() noexcept {
+  return std::exchange(m_descriptor, -1);
+}
+
+std::vector<ListenSocket> inheritedSockets() {
+  std::vector<ListenSocket> sockets;
+  char** names = nullptr;
+  const int count = sd_listen_fds_with_names(1, &names);
+  if (count < 0) s_fail("the sockets of systemd", "LISTEN_FDS", -count, "");
+  for (int i = 0; i < count; ++i) {
+    const int descriptor = SD_LISTEN_FDS_START + i;
+    const bool isLine = names != nullptr && names[i] != nullptr && std::string(names[i]) == "line";
+    sockets.emplace_back(descriptor, isLine);
+    if (sd_is_socket(descriptor, AF_UNSPEC, SOCK_STREAM, 1) <= 0) {
+      throw Failure(ExitCode::Configuration, "the sockets of systemd",
+                    "one of them is no listening stream socket",
+                    "the socket unit must use ListenStream=");
+    }
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+  }
+  for (int i = 0; i < count && names != nullptr; ++i) std::free(names[i]);
+  std::free(names);
+  return sockets;
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,53 @@
+// The sockets that the lookup service listens on.
+#ifndef TSL_TOOLS_SERVE_SOCKET_LISTENSOCKET_H
+#define TSL_TOOLS_SERVE_SOCKET_LISTENSOCKET_H
+
+#include <string>
+#include <vector>
+
+#include "serve/base/ListenAddress.h"
+
+namespace Tessel::Serve {
+
+// A listening socket, non-blocking. The object closes it, and removes the file of a Unix socket
+// that it made unless another one has taken its place. One thread.
+class ListenSocket {
+ public:
+  // Listens at `address`. The socket of a service that ended without removing it is replaced; the
+  // file has its mode and group before anybody can connect. Throws Tool::Failure, ExitCode::Usage
+  // or Configuration, when it cannot be done.
+  explicit ListenSocket(const ListenAddress& address);
+  // Takes over the socket `descriptor`, which systemd made, and its file.
+  ListenSocket(int descriptor, bool isLineProtocol);
+  ~ListenSocket();
+  ListenSocket(ListenSocket&& other) noexcept;
+  ListenSocket& operator=(ListenSocket&& other) = delete;
+
+  [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
+  [[nodiscard]] bool isLineProtocol() const noexcept { return m_isLineProtocol; }
+  // For people: where it listens.
+  [[nodiscard]] std::string name() const;
+  // The descriptor, which is the caller's from now on. The file stays the object's.
+  int release() noexcept;
+
+ private:
+  // Nothing yet; the object exists from then on, so that it cleans up after a failure.
+  explicit ListenSocket(bool isLineProtocol) : m_isLineProtocol(isLineProtocol) {}
+
+  void listenUnix(const ListenAddress& address);
+  void listenInet(const ListenAddress& address);
+
+  int m_descriptor = -1;
+  bool m_isLineProtocol = false;
+  std::string m_path;  // Of a file to remove; empty for none.
+  unsigned long m_inode = 0;
+};
+
+// The sockets that systemd handed over (LISTEN_FDS, see sd_listen_fds(3)): those named "line" are
+// for the line protocol. Empty when it handed over none. Throws Tool::Failure for what is no
+// listening stream socket.
+std::vector<ListenSocket> inheritedSockets();
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,36 @@
+// Metrics, health and readiness over HTTP, on a listener of its own.
+#ifndef TSL_TOOLS_SERVE_SOCKET_METRICSLISTENER_H
+#define TSL_TOOLS_SERVE_SOCKET_METRICSLISTENER_H
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace Tessel::Serve {
+
+// Serves GET on /metrics (Prometheus), /health (200 while the service works) and /ready (200 when
+// all tables can be asked, 503 with the reason otherwise). The functions are called from threads of
+// its own. One thread makes and destroys it.
+class MetricsListener {
+ public:
+  struct Pages {
+    std::function<std::string()> metrics;
+    std::function<std::string()> unready;  // Why the service is not ready; empty when it is.
+  };
+
+  // Listens at `address`, "127.0.0.1:9321" or "[::1]:9321". Throws Tool::Failure,
+  // ExitCode::Configuration, when it cannot.
+  MetricsListener(const std::string& address, Pages pages);
+  ~MetricsListener();
+  MetricsListener(const MetricsListener&) = delete;
+  MetricsListener& operator=(const MetricsListener&) = delete;
+
+ private:
+  class Server;
+
+  std::unique_ptr<Server> m_server;
+};
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,80 @@
+// A thread that answers the mail servers of its connections.
+#ifndef TSL_TOOLS_SERVE_SOCKET_WORKER_H
+#define TSL_TOOLS_SERVE_SOCKET_WORKER_H
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <thread>
+#include <vector>
+
+#include "serve/answer/Lookup.h"
+#include "serve/base/Log.h"
+#include "serve/base/Metrics.h"
+#include "serve/base/Settings.h"
+#include "serve/image/Table.h"
+#include "serve/socket/Peer.h"
+
+namespace Tessel::Serve {
+
+// Any thread may call the operations; the connections are used by the worker's thread alone.
+//
+// The thread waits by epoll(7) itself: with the completions of an event library each request took
+// one call of the system more, of the three that it takes here, and up to 1.4 times the time. See
+// `serveLoad` of the benchmarks.
+class Worker {
+ public:
+  // Starts the thread. All references must outlive the object. `closed` is called on the thread
+  // after each connection that ended. Throws std::system_error when it cannot be made.
+  Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
+         std::function<void()> closed);
+  // Ends all connections at once, and the thread.
+  ~Worker();
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  // Takes over the socket `descriptor` of a connection.
+  void take(int descriptor, bool isLineProtocol);
+  // Has each connection answer what it was asked, and ends it then.
+  void drain();
+  // Asks the thread for a sign of life, and tells whether it has given the last one.
+  bool isAlive();
+  // Number of connections.
+  [[nodiscard]] std::size_t connections() const noexcept { return m_count; }
+
+ private:
+  // A descriptor that is closed with the object.
+  class Descriptor {
+   public:
+    // Throws std::system_error for the -1 of a failed call.
+    explicit Descriptor(int number);
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    [[nodiscard]] int number() const noexcept { return m_number; }
+
+   private:
+    const int m_number;
+  };
+
+  void post(std::function<void()> task);
+  void runTasks();
+  void run();
+  void sweep();
+
+  const Descriptor m_events;  // Of epoll. Its events carry a `Peer`, or null for `m_wakeUp`.
+  const Descriptor m_wakeUp;  // Of eventfd: there are tasks.
+  Lookup m_lookup;
+  Peer::Shared m_shared;
+  const std::function<void()> m_closed;
+  std::list<Peer> m_peers;  // Those that have ended go with the next sweep.
+  bool m_isEnding = false;
+  std::atomic<std::size_t> m_count = 0;
+  std::atomic<bool> m_isAsked = false;
+  Guarded<std::vector<std::function<void()>>> m_tasks;
+  std::thread m_thread;
+};
+
+}  // namespace Tessel::Serve
+
+#endif
