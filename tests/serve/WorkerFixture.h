@@ -158,8 +158,8 @@ class WorkerFixture : public testing::Test {
 
   // The metrics have the line `line`.
   bool counts(const std::string& line) {
-    return metricsText(m_metrics, m_tables, Clock::now()).find("\ntsl_address_map_" + line + "\n") !=
-           std::string::npos;
+    return metricsText(m_metrics, m_tables, Clock::now())
+               .find("\ntsl_address_map_" + line + "\n") != std::string::npos;
   }
 
   Settings m_settings;
