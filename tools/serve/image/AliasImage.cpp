@@ -18,26 +18,19 @@ namespace Tessel::Serve {
 
 using Tool::AddressIndex;
 
-// Fills itself with the rows that are asked for. It has room for all of them, so none is ever
-// thrown out and what `find` returns stays where it is: expansions read it without a lock.
-class AliasImage::RowCache : public LRUCache<EmailAddress, std::set<EmailAddress>> {
+// The rows as the library's expander asks for them. It holds the one that was asked for last: the
+// image has them all, and answers are kept elsewhere. One thread.
+class AliasImage::LastRow : public LRUCache<EmailAddress, std::set<EmailAddress>> {
  public:
-  // `image` must outlive the cache.
-  explicit RowCache(const AliasImage& image) : LRUCache(image.m_rows.size()), m_image(image) {}
+  // `image` must outlive the object.
+  explicit LastRow(const AliasImage& image) : LRUCache(1), m_image(image) {}
 
   iterator find(const EmailAddress& address) const override {
-    // Most addresses that are looked up are members that are no aliases: they are told at once.
     const RowStore::Id row = m_image.rowOf(address);
     if (row == AddressIndex::s_none) return end();
-    const auto known = LRUCache::find(address);
-    if (known != end()) return known;
-    // Under the row's own spelling, so that a row has one entry however it is asked for.
-    const EmailAddress alias = EmailAddress::rfc5321Parse(m_image.m_rows.first(row), false);
-    const auto spelled = LRUCache::find(alias);
-    if (spelled != end()) return spelled;
-    // Looking a row up fills the cache: that is what a cache is for, hence the cast.
-    const_cast<RowCache*>(this)->add(alias, m_image.members(row));
-    return LRUCache::find(alias);
+    // Reading a row fills the cache: that is what a cache is for, hence the cast.
+    const_cast<LastRow*>(this)->add(address, m_image.members(row));
+    return LRUCache::find(address);
   }
 
  private:
@@ -78,10 +71,7 @@ AliasImage::AliasImage(const RowSource& source) {
   source(
       [&reader](std::string_view name, std::string_view members) { reader.take(name, members); });
   m_rows.shrink();
-  m_cache = std::make_unique<RowCache>(*this);
 }
-
-AliasImage::~AliasImage() = default;
 
 Expansion AliasImage::expand(std::string_view key) const {
   Expansion expansion;
@@ -92,7 +82,8 @@ Expansion AliasImage::expand(std::string_view key) const {
   }
   const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
   std::set<EmailAddress> reached;
-  AdapterExpanderNoQuery(*m_cache, reached).expand(alias);
+  LastRow rows(*this);
+  AdapterExpanderNoQuery(rows, reached).expand(alias);
   if (reachesBroken(reached)) {
     expansion.kind = Expansion::Kind::Broken;
     return expansion;

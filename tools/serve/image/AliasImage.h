@@ -2,7 +2,6 @@
 #ifndef TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
 #define TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
 
-#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -31,15 +30,13 @@ struct Expansion {
   bool dependsOnUsers = false;
 };
 
-// The rows never change. Their texts lie in one block; what is asked for is parsed once and kept in
-// a cache that has room for the whole table, over which the library's expander walks. A row that
-// cannot be read is left out, and of two rows of one address (see AddressKey.h) the second. Any
-// thread may call any operation.
+// The rows never change. Their texts lie in one block and are parsed when they are asked for; the
+// library's expander walks over them. A row that cannot be read is left out, and of two rows of one
+// address (see AddressKey.h) the second. Any thread may call any operation.
 class AliasImage {
  public:
   // Reads all rows of `source`: name and members. Throws what `source` throws.
   explicit AliasImage(const RowSource& source);
-  ~AliasImage();
   AliasImage(const AliasImage&) = delete;
   AliasImage& operator=(const AliasImage&) = delete;
 
@@ -54,7 +51,7 @@ class AliasImage {
   [[nodiscard]] const LeftOutRows& leftOut() const noexcept { return m_leftOut; }
 
  private:
-  class RowCache;
+  class LastRow;
   class Reader;
 
   // The members of row `id`, which can be read.
@@ -67,7 +64,6 @@ class AliasImage {
   RowStore m_rows;
   Tool::AddressIndex m_keys;  // The number of a key is that of its row.
   LeftOutRows m_leftOut;
-  std::unique_ptr<RowCache> m_cache;
 };
 
 }  // namespace Tessel::Serve
