@@ -146,10 +146,10 @@ void cmf_query::moveTo(std::int64_t target) {
 }
 
 // Puts the cursor to the table's record or behind its last row, unless it is nearer to `target`
-// where it is, and returns its position.
+// where it is, and returns its position. `s_nowhere` is farther from every row than the table's
+// record is, so a cursor there is always put.
 std::int64_t cmf_query::startNear(std::int64_t target) {
-  const std::int64_t fromHere =
-      m_position == s_nowhere ? m_count + 1 : std::abs(target - m_position);
+  const std::int64_t fromHere = std::abs(target - m_position);
   if (fromHere <= target + 1 && fromHere <= m_count - target) return m_position;
   m_position = s_nowhere;
   if (target + 1 <= m_count - target) {
