@@ -1,6 +1,7 @@
 // Snapshots: what a query sees, and the state that a thread locks.
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -149,6 +150,23 @@ TEST_F(SnapshotTest, SlotsOfDeadReadersAreClearedWhenTheTableIsFull) {
   reading.await();
   reader.kill();
   EXPECT_THAT(usersOf(id), ElementsAre("ann"));
+}
+
+TEST_F(SnapshotTest, FailuresNameTheSnapshotAndTheReason) {
+  std::filesystem::create_directory(path());
+  putRaw(path(), "a colour", "is green");
+  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
+  try {
+    static_cast<void>(cache->find("example.com"));
+    FAIL() << "No Exception";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.context(), "CMF::Snapshot");
+    EXPECT_EQ(e.code(), 4);
+    EXPECT_STREQ(e.file(), "Snapshot");
+    EXPECT_GT(e.line(), 1);
+    EXPECT_EQ(e.stringParameter(),
+              "The configuration in " + path() + " is empty: nothing was stored yet");
+  }
 }
 
 TEST_F(SnapshotTest, AQueryMayMoveBetweenThreads) {

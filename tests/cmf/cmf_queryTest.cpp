@@ -1,6 +1,8 @@
 // The C functions over tables: found, not there, could not ask, bad arguments, damaged tables.
 #include "cmf/cmf_query.h"
 
+#include <sys/resource.h>
+
 #include <cstring>
 #include <memory>
 #include <random>
@@ -236,6 +238,26 @@ TEST_F(CmfQueryTest, ALongErrorIsCut) {
   EXPECT_EQ(cmf_query_create_withdomain(1, 346), nullptr);
   EXPECT_EQ(std::strlen(cmf_query_error()), 1023U);
 }
+
+// The sanitizers reserve more than all the memory there is.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(CmfQueryTest, ALackOfMemoryIsAFailureWithAnError) {
+  EXPECT_EQ(inChild([] {
+              // What the first call keeps for later ones is not to be missing now.
+              EXPECT_EQ(cmf_query_create_withdomain(1, 346), nullptr);
+              setVariable("TSL_CMF_PATH", std::string(64UL * 1024 * 1024, 'x'));
+              rlimit limit{};
+              ASSERT_EQ(::getrlimit(RLIMIT_AS, &limit), 0);
+              const rlimit none{0, limit.rlim_max};
+              ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
+              cmf_query* const query = cmf_query_create_withdomain(1, 346);
+              ASSERT_EQ(::setrlimit(RLIMIT_AS, &limit), 0);
+              EXPECT_EQ(query, nullptr);
+              EXPECT_STREQ(cmf_query_error(), "std::bad_alloc");
+            }),
+            0);
+}
+#endif
 
 TEST_F(CmfQueryTest, ATableWithoutAnotherBehindItEndsAtTheLargestNumbers) {
   addDomain("example.com", {});
