@@ -17,6 +17,7 @@ namespace Tessel::Database {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 class QueryTest : public DatabaseTest {
@@ -93,6 +94,7 @@ TEST_F(QueryTest, AnEmptyStatementIsAnErrorAndNothingIsSent) {
   auto got = caughtError([&] { query.execute(); });
   ASSERT_TRUE(got);
   EXPECT_EQ(got->number(), 1065U);
+  EXPECT_STREQ(got->file(), "Query");
   query << '\0' << "select 1";
   got = caughtError([&] { query.execute(); });
   ASSERT_TRUE(got);
@@ -233,6 +235,9 @@ TEST_F(QueryTest, AStatementTooLargeForTheServerIsAnErrorAndTheConnectionGoesOn)
       [&] { run(m_connection, "select '" + std::string(20UL * 1024 * 1024, 'x') + "'"); });
   ASSERT_TRUE(got);
   EXPECT_LT(std::string(got->what()).size(), 2000U);
+  EXPECT_THAT(got->what(), HasSubstr("The statement could not be sent: "));
+  EXPECT_THAT(got->what(), HasSubstr("; it has 20971529 bytes, the server's max_allowed_packet may "
+                                     "be less (error "));
   EXPECT_EQ(value(m_connection, "select 3"), "3");
 }
 

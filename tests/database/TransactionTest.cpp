@@ -62,6 +62,7 @@ TEST_F(TransactionTest, ARollbackEndsIt) {
   const auto got = caughtError([&] { transaction.commit(); });
   ASSERT_TRUE(got);
   EXPECT_EQ(got->number(), 1305U);
+  EXPECT_EQ(got->context(), "Database::Transaction::commit");
 }
 
 TEST_F(TransactionTest, ASecondOneOnTheSameConnectionIsRefused) {
@@ -70,6 +71,8 @@ TEST_F(TransactionTest, ASecondOneOnTheSameConnectionIsRefused) {
   const auto got = caughtError([&] { Transaction second(m_connection); });
   ASSERT_TRUE(got);
   EXPECT_EQ(got->number(), 1568U);
+  EXPECT_EQ(got->context(), "Database::Transaction");
+  EXPECT_STREQ(got->file(), "Transaction");
   EXPECT_TRUE(m_connection.inTransaction());
   EXPECT_EQ(count(), "0");
 }
@@ -171,6 +174,18 @@ TEST_F(TransactionTest, AFailedStatementLeavesItOpen) {
 
 class RelayedTransaction : public RelayedTest {};
 
+TEST_F(RelayedTransaction, AStartWithoutAnswerIsAnErrorAndNoneIsOpen) {
+  Connection connection("");
+  m_relay.cutAfter(Testing::SocketRelay::Direction::ToClient, 2);
+  const auto got = caughtError([&] { const Transaction transaction(connection); });
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->context(), "Database::Transaction");
+  EXPECT_TRUE(got->outcomeUnknown());
+  EXPECT_TRUE(m_relay.endCut());
+  EXPECT_FALSE(connection.inTransaction());
+  EXPECT_EQ(value(connection, "select 1"), "1");
+}
+
 TEST_F(RelayedTransaction, ACommitWithoutAnswerHasAnUnknownOutcome) {
   makeTable();
   for (const auto direction :
@@ -183,6 +198,7 @@ TEST_F(RelayedTransaction, ACommitWithoutAnswerHasAnUnknownOutcome) {
     const auto got = caughtError([&] { transaction.commit(); });
     ASSERT_TRUE(got);
     EXPECT_TRUE(got->outcomeUnknown());
+    EXPECT_EQ(got->context(), "Database::Transaction::commit");
     EXPECT_THAT(got->what(), HasSubstr("whether it was carried out is unknown"));
     m_relay.endCut();
     // Cut on the way there it did not take effect, on the way back it did.
