@@ -1,5 +1,6 @@
 # Compiler settings that every target of this project shares, on one interface target, and the
-# functions that make our kinds of target.
+# functions that make our kinds of target. Warnings are errors in our presets, which say so by
+# CMAKE_COMPILE_WARNING_AS_ERROR; they do not stop a build with another compiler.
 
 add_library(tsl_build_settings INTERFACE)
 target_compile_options(
@@ -14,17 +15,33 @@ target_compile_options(
     -Wcast-qual
     -Wformat=2
     -Wundef
-    -Werror
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
     $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
     $<$<COMPILE_LANGUAGE:CXX>:-Wextra-semi>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-    -fno-omit-frame-pointer
-    # Calls between libraries without the detour over the PLT, within one directly.
-    -fno-plt
-    $<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
-target_link_options(tsl_build_settings INTERFACE -Wl,-z,relro,-z,now)
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+
+# Flags from outside (CXXFLAGS, CMAKE_CXX_FLAGS, LDFLAGS, flags of the build type) win. They come before
+# the options of targets on the command line, so a default is left out if they set the same.
+string(TOUPPER "FLAGS_${CMAKE_BUILD_TYPE}" tsl_flags_type)
+set(tsl_compile_flags "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_${tsl_flags_type}}")
+set(tsl_link_flags "${CMAKE_EXE_LINKER_FLAGS} ${CMAKE_SHARED_LINKER_FLAGS}")
+
+# tsl_default_option(compile|link PATTERN OPTION): OPTION, unless a flag from outside matches PATTERN.
+function(tsl_default_option what pattern option)
+  if(NOT tsl_${what}_flags MATCHES "${pattern}")
+    cmake_language(CALL target_${what}_options tsl_build_settings INTERFACE ${option})
+  endif()
+endfunction()
+
+tsl_default_option(compile "-f(no-)?omit-frame-pointer" -fno-omit-frame-pointer)
+# Calls between libraries without the detour over the PLT, within one directly.
+tsl_default_option(compile "-f(no-)?plt" -fno-plt)
+tsl_default_option(compile "-f(no-)?semantic-interposition"
+                   $<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
+
+tsl_default_option(link "-z[, ](no)?relro" -Wl,-z,relro)
+tsl_default_option(link "-z[, ](now|lazy)" -Wl,-z,now)
 if(NOT TSL_BUILD_FUZZ)
   # Clang's sanitizers leave it to the program to bring what instrumented libraries call.
   target_link_options(tsl_build_settings INTERFACE -Wl,--no-undefined)
