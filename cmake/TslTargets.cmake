@@ -1,6 +1,7 @@
 # Compiler settings that every target of this project shares, on one interface target, and the
 # functions that make our kinds of target. Warnings are errors in our presets, which say so by
 # CMAKE_COMPILE_WARNING_AS_ERROR; they do not stop a build with another compiler.
+include(CheckPIESupported)
 
 add_library(tsl_build_settings INTERFACE)
 target_compile_options(
@@ -40,8 +41,27 @@ tsl_default_option(compile "-f(no-)?plt" -fno-plt)
 tsl_default_option(compile "-f(no-)?semantic-interposition"
                    $<$<CXX_COMPILER_ID:GNU>:-fno-semantic-interposition>)
 
-tsl_default_option(link "-z[, ](no)?relro" -Wl,-z,relro)
-tsl_default_option(link "-z[, ](now|lazy)" -Wl,-z,now)
+# Memory errors stop the program before they can be exploited. The sanitizers find more of them.
+check_pie_supported()
+set(tsl_fortify "")
+if(TSL_HARDENING AND NOT TSL_SANITIZE)
+  tsl_default_option(compile "-f(no-)?stack-protector" -fstack-protector-strong)
+  tsl_default_option(compile "-f(no-)?stack-clash-protection" -fstack-clash-protection)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|amd64|i[3-6]86)$")
+    tsl_default_option(compile "-f(no-)?cf-protection" -fcf-protection)
+  endif()
+  tsl_default_option(link "-z[, ](no)?relro" -Wl,-z,relro)
+  tsl_default_option(link "-z[, ](now|lazy)" -Wl,-z,now)
+
+  # glibc checks nothing without optimisation, and warns.
+  string(REGEX MATCHALL "(^| )-O[^ ]*" tsl_levels "${tsl_compile_flags}")
+  if(tsl_levels
+     AND NOT tsl_levels MATCHES "-O0$"
+     AND NOT tsl_compile_flags MATCHES "_FORTIFY_SOURCE")
+    set(tsl_fortify -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+  endif()
+endif()
+
 if(NOT TSL_BUILD_FUZZ)
   # Clang's sanitizers leave it to the program to bring what instrumented libraries call.
   target_link_options(tsl_build_settings INTERFACE -Wl,--no-undefined)
@@ -56,6 +76,7 @@ endif()
 # name, and our include roots.
 function(tsl_common_settings target)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:tsl_build_settings>)
+  target_compile_options(${target} PRIVATE ${tsl_fortify})
   set_target_properties(
     ${target}
     PROPERTIES CXX_VISIBILITY_PRESET hidden

@@ -183,3 +183,49 @@ foreign_headers() {
     objdump -p "$(library_folder)/lib$library.so.1" | grep -q "SONAME *lib$library.so.1$"
   done
 }
+
+# hardened FILE: whether all of the program or library was compiled and linked with the protections. The
+# debug information has the options of the compiler, once for each way in which they were combined.
+hardened() {
+  local about compiled options wanted
+  about=$(readelf --wide --file-header --program-headers --dynamic --dyn-syms "$1")
+  for wanted in 'Type: *DYN ' GNU_RELRO 'Flags: NOW' '__[a-z]*printf_chk@|__memcpy_chk@'; do
+    grep -qE "$wanted" <<<"$about" || { echo "$1 is without $wanted"; return 1; }
+  done
+  compiled=$(readelf --string-dump=.debug_str "$1" | grep 'GNU C')
+  while read -r options; do
+    for wanted in -fstack-protector-strong -fstack-clash-protection -fcf-protection=full; do
+      [[ $options == *" $wanted"* ]] || { echo "$1 is without $wanted: $options"; return 1; }
+    done
+  done <<<"$compiled"
+}
+
+@test "the installed program and libraries are hardened" {
+  for file in bin/tsl-address-map "$(library_folder)"/lib{tsladdressmap,tslplatform}.so.1; do
+    hardened "$(realpath "$prefix/${file#"$prefix/"}")"
+  done
+}
+
+@test "a program without one of the protections is not hardened" {
+  cd "$BATS_TEST_TMPDIR"
+  printf '#include <stdio.h>\nint main(int n, char* v[]) { return printf(v[n - 1]); }\n' >program.c
+  all="-g -O2 -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection -fcf-protection \
+    -fPIE -pie -Wl,-z,relro,-z,now"
+  gcc $all -o program program.c
+  hardened program
+  while read -r option instead; do
+    echo "$option"
+    gcc ${all/$option/$instead} -o program program.c
+    run hardened program
+    echo "$output"
+    [ "$status" -eq 1 ]
+  done <<'END'
+-D_FORTIFY_SOURCE=2 -U_FORTIFY_SOURCE
+-fstack-protector-strong
+-fstack-clash-protection
+-fcf-protection -fcf-protection=none
+-pie -no-pie
+-z,relro -z,norelro
+-z,now -z,lazy
+END
+}
