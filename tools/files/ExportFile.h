@@ -1,17 +1,19 @@
-// A file that is written anew as a whole: it has its old content, or all of the new one.
+// An export: a file that is replaced as a whole, or a pipe or device that is written to.
 #ifndef TSL_TOOLS_FILES_EXPORTFILE_H
 #define TSL_TOOLS_FILES_EXPORTFILE_H
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "disk/AtomicFile.h"
+
 namespace Tessel::Tool {
 
-// Writes beside the file, into the same folder, and takes its place at the end. Until then, and
-// after a failure or an interrupt, the file is as it was and nothing is left beside it. What is no
-// regular file (a pipe, a device) is written as it is. One object at a time, one thread.
+// A regular file is replaced as a whole, see AtomicFile; an interrupt leaves it as it was, too.
+// What is no regular file (a pipe, a device) is written as it is. One object at a time, one thread.
 class ExportFile {
  public:
   // Throws Failure, `OutputFailed`, as do the other operations.
@@ -22,23 +24,23 @@ class ExportFile {
   ExportFile& operator=(const ExportFile&) = delete;
 
   // True when what is written shows before finish(): the file is no regular one.
-  [[nodiscard]] bool isDirect() const noexcept { return m_temporary.empty(); }
+  [[nodiscard]] bool isDirect() const noexcept { return !m_file; }
   void write(std::string_view text);
   // Brings everything to the disk and takes the place of the file, whose permissions stay.
   void finish();
 
  private:
-  void openBeside(const std::string& folder, mode_t mode);
+  void open();
+  void openTemporary(mode_t mode);
   void flush();
-  void close();
-  void giveUp() noexcept;
-  [[noreturn]] void fail() const;
+  template <class Do>
+  void reporting(Do work) const;
 
   std::string m_path;    // For messages.
   std::string m_target;  // What a symbolic link leads to.
-  std::string m_temporary;
+  std::optional<AtomicFile> m_file;
+  int m_descriptor = -1;  // Of what is no regular file, as is the next.
   std::string m_buffer;
-  int m_descriptor = -1;
 };
 
 }  // namespace Tessel::Tool

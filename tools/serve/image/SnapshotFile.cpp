@@ -3,12 +3,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +19,8 @@
 
 #include <boost/crc.hpp>
 
+#include "disk/AtomicFile.h"
+
 namespace Tessel::Serve {
 
 namespace {
@@ -32,30 +32,13 @@ constexpr std::string_view s_ending = ".image";
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-struct CloseFile {
-  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-
-// A file that is being written; removed again unless it is finished.
+// A file that is being written, with a checksum at its end.
 class NewFile {
  public:
-  explicit NewFile(std::string path) : m_path(std::move(path)) {
-    const int descriptor = open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (descriptor == -1) s_fail(m_path);
-    m_file.reset(fdopen(descriptor, "wb"));
-    if (m_file == nullptr) {
-      close(descriptor);
-      s_fail(m_path);
-    }
-  }
-  ~NewFile() {
-    if (m_file != nullptr) unlink(m_path.c_str());
-  }
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
+  explicit NewFile(const std::string& path) : m_file(path, path + ".new", 0600) {}
 
   void write(std::string_view bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), m_file.get()) != bytes.size()) s_fail(m_path);
+    m_file.write(bytes);
     m_crc.process_bytes(bytes.data(), bytes.size());
   }
 
@@ -64,17 +47,13 @@ class NewFile {
     write(std::string_view(reinterpret_cast<const char*>(&number), sizeof(number)));
   }
 
-  // Puts the file into the place of `target`, durably.
-  void finish(const std::string& target) {
+  void finish() {
     writeNumber<std::uint32_t>(m_crc.checksum());
-    if (std::fflush(m_file.get()) != 0 || fsync(fileno(m_file.get())) != 0) s_fail(m_path);
-    if (std::rename(m_path.c_str(), target.c_str()) != 0) s_fail(target);
-    m_file.reset();
+    m_file.finish();
   }
 
  private:
-  const std::string m_path;
-  std::unique_ptr<std::FILE, CloseFile> m_file;
+  Tool::AtomicFile m_file;
   boost::crc_32_type m_crc;
 };
 
@@ -151,7 +130,7 @@ std::vector<std::string> SnapshotFolder::names() const {
 }
 
 void SnapshotFolder::save(const std::string& sqlName, const TableImage& image) const {
-  NewFile file(fileOf(sqlName) + ".new");
+  NewFile file(fileOf(sqlName));
   file.write(s_format);
   file.write(sqlName + "\n");
   const auto writeRow = [&file](std::string_view first, std::string_view second) {
@@ -168,7 +147,7 @@ void SnapshotFolder::save(const std::string& sqlName, const TableImage& image) c
     count += rows->size();
   }
   file.writeNumber<std::uint64_t>(count);
-  file.finish(fileOf(sqlName));
+  file.finish();
 }
 
 void SnapshotFolder::confirm(const std::string& sqlName) const {
