@@ -323,6 +323,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
 
 @test "verbose tells what was done" {
   run -0 --separate-stderr tool --verbose mask set ann@inner.example a@example.com
+  contains "$stderr" "database ts_address_map, table mask"
   contains "$stderr" "set ann@inner.example to a@example.com"
   run -0 --separate-stderr tool --verbose mask remove ann@inner.example a@example.com
   contains "$stderr" "removed ann@inner.example with a@example.com"

@@ -296,6 +296,7 @@ interrupt() {
   equal "$(grep -cv '^tsl-address-map: ' <<<"$stderr")" 0
   # On one line, whatever they hold.
   run -0 --separate-stderr tool --verbose table create verbose
+  [[ $stderr != *"ts_address_map, table"* ]]
   contains "$stderr" 'sql: create table if not exists alias_verbose(\x0a name '
   equal "$(grep -cv '^tsl-address-map: ' <<<"$stderr")" 0
   tool table drop verbose --yes

@@ -52,7 +52,7 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members members = parseMembers(arguments.members, alias);
   warnOfMixedMarker(members, alias);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
   table.transact([&] {
@@ -72,7 +72,7 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
 
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   AliasLook look;
   table.transact([&] {
@@ -103,7 +103,7 @@ void s_explainAbsence(const EmailAddress& alias, const Session& session) {
 
 ExitCode s_show(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   Members members;
   withTableFaultsNamed(session, [&] { (*LibraryTable(session)).queryFindMembers(alias, members); });
   const bool found = !members.empty();
@@ -120,7 +120,7 @@ ExitCode s_show(Session& session, const Arguments& arguments) {
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
   const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   const std::string table = aliasTableName(session.tableName());
   const auto rows = AliasTable(table).rows(domain);
   ExitCode code = ExitCode::Done;

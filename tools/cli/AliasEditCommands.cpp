@@ -51,7 +51,7 @@ Json s_document(const EmailAddress& alias, const Members& members, const char* w
 ExitCode s_add(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members wanted = parseMembers(arguments.members, alias);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   Members members;
   Members added;
@@ -111,7 +111,7 @@ void s_refuseEmpty(const Change& change, bool removeEmpty) {
 ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members wanted = s_parseDropped(arguments.members);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
   Change change;
@@ -224,7 +224,7 @@ Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, cons
 
 ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
   const EmailAddress member = parseAddress(arguments.address, true);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   const std::string name = aliasTableName(session.tableName());
   AliasTable table(name);
   Everywhere all;

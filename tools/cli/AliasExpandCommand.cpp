@@ -152,7 +152,7 @@ class ExpandRun {
 };
 
 ExitCode s_expand(Session& session, const std::vector<std::string>& addresses) {
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   ExpandRun run(session, !isSingle(addresses));
   const ExitCode read =
       forEachAddress(addresses, [&run](const EmailAddress& address) { run.answer(address); });

@@ -287,7 +287,7 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
     throw Failure(ExitCode::Usage, "--json and --dot", "both say how to write the tree",
                   "give one of them");
   }
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   AliasTree tree(table, address);
   if (tree.row() == nullptr) {

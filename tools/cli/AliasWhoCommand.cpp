@@ -281,7 +281,7 @@ void s_addAllUsers(const AliasGraph& graph, const EmailAddress& address, const W
 
 ExitCode s_who(Session& session, const Arguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
-  session.tellTarget();
+  session.tellTarget(TableKind::Alias);
   const std::string table = aliasTableName(session.tableName());
   Database::Connection connection{std::string(s_database)};
   Holders holders(address.address(), table);

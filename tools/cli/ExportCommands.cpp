@@ -191,7 +191,7 @@ FileSyntax s_syntax(const Arguments& arguments, const TableFormat& format) {
 
 ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
   const FileSyntax syntax = s_syntax(arguments, format);
-  session.tellTarget();
+  session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
   TableReader reader(format, syntax, table);
   if (arguments.path.empty() || arguments.path == "-") {

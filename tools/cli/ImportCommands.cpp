@@ -88,7 +88,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
                   "it is empty, and --replace would empty the table",
                   "nothing was written; add --force if the table is to be emptied");
   }
-  session.tellTarget();
+  session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
   TableImport change(format, table, file,
                      arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);

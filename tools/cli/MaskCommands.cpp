@@ -72,7 +72,7 @@ ExitCode s_force(Session& session, const Pair& pair) {
 
 ExitCode s_set(Session& session, const Arguments& arguments) {
   const Pair pair = s_parsePair(arguments.privateText, arguments.publicText);
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   if (arguments.force) return s_force(session, pair);
   const bool present = MaskTable(maskTableName(session.tableName()))
                            .set(pair.privateAddress, pair.publicAddress, arguments.dryRun);
@@ -84,7 +84,7 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
 }
 
 ExitCode s_removePair(Session& session, const Pair& pair, bool dryRun) {
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   const std::string table = maskTableName(session.tableName());
   const bool removed = MaskTable(table).remove(pair.privateAddress, pair.publicAddress, dryRun);
   const std::string shown = pair.privateAddress.address() + " with " + pair.publicAddress.address();
@@ -107,7 +107,7 @@ std::size_t s_showDomain(Session& session, const std::string& domain, const std:
 }
 
 ExitCode s_removeDomain(Session& session, const std::string& domain, bool dryRun) {
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   const std::string table = maskTableName(session.tableName());
   const std::size_t count =
       dryRun ? s_showDomain(session, domain, table) : MaskTable(table).removeDomain(domain);
@@ -132,7 +132,7 @@ ExitCode s_remove(Session& session, const Removal& removal) {
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
   const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   const std::string table = maskTableName(session.tableName());
   const auto rows = MaskTable(table).rows(domain);
   ExitCode code = ExitCode::Done;

@@ -204,7 +204,7 @@ void s_write(Output& output, const Answer& answer, Side side) {
 
 ExitCode s_explain(Session& session, const std::string& text) {
   const EmailAddress address = parseAddress(text, false);
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   Explainer explainer(session);
   const Answer shown = explainer.explain(address, Side::Public);
   const Answer hidden = explainer.explain(address, Side::Private);

@@ -140,7 +140,7 @@ class FindRun {
 };
 
 ExitCode s_find(Session& session, const std::vector<std::string>& addresses, Side wanted) {
-  session.tellTarget();
+  session.tellTarget(TableKind::Mask);
   FindRun run(session, wanted, !isSingle(addresses));
   return run.end(
       forEachAddress(addresses, [&run](const EmailAddress& address) { run.answer(address); }));

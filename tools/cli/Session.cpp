@@ -20,7 +20,6 @@
 #include "database/StatementObserver.h"
 #include "failure/Failure.h"
 #include "local/LocalServer.h"
-#include "tables/AliasTable.h"
 #include "tables/Configuration.h"
 #include "tables/Schema.h"
 #include "tables/TableNames.h"
@@ -142,12 +141,12 @@ void Session::detail(const std::string& text) const {
   if (m_settings.verbose) say(text);
 }
 
-void Session::tellTarget() const {
+void Session::tellTarget(std::optional<TableKind> kind) const {
   if (!m_settings.verbose) return;
   Database::Connection connection("");
   say("asking the server at " + connection.peerAddress().text() + " (" +
-      connection.serverVersion() + "), database " + s_database + ", table " +
-      aliasTableName(tableName()));
+      connection.serverVersion() + "), database " + s_database +
+      (kind ? ", table " + sqlTableName(*kind, tableName()) : ""));
 }
 
 EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {

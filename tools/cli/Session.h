@@ -49,9 +49,9 @@ class Session {
 
   // Tells on standard error, with --verbose only.
   void detail(const std::string& text) const;
-  // With --verbose, tells which server and which alias table is asked. Throws Exception when the
-  // server cannot be reached.
-  void tellTarget() const;
+  // With --verbose, says which server is asked, and which table of `kind`; nothing for commands on
+  // the whole database. Throws Exception when the server cannot be reached.
+  void tellTarget(std::optional<TableKind> kind = std::nullopt) const;
 
  private:
   void checkTable() const;
