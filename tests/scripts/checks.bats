@@ -282,69 +282,6 @@ build_libraries() {
   fails check-exports "not built: build/release/lib/libtslplatform.so.1"
 }
 
-# Two libraries with the names ours have, described with their public header. The arguments are the
-# fields, the virtual functions and the type of a result.
-build_described_libraries() {
-  mkdir -p build/release/lib
-  printf '#include <string>\nclass Thing {\n public:\n  virtual ~Thing();\n  %s\n  %s\n};\nextern "C" %s tsl_count(const Thing* thing);\n' \
-    "$2" "$1" "$3" >include2/Thing.h
-  printf '#include "Thing.h"\nThing::~Thing() = default;\nvoid Thing::first() {}\nvoid Thing::second() {}\n%s tsl_count(const Thing* thing) { return thing != nullptr; }\n' \
-    "$3" >thing.cpp
-  g++ -g -Iinclude2 -shared -fPIC thing.cpp -o build/release/lib/libtslplatform.so.1
-  cp build/release/lib/libtslplatform.so.1 build/release/lib/libtsladdressmap.so.1
-}
-
-describe_libraries() {
-  build_described_libraries "std::string m_name; int m_count;" "virtual void first(); virtual void second();" int
-  "$TSL_SOURCE/scripts/check-abi" --update "$tree"
-}
-
-@test "check-abi passes libraries as described, and takes a new description" {
-  build_described_libraries "int m_count;" "virtual void first(); virtual void second();" int
-  fails check-abi "no description: packaging/abi/libtsladdressmap.abi"
-  run "$TSL_SOURCE/scripts/check-abi" --update "$tree"
-  [ "$status" -eq 0 ]
-  passes check-abi
-}
-
-@test "check-abi finds a layout that changed" {
-  describe_libraries
-  build_described_libraries "int m_count; std::string m_name;" "virtual void first(); virtual void second();" int
-  fails check-abi "libtsladdressmap differs from packaging/abi/libtsladdressmap.abi"
-  [[ $output == *"'int m_count' offset changed from 320 to 64"* ]]
-}
-
-@test "check-abi finds a virtual slot that moved" {
-  describe_libraries
-  build_described_libraries "std::string m_name; int m_count;" "virtual void second(); virtual void first();" int
-  fails check-abi "libtslplatform differs from packaging/abi/libtslplatform.abi"
-  [[ $output == *"vtable"* ]]
-}
-
-@test "check-abi finds a result of another type, which the name does not tell" {
-  describe_libraries
-  build_described_libraries "std::string m_name; int m_count;" "virtual void first(); virtual void second();" long
-  fails check-abi "return type changed"
-}
-
-@test "check-abi takes no notice of what no public header declares" {
-  describe_libraries
-  printf 'struct Inner { int a; };\nint inner(const Inner& i) { return i.a; }\n' >>thing.cpp
-  g++ -g -Iinclude2 -shared -fPIC thing.cpp -o build/release/lib/libtslplatform.so.1
-  cp build/release/lib/libtslplatform.so.1 build/release/lib/libtsladdressmap.so.1
-  "$TSL_SOURCE/scripts/check-abi" --update "$tree"
-  sed -i 's/int a;/char b; int a;/' thing.cpp
-  g++ -g -Iinclude2 -shared -fPIC thing.cpp -o build/release/lib/libtslplatform.so.1
-  cp build/release/lib/libtslplatform.so.1 build/release/lib/libtsladdressmap.so.1
-  passes check-abi
-}
-
-@test "check-abi does not pass libraries that are not built, or without debug information" {
-  fails check-abi "not built: build/release/lib/libtslplatform.so.1"
-  build_libraries
-  fails check-abi "built without debug information: build/release/lib/libtslplatform.so.1"
-}
-
 # Documents that tell what the small tree does, and a program whose help is like the tool's.
 write_documents() {
   mkdir -p build/release/bin examples docs/man
