@@ -2,6 +2,7 @@
 #include "address/EmailAddressFault.h"
 
 #include "address/EmailAddressGrammar.h"
+#include "base/bytes.h"
 
 namespace Tessel {
 
@@ -11,9 +12,9 @@ namespace {
 constexpr std::size_t s_maxShown = 100;
 
 std::string s_hexShown(char character) {
-  static constexpr char s_digits[] = "0123456789abcdef";
-  const auto byte = static_cast<unsigned char>(character);
-  return {'\\', 'x', s_digits[byte >> 4U], s_digits[byte & 0xfU]};
+  std::string shown;
+  appendEscaped(shown, character);
+  return shown;
 }
 
 std::string s_shown(std::string_view text) {

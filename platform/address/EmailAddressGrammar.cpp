@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "base/bytes.h"
+
 namespace Tessel {
 
 namespace {
@@ -193,7 +195,7 @@ std::size_t emailAddressCharacterLength(const char* place, const char* end) noex
   const unsigned second = static_cast<unsigned char>(place[1]);
   if (second < bounds.least || second > bounds.greatest) return 0;
   for (std::size_t i = 2; i < length; ++i) {
-    if ((static_cast<unsigned char>(place[i]) & 0xc0U) != 0x80U) return 0;
+    if (!isUtf8Continuation(place[i])) return 0;
   }
   return length;
 }

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "base/bytes.h"
+
 namespace Tessel {
 
 struct Exception::State {
@@ -20,7 +22,6 @@ namespace {
 
 // What came from outside must not forge log lines or terminal sequences.
 std::string s_visible(const std::string& text) {
-  static constexpr char s_hex[] = "0123456789abcdef";
   std::string visible;
   visible.reserve(text.size());
   for (const char c : text) {
@@ -28,9 +29,7 @@ std::string s_visible(const std::string& text) {
     if (byte >= 0x20 && byte != 0x7f) {
       visible += c;
     } else {
-      visible += "\\x";
-      visible += s_hex[byte >> 4U];
-      visible += s_hex[byte & 0xfU];
+      appendEscaped(visible, c);
     }
   }
   return visible;

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "base/bytes.h"
 #include "base/stringCompareNoCase.h"
 
 namespace Tessel::Database {
@@ -157,11 +158,6 @@ bool s_isRepeatableCreate(const std::vector<Token>& tokens) {
   return walk.word("table") && walk.word("if") && walk.word("not") && walk.word("exists");
 }
 
-std::size_t s_characterStart(std::string_view text, std::size_t at) {
-  while (at > 0 && (static_cast<unsigned char>(text[at]) & 0xc0U) == 0x80U) --at;
-  return at;
-}
-
 }  // namespace
 
 bool isRepeatable(std::string_view text) {
@@ -194,7 +190,7 @@ bool staysInTransaction(std::string_view text) {
 
 std::string cutText(std::string_view text, std::size_t limit) {
   if (text.size() <= limit) return std::string(text);
-  return std::string(text.substr(0, s_characterStart(text, limit))) + "...";
+  return std::string(cutUtf8(text, limit)) + "...";
 }
 
 std::string shortenedStatement(std::string_view text) {

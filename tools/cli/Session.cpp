@@ -15,6 +15,7 @@
 
 #include "AddressMapDb.h"
 #include "base/Exception.h"
+#include "base/bytes.h"
 #include "cli/LocalFailure.h"
 #include "database/Connection.h"
 #include "database/StatementObserver.h"
@@ -60,16 +61,11 @@ void s_requireFolder(const std::string& folder) {
 void s_tellStatement(std::string_view statement) noexcept {
   // Enough for every statement but those on many rows.
   constexpr std::size_t s_longest = 500;
-  std::size_t size = std::min(statement.size(), s_longest);
-  // Not inside a UTF-8 character.
-  while (size != 0 && size < statement.size() &&
-         (static_cast<unsigned char>(statement[size]) & 0xc0U) == 0x80U) {
-    --size;
-  }
+  const std::string_view start = cutUtf8(statement, s_longest);
   try {
-    std::string text = "sql: " + std::string(statement.substr(0, size));
-    if (size < statement.size()) {
-      text += "... (" + std::to_string(statement.size() - size) + " bytes more)";
+    std::string text = "sql: " + std::string(start);
+    if (start.size() < statement.size()) {
+      text += "... (" + std::to_string(statement.size() - start.size()) + " bytes more)";
     }
     say(text);
   } catch (const std::bad_alloc&) {

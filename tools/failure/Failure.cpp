@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "base/bytes.h"
 #include "database/Error.h"
 
 namespace Tessel::Tool {
@@ -28,7 +29,7 @@ std::size_t s_characterSize(std::string_view text) {
   if (lead >= 0xf0 && lead <= 0xf4) size = 4;
   if (size == 0 || text.size() < size) return 0;
   for (std::size_t i = 1; i < size; ++i) {
-    if ((static_cast<unsigned char>(text[i]) & 0xc0U) != 0x80) return 0;
+    if (!isUtf8Continuation(text[i])) return 0;
   }
   const auto second = static_cast<unsigned char>(text[1]);
   if (lead == 0xe0 && second < 0xa0) return 0;  // Overlong.
@@ -45,14 +46,6 @@ bool s_isControl(std::string_view character) {
   return lead == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
 }
 
-void s_appendHex(std::string& text, char byte) {
-  constexpr char digits[] = "0123456789abcdef";
-  const auto value = static_cast<unsigned char>(byte);
-  text += "\\x";
-  text += digits[value >> 4U];
-  text += digits[value & 0xfU];
-}
-
 // The first exception of the chain for which `matches` holds, or null.
 template <class Matches>
 const Exception* s_inChain(const Exception& exception, Matches matches) {
@@ -66,10 +59,6 @@ const Database::Error* s_databaseError(const Exception& exception) {
   return dynamic_cast<const Database::Error*>(s_inChain(exception, [](const Exception& link) {
     return dynamic_cast<const Database::Error*>(&link) != nullptr;
   }));
-}
-
-bool s_startsWith(const std::string& text, std::string_view start) {
-  return text.compare(0, start.size(), start) == 0;
 }
 
 std::string s_databaseHint(const Database::Error& error) {
@@ -104,7 +93,7 @@ Failure s_failureOf(const Exception& exception, const std::string& subject) {
   }
   // The database library reports wrong settings (option file, environment) as plain exceptions.
   const bool settings = s_inChain(exception, [](const Exception& link) {
-                          return s_startsWith(link.context(), "Database::");
+                          return link.context().starts_with("Database::");
                         }) != nullptr;
   if (settings) {
     return {ExitCode::Configuration, subject, why,
@@ -130,7 +119,7 @@ std::string printable(std::string_view text) {
     const std::size_t size = s_characterSize(text);
     const std::string_view character = text.substr(0, size == 0 ? 1 : size);
     if (size == 0 || s_isControl(character)) {
-      for (const char byte : character) s_appendHex(shown, byte);
+      for (const char byte : character) appendEscaped(shown, byte);
     } else {
       shown += character;
     }
@@ -141,7 +130,7 @@ std::string printable(std::string_view text) {
 
 bool isAddressFault(const Exception& exception) {
   return s_inChain(exception, [](const Exception& link) {
-           return s_startsWith(link.context(), "EmailAddress::");
+           return link.context().starts_with("EmailAddress::");
          }) != nullptr;
 }
 

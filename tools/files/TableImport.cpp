@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/Exception.h"
+#include "base/bytes.h"
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
 #include "tables/AliasCycles.h"
@@ -25,30 +26,25 @@ constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
 // What a statement of one row has beside the literal of its value, that of its key included.
 constexpr std::size_t s_frame = 1024;
 
-bool s_startsWith(std::string_view text, std::string_view start) {
-  return text.substr(0, start.size()) == start;
-}
-
 // What a column can hold.
 struct Size {
   std::uint64_t most = UINT64_MAX;
   bool characters = false;  // Bytes otherwise.
 
   static Size of(const std::string& type) {
-    if (s_startsWith(type, "varchar(") || s_startsWith(type, "char(")) {
+    if (type.starts_with("varchar(") || type.starts_with("char(")) {
       return {std::strtoull(type.c_str() + type.find('(') + 1, nullptr, 10), true};
     }
-    if (s_startsWith(type, "tinytext")) return {255, false};
-    if (s_startsWith(type, "text")) return {65535, false};
-    if (s_startsWith(type, "mediumtext")) return {16777215, false};
+    if (type.starts_with("tinytext")) return {255, false};
+    if (type.starts_with("text")) return {65535, false};
+    if (type.starts_with("mediumtext")) return {16777215, false};
     return {};
   }
 
   [[nodiscard]] bool fits(std::string_view text) const {
     if (!characters || text.size() <= most) return text.size() <= most;
-    const auto count = std::count_if(text.begin(), text.end(), [](char c) {
-      return (static_cast<unsigned char>(c) & 0xc0U) != 0x80U;
-    });
+    const auto count =
+        std::count_if(text.begin(), text.end(), [](char c) { return !isUtf8Continuation(c); });
     return static_cast<std::uint64_t>(count) <= most;
   }
 

@@ -22,10 +22,6 @@ constexpr unsigned int s_notSupported = 1235;
 
 using Columns = std::map<std::string, Database::Field>;
 
-bool s_startsWith(const std::string& text, std::string_view start) {
-  return text.compare(0, start.size(), start) == 0;
-}
-
 // Takes the column `name` out of `columns`, and notes when it is missing or of a type that starts
 // with none of `types`. The type, or empty text.
 std::string s_take(Columns& columns, const std::string& table, const std::string& name,
@@ -38,7 +34,7 @@ std::string s_take(Columns& columns, const std::string& table, const std::string
   std::string type = column->second.type;
   columns.erase(column);
   for (const std::string_view known : types) {
-    if (s_startsWith(type, known)) return type;
+    if (type.starts_with(known)) return type;
   }
   std::string problem = "column ";
   problem.append(name).append(" of table ").append(table).append(" is of type ").append(type);

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "base/bytes.h"
 #include "serve/image/AddressKey.h"
 
 namespace Tessel::Serve {
@@ -25,16 +26,12 @@ constexpr std::size_t s_maxAddress = 254;
 constexpr std::size_t s_mostPages = 999999;
 
 std::string s_newToken() {
-  std::array<unsigned char, s_tokenSize / 2> bytes{};
+  std::array<char, s_tokenSize / 2> bytes{};
   if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
     throw std::system_error(errno, std::generic_category(), "getrandom");
   }
   std::string token;
-  for (const unsigned char byte : bytes) {
-    static constexpr std::string_view s_digits = "0123456789abcdef";
-    token += s_digits[byte >> 4U];
-    token += s_digits[byte & 15U];
-  }
+  for (const char byte : bytes) appendHex(token, byte);
   return token;
 }
 

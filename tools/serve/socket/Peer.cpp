@@ -18,9 +18,9 @@ namespace Tessel::Serve {
 namespace {
 
 constexpr std::size_t s_readSize = 65536;
-// Replies that are put together before the mail server must take them.
-// Room that is kept for them between requests.
+// Room that is kept for replies between requests.
 constexpr std::size_t s_smallOutput = 64;
+// Replies that are put together before the mail server must take them.
 constexpr std::size_t s_muchToSend = 262144;
 
 // True when the last call failed only because it would have had to wait.
