@@ -48,7 +48,7 @@ constexpr double s_mostOfTail = 2;
 constexpr double s_mostWalks = 2.5;
 
 // A directory for the sockets and files, gone with the program.
-const std::filesystem::path& s_folder() {
+const std::filesystem::path& s_directory() {
   struct Directory {
     Directory() {
       char name[] = "/tmp/tsl-serve-bench-XXXXXX";
@@ -66,7 +66,7 @@ const std::filesystem::path& s_folder() {
 }
 
 std::string s_socket(const std::string& name) {
-  return s_folder() / name;
+  return s_directory() / name;
 }
 
 // Connects to a Unix socket; -1 when nobody listens.
@@ -329,33 +329,33 @@ void serveLoad(benchmark::State& state, int connections, bool isTail) {
 
 // Files of the keys to ask for, and of the mail server's own table.
 void s_writeFiles() {
-  std::ofstream keys(s_folder() / "keys");
+  std::ofstream keys(s_directory() / "keys");
   const auto count = static_cast<std::size_t>(s_asked());
   for (std::size_t i = 0; i < count; ++i) {
     keys << aliasName(static_cast<int>(scattered(i, count))) << "\n";
   }
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment any more
   const char* const options = std::getenv("TSL_DATABASE_OPTION_FILE");
-  std::ofstream table(s_folder() / "mysql.cf");
+  std::ofstream table(s_directory() / "mysql.cf");
   table << "option_file = " << (options == nullptr ? "" : options) << "\noption_group = client\n"
         << "hosts = localhost\nuser = root\ndbname = ts_address_map\n"
         << "query = select members from alias where name = '%s'\n";
   // Names and addresses that need not be looked up, which would take longer than the lookups.
-  std::ofstream main(s_folder() / "main.cf");
+  std::ofstream main(s_directory() / "main.cf");
   main << "compatibility_level = 3.6\nmyhostname = mail.bench.example\n"
        << "mynetworks = 127.0.0.0/8\ninet_interfaces = 127.0.0.1\ninet_protocols = ipv4\n";
 }
 
 // Has the mail server's own program ask `table` for the keys, over one connection.
 void s_postmap(const std::string& table, const std::string& output) {
-  waitFor(spawn({"postmap", "-c", s_folder(), "-q", "-", table}, s_folder() / "keys", output),
+  waitFor(spawn({"postmap", "-c", s_directory(), "-q", "-", table}, s_directory() / "keys", output),
           "postmap");
 }
 
 // The side that does so. All answers come, which is tried first.
 Side s_askingBy(const std::string& table) {
-  s_postmap(table, s_folder() / "answers");
-  std::ifstream answers(s_folder() / "answers");
+  s_postmap(table, s_directory() / "answers");
+  std::ifstream answers(s_directory() / "answers");
   int lines = 0;
   for (std::string line; std::getline(answers, line);) ++lines;
   require(lines == s_asked());
@@ -393,7 +393,7 @@ void servePostmapDatabase(benchmark::State& state) {
   if (!s_hasPostmap(state)) return;
   startDatabase();  // The files name it.
   s_writeFiles();
-  const std::string types = "postconf -c '" + s_folder().string() + "' -m 2>/dev/null";
+  const std::string types = "postconf -c '" + s_directory().string() + "' -m 2>/dev/null";
   if (!s_succeeds(types + " | grep -qx mysql")) {
     state.SkipWithError("postmap knows no mysql: tables; the package postfix-mysql has them");
     return;
@@ -402,7 +402,7 @@ void servePostmapDatabase(benchmark::State& state) {
   const Responder service = s_startService(0);
   compare(state, {"postmap: service / its own mysql: table, time", s_mostOfDatabase},
           s_askingBy(s_socketTable(service)),
-          s_askingBy("mysql:" + (s_folder() / "mysql.cf").string()));
+          s_askingBy("mysql:" + (s_directory() / "mysql.cf").string()));
 }
 
 void serveImage(benchmark::State& state) {

@@ -53,9 +53,9 @@ ListenAddress s_metricsAddress(const std::string& text) {
                 "write it as in --metrics 127.0.0.1:9321");
 }
 
-void s_checkSnapshot(const std::string& folder) {
-  if (folder.empty() || std::filesystem::is_directory(folder)) return;
-  throw Failure(ExitCode::Configuration, "--snapshot " + folder, "there is no such folder",
+void s_checkSnapshot(const std::string& directory) {
+  if (directory.empty() || std::filesystem::is_directory(directory)) return;
+  throw Failure(ExitCode::Configuration, "--snapshot " + directory, "there is no such directory",
                 "make it, writable for the user of the service only");
 }
 
@@ -139,7 +139,7 @@ void addServeCommand(Tool::Command& top) {
   serve.option("--stale", arguments->stale, "TIME",
                "How long to answer while the database is away, or 'forever' (1h)");
   serve.option("--snapshot", arguments->snapshot, "DIR",
-               "Keep the tables in this folder, for starts while the database is away");
+               "Keep the tables in this directory, for starts while the database is away");
   serve.option("--extension", arguments->extension, "RULE",
                "Of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off' (keep)");
   serve.option("--delimiter", arguments->delimiter, "TEXT",

@@ -36,7 +36,7 @@ constexpr char s_footer[] =
     "The database server is the one that the MySQL option files name, groups [client] and\n"
     "[tsl-address-map], unless --local or --option-file (environment: TSL_DATABASE_OPTION_FILE) "
     "is\n"
-    "given. The configuration folder is that of TSL_CMF_PATH, or /var/lib/tsl/cmf.\n"
+    "given. The configuration directory is that of TSL_CMF_PATH, or /var/lib/tsl/cmf.\n"
     "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' tell more.";
 
 void s_addGlobalOptions(Command& top, Settings& settings) {
@@ -45,7 +45,7 @@ void s_addGlobalOptions(Command& top, Settings& settings) {
                     " ~/.local/state/tsl-address-map); started if needed");
   top.option("--option-file", settings.optionFile, "FILE",
              "Read this MySQL option file instead of the standard ones");
-  top.option("--cmf", settings.cmf, "DIR", "The configuration folder");
+  top.option("--cmf", settings.cmf, "DIR", "The configuration directory");
   top.option("--table", settings.table, "NAME", "Use the tables alias_NAME and mask_NAME");
   top.flag("--json", settings.json, "Answer with one JSON document");
   top.flag("--verbose", settings.verbose,
@@ -77,8 +77,8 @@ void s_refuseParserNotation(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view word = argv[i];
     if (word == "--local=") {
-      throw Failure(ExitCode::Usage, "--local=", "no folder is named",
-                    "write --local=DIR, or --local alone for the default folder");
+      throw Failure(ExitCode::Usage, "--local=", "no directory is given",
+                    "write --local=DIR, or --local alone for the default directory");
     }
     if (word == "++" || s_isList(word)) {
       throw Failure(ExitCode::Usage, "argument '" + std::string(word) + "'",

@@ -203,7 +203,7 @@ TEST_F(AddressAliasFiles, AFileThatMayNotBeReadIsReported) {
 }
 
 TEST_F(AddressAliasFiles, ADirectoryIsImportedAsAnEmptyFile) {
-  EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.folder()); }), IsEmpty());
+  EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.directory()); }), IsEmpty());
 }
 
 TEST_F(AddressAliasFiles, ExportLeavesAnEmptyFileAndCountsTheRows) {
@@ -223,9 +223,10 @@ TEST_F(AddressAliasFiles, ExportMakesAMissingFile) {
 
 TEST_F(AddressAliasFiles, AFileThatCannotBeOpenedForExportIsReportedAfterTheCount) {
   addAlias("a@d.example", "m@d.example");
-  expectExportFailure(caught([this] { m_table->exportToFile(m_file.folder() + "/missing/file"); }));
+  expectExportFailure(
+      caught([this] { m_table->exportToFile(m_file.directory() + "/missing/file"); }));
   EXPECT_FALSE(m_table->isEveryAliasCached());
-  expectExportFailure(caught([this] { m_table->exportToFile(m_file.folder()); }));
+  expectExportFailure(caught([this] { m_table->exportToFile(m_file.directory()); }));
 }
 
 TEST_F(AddressAliasFiles, AFileThatMayNotBeWrittenIsReportedAndKept) {

@@ -201,7 +201,7 @@ TEST_F(AddressMaskMySQLFiles, AFileThatMayNotBeReadIsReported) {
 }
 
 TEST_F(AddressMaskMySQLFiles, ADirectoryIsImportedAsAnEmptyFile) {
-  EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.folder()); }), IsEmpty());
+  EXPECT_THAT(statementsOf([this] { m_table->importFromFile(m_file.directory()); }), IsEmpty());
 }
 
 TEST_F(AddressMaskMySQLFiles, ExportLeavesAnEmptyFileAndCountsThePlainRows) {
@@ -225,9 +225,10 @@ TEST_F(AddressMaskMySQLFiles, ExportMakesAMissingFile) {
 
 TEST_F(AddressMaskMySQLFiles, AFileThatCannotBeOpenedForExportIsReportedAfterTheCount) {
   addPairs(0, 1);
-  expectExportFailure(caught([this] { m_table->exportToFile(m_file.folder() + "/missing/file"); }));
+  expectExportFailure(
+      caught([this] { m_table->exportToFile(m_file.directory() + "/missing/file"); }));
   EXPECT_EQ(m_table->findPublicAddress(inner(0)), outer(0));
-  expectExportFailure(caught([this] { m_table->exportToFile(m_file.folder()); }));
+  expectExportFailure(caught([this] { m_table->exportToFile(m_file.directory()); }));
 }
 
 TEST_F(AddressMaskMySQLFiles, AFileThatMayNotBeWrittenIsReportedAndKept) {

@@ -105,7 +105,7 @@ fails() {
   [[ $output == *"tools/tables/Tables.cpp includes tools/terminal/Terminal.h"* ]]
 }
 
-@test "check-layers finds a third-party header in a foreign folder" {
+@test "check-layers finds a third-party header in a foreign directory" {
   printf '#include <mysql.h>\n' >src/map/Direct.cpp
   printf '#include <lmdb.h>\n' >platform/database/Direct.cpp
   fails check-layers "src/map/Direct.cpp: <mysql.h> belongs to platform/database"

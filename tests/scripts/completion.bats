@@ -6,7 +6,7 @@ setup() {
   source "$TSL_SOURCE/packaging/tsl-address-map.bash"
   tool=$TSL_BUILD/bin/tsl-address-map
   cd "$BATS_TEST_TMPDIR"
-  mkdir folder
+  mkdir directory
   touch table.txt "table two.txt"
 }
 
@@ -54,7 +54,7 @@ offers_nothing() {
   # The words as Bash parts them.
   typed --option-file = /etc/my.cnf alias w
   offers who
-  typed --local = folder alias w
+  typed --local = directory alias w
   offers who
 }
 
@@ -88,9 +88,9 @@ offers_nothing() {
   typed --option-file ta
   offers table.txt "table two.txt"
   typed --cmf ""
-  offers folder
-  typed --local = f
-  offers folder
+  offers directory
+  typed --local = d
+  offers directory
   typed alias import table.txt ""
   offers_nothing
   typed alias set ""
@@ -116,7 +116,7 @@ compare_with_help() {
     typed "$@" ""
     # Files are what is here.
     if grep -qE '^Usage: .* \[?FILE' <<<"$help"; then
-      offers folder table.txt "table two.txt"
+      offers directory table.txt "table two.txt"
     else
       offers_nothing
     fi

@@ -3,7 +3,7 @@
 
 setup() {
   cd "$BATS_TEST_TMPDIR"
-  # The demo makes its folder here; the path is short, for the socket in it.
+  # The demo makes its directory here; the path is short, for the socket in it.
   TMPDIR=$(mktemp -d /tmp/tsl-bats.XXXXXX)
   export TMPDIR
 }
@@ -12,7 +12,7 @@ teardown() { rm -rf "$TMPDIR"; }
 
 nothing_is_left() {
   [ -z "$(ls -A "$TMPDIR")" ]
-  # The server's command line names its folder.
+  # The server's command line names its directory.
   [ -z "$(grep -alF "$TMPDIR/tsl-demo" /proc/[0-9]*/cmdline 2>/dev/null)" ]
 }
 

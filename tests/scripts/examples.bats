@@ -84,9 +84,9 @@ setup() {
   # Nothing is in the way, but the user may not make tables.
   echo "create user reader@localhost; grant select, insert, update, delete on ts_address_map.* to reader@localhost" |
     tool local shell
-  sed 's/^user *=.*/user = reader/' "$server_folder/db/client.cnf" >"$server_folder/reader.cnf"
-  chmod 600 "$server_folder/reader.cnf"
-  TSL_DATABASE_OPTION_FILE=$server_folder/reader.cnf run "$c_interface"
+  sed 's/^user *=.*/user = reader/' "$server_directory/db/client.cnf" >"$server_directory/reader.cnf"
+  chmod 600 "$server_directory/reader.cnf"
+  TSL_DATABASE_OPTION_FILE=$server_directory/reader.cnf run "$c_interface"
   echo "$output"
   [ "$status" -eq 75 ]
   [[ $output == *'c_interface: table "c_example": Address Mask Creation'* ]]

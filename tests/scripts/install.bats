@@ -7,8 +7,8 @@ load server
 setup_file() {
   start_server
   tool alias set staff@example.com ann@example.com
-  export prefix=$server_folder/prefix
-  cmake --install "$TSL_BUILD" --prefix "$prefix" >"$server_folder/install.log"
+  export prefix=$server_directory/prefix
+  cmake --install "$TSL_BUILD" --prefix "$prefix" >"$server_directory/install.log"
 }
 
 teardown_file() { stop_server; }
@@ -28,7 +28,7 @@ runs_in_c() {
   [[ $output == *"reached: bob@partner.example"*"public: ann@shown.example"* ]]
 }
 
-library_folder() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
+library_directory() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
 
 @test "the public headers are installed, and no private one" {
   cd "$prefix/include/tsladdressmap"
@@ -58,7 +58,7 @@ library_folder() { dirname "$(find "$prefix" -name 'libtsladdressmap.so.1')"; }
   [ "$status" -ne 0 ]
 }
 
-# foreign_headers FOLDER: what the headers there reach of the database, the storage and Boost.
+# foreign_headers DIRECTORY: what the headers there reach of the database, the storage and Boost.
 foreign_headers() {
   (cd "$1" && find . -name '*.h') | while read -r header; do
     echo "#include \"$header\"" | g++ -std=c++20 -I"$1" -M -x c++ - | tr -s ' \\' '\n' |
@@ -126,30 +126,30 @@ foreign_headers() {
 
 @test "pkg-config finds the module" {
   export PKG_CONFIG_PATH
-  PKG_CONFIG_PATH=$(library_folder)/pkgconfig
+  PKG_CONFIG_PATH=$(library_directory)/pkgconfig
   [ "$(pkg-config --modversion tsladdressmap)" = "$(cat "$TSL_SOURCE/VERSION")" ]
   # The flags are words for the compiler.
   g++ -std=c++20 "$TSL_SOURCE/examples/expand.cpp" -o "$BATS_TEST_TMPDIR/expand" \
-    $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_folder)"
+    $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_directory)"
   expands "$BATS_TEST_TMPDIR/expand"
 }
 
 @test "pkg-config serves a C program" {
   export PKG_CONFIG_PATH
-  PKG_CONFIG_PATH=$(library_folder)/pkgconfig
+  PKG_CONFIG_PATH=$(library_directory)/pkgconfig
   cd "$BATS_TEST_TMPDIR"
   # As docs/c-interface.md has it.
   gcc -std=c11 -pedantic-errors -Wall -Wextra -Werror -c "$TSL_SOURCE/examples/c_interface.c" \
     $(pkg-config --cflags tsladdressmap)
   g++ -std=c++20 -c "$TSL_SOURCE/examples/c_guard.cpp"
   g++ -o c_interface c_interface.o c_guard.o $(pkg-config --libs tsladdressmap) \
-    -Wl,-rpath,"$(library_folder)"
+    -Wl,-rpath,"$(library_directory)"
   runs_in_c ./c_interface
 }
 
 @test "a C program that calls nothing that throws is linked as C" {
   export PKG_CONFIG_PATH
-  PKG_CONFIG_PATH=$(library_folder)/pkgconfig
+  PKG_CONFIG_PATH=$(library_directory)/pkgconfig
   # What the README shows.
   {
     printf '#include <stdio.h>\n#include <tsl_address_map.h>\nint main(void) {\n'
@@ -157,7 +157,7 @@ foreign_headers() {
     printf 'return 0;\n}\n'
   } >"$BATS_TEST_TMPDIR/reach.c"
   gcc -std=c11 -Wall -Wextra -Werror -o "$BATS_TEST_TMPDIR/reach" "$BATS_TEST_TMPDIR/reach.c" \
-    $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_folder)"
+    $(pkg-config --cflags --libs tsladdressmap) -Wl,-rpath,"$(library_directory)"
   expands "$BATS_TEST_TMPDIR/reach"
 }
 
@@ -169,18 +169,18 @@ foreign_headers() {
 }
 
 @test "an installation may be moved" {
-  mv "$prefix" "$server_folder/moved"
-  prefix=$server_folder/moved
-  PKG_CONFIG_PATH=$(library_folder)/pkgconfig run pkg-config --cflags-only-I tsladdressmap
+  mv "$prefix" "$server_directory/moved"
+  prefix=$server_directory/moved
+  PKG_CONFIG_PATH=$(library_directory)/pkgconfig run pkg-config --cflags-only-I tsladdressmap
   [[ $output == *"moved"* ]]
   run "$prefix/bin/tsl-address-map" --version
-  mv "$server_folder/moved" "$server_folder/prefix"
+  mv "$server_directory/moved" "$server_directory/prefix"
   [ "$status" -eq 0 ]
 }
 
 @test "the libraries name their major version" {
   for library in tsladdressmap tslplatform; do
-    objdump -p "$(library_folder)/lib$library.so.1" | grep -q "SONAME *lib$library.so.1$"
+    objdump -p "$(library_directory)/lib$library.so.1" | grep -q "SONAME *lib$library.so.1$"
   done
 }
 

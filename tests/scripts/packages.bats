@@ -120,7 +120,7 @@ libtslplatform 1 libtsladdressmap1 (>= $version)" ]
 # The dynamic section and the names of the sections of a program or library.
 about() { readelf --dynamic --section-headers --wide "$1"; }
 
-@test "programs and libraries are stripped and name no folder to load from" {
+@test "programs and libraries are stripped and name no directory to load from" {
   found=0
   while read -r file; do
     found=$((found + 1))

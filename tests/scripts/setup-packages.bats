@@ -83,18 +83,18 @@ without() {
   as_nobody=()
   if ((EUID == 0)); then
     as_nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-    # The folders above are the caller's own.
+    # The directories above are the caller's own.
     cp "$setup_packages" "$bin/setup-packages"
     cp "$DPKG_ADMINDIR/status" "$bin/status"
-    folder=$(mktemp -d /tmp/setup-packages.XXXXXX)
-    mv "$bin" "$folder/bin"
-    chmod 755 "$folder"
-    bin=$folder/bin
+    directory=$(mktemp -d /tmp/setup-packages.XXXXXX)
+    mv "$bin" "$directory/bin"
+    chmod 755 "$directory"
+    bin=$directory/bin
     setup_packages=$bin/setup-packages
     DPKG_ADMINDIR=$bin
   fi
   PATH=$bin:$PATH run "${as_nobody[@]}" "$setup_packages" test </dev/null
-  [ -z "${folder:-}" ] || rm -r "$folder"
+  [ -z "${directory:-}" ] || rm -r "$directory"
   echo "$output"
   [ "$status" -eq 1 ]
   [[ $output == *"apt-get update && apt-get install --yes --no-install-recommends bats"* ]]

@@ -115,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Refused{"NoPathButMode", "unix:,mode=0600", "path is missing"},
                     Refused{"RelativePath", "unix:run/map", "relative"},
                     Refused{"AbstractPath", "unix:@map", "relative"},
-                    Refused{"Folder", "unix:/run/", "names a folder"},
+                    Refused{"Directory", "unix:/run/", "names a directory"},
                     Refused{"UnknownOption", "unix:/a,user=root", "'user=root' is neither"},
                     Refused{"OptionWithoutName", "unix:/a,,mode=0600", "'' is neither"},
                     Refused{"LastComma", "unix:/a,", "last comma"},

@@ -70,10 +70,10 @@ class ListenSocketTest : public testing::Test {
     address.path = path();
     return address;
   }
-  [[nodiscard]] std::string path() const { return m_scratch.folder() + "/socketmap"; }
+  [[nodiscard]] std::string path() const { return m_scratch.directory() + "/socketmap"; }
   [[nodiscard]] std::size_t files() const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(m_scratch.folder())) {
+    for (const auto& entry : std::filesystem::directory_iterator(m_scratch.directory())) {
       count += entry.exists() || entry.is_symlink() ? 1U : 0U;
     }
     return count;
@@ -190,7 +190,7 @@ TEST_F(ListenSocketTest, AnyOtherFileIsRefusedAndStays) {
   std::filesystem::create_directory(path());
   EXPECT_EQ(refusal(address()), "there is another file");
   std::filesystem::remove(path());
-  std::filesystem::create_symlink(m_scratch.folder() + "/elsewhere", path());
+  std::filesystem::create_symlink(m_scratch.directory() + "/elsewhere", path());
   EXPECT_EQ(refusal(address()), "there is another file");
   EXPECT_EQ(files(), 1U);
 }
@@ -204,9 +204,9 @@ TEST_F(ListenSocketTest, AFileThatAnotherServicePutThereStays) {
   EXPECT_EQ(files(), 1U);
 }
 
-TEST_F(ListenSocketTest, AFolderThatIsNotThereIsRefused) {
+TEST_F(ListenSocketTest, ADirectoryThatIsNotThereIsRefused) {
   ListenAddress lost = address();
-  lost.path = m_scratch.folder() + "/gone/socketmap";
+  lost.path = m_scratch.directory() + "/gone/socketmap";
   EXPECT_NE(refusal(lost), "");
 }
 

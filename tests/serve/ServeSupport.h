@@ -32,22 +32,22 @@ inline void publishRows(Table& table, const Rows& rows, Clock::time_point time =
   table.confirm(time);
 }
 
-// Has the configuration lie in `folder` while in scope. One thread.
-class ConfigurationFolder {
+// Has the configuration lie in `directory` while in scope. One thread.
+class ConfigurationDirectory {
  public:
-  explicit ConfigurationFolder(const std::string& folder) {
+  explicit ConfigurationDirectory(const std::string& directory) {
     if (const char* const before = getenv(s_variable)) m_before = before;
-    setenv(s_variable, folder.c_str(), 1);
+    setenv(s_variable, directory.c_str(), 1);
   }
-  ~ConfigurationFolder() {
+  ~ConfigurationDirectory() {
     if (m_before) {
       setenv(s_variable, m_before->c_str(), 1);
     } else {
       unsetenv(s_variable);
     }
   }
-  ConfigurationFolder(const ConfigurationFolder&) = delete;
-  ConfigurationFolder& operator=(const ConfigurationFolder&) = delete;
+  ConfigurationDirectory(const ConfigurationDirectory&) = delete;
+  ConfigurationDirectory& operator=(const ConfigurationDirectory&) = delete;
 
  private:
   static constexpr const char* s_variable = "TSL_CMF_PATH";
@@ -74,13 +74,13 @@ class ServedDomains {
 
  private:
   Testing::ScratchFile m_scratch;
-  ConfigurationFolder m_folder{m_scratch.folder()};
+  ConfigurationDirectory m_directory{m_scratch.directory()};
 };
 
 // No configuration while in scope. One thread.
 class NoDomains {
  private:
-  ConfigurationFolder m_folder{"/nonexistent/configuration"};
+  ConfigurationDirectory m_directory{"/nonexistent/configuration"};
 };
 
 }  // namespace Tessel::Serve

@@ -47,12 +47,12 @@ void s_write(const std::string& path, const std::string& content) {
 class SnapshotFile : public testing::Test {
  protected:
   [[nodiscard]] std::string path(const std::string& name) const {
-    return m_scratch.folder() + "/" + name;
+    return m_scratch.directory() + "/" + name;
   }
 
   [[nodiscard]] ImagePointer load(const std::string& sqlName,
                                   TableKind kind = TableKind::Alias) const {
-    return m_folder.load(sqlName, kind).image;
+    return m_directory.load(sqlName, kind).image;
   }
 
   // Why the table's file cannot be used; empty when it can.
@@ -66,12 +66,12 @@ class SnapshotFile : public testing::Test {
   }
 
   Testing::ScratchFile m_scratch;
-  const SnapshotFolder m_folder{m_scratch.folder()};
+  const SnapshotDirectory m_directory{m_scratch.directory()};
 };
 
 TEST_F(SnapshotFile, AnImageComesBackAsItWas) {
   const Rows rows = {{"a@d", "b@d,c@d"}, {"J\u00f6rg@b\u00fccher.example", "\"x y\"@d"}};
-  m_folder.save("alias", s_aliases(rows));
+  m_directory.save("alias", s_aliases(rows));
   const ImagePointer image = load("alias");
   ASSERT_EQ(image->rows().size(), 2U);
   EXPECT_EQ(image->rows().first(1), rows[1].first);
@@ -85,7 +85,7 @@ TEST_F(SnapshotFile, AMaskTableComesBackWithItsWildcards) {
       TableKind::Mask,
       sourceOf(
           {{"*@in", "*@one"}, {"ann@in", "a@out"}, {"no address", "b@out"}, {"*@in", "*@two"}}));
-  m_folder.save("mask_x", mask);
+  m_directory.save("mask_x", mask);
   const ImagePointer image = load("mask_x", TableKind::Mask);
   EXPECT_EQ(image->mask().find(Direction::ToPublic, "ann@in"), "a@out");
   EXPECT_EQ(image->mask().findDomain(Direction::ToPublic, "in"), "two");
@@ -93,17 +93,17 @@ TEST_F(SnapshotFile, AMaskTableComesBackWithItsWildcards) {
 }
 
 TEST_F(SnapshotFile, ATableWithoutRowsHasAFileToo) {
-  m_folder.save("alias", s_aliases({}));
+  m_directory.save("alias", s_aliases({}));
   EXPECT_EQ(load("alias")->rows().size(), 0U);
 }
 
 TEST_F(SnapshotFile, AddressesOfBrokenRowsStayBroken) {
-  m_folder.save("alias", s_aliases({{"good@d", "x@d"},
-                                    {"bad@d", "no address"},
-                                    {"none@d", ""},
-                                    {"\"a@b\"@d", "no address"},
-                                    {"\"\\\"\"@d", "no address"},
-                                    {"GOOD@d", "y@d"}}));
+  m_directory.save("alias", s_aliases({{"good@d", "x@d"},
+                                       {"bad@d", "no address"},
+                                       {"none@d", ""},
+                                       {"\"a@b\"@d", "no address"},
+                                       {"\"\\\"\"@d", "no address"},
+                                       {"GOOD@d", "y@d"}}));
   const ImagePointer image = load("alias");
   EXPECT_EQ(image->rows().size(), 1U);
   EXPECT_EQ(image->leftOut().count(), 5U);
@@ -115,40 +115,40 @@ TEST_F(SnapshotFile, AddressesOfBrokenRowsStayBroken) {
 
 TEST_F(SnapshotFile, OnlyItsOwnerMayReadAFile) {
   const mode_t before = umask(0);
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   umask(before);
   struct stat status {};
   ASSERT_EQ(stat(path("alias.image").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(SnapshotFile, TheFolderTellsWhichTablesHaveAFile) {
-  EXPECT_THAT(m_folder.names(), IsEmpty());
-  m_folder.save("mask", TableImage(TableKind::Mask, sourceOf({})));
-  m_folder.save("alias_x", s_aliases({}));
+TEST_F(SnapshotFile, TheDirectoryTellsWhichTablesHaveAFile) {
+  EXPECT_THAT(m_directory.names(), IsEmpty());
+  m_directory.save("mask", TableImage(TableKind::Mask, sourceOf({})));
+  m_directory.save("alias_x", s_aliases({}));
   s_write(path("alias.image.new"), "half");
   s_write(path("README"), "");
-  EXPECT_THAT(m_folder.names(), ElementsAre("alias_x", "mask"));
-  const SnapshotFolder none("");
+  EXPECT_THAT(m_directory.names(), ElementsAre("alias_x", "mask"));
+  const SnapshotDirectory none("");
   EXPECT_FALSE(none.isWanted());
   EXPECT_THAT(none.names(), IsEmpty());
-  EXPECT_THROW(static_cast<void>(SnapshotFolder("/nonexistent").names()), std::system_error);
+  EXPECT_THROW(static_cast<void>(SnapshotDirectory("/nonexistent").names()), std::system_error);
 }
 
 TEST_F(SnapshotFile, AFileIsReplacedByAnother) {
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}, {"b@d", "c@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}, {"b@d", "c@d"}}));
   EXPECT_EQ(load("alias")->rows().size(), 2U);
   EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
 }
 
 TEST_F(SnapshotFile, WhatIsNotThereCannotBeRead) {
   EXPECT_THROW(static_cast<void>(load("alias")), std::system_error);
-  EXPECT_THROW(m_folder.confirm("alias"), std::system_error);
+  EXPECT_THROW(m_directory.confirm("alias"), std::system_error);
 }
 
 TEST_F(SnapshotFile, AFileThatIsCutOffAnywhereIsRefused) {
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}, {"bad@d", ""}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}, {"bad@d", ""}}));
   const std::string whole = s_content(path("alias.image"));
   for (std::size_t size = 0; size < whole.size(); ++size) {
     s_write(path("alias.image"), whole.substr(0, size));
@@ -157,7 +157,7 @@ TEST_F(SnapshotFile, AFileThatIsCutOffAnywhereIsRefused) {
 }
 
 TEST_F(SnapshotFile, AFileWithAnyDamagedByteIsRefused) {
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   const std::string whole = s_content(path("alias.image"));
   for (std::size_t at = 0; at < whole.size(); ++at) {
     std::string damaged = whole;
@@ -170,13 +170,13 @@ TEST_F(SnapshotFile, AFileWithAnyDamagedByteIsRefused) {
 }
 
 TEST_F(SnapshotFile, AFileOfAnotherTableIsRefused) {
-  m_folder.save("alias_other", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias_other", s_aliases({{"a@d", "b@d"}}));
   std::filesystem::rename(path("alias_other.image"), path("alias.image"));
   EXPECT_EQ(refusal("alias"), "the file is that of another table");
 }
 
 TEST_F(SnapshotFile, AFileOfAnotherFormatIsRefused) {
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   std::string content = s_content(path("alias.image"));
   content.resize(content.size() - sizeof(std::uint32_t));
   content.replace(content.find("image 1"), 7, "image 9");
@@ -189,31 +189,31 @@ TEST_F(SnapshotFile, AFileOfAnotherFormatIsRefused) {
 }
 
 TEST_F(SnapshotFile, TheFileKnowsWhenTheTableWasLastLikeIt) {
-  m_folder.save("alias", s_aliases({}));
+  m_directory.save("alias", s_aliases({}));
   const auto age = [this] {
-    return Clock::now() - m_folder.load("alias", TableKind::Alias).confirmed;
+    return Clock::now() - m_directory.load("alias", TableKind::Alias).confirmed;
   };
   EXPECT_LT(age(), minutes(1));
   std::filesystem::last_write_time(path("alias.image"),
                                    std::filesystem::file_time_type::clock::now() - hours(3));
   EXPECT_GT(age(), hours(3) - minutes(1));
   EXPECT_LT(age(), hours(3) + minutes(1));
-  m_folder.confirm("alias");
+  m_directory.confirm("alias");
   EXPECT_LT(age(), minutes(1));
 }
 
 TEST_F(SnapshotFile, ATimeInTheFutureCountsAsNow) {
-  m_folder.save("alias", s_aliases({}));
+  m_directory.save("alias", s_aliases({}));
   std::filesystem::last_write_time(path("alias.image"),
                                    std::filesystem::file_time_type::clock::now() + hours(3));
   const Clock::time_point before = Clock::now();
-  const Clock::time_point confirmed = m_folder.load("alias", TableKind::Alias).confirmed;
+  const Clock::time_point confirmed = m_directory.load("alias", TableKind::Alias).confirmed;
   EXPECT_GE(confirmed, before);
   EXPECT_LE(confirmed, Clock::now());
 }
 
 TEST_F(SnapshotFile, AFileThatCannotBeWrittenLeavesTheOldOne) {
-  m_folder.save("alias", s_aliases({{"a@d", "b@d"}}));
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto handler = std::signal(SIGXFSZ, SIG_IGN);
@@ -222,15 +222,15 @@ TEST_F(SnapshotFile, AFileThatCannotBeWrittenLeavesTheOldOne) {
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   Rows rows;
   for (int i = 0; i < 1000; ++i) rows.emplace_back("a" + std::to_string(i) + "@d", "b@d");
-  EXPECT_THROW(m_folder.save("alias", s_aliases(rows)), std::system_error);
+  EXPECT_THROW(m_directory.save("alias", s_aliases(rows)), std::system_error);
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(load("alias")->rows().size(), 1U);
   EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
 }
 
-TEST_F(SnapshotFile, AFolderThatIsGoneIsAFailure) {
-  const SnapshotFolder gone(m_scratch.folder() + "/gone");
+TEST_F(SnapshotFile, ADirectoryThatIsGoneIsAFailure) {
+  const SnapshotDirectory gone(m_scratch.directory() + "/gone");
   EXPECT_THROW(gone.save("alias", s_aliases({})), std::system_error);
 }
 

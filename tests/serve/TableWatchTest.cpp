@@ -217,12 +217,12 @@ TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
 
 TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
   const Testing::ScratchFile scratch;
-  m_settings.snapshot = scratch.folder();
-  const SnapshotFolder folder(scratch.folder());
+  m_settings.snapshot = scratch.directory();
+  const SnapshotDirectory directory(scratch.directory());
   add("a@d", "b@d");
   add("broken@d", "no address");
   watch();
-  ASSERT_TRUE(s_waitFor([&] { return folder.names().size() == 2; }));
+  ASSERT_TRUE(s_waitFor([&] { return directory.names().size() == 2; }));
   m_watch.reset();
   {
     const TestServer::OptionFile nowhere(TestServer::shared(),
@@ -247,10 +247,10 @@ TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
 
 TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   const Testing::ScratchFile scratch;
-  m_settings.snapshot = scratch.folder();
-  SnapshotFolder(scratch.folder())
+  m_settings.snapshot = scratch.directory();
+  SnapshotDirectory(scratch.directory())
       .save("alias", TableImage(TableKind::Alias, sourceOf({{"a@d", "b@d"}})));
-  std::filesystem::resize_file(scratch.folder() + "/alias.image", 20);
+  std::filesystem::resize_file(scratch.directory() + "/alias.image", 20);
   const TableWatch watch(m_settings, m_tables, m_metrics, m_log);
   EXPECT_EQ(m_tables.find("alias")->image(), nullptr);
   EXPECT_FALSE(m_tables.find("alias")->age(Clock::now()));

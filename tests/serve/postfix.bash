@@ -1,5 +1,5 @@
 # A Postfix of the tests' own, with the settings of docs/postfix.md, that asks the lookup service. All of
-# it lies in one folder. Mail for mail users is written into files there; other mail goes out to a sink that
+# it lies in one directory. Mail for mail users is written into files there; other mail goes out to a sink that
 # writes down what it is given. Needs root, as Postfix does.
 load ../tools/helper
 
@@ -201,10 +201,10 @@ greets() { (exec 9<>"/dev/tcp/127.0.0.1/$1" && read -r -u 9 && [[ $REPLY == "220
 # Waits until Postfix has nothing left to do.
 queue_empties() { wait_for "an empty queue" queue_is_empty; }
 queue_is_empty() {
-  local folder
+  local directory
   # In the order in which mail goes, twice, as it may also go back.
-  for folder in maildrop incoming active deferred incoming active deferred; do
-    [ -z "$(find "$POSTFIX/queue/$folder" -type f 2>/dev/null)" ] || return 1
+  for directory in maildrop incoming active deferred incoming active deferred; do
+    [ -z "$(find "$POSTFIX/queue/$directory" -type f 2>/dev/null)" ] || return 1
   done
 }
 

@@ -13,8 +13,8 @@ setup_file() {
 teardown_file() { stop_server; }
 
 setup() {
-  folder=$BATS_TEST_TMPDIR
-  socket=$folder/socketmap
+  directory=$BATS_TEST_TMPDIR
+  socket=$directory/socketmap
   empty_tables
   tool alias set team@example.com ann@example.com bob@example.net
 }
@@ -24,9 +24,9 @@ teardown() {
   end_service
 }
 
-# Starts the service with the options $@ and waits until it listens. Its log goes to $folder/log.
+# Starts the service with the options $@ and waits until it listens. Its log goes to $directory/log.
 start_service() {
-  "$TSL_TOOL" --local="$SERVER" serve --listen "unix:$socket" "$@" 2>>"$folder/log" 3>&- &
+  "$TSL_TOOL" --local="$SERVER" serve --listen "unix:$socket" "$@" 2>>"$directory/log" 3>&- &
   service=$!
   wait_for test -S "$socket"
 }
@@ -46,7 +46,7 @@ wait_for() {
     sleep 0.05
   done
   printf 'never succeeded: %s\n' "$*"
-  cat "$folder/log"
+  cat "$directory/log"
   return 1
 }
 
@@ -76,7 +76,7 @@ answers() { [ "$(ask "$1")" = "$2" ]; }
 # Asks for team@example.com without end, over new connections too, and notes each reply that is neither
 # $1 nor one of the others given. Ends with the first connection that cannot be made.
 start_load() {
-  python3 - "$socket" "$folder/wrong" "$@" <<'PYTHON' 3>&- &
+  python3 - "$socket" "$directory/wrong" "$@" <<'PYTHON' 3>&- &
 import socket, sys
 count = 0
 while True:
@@ -93,17 +93,17 @@ while True:
     open(sys.argv[2] + ".count", "w").write(str(count))
 PYTHON
   load=$!
-  wait_for test -s "$folder/wrong.count"
+  wait_for test -s "$directory/wrong.count"
 }
 
 # The load goes on for another while, and got nothing wrong.
 load_is_well() {
   local before
-  before=$(cat "$folder/wrong.count")
-  wait_for bash -c "(( \$(cat '$folder/wrong.count') > ${before:-0} + 400 ))"
+  before=$(cat "$directory/wrong.count")
+  wait_for bash -c "(( \$(cat '$directory/wrong.count') > ${before:-0} + 400 ))"
   kill -0 "$load"
-  [ ! -e "$folder/wrong" ] || {
-    head -3 "$folder/wrong"
+  [ ! -e "$directory/wrong" ] || {
+    head -3 "$directory/wrong"
     return 1
   }
 }
@@ -153,7 +153,7 @@ OK ann+sport@example.com,bob+sport@example.net"
   wait "$service"
   service=
   [ ! -e "$socket" ]
-  contains "$(cat "$folder/log")" "ending"
+  contains "$(cat "$directory/log")" "ending"
 }
 
 @test "the socket of a service that was killed is replaced, that of a living one is not" {
@@ -174,19 +174,19 @@ OK ann+sport@example.com,bob+sport@example.net"
   wait_for answers 'alias team@example.com' "$found"
   start_load "$found"
   kill -HUP "$service"
-  wait_for grep -q "reading all tables anew" "$folder/log"
+  wait_for grep -q "reading all tables anew" "$directory/log"
   load_is_well
 }
 
 @test "systemd is told that it is ready, and hands over sockets" {
-  run python3 - "$TSL_TOOL" "$SERVER" "$folder" <<'PYTHON'
+  run python3 - "$TSL_TOOL" "$SERVER" "$directory" <<'PYTHON'
 import os, socket, subprocess, sys
-tool, server, folder = sys.argv[1:]
+tool, server, directory = sys.argv[1:]
 notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-notify.bind(folder + "/notify")
+notify.bind(directory + "/notify")
 notify.settimeout(20)
 listener = socket.socket(socket.AF_UNIX)
-listener.bind(folder + "/handed")
+listener.bind(directory + "/handed")
 listener.listen()
 def prepare():
     os.dup2(listener.fileno(), 3)
@@ -194,7 +194,7 @@ def prepare():
 child = os.fork()
 if child == 0:
     os.dup2(listener.fileno(), 3)
-    os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", NOTIFY_SOCKET=folder + "/notify",
+    os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", NOTIFY_SOCKET=directory + "/notify",
                       WATCHDOG_PID=str(os.getpid()), WATCHDOG_USEC="200000")
     os.execv(tool, [tool, "--local=" + server, "serve"])
 def until(text):
@@ -205,7 +205,7 @@ until(b"WATCHDOG=1")
 until(b"WATCHDOG=1")
 client = socket.socket(socket.AF_UNIX)
 client.settimeout(20)
-client.connect(folder + "/handed")
+client.connect(directory + "/handed")
 client.sendall(b"8:alias x@,")
 assert client.recv(100) in (b"9:NOTFOUND ,", b"38:TEMP the table could not be read yet,"), "reply"
 os.kill(child, 1)
@@ -237,8 +237,8 @@ PYTHON
   wait_for answers 'alias team@example.com' "$found"
   run ask 'alias broken@example.com'
   equal "$output" "TEMP the row of this alias cannot be read"
-  contains "$(cat "$folder/log")" "1 rows cannot be read and are left out"
-  [[ $(cat "$folder/log") != *broken@* ]]
+  contains "$(cat "$directory/log")" "1 rows cannot be read and are left out"
+  [[ $(cat "$directory/log") != *broken@* ]]
 }
 
 @test "wrong options are refused with 64 and an example" {
@@ -310,7 +310,7 @@ is_sanitized() { ldd "$TSL_TOOL" | grep -q -e libasan -e libtsan; }
 # --- Outages, each on a server of its own.
 
 own_server() {
-  SERVER=$folder/server
+  SERVER=$directory/server
   "$TSL_TOOL" local start --local="$SERVER" >/dev/null
   "$TSL_TOOL" init --local="$SERVER" >/dev/null
   tool alias set team@example.com ann@example.com bob@example.net
@@ -319,7 +319,7 @@ own_server() {
 # The service is not to start the server again by itself, so it is named by its option file.
 serve_own() {
   "$TSL_TOOL" --option-file "$SERVER/client.cnf" --cmf "$SERVER/cmf" serve --listen "unix:$socket" \
-    "$@" 2>>"$folder/log" 3>&- &
+    "$@" 2>>"$directory/log" 3>&- &
   service=$!
   wait_for test -S "$socket"
 }
@@ -331,10 +331,10 @@ serve_own() {
   wait_for answers 'alias team@example.com' "$found"
   start_load "$found" 'OK cleo@example.com'
   kill -KILL "$(server_pid)"
-  wait_for grep -q "the database cannot be asked" "$folder/log"
+  wait_for grep -q "the database cannot be asked" "$directory/log"
   load_is_well
   "$TSL_TOOL" local start --local="$SERVER" >/dev/null
-  wait_for grep -q "the database can be asked again" "$folder/log"
+  wait_for grep -q "the database can be asked again" "$directory/log"
   tool alias set team@example.com cleo@example.com
   wait_for answers 'alias team@example.com' 'OK cleo@example.com'
   load_is_well
@@ -377,16 +377,16 @@ serve_own() {
 @test "a service that starts while the database is away answers from its snapshot, or TEMP" {
   common=$SERVER
   own_server
-  mkdir "$folder/snapshot"
-  serve_own --snapshot "$folder/snapshot"
+  mkdir "$directory/snapshot"
+  serve_own --snapshot "$directory/snapshot"
   wait_for answers 'alias team@example.com' "$found"
-  wait_for test -s "$folder/snapshot/alias.image"
+  wait_for test -s "$directory/snapshot/alias.image"
   end_service
   kill -KILL "$(server_pid)"
   serve_own
   answers 'alias team@example.com' 'TEMP the table could not be read yet'
   end_service
-  serve_own --snapshot "$folder/snapshot"
+  serve_own --snapshot "$directory/snapshot"
   answers 'alias team@example.com' "$found"
   answers 'alias nobody@example.com' 'NOTFOUND '
   end_service

@@ -19,17 +19,18 @@ namespace Tessel::Testing {
 class ScratchFile {
  public:
   ScratchFile() {
-    if (mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("no directory " + m_folder);
+    if (mkdtemp(m_directory.data()) == nullptr)
+      throw std::runtime_error("no directory " + m_directory);
   }
   ~ScratchFile() {
     std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
+    std::filesystem::remove_all(m_directory, ignored);
   }
   ScratchFile(const ScratchFile&) = delete;
   ScratchFile& operator=(const ScratchFile&) = delete;
 
-  [[nodiscard]] const std::string& folder() const { return m_folder; }
-  [[nodiscard]] std::string path() const { return m_folder + "/table"; }
+  [[nodiscard]] const std::string& directory() const { return m_directory; }
+  [[nodiscard]] std::string path() const { return m_directory + "/table"; }
   void write(const std::string& text) const { std::ofstream(path(), std::ios::binary) << text; }
   [[nodiscard]] std::string text() const {
     std::ostringstream all;
@@ -42,12 +43,12 @@ class ScratchFile {
   }
   // Takes all rights to the file away from everybody, and lets everybody enter the directory.
   void forbid() const {
-    std::filesystem::permissions(m_folder, std::filesystem::perms(0755));
+    std::filesystem::permissions(m_directory, std::filesystem::perms(0755));
     std::filesystem::permissions(path(), std::filesystem::perms::none);
   }
 
  private:
-  std::string m_folder = "/tmp/tsl-file-XXXXXX";
+  std::string m_directory = "/tmp/tsl-file-XXXXXX";
 };
 
 // While it lives, this thread opens files as the user "nobody" does, also when the tests run as

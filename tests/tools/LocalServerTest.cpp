@@ -1,4 +1,4 @@
-// LocalServer: its folder, first set-up, start and stop, and what crashes leave behind.
+// LocalServer: its directory, first set-up, start and stop, and what crashes leave behind.
 #include "local/LocalServer.h"
 
 #include <sys/socket.h>
@@ -69,17 +69,17 @@ class Variable {
 class LocalServerTest : public testing::Test {
  protected:
   void SetUp() override {
-    m_folder = "/tmp/tsl-local-XXXXXX";
-    ASSERT_NE(mkdtemp(m_folder.data()), nullptr);
+    m_directory = "/tmp/tsl-local-XXXXXX";
+    ASSERT_NE(mkdtemp(m_directory.data()), nullptr);
   }
   void TearDown() override {
     for (const std::string& directory : m_started) killServer(LocalServer(directory));
-    fs::remove_all(m_folder);
+    fs::remove_all(m_directory);
   }
 
   // A server whose end this test takes care of.
   LocalServer make(const std::string& name = "server") {
-    m_started.push_back(m_folder + "/" + name);
+    m_started.push_back(m_directory + "/" + name);
     return LocalServer(m_started.back());
   }
   static void killServer(const LocalServer& server) {
@@ -115,7 +115,7 @@ class LocalServerTest : public testing::Test {
     return {"", 0, nullptr, 0};
   }
 
-  std::string m_folder;
+  std::string m_directory;
   std::vector<std::string> m_started;
 };
 
@@ -227,17 +227,17 @@ TEST_F(LocalServerTest, AnInterruptedFirstSetUpIsBegunAnew) {
   EXPECT_FALSE(fs::exists(server.dataDirectory() + ".new"));
 }
 
-TEST_F(LocalServerTest, ALongFolderNameGetsItsSocketElsewhere) {
+TEST_F(LocalServerTest, ALongDirectoryNameGetsItsSocketElsewhere) {
   LocalServer server = make(std::string(120, 'x'));
   EXPECT_EQ(server.socketPath(), "");
   server.start(s_small());
-  const fs::path folder = fs::path(server.socketPath()).parent_path();
+  const fs::path directory = fs::path(server.socketPath()).parent_path();
   EXPECT_LE(server.socketPath().size(), 107U);
-  EXPECT_EQ(modeOf(folder), 0700U);
+  EXPECT_EQ(modeOf(directory), 0700U);
   execute(server, "select 1");
   // A restart of the machine empties /tmp.
   killServer(server);
-  fs::remove_all(folder);
+  fs::remove_all(directory);
   EXPECT_TRUE(server.start(s_small()));
   execute(server, "select 1");
   const fs::path second = fs::path(server.socketPath()).parent_path();
@@ -245,27 +245,27 @@ TEST_F(LocalServerTest, ALongFolderNameGetsItsSocketElsewhere) {
   EXPECT_FALSE(fs::exists(second));
 }
 
-TEST_F(LocalServerTest, FolderNamesMayHoldBlanksAndNumberSigns) {
+TEST_F(LocalServerTest, DirectoryNamesMayHoldBlanksAndNumberSigns) {
   LocalServer server = make("my server #1; x");
   server.start(s_small());
   execute(server, "select 1");
   EXPECT_TRUE(server.stop());
 }
 
-TEST_F(LocalServerTest, FolderNamesThatAnOptionFileCannotHoldAreRefused) {
+TEST_F(LocalServerTest, DirectoryNamesThatAnOptionFileCannotHoldAreRefused) {
   for (const char* name : {"", "a\"b", "a'b", "a\\b", "a\nb"}) {
     EXPECT_EQ(failure([name] { LocalServer server(name); }).code(), 4) << name;
   }
 }
 
-TEST_F(LocalServerTest, AFolderInUseForSomethingElseIsLeftAlone) {
-  fs::create_directory(m_folder + "/home");
-  std::ofstream(m_folder + "/home/letter") << "x";
-  chmod((m_folder + "/home").c_str(), 0755);
-  LocalServer server(m_folder + "/home");
+TEST_F(LocalServerTest, ADirectoryInUseForSomethingElseIsLeftAlone) {
+  fs::create_directory(m_directory + "/home");
+  std::ofstream(m_directory + "/home/letter") << "x";
+  chmod((m_directory + "/home").c_str(), 0755);
+  LocalServer server(m_directory + "/home");
   EXPECT_THAT(failure([&] { server.start(s_small()); }).stringParameter(),
               HasSubstr("is in use for something else"));
-  EXPECT_EQ(modeOf(m_folder + "/home"), 0755U);
+  EXPECT_EQ(modeOf(m_directory + "/home"), 0755U);
   EXPECT_FALSE(server.stop());
 }
 
@@ -298,7 +298,7 @@ TEST_F(LocalServerTest, AMissingProgramIsReportedWithThePackageToInstall) {
   EXPECT_THAT(got.stringParameter(), HasSubstr("mariadb-server-core"));
 }
 
-TEST_F(LocalServerTest, TheDefaultFolderFollowsTheEnvironment) {
+TEST_F(LocalServerTest, TheDefaultDirectoryFollowsTheEnvironment) {
   const Variable home("HOME", "/home/somebody");
   {
     const Variable state("XDG_STATE_HOME", "/var/state");
@@ -325,7 +325,7 @@ TEST_F(LocalServerTest, TheServerOutlivesTheProcessThatStartedIt) {
 }
 
 TEST_F(LocalServerTest, ASocketWithoutAServerBehindItDoesNotGreet) {
-  const std::string path = m_folder + "/s.sock";
+  const std::string path = m_directory + "/s.sock";
   EXPECT_FALSE(greets(path, 10));
   const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};

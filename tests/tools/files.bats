@@ -363,26 +363,26 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
 
 @test "files that cannot be written" {
   tool alias set a@example.com b@example.com
-  mkdir folder
-  for target in folder missing/out.txt /dev/full /proc/nothing; do
+  mkdir directory
+  for target in directory missing/out.txt /dev/full /proc/nothing; do
     run -74 --separate-stderr tool alias export "$target"
     equal "$output" ""
     contains "$stderr" "writing $target"
   done
   run -74 bash -c '"$TSL_TOOL" --local="$SERVER" alias export >/dev/full'
-  equal "$(ls -A)" folder
+  equal "$(ls -A)" directory
   # A disk that is full: the old file stays, and nothing beside it.
   numbered 1 5000 a m | tool alias import -
   printf old >out.txt
   run -74 --separate-stderr bash -c 'ulimit -f 8; "$TSL_TOOL" --option-file "$SERVER/client.cnf" alias export out.txt'
   contains "$stderr" "writing out.txt: File too large"
   equal "$(<out.txt)" old
-  equal "$(ls -A)" $'folder\nout.txt'
+  equal "$(ls -A)" $'directory\nout.txt'
 }
 
 @test "files that cannot be read" {
-  mkdir folder
-  for source in folder missing.txt; do
+  mkdir directory
+  for source in directory missing.txt; do
     run -65 --separate-stderr tool alias import "$source"
     equal "$output" ""
     contains "$stderr" "$source: "

@@ -18,10 +18,10 @@ teardown_file() {
   [[ "${lines[0]}" =~ ^running,\ pid\ [0-9]+$ ]]
   equal "$stderr" ""
   run -0 tool local status
-  equal "${lines[1]}" "folder: $SERVER"
+  equal "${lines[1]}" "directory: $SERVER"
   equal "${lines[2]}" "socket: $(socket)"
   run -0 tool local status --json
-  equal "$output" "{\"running\":true,\"pid\":$(server_pid),\"folder\":\"$SERVER\",\"socket\":\"$(socket)\",\"optionFile\":\"$SERVER/client.cnf\",\"cmf\":\"$SERVER/cmf\"}"
+  equal "$output" "{\"running\":true,\"pid\":$(server_pid),\"directory\":\"$SERVER\",\"socket\":\"$(socket)\",\"optionFile\":\"$SERVER/client.cnf\",\"cmf\":\"$SERVER/cmf\"}"
   run -0 --separate-stderr tool local start
   contains "$stderr" "runs already"
   run -0 tool local stop
@@ -31,7 +31,7 @@ teardown_file() {
   contains "$stderr" "no private server runs"
 }
 
-@test "the default folder, and --local before and after the command" {
+@test "the default directory, and --local before and after the command" {
   export XDG_STATE_HOME="$SERVER/state"
   run -0 --separate-stderr "$TSL_TOOL" --local alias set team@example.com ann@example.com
   contains "$stderr" "started the private server in $SERVER/state/tsl-address-map"
@@ -66,7 +66,7 @@ teardown_file() {
   contains "$stderr" "mariadb-client-core"
 }
 
-@test "a folder that cannot be used" {
+@test "a directory that cannot be used" {
   run -78 --separate-stderr "$TSL_TOOL" --local=/proc/nowhere local start
   contains "$stderr" "/proc/nowhere"
   contains "$stderr" "--local=DIR"

@@ -33,7 +33,7 @@ teardown() {
 
 pane() { tmux -S "$BATS_FILE_TMPDIR/tmux" -f /dev/null "$@"; }
 
-# Opens a terminal of $1 columns with a shell in this folder, $2 in its environment.
+# Opens a terminal of $1 columns with a shell in this directory, $2 in its environment.
 open_terminal() {
   pane new-session -d -s "$BATS_TEST_NUMBER" -x "$1" -y 60 -e "${2:-_=}" \
     "exec bash --noprofile --rcfile '$BATS_FILE_TMPDIR/rc' -i"

@@ -21,7 +21,7 @@ void s_answer(Session& session, const LocalServer& server) {
   if (session.isJson()) {
     session.output().document(Json{{"running", pid != 0},
                                    {"pid", pid != 0 ? Json(pid) : Json()},
-                                   {"folder", printable(server.directory())},
+                                   {"directory", printable(server.directory())},
                                    {"socket", printable(server.socketPath())},
                                    {"optionFile", printable(server.optionFile())},
                                    {"cmf", printable(server.cmfDirectory())}});
@@ -29,14 +29,14 @@ void s_answer(Session& session, const LocalServer& server) {
   }
   Output& output = session.output();
   output.line(pid != 0 ? "running, pid " + std::to_string(pid) : std::string("not running"));
-  output.line("folder: " + printable(server.directory()));
+  output.line("directory: " + printable(server.directory()));
   output.line("socket: " + printable(server.socketPath()));
   output.line("option file: " + printable(server.optionFile()));
   output.line("configuration: " + printable(server.cmfDirectory()));
 }
 
 ExitCode s_start(Session& session) {
-  return withLocalServer(session.localFolder(), [&session](LocalServer& server) {
+  return withLocalServer(session.localDirectory(), [&session](LocalServer& server) {
     if (!server.start()) say("the private server runs already");
     s_answer(session, server);
     return ExitCode::Done;
@@ -44,7 +44,7 @@ ExitCode s_start(Session& session) {
 }
 
 ExitCode s_stop(Session& session) {
-  return withLocalServer(session.localFolder(), [&session](LocalServer& server) {
+  return withLocalServer(session.localDirectory(), [&session](LocalServer& server) {
     if (!server.stop()) say("no private server runs in " + server.directory());
     if (session.isJson()) s_answer(session, server);
     return ExitCode::Done;
@@ -52,7 +52,7 @@ ExitCode s_stop(Session& session) {
 }
 
 ExitCode s_status(Session& session) {
-  return withLocalServer(session.localFolder(), [&session](LocalServer& server) {
+  return withLocalServer(session.localDirectory(), [&session](LocalServer& server) {
     s_answer(session, server);
     return server.isRunning() ? ExitCode::Done : ExitCode::NotFound;
   });
@@ -78,15 +78,15 @@ void s_becomeClient(const std::string& optionFile) {
 ExitCode s_shell(Session& session) {
   session.useLocal();
   session.prepare(Preparation::Database);
-  s_becomeClient(LocalServer(session.localFolder()).optionFile());
+  s_becomeClient(LocalServer(session.localDirectory()).optionFile());
   return ExitCode::Done;
 }
 
 }  // namespace
 
 void addLocalCommands(Command& top) {
-  Command group =
-      top.group("local", "Start, stop and use a private database server in a folder of your own");
+  Command group = top.group(
+      "local", "Start, stop and use a private database server in a directory of your own");
   group.command("start", "Start the private server; the first start sets it up",
                 "  tsl-address-map local start\n"
                 "  tsl-address-map local start --local=/tmp/trial\n"
@@ -97,7 +97,7 @@ void addLocalCommands(Command& top) {
   group.command(
       "status", "Show whether the private server runs, and where; exit 1 when not",
       "  tsl-address-map local status --json\n"
-      "With --json {\"running\", \"pid\", \"folder\", \"socket\", \"optionFile\", \"cmf\"}.\n",
+      "With --json {\"running\", \"pid\", \"directory\", \"socket\", \"optionFile\", \"cmf\"}.\n",
       Preparation::Nothing, s_status);
   group.command("shell", "Open the SQL client on the private server, which is started if needed",
                 "  tsl-address-map local shell\n"

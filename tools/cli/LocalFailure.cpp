@@ -11,11 +11,11 @@ namespace Tessel::Tool {
 
 namespace {
 
-bool s_isSetUp(const std::string& folder) {
+bool s_isSetUp(const std::string& directory) {
   std::error_code error;
   try {
     findServerProgram({"mariadbd", "mysqld"});
-    return std::filesystem::exists(LocalServer(folder).dataDirectory(), error);
+    return std::filesystem::exists(LocalServer(directory).dataDirectory(), error);
   } catch (const Exception&) {
     return false;
   }
@@ -23,23 +23,23 @@ bool s_isSetUp(const std::string& folder) {
 
 }  // namespace
 
-Failure localFailure(const Exception& exception, const std::string& folder) {
-  const bool setUp = s_isSetUp(folder);
+Failure localFailure(const Exception& exception, const std::string& directory) {
+  const bool setUp = s_isSetUp(directory);
   std::string why = reasonOf(exception);
   // The reason may quote lines of the server's log.
   std::replace(why.begin(), why.end(), '\n', '|');
   return {setUp ? ExitCode::Unavailable : ExitCode::Configuration,
-          "the private server in '" + folder + "'", why,
-          setUp ? "see the log in that folder, then try 'tsl-address-map local start'"
-                : "correct that, or name another folder with --local=DIR"};
+          "the private server in '" + directory + "'", why,
+          setUp ? "see the log in that directory, then try 'tsl-address-map local start'"
+                : "correct that, or name another directory with --local=DIR"};
 }
 
-std::string defaultLocalFolder() {
+std::string defaultLocalDirectory() {
   try {
     return LocalServer::defaultDirectory();
   } catch (const Exception& exception) {
-    throw Failure(ExitCode::Configuration, "the folder of the private server", reasonOf(exception),
-                  "name one with --local=DIR");
+    throw Failure(ExitCode::Configuration, "the directory of the private server",
+                  reasonOf(exception), "name one with --local=DIR");
   }
 }
 

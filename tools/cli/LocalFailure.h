@@ -10,21 +10,21 @@
 
 namespace Tessel::Tool {
 
-// The failure that `exception`, thrown for the private server in `folder`, is: `Unavailable` when a
-// server that is set up does not run as it should, `Configuration` when it cannot be set up.
-Failure localFailure(const Exception& exception, const std::string& folder);
+// The failure that `exception`, thrown for the private server in `directory`, is: `Unavailable`
+// when a server that is set up does not run as it should, `Configuration` when it cannot be set up.
+Failure localFailure(const Exception& exception, const std::string& directory);
 
-// The folder that holds when none is named. Throws Failure when there is none.
-std::string defaultLocalFolder();
+// The directory that holds when none is named. Throws Failure when there is none.
+std::string defaultLocalDirectory();
 
-// Calls `use` with the private server in `folder`, and throws its failures as Failure.
+// Calls `use` with the private server in `directory`, and throws its failures as Failure.
 template <class Use>
-auto withLocalServer(const std::string& folder, Use use) {
+auto withLocalServer(const std::string& directory, Use use) {
   try {
-    LocalServer server(folder);
+    LocalServer server(directory);
     return use(server);
   } catch (const Exception& exception) {
-    throw localFailure(exception, folder);
+    throw localFailure(exception, directory);
   }
 }
 

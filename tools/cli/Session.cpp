@@ -49,11 +49,11 @@ void s_requireReadable(const std::string& file) {
                 "name a readable MySQL option file with a [client] group");
 }
 
-void s_requireFolder(const std::string& folder) {
+void s_requireDirectory(const std::string& directory) {
   std::error_code error;
-  if (std::filesystem::is_directory(folder, error)) return;
-  throw Failure(ExitCode::Configuration, "configuration folder '" + folder + "'",
-                error ? error.message() : "it is no folder",
+  if (std::filesystem::is_directory(directory, error)) return;
+  throw Failure(ExitCode::Configuration, "configuration directory '" + directory + "'",
+                error ? error.message() : "it is not a directory",
                 "make it with mkdir, or name the right one");
 }
 
@@ -97,7 +97,7 @@ void Session::prepare(Preparation preparation) {
   }
   if (preparation != Preparation::Nothing && m_settings.local) startLocal();
   if (m_settings.cmf) {
-    s_requireFolder(*m_settings.cmf);
+    s_requireDirectory(*m_settings.cmf);
     s_setEnvironment(s_cmfVariable, *m_settings.cmf);
   }
   if (preparation == Preparation::Database && m_settings.local) s_createMissingDatabase();
@@ -118,7 +118,7 @@ void Session::checkTable() const {
 }
 
 void Session::startLocal() {
-  withLocalServer(localFolder(), [this](LocalServer& server) {
+  withLocalServer(localDirectory(), [this](LocalServer& server) {
     if (server.start()) {
       say("started the private server in " + server.directory() +
           "; 'tsl-address-map local stop --local=" + server.directory() + "' ends it");
@@ -128,9 +128,9 @@ void Session::startLocal() {
   });
 }
 
-std::string Session::localFolder() const {
-  const std::string folder = m_settings.local.value_or("");
-  return folder.empty() ? defaultLocalFolder() : folder;
+std::string Session::localDirectory() const {
+  const std::string directory = m_settings.local.value_or("");
+  return directory.empty() ? defaultLocalDirectory() : directory;
 }
 
 void Session::detail(const std::string& text) const {

@@ -13,7 +13,7 @@ namespace Tessel::Tool {
 
 // The global options as they were given.
 struct Settings {
-  std::optional<std::string> local;  // Empty text: the default folder.
+  std::optional<std::string> local;  // Empty text: the default directory.
   std::optional<std::string> optionFile;
   std::optional<std::string> cmf;
   std::optional<std::string> table;
@@ -42,8 +42,8 @@ class Session {
   [[nodiscard]] bool isVerbose() const noexcept { return m_settings.verbose; }
   // As if --local had been given.
   void useLocal();
-  // The folder of the private server that --local or the default names.
-  [[nodiscard]] std::string localFolder() const;
+  // The directory of the private server that --local or the default names.
+  [[nodiscard]] std::string localDirectory() const;
   // Store name that --table gives; empty for the default table.
   [[nodiscard]] std::string tableName() const { return m_settings.table.value_or(""); }
 

@@ -1,4 +1,4 @@
-// LocalServer: the folder, the first set-up, start and stop.
+// LocalServer: the directory, the first set-up, start and stop.
 #include "local/LocalServer.h"
 
 #include <fcntl.h>
@@ -55,38 +55,39 @@ std::string s_environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-// One start or stop at a time for one folder, over all processes. The kernel lets go of the lock
+// One start or stop at a time for one directory, over all processes. The kernel lets go of the lock
 // when its holder dies.
-class FolderLock {
+class DirectoryLock {
  public:
-  FolderLock(const char* context, const std::string& folder)
+  DirectoryLock(const char* context, const std::string& directory)
       : m_descriptor(
-            open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
+            open((directory + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
     if (m_descriptor < 0) {
-      s_fail(context, "Cannot write in " + folder + ": " + std::generic_category().message(errno));
+      s_fail(context,
+             "Cannot write in " + directory + ": " + std::generic_category().message(errno));
     }
     while (flock(m_descriptor, LOCK_EX) != 0) {
       if (errno == EINTR) continue;
       const int error = errno;
       close(m_descriptor);
-      s_fail(context, "Cannot lock " + folder + ": " + std::generic_category().message(error));
+      s_fail(context, "Cannot lock " + directory + ": " + std::generic_category().message(error));
     }
   }
-  ~FolderLock() { close(m_descriptor); }
-  FolderLock(const FolderLock&) = delete;
-  FolderLock& operator=(const FolderLock&) = delete;
+  ~DirectoryLock() { close(m_descriptor); }
+  DirectoryLock(const DirectoryLock&) = delete;
+  DirectoryLock& operator=(const DirectoryLock&) = delete;
 
  private:
   int m_descriptor;
 };
 
 std::string s_absolute(const std::string& directory) {
-  if (directory.empty()) s_fail("LocalServer", "The name of the server's folder is empty");
+  if (directory.empty()) s_fail("LocalServer", "The name of the server's directory is empty");
   for (const char c : directory) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\'' || c == '\\') {
       s_fail("LocalServer",
-             "The name of the server's folder must not hold quotes, backslashes or control "
+             "The name of the server's directory must not hold quotes, backslashes or control "
              "characters: " +
                  directory);
     }
@@ -96,29 +97,29 @@ std::string s_absolute(const std::string& directory) {
   return path.string();
 }
 
-// A folder that only its owner may enter. Throws when it is somebody else's.
-void s_makePrivate(const std::string& folder) {
+// A directory that only its owner may enter. Throws when it is somebody else's.
+void s_makePrivate(const std::string& directory) {
   std::error_code error;
-  fs::create_directories(fs::path(folder).parent_path(), error);
-  if (!error && mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+  fs::create_directories(fs::path(directory).parent_path(), error);
+  if (!error && mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     error.assign(errno, std::generic_category());
   }
-  if (error) s_fail(s_startContext, "Cannot make " + folder + ": " + error.message());
+  if (error) s_fail(s_startContext, "Cannot make " + directory + ": " + error.message());
   struct stat status {};
-  if (stat(folder.c_str(), &status) != 0 || status.st_uid != geteuid()) {
+  if (stat(directory.c_str(), &status) != 0 || status.st_uid != geteuid()) {
     s_fail(s_startContext,
-           folder + " belongs to another user; name another folder, or run as that user");
+           directory + " belongs to another user; name another directory, or run as that user");
   }
-  if (chmod(folder.c_str(), S_IRWXU) != 0) {
+  if (chmod(directory.c_str(), S_IRWXU) != 0) {
     s_fail(s_startContext,
-           "Cannot close " + folder + " to others: " + std::generic_category().message(errno));
+           "Cannot close " + directory + " to others: " + std::generic_category().message(errno));
   }
 }
 
-// True for a folder that nobody else can have put there or can look into.
-bool s_isOwnFolder(const std::string& folder) {
+// True for a directory that nobody else can have put there or can look into.
+bool s_isOwnDirectory(const std::string& directory) {
   struct stat status {};
-  return lstat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+  return lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
          status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
 }
 
@@ -140,24 +141,24 @@ void s_writeLine(const std::string& file, const std::string& line) {
   fs::rename(fresh, file);
 }
 
-std::string s_newFolderFor(const std::string& name) {
+std::string s_newDirectoryFor(const std::string& name) {
   for (const std::string& parent : {s_environment("XDG_RUNTIME_DIR"), std::string("/tmp")}) {
-    std::string folder = parent + "/tsl-XXXXXX";
-    if (parent.empty() || folder.size() + name.size() > s_longestSocket) continue;
-    if (mkdtemp(folder.data()) != nullptr) return folder;
+    std::string directory = parent + "/tsl-XXXXXX";
+    if (parent.empty() || directory.size() + name.size() > s_longestSocket) continue;
+    if (mkdtemp(directory.data()) != nullptr) return directory;
   }
-  s_fail(s_startContext, "Cannot make a folder for the server's socket under /tmp");
+  s_fail(s_startContext, "Cannot make a directory for the server's socket under /tmp");
 }
 
-// Another name for a folder, without the blanks and special characters that the set-up script does
-// not cope with: a link in a private folder under /tmp, as long as this object lives.
+// Another name for a directory, without the blanks and special characters that the set-up script
+// does not cope with: a link in a private directory under /tmp, as long as this object lives.
 class PlainPath {
  public:
-  explicit PlainPath(const std::string& folder) : m_holder("/tmp/tsl-XXXXXX") {
+  explicit PlainPath(const std::string& directory) : m_holder("/tmp/tsl-XXXXXX") {
     if (mkdtemp(m_holder.data()) == nullptr) {
-      s_fail(s_startContext, "Cannot make a temporary folder under /tmp");
+      s_fail(s_startContext, "Cannot make a temporary directory under /tmp");
     }
-    fs::create_directory_symlink(folder, path());
+    fs::create_directory_symlink(directory, path());
   }
   ~PlainPath() {
     std::error_code ignored;
@@ -179,7 +180,7 @@ std::uint64_t s_defaultPool() {
 }
 
 constexpr char s_socketName[] = "/db.sock";
-// Folder for the temporary tables of the server.
+// Directory for the temporary tables of the server.
 constexpr char s_temporaryName[] = "/tmp";
 
 }  // namespace
@@ -200,7 +201,7 @@ std::string LocalServer::defaultDirectory() {
   }
   if (home.empty()) {
     s_fail("LocalServer::defaultDirectory",
-           "There is no home folder; set HOME, or name the server's folder");
+           "There is no home directory; set HOME, or name the server's directory");
   }
   return home + "/.local/state/tsl-address-map";
 }
@@ -233,8 +234,8 @@ std::string LocalServer::pidFile() const {
 std::string LocalServer::socketPath() const {
   std::string usual = runDirectory() + s_socketName;
   if (usual.size() <= s_longestSocket) return usual;
-  const std::string folder = s_firstLine(runDirectory() + "/socket-folder");
-  return folder.empty() ? "" : folder + s_socketName;
+  const std::string directory = s_firstLine(runDirectory() + "/socket-directory");
+  return directory.empty() ? "" : directory + s_socketName;
 }
 
 pid_t LocalServer::pid() const {
@@ -249,19 +250,20 @@ bool LocalServer::isRunning() const {
   return pid() != 0;
 }
 
-void LocalServer::makeFolder() const {
-  // Closing to others a folder that has another purpose would be a bad surprise. Another start may
-  // be filling this one at the moment: it makes the lock file first, so that is looked for last.
+void LocalServer::makeDirectory() const {
+  // Closing to others a directory that has another purpose would be a bad surprise. Another start
+  // may be filling this one at the moment: it makes the lock file first, so that is looked for
+  // last.
   std::error_code error;
   if (fs::exists(m_directory) && !fs::is_empty(m_directory, error) &&
       !fs::exists(m_directory + "/lock")) {
     s_fail(s_startContext,
-           m_directory + " is in use for something else; name an empty or a new folder");
+           m_directory + " is in use for something else; name an empty or a new directory");
   }
   s_makePrivate(m_directory);
 }
 
-void LocalServer::makeInnerFolders() const {
+void LocalServer::makeInnerDirectories() const {
   s_makePrivate(runDirectory());
   s_makePrivate(cmfDirectory());
   s_makePrivate(m_directory + s_temporaryName);
@@ -298,31 +300,33 @@ void LocalServer::setUpData(const Options& options) const {
   fs::rename(fresh, dataDirectory());
 }
 
-// Where the usual path is too long, the socket gets a folder of its own, which may have vanished
+// Where the usual path is too long, the socket gets a directory of its own, which may have vanished
 // since the last start (a restart of the machine empties /tmp) and must not be somebody else's.
 void LocalServer::placeSocket() const {
   const std::string usual = runDirectory() + s_socketName;
   if (usual.size() > s_longestSocket) {
-    const std::string record = runDirectory() + "/socket-folder";
-    if (!s_isOwnFolder(s_firstLine(record))) s_writeLine(record, s_newFolderFor(s_socketName));
+    const std::string record = runDirectory() + "/socket-directory";
+    if (!s_isOwnDirectory(s_firstLine(record))) {
+      s_writeLine(record, s_newDirectoryFor(s_socketName));
+    }
   }
   fs::remove(socketPath());
 }
 
-void LocalServer::removeSocketFolder() const {
-  const std::string record = runDirectory() + "/socket-folder";
-  const std::string folder = s_firstLine(record);
-  if (folder.empty() || !s_isOwnFolder(folder)) return;
+void LocalServer::removeSocketDirectory() const {
+  const std::string record = runDirectory() + "/socket-directory";
+  const std::string directory = s_firstLine(record);
+  if (directory.empty() || !s_isOwnDirectory(directory)) return;
   // What cannot be removed is left for the system's cleaning of temporary files.
   std::error_code ignored;
-  fs::remove(folder + s_socketName, ignored);
-  fs::remove(folder, ignored);
+  fs::remove(directory + s_socketName, ignored);
+  fs::remove(directory, ignored);
   fs::remove(record, ignored);
 }
 
 void LocalServer::writeOptionFile() const {
   s_writeLine(optionFile(),
-              "# Leads clients to the private server of this folder. Written by each start.\n"
+              "# Leads clients to the private server of this directory. Written by each start.\n"
               "[client]\nsocket=\"" +
                   socketPath() + "\"\nuser=\"" + callerName() + "\"");
 }
@@ -375,9 +379,9 @@ bool LocalServer::start() {
 }
 
 bool LocalServer::start(const Options& options) try {
-  makeFolder();
-  const FolderLock lock(s_startContext, m_directory);
-  makeInnerFolders();
+  makeDirectory();
+  const DirectoryLock lock(s_startContext, m_directory);
+  makeInnerDirectories();
   // One that runs may have been started a moment ago by a process that is gone.
   if (const pid_t running = pid(); running != 0) {
     awaitAnswer(running);
@@ -395,7 +399,7 @@ bool LocalServer::start(const Options& options) try {
 
 bool LocalServer::stop() {
   if (!fs::exists(m_directory)) return false;
-  const FolderLock lock(s_stopContext, m_directory);
+  const DirectoryLock lock(s_stopContext, m_directory);
   const pid_t server = pid();
   if (server == 0) return false;
   if (kill(server, SIGTERM) != 0) {
@@ -410,7 +414,7 @@ bool LocalServer::stop() {
     }
     std::this_thread::sleep_for(s_pause);
   }
-  removeSocketFolder();
+  removeSocketDirectory();
   return true;
 }
 

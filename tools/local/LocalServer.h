@@ -1,4 +1,4 @@
-// A private MariaDB server under the caller's own user, in a folder of its own.
+// A private MariaDB server under the caller's own user, in a directory of its own.
 #ifndef TSL_TOOLS_LOCAL_LOCALSERVER_H
 #define TSL_TOOLS_LOCAL_LOCALSERVER_H
 
@@ -10,8 +10,8 @@
 
 namespace Tessel {
 
-// A real `mariadbd` that only its owner can reach: by a Unix socket in a folder of mode 0700,
-// without a network port and without a password. Everything it has lies in one folder: `data/`,
+// A real `mariadbd` that only its owner can reach: by a Unix socket in a directory of mode 0700,
+// without a network port and without a password. Everything it has lies in one directory: `data/`,
 // `run/` (the socket), `tmp/`, `client.cnf` (the option file that leads to it), `cmf/` (a
 // configuration environment) and `server.log`. The server outlives the program that started it,
 // until stop().
@@ -31,13 +31,13 @@ class LocalServer {
     std::vector<std::string> arguments;
   };
 
-  // `directory` is made by the first start. A relative one is taken from the current folder. Throws
-  // when it holds a quote, a backslash or a control character.
+  // `directory` is made by the first start. A relative one is taken from the current directory.
+  // Throws when it holds a quote, a backslash or a control character.
   explicit LocalServer(const std::string& directory);
 
   // $XDG_STATE_HOME/tsl-address-map, or ~/.local/state/tsl-address-map. Throws when neither the
-  // environment nor the user database knows a home folder. The environment must not be changed by
-  // another thread meanwhile.
+  // environment nor the user database knows a home directory. The environment must not be changed
+  // by another thread meanwhile.
   static std::string defaultDirectory();
 
   // Returns with a server that answers: true when this call started it, false when it ran already.
@@ -55,24 +55,24 @@ class LocalServer {
   [[nodiscard]] const std::string& directory() const noexcept { return m_directory; }
   // For TSL_DATABASE_OPTION_FILE. The file exists from the first start on.
   [[nodiscard]] std::string optionFile() const;
-  // For TSL_CMF_PATH. The folder exists from the first start on.
+  // For TSL_CMF_PATH. The directory exists from the first start on.
   [[nodiscard]] std::string cmfDirectory() const;
   // Where the server writes its messages.
   [[nodiscard]] std::string logFile() const;
   [[nodiscard]] std::string dataDirectory() const;
-  // Usually in `run/`; in a folder of its own elsewhere when that path is too long for a socket.
-  // Such a folder is made by a start and may change with it; the path is empty before the first
+  // Usually in `run/`; in a directory of its own elsewhere when that path is too long for a socket.
+  // Such a directory is made by a start and may change with it; the path is empty before the first
   // one.
   [[nodiscard]] std::string socketPath() const;
 
  private:
   [[nodiscard]] std::string runDirectory() const;
   [[nodiscard]] std::string pidFile() const;
-  void makeFolder() const;
-  void makeInnerFolders() const;
+  void makeDirectory() const;
+  void makeInnerDirectories() const;
   void setUpData(const Options& options) const;
   void placeSocket() const;
-  void removeSocketFolder() const;
+  void removeSocketDirectory() const;
   void writeOptionFile() const;
   [[nodiscard]] std::vector<std::string> arguments(const Options& options) const;
   [[nodiscard]] std::string lastLogLines() const;

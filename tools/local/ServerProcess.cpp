@@ -121,13 +121,13 @@ int s_exitStatus(int status) {
 std::string findServerProgram(const std::vector<std::string>& names) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): read only; callers keep the environment still
   const char* path = std::getenv("PATH");
-  const std::string folders = std::string(path != nullptr ? path : "") +
-                              ":/usr/sbin:/usr/bin:/usr/local/sbin:/usr/local/bin";
+  const std::string directories = std::string(path != nullptr ? path : "") +
+                                  ":/usr/sbin:/usr/bin:/usr/local/sbin:/usr/local/bin";
   for (const std::string& name : names) {
-    std::istringstream list(folders);
-    for (std::string folder; std::getline(list, folder, ':');) {
-      if (folder.empty() || folder[0] != '/') continue;
-      std::string candidate = folder;
+    std::istringstream list(directories);
+    for (std::string directory; std::getline(list, directory, ':');) {
+      if (directory.empty() || directory[0] != '/') continue;
+      std::string candidate = directory;
       candidate.append("/").append(name);
       struct stat status {};
       if (stat(candidate.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&

@@ -21,17 +21,17 @@ std::string configurationDirectory() {
 }
 
 Failure configurationFailure(const Exception& exception) {
-  const std::filesystem::path folder = configurationDirectory();
-  const std::string subject = "the configuration in " + folder.string();
+  const std::filesystem::path directory = configurationDirectory();
+  const std::string subject = "the configuration in " + directory.string();
   std::error_code error;
-  const bool present = std::filesystem::exists(folder / "data.mdb", error);
+  const bool present = std::filesystem::exists(directory / "data.mdb", error);
   if (!present && !error) {
     return {ExitCode::Configuration, subject, reasonOf(exception),
-            "name the folder with --cmf or TSL_CMF_PATH, or make a configuration with"
+            "name the directory with --cmf or TSL_CMF_PATH, or make a configuration with"
             " 'tsl-address-map domain add'"};
   }
   return {ExitCode::Unavailable, subject, reasonOf(exception),
-          "check the rights on the folder and its files"};
+          "check the rights on the directory and its files"};
 }
 
 CMF::RefApsGwServer findDomain(const std::string& domain) {

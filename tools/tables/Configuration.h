@@ -17,7 +17,7 @@ inline constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
 std::string configurationDirectory();
 
 // The failure that `exception`, thrown by the configuration library, is: `Configuration` when there
-// is no configuration in the folder, `Unavailable` otherwise.
+// is no configuration in the directory, `Unavailable` otherwise.
 Failure configurationFailure(const Exception& exception);
 
 // The server record of `domain`; null when there is none. Throws Failure as above.

@@ -103,7 +103,7 @@ void Reader::readUnix(std::string_view text, ListenAddress& address) const {
     fail("the path is relative, and where it leads depends on where the service is started",
          s_unixExample);
   }
-  if (path.back() == '/') fail("the path names a folder", s_unixExample);
+  if (path.back() == '/') fail("the path names a directory", s_unixExample);
   if (path.size() > s_maxPath) {
     fail("the path has " + std::to_string(path.size()) + " bytes; a socket's has at most " +
              std::to_string(s_maxPath),

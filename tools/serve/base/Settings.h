@@ -30,7 +30,7 @@ struct Settings {
   std::vector<std::string> tables;  // Store names; empty for all that there are.
   std::chrono::milliseconds refresh{1000};
   std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: for ever.
-  std::string snapshot;                                                   // Folder; empty for none.
+  std::string snapshot;  // Directory; empty for none.
   std::size_t maxReply = 100000;
   std::size_t page = 500;
   std::size_t maxRequest = 65536;

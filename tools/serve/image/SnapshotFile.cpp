@@ -118,7 +118,7 @@ Clock::time_point s_changed(const std::string& path) {
 
 }  // namespace
 
-std::vector<std::string> SnapshotFolder::names() const {
+std::vector<std::string> SnapshotDirectory::names() const {
   std::vector<std::string> names;
   if (!isWanted()) return names;
   for (const auto& entry : std::filesystem::directory_iterator(m_path)) {
@@ -129,7 +129,7 @@ std::vector<std::string> SnapshotFolder::names() const {
   return names;
 }
 
-void SnapshotFolder::save(const std::string& sqlName, const TableImage& image) const {
+void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image) const {
   NewFile file(fileOf(sqlName));
   file.write(s_format);
   file.write(sqlName + "\n");
@@ -150,11 +150,11 @@ void SnapshotFolder::save(const std::string& sqlName, const TableImage& image) c
   file.finish();
 }
 
-void SnapshotFolder::confirm(const std::string& sqlName) const {
+void SnapshotDirectory::confirm(const std::string& sqlName) const {
   if (utimensat(AT_FDCWD, fileOf(sqlName).c_str(), nullptr, 0) != 0) s_fail(fileOf(sqlName));
 }
 
-Snapshot SnapshotFolder::load(const std::string& sqlName, TableKind kind) const {
+Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) const {
   const std::string path = fileOf(sqlName);
   const Clock::time_point confirmed = s_changed(path);
   const std::string content = s_read(path);
@@ -176,7 +176,7 @@ Snapshot SnapshotFolder::load(const std::string& sqlName, TableKind kind) const 
   return {image, confirmed};
 }
 
-std::string SnapshotFolder::fileOf(const std::string& sqlName) const {
+std::string SnapshotDirectory::fileOf(const std::string& sqlName) const {
   return m_path + "/" + sqlName + std::string(s_ending);
 }
 

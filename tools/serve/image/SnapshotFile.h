@@ -16,7 +16,7 @@ struct Snapshot {
   Clock::time_point confirmed;
 };
 
-// A folder with one file per table, "SQLNAME.image", which only its owner may read: a line that
+// A directory with one file per table, "SQLNAME.image", which only its owner may read: a line that
 // names the format and one with the name of the table; then each row, as the length of each column
 // (32 bits) before its bytes, rows that cannot be read behind the others; and at the end the number
 // of rows (64 bits) and the CRC-32 of all before (32 bits), all in the byte order of the host. A
@@ -25,10 +25,10 @@ struct Snapshot {
 //
 // Failures throw std::runtime_error or std::system_error. Any thread may call any operation, each
 // table being saved by one at a time.
-class SnapshotFolder {
+class SnapshotDirectory {
  public:
-  // An empty `path` stands for no folder: there are no names then, and nothing may be saved.
-  explicit SnapshotFolder(std::string path) : m_path(std::move(path)) {}
+  // An empty `path` stands for no directory: there are no names then, and nothing may be saved.
+  explicit SnapshotDirectory(std::string path) : m_path(std::move(path)) {}
 
   [[nodiscard]] bool isWanted() const noexcept { return !m_path.empty(); }
   // The SQL names of the tables that have a file.

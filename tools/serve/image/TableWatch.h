@@ -34,7 +34,7 @@ namespace Tessel::Serve {
 // Any thread may call `reload` and `stop`.
 class TableWatch {
  public:
-  // Puts the images of the snapshot folder into place. All references must outlive the object.
+  // Puts the images of the snapshot directory into place. All references must outlive the object.
   TableWatch(const Settings& settings, Tables& tables, Metrics& metrics, Log& log);
   // Waits for what runs.
   ~TableWatch();
@@ -104,7 +104,7 @@ class TableWatch {
   Tables& m_tables;
   Metrics& m_metrics;
   Log& m_log;
-  SnapshotFolder m_snapshots;
+  SnapshotDirectory m_snapshots;
   std::unique_ptr<Readers> m_readers;
 
   Guarded<State> m_state;

@@ -111,7 +111,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   const std::string made = path.substr(0, slash + 1) + ".tsl" + std::to_string(getpid() % 1000000);
   const sockaddr_un bound = s_unixAddress(made);
   if (made.size() >= sizeof(bound.sun_path)) {
-    s_fail(path, "the folder's name is too long", ENAMETOOLONG, "give a shorter path");
+    s_fail(path, "the directory's name is too long", ENAMETOOLONG, "give a shorter path");
   }
   m_descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (m_descriptor == -1) s_fail(path, "no socket", errno, "");
@@ -121,8 +121,8 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   const int error = errno;
   umask(old);
   if (result != 0) {
-    s_fail(path, "the folder cannot be written", error,
-           "make the folder, writable for the user of the service");
+    s_fail(path, "the directory cannot be written", error,
+           "make the directory, writable for the user of the service");
   }
   m_path = made;
   struct stat status {};
