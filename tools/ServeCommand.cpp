@@ -47,16 +47,16 @@ ListenAddress s_metricsAddress(const std::string& text) {
     const ListenAddress address = parseListenAddress("inet:" + text);
     if (address.kind == ListenAddress::Kind::Inet) return address;
   } catch (const Failure&) {
-    // Told in the words of this option below.
+    // Reported in the words of this option below.
   }
-  throw Failure(ExitCode::Usage, "--metrics", "'" + text + "' is no address and port",
+  throw Failure(ExitCode::Usage, "--metrics", "'" + text + "' is not an address and a port",
                 "write it as in --metrics 127.0.0.1:9321");
 }
 
 void s_checkSnapshot(const std::string& directory) {
   if (directory.empty() || std::filesystem::is_directory(directory)) return;
   throw Failure(ExitCode::Configuration, "--snapshot " + directory, "there is no such directory",
-                "make it, writable for the user of the service only");
+                "create it, writable for the user of the service only");
 }
 
 void s_checkDelimiter(const std::string& delimiter) {
@@ -64,7 +64,7 @@ void s_checkDelimiter(const std::string& delimiter) {
   const bool isGood =
       !delimiter.empty() && delimiter.find_first_not_of(s_allowed) == std::string::npos;
   if (isGood) return;
-  throw Failure(ExitCode::Usage, "--delimiter", "'" + delimiter + "' cannot stand in a name",
+  throw Failure(ExitCode::Usage, "--delimiter", "'" + delimiter + "' cannot be in a name",
                 "give the value of the mail server's recipient_delimiter, as in --delimiter +");
 }
 
@@ -124,9 +124,9 @@ void addServeCommand(Tool::Command& top) {
       "  postmap -q team@example.com socketmap:unix:/run/tsl-address-map/socketmap:alias\n"
       "The maps are alias, mask_public (private to public), mask_private (public to private),"
       " mailbox and\n"
-      "domain; alias.NAME and so on ask the tables that --table NAME would. SIGHUP reads all"
-      " tables anew.\n"
-      "tsl-address-map-serve(8) tells all about it.\n",
+      "domain; alias.NAME and so on ask the tables that --table NAME would. SIGHUP rereads"
+      " all tables.\n"
+      "tsl-address-map-serve(8) has the details.\n",
       Tool::Preparation::Database, Tool::withArguments(s_serve, arguments));
   serve.optionList("--listen", arguments->listen, "ADDRESS",
                    "Where to listen: unix:/PATH[,mode=0660][,group=NAME] or inet:HOST:PORT;"
@@ -137,11 +137,11 @@ void addServeCommand(Tool::Command& top) {
                    "Serve the tables of NAME and the base tables only; may be repeated");
   serve.option("--refresh", arguments->refresh, "TIME", "A change is seen within this time (1s)");
   serve.option("--stale", arguments->stale, "TIME",
-               "How long to answer while the database is away, or 'forever' (1h)");
+               "How long to answer while the database is unavailable, or 'forever' (1h)");
   serve.option("--snapshot", arguments->snapshot, "DIR",
-               "Keep the tables in this directory, for starts while the database is away");
+               "Keep the tables in this directory, for starts while the database is unavailable");
   serve.option("--extension", arguments->extension, "RULE",
-               "Of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off' (keep)");
+               "The tag of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off' (keep)");
   serve.option("--delimiter", arguments->delimiter, "TEXT",
                "Characters that an extension may begin with (+)");
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply (100000)");
@@ -151,11 +151,11 @@ void addServeCommand(Tool::Command& top) {
                "Most connections at a time; others wait (10000)");
   serve.option("--workers", arguments->workers, "COUNT", "Threads that answer (1)");
   serve.option("--idle-timeout", arguments->idleTimeout, "TIME",
-               "End a connection without requests (1h)");
+               "Close a connection without requests (1h)");
   serve.option("--request-timeout", arguments->requestTimeout, "TIME",
-               "End a connection that sends half a request, or takes no reply (30s)");
+               "Close a connection that sends half a request, or does not read its reply (30s)");
   serve.option("--drain-timeout", arguments->drainTimeout, "TIME",
-               "Longest time to answer what was asked, at the end (5s)");
+               "At exit, longest time to answer what was asked (5s)");
   serve.option("--log-level", arguments->logLevel, "LEVEL",
                "error, warning, info or debug; only debug names addresses (info)");
 }

@@ -1,4 +1,4 @@
-// Keys of addresses: what is one for every mail server, what stays apart, and what is no address.
+// Keys of addresses: what is equal for every mail server, what differs, and what is not an address.
 #include "serve/image/AddressKey.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// An alias table in memory: what its aliases stand for is what the library's expander says.
+// An alias table in memory: its aliases expand as the library's expander says.
 #include "serve/image/AliasImage.h"
 
 #include <atomic>

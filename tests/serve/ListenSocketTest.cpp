@@ -1,4 +1,4 @@
-// Sockets to listen at: the file of a Unix socket is the service's own, and nobody else's is
+// Sockets to listen on: the file of a Unix socket is the service's own, and nobody else's is
 // touched.
 #include "serve/socket/ListenSocket.h"
 
@@ -84,7 +84,7 @@ class ListenSocketTest : public testing::Test {
     return status;
   }
 
-  // Why there is no listening at `address`; empty when there is.
+  // Why there is no listening on `address`; empty when there is.
   static std::string refusal(const ListenAddress& address) {
     try {
       const ListenSocket socket(address);

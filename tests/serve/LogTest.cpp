@@ -1,4 +1,4 @@
-// The log: which lines there are, and what may stand in them.
+// The log: its lines, and what they may contain.
 #include "serve/base/Log.h"
 
 #include <fcntl.h>

@@ -138,7 +138,7 @@ TEST_F(LookupTest, AnImageAnswersAlikeUntilItIsTooOldAndNotAtAllThen) {
   }
   table->confirm(Clock::now() - minutes(11));
   for (const char* request : {"alias a@d.example", "alias x@d.example", "alias no address"}) {
-    EXPECT_THAT(ask(request), HasSubstr("TEMP the database cannot be asked")) << request;
+    EXPECT_THAT(ask(request), HasSubstr("TEMP the database is unavailable")) << request;
   }
   table->confirm(Clock::now());
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
@@ -178,8 +178,7 @@ TEST_F(LookupTest, AnAliasThatCannotBeReadIsATemporaryFailure) {
 
 TEST_F(LookupTest, AnAliasForAllUsersThatCannotBeToldIsATemporaryFailure) {
   serve("alias", {{"all@d.example", "allusers_d.example"}});
-  const char* const reply =
-      "TEMP this alias stands for all users of a domain, which cannot be told";
+  const char* const reply = "TEMP this alias means all users of a domain, which could not be read";
   {
     const NoDomains none;
     EXPECT_EQ(ask("alias all@d.example"), reply);

@@ -138,7 +138,7 @@ TEST_F(MetricsListenerTest, APortThatIsInUseIsRefused) {
   other.listenToNobody();
   try {
     const MetricsListener listener("127.0.0.1:" + std::to_string(port), {});
-    ADD_FAILURE() << "it listens at a port that is in use";
+    ADD_FAILURE() << "it listens on a port that is in use";
   } catch (const Tool::Failure& failure) {
     EXPECT_EQ(failure.code(), Tool::ExitCode::Configuration);
     EXPECT_THAT(failure.subject(), HasSubstr(std::to_string(port)));

@@ -30,7 +30,7 @@ std::vector<std::string> s_list(std::size_t count, const std::string& start = "u
   return addresses;
 }
 
-// All that is on the pages named by `addresses`, in order; what is no page stands for itself.
+// All that is on the pages named by `addresses`, in order; other addresses stay as they are.
 std::vector<std::string> s_resolve(Pages& pages, const std::vector<std::string>& addresses) {
   std::vector<std::string> all;
   for (const std::string& address : addresses) {

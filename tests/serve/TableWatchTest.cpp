@@ -68,7 +68,7 @@ class TableWatchTest : public testing::Test {
     m_watch->start();
   }
 
-  // What `name` stands for in the image of `table`; "none" when there is no alias or no image.
+  // What `name` expands to in the image of `table`; "none" when there is no alias or no image.
   std::string find(const std::string& name, const std::string& table = "alias") {
     const TablePointer found = m_tables.find(table);
     const ImagePointer image = found == nullptr ? nullptr : found->image();
@@ -148,7 +148,7 @@ TEST_F(TableWatchTest, TablesComeAndGoAndComeBack) {
   sql("create table ts_address_map.alias_new like ts_address_map.alias");
   add("a@d", "c@d", "alias_new");
   EXPECT_TRUE(becomes("a@d", "c@d", "alias_new"));
-  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is gone; its last rows go on answering"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is gone; its last rows still answer"));
 }
 
 TEST_F(TableWatchTest, ATableThatIsExchangedForAnotherIsRead) {
@@ -197,7 +197,7 @@ TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIs
   sql("update ts_address_map.alias set members = 'c@d'");
   EXPECT_TRUE(becomes("a@d", "c@d"));
   EXPECT_TRUE(s_waitFor([this] { return age() < milliseconds(500); }));
-  EXPECT_THAT(takeLog(), HasSubstr("the database can be asked again"));
+  EXPECT_THAT(takeLog(), HasSubstr("the database is available again"));
 }
 
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {

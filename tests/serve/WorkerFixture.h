@@ -79,7 +79,7 @@ class Client {
   }
   void endSending() const { shutdown(m_descriptor, SHUT_WR); }
 
-  // What is in the next frame; "none" when the connection ends first or it is no frame.
+  // What is in the next frame; "none" when the connection is closed first or it is not a frame.
   std::string reply() {
     while (true) {
       const NetstringFrame frame = parseNetstring(m_received, 1U << 30U);

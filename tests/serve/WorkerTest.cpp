@@ -1,4 +1,4 @@
-// The thread that has the connections: it takes them from any thread, tells that it lives, and
+// The thread that has the connections: it takes them from any thread, reports that it lives, and
 // leaves nothing behind.
 #include "serve/socket/Worker.h"
 

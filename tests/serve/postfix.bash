@@ -70,7 +70,7 @@ ended() { ! kill -0 "$1" 2>/dev/null || grep -q '^State:.Z' "/proc/$1/status" 2>
 # The name that Postfix has for the map $1.
 map() { printf 'socketmap:unix:%s:%s' "$SOCKET" "$1"; }
 
-# seen MAP KEY ANSWER: waits until the service answers so; "" stands for "not found".
+# seen MAP KEY ANSWER: waits until the service answers so; "" means "not found".
 seen() { wait_for "$2 -> $3 in $1" answers "$@"; }
 answers() { [ "$(postmap -q "$2" "$(map "$1")" 2>&1)" = "$3" ]; }
 

@@ -64,7 +64,7 @@ hasnt() {
   hasnt domain nowhere.example
 }
 
-@test "what is no address is not found, in each map" {
+@test "what is not an address is not found, in each map" {
   local long
   long=$(printf 'x%.0s' {1..10000})
   printf '%s\n' nowhere.example '*' '""' '@' '@nowhere.example' ann '*@nowhere.example' 'a@b@example.com' \
@@ -116,9 +116,9 @@ hasnt() {
   equal "$output" "451 4.3.5 Server configuration error"
   printf 'Subject: a loop\n\nHello\n' | sendmail -f me@away.example loop2@example.com
   wait_for "the mail of the loop" grep -q "loop2@example.com" "$POSTFIX/log"
-  run -0 send me@away.example "beside a loop" ann@example.com
-  printf 'Subject: beside a loop\n\nHello\n' | sendmail -f me@away.example bob@example.com
-  wait_for "the other mail" has_delivered "beside a loop" "ann@example.com bob@example.com"
+  run -0 send me@away.example "next to a loop" ann@example.com
+  printf 'Subject: next to a loop\n\nHello\n' | sendmail -f me@away.example bob@example.com
+  wait_for "the other mail" has_delivered "next to a loop" "ann@example.com bob@example.com"
   equal "$(delivered "a loop")" ""
   # Whoever breaks the loop has the mail that waits.
   tool alias set loop1@example.com cid@example.com
@@ -141,7 +141,7 @@ has_delivered() { [ "$(delivered "$1")" == "$2" ]; }
   equal "$(delivered "all users")" "u1@users.example u2@users.example"
 }
 
-@test "an alias that names itself is delivered to beside the others" {
+@test "an alias that names itself is delivered to with the others" {
   tool alias set ann@example.com ann@example.com copy@example.net
   seen alias ann@example.com ann@example.com,copy@example.net
   send me@away.example "a copy" ann@example.com
@@ -317,7 +317,7 @@ members() { printf "m%d$1@example.net\n" {1..3000} | LC_ALL=C sort | paste -s -d
 }
 sends() { send "$@" >/dev/null; }
 
-# Sends 300 numbered mails, most over SMTP as another mail server does, which comes again when it is told
+# Sends 300 numbered mails, most over SMTP as another mail server does, which comes again when it is asked
 # to; the others from this host.
 traffic() {
   local i

@@ -146,7 +146,7 @@ OK ann+sport@example.com,bob+sport@example.net"
   done
 }
 
-@test "SIGTERM ends it with 0, answers what was asked, and removes the socket" {
+@test "SIGTERM stops it with status 0, answers what was asked, and removes the socket" {
   start_service
   wait_for answers 'alias team@example.com' "$found"
   kill -TERM "$service"
@@ -169,16 +169,16 @@ OK ann+sport@example.com,bob+sport@example.net"
   wait_for answers 'alias team@example.com' "$found"
 }
 
-@test "SIGHUP reads all tables anew, without a gap in the answers" {
+@test "SIGHUP rereads all tables, without a gap in the answers" {
   start_service --log-level debug
   wait_for answers 'alias team@example.com' "$found"
   start_load "$found"
   kill -HUP "$service"
-  wait_for grep -q "reading all tables anew" "$directory/log"
+  wait_for grep -q "rereading all tables" "$directory/log"
   load_is_well
 }
 
-@test "systemd is told that it is ready, and hands over sockets" {
+@test "the service reports to systemd that it is ready, and hands over sockets" {
   run python3 - "$TSL_TOOL" "$SERVER" "$directory" <<'PYTHON'
 import os, socket, subprocess, sys
 tool, server, directory = sys.argv[1:]
@@ -218,7 +218,7 @@ PYTHON
   equal "$(tail -1 <<<"$output")" 0
 }
 
-@test "metrics, health and readiness are told over HTTP, without an address" {
+@test "metrics, health and readiness are served over HTTP, without an address" {
   port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
   start_service --metrics "127.0.0.1:$port"
   wait_for answers 'alias team@example.com' "$found"
@@ -250,7 +250,7 @@ PYTHON
   done
   run "$TSL_TOOL" --local="$SERVER" serve
   [ "$status" -eq 64 ]
-  contains "$output" "nothing to listen at"
+  contains "$output" "nothing to listen on"
 }
 
 resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
@@ -331,10 +331,10 @@ serve_own() {
   wait_for answers 'alias team@example.com' "$found"
   start_load "$found" 'OK cleo@example.com'
   kill -KILL "$(server_pid)"
-  wait_for grep -q "the database cannot be asked" "$directory/log"
+  wait_for grep -q "the database is unavailable" "$directory/log"
   load_is_well
   "$TSL_TOOL" local start --local="$SERVER" >/dev/null
-  wait_for grep -q "the database can be asked again" "$directory/log"
+  wait_for grep -q "the database is available again" "$directory/log"
   tool alias set team@example.com cleo@example.com
   wait_for answers 'alias team@example.com' 'OK cleo@example.com'
   load_is_well
@@ -368,13 +368,13 @@ serve_own() {
   wait_for answers 'alias team@example.com' "$found"
   kill -KILL "$(server_pid)"
   answers 'alias nobody@example.com' 'NOTFOUND '
-  wait_for answers 'alias team@example.com' 'TEMP the database cannot be asked, and what is known is too old'
-  answers 'alias nobody@example.com' 'TEMP the database cannot be asked, and what is known is too old'
+  wait_for answers 'alias team@example.com' 'TEMP the database is unavailable, and the rows in memory are too old'
+  answers 'alias nobody@example.com' 'TEMP the database is unavailable, and the rows in memory are too old'
   rm -rf "$SERVER"
   SERVER=$common
 }
 
-@test "a service that starts while the database is away answers from its snapshot, or TEMP" {
+@test "a service that starts while the database is unavailable answers from its snapshot, or TEMP" {
   common=$SERVER
   own_server
   mkdir "$directory/snapshot"

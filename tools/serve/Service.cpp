@@ -43,7 +43,7 @@ using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream
 constexpr std::chrono::milliseconds s_acceptPause{100};
 // How long the end waits for the database.
 constexpr std::chrono::milliseconds s_databasePatience{2000};
-// Descriptors beside those of the connections.
+// Descriptors for other things than connections.
 constexpr std::size_t s_otherDescriptors = 64;
 
 boost::asio::generic::stream_protocol s_protocolOf(int descriptor) {
@@ -53,8 +53,8 @@ boost::asio::generic::stream_protocol s_protocolOf(int descriptor) {
   return {family, 0};
 }
 
-// Asks for as many descriptors as the connections may need; the number of connections that there
-// can be.
+// Raises the limit of descriptors to what the connections may need. Returns the number of
+// connections that it allows.
 std::size_t s_raiseLimit(std::size_t connections, Log& log) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return connections;
@@ -84,7 +84,7 @@ class Service {
         m_signals(m_context, SIGTERM, SIGINT, SIGHUP),
         m_watchdog(m_context),
         m_pause(m_context) {
-    // They are there to be asked from the start: not to know them yet is no "not there".
+    // The tables are known from the start: one that is not read yet is not "not there".
     m_tables.add(Tool::aliasTableName(""));
     m_tables.add(Tool::maskTableName(""));
     for (const std::string& name : settings.tables) {
@@ -126,11 +126,11 @@ class Service {
     std::vector<ListenSocket> sockets = inheritedSockets();
     for (const ListenAddress& address : m_settings.listen) sockets.emplace_back(address);
     if (sockets.empty()) {
-      throw Tool::Failure(Tool::ExitCode::Usage, "serve", "there is nothing to listen at",
+      throw Tool::Failure(Tool::ExitCode::Usage, "serve", "there is nothing to listen on",
                           "give --listen, as in --listen unix:/run/tsl-address-map/socketmap");
     }
     for (ListenSocket& socket : sockets) {
-      m_log.info("listening at " + socket.name());
+      m_log.info("listening on " + socket.name());
       m_listeners.emplace_back(m_context, std::move(socket));
     }
   }
@@ -144,7 +144,7 @@ class Service {
                                [this] { return unready(); }});
   }
 
-  // Why not all tables can be asked; empty when they can.
+  // Why not all tables can answer; empty when they can.
   [[nodiscard]] std::string unready() const {
     std::string why;
     for (const TablePointer& table : m_tables.all()) {
@@ -182,7 +182,7 @@ class Service {
         });
   }
 
-  // Nothing can be accepted just now: tries again in a moment.
+  // No connection can be accepted now: tries again in a moment.
   void pause(const error_code& error) {
     if (!m_isPausing) m_log.error("no connection can be accepted: " + error.message());
     m_isPausing = true;
@@ -198,7 +198,7 @@ class Service {
     for (Listener& listener : m_listeners) accept(listener);
   }
 
-  // A connection has ended, on the thread of a worker.
+  // A connection was closed, on the thread of a worker.
   void closed() {
     boost::asio::post(m_context, [this] {
       acceptAll();
@@ -220,7 +220,7 @@ class Service {
     clock_gettime(CLOCK_MONOTONIC, &now);
     const long long microseconds = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
     sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", microseconds);
-    m_log.info("reading all tables anew");
+    m_log.info("rereading all tables");
     m_watch->reload();
     sd_notify(0, "READY=1");
   }
@@ -238,7 +238,7 @@ class Service {
     closed();
   }
 
-  // Tells systemd that all threads are alive, twice as often as it wants to hear of it.
+  // Reports to systemd that all threads are alive, twice as often as it expects.
   void watch() {
     std::uint64_t microseconds = 0;
     if (sd_watchdog_enabled(0, &microseconds) <= 0) return;
@@ -256,7 +256,7 @@ class Service {
     m_metricsListener.reset();
     m_listeners.clear();
     if (m_watch->stop(s_databasePatience)) return;
-    // A database that hangs must not hold up the end: all that was asked is answered.
+    // A database that hangs must not delay the exit: all requests are answered by now.
     m_log.warning("ending without the answer of the database");
     std::_Exit(EXIT_SUCCESS);
   }

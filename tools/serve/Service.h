@@ -7,9 +7,9 @@
 
 namespace Tessel::Serve {
 
-// Serves until SIGTERM or SIGINT, which let what was asked be answered first; SIGHUP has all tables
-// read anew, over new connections. Tells systemd what happens (see sd_notify(3)). Throws
-// Tool::Failure when it cannot start. One thread, which must be the one of the process then.
+// Serves until SIGTERM or SIGINT, after it has answered what was asked; SIGHUP rereads all tables
+// over new connections. Notifies systemd of its state (see sd_notify(3)). Throws Tool::Failure when
+// it cannot start. One thread, which must then be the only one of the process.
 void serve(const Settings& settings, Log& log);
 
 }  // namespace Tessel::Serve

@@ -15,12 +15,12 @@
 namespace Tessel::Serve {
 
 // A fixed number of places in groups of four; each key has one group, in which a new reply takes
-// the place of the oldest. That takes one look into memory, where a list in the order of use takes
-// as many as its tree is high, which would be most of the time that a request takes. One thread.
+// the place of the oldest. That takes one access to memory. A list in the order of use takes as
+// many as its tree is high, which would be most of the time of a request. One thread.
 class AnswerCache {
  public:
-  // A reply and what it is known for. One text has both, and the rest is small: a look at an entry
-  // that is out of the processor's caches costs more than all else that is done here.
+  // A reply and its key, both in one text, and the rest is small: an entry outside the processor's
+  // caches costs more than everything else that is done here.
   class Entry {
    public:
     Entry() = default;
@@ -65,7 +65,7 @@ class AnswerCache {
   static constexpr std::size_t s_places = 4;
 
   struct Group {
-    std::array<std::size_t, s_places> hashes{};  // Of the keys: told apart without reading them.
+    std::array<std::size_t, s_places> hashes{};  // Of the keys, compared first.
     std::array<Entry, s_places> entries;
     std::size_t next = 0;  // The place that is taken next.
   };

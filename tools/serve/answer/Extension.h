@@ -14,12 +14,12 @@ struct ExtendedAddress {
 };
 
 // Cuts the address `text` at the first of `delimiters` in its local part. Quoted local parts have
-// no extension, nor has what would be left without a name. With the delimiter "-", "owner-list" and
-// "list-request" are names as they stand. Any thread.
+// no extension, and the base keeps at least one character. With the delimiter "-", "owner-list" and
+// "list-request" are names without an extension. Any thread.
 ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters);
 
-// `address` with `extension` at the end of its local part; as it is when it has an extension of its
-// own, no domain, or would become too long or need quotes, in which no extension is found again.
+// `address` with `extension` at the end of its local part. Unchanged if it has an extension of its
+// own or no domain, or would become too long or need quotes, in which no extension is found again.
 // `address` is as EmailAddress::address() gives it. Any thread.
 std::string withExtension(const std::string& address, std::string_view extension,
                           std::string_view delimiters);

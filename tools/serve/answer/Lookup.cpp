@@ -19,14 +19,14 @@ namespace Tessel::Serve {
 
 namespace {
 
-// Replies that are kept of each map, and up to which size; longer ones are few, but take the more
-// to make.
+// Replies that are kept of each map, and up to which size. Longer ones are few, but cost more to
+// compose.
 constexpr std::size_t s_repliesGroups = 32768;
 constexpr std::size_t s_shortReply = 1024;
 constexpr std::size_t s_longRepliesGroups = 16;
 constexpr std::size_t s_longReply = 1U << 20U;
 
-// Longest time for which an answer is given again that may change while the tables do not.
+// Longest time for which an answer is kept that may change while the tables do not.
 constexpr std::chrono::milliseconds s_longestVolatile{1000};
 
 struct MapName {
@@ -60,7 +60,7 @@ std::string s_plainLocal(std::string_view text) {
 
 }  // namespace
 
-struct Lookup::Road {
+struct Lookup::MapRoute {
   Map map = Map::None;
   TablePointer table;  // Null for maps without one.
   ImagePointer image;
@@ -105,36 +105,36 @@ const std::string& Lookup::replyAt(std::string_view request, Clock::time_point n
   m_map = Map::None;
   const std::size_t blank = request.find(' ');
   if (blank == std::string_view::npos) return give(Answer::perm("a request is MAP, blank, KEY"));
-  Road* const road = roadOf(request.substr(0, blank));
-  if (road == nullptr) {
+  MapRoute* const route = routeOf(request.substr(0, blank));
+  if (route == nullptr) {
     if (m_map == Map::None) return give(Answer::perm("there is no such map"));
     return give(Answer::temp("there is no such table"));
   }
-  if (road->table != nullptr) {
-    const std::string why = refresh(*road, now);
+  if (route->table != nullptr) {
+    const std::string why = refresh(*route, now);
     if (!why.empty()) return give(Answer::temp(why));
   }
   const std::string_view key = request.substr(blank + 1);
-  const AnswerCache::Entry* const known = road->find(key, now);
+  const AnswerCache::Entry* const known = route->find(key, now);
   if (known != nullptr) {
     m_metrics.cacheHit();
     m_result = known->result();
     m_reply.assign(known->reply());
     return m_reply;
   }
-  const Answer found = answer(*road, key, now);
+  const Answer found = answer(*route, key, now);
   give(found);
-  const bool isKept = road->table != nullptr && found.result != Result::Temp;
+  const bool isKept = route->table != nullptr && found.result != Result::Temp;
   const Clock::time_point until = found.isVolatile
                                       ? now + std::min(m_settings.refresh, s_longestVolatile)
                                       : Clock::time_point::max();
-  if (isKept) road->keep({key, m_reply, m_result, until});
+  if (isKept) route->keep({key, m_reply, m_result, until});
   return m_reply;
 }
 
-Lookup::Road* Lookup::roadOf(std::string_view name) {
-  const auto known = m_roads.find(name);
-  if (known != m_roads.end()) {
+Lookup::MapRoute* Lookup::routeOf(std::string_view name) {
+  const auto known = m_routes.find(name);
+  if (known != m_routes.end()) {
     m_map = known->second->map;
     return known->second.get();
   }
@@ -145,44 +145,44 @@ Lookup::Road* Lookup::roadOf(std::string_view name) {
     const bool hasTable = s_hasTable(candidate.map);
     if (!hasTable && separator != std::string_view::npos) return nullptr;
     m_map = candidate.map;
-    auto road = std::make_unique<Road>();
-    road->map = candidate.map;
+    auto route = std::make_unique<MapRoute>();
+    route->map = candidate.map;
     if (hasTable) {
       const std::string table(separator == std::string_view::npos ? ""
                                                                   : name.substr(separator + 1));
       const TableKind kind = candidate.map == Map::Alias ? TableKind::Alias : TableKind::Mask;
-      road->table = m_tables.find(Tool::sqlTableName(kind, table));
-      if (road->table == nullptr) return nullptr;
+      route->table = m_tables.find(Tool::sqlTableName(kind, table));
+      if (route->table == nullptr) return nullptr;
     }
-    return m_roads.emplace(std::string(name), std::move(road)).first->second.get();
+    return m_routes.emplace(std::string(name), std::move(route)).first->second.get();
   }
   return nullptr;
 }
 
-std::string Lookup::refresh(Road& road, Clock::time_point now) {
-  const std::optional<Clock::duration> age = road.table->age(now);
+std::string Lookup::refresh(MapRoute& route, Clock::time_point now) {
+  const std::optional<Clock::duration> age = route.table->age(now);
   if (!age) return "the table could not be read yet";
   if (isTooOld(*age, m_settings)) {
-    return "the database cannot be asked, and what is known is too old";
+    return "the database is unavailable, and the rows in memory are too old";
   }
   if (*age > s_outage) m_metrics.staleAnswer();
-  const std::uint64_t generation = road.table->generation();
-  if (generation != road.generation) {
-    road.image = road.table->image();
-    road.generation = generation;
-    road.forget();
+  const std::uint64_t generation = route.table->generation();
+  if (generation != route.generation) {
+    route.image = route.table->image();
+    route.generation = generation;
+    route.forget();
   }
   return "";
 }
 
-Answer Lookup::answer(Road& road, std::string_view key, Clock::time_point now) {
+Answer Lookup::answer(MapRoute& route, std::string_view key, Clock::time_point now) {
   try {
-    switch (road.map) {
+    switch (route.map) {
       case Map::Alias:
-        return aliasAnswer(road, key, now);
+        return aliasAnswer(route, key, now);
       case Map::MaskPublic:
       case Map::MaskPrivate:
-        return maskAnswer(road, key);
+        return maskAnswer(route, key);
       case Map::Mailbox:
         return mailboxAnswer(key);
       case Map::Domain:
@@ -202,33 +202,33 @@ Answer Lookup::answer(Road& road, std::string_view key, Clock::time_point now) {
   }
 }
 
-Answer Lookup::aliasAnswer(const Road& road, std::string_view text, Clock::time_point now) {
+Answer Lookup::aliasAnswer(const MapRoute& route, std::string_view text, Clock::time_point now) {
   std::string key;
   if (!addressKey(text, key)) return Answer::notFound();
-  if (Pages::isPage(key)) return page(road, key, "", now);
-  Answer answer = expansion(road, key, "", now);
+  if (Pages::isPage(key)) return page(route, key, "", now);
+  Answer answer = expansion(route, key, "", now);
   if (answer.result != Result::NotFound) return answer;
   const ExtendedAddress cutAddress = cut(text);
   if (cutAddress.extension.empty() || !addressKey(cutAddress.base, key)) return answer;
   const std::string_view extension = kept(cutAddress);
-  if (Pages::isPage(key)) return page(road, key, extension, now);
-  return expansion(road, key, extension, now);
+  if (Pages::isPage(key)) return page(route, key, extension, now);
+  return expansion(route, key, extension, now);
 }
 
-Answer Lookup::expansion(const Road& road, const std::string& key, std::string_view extension,
+Answer Lookup::expansion(const MapRoute& route, const std::string& key, std::string_view extension,
                          Clock::time_point now) {
-  const Expansion found = road.image->alias().expand(key);
+  const Expansion found = route.image->alias().expand(key);
   switch (found.kind) {
     case Expansion::Kind::NoAlias:
       return Answer::notFound();
     case Expansion::Kind::Broken:
       return Answer::temp("the row of this alias cannot be read");
     case Expansion::Kind::NoUsers:
-      return Answer::temp("this alias stands for all users of a domain, which cannot be told");
+      return Answer::temp("this alias means all users of a domain, which could not be read");
     case Expansion::Kind::Nobody: {
       Answer answer = Answer::perm("this alias reaches nobody");
       answer.isVolatile = found.dependsOnUsers;
-      if (!found.dependsOnUsers) tellOfLoop(road, key);
+      if (!found.dependsOnUsers) reportLoop(route, key);
       return answer;
     }
     case Expansion::Kind::Found:
@@ -236,7 +236,7 @@ Answer Lookup::expansion(const Road& road, const std::string& key, std::string_v
   }
   std::vector<std::string> addresses;
   for (const EmailAddress& address : found.addresses) addresses.push_back(address.address());
-  Pages& pages = road.table->pages();
+  Pages& pages = route.table->pages();
   const bool isDivided = !pages.fit(extended(addresses, extension));
   if (isDivided) addresses = pages.divide(key, addresses, now);
   Answer answer = Answer::ok(joined(pages, addresses, extension));
@@ -245,21 +245,21 @@ Answer Lookup::expansion(const Road& road, const std::string& key, std::string_v
   return answer;
 }
 
-Answer Lookup::page(const Road& road, const std::string& key, std::string_view extension,
+Answer Lookup::page(const MapRoute& route, const std::string& key, std::string_view extension,
                     Clock::time_point now) {
-  Pages& pages = road.table->pages();
+  Pages& pages = route.table->pages();
   Answer answer;
   if (const auto addresses = pages.find(key, now)) {
     answer = Answer::ok(joined(pages, *addresses, extension));
   } else if (!isPageOfAnyTable(key, now)) {
-    // Not "not found": the mail would be refused for good. It comes back with the alias, in time.
+    // Not "not found": the mail would be rejected for good. It is tried again, with the alias.
     return Answer::temp("this part of a list is gone; ask for the list again");
   }
   answer.isVolatile = true;
   return answer;
 }
 
-// A mail server that asks several maps asks each of them for the pages of all.
+// A mail server that asks several maps asks each map for the pages of all of them.
 bool Lookup::isPageOfAnyTable(std::string_view key, Clock::time_point now) const {
   const std::vector<TablePointer> tables = m_tables.all();
   return std::any_of(tables.begin(), tables.end(), [&](const TablePointer& table) {
@@ -267,16 +267,16 @@ bool Lookup::isPageOfAnyTable(std::string_view key, Clock::time_point now) const
   });
 }
 
-Answer Lookup::maskAnswer(const Road& road, std::string_view text) const {
-  const MaskImage& image = road.image->mask();
-  const auto direction = road.map == Map::MaskPublic ? MaskImage::Direction::ToPublic
-                                                     : MaskImage::Direction::ToPrivate;
+Answer Lookup::maskAnswer(const MapRoute& route, std::string_view text) const {
+  const MaskImage& image = route.image->mask();
+  const auto direction = route.map == Map::MaskPublic ? MaskImage::Direction::ToPublic
+                                                      : MaskImage::Direction::ToPrivate;
   const char* const broken = "the row of this address cannot be read";
   std::string key;
   if (!addressKey(text, key)) return Answer::notFound();
   if (auto found = image.find(direction, key)) return Answer::ok(std::move(*found));
   if (image.isBroken(direction, key)) return Answer::temp(broken);
-  // Before the wildcard rows: whoever has a mask of his own must not be shown without it.
+  // Before the wildcard rows: an address with a mask of its own must not be shown without it.
   const ExtendedAddress address = cut(text);
   std::string base;
   if (!address.extension.empty() && addressKey(address.base, base)) {
@@ -294,7 +294,7 @@ Answer Lookup::maskAnswer(const Road& road, std::string_view text) const {
   try {
     return Answer::ok(EmailAddress::create(s_plainLocal(text), *domain, false).address());
   } catch (const Exception&) {
-    // Too long in the other domain, or no local part: it is no address there.
+    // Too long in the other domain, or without a local part: not an address there.
     return Answer::notFound();
   }
 }
@@ -321,12 +321,12 @@ Answer Lookup::domainAnswer(std::string_view text) const {
   return isServed ? Answer::ok(key) : Answer::notFound();
 }
 
-void Lookup::tellOfLoop(const Road& road, const std::string& key) {
-  const std::vector<std::string> loop = road.image->alias().loop(key);
+void Lookup::reportLoop(const MapRoute& route, const std::string& key) {
+  const std::vector<std::string> loop = route.image->alias().loop(key);
   if (loop.empty()) return;
   m_log.warning(
-      "table " + road.table->sqlName() +
-      ": mail for an alias was refused, as it leads into an alias loop and reaches nobody; "
+      "table " + route.table->sqlName() +
+      ": mail for an alias was rejected because it leads into an alias loop and reaches nobody; "
       "'tsl-address-map check' names it");
   if (!m_log.isDebug()) return;
   std::string text;

@@ -27,30 +27,30 @@ class Lookup {
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  // The reply to `request`, "MAP KEY": any bytes, which come from outside. Counts it. What goes
-  // wrong is told by the reply; throws nothing but std::bad_alloc. Valid until the next call.
+  // The reply to `request`, "MAP KEY": any bytes, which come from outside. Counts it. The reply
+  // reports failures; throws nothing but std::bad_alloc. Valid until the next call.
   const std::string& reply(std::string_view request);
 
  private:
-  // What is known about one map name, as it stands in requests.
-  struct Road;
+  // What is known about one map name of the requests.
+  struct MapRoute;
 
   const std::string& replyAt(std::string_view request, Clock::time_point now);
-  Road* roadOf(std::string_view name);
-  // Why the table of `road` cannot answer; empty when it can. Brings its image up to date.
-  std::string refresh(Road& road, Clock::time_point now);
-  Answer answer(Road& road, std::string_view key, Clock::time_point now);
-  Answer aliasAnswer(const Road& road, std::string_view text, Clock::time_point now);
-  Answer expansion(const Road& road, const std::string& key, std::string_view extension,
+  MapRoute* routeOf(std::string_view name);
+  // Why the table of `route` cannot answer; empty when it can. Brings its image up to date.
+  std::string refresh(MapRoute& route, Clock::time_point now);
+  Answer answer(MapRoute& route, std::string_view key, Clock::time_point now);
+  Answer aliasAnswer(const MapRoute& route, std::string_view text, Clock::time_point now);
+  Answer expansion(const MapRoute& route, const std::string& key, std::string_view extension,
                    Clock::time_point now);
-  Answer page(const Road& road, const std::string& key, std::string_view extension,
+  Answer page(const MapRoute& route, const std::string& key, std::string_view extension,
               Clock::time_point now);
   [[nodiscard]] bool isPageOfAnyTable(std::string_view key, Clock::time_point now) const;
-  Answer maskAnswer(const Road& road, std::string_view text) const;
+  Answer maskAnswer(const MapRoute& route, std::string_view text) const;
   [[nodiscard]] Answer mailboxAnswer(std::string_view text) const;
   [[nodiscard]] Answer domainAnswer(std::string_view text) const;
-  void tellOfLoop(const Road& road, const std::string& key);
-  // `text` without its extension, when the settings want it looked up so; otherwise nothing is cut.
+  void reportLoop(const MapRoute& route, const std::string& key);
+  // `text` without its extension, when the settings ask for that; otherwise unchanged.
   [[nodiscard]] ExtendedAddress cut(std::string_view text) const;
   // The extension that the addresses of an answer get.
   [[nodiscard]] std::string_view kept(const ExtendedAddress& address) const;
@@ -66,7 +66,7 @@ class Lookup {
   Tables& m_tables;
   Metrics& m_metrics;
   Log& m_log;
-  std::map<std::string, std::unique_ptr<Road>, std::less<>> m_roads;
+  std::map<std::string, std::unique_ptr<MapRoute>, std::less<>> m_routes;
   std::string m_reply;
   Map m_map = Map::None;  // Of the request that is being answered.
   Result m_result = Result::Perm;

@@ -18,7 +18,7 @@ struct Answer {
   Result result = Result::NotFound;
   // The addresses of `Ok`, never empty; the reason of `Temp` and `Perm`, without any address.
   std::string data;
-  // True when it holds for a moment only, even while the tables stay as they are.
+  // True when it is valid for a moment only, even while the tables do not change.
   bool isVolatile = false;
 
   static Answer ok(std::string data) { return {Result::Ok, std::move(data), false}; }
@@ -27,7 +27,7 @@ struct Answer {
   static Answer perm(std::string why) { return {Result::Perm, std::move(why), false}; }
 
   // What goes to the mail server. A blank follows the word even when nothing follows the blank: the
-  // protocol wants it.
+  // protocol requires it.
   [[nodiscard]] std::string reply() const {
     static constexpr std::string_view s_words[s_results] = {"OK ", "NOTFOUND ", "TEMP ", "PERM "};
     std::string reply(s_words[static_cast<std::size_t>(result)]);

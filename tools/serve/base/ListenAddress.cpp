@@ -22,7 +22,7 @@ using Tool::Failure;
 // The permissions that a file can have, without set-id and sticky bits.
 constexpr unsigned int s_allPermissions = 0777;
 
-// Characters of a path, which needs a NUL behind it.
+// Characters of a path, which needs a NUL after it.
 constexpr std::size_t s_maxPath = sizeof(sockaddr_un::sun_path) - 1;
 
 constexpr char s_unixExample[] =
@@ -32,7 +32,7 @@ constexpr char s_kindExample[] =
     "write unix:/run/tsl/map.sock or inet:127.0.0.1:8025; with unix-line: or inet-line: it speaks "
     "the line protocol";
 
-// One value of the option, for what is said about it.
+// One value of the option, for messages about it.
 class Reader {
  public:
   explicit Reader(std::string_view value) : m_value(value) {}
@@ -52,7 +52,7 @@ class Reader {
   std::string_view m_value;
 };
 
-// The text before the first `separator` of `rest`, which becomes what is behind it.
+// The text before the first `separator` of `rest`, which becomes what is after it.
 std::string_view s_cut(std::string_view& rest, char separator) {
   const std::size_t end = std::min(rest.find(separator), rest.size());
   const std::string_view first = rest.substr(0, end);
@@ -60,7 +60,7 @@ std::string_view s_cut(std::string_view& rest, char separator) {
   return first;
 }
 
-// The whole of `text` as a number without sign in `base`; nothing when it is none or too large.
+// The whole of `text` as a number without sign in `base`; nothing when it is not one or too large.
 std::optional<unsigned int> s_number(std::string_view text, int base) {
   unsigned int number = 0;
   const char* const end = text.data() + text.size();
@@ -112,17 +112,17 @@ void Reader::readUnix(std::string_view text, ListenAddress& address) const {
   address.path = path;
   const bool endsWithComma = m_value.back() == ',';
   while (!text.empty()) readUnixOption(s_cut(text, ','), address);
-  if (endsWithComma) fail("nothing is behind the last comma", s_unixExample);
+  if (endsWithComma) fail("there is nothing after the last comma", s_unixExample);
 }
 
 void Reader::readUnixOption(std::string_view option, ListenAddress& address) const {
   std::string_view text = option;
   const std::string_view name = s_cut(text, '=');
   if (name == "mode") {
-    if (address.mode) fail("mode is there twice", s_unixExample);
+    if (address.mode) fail("mode is given twice", s_unixExample);
     address.mode = modeOf(text);
   } else if (name == "group") {
-    if (!address.group.empty()) fail("group is there twice", s_unixExample);
+    if (!address.group.empty()) fail("group is given twice", s_unixExample);
     if (text.empty()) fail("group has no name", s_unixExample);
     address.group = text;
   } else {
@@ -142,11 +142,11 @@ void Reader::readInet(std::string_view text, ListenAddress& address) const {
     if (text.find(':') == std::string_view::npos) fail("the port is missing", s_inetExample);
     address.host = s_cut(text, ':');
     if (text.find(':') != std::string_view::npos) {
-      fail("an IPv6 address stands in brackets", s_inetExample);
+      fail("an IPv6 address needs brackets", s_inetExample);
     }
   }
   if (!s_isNumericHost(address.host, isV6 ? AF_INET6 : AF_INET)) {
-    fail("'" + address.host + "' is no " + (isV6 ? "IPv6" : "IPv4") +
+    fail("'" + address.host + "' is not an " + (isV6 ? "IPv6" : "IPv4") +
              " address; names are not looked up",
          s_inetExample);
   }
@@ -156,7 +156,7 @@ void Reader::readInet(std::string_view text, ListenAddress& address) const {
 std::uint16_t Reader::portOf(std::string_view text) const {
   const std::optional<unsigned int> port = s_number(text, 10);
   if (!port || *port > UINT16_MAX) {
-    fail("'" + std::string(text) + "' is no port; ports go from 0 to 65535", s_inetExample);
+    fail("'" + std::string(text) + "' is not a port; ports go from 0 to 65535", s_inetExample);
   }
   return static_cast<std::uint16_t>(*port);
 }
@@ -164,7 +164,7 @@ std::uint16_t Reader::portOf(std::string_view text) const {
 mode_t Reader::modeOf(std::string_view text) const {
   const std::optional<unsigned int> mode = s_number(text, 8);
   if (!mode || *mode > s_allPermissions) {
-    fail("'" + std::string(text) + "' are no permissions; they are octal, from 0 to 0777",
+    fail("'" + std::string(text) + "' is not a mode; modes are octal, from 0 to 0777",
          s_unixExample);
   }
   return *mode;

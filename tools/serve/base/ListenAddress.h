@@ -1,4 +1,4 @@
-// Where the lookup service listens, as its option `--listen` says it.
+// Where the lookup service listens, as its option `--listen` says.
 #ifndef TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
 #define TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
 
@@ -11,7 +11,7 @@
 
 namespace Tessel::Serve {
 
-// A place to listen at. A value.
+// A place to listen on. A value.
 struct ListenAddress {
   enum class Kind { Unix, Inet };
 
@@ -19,7 +19,7 @@ struct ListenAddress {
   bool isLineProtocol = false;  // Lines instead of netstrings.
 
   // Of a Unix socket: its absolute path, which fits into a socket address with its NUL, and what
-  // the file is given if it was said: permissions, and a group by name (empty for none).
+  // the option says about the file: permissions, and a group by name (empty for none).
   std::string path;
   std::optional<mode_t> mode;
   std::string group;
@@ -32,7 +32,7 @@ struct ListenAddress {
 
 // Reads "unix:/PATH[,mode=0660][,group=NAME]" or "inet:HOST:PORT", with "inet:[::1]:PORT" for IPv6;
 // "unix-line:" and "inet-line:" for lines. Throws Tool::Failure, ExitCode::Usage, which says what
-// is wrong and gives an example. Looks at no file, group or network. Any thread.
+// is wrong and gives an example. Does not look at files, groups or the network. Any thread.
 ListenAddress parseListenAddress(std::string_view value);
 
 }  // namespace Tessel::Serve

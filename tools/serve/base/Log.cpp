@@ -43,7 +43,7 @@ void Log::write(LogLevel level, std::string_view text) noexcept {
     line.append(Tool::printable(text)).append("\n");
     m_descriptor.with([&line](int descriptor) { s_writeAll(descriptor, line); });
   } catch (const std::exception&) {
-    // Nobody is left to be told.
+    // There is nobody left to report this to.
   }
 }
 

@@ -33,7 +33,7 @@ class Log {
 
   const LogLevel m_level;
   const bool m_hasPriorities;
-  Guarded<int> m_descriptor;  // Takes one line at a time.
+  Guarded<int> m_descriptor;  // Locked for one line at a time.
 };
 
 }  // namespace Tessel::Serve

@@ -1,4 +1,4 @@
-// What the lookup service counts, for Prometheus. No address ever gets in.
+// What the lookup service counts, for Prometheus. Never contains an address.
 #ifndef TSL_TOOLS_SERVE_BASE_METRICS_H
 #define TSL_TOOLS_SERVE_BASE_METRICS_H
 
@@ -20,7 +20,7 @@ class Registry;
 namespace Tessel::Serve {
 
 // The maps that a mail server may ask, in the order of their names in Metrics.cpp. `None` counts
-// what asks for no map.
+// requests that ask for no map.
 enum class Map : std::size_t { Alias, MaskPublic, MaskPrivate, Mailbox, Domain, None };
 inline constexpr std::size_t s_maps = 6;
 
@@ -36,17 +36,17 @@ class Metrics {
   void answered(Map map, Result result, Clock::duration latency);
   // An answer was taken from the cache of answers.
   void cacheHit();
-  // An answer came from an image that cannot be compared with its table at present.
+  // An answer came from an image that cannot be compared with its table now.
   void staleAnswer();
-  // The database could not be asked.
+  // The database did not answer.
   void databaseError();
-  // A table was read again, or could not be.
+  // A table was reread, or could not be.
   void rebuilt(Clock::duration took);
   void rebuildFailed();
-  // A connection began or ended.
+  // A connection was opened or closed.
   void connectionOpened();
   void connectionClosed();
-  // A connection was ended for what it sent, or for what it did not send or take in time.
+  // A connection was closed because of what it sent, or did not send or read in time.
   void malformedRequest();
   void timedOut();
 

@@ -1,4 +1,4 @@
-// How the lookup service is to work, as its command line says it.
+// How the lookup service works, as its command line says.
 #ifndef TSL_TOOLS_SERVE_BASE_SETTINGS_H
 #define TSL_TOOLS_SERVE_BASE_SETTINGS_H
 
@@ -27,9 +27,9 @@ enum class ExtensionRule {
 struct Settings {
   std::vector<ListenAddress> listen;
   std::optional<ListenAddress> metrics;
-  std::vector<std::string> tables;  // Store names; empty for all that there are.
+  std::vector<std::string> tables;  // Store names; empty for all tables.
   std::chrono::milliseconds refresh{1000};
-  std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: for ever.
+  std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: forever.
   std::string snapshot;  // Directory; empty for none.
   std::size_t maxReply = 100000;
   std::size_t page = 500;

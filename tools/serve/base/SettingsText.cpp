@@ -25,12 +25,12 @@ constexpr std::array<Unit, 5> s_units{{{"ms", milliseconds(1)},
                                        {"h", std::chrono::hours(1)},
                                        {"d", std::chrono::hours(24)}}};
 
-// So that no sum of times gets out of hand.
+// So that no sum of times overflows.
 constexpr std::uint64_t s_longestTime = milliseconds(std::chrono::hours(24) * 10000).count();
 
 [[noreturn]] void s_refuse(const std::string& option, const std::string& text,
                            const std::string& hint) {
-  throw Tool::Failure(Tool::ExitCode::Usage, option, "'" + text + "' is no value for it", hint);
+  throw Tool::Failure(Tool::ExitCode::Usage, option, "'" + text + "' is not a value for it", hint);
 }
 
 // Reads the number that `text` begins with, and takes it away. False when there is none.

@@ -12,7 +12,7 @@
 namespace Tessel::Serve {
 
 // Each reads the value `text` of the option `option` and throws Tool::Failure, ExitCode::Usage,
-// with what may stand there, when it is none. Any thread.
+// with what is allowed, when it is not one. Any thread.
 
 // A time: a number with its unit, "250ms", "1s", "5m", "1h" or "2d"; `least` at least.
 std::chrono::milliseconds parseTime(const std::string& option, const std::string& text,

@@ -1,5 +1,5 @@
-// The keys of addresses. Plain ASCII, which nearly all addresses are, takes a short way in one
-// pass; ICU is asked about everything beyond ASCII.
+// The keys of addresses. Plain ASCII, which nearly all addresses are, takes a fast path in one
+// pass; ICU handles everything beyond ASCII.
 #include "serve/image/AddressKey.h"
 
 #include <algorithm>
@@ -63,14 +63,15 @@ constexpr std::array<char, 256> s_plainTable() {
 }
 constexpr std::array<char, 256> s_plain = s_plainTable();
 
-// ICU fails for lack of memory or of its data only: the answer is unknown then, not "no address".
+// ICU fails for lack of memory or of its data only: then the answer is unknown, not "not an
+// address".
 void s_require(UErrorCode status) {
   if (U_SUCCESS(status)) return;
   if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
   throw std::runtime_error(std::string("The Unicode library failed: ") + u_errorName(status));
 }
 
-// What ICU is asked through. Immutable, so any thread may use it at any time.
+// The ICU objects in use. Immutable, so any thread may use it at any time.
 struct Unicode {
   Unicode();
 
@@ -91,8 +92,8 @@ Unicode::Unicode() {
   s_require(status);
 }
 
-// Made by the first call. Throws when there is no memory or ICU lacks its data; the next call tries
-// again.
+// Created by the first call. Throws when there is no memory or ICU lacks its data; the next call
+// tries again.
 const Unicode& s_unicode() {
   static const Unicode s_instance;
   return s_instance;
@@ -136,7 +137,7 @@ icu::UnicodeString s_folded(const icu::UnicodeString& text) {
   return composed;
 }
 
-// Appends what the quoted string `text` stands for. `splitAddress` has seen that it is one.
+// Appends the content of the quoted string `text`. `splitAddress` has seen that it is one.
 void s_appendUnquoted(std::string_view text, std::string& out) {
   for (std::size_t i = 1; i + 1 < text.size(); ++i) {
     if (text[i] == '\\') ++i;
@@ -193,7 +194,7 @@ bool s_appendDomainKey(std::string_view text, std::string& key) {
   return s_isAscii(text) ? s_appendAsciiDomain(text, key) : s_appendUnicodeDomain(text, key);
 }
 
-// The short way. False when `text` is anything but a plain address, good or bad.
+// The fast path. False when `text` is anything but a plain address, good or bad.
 bool s_plainKey(std::string_view text, std::string& key) {
   std::size_t at = text.size();
   char before = '@';
@@ -205,7 +206,7 @@ bool s_plainKey(std::string_view text, std::string& key) {
       if (i == 0 || at != text.size()) return false;
       at = i;
     }
-    // Behind the "@", a dot must end a label.
+    // After the "@", a dot must end a label.
     if (c == '.' && at != text.size() && (before == '.' || before == '@')) return false;
     key[i] = c;
     before = c;

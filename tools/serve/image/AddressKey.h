@@ -15,14 +15,14 @@ namespace Tessel::Serve {
 
 // Puts the key of the address `text` into `key`: the key of its local part, "@", and that of its
 // domain. False when `text` is no address: broken UTF-8, control characters, more than 254 octets,
-// 64 before the "@" or 255 behind it, or parts that have no key; `key` holds anything then.
+// 64 before the "@" or 255 after it, or parts that have no key; `key` holds anything then.
 //
-// A local part is a quoted string, or stands for itself: mail servers that ask without the quotes
-// ask `a b@example.com` for `"a b"@example.com`. Its key is without quotes, composed (NFC), and
-// without letter case by simple folding, one character to one character. Full folding would take
-// two people's addresses for one: "strasse" and "stra\u00dfe". A key may be longer than its text.
-// Deliberate: the address `""@example.com` has no key. Without its quotes it would be what mail
-// servers ask for a whole domain.
+// A local part is a quoted string or plain text: mail servers that ask without the quotes ask `a
+// b@example.com` for `"a b"@example.com`. Its key is without quotes, composed (NFC), and without
+// letter case by simple folding, one character to one character. Full folding would make one
+// address of two people's: "strasse" and "stra\u00dfe". A key may be longer than its text.
+// Deliberate: the address `""@example.com` has no key. Without its quotes it would be the request
+// that mail servers make for a whole domain.
 bool addressKey(std::string_view text, std::string& key);
 
 // Puts the key of the domain `text` into `key`: its ASCII form by UTS #46 (non-transitional) in
@@ -32,9 +32,9 @@ bool addressKey(std::string_view text, std::string& key);
 // that UTS #46 refuses; `key` holds anything then.
 bool domainKey(std::string_view text, std::string& key);
 
-// Splits the address `text` at its "@" into parts that lie in it: behind the quoted string that it
-// begins with, otherwise at the only "@". False when there is no such place or a part is empty;
-// the parts are unspecified then.
+// Splits the address `text` at its "@" into views of it: after the quoted string that it begins
+// with, otherwise at the only "@". False when there is no such place or a part is empty; the parts
+// are unspecified then.
 bool splitAddress(std::string_view text, std::string_view& local, std::string_view& domain);
 
 }  // namespace Tessel::Serve

@@ -91,7 +91,7 @@ Expansion AliasImage::expand(std::string_view key) const {
   expansion.dependsOnUsers = reached.size() == 1 && Tool::isMarker(reached.begin()->address());
   expansion.addresses = AddressAliasDbMySQL::withAllUsers(alias, reached);
   for (const EmailAddress& address : expansion.addresses) {
-    // A marker that is left is no mailbox: mail to it would reach whoever has that name.
+    // A marker that is left is not a mailbox: mail to it would reach whoever has that name.
     if (!address.domain().empty() || !Tool::isMarker(address.address())) continue;
     expansion.kind = Expansion::Kind::NoUsers;
     return expansion;

@@ -14,19 +14,19 @@
 
 namespace Tessel::Serve {
 
-// What an address stands for.
+// What an address expands to.
 struct Expansion {
   enum class Kind {
     NoAlias,
     Found,    // `addresses` are the final addresses, at least one.
     Nobody,   // An alias that reaches nobody.
     Broken,   // An alias whose row, or that of an alias it leads to, cannot be read.
-    NoUsers,  // An alias for all users of a domain whose users cannot be told.
+    NoUsers,  // An alias for all users of a domain whose users are unknown.
   };
 
   Kind kind = Kind::NoAlias;
   std::set<EmailAddress> addresses;
-  // True when it rests on the mail users of the configuration too, which change on their own.
+  // True when it also depends on the mail users of the configuration, which change independently.
   bool dependsOnUsers = false;
 };
 
@@ -40,7 +40,7 @@ class AliasImage {
   AliasImage(const AliasImage&) = delete;
   AliasImage& operator=(const AliasImage&) = delete;
 
-  // What the address with `key` stands for; `key` is as addressKey() gives it.
+  // What the address with `key` expands to; `key` is as addressKey() gives it.
   [[nodiscard]] Expansion expand(std::string_view key) const;
 
   // An alias loop that the alias with `key` leads into, its first address also at the end; empty

@@ -16,7 +16,7 @@ namespace Tessel::Serve {
 class LeftOutRows {
  public:
   struct Row {
-    std::string name;  // The first column, as it stands in the table.
+    std::string name;  // The first column, as it is in the table.
     std::string why;
   };
 
@@ -25,13 +25,13 @@ class LeftOutRows {
            const std::string& key);
 
   [[nodiscard]] std::size_t count() const noexcept { return m_rows.size(); }
-  // All of them, as they stand in the table: who reads them again leaves them out again.
+  // All of them, as they are in the table: reading them again leaves them out again.
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
   // The first of them: enough to find out what is wrong with a table.
   [[nodiscard]] const std::vector<Row>& first() const noexcept { return m_first; }
-  // True when there are addresses of which it is not known what they stand for.
+  // True when there are addresses whose rows are unknown.
   [[nodiscard]] bool hasKeys() const noexcept { return !m_keys.empty(); }
-  // True when the row of the address with `key` is one of them: what it stands for is not known.
+  // True when the row of the address with `key` is one of them: what it leads to is unknown.
   [[nodiscard]] bool hasKey(std::string_view key) const { return m_keys.contains(key); }
 
  private:

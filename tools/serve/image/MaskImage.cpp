@@ -39,7 +39,7 @@ class MaskImage::Reader {
     }
   }
 
-  // Ends the reading.
+  // Completes the image.
   void finish() {
     std::string key;
     for (const auto& [privateDomain, publicDomain] : m_domains) {
@@ -51,7 +51,7 @@ class MaskImage::Reader {
  private:
   // One of the two addresses of a row.
   struct Side {
-    // `parsed` is empty where `text` is no address: somebody may ask for it all the same.
+    // `parsed` is empty where `text` is no address: somebody may still ask for it.
     Side(std::string_view text, std::string_view parsed) : address(parsed) {
       if (!addressKey(parsed.empty() ? text : parsed, key)) key.clear();
     }
@@ -72,7 +72,7 @@ class MaskImage::Reader {
 
   MaskImage& m_image;
   Tool::RowReader m_reader{Tool::TableKind::Mask};
-  // Private to public domain as the library orders them: the last row of a private domain counts.
+  // Private to public domain as the library orders them: the last row of a private domain wins.
   std::map<std::string, std::string> m_domains;
 };
 

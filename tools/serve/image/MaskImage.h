@@ -35,8 +35,8 @@ class MaskImage {
   [[nodiscard]] std::optional<std::string> findDomain(Direction direction,
                                                       std::string_view key) const;
 
-  // True when a row of the address with `key` cannot be read: what the table has for it is not
-  // known. The key of a wildcard row is "*@" and that of its domain.
+  // True when a row of the address with `key` cannot be read: what the table has for it is unknown.
+  // The key of a wildcard row is "*@" and that of its domain.
   [[nodiscard]] bool isBroken(Direction direction, std::string_view key) const {
     return direction == Direction::ToPublic ? m_leftOut.hasKey(key) : m_brokenPublic.contains(key);
   }

@@ -35,7 +35,7 @@ std::string s_newToken() {
   return token;
 }
 
-// The name of a page, taken apart.
+// The parts of the name of a page.
 struct PageName {
   std::string_view token;
   std::size_t number = 0;
@@ -138,7 +138,7 @@ Pages::Set Pages::make(const std::string& token, const std::string& key,
   for (const std::string& address : addresses) {
     const bool isItself = addressKey(address, addressOf) && addressOf == key;
     if (!isItself) others.push_back(address);
-    // One spelling of it is enough, and leaves room for a page beside it.
+    // One spelling of it is enough, and leaves room for another page.
     if (isItself && itself.empty()) itself.push_back(address);
   }
   // The top of `level`, with the alias itself.
@@ -150,7 +150,7 @@ Pages::Set Pages::make(const std::string& token, const std::string& key,
   PageList level = cut(others);
   while (level.size() > 1 || cut(top(level)).size() > 1) {
     Page names;
-    // Nobody could ask for them: they would be no addresses.
+    // Nobody could ask for them: they would not be addresses.
     if (s_address(token, s_mostPages, domain).size() > s_maxAddress) {
       throw std::length_error("the name of the domain is too long for pages");
     }
@@ -165,7 +165,7 @@ Pages::Set Pages::make(const std::string& token, const std::string& key,
   return set;
 }
 
-// Lets go of what was not asked for lately, and of the oldest when there is too much even so.
+// Drops what was not asked for lately, and the oldest if there is still too much.
 void Pages::makeRoom(Kept& kept, Clock::time_point now) {
   while (kept.byToken.size() > 1) {
     auto oldest = kept.byToken.begin();

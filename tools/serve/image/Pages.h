@@ -1,5 +1,5 @@
-// Long answers in pages: the mail server gets addresses of pages instead, and asks for each of them
-// as it does for every address of an answer.
+// Long answers in pages: the mail server gets addresses of pages instead, and looks each of them up
+// like every address of an answer.
 #ifndef TSL_TOOLS_SERVE_IMAGE_PAGES_H
 #define TSL_TOOLS_SERVE_IMAGE_PAGES_H
 
@@ -29,8 +29,8 @@ class Pages {
   // True when `addresses` fit into one answer.
   [[nodiscard]] bool fit(const std::vector<std::string>& addresses) const;
 
-  // The addresses of pages that stand for `addresses`, the expansion of the alias with `key`, which
-  // do not fit into one answer. An alias that names itself stands beside its pages: on one of them
+  // The addresses of pages that hold `addresses`, the expansion of the alias with `key`, which do
+  // not fit into one answer. An alias that names itself is listed next to its pages: on one of them
   // a mail server would take it for one more alias. The same addresses give the same pages again.
   // Throws std::system_error when the system has no random numbers, std::length_error when the name
   // of the domain leaves no room for the addresses of pages.
@@ -42,8 +42,7 @@ class Pages {
   static bool isPage(std::string_view key);
 
   // What is on the page; nothing when it is gone: after an hour in which it was not asked for, or
-  // when there are too many of them. It stays the same while it is there, whatever becomes of the
-  // alias.
+  // when there are too many of them. It never changes, whatever happens to the alias.
   std::optional<std::vector<std::string>> find(std::string_view key, Clock::time_point now);
 
  private:
@@ -54,7 +53,7 @@ class Pages {
   struct Set {
     std::string token;
     std::string key;  // Of the alias.
-    PageList pages;   // Pages of pages come behind those that they name.
+    PageList pages;   // Pages of pages come after those that they name.
     Page top;
     std::size_t size = 0;  // Bytes of all addresses.
     Clock::time_point used;

@@ -34,7 +34,7 @@ class RowStore {
 
  private:
   struct Row {
-    const char* text;  // Both columns, one behind the other.
+    const char* text;  // Both columns, one after the other.
     std::uint32_t firstSize;
     std::uint32_t secondSize;
   };

@@ -106,7 +106,7 @@ std::string_view s_checked(std::string_view content, std::uint64_t& count) {
   return content.substr(0, content.size() - s_end);
 }
 
-// When the file was last changed. One from the future counts as from now.
+// When the file was last changed. A time in the future is taken as now.
 Clock::time_point s_changed(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) s_fail(path);
@@ -139,8 +139,8 @@ void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image
       file.write(column);
     }
   };
-  // Those that cannot be read cannot be read from the file either, so that their addresses go on
-  // counting as unknown.
+  // Those that cannot be read cannot be read from the file either, so that their addresses stay
+  // unknown.
   std::uint64_t count = 0;
   for (const RowStore* const rows : {&image.rows(), &image.leftOut().rows()}) {
     for (RowStore::Id id = 0; id < rows->size(); ++id) writeRow(rows->first(id), rows->second(id));

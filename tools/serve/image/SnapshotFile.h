@@ -1,4 +1,4 @@
-// Images on disk, for starts while the database is away.
+// Images on disk, for starts while the database is unavailable.
 #ifndef TSL_TOOLS_SERVE_IMAGE_SNAPSHOTFILE_H
 #define TSL_TOOLS_SERVE_IMAGE_SNAPSHOTFILE_H
 
@@ -18,16 +18,16 @@ struct Snapshot {
 
 // A directory with one file per table, "SQLNAME.image", which only its owner may read: a line that
 // names the format and one with the name of the table; then each row, as the length of each column
-// (32 bits) before its bytes, rows that cannot be read behind the others; and at the end the number
+// (32 bits) before its bytes, rows that cannot be read after the others; and at the end the number
 // of rows (64 bits) and the CRC-32 of all before (32 bits), all in the byte order of the host. A
-// file is written under another name and renamed, so it is whole or not there. The time of its last
-// change tells when the table was last seen to be like it.
+// file is written under another name and renamed, so it is complete or missing. The time of its
+// last change is when the table was last seen to be equal to it.
 //
 // Failures throw std::runtime_error or std::system_error. Any thread may call any operation, each
 // table being saved by one at a time.
 class SnapshotDirectory {
  public:
-  // An empty `path` stands for no directory: there are no names then, and nothing may be saved.
+  // An empty `path` means no directory: names() is empty then, and nothing may be saved.
   explicit SnapshotDirectory(std::string path) : m_path(std::move(path)) {}
 
   [[nodiscard]] bool isWanted() const noexcept { return !m_path.empty(); }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr Clock::rep s_never = std::numeric_limits<Clock::rep>::min();
 
-// A store name that may be served: it stands in file names and in the requests of mail servers.
+// A store name that may be served: it is used in file names and in the requests of mail servers.
 bool s_isServable(std::string_view name) {
   static constexpr std::string_view s_allowed =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.$";
@@ -51,7 +51,7 @@ void Table::publish(ImagePointer image) {
     current.swap(image);
     ++m_generation;
   });
-  // The old image ends here: a large one takes its time to go, not under the lock.
+  // The old image is destroyed here, without the lock: a large one takes time.
 }
 
 std::optional<Clock::duration> Table::age(Clock::time_point now) const noexcept {

@@ -61,7 +61,7 @@ class Table {
   [[nodiscard]] ImagePointer image() const;
   // Changes with each image, so that a holder of one knows that there is a newer one.
   [[nodiscard]] std::uint64_t generation() const noexcept { return m_generation; }
-  // Puts a new image into the place of the old one. Those who still use that keep it alive.
+  // Replaces the image. Threads that still use the old one keep it alive.
   void publish(ImagePointer image);
 
   // The table was found to be as its image has it, by a look that began at `time`.
@@ -78,7 +78,7 @@ class Table {
   std::atomic<Clock::rep> m_confirmed;
 };
 
-// An image that was not compared with its table for this long is one of an outage.
+// If an image was not compared with its table for this long, the database is unavailable.
 inline constexpr Clock::duration s_outage = std::chrono::seconds(5);
 
 // True when an image that is `age` old is too old to answer from.
@@ -95,7 +95,7 @@ class Tables {
 
   // The table of the SQL name; null when it is not served.
   [[nodiscard]] TablePointer find(std::string_view sqlName) const;
-  // Sees to it that the table is served. Null for an SQL name that is not that of a table of the
+  // Makes sure that the table is served. Null for an SQL name that is not that of a table of the
   // library, or that the settings leave out.
   TablePointer add(const std::string& sqlName);
   // All of them, in the order of their names.

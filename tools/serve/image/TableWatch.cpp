@@ -1,4 +1,4 @@
-// Keeps the images of the served tables like the tables.
+// Keeps the images of the served tables up to date.
 #include "serve/image/TableWatch.h"
 
 #include <algorithm>
@@ -23,8 +23,8 @@ using std::chrono::milliseconds;
 // Tables that are read at the same time: a small one need not wait for a large one.
 constexpr std::size_t s_readers = 2;
 
-// Until the second of a change is over for sure, more changes of it cannot be told from it: a table
-// that is read in no time is read with each look, another one at these times after it was found.
+// Until the second of a change is certainly over, later changes in it look the same. A small table
+// is reread each time, a larger one at these times after the change was found.
 constexpr milliseconds s_noTime{50};
 constexpr milliseconds s_midway{500};
 constexpr milliseconds s_settled{1250};
@@ -37,8 +37,8 @@ constexpr milliseconds s_retry{1000};
 // Shortest time between two snapshots of a table.
 constexpr std::chrono::seconds s_saveInterval{10};
 
-// MySQL keeps what it answers here for a day unless it is told not to; MariaDB takes that for a
-// comment.
+// MySQL keeps what it answers here for a day unless this hint says otherwise; to MariaDB the hint
+// is a comment.
 constexpr const char s_lookStatement[] =
     "select /*+ SET_VAR(information_schema_stats_expiry=0) */ table_name,"
     " concat_ws(' ', connection_id(), create_time, ifnull(update_time, '-')),"
@@ -137,7 +137,7 @@ void TableWatch::look(Clock::time_point start) {
       compare(row[0], row[1], row[2] == "1", start);
     }
     noteMissing(start);
-    if (m_isFailing) m_log.warning("the database can be asked again");
+    if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
   } catch (const std::exception& exception) {
     fail(Tool::failureOf(exception, "looking for changes").why());
@@ -166,14 +166,14 @@ void TableWatch::compare(const std::string& sqlName, const std::string& print, b
   });
 }
 
-// Tells of tables that were there and are not any more. Their last images stay.
+// Reports tables that existed and are missing now. Their last images stay.
 void TableWatch::noteMissing(Clock::time_point start) {
   m_state.with([&](State& state) {
     for (auto& [name, watched] : state.watched) {
       if (watched.lastLook == start || watched.isMissing) continue;
       watched.isMissing = true;
       watched.readPrint.clear();
-      m_log.warning("table " + name + " is gone; its last rows go on answering");
+      m_log.warning("table " + name + " is gone; its last rows still answer");
     }
   });
 }
@@ -202,7 +202,7 @@ void TableWatch::read(Watched& watched, const std::string& print) {
         m_log.error("table " + table->sqlName() + " cannot be read: " + why);
       }
       now.isFailing = !why.empty();
-      // A table that changes all the time is not read all the time.
+      // At most half of the time is spent rereading a busy table.
       now.readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
       now.isBusy = false;
     });
@@ -221,7 +221,7 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
   const bool isFirst = table.generation() == 0;
   table.publish(image);
   table.confirm(start);
-  // Once for people; a busy table would fill the log.
+  // Reported once at this level: a busy table would fill the log.
   const auto tell = isFirst ? &Log::info : &Log::debug;
   (m_log.*tell)("table " + table.sqlName() + ": " + std::to_string(image->rows().size()) +
                 " rows read in " +
@@ -233,7 +233,7 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
   });
 }
 
-// Tells of the rows that an image leaves out, when it is not as many as the last time.
+// Reports how many rows an image leaves out, when the number has changed.
 void TableWatch::report(const Table& table, const TableImage& image) {
   const LeftOutRows& leftOut = image.leftOut();
   const ImagePointer old = table.image();
@@ -280,7 +280,7 @@ void TableWatch::fail(const std::string& why) {
   m_connection.reset();
   if (m_isFailing) return;
   m_isFailing = true;
-  std::string text = "the database cannot be asked: " + why;
+  std::string text = "the database is unavailable: " + why;
   for (const TablePointer& table : m_tables.all()) {
     const auto age = table->age(Clock::now());
     text += "; table " + table->sqlName() +

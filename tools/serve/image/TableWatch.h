@@ -1,5 +1,5 @@
-// Keeps the images of the served tables like the tables: looks for changes, reads what changed in
-// the background, and puts the new image into the place of the old one.
+// Keeps the images of the served tables up to date: looks for changes, reads changed tables in the
+// background, and replaces their images.
 #ifndef TSL_TOOLS_SERVE_IMAGE_TABLEWATCH_H
 #define TSL_TOOLS_SERVE_IMAGE_TABLEWATCH_H
 
@@ -25,16 +25,16 @@ class Connection;
 
 namespace Tessel::Serve {
 
-// How a change is found without reading a table: the server notes when each table was made and last
-// changed, to the second. A second may see several changes, so a table is read again when the
+// How a change is found without reading a table: the server notes when each table was created and
+// last changed, to the second. A second may see several changes, so a table is read again when the
 // second of its last change is over. What is noted is forgotten when the server restarts, and
-// another server of a cluster notes other times: so the number of the connection is a part of what
-// is compared, and a new connection makes all tables be read.
+// another server of a cluster notes other times: so the number of the connection is compared too,
+// and a new connection rereads all tables.
 //
 // Any thread may call `reload` and `stop`.
 class TableWatch {
  public:
-  // Puts the images of the snapshot directory into place. All references must outlive the object.
+  // Loads the images of the snapshot directory. All references must outlive the object.
   TableWatch(const Settings& settings, Tables& tables, Metrics& metrics, Log& log);
   // Waits for what runs.
   ~TableWatch();
@@ -43,9 +43,9 @@ class TableWatch {
 
   // Begins to watch, on threads of its own.
   void start();
-  // Reads all tables anew, over new connections.
+  // Rereads all tables, over new connections.
   void reload();
-  // Ends the watch. False when something still runs after `patience`, which waits for the database
+  // Stops watching. False when something still runs after `patience`, which waits for the database
   // then; it must not be destroyed before that ends.
   bool stop(std::chrono::milliseconds patience);
 
@@ -94,7 +94,7 @@ class TableWatch {
   void readNow(Table& table, const std::string& print, Clock::time_point start);
   void report(const Table& table, const TableImage& image);
   void save(Watched& watched, Clock::time_point now);
-  // Changes what is known of `table`, and tells those who wait.
+  // Changes what is known of `table`, and notifies those who wait.
   template <class Change>
   void note(const Table& table, Change change);
   void fail(const std::string& why);

@@ -31,7 +31,7 @@ constexpr int s_backlog = 4096;
 
 [[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
                          const std::string& hint) {
-  throw Failure(ExitCode::Configuration, "listening at " + where,
+  throw Failure(ExitCode::Configuration, "listening on " + where,
                 what + ": " + std::generic_category().message(error), hint);
 }
 
@@ -47,15 +47,15 @@ const sockaddr* s_generic(const Address& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// Refuses a path that somebody listens at, or that is no socket.
+// Refuses a path that somebody listens on, or that is not a socket.
 void s_checkPath(const std::string& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) return;
   if (!S_ISSOCK(status.st_mode)) {
-    throw Failure(ExitCode::Configuration, "listening at " + path, "there is another file",
+    throw Failure(ExitCode::Configuration, "listening on " + path, "there is another file",
                   "give another path, or remove the file");
   }
-  // Not blocking: a service whose queue is full would not let it come back.
+  // Non-blocking: connecting to a service whose queue is full would not return.
   const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (probe == -1) s_fail(path, "no socket", errno, "");
   const sockaddr_un address = s_unixAddress(path);
@@ -65,14 +65,14 @@ void s_checkPath(const std::string& path) {
   // Any other failure is that of a socket that is in use: its queue is full, it is for datagrams,
   // or this user may not connect.
   if (result != 0 && (error == ECONNREFUSED || error == ENOENT)) return;
-  throw Failure(ExitCode::Configuration, "listening at " + path, "another service listens there",
-                "end it first, or give another path");
+  throw Failure(ExitCode::Configuration, "listening on " + path, "another service listens there",
+                "stop it first, or give another path");
 }
 
 gid_t s_group(const std::string& name, const std::string& path) {
   const group* const found = getgrnam(name.c_str());
   if (found != nullptr) return found->gr_gid;
-  throw Failure(ExitCode::Configuration, "listening at " + path, "there is no group '" + name + "'",
+  throw Failure(ExitCode::Configuration, "listening on " + path, "there is no group '" + name + "'",
                 "give one of 'getent group'");
 }
 
@@ -102,7 +102,7 @@ ListenSocket::ListenSocket(ListenSocket&& other) noexcept
       m_path(std::exchange(other.m_path, {})),
       m_inode(other.m_inode) {}
 
-// The socket is made under another name and renamed when it is ready, so that at any moment the
+// The socket is created under another name and renamed when it is ready, so that at any moment the
 // path leads to a service, the one before or this one.
 void ListenSocket::listenUnix(const ListenAddress& address) {
   const std::string& path = address.path;
@@ -122,7 +122,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   umask(old);
   if (result != 0) {
     s_fail(path, "the directory cannot be written", error,
-           "make the directory, writable for the user of the service");
+           "create the directory, writable for the user of the service");
   }
   m_path = made;
   struct stat status {};
@@ -157,7 +157,7 @@ void ListenSocket::listenInet(const ListenAddress& address) {
   setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   const int result = isInet ? bind(m_descriptor, s_generic(inet), sizeof(inet))
                             : bind(m_descriptor, s_generic(inet6), sizeof(inet6));
-  if (result != 0) s_fail(where, "bind", errno, "give a free port of an address of this host");
+  if (result != 0) s_fail(where, "bind", errno, "give a free port on an address of this host");
   if (listen(m_descriptor, s_backlog) != 0) s_fail(where, "listen", errno, "");
 }
 
@@ -195,7 +195,7 @@ std::vector<ListenSocket> inheritedSockets() {
     sockets.emplace_back(descriptor, isLine);
     if (sd_is_socket(descriptor, AF_UNSPEC, SOCK_STREAM, 1) <= 0) {
       throw Failure(ExitCode::Configuration, "the sockets of systemd",
-                    "one of them is no listening stream socket",
+                    "one of them is not a listening stream socket",
                     "the socket unit must use ListenStream=");
     }
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);

@@ -10,14 +10,14 @@
 namespace Tessel::Serve {
 
 // A listening socket, non-blocking. The object closes it, and removes the file of a Unix socket
-// that it made unless another one has taken its place. One thread.
+// that it created unless another one replaced it. One thread.
 class ListenSocket {
  public:
-  // Listens at `address`. The socket of a service that ended without removing it is replaced; the
+  // Listens on `address`. The socket of a service that ended without removing it is replaced; the
   // file has its mode and group before anybody can connect. Throws Tool::Failure, ExitCode::Usage
-  // or Configuration, when it cannot be done.
+  // or Configuration, when it cannot listen there.
   explicit ListenSocket(const ListenAddress& address);
-  // Takes over the socket `descriptor`, which systemd made, and its file.
+  // Takes over the socket `descriptor`, which systemd created, and its file.
   ListenSocket(int descriptor, bool isLineProtocol);
   ~ListenSocket();
   ListenSocket(ListenSocket&& other) noexcept;
@@ -25,7 +25,7 @@ class ListenSocket {
 
   [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
   [[nodiscard]] bool isLineProtocol() const noexcept { return m_isLineProtocol; }
-  // For people: where it listens.
+  // Where it listens, for messages.
   [[nodiscard]] std::string name() const;
   // The descriptor, which is the caller's from now on. The file stays the object's.
   int release() noexcept;
@@ -44,8 +44,8 @@ class ListenSocket {
 };
 
 // The sockets that systemd handed over (LISTEN_FDS, see sd_listen_fds(3)): those named "line" are
-// for the line protocol. Empty when it handed over none. Throws Tool::Failure for what is no
-// listening stream socket.
+// for the line protocol. Empty when it handed over none. Throws Tool::Failure for a descriptor that
+// is not a listening stream socket.
 std::vector<ListenSocket> inheritedSockets();
 
 }  // namespace Tessel::Serve

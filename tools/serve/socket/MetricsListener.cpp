@@ -78,7 +78,7 @@ MetricsListener::MetricsListener(const std::string& address, Pages pages) {
   } catch (const CivetException&) {
     throw Tool::Failure(Tool::ExitCode::Configuration, "listening for metrics at " + address,
                         "the address cannot be used",
-                        "give a free port of an address of this host, as in "
+                        "give a free port on an address of this host, as in "
                         "--metrics 127.0.0.1:9321");
   }
 }

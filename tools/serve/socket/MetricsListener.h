@@ -9,8 +9,8 @@
 namespace Tessel::Serve {
 
 // Serves GET on /metrics (Prometheus), /health (200 while the service works) and /ready (200 when
-// all tables can be asked, 503 with the reason otherwise). The functions are called from threads of
-// its own. One thread makes and destroys it.
+// all tables can answer, 503 with the reason otherwise). The functions are called from threads of
+// its own. One thread creates and destroys it.
 class MetricsListener {
  public:
   struct Pages {
@@ -18,8 +18,8 @@ class MetricsListener {
     std::function<std::string()> unready;  // Why the service is not ready; empty when it is.
   };
 
-  // Listens at `address`, "127.0.0.1:9321" or "[::1]:9321". Throws Tool::Failure,
-  // ExitCode::Configuration, when it cannot.
+  // Listens on `address`, "127.0.0.1:9321" or "[::1]:9321". Throws Tool::Failure,
+  // ExitCode::Configuration, when it cannot listen there.
   MetricsListener(const std::string& address, Pages pages);
   ~MetricsListener();
   MetricsListener(const MetricsListener&) = delete;

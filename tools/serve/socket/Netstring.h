@@ -8,14 +8,14 @@
 
 namespace Tessel::Serve {
 
-// What stands at the front of a buffer. A value; `payload` lies in the buffer and lives as long as
-// the buffer stays as it is.
+// What is at the front of a buffer. A value; `payload` lies in the buffer and lives as long as the
+// buffer stays as it is.
 struct NetstringFrame {
   enum class State {
     NeedMore,   // The beginning of a frame, or nothing yet.
     Frame,      // A whole frame.
-    Malformed,  // No netstring, whatever follows.
-    TooLong,    // A frame longer than is allowed, told by its length.
+    Malformed,  // Not a netstring, whatever follows.
+    TooLong,    // Its length says that it is longer than allowed.
   };
 
   State state;
@@ -24,9 +24,9 @@ struct NetstringFrame {
 };
 
 // The frame at the front of `buffer`, with a payload of at most `maxSize` bytes. The length has no
-// sign, no blanks and no leading zeros. What is wrong is told at the first byte that makes it so,
-// and stays so with more bytes behind. Never looks at the payload, so it costs the same however
-// much of it has arrived. Never fails; any thread.
+// sign, no blanks and no leading zeros. A fault is reported at the first wrong byte, and stays with
+// more bytes after it. Never looks at the payload, so the cost does not depend on how much of it
+// has arrived. Never fails; any thread.
 NetstringFrame parseNetstring(std::string_view buffer, std::size_t maxSize) noexcept;
 
 // Appends the frame of `payload` to `out`. Any thread.

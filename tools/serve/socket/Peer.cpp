@@ -18,9 +18,9 @@ namespace Tessel::Serve {
 namespace {
 
 constexpr std::size_t s_readSize = 65536;
-// Room that is kept for replies between requests.
+// Room for replies that is kept between requests.
 constexpr std::size_t s_smallOutput = 64;
-// Replies that are put together before the mail server must take them.
+// Bytes of replies that are composed before the mail server must read them.
 constexpr std::size_t s_muchToSend = 262144;
 
 // True when the last call failed only because it would have had to wait.
@@ -73,8 +73,8 @@ void Peer::drain() {
   finish();
 }
 
-// Answers what has arrived by now. What arrives later is not waited for, but for the rest of a
-// request: a mail server that goes on asking must not hold up the end.
+// Answers what has arrived by now. Waits for the rest of a request, but for nothing else: a mail
+// server that keeps asking must not delay the exit.
 void Peer::finish() {
   int waiting = 0;
   if (!isOpen() || ioctl(m_descriptor, FIONREAD, &waiting) != 0) return close();
@@ -139,7 +139,7 @@ std::size_t Peer::answerFrames(std::string_view received) {
     if (frame.state == NetstringFrame::State::TooLong) {
       refuse("the request is too long");
     } else if (frame.state == NetstringFrame::State::Malformed) {
-      refuse("this is no netstring");
+      refuse("this is not a netstring");
     } else {
       answerOne(frame.payload);
       used += frame.consumed;
@@ -176,7 +176,8 @@ void Peer::answerOne(std::string_view request) {
   }
 }
 
-// Answers what is no request, and ends the connection: where the next request begins is not known.
+// Replies to what is not a request, and closes the connection: nobody knows where the next request
+// begins.
 void Peer::refuse(std::string_view why) {
   m_shared.metrics.malformedRequest();
   const std::string reply = Answer::perm(std::string(why)).reply();
@@ -202,7 +203,7 @@ void Peer::sendAtOnce() {
   m_output.append(replies);
 }
 
-// Sends as much as the mail server takes; goes on with requests that had to wait for that.
+// Sends as much as the mail server takes; then answers the requests that waited for that.
 void Peer::send() {
   while (isOpen()) {
     if (!m_output.empty()) {
@@ -238,7 +239,8 @@ void Peer::waitForRoom(bool isWanted) {
   if (epoll_ctl(m_shared.events, EPOLL_CTL_MOD, m_descriptor, &event) != 0) close();
 }
 
-// A request must be whole, and replies be taken, in time; between requests there is more of it.
+// A request must be complete, and replies must be read, in time; between requests there is more
+// time.
 void Peer::setDeadline() {
   const bool hasInput = m_output.empty() && !m_input.empty();
   if (hasInput && m_hadInput) return;

@@ -14,8 +14,8 @@
 namespace Tessel::Serve {
 
 // Reads requests and writes a reply to each, in order. While replies wait for the mail server to
-// take them, nothing more is read from it. Between requests it has no buffers, so that thousands of
-// idle connections cost next to nothing. One thread.
+// take them, nothing more is read from it. It has no buffers between requests, so thousands of idle
+// connections cost next to nothing. One thread.
 class Peer {
  public:
   // What the connections of a thread share; the references must outlive them.
@@ -23,14 +23,14 @@ class Peer {
     const Settings& settings;
     Lookup& lookup;
     Metrics& metrics;
-    int events;               // The epoll descriptor that all of them wait at.
+    int events;               // The epoll descriptor that waits for all of them.
     std::string input;        // Room for what is read at once.
     std::string output;       // Replies that are being put together.
     Clock::time_point now{};  // When the events that are being handled were taken.
   };
 
   // Takes over the socket `descriptor`. `shared` must outlive the object. `closed` is called once,
-  // when the connection has ended.
+  // when the connection is closed.
   Peer(int descriptor, bool isLineProtocol, Shared& shared, std::function<void()> closed);
   ~Peer();
   Peer(const Peer&) = delete;
@@ -39,13 +39,13 @@ class Peer {
   // Has the thread wait for requests; the events carry the address of the object, which must stay
   // until it is closed and the events that were taken are handled.
   void start();
-  // Goes on after an event: reads and answers, or sends what waits.
+  // Handles an event: reads and answers, or sends what waits.
   void proceed();
-  // Ends the connection when its time is over at `now`.
+  // Closes the connection if its time is over at `now`.
   void endIfLate(Clock::time_point now);
-  // Answers what has arrived and ends the connection then.
+  // Answers what has arrived, then closes the connection.
   void drain();
-  // Ends the connection at once.
+  // Closes the connection at once.
   void close();
   [[nodiscard]] bool isOpen() const { return m_descriptor != -1; }
 
@@ -71,7 +71,7 @@ class Peer {
   std::string m_input;              // The beginning of a request.
   std::string m_output;             // What the mail server has not taken yet.
   bool m_hasMore = false;           // `m_input` may hold whole requests, which wait for `m_output`.
-  bool m_isEnding = false;          // The connection ends when `m_output` is sent.
+  bool m_isEnding = false;          // The connection is closed when `m_output` is sent.
   bool m_isWaitingForRoom = false;  // Rather than for requests.
   bool m_isDraining = false;
   Clock::time_point m_deadline;

@@ -111,7 +111,7 @@ void Worker::run() {
   }
 }
 
-// Ends what is late, and forgets what has ended.
+// Closes connections that are late, and forgets those that are closed.
 void Worker::sweep() {
   for (Peer& peer : m_peers) peer.endIfLate(m_shared.now);
   m_peers.remove_if([](const Peer& peer) { return !peer.isOpen(); });

@@ -19,25 +19,26 @@ namespace Tessel::Serve {
 
 // Any thread may call the operations; the connections are used by the worker's thread alone.
 //
-// The thread waits by epoll(7) itself: with the completions of an event library each request took
-// one call of the system more, of the three that it takes here, and up to 1.4 times the time. See
-// `serveLoad` of the benchmarks.
+// The thread waits by epoll(7) itself. The completions of an event library took four system calls
+// for each request instead of three, and up to 1.4 times the time. See `serveLoad` of the
+// benchmarks.
 class Worker {
  public:
   // Starts the thread. All references must outlive the object. `closed` is called on the thread
-  // after each connection that ended. Throws std::system_error when it cannot be made.
+  // after each connection that was closed. Throws std::system_error when the thread cannot be
+  // started.
   Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
          std::function<void()> closed);
-  // Ends all connections at once, and the thread.
+  // Closes all connections at once, and ends the thread.
   ~Worker();
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
   // Takes over the socket `descriptor` of a connection.
   void take(int descriptor, bool isLineProtocol);
-  // Has each connection answer what it was asked, and ends it then.
+  // Has each connection answer what it was asked, then closes it.
   void drain();
-  // Asks the thread for a sign of life, and tells whether it has given the last one.
+  // Asks the thread for a sign of life. True if it has given the last one.
   bool isAlive();
   // Number of connections.
   [[nodiscard]] std::size_t connections() const noexcept { return m_count; }
@@ -67,7 +68,7 @@ class Worker {
   Lookup m_lookup;
   Peer::Shared m_shared;
   const std::function<void()> m_closed;
-  std::list<Peer> m_peers;  // Those that have ended go with the next sweep.
+  std::list<Peer> m_peers;  // The next sweep removes those that are closed.
   bool m_isEnding = false;
   std::atomic<std::size_t> m_count = 0;
   std::atomic<bool> m_isAsked = false;
