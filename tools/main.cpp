@@ -23,21 +23,19 @@ constexpr char s_footer[] =
     "  tsl-address-map --local alias expand team@example.com\n"
     "  tsl-address-map --option-file /etc/mail/database.cnf status\n"
     "\n"
-    "Global options may stand before or after the command words. Results go to standard output, "
-    "one\n"
-    "item per line or, with --json, as one JSON document; everything else goes to standard error.\n"
+    "Global options may come before or after the command words. Results go to standard output,\n"
+    "one item per line or, with --json, as one JSON document; everything else goes to standard\n"
+    "error.\n"
     "\n"
-    "Exit codes: 0 found or done, 1 not found, 64 wrong usage, 65 bad data (an address or a row of "
-    "a\n"
-    "table is malformed), 74 the answer could not be written, 75 the database or the "
-    "configuration\n"
-    "could not be asked, 78 wrong settings.\n"
+    "Exit status: 0 found or done, 1 not found, 64 wrong usage, 65 bad data (an address or a row\n"
+    "of a table is malformed), 74 the answer could not be written, 75 the database or the\n"
+    "configuration could not be asked, 78 wrong settings.\n"
     "\n"
     "The database server is the one that the MySQL option files name, groups [client] and\n"
-    "[tsl-address-map], unless --local or --option-file (environment: TSL_DATABASE_OPTION_FILE) "
-    "is\n"
-    "given. The configuration directory is that of TSL_CMF_PATH, or /var/lib/tsl/cmf.\n"
-    "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' tell more.";
+    "[tsl-address-map], unless --local or --option-file (environment:\n"
+    "TSL_DATABASE_OPTION_FILE) is given. The configuration directory is that of TSL_CMF_PATH,\n"
+    "or /var/lib/tsl/cmf.\n"
+    "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' say more.";
 
 void s_addGlobalOptions(Command& top, Settings& settings) {
   top.flagWithValue("--local", settings.local, "[=DIR]",
@@ -49,7 +47,7 @@ void s_addGlobalOptions(Command& top, Settings& settings) {
   top.option("--table", settings.table, "NAME", "Use the tables alias_NAME and mask_NAME");
   top.flag("--json", settings.json, "Answer with one JSON document");
   top.flag("--verbose", settings.verbose,
-           "Tell what is asked, show the SQL, and the whole chain of a failure");
+           "Show which server and table are asked, the SQL, and the whole chain of a failure");
 }
 
 void s_addCommands(Command& top) {
@@ -72,7 +70,7 @@ bool s_isList(std::string_view word) {
   return !literal || word.find('@') != std::string_view::npos;
 }
 
-// The parser takes some words for its own notation and would change or drop them without a word.
+// The parser treats some words as its own notation and would silently change or drop them.
 void s_refuseParserNotation(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view word = argv[i];
@@ -82,7 +80,7 @@ void s_refuseParserNotation(int argc, const char* const* argv) {
     }
     if (word == "++" || s_isList(word)) {
       throw Failure(ExitCode::Usage, "argument '" + std::string(word) + "'",
-                    "it is no address, domain or option", "see 'tsl-address-map --help'");
+                    "it is not an address, a domain or an option", "see 'tsl-address-map --help'");
     }
   }
 }
@@ -95,7 +93,7 @@ ExitCode s_run(const Choice& chosen, const Settings& settings) {
     session.output().flush();
     return code;
   } catch (const std::exception& exception) {
-    // What was answered before the failure comes first.
+    // Answers from before the failure come first.
     static_cast<void>(std::fflush(stdout));
     const Failure failure = failureOf(exception, chosen.words);
     report(failure);
@@ -105,7 +103,7 @@ ExitCode s_run(const Choice& chosen, const Settings& settings) {
 }
 
 ExitCode s_parseAndRun(int argc, char** argv) {
-  CommandLine line("Looks after the alias tables and address masks of a mail server.", s_footer);
+  CommandLine line("Manages the alias tables and address masks of a mail server.", s_footer);
   Command top = line.top();
   Settings settings;
   s_addGlobalOptions(top, settings);
@@ -122,7 +120,7 @@ ExitCode s_parseAndRun(int argc, char** argv) {
 }
 
 // A socket or file that is opened while a standard descriptor is closed would take its place, and
-// receive what is meant for people.
+// receive the messages.
 void s_occupyStandardDescriptors() {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     // Open for the wrong direction on purpose: using it is an error, as it is for a closed one.
@@ -138,7 +136,7 @@ void s_occupyStandardDescriptors() {
 int main(int argc, char** argv) {
   try {
     Tessel::Tool::s_occupyStandardDescriptors();
-    // Writes report a reader that has gone; `Output` ends the process quietly then.
+    // A write reports a closed reader; `Output` then ends the process quietly.
     std::signal(SIGPIPE, SIG_IGN);
     // A limit on file sizes must show as a failed write.
     std::signal(SIGXFSZ, SIG_IGN);

@@ -89,7 +89,7 @@ TEST(ProgressBarTest, LeavesTheLastColumnFreeAtAnyWidth) {
        milliseconds(99999999)},
       {"writing", "rows", 1, 1000000000000, milliseconds(999)},
       {"reading", "lines", 123456789, std::nullopt, milliseconds(1)},
-      {"looking for ways", "aliases", 0, std::nullopt, milliseconds(0)}};
+      {"looking for paths", "aliases", 0, std::nullopt, milliseconds(0)}};
   for (const ProgressState& state : states) {
     for (std::size_t columns = 0; columns < 200; ++columns) {
       EXPECT_LT(progressBar(state, columns).size(), std::max<std::size_t>(columns, 1));

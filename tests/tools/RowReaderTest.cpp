@@ -92,9 +92,9 @@ TEST(RowReader, EachFaultHasItsTypeAndItsWords) {
 TEST(RowReader, ANulHidesNothing) {
   RowReader reader(TableKind::Alias);
   EXPECT_EQ(reader.read("a@d\0,x"sv, "b@d"), RowFault::BadKey);
-  EXPECT_EQ(reader.why(), "bad alias: it holds a NUL character");
+  EXPECT_EQ(reader.why(), "bad alias: it contains a NUL character");
   EXPECT_EQ(reader.read("a@d", "b@d\0,c@d"sv), RowFault::BadValue);
-  EXPECT_EQ(reader.why(), "bad members: it holds a NUL character");
+  EXPECT_EQ(reader.why(), "bad members: it contains a NUL character");
 }
 
 TEST(RowReader, NothingStaysOfTheRowBefore) {

@@ -44,7 +44,7 @@ setup() { empty_tables; }
   equal "$output" '[]'
 }
 
-@test "an address that is no alias is not found" {
+@test "an address that is not an alias is not found" {
   run -1 --separate-stderr tool alias show nobody@example.com
   equal "$output" ""
   equal "$stderr" "tsl-address-map: no alias nobody@example.com in table alias"
@@ -64,7 +64,7 @@ setup() { empty_tables; }
   equal "$(sql 'select count(*) from alias')" 0
 }
 
-@test "what is no address is refused, and shown without control characters" {
+@test "what is not an address is refused, and shown without control characters" {
   for bad in '' ' ' nobody @example.com a@b@c $'a@example.com\nb@example.com' \
     $'\e]0;title\a@example.com' "$(printf 'x%.0s' {1..300})@example.com"; do
     run -65 --separate-stderr tool alias show "$bad"
@@ -114,7 +114,7 @@ setup() { empty_tables; }
   contains "$stderr" "another domain has no effect"
   run -65 tool alias set all@example.com postmaster
   run -0 --separate-stderr tool alias set all@example.com allusers_example.com ann@example.com
-  contains "$stderr" "warning: 'allusers_example.com' stands for all users only when"
+  contains "$stderr" "warning: 'allusers_example.com' means all users only when"
 }
 
 @test "list of a domain takes neither patterns nor other domains" {
@@ -172,7 +172,7 @@ setup() { empty_tables; }
   run -75 tool alias list --table "$(printf 'x%.0s' {1..58})"
 }
 
-@test "verbose tells what is asked and what was done" {
+@test "verbose reports what is asked and what was done" {
   run -0 --separate-stderr tool --verbose alias set team@example.com ann@example.com
   equal "$output" ""
   contains "$stderr" "database ts_address_map, table alias"

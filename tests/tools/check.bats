@@ -56,7 +56,7 @@ finds() {
   contains "$output" "mail reaches the other members"
 }
 
-@test "members that nobody has, told once" {
+@test "members that nobody has, reported once" {
   tool user add ann@users.example
   rows a@x.example:ann@users.example,ghost@users.example b@x.example:GHOST@users.example,cid@x.example
   finds 65 $'warning\tdangling-member\talias\tghost@users.example'
@@ -196,7 +196,7 @@ finds() {
   run -0 tool alias set d@x.example ann@x.example
 }
 
-@test "set allows an alias that names itself, and an alias loop that it is no part of" {
+@test "set allows an alias that names itself, and an alias loop that it does not belong to" {
   rows a@x.example:b@x.example b@x.example:a@x.example
   run -0 tool alias set self@x.example SELF@x.example ann@x.example
   run -0 tool alias set top@x.example a@x.example

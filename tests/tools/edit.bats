@@ -79,7 +79,7 @@ at_terminal() {
   equal "$(aliases)" "team@example.com:ann@example.com,carl@example.com"
   run -0 --separate-stderr tool alias drop team@example.com carl@example.com x@example.com --json
   equal "$output" '{"address":"team@example.com","members":["ann@example.com"],"dropped":["carl@example.com"],"removed":false}'
-  contains "$stderr" "x@example.com is no member of team@example.com"
+  contains "$stderr" "x@example.com is not a member of team@example.com"
   run -1 --separate-stderr tool alias drop team@example.com x@example.com
   run -1 --separate-stderr tool alias drop other@example.com x@example.com
   equal "$stderr" "tsl-address-map: no alias other@example.com in table alias"
@@ -273,7 +273,7 @@ at_terminal() {
   equal "$output$stderr" ""
   run -0 --separate-stderr tool table create sales --json
   equal "$output" '{"name":"sales","created":[]}'
-  contains "$stderr" "table alias_sales is there already"
+  contains "$stderr" "table alias_sales exists already"
   run -0 tool table create press --kind mask --json
   equal "$output" '{"name":"press","created":["mask_press"]}'
   tool --table sales alias set team@example.com ann@example.com
@@ -307,7 +307,7 @@ at_terminal() {
   run -64 tool table create
   sql 'create table alias_foreign (price int)'
   run -65 --separate-stderr tool table drop foreign --yes
-  contains "$stderr" "no table of this library"
+  contains "$stderr" "not a table of this library"
   equal "$(sql 'show tables like "alias_foreign"')" alias_foreign
   sql 'drop table alias_foreign'
   printf '[client]\nsocket="%s"\n' "$BATS_TEST_TMPDIR/none" >none.cnf
@@ -353,9 +353,9 @@ at_terminal() {
   contains "$stderr" "leave --domain out"
   printf '%s\n' 'ann:x:1000:1000:Ann:/home/ann:/bin/bash' 'x:y' 'b b:x:1002:2:::' 'c:x:-1:1:::' >bad
   run -65 --separate-stderr cmf user import bad --domain example.com
-  contains "$stderr" "bad:2: it has not the seven fields"
+  contains "$stderr" "bad:2: it does not have the seven fields"
   contains "$stderr" "bad:3: "
-  contains "$stderr" "bad:4: the user number '-1' is no number"
+  contains "$stderr" "bad:4: the user number '-1' is not a number"
 }
 
 @test "user import: bad lines are named, and nothing is written" {
@@ -368,7 +368,7 @@ at_terminal() {
   contains "$stderr" "users.txt:4: a user name that needs quotes"
   contains "$stderr" "users.txt:5: there is no domain example.org in the configuration"
   contains "$stderr" "users.txt:6: "
-  contains "$stderr" "users.txt:7: it holds a NUL"
+  contains "$stderr" "users.txt:7: it contains a NUL"
   equal "$(cmf user list example.com)" ""
   run -65 cmf user import missing.txt
   run -64 cmf user import

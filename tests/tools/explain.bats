@@ -78,7 +78,7 @@ depth 2, aliases: 2, final addresses: 2, repeated: 0, cycles: 0, dangling: 0"
   tool domain remove users.example
 }
 
-@test "tree: a configuration that cannot be read is told, and what is known is shown" {
+@test "tree: a configuration that cannot be read is reported, and what is known is shown" {
   rows all@users.example:allusers_users.example team@users.example:ann@users.example
   mkdir "$BATS_TEST_TMPDIR/none"
   run -78 --separate-stderr tool alias tree all@users.example --cmf "$BATS_TEST_TMPDIR/none"
@@ -231,13 +231,13 @@ all@x.example -> team@x.example -> bob@x.example')"
   equal "$output" $'b@x.example -> bob@x.example\na@x.example -> b@x.example -> bob@x.example\nself@x.example -> b@x.example -> bob@x.example'
 }
 
-@test "who: three ways of each alias, or all of them" {
+@test "who: three paths of each alias, or all of them" {
   rows top@x.example:a@x.example,b@x.example,c@x.example,d@x.example,e@x.example \
     a@x.example:z@x.example b@x.example:z@x.example c@x.example:z@x.example \
     d@x.example:z@x.example e@x.example:z@x.example
   run -0 --separate-stderr tool alias who z@x.example
   equal "$(grep -c '^top' <<<"$output")" 3
-  contains "$stderr" "1 of 6 aliases have more ways; --all-paths shows them"
+  contains "$stderr" "1 of 6 aliases have more paths; --all-paths shows them"
   run -0 --separate-stderr tool alias who z@x.example --all-paths
   equal "$(grep -c '^top' <<<"$output")" 5
   equal "$stderr" ""

@@ -3,7 +3,7 @@
 
 load helper
 
-# Addresses that are hard on a line format, each beside one that differs from it.
+# Addresses that are hard on a line format, each next to one that differs from it.
 ODD_LOCALS=('plain' '"co:lon"' '"com,ma"' '"qu\"ote"' '"back\\slash"' '"a b"' '" "' '"@"' '":"' '"\\\":,"'
   "o'brien" '%' '_' 'a+b' '{x}' '*' '"<x>"' '"(x)"' '"[x:"' $'jos\xc3\xa9' $'\xe6\x97\xa5\xe6\x9c\xac'
   $'"\xe2\x82\xac:\xe2\x82\xac"' $'\xef\xbb\xbfbom' '""' '"a;b"' '"--"' '"../x"' '#c' '"x."')
@@ -175,16 +175,16 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   local number
   for number in 2 4 5 6 7 8 9 10 11; do contains "$stderr" "tsl-address-map: in.txt:$number: "; done
   [[ "$stderr" != *in.txt:1:* && "$stderr" != *in.txt:3:* ]]
-  contains "$stderr" "in.txt:8: the alias GOOD@example.com stands in line 1 already"
-  contains "$stderr" "in.txt:10: it holds a NUL character"
-  contains "$stderr" "in.txt:11: it holds a NUL character"
+  contains "$stderr" "in.txt:8: the alias GOOD@example.com is in line 1 already"
+  contains "$stderr" "in.txt:10: it contains a NUL character"
+  contains "$stderr" "in.txt:11: it contains a NUL character"
   contains "$stderr" "nothing was written"
   equal "$(sql 'select count(*) from alias')" 0
   printf '%s\n' a@inner.example:x@example.com A@inner.example:y@example.com b@inner.example:X@example.com \
     c@inner.example: d@inner.example:x,y d@inner.example >in.txt
   run -65 --separate-stderr tool mask import in.txt
-  contains "$stderr" "in.txt:2: the private address A@inner.example stands in line 1 already"
-  contains "$stderr" "in.txt:3: the public address X@example.com stands in line 1 already"
+  contains "$stderr" "in.txt:2: the private address A@inner.example is in line 1 already"
+  contains "$stderr" "in.txt:3: the public address X@example.com is in line 1 already"
   contains "$stderr" "in.txt:4: the public address is empty"
   contains "$stderr" "in.txt:5: bad public address"
   contains "$stderr" "in.txt:6: there is no colon"
@@ -371,7 +371,7 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   done
   run -74 bash -c '"$TSL_TOOL" --local="$SERVER" alias export >/dev/full'
   equal "$(ls -A)" directory
-  # A disk that is full: the old file stays, and nothing beside it.
+  # A disk that is full: the old file stays, and nothing next to it.
   numbered 1 5000 a m | tool alias import -
   printf old >out.txt
   run -74 --separate-stderr bash -c 'ulimit -f 8; "$TSL_TOOL" --option-file "$SERVER/client.cnf" alias export out.txt'
@@ -490,7 +490,7 @@ wait_until_idle() {
   done
 }
 
-@test "an interrupted export leaves the old file and nothing beside it" {
+@test "an interrupted export leaves the old file and nothing next to it" {
   numbered 1 3000 a old | tool alias import -
   echo before >out.txt
   # The server makes it wait while it reads, so that the signal comes in the middle.

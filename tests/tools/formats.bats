@@ -78,7 +78,7 @@ found_trip() {
 
 @test "aliases: virtual brings back what it can express" {
   { odd_names; special_names | grep -v ' '; } | table_of example.com >in.txt
-  # A blank in a member is no matter.
+  # A blank in a member makes no difference.
   echo 'spaced@example.com:"two words"@example.com' >>in.txt
   tool alias import in.txt --format native
   equal "$(sql 'select count(*) from alias')" 35
@@ -223,7 +223,7 @@ root:          ann,
 team@example.net: ann@example.com
 END
   run -65 --separate-stderr tool alias import aliases
-  contains "$stderr" "its format cannot be told"
+  contains "$stderr" "its format cannot be recognised"
   run -0 tool alias import aliases --format aliases --domain example.com
   equal "$output" "5 added, 0 changed, 0 left, 0 removed"
   equal "$(tool alias list)" \
@@ -245,10 +245,10 @@ f:
 END
   before=$(aliases)
   run -65 --separate-stderr tool alias import special --domain example.com
-  contains "$stderr" "special:2: the target ':include:/etc/list' is no address: it includes a file"
-  contains "$stderr" "special:3: the target '|/usr/bin/filter' is no address: it delivers to a command"
-  contains "$stderr" "special:4: the target '\"|/usr/bin/vacation ann, bob\"' is no address"
-  contains "$stderr" "special:5: the target '/dev/null' is no address: it delivers to a file"
+  contains "$stderr" "special:2: the target ':include:/etc/list' is not an address: it includes a file"
+  contains "$stderr" "special:3: the target '|/usr/bin/filter' is not an address: it delivers to a command"
+  contains "$stderr" "special:4: the target '\"|/usr/bin/vacation ann, bob\"' is not an address"
+  contains "$stderr" "special:5: the target '/dev/null' is not an address: it delivers to a file"
   contains "$stderr" "special:6: bad members"
   contains "$stderr" "special:7: the members are empty"
   equal "$(aliases)" "$before"
@@ -261,34 +261,34 @@ bad() {
 }
 
 @test "bad lines are named" {
-  bad jsonl "1: it is no JSON object" <<<'{"address":'
-  bad jsonl "1: it is no JSON object" <<<'["a@example.com"]'
-  bad jsonl "2: it has not the keys" <<<$'\n{"address":"a@example.com"}'
-  bad jsonl "1: it has not the keys" <<<'{"address":"a@example.com","members":[],"x":1}'
-  bad jsonl "1: 'address' is no string" <<<'{"address":1,"members":["b@example.com"]}'
-  bad jsonl "1: 'members' is no list" <<<'{"address":"a@example.com","members":"b@example.com"}'
-  bad jsonl "1: 'members' has something" <<<'{"address":"a@example.com","members":[1]}'
+  bad jsonl "1: it is not a JSON object" <<<'{"address":'
+  bad jsonl "1: it is not a JSON object" <<<'["a@example.com"]'
+  bad jsonl "2: it does not have the keys" <<<$'\n{"address":"a@example.com"}'
+  bad jsonl "1: it does not have the keys" <<<'{"address":"a@example.com","members":[],"x":1}'
+  bad jsonl "1: 'address' is not a string" <<<'{"address":1,"members":["b@example.com"]}'
+  bad jsonl "1: 'members' is not a list" <<<'{"address":"a@example.com","members":"b@example.com"}'
+  bad jsonl "1: 'members' contains something" <<<'{"address":"a@example.com","members":[1]}'
   bad jsonl "1: " <<<'{"address":"a@example.com","members":["b@example.com,c@example.com"]}'
   bad jsonl "1: a member is empty" <<<'{"address":"a@example.com","members":[""]}'
-  bad jsonl "1: it holds a NUL" <<<'{"address":"a@example.com","members":["b\u0000@example.com"]}'
-  bad jsonl "1: bad alias: it holds a NUL" <<<'{"address":"a\u0000@example.com","members":["b@example.com"]}'
+  bad jsonl "1: it contains a NUL" <<<'{"address":"a@example.com","members":["b\u0000@example.com"]}'
+  bad jsonl "1: bad alias: it contains a NUL" <<<'{"address":"a\u0000@example.com","members":["b@example.com"]}'
   bad jsonl "1: the members are empty" <<<'{"address":"a@example.com","members":[]}'
   bad csv "1: it is not the header 'address,members'" <<<'a@example.com,b@example.com'
   bad csv "2: there is one field" <<<$'address,members\na@example.com'
   bad csv "2: there are more than two" <<<$'address,members\na@example.com,b@example.com,c@example.com'
   bad csv "2: a field has no closing quote" <<<$'address,members\na@example.com,"b@example.com'
-  bad csv "2: there is text behind a closing" <<<$'address,members\n"a@example.com"x,b@example.com'
-  bad csv "2: a quote stands in a field" <<<$'address,members\na@example.com,b"@example.com'
-  bad virtual "1: there is nothing behind the key" <<<'a@example.com'
+  bad csv "2: there is text after a closing" <<<$'address,members\n"a@example.com"x,b@example.com'
+  bad csv "2: a field without quotes contains a quote" <<<$'address,members\na@example.com,b"@example.com'
+  bad virtual "1: there is nothing after the key" <<<'a@example.com'
   bad virtual "1: it continues a line" <<<' a@example.com b@example.com'
-  bad virtual "1: an alias cannot stand for a whole domain" <<<'@example.com b@example.com'
+  bad virtual "1: an alias cannot mean a whole domain" <<<'@example.com b@example.com'
   bad virtual "2: bad members" <<<$'#\na@example.com b'
-  bad virtual "3: the alias a@example.com stands in line 1" <<<$'a@example.com b@x.example\n\na@example.com c@x.example'
+  bad virtual "3: the alias a@example.com is in line 1" <<<$'a@example.com b@x.example\n\na@example.com c@x.example'
   bad aliases "1: there is no colon" <<<'a@example.com b@example.com'
   bad aliases "1: it continues a line" <<<' a@example.com: b@example.com'
   bad aliases "1: bad members: 'b' has no domain" <<<'a@example.com: b'
   KIND=mask
-  bad jsonl "1: 'public' is no string" <<<'{"private":"a@example.com","public":["b@example.com"]}'
+  bad jsonl "1: 'public' is not a string" <<<'{"private":"a@example.com","public":["b@example.com"]}'
   bad csv "1: it is not the header 'private,public'" <<<'address,members'
   bad virtual "1: a whole domain can be shown as" <<<'@inner.example b@example.com'
   bad virtual "1: a '*' would make it" <<<'*@inner.example *@example.com'
@@ -297,7 +297,7 @@ bad() {
 
 @test "the format is found out, or asked for" {
   run -65 --separate-stderr tool alias import - <<<$'# only a comment'
-  contains "$stderr" "its format cannot be told from its first lines"
+  contains "$stderr" "its format cannot be recognised from its first lines"
   contains "$stderr" "--format native|jsonl|csv|virtual|aliases"
   run -65 tool alias import - <<<$'a@example.com:b@example.com\na@example.com b@example.com'
   run -65 tool alias import - <<<$'# comment\na@example.com:b@example.com'

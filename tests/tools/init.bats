@@ -107,7 +107,7 @@ old_schema() {
   contains "$output" "DROPS THE WHOLE DATABASE"
 }
 
-@test "many at once make one database" {
+@test "many at the same time create one database" {
   for i in 1 2 3 4 5 6; do
     tool alias set "a$i@example.com" b@example.com 3>&- &
   done

@@ -55,7 +55,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   equal "$(rows)" $'ann@inner.example\ta@example.com\nbob@inner.example\tb@example.com'
 }
 
-@test "force changes the row that has either address, and tells what stands there" {
+@test "force changes the row that has either address, and prints what is there" {
   tool mask set ann@inner.example a@example.com
   tool mask set bob@inner.example b@example.com
   # The public address is taken: its row keeps it, no row is added.
@@ -90,7 +90,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   equal "$output" '[]'
 }
 
-@test "what is no pair of the table is not found" {
+@test "what is not a pair of the table is not found" {
   tool mask set ann@inner.example a@example.com
   run -1 --separate-stderr tool mask public nobody@inner.example
   equal "$output" ""
@@ -140,7 +140,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   wait "$pid"
 }
 
-@test "wildcard pairs stand for whole domains" {
+@test "wildcard pairs mean whole domains" {
   tool mask set '*@inner.example' '*@example.com'
   tool mask set ann@inner.example special@example.com
   run -0 tool mask public bob@inner.example
@@ -227,7 +227,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   equal "$(rows)" $'ann@[IPv6:2001:db8::1]\tbob@[192.0.2.1]'
 }
 
-@test "what is no address is refused, and shown without control characters" {
+@test "what is not an address is refused, and shown without control characters" {
   for bad in '' ' ' nobody @example.com a@b@c $'a@example.com\nb@example.com' \
     $'\e]0;title\a@example.com' "$(printf 'x%.0s' {1..300})@example.com"; do
     run -65 --separate-stderr tool mask set "$bad" a@example.com
@@ -321,7 +321,7 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   run -64 tool mask list --nonsense
 }
 
-@test "verbose tells what was done" {
+@test "verbose reports what was done" {
   run -0 --separate-stderr tool --verbose mask set ann@inner.example a@example.com
   contains "$stderr" "database ts_address_map, table mask"
   contains "$stderr" "set ann@inner.example to a@example.com"

@@ -103,7 +103,7 @@ import_at() {
   hold insert
   enter 't alias import in.txt' Enter
   wait_for "$2"
-  # It is drawn again and again, as the rate tells, and in place.
+  # It is drawn again and again, as the rate shows, and in place.
   local before
   before=$(screen)
   wait_until eval '[ "$(screen)" != "$before" ]'

@@ -18,7 +18,7 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   equal "$stderr" ""
   run -0 --separate-stderr cmf domain add EXAMPLE.com
   equal "$output" 1
-  contains "$stderr" "is there already"
+  contains "$stderr" "exists already"
   run -0 cmf domain add example.net --json
   equal "$output" '{"domain":"example.net","id":2,"added":true}'
   run -0 cmf domain list

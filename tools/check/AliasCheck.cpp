@@ -18,7 +18,7 @@ namespace {
 // Part of the members column that may be in use before it is worth a warning, in percent.
 constexpr std::size_t s_fullPercent = 90;
 
-// Finds what shows in single rows.
+// Finds what single rows show.
 class RowCheck : public AliasVisitor {
  public:
   RowCheck(const std::string& table, std::size_t widest, MailUsers& users, Findings& findings)
@@ -28,7 +28,7 @@ class RowCheck : public AliasVisitor {
     const bool hasName = fault != RowFault::BadKey && fault != RowFault::EmptyKey;
     const std::string remove = commandOn(m_table, "alias remove " + shellWord(name));
     add(Severity::Error, "broken-row", name,
-        why + (fault == RowFault::EmptyValue ? ": the library takes it for no alias"
+        why + (fault == RowFault::EmptyValue ? ": the library does not treat it as an alias"
                                              : ": every program that reads the whole table fails"),
         hasName && !remove.empty() ? remove : selectRow(m_table, "name", name));
   }
@@ -81,7 +81,7 @@ class RowCheck : public AliasVisitor {
   AddressIndex m_reported;
 };
 
-// Finds what shows only in the table as a whole.
+// Finds what only the whole table shows.
 class GraphCheck {
  public:
   GraphCheck(const std::string& table, const AliasGraph& graph, MailUsers& users,
@@ -177,10 +177,10 @@ class GraphCheck {
     if (m_users.failure()) return;
     if (!mailboxes) {
       add(Severity::Error, "marker-unknown-domain", alias,
-          "stands for all users of " + domain + ", which the configuration does not know");
+          "means all users of " + domain + ", which the configuration does not know");
     } else if (*mailboxes == 0) {
       add(Severity::Error, "expands-to-nothing", alias,
-          "stands for all users of " + domain + ", which has no user mailbox");
+          "means all users of " + domain + ", which has no user mailbox");
     }
   }
 

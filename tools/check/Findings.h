@@ -1,4 +1,4 @@
-// What is wrong with the tables: findings, as they are told to people and programs.
+// What is wrong with the tables: findings, for people and programs.
 #ifndef TSL_TOOLS_CHECK_FINDINGS_H
 #define TSL_TOOLS_CHECK_FINDINGS_H
 
@@ -16,14 +16,14 @@ namespace Tessel::Tool {
 enum class Severity {
   Notice,   // Worth a look.
   Warning,  // Some answer is not what one would expect.
-  Error,    // Mail is lost or refused, or a table cannot be read.
+  Error,    // Mail is lost or rejected, or a table cannot be read.
 };
 
 struct Finding {
   Severity severity;
   const char* kind;     // A stable name, for programs.
   std::string table;    // Empty where it is about the database or the configuration.
-  std::string address;  // What it is about; may be any text.
+  std::string address;  // The address or text that it is about.
   std::string what;
   std::string command;                 // What to run next; may be empty.
   std::vector<std::string> addresses;  // Others that it is about.
@@ -36,7 +36,7 @@ class Findings {
   explicit Findings(Output& output) : m_list(output) {}
 
   void add(const Finding& finding);
-  // Ends the list and tells people how many there were.
+  // Ends the list and reports how many there were.
   void end();
   // `BadData` when there was an error or a warning.
   [[nodiscard]] ExitCode code() const;

@@ -112,7 +112,7 @@ class MaskCheck {
       std::string others;
       for (std::size_t i = 1; i < domains.size(); ++i) others += (i == 1 ? "" : ", ") + domains[i];
       add(Severity::Warning, "wildcard-ambiguous", "*@" + domains.front(),
-          "of several private domains behind " + publicDomain +
+          "of several private domains with the public domain " + publicDomain +
               " the first by byte order answers, " + domains.front() + "; never found: " + others,
           commandOn(m_table, "mask explain " + shellWord("x@" + publicDomain)));
     }

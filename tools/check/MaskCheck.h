@@ -12,9 +12,9 @@
 namespace Tessel::Tool {
 
 // Adds to `findings` what is wrong with the rows of the SQL table `table`: rows that the library
-// cannot use, addresses that two rows have, wildcard rows that are in each other's way, and chains
-// of pairs. The number of rows, which `count` is told of. Throws Exception when the database cannot
-// answer.
+// cannot use, addresses that two rows have, wildcard rows that conflict, and chains of pairs.
+// Returns the number of rows, which `count` is called with. Throws Exception when the database
+// cannot answer.
 std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
                              Findings& findings, const CountRows& count);
 

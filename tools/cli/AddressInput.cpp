@@ -11,7 +11,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Longer lines of input are no addresses, whatever they hold.
+// Longer lines of input are not addresses, whatever they contain.
 constexpr std::size_t s_maxLine = 4096;
 
 using Answer = std::function<void(const EmailAddress&)>;
@@ -33,8 +33,8 @@ bool s_readLine(std::string& line) {
   return true;
 }
 
-// Answers the text of a list. False when it is no address, which is reported with `place` before
-// the message.
+// Answers the text of a list. False when it is not an address, which is reported with `place`
+// before the message.
 bool s_answer(const std::string& text, const std::string& place, const Answer& answer) {
   EmailAddress address;
   try {

@@ -12,14 +12,14 @@
 
 namespace Tessel::Tool {
 
-// True when one address is asked for on the command line: its answer needs no address beside it.
+// True when one address is asked for on the command line: its answer needs no address in front.
 bool isSingle(const std::vector<std::string>& arguments);
 
 // Calls `answer` for each argument, and where it is "-" for each line of standard input, which is
-// read as it is needed; blank lines are skipped. A text that is no address ends the run by Failure
-// when it is the only one, and is reported with its place otherwise. Returns `Done`, or `BadData`
-// when a text was reported. Throws Failure too when standard input cannot be read; what `answer`
-// throws passes.
+// read as it is needed; blank lines are skipped. A text that is not an address throws Failure if it
+// is the only one, and is otherwise reported with its place. Returns `Done`, or `BadData` when a
+// text was reported. Throws Failure too when standard input cannot be read; exceptions of `answer`
+// pass.
 ExitCode forEachAddress(const std::vector<std::string>& arguments,
                         const std::function<void(const EmailAddress&)>& answer);
 

@@ -90,7 +90,7 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
   return present ? ExitCode::Done : ExitCode::NotFound;
 }
 
-// Tells why there is no answer for `alias`. Throws Failure when its row is broken.
+// Reports why there is no answer for `alias`. Throws Failure when its row is broken.
 void s_explainAbsence(const EmailAddress& alias, const Session& session) {
   const AliasLook look = AliasTable(aliasTableName(session.tableName())).look(alias);
   if (look.kind == AliasLook::Kind::Present)
@@ -149,12 +149,12 @@ void addAliasCommands(Command& top) {
       "  tsl-address-map alias set team@example.com ann@example.com bob@example.net\n"
       "  tsl-address-map alias set all@example.com allusers_example.com\n"
       "Prints nothing; with --json the row: {\"address\", \"members\"}.\n"
-      "The member allusers_DOMAIN, alone, stands for all user mailboxes of the alias's own"
+      "The member allusers_DOMAIN, alone, means all user mailboxes of the alias's own"
       " domain.\n"
       "Programs that have the alias in memory keep its old members until they reopen the table.\n",
       Preparation::Database, withArguments(s_set, arguments));
   set.argument("ADDRESS", arguments->address, "The alias");
-  set.arguments("MEMBER", arguments->members, "An address it stands for");
+  set.arguments("MEMBER", arguments->members, "A member");
   set.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(set, arguments->dryRun);
 
@@ -177,7 +177,7 @@ void addAliasCommands(Command& top) {
       "  tsl-address-map alias list --domain example.com\n"
       "  tsl-address-map alias list | cut -f1\n"
       "One alias per line: ADDRESS<TAB>MEMBER,MEMBER...; with --json a list of {\"address\","
-      " \"members\"}.\nBroken rows are reported on standard error, and the exit code is 65"
+      " \"members\"}.\nBroken rows are reported on standard error, and the exit status is 65"
       " then.\n",
       Preparation::Database, withArguments(s_list, arguments));
   list.option("--domain", arguments->domain, "DOMAIN", "Only the aliases of this domain");

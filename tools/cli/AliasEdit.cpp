@@ -43,7 +43,7 @@ void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress
   });
   if (!marker || members.size() == 1) return;
   say("warning: 'allusers_" + alias.domain() +
-      "' stands for all users only when it is the only member; among others it is taken for an"
+      "' means all users only when it is the only member; among others it is taken for an"
       " address");
 }
 

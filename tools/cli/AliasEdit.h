@@ -13,15 +13,15 @@
 
 namespace Tessel::Tool {
 
-// The members of `alias` that the arguments `texts` are. Throws Failure, `BadData`, for what is no
-// address, and for one without a domain that is not the all-users marker of `alias`.
+// The members of `alias` that the arguments `texts` are. Throws Failure, `BadData`, for what is not
+// an address, and for one without a domain that is not the all-users marker of `alias`.
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                                     const EmailAddress& alias);
 
-// Warns when the all-users marker of `alias` stands beside other members.
+// Warns when the all-users marker of `alias` has other members next to it.
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);
 
-// Refuses to touch the row of another address, which the server takes for the same one.
+// Refuses to touch the row of another address that the server considers equal.
 void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session);
 
 // Refuses `members` when one of `added`, those that are not there yet, leads back to `alias`, and
@@ -29,7 +29,7 @@ void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session
 void refuseCycle(AliasTable& table, const EmailAddress& alias,
                  const std::set<EmailAddress>& members, const std::set<EmailAddress>& added);
 
-// Those of `some` that `members` lacks, or, with `has`, those that it has.
+// The addresses of `some` that are not in `members`, or, with `has`, those that are.
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
                                    const std::set<EmailAddress>& members, bool has);
 

@@ -79,7 +79,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
 
 Members s_parseDropped(const std::vector<std::string>& texts) {
   Members members;
-  // Whatever stands in a table may be taken out of it.
+  // Whatever is in a table may be removed.
   for (const std::string& text : texts) members.insert(parseAddress(text, true));
   return members;
 }
@@ -87,7 +87,7 @@ Members s_parseDropped(const std::vector<std::string>& texts) {
 // What becomes of one row.
 struct Change {
   EmailAddress alias;
-  std::string name;  // As it stands in the table.
+  std::string name;  // As it is in the table.
   Members members;   // What is left; the alias is removed when nothing is.
 
   [[nodiscard]] std::string line() const {
@@ -105,7 +105,7 @@ struct Change {
 void s_refuseEmpty(const Change& change, bool removeEmpty) {
   if (!change.members.empty() || removeEmpty) return;
   throw Failure(ExitCode::BadData, "alias " + change.alias.address(), "it would be left empty",
-                "nothing was changed; give --remove-empty if the alias is to go");
+                "nothing was changed; give --remove-empty to remove the alias");
 }
 
 ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
@@ -131,7 +131,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
   });
   if (!present) sayNoAlias(alias, session);
   for (const EmailAddress& member : pickMembers(wanted, dropped, false)) {
-    if (present) say(member.address() + " is no member of " + alias.address());
+    if (present) say(member.address() + " is not a member of " + alias.address());
   }
   if (!dropped.empty() && !arguments.dryRun) {
     session.detail("dropped " + joined(dropped) + " from " + alias.address());
@@ -169,8 +169,8 @@ Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& m
   return all;
 }
 
-// Asks whether the aliases may go. False when the person says no. Throws Failure when there is
-// nobody to ask.
+// Asks whether the aliases may be removed. False when the answer is no. Throws Failure when there
+// is nobody to ask.
 bool s_mayVanish(const Members& vanishing) {
   for (const EmailAddress& alias : vanishing) {
     say("alias " + alias.address() + " would be left empty, and removed");
@@ -178,7 +178,7 @@ bool s_mayVanish(const Members& vanishing) {
   if (canAsk()) return confirm("Remove " + std::to_string(vanishing.size()) + " aliases?");
   throw Failure(ExitCode::BadData, "alias drop --everywhere",
                 std::to_string(vanishing.size()) + " aliases would be left empty",
-                "nothing was changed; give --yes if they are to go");
+                "nothing was changed; give --yes to remove them");
 }
 
 void s_answerEverywhere(Session& session, const EmailAddress& member, const Everywhere& all,
@@ -200,7 +200,7 @@ void s_answerEverywhere(Session& session, const EmailAddress& member, const Ever
                dryRun);
 }
 
-// Carries out what is agreed upon: `agreed` are the aliases that may vanish, all where it is null.
+// Carries out what was agreed: `agreed` are the aliases that may vanish, all where it is null.
 Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, const Members* agreed,
                              Progress& progress) {
   Everywhere all;
@@ -209,7 +209,7 @@ Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, cons
     all = s_everywhere(table.rowsLocked(), member);
     if (agreed != nullptr && !pickMembers(all.vanishing(), *agreed, false).empty()) {
       throw Failure(ExitCode::Unavailable, "alias drop --everywhere",
-                    "the table has changed meanwhile, and other aliases would be left empty",
+                    "the table changed in the meantime, and other aliases would be left empty",
                     "nothing was changed; try again");
     }
     progress.begin("writing", "aliases", all.changes.size());
@@ -262,20 +262,21 @@ ExitCode s_drop(Session& session, const Arguments& arguments) {
 
 void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
   Command drop = group.command(
-      "drop", "Take members out of an alias, or one out of all aliases",
+      "drop", "Remove members from an alias, or one from all aliases",
       "  tsl-address-map alias drop team@example.com bob@example.net\n"
       "  tsl-address-map alias drop --everywhere bob@example.net --dry-run\n"
       "Of one alias: prints nothing; with --json {\"address\", \"members\", \"dropped\","
       " \"removed\"}; exit 1 when it has none of\nthe members. Everywhere, in one transaction:"
-      " prints the aliases that change (~) or vanish (-); with --json\n{\"member\", \"changed\","
+      " prints the aliases that change (~) or are removed (-); with --json\n{\"member\", "
+      "\"changed\","
       " \"removed\"}; exit 1 when there is none.\n",
       Preparation::Database, withArguments(s_drop, arguments));
   drop.argument("ADDRESS", arguments->address, "The alias; with --everywhere the member");
-  drop.optionalArguments("MEMBER", arguments->members, "A member to take out");
+  drop.optionalArguments("MEMBER", arguments->members, "A member to remove");
   Option everywhere =
-      drop.flag("--everywhere", arguments->everywhere, "Take the member out of all aliases");
+      drop.flag("--everywhere", arguments->everywhere, "Remove the member from all aliases");
   drop.flag("--remove-empty", arguments->removeEmpty,
-            "Remove the alias when no member is left, which is refused otherwise")
+            "Remove the alias if no member is left, which is refused otherwise")
       .excludes(everywhere);
   drop.flag("--yes", arguments->yes,
             "With --everywhere: remove aliases that are left empty without asking")
@@ -288,7 +289,7 @@ void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
 void addAliasEditCommands(Command& group) {
   const auto arguments = std::make_shared<Arguments>();
   Command add = group.command(
-      "add", "Add members to an alias, which is made when it is missing",
+      "add", "Add members to an alias, which is created if it is missing",
       "  tsl-address-map alias add team@example.com carl@example.com\n"
       "Prints nothing; with --json {\"address\", \"members\", \"added\"}, the members being those"
       " that it has then.\n",

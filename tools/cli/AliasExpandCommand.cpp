@@ -44,8 +44,8 @@ class Expander {
  public:
   explicit Expander(const Session& session) : m_session(session) {}
 
-  // Answers in `found`, and tells people what an empty answer means. Throws Failure or Exception
-  // when there is no answer.
+  // Answers in `found`, and reports what an empty answer means. Throws Failure or Exception when
+  // there is no answer.
   Outcome expand(const EmailAddress& address, Addresses& found) {
     withTableFaultsNamed(m_session, [&] { found = ask(address); });
     const Outcome outcome = found.empty() ? explainNothing(address, found) : Outcome::Found;
@@ -55,13 +55,13 @@ class Expander {
 
  private:
   Addresses ask(const EmailAddress& address) {
-    // Preload is a must: without it an address that is not cached is answered as absent, and the
+    // Preload is required: without it an address that is not cached is answered as absent, and the
     // table is never asked.
     if (!m_store) m_store.emplace(AddressMapDb::MySQL, true);
     return m_store->aliasDb(m_session.tableName()).expandAlias(address);
   }
 
-  // The library answers the empty set both for no alias and for an alias that leads nowhere.
+  // The library answers the empty set both without an alias and for an alias that leads nowhere.
   Outcome explainNothing(const EmailAddress& address, Addresses& found) {
     const std::string name = aliasTableName(m_session.tableName());
     if (!m_table) m_table.emplace(name);
@@ -76,7 +76,7 @@ class Expander {
     withTableFaultsNamed(m_session, [&] { found = ask(address); });
     if (!found.empty()) return Outcome::Found;
     say("warning: alias " + address.address() + " of table " + name +
-        " expands to nothing: its members lead back to it, or it stands for all users of a domain"
+        " expands to nothing: its members lead back to it, or it means all users of a domain"
         " that has none");
     return Outcome::ExpandsToNothing;
   }
@@ -114,7 +114,7 @@ class ExpandRun {
         m_list(session.output()),
         m_withAddress(withAddress) {}
 
-  // What an answer means for the exit code; the worst of all that was met.
+  // What an answer means for the exit status; the worst of all that was met.
   [[nodiscard]] ExitCode code() const { return m_code; }
 
   void answer(const EmailAddress& address) {
@@ -124,7 +124,7 @@ class ExpandRun {
     if (outcome != Outcome::Found) m_code = s_worse(m_code, ExitCode::NotFound);
     if (outcome == Outcome::NoAlias && !m_withAddress) sayNoAlias(address, m_session);
     write(address, outcome, found);
-    // Whoever feeds the addresses may wait for this answer.
+    // Whoever writes the addresses may wait for this answer.
     m_session.output().flush();
   }
 
@@ -166,13 +166,13 @@ void addAliasExpandCommand(Command& alias) {
   const auto addresses = std::make_shared<std::vector<std::string>>();
   Command expand = alias.command(
       "expand",
-      "Show the final addresses that mail for an address reaches; exit 1 when it is no alias",
+      "Show the final addresses that mail for an address reaches; exit 1 when it is not an alias",
       "  tsl-address-map alias expand team@example.com\n"
       "  tsl-address-map alias expand team@example.com all@example.com\n"
       "  tsl-address-map alias expand - <addresses.txt\n"
       "For one address: one final address per line. For several, and for '-' (addresses on standard"
-      " input,\none per line): ADDRESS<TAB>FINAL,FINAL... per line, in the order of the input; what"
-      " is no address is\nreported on standard error, and the exit code is 65 then.\n"
+      " input,\none per line): ADDRESS<TAB>FINAL,FINAL... per line, in the order of the input. An"
+      " input that is not an\naddress is reported on standard error, and the exit status is 65.\n"
       "With --json always a list of {\"address\", \"outcome\", \"expansion\"}; the outcome is "
       "found,"
       " no-alias,\nexpands-to-nothing or broken-row.\n",

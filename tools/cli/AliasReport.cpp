@@ -18,7 +18,7 @@ void sayNoAlias(const EmailAddress& alias, const Session& session) {
 Failure brokenRow(const AliasRow& row, const std::string& table) {
   return {ExitCode::BadData, "broken row '" + row.name + "' of table " + table, row.why,
           row.alias.isNull() ? "correct or delete the row with an SQL client, by its name"
-                             : "set its members anew with 'alias set', or remove it with 'alias"
+                             : "set its members with 'alias set', or remove it with 'alias"
                                " remove'"};
 }
 
@@ -37,9 +37,10 @@ void nameTableFault(const Exception& exception, const Session& session) {
   throw Failure(ExitCode::BadData,
                 named ? "reading the alias table" : "reading table mask, which is read as well",
                 reasonOf(exception),
-                named ? "the table has a row that is no valid alias; 'tsl-address-map alias list'"
-                        " names every such row"
-                      : "correct or delete the row with that text with an SQL client");
+                named
+                    ? "the table has a row that is not a valid alias; 'tsl-address-map alias list'"
+                      " names every such row"
+                    : "correct or delete the row with that text with an SQL client");
 }
 
 }  // namespace Tessel::Tool

@@ -17,7 +17,7 @@ namespace Tessel::Tool {
 // The addresses as a list of texts.
 Json jsonOf(const std::set<EmailAddress>& addresses);
 
-// Says that `alias` is no alias of the table.
+// Reports that the table has no alias `alias`.
 void sayNoAlias(const EmailAddress& alias, const Session& session);
 
 // The failure that the broken row `row` of the SQL table `table` is.

@@ -69,7 +69,7 @@ class Explanation {
     return m_counts.at(static_cast<std::size_t>(kind));
   }
 
-  // True for an address that mail is delivered to, and that nobody has.
+  // True for an address that mail is delivered to although nobody has it.
   [[nodiscard]] bool isDangling(const AliasTree::Node& node) const {
     return node.kind == NodeKind::Final && m_dangling.count(*node.address) != 0;
   }
@@ -79,7 +79,7 @@ class Explanation {
     return m_finals.empty() ? s_outcomeNothing : s_outcomeFound;
   }
 
-  // Tells people what the answer lacks. The code to exit with.
+  // Reports what is missing in the answer. The exit status.
   [[nodiscard]] ExitCode tell() const {
     for (const AliasTree::Node& node : m_tree.nodes()) {
       if (node.kind != NodeKind::Broken) continue;
@@ -93,7 +93,7 @@ class Explanation {
     return m_finals.empty() ? ExitCode::NotFound : ExitCode::Done;
   }
 
-  // What is to be said about `node` beside its kind; empty for nothing.
+  // A note on `node`, in addition to its kind; empty for none.
   [[nodiscard]] std::string note(const AliasTree::Node& node) const {
     switch (node.kind) {
       case NodeKind::Repeated:
@@ -219,8 +219,7 @@ void s_writeLines(Output& output, const AliasTree& tree, const Explanation& expl
   output.line(explanation.summary());
 }
 
-// One document, written node by node: a chain may be deeper than a JSON library's own writer can
-// go.
+// One document, written node by node: a chain may be too deep for the writer of the JSON library.
 void s_writeJson(Output& output, const AliasTree& tree, const Explanation& explanation) {
   Json head{{"address", tree.nodes().front().address->address()}};
   head["outcome"] = explanation.outcome();
@@ -231,7 +230,8 @@ void s_writeJson(Output& output, const AliasTree& tree, const Explanation& expla
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     std::string line = s_text(explanation.jsonOf(nodes[i]), true) + ",\"members\":[";
     const std::uint32_t next = i + 1 < nodes.size() ? nodes[i + 1].depth : 0;
-    // A node that is followed by no deeper one ends itself and what it is the last of.
+    // After a node without a deeper one, its own braces and those of its completed parents are
+    // closed.
     for (std::uint32_t depth = nodes[i].depth + 1; depth > next; --depth) line += "]}";
     if (next != 0 && next <= nodes[i].depth) line += ",";
     output.line(line);
@@ -321,7 +321,7 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
 void addAliasTreeCommand(Command& alias) {
   const auto arguments = std::make_shared<Arguments>();
   Command tree = alias.command(
-      "tree", "Show how an alias expands, step by step; exit 1 when it is no alias",
+      "tree", "Show how an alias expands, step by step; exit 1 when it is not an alias",
       "  tsl-address-map alias tree team@example.com\n"
       "  tsl-address-map alias tree team@example.com --dot | dot -Tsvg >team.svg\n"
       "One address per line, the members of an alias indented below it: ADDRESS: KIND [MEMBERS]"

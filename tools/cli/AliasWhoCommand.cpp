@@ -21,16 +21,16 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Ways that are shown of one alias, and how many are looked for at most, as in a net of aliases
-// there may be more than can be counted.
+// Paths that are shown for an alias, and how many are searched at most: a net of aliases may have
+// more than anybody can count.
 constexpr std::size_t s_fewPaths = 3;
 constexpr std::size_t s_mostPaths = 1000;
 constexpr std::size_t s_mostSteps = 1000000;
 
 constexpr std::uint32_t s_farAway = UINT32_MAX;
 
-// Ways of aliases that are farther away are not shown: in a long chain they would be as long,
-// together, as the square of its length.
+// The paths of aliases farther away are not shown: in a long chain, their total length is the
+// square of its length.
 constexpr std::uint32_t s_farthest = 1000;
 
 struct Arguments {
@@ -73,10 +73,10 @@ class Holders : public AliasVisitor {
   bool m_isBroken = false;
 };
 
-// The ways from aliases to those that hold a certain member, shortest first.
+// The paths from aliases to those that have a certain member, shortest first.
 class Ways {
  public:
-  // The ways to `ends`; they pass through `closed` only at their start. `graph` must outlive the
+  // The paths to `ends`; they pass through `closed` only at their start. `graph` must outlive the
   // object.
   Ways(const AliasGraph& graph, const std::vector<AliasGraph::Id>& ends, AliasGraph::Id closed)
       : m_graph(graph), m_distance(graph.links().size(), s_farAway), m_closed(closed) {
@@ -100,12 +100,12 @@ class Ways {
     m_aliases = std::move(queue);
   }
 
-  // The aliases that have a way, the nearest first.
+  // The aliases that have a path, the nearest first.
   [[nodiscard]] const Path& aliases() const { return m_aliases; }
-  // Links on the shortest way of `alias`, `s_farAway` when there is none.
+  // Links on the shortest path of `alias`, `s_farAway` when there is none.
   [[nodiscard]] std::uint32_t distance(AliasGraph::Id alias) const { return m_distance[alias]; }
 
-  // Up to `most` ways of `alias`, none of which passes an alias twice.
+  // Up to `most` paths of `alias`, none of which passes an alias twice.
   [[nodiscard]] std::vector<Path> from(AliasGraph::Id alias, std::size_t most) const {
     std::vector<Path> ways;
     std::vector<Step> steps{{alias, s_farAway, 0}};
@@ -124,24 +124,23 @@ class Ways {
   }
 
  private:
-  // An alias on the beginning of a way, and the place of the one before it.
+  // An alias on the beginning of a path, and the place of the one before it.
   struct Step {
     AliasGraph::Id alias;
     std::uint32_t before;
     std::uint32_t length;  // Links up to here.
   };
 
-  // The beginning of a way, or a whole one, by its last step, and the length that it comes to at
-  // least.
+  // The beginning of a path, or a whole one, by its last step, and the minimum of its total length.
   struct Start {
     std::uint32_t length;
     std::uint32_t step;
     bool isWhole;
-    bool isDirect;  // Has come nearer with each step.
+    bool isDirect;  // Each step came nearer.
   };
 
-  // What comes later: of two of one length that which has not come so far, so that the first way is
-  // found without looking at all of its length.
+  // Which comes later: of two of equal length the less advanced one, so that the first path is
+  // found without a look at all of that length.
   struct Later {
     bool operator()(const Start& a, const Start& b) const {
       if (a.length != b.length) return a.length > b.length;
@@ -171,7 +170,7 @@ class Ways {
     for (auto link = links.rbegin(); link != links.rend(); ++link) {
       const AliasGraph::Id next = *link;
       if (m_distance[next] == s_farAway || next == m_closed) continue;
-      // What comes nearer all the time cannot come by again; a look back would cost its length.
+      // A path that always comes nearer cannot meet an alias twice; a check would cost its length.
       const bool isDirect = start.isDirect && m_distance[next] < m_distance[last.alias];
       if (!isDirect && isSeen(steps, start.step, next)) continue;
       const auto step = static_cast<std::uint32_t>(steps.size());
@@ -186,19 +185,19 @@ class Ways {
   Path m_aliases;
 };
 
-// Writes the ways to an address.
+// Writes the paths to an address.
 class Report {
  public:
   // Both references must outlive the object.
   Report(Session& session, const AliasGraph& graph, bool allPaths)
       : m_session(session), m_graph(graph), m_list(session.output()), m_allPaths(allPaths) {}
 
-  // The ways of `alias`, with `last` behind each.
+  // The paths of `alias`, with `last` at the end of each.
   void add(const Ways& ways, AliasGraph::Id alias, const std::vector<std::string>& last) {
     ++m_count;
     if (ways.distance(alias) > s_farthest) return addFar(alias, ways.distance(alias), last.back());
     const std::size_t most = m_allPaths ? s_mostPaths : s_fewPaths;
-    // One more tells whether there are more.
+    // One more shows whether there are more.
     std::vector<Path> found = ways.from(alias, most + 1);
     if (found.size() > most) ++m_cut;
     found.resize(std::min(found.size(), most));
@@ -213,7 +212,7 @@ class Report {
   std::size_t end() {
     m_list.end();
     if (m_cut != 0) {
-      say(std::to_string(m_cut) + " of " + std::to_string(m_count) + " aliases have more ways" +
+      say(std::to_string(m_cut) + " of " + std::to_string(m_count) + " aliases have more paths" +
           (m_allPaths ? "" : "; --all-paths shows them"));
     }
     return m_count;
@@ -254,7 +253,7 @@ class Report {
   std::size_t m_cut = 0;
 };
 
-// The aliases of the domain of `address` that stand for all its users, with the ways to the marker.
+// The aliases of the domain of `address` that mean all its users, with the paths to the marker.
 void s_addAllUsers(const AliasGraph& graph, const EmailAddress& address, const Ways& direct,
                    Report& report) {
   const std::string domain = address.domain();
@@ -286,10 +285,10 @@ ExitCode s_who(Session& session, const Arguments& arguments) {
   Database::Connection connection{std::string(s_database)};
   Holders holders(address.address(), table);
   Progress progress;
-  progress.endBesidePager();
+  progress.endForPager();
   progress.begin("reading", "rows");
   const AliasGraph graph(connection, table, holders, progress.counter());
-  progress.begin("looking for ways", "aliases");
+  progress.begin("looking for paths", "aliases");
   const AliasGraph::Id self = graph.names().find(address.address());
   const Ways ways(graph, holders.holders(), self);
   progress.end();
@@ -320,13 +319,13 @@ void addAliasWhoCommand(Command& alias) {
   Command who = alias.command(
       "who", "Show the aliases through which mail reaches an address; exit 1 when none does",
       "  tsl-address-map alias who ann@example.com\n"
-      "One way per line: ALIAS -> ... -> ADDRESS, the shortest ones first. The whole table is"
+      "One path per line: ALIAS -> ... -> ADDRESS, the shortest ones first. The whole table is"
       " read.\n"
       "With --json a list of {\"alias\", \"path\"}, the path being the shortest one; with"
       " --all-paths also \"paths\".\n",
       Preparation::Database, withArguments(s_who, arguments));
   who.argument("ADDRESS", arguments->address, "An address");
-  who.flag("--all-paths", arguments->allPaths, "Show up to 1000 ways of each alias instead of 3");
+  who.flag("--all-paths", arguments->allPaths, "Show up to 1000 paths of each alias instead of 3");
 }
 
 }  // namespace Tessel::Tool

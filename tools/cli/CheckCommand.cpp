@@ -23,7 +23,7 @@ namespace {
 
 enum class Kind { Alias, Mask, Misnamed, Foreign };
 
-// What the name of a table makes it.
+// What a table is by its name.
 Kind s_kindOf(std::string_view table) {
   for (const std::string_view base : {"alias", "mask"}) {
     if (table.substr(0, base.size()) != base) continue;
@@ -71,7 +71,7 @@ class Check {
     const std::string name = m_session.tableName();
     const std::set<std::string> wanted{aliasTableName(name), maskTableName(name)};
     if (name.empty()) checkBases(schema);
-    m_progress.endBesidePager();
+    m_progress.endForPager();
     bool any = false;
     for (const std::string& table : schema.tables) {
       if (!name.empty() && wanted.count(table) == 0) continue;
@@ -111,7 +111,7 @@ class Check {
                       "misnamed-table",
                       table,
                       "",
-                      "begins like one of this system's tables, but has no '_' behind that: no"
+                      "begins like one of this system's tables, but has no '_' after that: no"
                       " program reads it",
                       "",
                       {}});
@@ -173,7 +173,7 @@ ExitCode s_check(Session& session) {
 
 void addCheckCommand(Command& top) {
   top.command(
-      "check", "Find what is wrong with the tables; exit 65 when there is something",
+      "check", "Find what is wrong with the tables; exit 65 if anything is",
       "  tsl-address-map check\n"
       "  tsl-address-map check --json | jq '.[] | select(.severity == \"error\")'\n"
       "All tables are checked, with --table those of that name only. One finding per line:\n"

@@ -43,17 +43,16 @@ Command Command::group(const std::string& name, const std::string& description) 
   CLI::App& group = *m_app->add_subcommand(name, description);
   group.require_subcommand(1);
   group.fallthrough();
-  group.footer("'" + std::string(s_program) + " " + name +
-               " COMMAND --help' tells more about a command.");
+  group.footer("'" + std::string(s_program) + " " + name + " COMMAND --help' describes a command.");
   return {group, name, *m_chosen};
 }
 
 Command Command::command(const std::string& name, const std::string& description,
                          const std::string& examples, Preparation preparation, Run run) {
   CLI::App& command = *m_app->add_subcommand(name, description);
-  // Global options may stand behind the command words too.
+  // Global options may come after the command words too.
   command.fallthrough();
-  command.footer("Examples:\n" + examples + "\nGlobal options and exit codes: '" + s_program +
+  command.footer("Examples:\n" + examples + "\nGlobal options and exit status: '" + s_program +
                  " --help'.");
   const std::string words = m_words.empty() ? name : m_words + " " + name;
   command.callback([chosen = m_chosen, choice = Choice{words, preparation, std::move(run)}]() {

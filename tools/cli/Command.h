@@ -43,7 +43,7 @@ class Option {
  public:
   explicit Option(CLI::Option& option) : m_option(&option) {}
 
-  // It is refused without `other`.
+  // Refused without `other`.
   void needs(const Option& other);
   // The two are refused together.
   void excludes(const Option& other);
@@ -90,7 +90,7 @@ class Command {
   // Adds an option without a value; naming it sets `value`.
   Option flag(const std::string& name, bool& value, const std::string& help);
   // Adds an option that may have a value behind "="; without one, `value` is empty text. The last
-  // one counts.
+  // one wins.
   Option flagWithValue(const std::string& name, std::optional<std::string>& value,
                        const std::string& valueName, const std::string& help);
 
@@ -103,7 +103,7 @@ class Command {
 // The command line of the program, with --help and --version. One thread.
 class CommandLine {
  public:
-  // `footer` stands at the end of the program's --help.
+  // `footer` ends the program's --help.
   CommandLine(const std::string& description, const std::string& footer);
   ~CommandLine();
   CommandLine(const CommandLine&) = delete;

@@ -31,7 +31,7 @@ bool s_isThere(const std::string& domain) {
 // What adding `domain` would answer; the identifier of a new one is not known before.
 ExitCode s_showAdd(Session& session, const std::string& domain) {
   const bool present = s_isThere(domain);
-  if (present) say("domain " + domain + " is there already");
+  if (present) say("domain " + domain + " exists already");
   Json document{{"domain", domain}};
   document["id"] = present ? Json(findDomain(domain)->domainId()) : Json();
   document["added"] = !present;
@@ -48,7 +48,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
     writer.commit();
     return added;
   });
-  if (!result.added) say("domain " + domain + " is there already");
+  if (!result.added) say("domain " + domain + " exists already");
   if (session.isJson()) {
     session.output().document(Json{{"domain", domain}, {"id", result.id}, {"added", result.added}});
   } else {
@@ -59,7 +59,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
 
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
-  // Looked for first: a writer would make a configuration where there is none.
+  // Checked first: a writer would create a missing configuration.
   bool removed = !findDomain(domain).isNull();
   if (removed && !arguments.dryRun) {
     removed = withConfiguration([&] {
@@ -95,11 +95,11 @@ void addDomainCommands(Command& top) {
   const auto arguments = std::make_shared<Arguments>();
   Command group = top.group("domain", "Show and change the domains of the configuration");
 
-  Command add = group.command(
-      "add", "Add a domain and print its identifier; one that is there stays as it is",
-      "  tsl-address-map domain add example.com\n"
-      "With --json {\"domain\", \"id\", \"added\"}.\n",
-      Preparation::Database, withArguments(s_add, arguments));
+  Command add =
+      group.command("add", "Add a domain and print its identifier; an existing one stays unchanged",
+                    "  tsl-address-map domain add example.com\n"
+                    "With --json {\"domain\", \"id\", \"added\"}.\n",
+                    Preparation::Database, withArguments(s_add, arguments));
   add.argument("DOMAIN", arguments->domain, "The domain");
   addDryRun(add, arguments->dryRun);
 

@@ -1,4 +1,4 @@
-// The rows that a change is about, as people see them: with --dry-run instead of the change.
+// The rows of a change, shown by --dry-run instead of changing them.
 #ifndef TSL_TOOLS_CLI_DRYRUN_H
 #define TSL_TOOLS_CLI_DRYRUN_H
 

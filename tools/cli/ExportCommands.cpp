@@ -152,12 +152,12 @@ void s_exportToOutput(Session& session, TableReader& reader, const std::string& 
     throw Failure(ExitCode::Usage, "--json", "the table itself goes to standard output",
                   "name a FILE to export to");
   }
-  // What is written there cannot be taken back: all rows are looked at before.
+  // What is written there cannot be taken back, so all rows are checked before.
   Progress progress;
-  progress.endBesidePager();
+  progress.endForPager();
   reader.read(progress, [](const std::string&) {});
   s_refuseBroken(reader, table);
-  // The lines show how far it is.
+  // The lines show the progress.
   if (isTerminal(Stream::Output)) progress.end();
   s_write(reader, header, progress, [&session](std::string& line) {
     line.pop_back();
@@ -215,7 +215,7 @@ void addExportCommand(Command& group, const TableFormat& format) {
           ", or what --format says, in the order of the table's key. A file is replaced as a whole "
           "or not at\nall. A"
           " table with broken rows is not exported; they are named on standard error, and the exit"
-          " code is 65.\nWith --json and FILE {\"file\", \"rows\"}.\n",
+          " status is 65.\nWith --json and FILE {\"file\", \"rows\"}.\n",
       Preparation::Database,
       [arguments, &format](Session& session) { return s_export(session, *arguments, format); });
   command.optionalArgument("FILE", arguments->path, "The file; none, or -, for standard output");

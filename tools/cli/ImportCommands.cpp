@@ -86,7 +86,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
   if (arguments.replace && !arguments.force && file.entries().empty()) {
     throw Failure(ExitCode::BadData, file.name(),
                   "it is empty, and --replace would empty the table",
-                  "nothing was written; add --force if the table is to be emptied");
+                  "nothing was written; add --force to empty the table");
   }
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
@@ -107,13 +107,13 @@ void addImportCommand(Command& group, const TableFormat& format) {
   const std::string words = textOf(format.kind) + " import";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command import = group.command(
-      "import", "Bring the lines of a file into the table, all or none",
+      "import", "Import the lines of a file into the table, all or none",
       "  tsl-address-map " + words + " table.txt --dry-run\n  tsl-address-map " + words +
           " --replace table.txt\n  tsl-address-map " + words + " - <table.txt\n" + "Each line is " +
           line +
           ", or what --format says. The whole file is checked first: bad lines are reported "
           "as\nFILE:LINE: reason, nothing"
-          " is written then, and the exit code is 65. Rows are added and changed; what the\nfile"
+          " is written then, and the exit status is 65. Rows are added and changed; what the\nfile"
           " does not mention stays. Prints how many rows were added, changed, left and removed;"
           " with --json\n{\"added\", \"changed\", \"left\", \"removed\"}, with --dry-run also"
           " \"rows\".\n",
@@ -124,11 +124,11 @@ void addImportCommand(Command& group, const TableFormat& format) {
               "Write nothing; show each row that would be added (+), changed (~) or removed (-)");
   Option replace = import.flag(
       "--replace", arguments->replace,
-      "Remove the rows that the file does not mention, so that the table ends as the file");
+      "Remove the rows that the file does not mention, so that the table equals the file");
   import.flag("--force", arguments->force, "With --replace: also when the file is empty")
       .needs(replace);
   import.option("--format", arguments->options.format, formatNames(format),
-                "The format of the file; found out from its first lines without it");
+                "The format of the file; by default recognised from its first lines");
   if (format.hasPublic) return;
   import.option("--domain", arguments->options.domain, "DOMAIN",
                 "With the format aliases: the domain of names that have none");

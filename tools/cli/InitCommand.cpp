@@ -91,16 +91,17 @@ void addInitCommand(Command& top) {
       "init", "Create the database, or complete an old or partial one; never drops anything",
       "  tsl-address-map init\n"
       "  tsl-address-map --option-file /etc/mail/database.cnf init\n"
-      "Looks first. A complete database stays as it is; missing tables, columns and indexes are"
-      " added; tables\nthat are not this library's make it refuse (65), and so does a database that"
-      " cannot be looked at (75).\n"
+      "Checks the database first. A complete database stays unchanged; missing tables, columns and"
+      " indexes are added.\nTables that are not this library's are refused (65), and so is a "
+      "database"
+      " that cannot be read (75).\n"
       "With --json {\"database\", \"created\", \"changes\"}.\n",
       Preparation::Server, withArguments(s_init, arguments));
-  Option force =
-      init.flag("--force", arguments->force,
-                "DANGEROUS: let the library prepare the database without looking first. When any"
-                " step fails, it DROPS THE WHOLE DATABASE with all aliases and masks and makes an"
-                " empty one");
+  Option force = init.flag(
+      "--force", arguments->force,
+      "DANGEROUS: let the library prepare the database without a check before. If any step"
+      " fails, it DROPS THE WHOLE DATABASE with all aliases and masks and creates an"
+      " empty one");
   init.flag("--dry-run", arguments->dryRun, "Change nothing; show what would be done")
       .excludes(force);
 }

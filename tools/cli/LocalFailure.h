@@ -1,4 +1,4 @@
-// The private server as the commands use it, with its failures told apart.
+// The private server as the commands use it, with its failures distinguished.
 #ifndef TSL_TOOLS_CLI_LOCALFAILURE_H
 #define TSL_TOOLS_CLI_LOCALFAILURE_H
 
@@ -14,7 +14,7 @@ namespace Tessel::Tool {
 // when a server that is set up does not run as it should, `Configuration` when it cannot be set up.
 Failure localFailure(const Exception& exception, const std::string& directory);
 
-// The directory that holds when none is named. Throws Failure when there is none.
+// The default directory. Throws Failure when there is none.
 std::string defaultLocalDirectory();
 
 // Calls `use` with the private server in `directory`, and throws its failures as Failure.

@@ -201,7 +201,7 @@ void addMaskCommands(Command& top) {
       "  tsl-address-map mask list --domain inner.example\n"
       "  tsl-address-map mask list | cut -f2\n"
       "One pair per line: PRIVATE<TAB>PUBLIC; with --json a list of {\"private\", \"public\"}.\n"
-      "Broken rows are reported on standard error, and the exit code is 65 then.\n",
+      "Broken rows are reported on standard error, and the exit status is 65.\n",
       Preparation::Database, withArguments(s_list, arguments));
   list.option("--domain", arguments->domain, "DOMAIN", "Only private addresses of this domain");
 

@@ -21,7 +21,7 @@ namespace {
 
 enum class Side { Public, Private };
 
-// A row as it stands in the table.
+// A row as it is in the table.
 struct RowText {
   std::string privateText;
   std::string publicText;
@@ -45,7 +45,7 @@ struct Answer {
   EmailAddress address;  // Null for none.
   const char* source = "none";
   std::vector<RowText> row;       // The one that answers, if any.
-  std::vector<RowText> losers;    // Wildcard rows that another one comes before.
+  std::vector<RowText> losers;    // Wildcard rows over which another one takes precedence.
   std::vector<RowText> shadowed;  // Wildcard rows that would answer without the row.
   std::vector<RowText> misspelt;  // Wildcard rows whose domain differs in letter case.
   std::string shadowedAddress;    // What the first of them would answer.
@@ -59,7 +59,7 @@ const char* s_text(Side side) {
 class Explainer {
  public:
   explicit Explainer(const Session& session) : m_session(session) {
-    // Preload is a must: without it neither the table nor a wildcard row is ever asked.
+    // Preload is required: without it neither the table nor a wildcard row is ever asked.
     withFaultsNamed([this] { m_store.emplace(AddressMapDb::MySQL, true); });
     readWildcards();
   }
@@ -106,7 +106,7 @@ class Explainer {
     }
   }
 
-  // The rows as the library reads them: of several of one private domain the last one counts.
+  // The rows as the library reads them: of several of one private domain the last one wins.
   void readWildcards() {
     Database::Connection connection{std::string(s_database)};
     const std::string statement = "select private, public from " +
@@ -228,9 +228,9 @@ void addMaskExplainCommand(Command& mask) {
   Command explain = mask.command(
       "explain", "Show which row answers for an address, in both directions; exit 1 when none does",
       "  tsl-address-map mask explain ann@inner.example\n"
-      "Tells the public address of it as a private one, and the private address of it as a public"
-      " one, each with\nthe row or wildcard row that it comes from, and those that another one"
-      " comes before.\n"
+      "Shows the public address of ADDRESS as a private one, and its private address as a public"
+      " one. Names the row\nor wildcard row that each comes from, and the rows over which that one"
+      " takes precedence.\n"
       "With --json {\"address\", \"public\", \"private\"}, either being {\"address\", \"source\","
       " \"row\", \"losers\",\n\"shadowed\", \"otherCase\"}; the source is row, wildcard or none.\n",
       Preparation::Database, [address](Session& session) { return s_explain(session, *address); });

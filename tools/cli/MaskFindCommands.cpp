@@ -39,8 +39,8 @@ class Finder {
   // `wanted` is the side that is looked for.
   Finder(const Session& session, Side wanted) : m_session(session), m_wanted(wanted) {}
 
-  // Answers in `found`, and tells people of a row that hides behind an empty answer. Throws Failure
-  // or Exception when there is no answer.
+  // Answers in `found`, and reports a broken row behind an empty answer. Throws Failure or
+  // Exception when there is no answer.
   Outcome find(const EmailAddress& address, EmailAddress& found) {
     found = ask(address);
     return found.isNull() ? explainNothing(address, found) : Outcome::Found;
@@ -49,7 +49,7 @@ class Finder {
  private:
   EmailAddress ask(const EmailAddress& address) {
     try {
-      // Preload is a must: without it neither the table nor a wildcard row is ever asked.
+      // Preload is required: without it neither the table nor a wildcard row is ever asked.
       if (!m_store) m_store.emplace(AddressMapDb::MySQL, true);
       const AddressMaskDb table = m_store->maskDb(m_session.tableName());
       return m_wanted == Side::Public ? table.findPublicAddress(address)
@@ -104,11 +104,11 @@ class FindRun {
           " address " + address.address() + " in table " + maskTableName(m_session.tableName()));
     }
     write(address, outcome, found);
-    // Whoever feeds the addresses may wait for this answer.
+    // Whoever writes the addresses may wait for this answer.
     m_session.output().flush();
   }
 
-  // What the answers mean for the exit code, with `read` that of the input.
+  // What the answers mean for the exit status, with `read` that of the input.
   ExitCode end(ExitCode read) {
     m_list.end();
     return read == ExitCode::Done ? m_code : read;
@@ -161,8 +161,8 @@ void s_add(Command& mask, Side wanted, const std::string& example) {
           side +
           " address. For several, and for '-' (addresses on standard input, one per line):\n"
           "ADDRESS<TAB>RESULT per line, in the order of the input, RESULT being empty when there"
-          " is none; what is\nno address is reported on standard error, and the exit code is 65"
-          " then.\n"
+          " is none. An input that\nis not an address is reported on standard error, and the exit"
+          " status is 65.\n"
           "With --json always a list of {\"address\", \"outcome\", \"" +
           side + "\"}; the outcome is found, no-mask or broken-row.\n",
       Preparation::Database,

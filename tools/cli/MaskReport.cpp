@@ -28,9 +28,9 @@ void nameMaskFault(const Exception& exception, const Session& session) {
   throw Failure(ExitCode::BadData,
                 named ? "reading the mask table" : "reading table alias, which is read as well",
                 reasonOf(exception),
-                named ? "the table has a row that is no valid pair; 'tsl-address-map mask list'"
+                named ? "the table has a row that is not a valid pair; 'tsl-address-map mask list'"
                         " names every such row"
-                      : "'tsl-address-map alias list' names every row that is no valid alias");
+                      : "'tsl-address-map alias list' names every row that is not a valid alias");
 }
 
 }  // namespace Tessel::Tool

@@ -44,7 +44,7 @@ void s_requireReadable(const std::string& file) {
   if (isFile && access(file.c_str(), R_OK) == 0) return;
   const std::string why = error    ? error.message()
                           : isFile ? std::generic_category().message(errno)
-                                   : "it is no regular file";
+                                   : "it is not a regular file";
   throw Failure(ExitCode::Configuration, "option file '" + file + "'", why,
                 "name a readable MySQL option file with a [client] group");
 }
@@ -54,7 +54,7 @@ void s_requireDirectory(const std::string& directory) {
   if (std::filesystem::is_directory(directory, error)) return;
   throw Failure(ExitCode::Configuration, "configuration directory '" + directory + "'",
                 error ? error.message() : "it is not a directory",
-                "make it with mkdir, or name the right one");
+                "create it with mkdir, or name the right one");
 }
 
 // `statement` on one line, fit to be shown; of a long one the beginning.
@@ -69,7 +69,7 @@ void s_tellStatement(std::string_view statement) noexcept {
     }
     say(text);
   } catch (const std::bad_alloc&) {
-    // What is told beside the work must not end it.
+    // A message must not end the work.
   }
 }
 
@@ -121,7 +121,7 @@ void Session::startLocal() {
   withLocalServer(localDirectory(), [this](LocalServer& server) {
     if (server.start()) {
       say("started the private server in " + server.directory() +
-          "; 'tsl-address-map local stop --local=" + server.directory() + "' ends it");
+          "; 'tsl-address-map local stop --local=" + server.directory() + "' stops it");
     }
     s_setEnvironment(s_optionFileVariable, server.optionFile());
     s_setEnvironment(s_cmfVariable, server.cmfDirectory());
@@ -151,7 +151,7 @@ EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {
                    "write it as NAME@DOMAIN");
   };
   // The parser stops at a NUL, which standard input may hold.
-  if (text.find('\0') != std::string::npos) throw refuse("it holds a NUL character");
+  if (text.find('\0') != std::string::npos) throw refuse("it contains a NUL character");
   try {
     EmailAddress address = EmailAddress::rfc5321Parse(text, allowNoDomain);
     if (address.isNull()) throw refuse("it is empty");
@@ -168,7 +168,7 @@ std::string parseDomain(const std::string& text) {
   };
   if (text.empty()) throw refuse("it is empty");
   if (text.find_first_of("'\\%\"") != std::string::npos) {
-    throw refuse("it holds a quote, a backslash or a percent sign");
+    throw refuse("it contains a quote, a backslash or a percent sign");
   }
   try {
     return EmailAddress::create("x", text, false).domain();

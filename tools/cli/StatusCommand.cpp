@@ -23,7 +23,7 @@ struct TableCount {
   std::uint64_t rows;
 };
 
-// What could be found out; the rest is empty.
+// What is known; the rest is empty.
 struct Status {
   std::string server;
   std::string version;
@@ -114,15 +114,14 @@ ExitCode s_status(Session& session) {
 }  // namespace
 
 void addStatusCommand(Command& top) {
-  top.command(
-      "status", "Show the server, the database, its tables and the configuration",
-      "  tsl-address-map status\n"
-      "  tsl-address-map --local status --json\n"
-      "What can be found out is shown even when the rest cannot; the exit code is 75 (or 78)"
-      " then.\n"
-      "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
-      " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
-      Preparation::Server, s_status);
+  top.command("status", "Show the server, the database, its tables and the configuration",
+              "  tsl-address-map status\n"
+              "  tsl-address-map --local status --json\n"
+              "Shows what is known even if the rest is not; the exit status is 75 (or 78)"
+              " then.\n"
+              "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
+              " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
+              Preparation::Server, s_status);
 }
 
 }  // namespace Tessel::Tool

@@ -64,7 +64,7 @@ ExitCode s_runCreate(Session& session, const Arguments& arguments) {
   for (const TableKind kind : kinds) {
     const std::string table = sqlTableName(kind, arguments.name);
     if (present.count(table) != 0) {
-      say("table " + table + " is there already");
+      say("table " + table + " exists already");
       continue;
     }
     if (!arguments.dryRun) s_create(connection, kind, table);
@@ -76,13 +76,13 @@ ExitCode s_runCreate(Session& session, const Arguments& arguments) {
   return ExitCode::Done;
 }
 
-// A table that is to go.
+// A table to drop.
 struct Doomed {
   std::string table;
   std::uint64_t rows;
 };
 
-// The tables that there are. Throws Failure when one has columns that this library's have not.
+// The existing tables. Throws Failure when one has columns that no table of this library has.
 std::vector<Doomed> s_find(Database::Connection& connection, const Arguments& arguments) {
   const auto present = Database::QueryTableNames(connection).names();
   std::vector<Doomed> doomed;
@@ -92,15 +92,15 @@ std::vector<Doomed> s_find(Database::Connection& connection, const Arguments& ar
     const Schema schema = lookAtTable(connection, table, kind == TableKind::Mask);
     if (!schema.unfitting.empty()) {
       throw Failure(ExitCode::BadData, "table " + table, schema.unfitting.front(),
-                    "nothing was dropped: it is no table of this library; drop it with an SQL"
-                    " client if it is to go");
+                    "nothing was dropped: it is not a table of this library; drop it with an SQL"
+                    " client if nobody needs it");
     }
     doomed.push_back({table, countRows(connection, table)});
   }
   return doomed;
 }
 
-// Tells what would go, and asks. Throws Failure when there is nobody to ask.
+// Shows what would be dropped, and asks. Throws Failure when there is nobody to ask.
 bool s_mayDrop(const std::vector<Doomed>& doomed) {
   std::string text;
   for (const Doomed& table : doomed) {
@@ -109,7 +109,7 @@ bool s_mayDrop(const std::vector<Doomed>& doomed) {
   }
   if (canAsk()) return confirm("Drop " + text + "?");
   throw Failure(ExitCode::Usage, "table drop", "it would drop " + text,
-                "nothing was dropped; give --yes if they are to go");
+                "nothing was dropped; give --yes to drop them");
 }
 
 ExitCode s_runDrop(Session& session, const Arguments& arguments) {
@@ -141,7 +141,7 @@ ExitCode s_runList(Session& session) {
   ItemList list(session.output());
   for (const std::string& table : tables) {
     const auto ours = readTableName(table);
-    // What --table does not take is read by no program.
+    // No program reads a table whose name --table does not take.
     if (!ours || (!ours->name.empty() && !isTableName(ours->name))) continue;
     const std::uint64_t rows = countRows(connection, table);
     const std::string name = ours->name.empty() ? "-" : ours->name;
@@ -169,7 +169,7 @@ void addTableCommands(Command& top) {
   Command group = top.group("table", "Create, drop and list whole tables");
 
   Command create =
-      group.command("create", "Create the tables of a name; those that are there stay as they are",
+      group.command("create", "Create the tables of a name; existing ones stay unchanged",
                     "  tsl-address-map table create sales\n"
                     "  tsl-address-map --table sales alias list\n"
                     "Prints nothing; with --json {\"name\", \"created\"}.\n",

@@ -22,7 +22,7 @@ struct Arguments {
   bool dryRun = false;
 };
 
-// True when `server`, the record of `domain`, holds nothing; tells so.
+// True when `server`, the record of `domain`, is null, which is reported.
 bool s_isMissing(const CMF::RefApsGwServer& server, const std::string& domain) {
   if (!server.isNull()) return false;
   say("no domain " + domain + " in the configuration in " + configurationDirectory() +
@@ -47,7 +47,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   const CMF::Writer::UserResult result = withConfiguration([&] {
     CMF::Writer writer;
     const auto done = writer.addUser(address.domain(), address.local(), kind);
-    // What is not committed has never been.
+    // What is not committed has no effect.
     if (!arguments.dryRun) writer.commit();
     return done;
   });

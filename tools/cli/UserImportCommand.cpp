@@ -24,7 +24,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Accounts of people begin here; the one above is nobody's.
+// Accounts of people begin here; 65534 is the user nobody.
 constexpr std::uint32_t s_firstAccount = 1000;
 constexpr std::uint32_t s_nobody = 65534;
 constexpr std::size_t s_passwdFields = 7;
@@ -59,8 +59,8 @@ struct Counts {
   }
 };
 
-// True when the first line that is not blank has fields. The colons of an address stand in quotes
-// or in a literal.
+// True when the first line that is not blank has fields. The colons of an address are in quotes or
+// in a literal.
 bool s_isPasswd(Lines& lines) {
   for (const std::string& line : lines.ahead(s_linesAhead)) {
     if (!isBlank(line)) return endOfKey(line) != std::string_view::npos;
@@ -120,12 +120,12 @@ class Reader {
   // Both return what is wrong, or empty text.
   std::string addAccount(std::string_view line) {
     std::array<std::string_view, s_passwdFields> fields;
-    if (!s_split(line, fields)) return "it has not the seven fields of a password file";
+    if (!s_split(line, fields)) return "it does not have the seven fields of a password file";
     std::uint32_t id = 0;
     const auto [end, error] =
         std::from_chars(fields[2].data(), fields[2].data() + fields[2].size(), id);
     const bool isNumber = error == std::errc() && end == fields[2].data() + fields[2].size();
-    if (!isNumber) return "the user number '" + std::string(fields[2]) + "' is no number";
+    if (!isNumber) return "the user number '" + std::string(fields[2]) + "' is not a number";
     if (!m_arguments.all && (id < s_firstAccount || id == s_nobody)) {
       ++m_file.system;
       return "";
@@ -134,7 +134,7 @@ class Reader {
   }
 
   std::string addAddress(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) return "it holds a NUL character";
+    if (text.find('\0') != std::string_view::npos) return "it contains a NUL character";
     try {
       EmailAddress address = EmailAddress::rfc5321Parse(text, false);
       if (address.isNull()) return "the address is empty";
@@ -149,7 +149,7 @@ class Reader {
 
   std::string add(EmailAddress address) {
     const std::string domain = address.domain();
-    // Users of one domain mostly stand together.
+    // Users of one domain are usually next to each other.
     if (m_last == nullptr || m_lastDomain != domain) {
       m_last = usersOf(domain);
       m_lastDomain = domain;
@@ -195,7 +195,7 @@ Counts s_write(const Users& users, CMF::MailUserKind kind, bool dryRun, Progress
         progress.add(1);
       }
     }
-    // What is not committed has never been.
+    // What is not committed has no effect.
     if (!dryRun) writer.commit();
   });
   return counts;
@@ -235,7 +235,7 @@ void addUserImportCommand(Command& group) {
       "  getent passwd | tsl-address-map user import - --domain example.com --dry-run\n"
       "Takes one address per line, or the lines of a password file. The whole file is checked"
       " first: bad lines are\nreported as FILE:LINE: reason, nothing is written then, and the exit"
-      " code is 65. Users that are there get the\nkind. Prints how many were added, changed and"
+      " status is 65. Existing users get the\nkind. Prints how many were added, changed and"
       " unchanged; with --json {\"kind\", \"added\", \"changed\",\n\"unchanged\","
       " \"skipped\"}.\n",
       Preparation::Database, withArguments(s_import, arguments));
@@ -245,7 +245,7 @@ void addUserImportCommand(Command& group) {
   import.option("--kind", arguments->kind, "KIND", s_kindHelp);
   import.flag("--all", arguments->all,
               "Take system accounts of a password file too: numbers below 1000, and 65534");
-  import.flag("--dry-run", arguments->dryRun, "Write nothing; tell how many would be written");
+  import.flag("--dry-run", arguments->dryRun, "Write nothing; show how many would be written");
 }
 
 }  // namespace Tessel::Tool

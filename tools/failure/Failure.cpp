@@ -1,4 +1,4 @@
-// Exit codes and messages of the tool.
+// Exit statuses and messages of the tool.
 #include "failure/Failure.h"
 
 #include <cstddef>
@@ -63,7 +63,7 @@ const Database::Error* s_databaseError(const Exception& exception) {
 
 std::string s_databaseHint(const Database::Error& error) {
   if (error.outcomeUnknown()) {
-    return "the connection broke before the answer: look whether the change was made";
+    return "the connection broke before the answer: check whether the change was made";
   }
   switch (error.number()) {
     case s_accessDenied:

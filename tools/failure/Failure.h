@@ -1,5 +1,5 @@
-// How the tool fails: exit codes, the message for people, and the mapping from the exceptions of
-// the library. "Not found" is an answer and never stands for a failure.
+// How the tool fails: exit statuses, the message for people, and the mapping from the exceptions of
+// the library. "Not found" is an answer, and a failure never becomes one.
 #ifndef TSL_TOOLS_FAILURE_FAILURE_H
 #define TSL_TOOLS_FAILURE_FAILURE_H
 
@@ -23,7 +23,7 @@ enum class ExitCode : int {
   Configuration = 78,
 };
 
-// A failure with its exit code: `subject` says what failed, `why` the reason, `hint` what to do
+// A failure with its exit status: `subject` says what failed, `why` the reason, `hint` what to do
 // next (may be empty). What it quotes may hold any bytes: show it with `printable`.
 class Failure : public std::runtime_error {
  public:
@@ -53,7 +53,7 @@ bool isDatabaseError(const Exception& exception, unsigned int number);
 // True when the chain of `exception` has a statement in it that may have been carried out or not.
 bool isOutcomeUnknown(const Exception& exception);
 
-// The innermost detail of the chain of `exception`: the reason without the road to it.
+// The innermost detail of the chain of `exception`: the reason without its context.
 std::string reasonOf(const Exception& exception);
 
 // The failure that `exception`, thrown while doing `subject`, is: by its type and the chain of its

@@ -64,15 +64,15 @@ std::string s_csvField(const std::string& text) {
   return field + "\"";
 }
 
-// Takes the field at the start of `record` off it, with the comma behind it. Returns what is wrong,
-// or empty text.
+// Removes the field at the start of `record`, with the comma after it. Returns what is wrong, or
+// empty text.
 std::string s_takeCsvField(std::string_view& record, std::string& field) {
   field.clear();
   if (!record.starts_with('"')) {
     const std::size_t end = std::min(record.find(','), record.size());
     field = record.substr(0, end);
     record.remove_prefix(end);
-    return field.find('"') == std::string::npos ? "" : "a quote stands in a field without quotes";
+    return field.find('"') == std::string::npos ? "" : "a field without quotes contains a quote";
   }
   for (record.remove_prefix(1);;) {
     const std::size_t end = record.find('"');
@@ -83,7 +83,7 @@ std::string s_takeCsvField(std::string_view& record, std::string& field) {
     field += '"';
     record.remove_prefix(1);
   }
-  return record.empty() || record.starts_with(',') ? "" : "there is text behind a closing quote";
+  return record.empty() || record.starts_with(',') ? "" : "there is text after a closing quote";
 }
 
 // Why aliases(5) does not deliver to `text` as to an address; empty text when it does.
@@ -185,7 +185,7 @@ FileSyntax FileSyntax::detected(Lines& lines, const std::string& file, const Tab
   const bool hasStrangeComments =
       hasComments && !seen.contains(FileFormat::Virtual) && !seen.contains(FileFormat::Aliases);
   if (isMixed || hasStrangeComments) {
-    throw Failure(ExitCode::BadData, file, "its format cannot be told from its first lines",
+    throw Failure(ExitCode::BadData, file, "its format cannot be recognised from its first lines",
                   "nothing was written; give --format " + formatNames(table));
   }
   return {seen.empty() ? FileFormat::Native : *seen.begin(), table, domain};
@@ -240,9 +240,9 @@ std::string FileSyntax::writeVirtual(const TableEntry& entry, std::string& line)
     const bool isWildcard =
         key.find('*') != std::string::npos || value.find('*') != std::string::npos;
     if (isWildcard && (entry.key.local() != "*" || entry.shown.local() != "*")) {
-      return "only '*@domain' with '*@domain' stands for whole domains there";
+      return "only '*@domain' with '*@domain' means whole domains there";
     }
-    // Behind the "*", which needs no quotes.
+    // After the "*", which needs no quotes.
     if (isWildcard) key.erase(0, 1);
     if (isWildcard) value.erase(0, 1);
   } else {
@@ -276,7 +276,7 @@ std::string FileSyntax::writeAliases(const TableEntry& entry, std::string& line)
 }
 
 std::string FileSyntax::read(std::string_view record, TableEntry& entry) const {
-  if (record.find('\0') != std::string_view::npos) return "it holds a NUL character";
+  if (record.find('\0') != std::string_view::npos) return "it contains a NUL character";
   switch (m_format) {
     case FileFormat::Native:
       return m_table.readLine(record, entry);
@@ -296,23 +296,23 @@ std::string FileSyntax::readJson(std::string_view record, TableEntry& entry) con
   const auto object = nlohmann::json::parse(record, nullptr, false);
   const char* const key = m_table.hasPublic ? "private" : "address";
   const char* const value = m_table.hasPublic ? "public" : "members";
-  if (!object.is_object()) return "it is no JSON object";
+  if (!object.is_object()) return "it is not a JSON object";
   if (object.size() != 2 || !object.contains(key) || !object.contains(value)) {
-    return std::string("it has not the keys '") + key + "' and '" + value + "'";
+    return std::string("it does not have the keys '") + key + "' and '" + value + "'";
   }
-  if (!object[key].is_string()) return std::string("'") + key + "' is no string";
+  if (!object[key].is_string()) return std::string("'") + key + "' is not a string";
   const std::string name = object[key];
   if (m_table.hasPublic) {
-    if (!object[value].is_string()) return "'public' is no string";
+    if (!object[value].is_string()) return "'public' is not a string";
     return m_table.read(name, object[value].get<std::string>(), entry);
   }
-  if (!object[value].is_array()) return "'members' is no list";
+  if (!object[value].is_array()) return "'members' is not a list";
   return s_fault([&]() -> std::string {
     std::set<EmailAddress> members;
     for (const auto& item : object[value]) {
-      if (!item.is_string()) return "'members' has something that is no string";
+      if (!item.is_string()) return "'members' contains something that is not a string";
       const std::string text = item;
-      if (text.find('\0') != std::string::npos) return "it holds a NUL character";
+      if (text.find('\0') != std::string::npos) return "it contains a NUL character";
       const EmailAddress member = EmailAddress::rfc5321Parse(text, true);
       if (member.isNull()) return "a member is empty";
       members.insert(member);
@@ -337,11 +337,11 @@ std::string FileSyntax::readCsv(std::string_view record, TableEntry& entry) cons
 std::string FileSyntax::readVirtual(std::string_view record, TableEntry& entry) const {
   const std::size_t end = record.find_first_of(s_blanks);
   if (end == 0) return "it continues a line, and there is none before it";
-  if (end == std::string_view::npos) return "there is nothing behind the key";
+  if (end == std::string_view::npos) return "there is nothing after the key";
   std::string key(record.substr(0, end));
   std::string value(s_trimmed(record.substr(end)));
   if (!m_table.hasPublic) {
-    if (key.starts_with('@')) return "an alias cannot stand for a whole domain";
+    if (key.starts_with('@')) return "an alias cannot mean a whole domain";
     const std::string fault = s_fault([&]() -> std::string {
       EmailAddress::rfc5322ParseSet(value, false, false);
       return "";
@@ -364,7 +364,7 @@ std::string FileSyntax::readAliases(std::string_view record, TableEntry& entry) 
     return "it continues a line, and there is none before it";
   }
   const std::size_t end = endOfKey(record);
-  if (end == std::string_view::npos) return "there is no colon behind a name";
+  if (end == std::string_view::npos) return "there is no colon after a name";
   EmailAddress alias;
   std::string fault = qualified(s_trimmed(record.substr(0, end)), alias);
   if (!fault.empty()) return "bad name: " + fault;
@@ -377,7 +377,7 @@ std::string FileSyntax::readTargets(std::string_view text, std::string& members)
   std::set<EmailAddress> addresses;
   for (const std::string_view item : s_items(text)) {
     std::string fault = s_specialTarget(item);
-    if (!fault.empty()) return "the target '" + std::string(item) + "' is no address: " + fault;
+    if (!fault.empty()) return "the target '" + std::string(item) + "' is not an address: " + fault;
     EmailAddress address;
     fault = qualified(item, address);
     if (!fault.empty()) return "bad members: " + fault;

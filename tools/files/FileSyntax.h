@@ -25,7 +25,7 @@ class FileSyntax {
   // may be empty.
   FileSyntax(FileFormat format, const TableFormat& table, std::string domain);
 
-  // The format that the option --format names. Throws Failure, `Usage`, for what is no format of
+  // The format that the option --format names. Throws Failure, `Usage`, for what is not a format of
   // the table, and for a domain where the format takes none.
   static FileSyntax named(const std::string& name, const TableFormat& table,
                           const std::string& domain);
@@ -62,8 +62,8 @@ class FileSyntax {
   std::string m_domain;
 };
 
-// The records of a file: its lines, or for Virtual and Aliases its logical lines, of which comments
-// are no part. Blank ones are left out. One thread.
+// The records of a file: its lines, or for Virtual and Aliases its logical lines, without comments.
+// Blank ones are left out. One thread.
 class Records {
  public:
   // Both must outlive the object.

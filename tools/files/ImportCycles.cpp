@@ -1,4 +1,4 @@
-// Cycles of aliases that an import would leave behind.
+// Alias loops that an import would leave behind.
 #include "files/ImportCycles.h"
 
 #include <set>
@@ -11,7 +11,7 @@ ImportCycles::ImportCycles(const TableFile& file) : m_file(file) {
 }
 
 void ImportCycles::keep(std::string_view name, std::string_view members) {
-  // Of two rows of one address the first one counts, as everywhere.
+  // If two rows are of the same address, the first wins, as everywhere.
   if (m_reader.readKey(name) != RowFault::None || !m_names.add(m_reader.key()).isNew) return;
   m_members += members;
   m_ends.push_back(m_members.size());
@@ -50,7 +50,7 @@ Links::Node ImportCycles::nodeOf(const FileEntry& entry) const {
   return static_cast<Links::Node>(&entry - m_file.entries().data());
 }
 
-// Links of entries to members that their rows had not before.
+// Links of entries to members that are new in their rows.
 std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& written) {
   std::vector<Link> added;
   for (const FileEntry* entry : written) {

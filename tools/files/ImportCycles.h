@@ -1,4 +1,4 @@
-// Cycles of aliases that an import would leave behind.
+// Alias loops that an import would leave behind.
 #ifndef TSL_TOOLS_FILES_IMPORTCYCLES_H
 #define TSL_TOOLS_FILES_IMPORTCYCLES_H
 
@@ -21,22 +21,22 @@ namespace Tessel::Tool {
 // little for those that it does. One thread.
 class ImportCycles {
  public:
-  // A cycle, the same alias at both ends, and the line of the file that writes this alias.
+  // A loop, the same alias at both ends, and the line of the file that writes this alias.
   struct Cycle {
     std::size_t line;
     std::vector<std::string> path;
-    bool isNew;  // A member that its row had not before closes it.
+    bool isNew;  // A new member of its row closes it.
   };
 
   // `file` must outlive the object.
   explicit ImportCycles(const TableFile& file);
 
-  // Tells a row that stays and that the file does not mention. One that is broken leads nowhere.
+  // Adds a row that stays and that the file does not mention. A broken one leads nowhere.
   void keep(std::string_view name, std::string_view members);
-  // Tells the members that the row of `entry` has before the import.
+  // Sets the members that the row of `entry` has before the import.
   void replace(const FileEntry& entry, std::string_view members);
   // Of each set of aliases that all lead to each other and of which one is in `written`, entries of
-  // the file, a shortest cycle through the first such one. An alias that names itself is none.
+  // the file, a shortest loop through the first such one. An alias that names itself is not one.
   std::vector<Cycle> find(const std::vector<const FileEntry*>& written);
 
  private:

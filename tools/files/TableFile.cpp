@@ -78,7 +78,7 @@ void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
   const auto report = [&faults](const FileEntry& first, const FileEntry& second, const char* what,
                                 const EmailAddress& address) {
     faults.add(second.number, std::string("the ") + what + " " + address.address() +
-                                  " stands in line " + std::to_string(first.number) + " already");
+                                  " is in line " + std::to_string(first.number) + " already");
   };
   for (std::size_t i = 1; i < m_entries.size(); ++i) {
     if (!(m_entries[i - 1].key == m_entries[i].key)) continue;

@@ -23,7 +23,7 @@ constexpr unsigned int s_duplicateEntry = 1062;
 // Of one statement: rows, and bytes unless a single row is longer.
 constexpr std::size_t s_rowsPerStatement = 500;
 constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
-// What a statement of one row has beside the literal of its value, that of its key included.
+// Bytes of a statement of one row without the literal of its value.
 constexpr std::size_t s_frame = 1024;
 
 // What a column can hold.
@@ -125,7 +125,7 @@ void TableImport::compare(bool toWrite, Progress& progress) {
   faults.refuse("it would give a public address to two private ones");
   sortOut(matches);
   if (m_cycles == nullptr) return;
-  progress.begin("looking for cycles", "rows");
+  progress.begin("looking for alias loops", "rows");
   checkCycles();
 }
 
@@ -205,7 +205,7 @@ void TableImport::write(Progress& progress) {
   for (const ChangedRow& row : m_changed) {
     const bool respelled = !row.otherKey.empty();
     if (m_format.hasPublic) {
-      // Public addresses may change places: all go before the first one comes back.
+      // Public addresses may be swapped: all are removed before the first one is written.
       doomed.push_back(respelled ? row.otherKey : row.entry->key.address());
     }
     if (m_format.hasPublic || !respelled) changed.push_back(row.entry);
@@ -256,7 +256,7 @@ void TableImport::insertAll(const Entries& entries, const std::string& end) {
     if (i != first) statement += ",";
     statement += valuesOf(*entries[i]);
     const std::size_t rows = i + 1 - first;
-    // The next one must fit too.
+    // The next row must fit too.
     const bool full = rows == s_rowsPerStatement || i + 1 == entries.size() ||
                       statement.size() + 2 * entries[i + 1]->value.size() + s_frame > m_bytes;
     if (!full) continue;
@@ -272,7 +272,7 @@ void TableImport::insertBatch(const Entries& entries, std::size_t first, std::si
     runStatement(m_connection, statement + end + ";");
   } catch (const Exception& exception) {
     if (!isDatabaseError(exception, s_duplicateEntry)) throw;
-    // The statement did nothing. One by one, the entry that is refused shows.
+    // The statement did nothing. Sent one by one, they show which entry is refused.
     for (std::size_t i = first; i < last; ++i) {
       writeOne(*entries[i], [&] {
         runStatement(m_connection, insertion() + valuesOf(*entries[i]) + end + ";");

@@ -19,7 +19,7 @@
 
 namespace Tessel::Tool {
 
-// A row as it stands in the table.
+// A row as it is in the table.
 struct StoredRow {
   std::string key;
   std::string value;
@@ -42,13 +42,12 @@ class TableImport {
   // known to be safe.
   TableImport(const TableFormat& format, std::string table, const TableFile& file, Rest rest);
 
-  // Makes compare() refuse to leave cycles of aliases behind that go through a row it would write.
-  // Must be called before it.
+  // Makes compare() refuse alias loops through a row that it would write. Must be called before it.
   void refuseCycles() { m_cycles = std::make_unique<ImportCycles>(m_file); }
 
   // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
   // until its end. Throws Failure, `BadData`, when an entry does not fit its column, or its public
-  // address is that of a row which the file does not mention, or there would be a cycle.
+  // address is that of a row which the file does not mention, or there would be an alias loop.
   void compare(bool toWrite, Progress& progress);
 
   [[nodiscard]] const std::vector<const FileEntry*>& added() const { return m_added; }
@@ -57,10 +56,10 @@ class TableImport {
   [[nodiscard]] std::size_t left() const { return m_left; }
 
   // Writes what compare() found; `progress` counts the rows. Throws Failure, `BadData`, when the
-  // server takes an entry for another row.
+  // server takes the entry for another row.
   void write(Progress& progress);
-  // Makes it last. Throws Exception: where isOutcomeUnknown() is true it may have taken effect,
-  // otherwise it has not.
+  // Commits. Throws Exception: where isOutcomeUnknown() is true it may have taken effect, otherwise
+  // it has not.
   void commit();
 
  private:

@@ -55,7 +55,7 @@ std::string s_environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-// One start or stop at a time for one directory, over all processes. The kernel lets go of the lock
+// One start or stop at a time for one directory, over all processes. The kernel releases the lock
 // when its holder dies.
 class DirectoryLock {
  public:
@@ -104,7 +104,7 @@ void s_makePrivate(const std::string& directory) {
   if (!error && mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     error.assign(errno, std::generic_category());
   }
-  if (error) s_fail(s_startContext, "Cannot make " + directory + ": " + error.message());
+  if (error) s_fail(s_startContext, "Cannot create " + directory + ": " + error.message());
   struct stat status {};
   if (stat(directory.c_str(), &status) != 0 || status.st_uid != geteuid()) {
     s_fail(s_startContext,
@@ -147,7 +147,7 @@ std::string s_newDirectoryFor(const std::string& name) {
     if (parent.empty() || directory.size() + name.size() > s_longestSocket) continue;
     if (mkdtemp(directory.data()) != nullptr) return directory;
   }
-  s_fail(s_startContext, "Cannot make a directory for the server's socket under /tmp");
+  s_fail(s_startContext, "Cannot create a directory for the server's socket under /tmp");
 }
 
 // Another name for a directory, without the blanks and special characters that the set-up script
@@ -156,7 +156,7 @@ class PlainPath {
  public:
   explicit PlainPath(const std::string& directory) : m_holder("/tmp/tsl-XXXXXX") {
     if (mkdtemp(m_holder.data()) == nullptr) {
-      s_fail(s_startContext, "Cannot make a temporary directory under /tmp");
+      s_fail(s_startContext, "Cannot create a temporary directory under /tmp");
     }
     fs::create_directory_symlink(directory, path());
   }
@@ -251,9 +251,8 @@ bool LocalServer::isRunning() const {
 }
 
 void LocalServer::makeDirectory() const {
-  // Closing to others a directory that has another purpose would be a bad surprise. Another start
-  // may be filling this one at the moment: it makes the lock file first, so that is looked for
-  // last.
+  // Never take away the access of others to a directory with another purpose. Another start may be
+  // filling this one: it creates the lock file first, so this is looked for last.
   std::error_code error;
   if (fs::exists(m_directory) && !fs::is_empty(m_directory, error) &&
       !fs::exists(m_directory + "/lock")) {
@@ -301,7 +300,7 @@ void LocalServer::setUpData(const Options& options) const {
 }
 
 // Where the usual path is too long, the socket gets a directory of its own, which may have vanished
-// since the last start (a restart of the machine empties /tmp) and must not be somebody else's.
+// since the last start (a restart of the machine empties /tmp) and must not belong to another user.
 void LocalServer::placeSocket() const {
   const std::string usual = runDirectory() + s_socketName;
   if (usual.size() > s_longestSocket) {
@@ -317,7 +316,7 @@ void LocalServer::removeSocketDirectory() const {
   const std::string record = runDirectory() + "/socket-directory";
   const std::string directory = s_firstLine(record);
   if (directory.empty() || !s_isOwnDirectory(directory)) return;
-  // What cannot be removed is left for the system's cleaning of temporary files.
+  // What cannot be removed is left to the system's clean-up of temporary files.
   std::error_code ignored;
   fs::remove(directory + s_socketName, ignored);
   fs::remove(directory, ignored);
@@ -382,7 +381,7 @@ bool LocalServer::start(const Options& options) try {
   makeDirectory();
   const DirectoryLock lock(s_startContext, m_directory);
   makeInnerDirectories();
-  // One that runs may have been started a moment ago by a process that is gone.
+  // A server that runs may have been started a moment ago by a process that has ended.
   if (const pid_t running = pid(); running != 0) {
     awaitAnswer(running);
     return false;

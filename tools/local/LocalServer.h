@@ -11,8 +11,8 @@
 namespace Tessel {
 
 // A real `mariadbd` that only its owner can reach: by a Unix socket in a directory of mode 0700,
-// without a network port and without a password. Everything it has lies in one directory: `data/`,
-// `run/` (the socket), `tmp/`, `client.cnf` (the option file that leads to it), `cmf/` (a
+// without a network port and without a password. All its files are in one directory: `data/`,
+// `run/` (the socket), `tmp/`, `client.cnf` (the option file for its clients), `cmf/` (a
 // configuration environment) and `server.log`. The server outlives the program that started it,
 // until stop().
 //
@@ -20,7 +20,7 @@ namespace Tessel {
 // time. All failures are thrown as `Exception`, code 4, with what to do in the detail text.
 class LocalServer {
  public:
-  // What a start may change. They count when the server is started, not for one that runs already.
+  // What a start may change. They take effect when the server is started, not while it runs.
   struct Options {
     // Memory for table pages, in bytes. 0: a quarter of the machine's memory, at most 1 GiB.
     std::uint64_t bufferPool = 0;
@@ -31,8 +31,8 @@ class LocalServer {
     std::vector<std::string> arguments;
   };
 
-  // `directory` is made by the first start. A relative one is taken from the current directory.
-  // Throws when it holds a quote, a backslash or a control character.
+  // The first start creates `directory`. A relative one is taken from the current directory. Throws
+  // when it contains a quote, a backslash or a control character.
   explicit LocalServer(const std::string& directory);
 
   // $XDG_STATE_HOME/tsl-address-map, or ~/.local/state/tsl-address-map. Throws when neither the
@@ -44,8 +44,8 @@ class LocalServer {
   // The first start sets up the data files. Throws when it does not answer within 60 seconds.
   bool start(const Options& options);
   bool start();
-  // Ends the server in an orderly way and waits for that: true when this call ended it, false when
-  // none ran. Throws when it still runs after 60 seconds.
+  // Shuts the server down and waits for that: true when this call stopped it, false when none ran.
+  // Throws when it still runs after 60 seconds.
   bool stop();
 
   [[nodiscard]] bool isRunning() const;
@@ -61,8 +61,8 @@ class LocalServer {
   [[nodiscard]] std::string logFile() const;
   [[nodiscard]] std::string dataDirectory() const;
   // Usually in `run/`; in a directory of its own elsewhere when that path is too long for a socket.
-  // Such a directory is made by a start and may change with it; the path is empty before the first
-  // one.
+  // A start creates such a directory, and the next may create another one; the path is empty before
+  // the first one.
   [[nodiscard]] std::string socketPath() const;
 
  private:

@@ -36,7 +36,8 @@ std::string s_reason(int error) {
   return std::generic_category().message(error);
 }
 
-// What the child needs, made before the fork: afterwards only async-signal-safe calls are allowed.
+// What the child needs, prepared before the fork: afterwards only async-signal-safe calls are
+// allowed.
 struct Launch {
   std::vector<char*> arguments;
   int log = -1;
@@ -148,7 +149,7 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   const Descriptor pid(pidFile.empty() ? -1 : s_openForWriting(pidFile, O_TRUNC));
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    s_fail("LocalServer::start", "Cannot make a pipe: " + s_reason(errno));
+    s_fail("LocalServer::start", "Cannot create a pipe: " + s_reason(errno));
   }
   const Descriptor readEnd(ends[0]);
   Descriptor writeEnd(ends[1]);

@@ -14,8 +14,8 @@ constexpr std::size_t s_firstSlots = 1024;
 // Bits of the filter for each slot: one in sixteen of them is set at most.
 constexpr std::size_t s_filterBits = 8;
 constexpr std::size_t s_wordBits = 64;
-// The bit that tells small ASCII letters from capitals, in each byte. Folding more than letters
-// with it makes a hash no worse, and is done eight bytes at a time.
+// The bit that distinguishes small ASCII letters from capitals, in each byte. Folding more than
+// letters with it makes a hash no worse, and is done eight bytes at a time.
 constexpr std::uint64_t s_caseBits = 0x2020202020202020U;
 
 // Spreads what differs in a few digits, as numbered addresses do, over all bits.

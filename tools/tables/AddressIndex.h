@@ -11,13 +11,13 @@
 namespace Tessel::Tool {
 
 // Texts of addresses and their numbers, from 0 in the order in which they were added. Two texts are
-// one when they differ in the case of ASCII letters only, so texts as `EmailAddress::address()`
-// gives them are one exactly when the addresses are equal. A text costs its length and some 20
-// bytes. One thread.
+// equal if they differ in the case of ASCII letters only, so texts as `EmailAddress::address()`
+// gives them are equal exactly if the addresses are. A text costs its length and some 20 bytes. One
+// thread.
 class AddressIndex {
  public:
   using Id = std::uint32_t;
-  // Stands for "not there".
+  // Means "not there".
   static constexpr Id s_none = UINT32_MAX;
 
   struct Added {
@@ -37,7 +37,7 @@ class AddressIndex {
  private:
   // Where `text` with `hash` is, or the free slot that it would go to.
   [[nodiscard]] std::size_t slotOf(std::string_view text, std::uint32_t hash) const noexcept;
-  // Where the filter tells of texts with `hash`.
+  // The place of texts with `hash` in the filter.
   [[nodiscard]] std::size_t filterWord(std::uint32_t hash) const noexcept;
   static std::uint64_t filterBit(std::uint32_t hash) noexcept;
   void grow();
@@ -46,8 +46,8 @@ class AddressIndex {
   // power of two, and at least half of the slots are free, so that a search for what is not there
   // mostly ends at the first slot.
   std::vector<std::uint64_t> m_slots;
-  // Has a bit set for each hash that is there. It is a small part of the slots, so most of what is
-  // not there is told from the processor's cache.
+  // Has a bit set for each hash that is there. It is a small part of the slots, so the processor's
+  // cache answers most searches for what is not there.
   std::vector<std::uint64_t> m_filter;
   std::vector<std::size_t> m_ends;  // Of the texts in `m_texts`.
   std::string m_texts;

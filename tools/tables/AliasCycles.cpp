@@ -1,4 +1,4 @@
-// Cycles that a change of alias tables would leave behind.
+// Alias loops that a change of alias tables would leave behind.
 #include "tables/AliasCycles.h"
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Longer ways lose their middle when they are shown.
+// Longer paths are shown without their middle.
 constexpr std::size_t s_longestPath = 20;
 
 // The aliases that a change leads to, numbered, the changed one first.

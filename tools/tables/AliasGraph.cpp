@@ -25,8 +25,8 @@ void AliasVisitor::row(std::string_view /*name*/, std::size_t /*size*/) {}
 void AliasVisitor::member(AddressIndex::Id /*alias*/, std::string_view /*member*/,
                           bool /*isAlias*/) {}
 
-// Goes through the rows twice: only when all names are known can it be told which members are
-// aliases. The others, mostly the greater part, then need not be kept.
+// Goes through the rows twice: only the second time it is known which members are aliases. The
+// others, usually most of them, are not kept.
 class AliasGraph::Parser : public Database::AllRowParser {
  public:
   Parser(AliasGraph& graph, AliasVisitor& visitor, const CountRows& count)
@@ -76,7 +76,7 @@ class AliasGraph::Parser : public Database::AllRowParser {
   void addMembers(Id alias, std::string_view text) {
     const RowFault fault = m_reader.readValue(text);
     if (fault != RowFault::None) {
-      // What it leads to is not known; it is reported as broken and as nothing else.
+      // What it leads to is unknown; it is reported as broken and as nothing else.
       m_graph.m_own[alias].add(Reach::addresses());
       m_visitor.broken(m_graph.m_names.text(alias), fault, m_reader.why());
       return;

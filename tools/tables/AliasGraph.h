@@ -1,5 +1,5 @@
-// A whole alias table in memory as a graph of aliases, for what one row does not tell: who reaches
-// whom, and which aliases lead nowhere.
+// A whole alias table in memory as a graph of aliases, for what a single row does not show: which
+// aliases reach which, and which lead nowhere.
 #ifndef TSL_TOOLS_TABLES_ALIASGRAPH_H
 #define TSL_TOOLS_TABLES_ALIASGRAPH_H
 
@@ -17,7 +17,7 @@
 namespace Tessel::Tool {
 
 // What an alias expands to, as far as it matters here: nothing, addresses of which none is an
-// all-users marker, one marker alone, or a marker beside others. The library replaces a marker only
+// all-users marker, one marker alone, or a marker with others. The library replaces a marker only
 // when it is alone.
 class Reach {
  public:
@@ -48,7 +48,7 @@ class Reach {
   std::uint32_t m_state = s_nothing;
 };
 
-// Is told of what stands in the table while it is read. Texts are valid during the call only.
+// Called with the content of the table while it is read. Texts are valid during the call only.
 class AliasVisitor {
  public:
   AliasVisitor() = default;
@@ -56,37 +56,36 @@ class AliasVisitor {
   AliasVisitor(const AliasVisitor&) = delete;
   AliasVisitor& operator=(const AliasVisitor&) = delete;
 
-  // A row that the library cannot use: `name` as it stands, what is wrong, and that in words.
+  // A row that the library cannot use: `name` as it is, what is wrong, and that in words.
   virtual void broken(std::string_view name, RowFault fault, const std::string& why);
   // A row of an address that has one already, spelled `first`.
   virtual void doubled(std::string_view name, std::string_view first);
   // A row with `size` bytes of members.
   virtual void row(std::string_view name, std::size_t size);
-  // The member `member` of `alias`, as `EmailAddress::address()` has it. `isAlias` tells whether it
-  // is an alias itself.
+  // The member `member` of `alias`, as `EmailAddress::address()` has it. `isAlias` is true if it is
+  // an alias itself.
   virtual void member(AddressIndex::Id alias, std::string_view member, bool isAlias);
 };
 
 // The aliases of a table, and which of them have which of the others as members. Members that are
-// no aliases are not kept, so a table takes some hundred bytes for each alias, beside the answer of
-// the server while it is read. An immutable value.
+// not aliases are not kept, so a table takes about a hundred bytes for each alias, and while it is
+// read also the server's answer. An immutable value.
 class AliasGraph {
  public:
   using Id = AddressIndex::Id;
 
-  // Reads the SQL table `table`, which may be any text, with one statement. `count` is told
-  // how far that is. Throws Exception when the database cannot answer;
-  // what `visitor` throws passes.
+  // Reads the SQL table `table`, which may be any text, with one statement. `count` is called with
+  // the progress. Throws Exception when the database cannot answer; exceptions of `visitor` pass.
   AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor,
              const CountRows& count);
 
   [[nodiscard]] const AddressIndex& names() const { return m_names; }
   // Members that are aliases, without those that an alias is itself.
   [[nodiscard]] const Links& links() const { return m_links; }
-  // What the members of `alias` that are no aliases are; an alias that names itself is delivered
+  // What the members of `alias` that are not aliases are; an alias that names itself is delivered
   // to, too.
   [[nodiscard]] Reach own(Id alias) const { return m_own[alias]; }
-  // All-users markers that stand among the members.
+  // All-users markers among the members.
   [[nodiscard]] const AddressIndex& markers() const { return m_markers; }
   [[nodiscard]] std::uint64_t rows() const { return m_rows; }
 

@@ -18,8 +18,8 @@ namespace Tessel::Tool {
 
 // One row, read without throwing.
 struct AliasRow {
-  std::string name;    // As it stands in the table.
-  std::string text;    // The members, as they stand there.
+  std::string name;    // As it is in the table.
+  std::string text;    // The members, as they are there.
   EmailAddress alias;  // Null where the name is none.
   std::set<EmailAddress> members;
   RowFault fault = RowFault::None;
@@ -31,15 +31,15 @@ struct AliasLook {
   enum class Kind {
     Absent,
     Present,  // `row` is the address's own row, whatever its state.
-    Other,    // The server answers with `row`, whose name it takes for equal, but which is not it.
+    Other,  // The server answers with `row`, whose name it considers equal, but which is of another
+            // address.
   };
 
   Kind kind = Kind::Absent;
   AliasRow row;
 };
 
-// An alias table over a connection of its own. Failures of the database pass as Exception. One
-// thread.
+// An alias table, over its own connection. Failures of the database pass as Exception. One thread.
 class AliasTable {
  public:
   // `table` is the SQL name, which must be known to be safe.
@@ -66,12 +66,12 @@ class AliasTable {
   // Adds the alias, or replaces the members of an existing one. Both texts are escaped.
   void set(const EmailAddress& alias, const std::set<EmailAddress>& members);
 
-  // Removes the row whose name, as it stands in the table, is `name`.
+  // Removes the row whose name in the table is exactly `name`.
   void remove(const std::string& name);
 
-  // Calls `edit` in a transaction, which is committed when it returns true and undone otherwise.
-  // Does so anew when the server ends the transaction in favour of another one; so `edit` must
-  // start from nothing each time. What `edit` throws passes.
+  // Calls `edit` in a transaction, which is committed when it returns true and rolled back
+  // otherwise. Repeats this when the server rolls the transaction back in favour of another one, so
+  // `edit` must start from scratch each time. Exceptions of `edit` pass.
   void transact(const std::function<bool()>& edit);
 
  private:

@@ -1,4 +1,4 @@
-// The expansion of an alias with all that was met on the way.
+// The expansion of an alias with everything that it meets.
 #include "tables/AliasTree.h"
 
 #include <utility>
@@ -52,7 +52,7 @@ void AliasTree::read(AliasTable& table, const EmailAddress& root) {
   }
 }
 
-// Goes the way of the library's expansion, with a stack of its own as that does.
+// Follows the steps of the library's expansion, with an explicit stack like that.
 void AliasTree::walk(const EmailAddress& root) {
   struct Level {
     KnownAddresses::value_type* known;

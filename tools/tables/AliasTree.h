@@ -1,4 +1,4 @@
-// The expansion of an alias with all that was met on the way.
+// The expansion of an alias with everything that it meets.
 #ifndef TSL_TOOLS_TABLES_ALIASTREE_H
 #define TSL_TOOLS_TABLES_ALIASTREE_H
 
@@ -16,21 +16,21 @@ namespace Tessel::Tool {
 
 // What an address of the tree is.
 enum class NodeKind {
-  Final,          // No alias: mail is delivered to it.
-  Alias,          // Its members stand below it.
-  Repeated,       // An alias whose members stand above already.
+  Final,          // Not an alias: mail is delivered to it.
+  Alias,          // Its members are below it.
+  Repeated,       // An alias whose members are above already.
   Cycle,          // An alias that is being expanded: the library leaves it out.
   SelfDelivery,   // A member that is the alias itself: mail is delivered to it.
-  AllUsers,       // Stands for the user mailboxes of the domain.
-  MissingDomain,  // A marker whose domain the configuration does not know: it stays as it is.
-  Marker,         // A marker that is taken for an address, as it is not alone or of another domain.
+  AllUsers,       // Means the user mailboxes of the domain.
+  MissingDomain,  // A marker whose domain the configuration does not know: it stays unchanged.
+  Marker,         // A marker that is treated as an address: it is not alone, or of another domain.
   Broken,         // Its row cannot be read: every expansion that meets it fails.
 };
 
 const char* textOf(NodeKind kind);
 
-// The way that the library goes, in its order: depth first, the members of each alias in ascending
-// order, each alias once.
+// The steps of the library's expansion, in its order: depth first, the members of each alias in
+// ascending order, each alias once.
 class AliasTree {
  public:
   struct Node {
@@ -55,7 +55,7 @@ class AliasTree {
   [[nodiscard]] const std::set<EmailAddress>& finals() const { return m_finals; }
   // True when the library replaces the one final address, which is the marker of the root's domain.
   [[nodiscard]] bool isAllUsers() const;
-  // Says what the marker is, which isAllUsers() tells of.
+  // Sets what the marker of isAllUsers() is.
   void setMarker(NodeKind kind);
 
  private:

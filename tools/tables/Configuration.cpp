@@ -27,11 +27,11 @@ Failure configurationFailure(const Exception& exception) {
   const bool present = std::filesystem::exists(directory / "data.mdb", error);
   if (!present && !error) {
     return {ExitCode::Configuration, subject, reasonOf(exception),
-            "name the directory with --cmf or TSL_CMF_PATH, or make a configuration with"
+            "name the directory with --cmf or TSL_CMF_PATH, or create one with"
             " 'tsl-address-map domain add'"};
   }
   return {ExitCode::Unavailable, subject, reasonOf(exception),
-          "check the rights on the directory and its files"};
+          "check the permissions of the directory and its files"};
 }
 
 CMF::RefApsGwServer findDomain(const std::string& domain) {

@@ -1,4 +1,4 @@
-// The configuration library as the commands use it, with its failures told apart.
+// The configuration library as the commands use it, with its failures distinguished.
 #ifndef TSL_TOOLS_TABLES_CONFIGURATION_H
 #define TSL_TOOLS_TABLES_CONFIGURATION_H
 

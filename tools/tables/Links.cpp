@@ -84,8 +84,8 @@ class Tarjan {
   std::uint32_t m_count = 0;
 };
 
-// A shortest way from `start` to `end` through nodes of their component, both included; where they
-// are one node, a way that leaves it.
+// A shortest path from `start` to `end` through nodes of their component, both included; if they
+// are the same node, a path that leaves it.
 std::vector<Links::Node> s_shortestWay(const Links& graph, const Components& components,
                                        Links::Node start, Links::Node end) {
   // Breadth first, each node with the one it was met from.

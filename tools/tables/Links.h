@@ -1,4 +1,4 @@
-// A directed graph of numbered nodes in little memory, and its cycles.
+// A directed graph of numbered nodes in little memory, and its loops.
 #ifndef TSL_TOOLS_TABLES_LINKS_H
 #define TSL_TOOLS_TABLES_LINKS_H
 
@@ -24,7 +24,7 @@ class Links {
   // The graph of `nodes` nodes with `links`, which are kept in their order for each node.
   Links(std::size_t nodes, const std::vector<Link>& links);
 
-  // The same graph with each link turned round.
+  // The same graph with each link reversed.
   [[nodiscard]] Links reversed() const;
   // Where the links of `node` lead. Valid as long as this object.
   [[nodiscard]] std::span<const Node> of(Node node) const {
@@ -48,21 +48,20 @@ struct Components {
 // The components of `graph`, found without recursion, in time proportional to its size.
 Components componentsOf(const Links& graph);
 
-// A shortest way from `node` back to itself through nodes of its component, `node` at both ends.
+// A shortest path from `node` back to itself through nodes of its component, `node` at both ends.
 // Requires: its component has more than one node.
 std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
                                       Links::Node node);
 
-// A cycle, the same node at both ends.
+// A loop, the same node at both ends.
 struct Cycle {
   std::vector<Links::Node> path;
   bool isNew;  // It would not be there without one of the links that were asked about.
 };
 
-// The cycles that a change of links leaves behind: one of each component that has more than one
-// node and one of `nodes` among them. Where one of `added`, links of the graph, closes it, a
-// shortest one that begins with the first such link; otherwise a shortest one through the first
-// such node.
+// The loops that a change of links leaves behind: one of each component that has more than one node
+// and one of `nodes` among them. Where one of `added`, links of the graph, closes it, a shortest
+// one that begins with the first such link; otherwise a shortest one through the first such node.
 std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& nodes,
                             const std::vector<Link>& added);
 

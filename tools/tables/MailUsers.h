@@ -1,4 +1,4 @@
-// The mail users of the configuration, for telling whether an address is one.
+// The mail users of the configuration, to find out whether an address is one.
 #ifndef TSL_TOOLS_TABLES_MAILUSERS_H
 #define TSL_TOOLS_TABLES_MAILUSERS_H
 
@@ -15,8 +15,8 @@
 
 namespace Tessel::Tool {
 
-// The users of each domain are read when the domain is first asked for. A failure to read the
-// configuration ends that: from then on nothing is known. One thread.
+// The users of each domain are read when the domain is first asked for. After a failure to read the
+// configuration nothing is known. One thread.
 class MailUsers {
  public:
   // What the configuration says about an address.
@@ -28,7 +28,7 @@ class MailUsers {
     Unknown,  // The configuration cannot be read.
   };
 
-  // Looks whether there is a configuration.
+  // Checks whether there is a configuration.
   MailUsers();
 
   // What `address` is, a text as `EmailAddress::address()` gives it.

@@ -107,8 +107,8 @@ bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& 
   const std::string privateIs = " where private=" + literal(privateAddress.address());
   const std::string publicText = literal(publicAddress.address());
   Database::Transaction transaction(m_connection);
-  // Locked until the write, so that what was seen still holds then.
-  // Looking alone takes no more than the right to read.
+  // Locked until the write, so that what was seen still holds then. Without a change, the right to
+  // read is enough.
   const std::string lock = dryRun ? "" : " for update";
   const std::vector<MaskRow> present = select(privateIs + lock);
   for (const MaskRow& row : present) {

@@ -1,5 +1,5 @@
 // The rows of a mask table as the server has them, for what the library's answers leave open, and
-// the safe writes: they escape their texts and never change another row than the one they are for.
+// the safe writes: they escape their texts and change no other row than their own.
 #ifndef TSL_TOOLS_TABLES_MASKTABLE_H
 #define TSL_TOOLS_TABLES_MASKTABLE_H
 
@@ -16,7 +16,7 @@ namespace Tessel::Tool {
 
 // One row, read without throwing.
 struct MaskRow {
-  std::string privateText;  // As they stand in the table.
+  std::string privateText;  // As they are in the table.
   std::string publicText;
   EmailAddress privateAddress;  // Null where the text is no e-mail address.
   EmailAddress publicAddress;
@@ -32,7 +32,7 @@ class MaskTable {
   explicit MaskTable(std::string table);
 
   // What the server finds for the private address, and for the public one: at most one row each,
-  // which may be that of an address it takes for equal.
+  // which may be that of an address that it considers equal.
   std::vector<MaskRow> withPrivate(const EmailAddress& address);
   std::vector<MaskRow> withPublic(const EmailAddress& address);
 
@@ -42,7 +42,7 @@ class MaskTable {
   std::vector<MaskRow> rows(const std::string& domain);
 
   // Adds the pair, or changes the public address of the row of its private one. Throws Failure,
-  // `BadData`, when another row has the public address, or one that the server takes for equal.
+  // `BadData`, when another row has the public address, or one that the server considers equal.
   // With `dryRun` nothing is written. True when there was a row of the private address.
   bool set(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
 
@@ -65,7 +65,7 @@ class MaskTable {
   Database::Connection m_connection;
 };
 
-// The rows as "'PRIVATE:PUBLIC', 'PRIVATE:PUBLIC'", as they stand in the table.
+// The rows as they are in the table: "'PRIVATE:PUBLIC', 'PRIVATE:PUBLIC'".
 std::string textOf(const std::vector<MaskRow>& rows);
 
 }  // namespace Tessel::Tool

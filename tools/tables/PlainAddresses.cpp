@@ -14,7 +14,7 @@ constexpr std::size_t s_maxLocal = 64;
 constexpr std::size_t s_maxLabel = 63;
 constexpr std::size_t s_maxAddress = 254;
 
-// What a character may stand for.
+// What a character may be part of.
 enum Role : std::uint8_t { InLocal = 1, InLabel = 2, Hyphen = 4 };
 
 constexpr std::array<std::uint8_t, 256> s_makeRoles() {

@@ -1,4 +1,4 @@
-// Transactions that the server ends in favour of others.
+// Transactions that the server rolls back in favour of others.
 #ifndef TSL_TOOLS_TABLES_RETRY_H
 #define TSL_TOOLS_TABLES_RETRY_H
 
@@ -7,13 +7,13 @@
 
 namespace Tessel::Tool {
 
-// The server's answer to a transaction that it undid because it and another one waited for each
-// other. Two edits that add the same row may meet so.
+// The server's answer to a transaction that it rolled back because it and another one waited for
+// each other. Two edits that add the same row may do so.
 inline constexpr unsigned int s_deadlock = 1213;
-// Each round ends for at least one of those that wait for each other.
+// In each round, at least one of those that wait for each other completes.
 inline constexpr int s_deadlockRounds = 100;
 
-// Calls `transact`, a whole transaction, anew as long as the server undoes it for a deadlock.
+// Calls `transact`, a whole transaction, again as long as the server rolls it back for a deadlock.
 // Returns what it returns; other exceptions pass, as does the last deadlock.
 template <class Transact>
 auto retryDeadlocks(Transact transact) {

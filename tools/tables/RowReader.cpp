@@ -25,10 +25,10 @@ bool s_isEmpty(RowFault fault) {
   return fault == RowFault::EmptyKey || fault == RowFault::EmptyValue;
 }
 
-// Calls `parse`. Why it cannot; empty when it can. What is no fault of the text passes.
+// Calls `parse`. Why it cannot; empty when it can. Exceptions with other reasons pass.
 template <class Parse>
 std::string s_faultOf(std::string_view text, Parse parse) {
-  if (text.find('\0') != std::string_view::npos) return "it holds a NUL character";
+  if (text.find('\0') != std::string_view::npos) return "it contains a NUL character";
   try {
     parse();
   } catch (const Exception& exception) {

@@ -16,10 +16,11 @@ namespace Tessel::Tool {
 // the public address.
 enum class RowFault {
   None,
-  BadKey,  // It is no e-mail address, or holds a NUL character, at which the parsers would stop.
+  BadKey,  // It is not an e-mail address, or contains a NUL character, at which the parsers would
+           // stop.
   EmptyKey,
   BadValue,
-  EmptyValue,  // The library takes an alias without members for no alias.
+  EmptyValue,  // The library does not treat a row without members as an alias.
 };
 
 // Reads rows of one kind of table, one after the other, in the way the library does. Nearly all
@@ -31,7 +32,7 @@ class RowReader {
   // Each reads one column. `None`, or what is wrong with it.
   RowFault readKey(std::string_view text);
   RowFault readValue(std::string_view text);
-  // Both: a bad column goes before an empty one, and the key before the value.
+  // Both: a bad column takes precedence over an empty one, and the key over the value.
   RowFault read(std::string_view key, std::string_view value);
   // What is wrong with the text that was read last and had a fault, in words.
   [[nodiscard]] const std::string& why() const noexcept { return m_why; }

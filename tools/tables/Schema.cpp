@@ -1,4 +1,4 @@
-// Looking at the database, and completing it.
+// Reads the state of the database, and completes it.
 #include "tables/Schema.h"
 
 #include <list>
@@ -93,13 +93,13 @@ PreparationLock::PreparationLock(Database::Connection& connection) : m_connectio
     const auto rows = selectTexts(connection, "select get_lock( 'tsl-address-map init', 60 );", 1);
     m_held = rows.at(0).at(0) == "1";
   } catch (const Exception& exception) {
-    // A cluster has no such locks; there people must see to it themselves.
+    // A cluster has no such locks; the administrator must take care there.
     if (isDatabaseError(exception, s_notSupported)) return;
     throw;
   }
   if (m_held) return;
   throw Failure(ExitCode::Unavailable, "preparing the database",
-                "another 'tsl-address-map init' has been at work for a minute", "try again later");
+                "another 'tsl-address-map init' has been running for a minute", "try again later");
 }
 
 PreparationLock::~PreparationLock() {
@@ -107,7 +107,7 @@ PreparationLock::~PreparationLock() {
   try {
     selectTexts(m_connection, "select release_lock( 'tsl-address-map init' );", 1);
   } catch (const Exception&) {
-    // The lock goes with the connection.
+    // The server releases the lock with the connection.
     m_held = false;
   }
 }

@@ -1,5 +1,5 @@
-// The database as it stands, compared with what the library needs, and the steps from one to the
-// other. None of them can lose data.
+// The state of the database, compared with what the library needs, and the steps to complete it.
+// None of them can lose data.
 #ifndef TSL_TOOLS_TABLES_SCHEMA_H
 #define TSL_TOOLS_TABLES_SCHEMA_H
 
@@ -11,7 +11,7 @@
 
 namespace Tessel::Tool {
 
-// One thing that is missing in a database that is there.
+// One thing that is missing in an existing database.
 enum class SchemaStep { CreateMask, AddPublicIndex, CreateAlias, AddAllUsers, WidenMembers };
 
 // What was found.
@@ -24,13 +24,13 @@ struct Schema {
   [[nodiscard]] bool isComplete() const { return present && missing.empty() && unfitting.empty(); }
 };
 
-// Keeps other runs of this tool from preparing the database of the same server while it lives.
-// Without it the library, run twice at once, could take a half-made database for a broken one, and
-// drop it.
+// While it exists, no other run of this tool prepares the database of the same server. Without it,
+// two concurrent runs of the library could take an incomplete database for a broken one, and drop
+// it.
 class PreparationLock {
  public:
-  // Waits for another run. Throws Exception or Failure when the lock cannot be had. `connection`
-  // must outlive the lock.
+  // Waits for another run. Throws Exception or Failure without the lock. `connection` must outlive
+  // the lock.
   explicit PreparationLock(Database::Connection& connection);
   ~PreparationLock();
   PreparationLock(const PreparationLock&) = delete;
@@ -41,16 +41,15 @@ class PreparationLock {
   bool m_held = false;
 };
 
-// Looks at the database and its base tables; selects it when it is there. Throws Exception when it
-// cannot be looked at.
+// Reads the state of the database and its base tables; selects it if it exists. Throws Exception
+// when that fails.
 Schema lookAtSchema(Database::Connection& connection);
 
-// Looks at one table of the selected database as if it were the base table of its kind. Throws
-// Exception when it cannot be looked at.
+// Reads the state of one table of the selected database as if it were the base table of its kind.
+// Throws Exception when that fails.
 Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
 
-// Carries out one step on the selected database. Throws Exception; nothing but this step is undone
-// or missing then.
+// Carries out one step on the selected database. Throws Exception; only this step is missing then.
 void carryOut(Database::Connection& connection, SchemaStep step);
 
 // What the step does, in words; for another table than the base table of its kind with its name.

@@ -27,9 +27,9 @@ std::string TableFormat::read(std::string_view keyText, std::string_view valueTe
 }
 
 std::string TableFormat::readLine(std::string_view line, TableEntry& entry) const {
-  if (line.find('\0') != std::string_view::npos) return "it holds a NUL character";
+  if (line.find('\0') != std::string_view::npos) return "it contains a NUL character";
   const std::size_t end = endOfKey(line);
-  if (end == std::string_view::npos) return "there is no colon behind an address";
+  if (end == std::string_view::npos) return "there is no colon after an address";
   return read(line.substr(0, end), line.substr(end + 1), entry);
 }
 

@@ -20,7 +20,7 @@ struct TableEntry {
   [[nodiscard]] std::string line() const { return key.address() + ":" + value; }
 };
 
-// What tells the kinds of table apart.
+// What distinguishes the kinds of table.
 struct TableFormat {
   TableKind kind;
   const char* key;  // The columns.
@@ -36,8 +36,8 @@ struct TableFormat {
   std::string readLine(std::string_view line, TableEntry& entry) const;
 };
 
-// Where the colon is that ends the key of `line`: the first one that stands in neither a quoted
-// local part nor an address literal. npos when there is none.
+// Where the colon is that ends the key of `line`: the first one that is in neither a quoted local
+// part nor an address literal. npos when there is none.
 std::size_t endOfKey(std::string_view line);
 
 }  // namespace Tessel::Tool

@@ -1,4 +1,4 @@
-// The names of the database and of its tables: composed and taken apart here and nowhere else.
+// The names of the database and of its tables: composed and parsed here and nowhere else.
 #ifndef TSL_TOOLS_TABLES_TABLENAMES_H
 #define TSL_TOOLS_TABLES_TABLENAMES_H
 

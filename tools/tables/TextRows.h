@@ -20,15 +20,15 @@ using TextRow = std::vector<std::string>;
 std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
                                  unsigned int columns);
 
-// Is told how far the reading of a result has come: before its first row, and after each step.
+// Called with the progress of reading a result: before its first row, and after each step.
 using CountRows = std::function<void(std::uint64_t read, std::uint64_t total)>;
 
 // The first two columns of a row; valid during the call only.
 using TakePair = std::function<void(std::string_view first, std::string_view second)>;
 
-// Runs `statement` and calls `take` for each row, without copies of the rows. `take` must run no
-// statement on `connection`; what it throws passes. `count`, where it is given, is told of each
-// row. Throws Exception as above.
+// Runs `statement` and calls `take` for each row, without copies of the rows. `take` must not run a
+// statement on `connection`; its exceptions pass. `count`, if given, is called for each row. Throws
+// Exception as above.
 void selectPairs(Database::Connection& connection, const std::string& statement,
                  const TakePair& take, const CountRows& count = nullptr);
 

@@ -1,4 +1,4 @@
-// What is to be tidied up when a signal ends the tool.
+// What to tidy up when a signal ends the tool.
 #include "terminal/Interrupt.h"
 
 #include <array>
@@ -30,7 +30,7 @@ extern "C" void s_endTidily(int signal) {
 void s_handleSignals() {
   for (const int signal : s_signals) {
     struct sigaction before {};
-    // What the caller has the program ignore stays ignored.
+    // Signals that the caller ignores stay ignored.
     if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
     std::signal(signal, s_endTidily);
   }

@@ -1,4 +1,4 @@
-// What is to be tidied up when a signal ends the tool: a line on the terminal, a file half written.
+// What to tidy up when a signal ends the tool: a line on the terminal, a file half written.
 #ifndef TSL_TOOLS_TERMINAL_INTERRUPT_H
 #define TSL_TOOLS_TERMINAL_INTERRUPT_H
 
@@ -6,13 +6,13 @@
 
 namespace Tessel::Tool {
 
-// Has `tidyUp` called when SIGHUP, SIGINT or SIGTERM arrives, before the process ends by that
-// signal as it would have without. Runs inside a signal handler, so it may call async-signal-safe
-// functions only. Signals that the caller of the program has it ignore stay ignored. Further calls
-// with the same function do nothing; there is room for four functions. One thread.
+// Calls `tidyUp` when SIGHUP, SIGINT or SIGTERM arrives, before that signal ends the process as
+// usual. Runs inside a signal handler, so it may call async-signal-safe functions only. Signals
+// that the caller of the program has it ignore stay ignored. Further calls with the same function
+// do nothing; there is room for four functions. One thread.
 void tidyUpOnInterrupt(void (*tidyUp)());
 
-// Blocks those signals in this thread as long as it lives.
+// Blocks those signals in this thread while it exists.
 class Uninterrupted {
  public:
   Uninterrupted();

@@ -14,7 +14,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-// The reader of standard output may have seen enough ("| head"); that is no failure.
+// The reader of standard output may have seen enough ("| head"); that is not a failure.
 [[noreturn]] void s_fail(int error) {
   if (error == EPIPE) {
     std::signal(SIGPIPE, SIG_DFL);
@@ -41,7 +41,7 @@ std::string s_text(const Json& document) {
 
 void Output::line(std::string_view text) {
   if (!isTerminal(Stream::Output)) return s_writeLine(text);
-  // A line end makes the standard library hand over what it has.
+  // At a line end, the standard library writes what it has.
   const Progress::Hidden hidden;
   s_writeLine(text);
 }
@@ -58,7 +58,7 @@ ItemList::~ItemList() {
   try {
     end();
   } catch (const Failure&) {
-    // Another failure is on its way already, and decides how the tool exits.
+    // Another failure was thrown already, and decides how the tool exits.
   }
 }
 

@@ -31,8 +31,7 @@ constexpr std::size_t s_narrowest = 10;
 constexpr std::size_t s_widest = 30;
 
 constexpr std::string_view s_eraseLine = "\033[K";
-// A terminal that was made narrower has wrapped the bar: what stands below the cursor is ours as
-// well.
+// A terminal that was made narrower has wrapped the bar: what is below the cursor is ours as well.
 constexpr std::string_view s_eraseBelow = "\033[J";
 
 // Held while anything is written to the terminal.
@@ -114,7 +113,7 @@ std::string s_rate(const ProgressState& state) {
   return std::to_string(static_cast<std::uint64_t>(s_perSecond(state)));
 }
 
-// ", 0:12 left", or nothing while that cannot be told.
+// ", 0:12 left", or nothing while that is unknown.
 std::string s_left(const ProgressState& state) {
   constexpr double s_longest = 100.0 * 3600;
   const double rate = s_perSecond(state);
@@ -130,7 +129,7 @@ std::string s_counts(const ProgressState& state) {
   return text + " " + state.unit;
 }
 
-// Never more than 1: the table may have grown meanwhile.
+// Never more than 1: the table may have grown since.
 double s_part(const ProgressState& state) {
   if (*state.total == 0) return 1;
   return std::min(1.0, static_cast<double>(state.done) / static_cast<double>(*state.total));
@@ -183,7 +182,7 @@ std::string progressLine(const ProgressState& state) {
 Progress::Progress(std::optional<Timing> timing)
     : m_timing(timing ? *timing : (isWatched() ? s_onTerminal : s_elsewhere)),
       m_start(Clock::now()) {
-  // Where nothing can be written there is nothing to tell.
+  // Where nothing can be written there is nothing to report.
   const int flags = fcntl(STDERR_FILENO, F_GETFL);
   if (flags == -1 || (flags & O_ACCMODE) == O_RDONLY) return;
   if (isWatched()) tidyUpOnInterrupt(&s_eraseOnInterrupt);
@@ -274,7 +273,7 @@ void Progress::end() {
   s_eraseBar();
 }
 
-void Progress::endBesidePager() {
+void Progress::endForPager() {
   struct stat output {};
   if (!isWatched() || fstat(STDOUT_FILENO, &output) != 0) return;
   if (S_ISFIFO(output.st_mode) || S_ISSOCK(output.st_mode)) end();

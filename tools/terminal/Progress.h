@@ -1,4 +1,4 @@
-// How far a long piece of work is: a bar on a terminal, now and then a line elsewhere.
+// The progress of long work: a bar on a terminal, now and then a line elsewhere.
 #ifndef TSL_TOOLS_TERMINAL_PROGRESS_H
 #define TSL_TOOLS_TERMINAL_PROGRESS_H
 
@@ -18,7 +18,7 @@
 
 namespace Tessel::Tool {
 
-// What there is to tell.
+// What is reported.
 struct ProgressState {
   std::string what;  // "writing"; fit to be shown.
   std::string unit;  // "rows"
@@ -28,19 +28,19 @@ struct ProgressState {
 };
 
 // The bar for a terminal of `columns`: never longer than fits before its last column. With less
-// room the bar goes first, then the counts; what is left at last is the percentage, or the count.
+// room the bar is left out first, then the counts; what remains is the percentage, or the count.
 std::string progressBar(const ProgressState& state, std::size_t columns);
 
 // "writing: 500000 of 1000000 rows"
 std::string progressLine(const ProgressState& state);
 
-// Shows on standard error how far the work is, by a thread of its own, so that it also shows while
-// the server is waited for: on a terminal a bar, once the work has taken a second, that is redrawn
-// ten times a second and goes at the end; elsewhere a line every ten seconds. The work itself only
-// counts, which costs it next to nothing. One object at a time; all operations are for one thread.
+// Shows the progress on standard error from a thread of its own, so also while the work waits for
+// the server. On a terminal a bar appears after a second, is redrawn ten times a second and erased
+// at the end; elsewhere a line is written every ten seconds. The work itself only counts, which
+// costs next to nothing. One object at a time; all operations are for one thread.
 class Progress {
  public:
-  // When the first bar or line comes, and the next ones.
+  // When the first bar or line is shown, and the next ones.
   struct Timing {
     std::chrono::milliseconds first;
     std::chrono::milliseconds every;
@@ -52,30 +52,29 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // A piece of the work begins, of which nothing is done: "writing", "rows". Without `total` it is
+  // Begins a part of the work, of which nothing is done: "writing", "rows". Without `total` it is
   // not known how much there is to do.
   void begin(const std::string& what, const std::string& unit,
              std::optional<std::uint64_t> total = std::nullopt);
   // The same for the lines of the file `path`, "-" being standard input; but nothing is shown while
   // a person types them at the terminal.
   void beginReading(const std::string& path);
-  // How much there is to do has come to be known, and is begun only now.
+  // The total is known now, and the work begins now.
   void setTotal(std::uint64_t total);
   void set(std::uint64_t done) { m_done.store(done, std::memory_order_relaxed); }
   void add(std::uint64_t more) { set(m_done.load(std::memory_order_relaxed) + more); }
   // For readers of tables: sets the total, and how much of it is done. The object must outlive it.
   [[nodiscard]] std::function<void(std::uint64_t done, std::uint64_t total)> counter();
-  // True when a person looks on, so that it is worth finding out how much there is to do.
+  // True when a person is watching, so that it is worth finding out the total.
   static bool isWatched() { return isTerminal(Stream::Error); }
   // Shows nothing from now on.
   void end();
   // The same, when a bar would be shown and standard output is a pipe: its reader, a pager perhaps,
-  // may write to the same terminal. For commands whose answer comes little by little.
-  void endBesidePager();
+  // may write to the same terminal. For commands that answer step by step.
+  void endForPager();
 
-  // Takes the bar away, and keeps it away as long as it lives: what is written meanwhile stands on
-  // a line of its own. For any writing to a terminal, whether there is a Progress or not; may be
-  // nested.
+  // Erases the bar, and keeps it away while this object exists: what is written then is on a line
+  // of its own. For any writing to a terminal, whether there is a Progress or not; may be nested.
   class Hidden {
    public:
     Hidden();
@@ -87,7 +86,7 @@ class Progress {
     std::unique_lock<std::recursive_mutex> m_lock;
   };
 
-  // Ends the Progress that there is, if any: output follows that leaves lines open.
+  // Ends the current Progress, if any: output without line ends follows.
   static void endCurrent();
 
  private:

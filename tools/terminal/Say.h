@@ -13,7 +13,7 @@ namespace Tessel::Tool {
 // "warning" at its beginning has a colour.
 void say(std::string_view text);
 
-// The same for a text that is fit to be shown as it is, and may have colours.
+// The same for a text that is fit to be shown unchanged, and may have colours.
 void sayShown(const std::string& text);
 
 // Writes the failure and its hint to standard error.

@@ -1,4 +1,4 @@
-// What the standard streams lead to.
+// What the standard streams are connected to.
 #include "terminal/Terminal.h"
 
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-// What the standard streams lead to: a terminal, its width, and colour on it.
+// What the standard streams are connected to: a terminal, its width, and colour on it.
 #ifndef TSL_TOOLS_TERMINAL_TERMINAL_H
 #define TSL_TOOLS_TERMINAL_TERMINAL_H
 
@@ -21,11 +21,11 @@ enum class Tone {
 // is not "dumb". Asked once. Any thread.
 bool isTerminal(Stream stream);
 
-// Columns of the terminal that standard error is, as of now; 80 where it does not tell. Any thread.
+// Columns of the terminal that standard error is, as of now; 80 where that is unknown. Any thread.
 std::size_t terminalWidth();
 
 // `text`, which must be fit to be shown, in the colour of `tone` when `stream` is a terminal and
-// the environment has no NO_COLOR that is not empty; as it is otherwise. Any thread.
+// the environment has no NO_COLOR that is not empty; otherwise unchanged. Any thread.
 std::string coloured(Stream stream, Tone tone, std::string_view text);
 
 }  // namespace Tessel::Tool
