@@ -65,7 +65,7 @@ void cachedExpandAlias(benchmark::State& state) {
 
 BENCHMARK(cachedExpandAlias)->Arg(1)->Arg(2)->Apply(inRounds);
 
-// An address that is no alias of a table with more rows than the cache holds: one statement.
+// An address that is not an alias of a table with more rows than the cache holds: one statement.
 void aliasStatementNoRow(benchmark::State& state) {
   fillAliasTable("alias_large", sizes().rows);
   const AddressMapDb store(AddressMapDb::MySQL, true);

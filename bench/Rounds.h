@@ -21,7 +21,7 @@ namespace Tessel::Bench {
 // How a round is read.
 enum class Kind {
   Ratio,         // time of ours divided by the time of the bare thing
-  Nanoseconds,   // time of ours divided by `per`, in ns; there is no bare thing
+  Nanoseconds,   // time of ours divided by `per`, in ns; without a bare counterpart
   ExtraPerItem,  // (time of ours minus time of the bare thing) divided by `per`, in ns
 };
 
@@ -85,9 +85,9 @@ class Threads {
   Threads(const Threads&) = delete;
   Threads& operator=(const Threads&) = delete;
 
-  // Calls `work` with the number of the thread in each of them, all at once, and returns the mean
-  // of the seconds that it took in each. Repeats it, a few times at most, when some of them worked
-  // alone because another program kept the others from their core.
+  // Calls `work` with the number of the thread in each of them, all at the same time, and returns
+  // the mean of the seconds that it took in each. Repeats it, a few times at most, when some of
+  // them worked alone because another program kept the others from their core.
   double run(const std::function<void(int thread)>& work);
 
   // The side that does `operation`, as `timed` does, in each of the threads, which work on numbers
@@ -161,7 +161,7 @@ inline void inRounds(benchmark::internal::Benchmark* benchmark) {
   benchmark->Iterations(1)->UseManualTime();
 }
 
-// Keeps a number that is measured once and is no time, such as a peak of memory in MB.
+// Keeps a number that is measured once and is not a time, such as a peak of memory in MB.
 void measured(const std::string& name, double value, const std::string& unit, double limit);
 
 // From now on one round of one operation is all: shows that the comparisons run, and decides

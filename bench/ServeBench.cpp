@@ -226,8 +226,8 @@ class Load {
   Load(const Load&) = delete;
   Load& operator=(const Load&) = delete;
 
-  // Asks `count` times over all connections at once. Throws std::runtime_error when an answer is
-  // wrong or does not come.
+  // Asks `count` times over all connections at the same time. Throws std::runtime_error when an
+  // answer is wrong or does not come.
   void ask(std::size_t count) {
     m_latencies.clear();
     std::size_t sent = 0;

@@ -401,14 +401,18 @@ END
 
 @test "check-docs finds words that the glossary replaces, in comments, messages, scripts and documents" {
   write_documents
-  mkdir scripts
+  mkdir -p scripts tools tests/tools
   printf '// The Folders of the end.\nconst char* s_text = "a star stands for all";\n' >src/map/Words.cpp
   printf 'echo "no folder"\n' >scripts/words
+  printf '// In this folder.\n' >tools/Words.h
+  printf '# A folder.\n' >tests/tools/words.bats
   echo 'Two folders.' >>README.md
   printf '.PP\nA folder.\n' >>docs/man/tsl-address-map.1
   fails check-docs 'src/map/Words.cpp:1: "Folders": docs/contributing.md has a better word'
   [[ $output == *'src/map/Words.cpp:2: "stands for": '* ]]
   [[ $output == *'scripts/words:1: "folder": '* ]]
+  [[ $output == *'tools/Words.h:1: "folder": '* ]]
+  [[ $output == *'tests/tools/words.bats:1: "folder": '* ]]
   [[ $output == *'README.md:6: "folders": '* ]]
   [[ $output == *'docs/man/tsl-address-map.1:14: "folder": '* ]]
   [[ $output != *'"end"'* ]]

@@ -28,7 +28,7 @@ offers_nothing() {
   [ "${#COMPREPLY[@]}" -eq 0 ]
 }
 
-@test "bash is told which function completes the program" {
+@test "bash knows which function completes the program" {
   run complete -p tsl-address-map
   [ "$output" = "complete -F _tsl_address_map tsl-address-map" ]
 }

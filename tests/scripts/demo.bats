@@ -41,7 +41,7 @@ shown_by_the_readme() {
   sed -n '/The demo prints, shortened:$/,/^and the tests print/{/^```$/d;p}' "$TSL_SOURCE/README.md" | sed '1d;$d'
 }
 
-# shows COMMAND TEXT: TEXT stands in the output of that command.
+# shows COMMAND TEXT: TEXT is in the output of that command.
 shows() {
   # The output reaches to the next command or heading.
   awk -v command="\$ tsl-address-map $1" '
@@ -50,7 +50,7 @@ shows() {
   grep -qF -e "$2" "$BATS_TEST_TMPDIR/shown"
 }
 
-@test "the demo shows the program at work as the README tells, and leaves nothing behind" {
+@test "the demo shows the program at work as the README says, and leaves nothing behind" {
   "$TSL_SOURCE/scripts/demo" </dev/null >out 2>&1 3>&-
   cat out
   shows "alias expand staff@example.com" helpdesk@partner.example
@@ -103,7 +103,7 @@ shows() {
   nothing_is_left
 }
 
-@test "a failing step is told, fails the demo, and leaves nothing behind" {
+@test "a failing step is reported, fails the demo, and leaves nothing behind" {
   mkdir bin
   printf '#!/bin/sh\necho "no server today"\nexit 1\n' >bin/mariadb-install-db
   cp bin/mariadb-install-db bin/mysql_install_db

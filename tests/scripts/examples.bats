@@ -23,7 +23,7 @@ setup() {
   [ "$output" = $'ann@example.com\nbob@example.com\ncleo@example.com' ]
 }
 
-@test "the example tells no alias from a failure" {
+@test "the example distinguishes no alias from a failure" {
   run with_server "$expand" nobody@example.com
   [ "$status" -eq 1 ]
   [ -z "$output" ]

@@ -24,7 +24,7 @@ setup_file() {
 file_of() { echo "$packages/$1_${version}_$architecture.deb"; }
 field() { dpkg-deb --field "$(file_of "$1")" "$2"; }
 
-# contains PACKAGE FILE...: exactly these files and links, besides those that every package has.
+# contains PACKAGE FILE...: exactly these files and links, apart from those that every package has.
 contains() {
   local name=$1
   shift
@@ -136,7 +136,7 @@ about() { readelf --dynamic --section-headers --wide "$1"; }
   [[ $output == *RUNPATH* && $output == *.symtab* ]]
 }
 
-@test "the change log tells this version" {
+@test "the change log describes this version" {
   for name in libtsladdressmap1 libtsladdressmap-dev tsl-address-map; do
     gzip -dc "$unpacked/$name/usr/share/doc/$name/changelog.Debian.gz" >"$BATS_TEST_TMPDIR/changelog"
     [ "$(dpkg-parsechangelog --file "$BATS_TEST_TMPDIR/changelog" --show-field Version)" = "$version" ]

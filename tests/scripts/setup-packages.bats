@@ -23,7 +23,7 @@ without() {
   export DPKG_ADMINDIR=$BATS_TEST_TMPDIR/dpkg
 }
 
-@test "nothing is said and done when nothing is missing" {
+@test "nothing is printed and done when nothing is missing" {
   PATH=$bin:$PATH run "$setup_packages" test
   [ "$status" -eq 0 ]
   [ -z "$output" ]
@@ -75,7 +75,7 @@ without() {
   [ "$status" -eq 100 ]
 }
 
-@test "without the rights of root the command to run is told" {
+@test "without the rights of root the command to run is printed" {
   without bats
   rm "$bin/sudo"
   printf '#!/bin/bash\nexit 1\n' >"$bin/sudo"

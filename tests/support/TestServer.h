@@ -61,7 +61,7 @@ class TestServer {
   OptionFile useAccount(const std::string& user, const std::string& password,
                         const std::string& grants);
 
-  // Ends the server at once, as a crash would.
+  // Kills the server at once, as a crash would.
   void kill();
   // Ends the server in an orderly way.
   void stop();
