@@ -201,7 +201,7 @@ hardened() {
 }
 
 @test "the installed program and libraries are hardened" {
-  for file in bin/tsl-address-map "$(library_folder)"/lib{tsladdressmap,tslplatform}.so.1; do
+  for file in bin/tsl-address-map "$(library_directory)"/lib{tsladdressmap,tslplatform}.so.1; do
     hardened "$(realpath "$prefix/${file#"$prefix/"}")"
   done
 }

@@ -47,7 +47,7 @@ class Session {
   // Store name that --table gives; empty for the default table.
   [[nodiscard]] std::string tableName() const { return m_settings.table.value_or(""); }
 
-  // Tells on standard error, with --verbose only.
+  // Writes to standard error, with --verbose only.
   void detail(const std::string& text) const;
   // With --verbose, says which server is asked, and which table of `kind`; nothing for commands on
   // the whole database. Throws Exception when the server cannot be reached.

@@ -12,21 +12,21 @@
 
 namespace Tessel::Tool {
 
-// A regular file is replaced as a whole, see AtomicFile; an interrupt leaves it as it was, too.
-// What is no regular file (a pipe, a device) is written as it is. One object at a time, one thread.
+// A regular file is replaced as a whole, see AtomicFile; an interrupt leaves it as it was, too. A
+// pipe or a device is written directly. One object at a time, one thread.
 class ExportFile {
  public:
   // Throws Failure, `OutputFailed`, as do the other operations.
   explicit ExportFile(const std::string& path);
-  // Gives up what was not finished.
+  // Removes what was not finished.
   ~ExportFile();
   ExportFile(const ExportFile&) = delete;
   ExportFile& operator=(const ExportFile&) = delete;
 
-  // True when what is written shows before finish(): the file is no regular one.
+  // True when what is written shows before finish(): the file is not a regular one.
   [[nodiscard]] bool isDirect() const noexcept { return !m_file; }
   void write(std::string_view text);
-  // Brings everything to the disk and takes the place of the file, whose permissions stay.
+  // Syncs everything to the disk and replaces the file, whose permissions stay.
   void finish();
 
  private:
@@ -39,7 +39,7 @@ class ExportFile {
   std::string m_path;    // For messages.
   std::string m_target;  // What a symbolic link leads to.
   std::optional<AtomicFile> m_file;
-  int m_descriptor = -1;  // Of what is no regular file, as is the next.
+  int m_descriptor = -1;  // Of a pipe or a device, as is the next.
   std::string m_buffer;
 };
 
