@@ -88,17 +88,18 @@ class DatabaseTest : public testing::Test {
  protected:
   static constexpr char s_name[] = "tsl_test";
 
-  // Fixtures may hold connections.
-  static void SetUpTestSuite() { server(); }
+  // Fixtures may hold connections to the database, which they open before SetUp().
+  static void SetUpTestSuite() { makeDatabase(); }
 
-  void SetUp() override {
+  void SetUp() override { makeDatabase(); }
+
+  static Testing::TestServer& server() { return Testing::TestServer::shared(); }
+  static Rows sql(const std::string& statement) { return server().sql(statement); }
+  static void makeDatabase() {
     if (server().pid() == 0) server().restart();
     sql("drop database if exists tsl_test");
     sql("create database tsl_test character set utf8mb4");
   }
-
-  static Testing::TestServer& server() { return Testing::TestServer::shared(); }
-  static Rows sql(const std::string& statement) { return server().sql(statement); }
   static void makeTable() {
     sql("create table tsl_test.t (name varchar(50) primary key, n int not null default 0) "
         "engine=InnoDB");
