@@ -147,6 +147,15 @@ fails() {
   fails check-tests "not built: tests/base/OtherTest.cpp"
 }
 
+@test "check-tests finds threads that the thread sanitizer does not look at" {
+  printf '#include <thread>\n// std::this_thread, std::thread::id\n' >tests/base/ThingTest.cpp
+  passes check-tests
+  printf 'std::thread thread(f);\n' >>tests/base/ThingTest.cpp
+  fails check-tests "starts threads, but is not among THREADS: tests/base/ThingTest.cpp"
+  echo 'tsl_test(name THREADS ThingTest.cpp LIBRARIES l)' >tests/base/CMakeLists.txt
+  passes check-tests
+}
+
 @test "check-tests finds a suite that is not run" {
   printf "@test \"x\" { true; }\n" >tests/base/other.bats
   fails check-tests "not run: tests/base/other.bats"
