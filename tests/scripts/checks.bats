@@ -17,17 +17,17 @@ setup() {
   printf '// Face.\n#include "base/Thing.h"\n' >include2/Face.h
 }
 
-check() { run "$TSL_SOURCE/scripts/$1" "$tree"; }
+check() { run "$TSL_SOURCE/scripts/$1" "${@:2}" "$tree"; }
 
 passes() {
-  check "$1"
+  check "$@"
   echo "$output"
   [ "$status" -eq 0 ]
 }
 
-# fails CHECK TEXT: the check ends with 1 and says TEXT.
+# fails CHECK TEXT [OPTION...]: the check ends with 1 and says TEXT.
 fails() {
-  check "$1"
+  check "$1" "${@:3}"
   echo "$output"
   [ "$status" -eq 1 ]
   [[ $output == *"$2"* ]]
@@ -70,6 +70,23 @@ fails() {
 @test "check-headers finds a missing include guard" {
   printf '// Twice.\ninline int twice() { return 2; }\n' >src/core/Twice.h
   fails check-headers "does not compile alone: src/core/Twice.h"
+}
+
+@test "check-headers leaves to the build what a source includes first there, but for the guard" {
+  printf '#ifndef LEANS_H\n#define LEANS_H\ninline std::string leans() { return ""; }\n#endif\n' \
+    >src/core/Leans.h
+  printf '#include "core/Leans.h"\n' >src/core/Leans.cpp
+  compile_commands src/core/Leans.cpp
+  fails check-headers "does not compile alone: src/core/Leans.h" --build build/release
+  sed -i 's/ -o / -Werror -o /' build/release/compile_commands.json
+  passes check-headers --build build/release
+  printf '#include <string>\n#include "core/Leans.h"\n' >src/core/Leans.cpp
+  fails check-headers "does not compile alone: src/core/Leans.h" --build build/release
+  printf '#include "core/Leans.h"\n' >src/core/Leans.cpp
+  printf '#include <string>\ninline std::string leans() { return ""; }\n' >src/core/Leans.h
+  fails check-headers "has no include guard: src/core/Leans.h" --build build/release
+  sed -i 's/ -o / -include x.hxx -o /' build/release/compile_commands.json
+  fails check-headers "does not compile alone: src/core/Leans.h" --build build/release
 }
 
 @test "check-headers finds a C header that is not C" {
