@@ -83,14 +83,17 @@ int s_timedRows() {
   return sizes().rows / 10;
 }
 
-// A side that works on an empty table, which is not a part of its time.
+// A side that works on an empty table, which is not a part of its time. No slice is repeated,
+// however it was disturbed: the rows would be there already.
 template <class Import>
 Side s_importing(const Table& table, Import import) {
-  return [&table, timedImport = timed(Clock::Everyone, import)](std::size_t count) {
+  return [&table, import](std::size_t count) {
     double seconds = 0;
     for (std::size_t i = 0; i < count; ++i) {
       s_empty(table);
-      seconds += timedImport(1);
+      const double start = now(Clock::Everyone);
+      import(i);
+      seconds += now(Clock::Everyone) - start;
       s_requireRows(table, s_timedRows());
     }
     return seconds / static_cast<double>(count);
