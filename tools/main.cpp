@@ -37,16 +37,16 @@ constexpr char s_footer[] =
     "or /var/lib/tsl/cmf.\n"
     "'tsl-address-map COMMAND --help' and 'tsl-address-map COMMAND COMMAND --help' say more.";
 
-void s_addGlobalOptions(Command& top, Settings& settings) {
-  top.flagWithValue("--local", settings.local, "[=DIR]",
+void s_addGlobalOptions(Command& top, GlobalOptions& options) {
+  top.flagWithValue("--local", options.local, "[=DIR]",
                     "Use the private server in DIR (default: $XDG_STATE_HOME/tsl-address-map or"
                     " ~/.local/state/tsl-address-map); started if needed");
-  top.option("--option-file", settings.optionFile, "FILE",
+  top.option("--option-file", options.optionFile, "FILE",
              "Read this MySQL option file instead of the standard ones");
-  top.option("--cmf", settings.cmf, "DIR", "The configuration directory");
-  top.option("--table", settings.table, "NAME", "Use the tables alias_NAME and mask_NAME");
-  top.flag("--json", settings.json, "Answer with one JSON document");
-  top.flag("--verbose", settings.verbose,
+  top.option("--cmf", options.cmf, "DIR", "The configuration directory");
+  top.option("--table", options.table, "NAME", "Use the tables alias_NAME and mask_NAME");
+  top.flag("--json", options.json, "Answer with one JSON document");
+  top.flag("--verbose", options.verbose,
            "Show which server and table are asked, the SQL, and the whole chain of a failure");
 }
 
@@ -85,9 +85,9 @@ void s_refuseParserNotation(int argc, const char* const* argv) {
   }
 }
 
-ExitCode s_run(const Choice& chosen, const Settings& settings) {
+ExitCode s_run(const Choice& chosen, const GlobalOptions& options) {
   try {
-    Session session(settings);
+    Session session(options);
     session.prepare(chosen.preparation);
     const ExitCode code = chosen.run(session);
     session.output().flush();
@@ -97,7 +97,7 @@ ExitCode s_run(const Choice& chosen, const Settings& settings) {
     static_cast<void>(std::fflush(stdout));
     const Failure failure = failureOf(exception, chosen.words);
     report(failure);
-    if (settings.verbose) say(std::string("detail: ") + exception.what());
+    if (options.verbose) say(std::string("detail: ") + exception.what());
     return failure.code();
   }
 }
@@ -105,8 +105,8 @@ ExitCode s_run(const Choice& chosen, const Settings& settings) {
 ExitCode s_parseAndRun(int argc, char** argv) {
   CommandLine line("Manages the alias tables and address masks of a mail server.", s_footer);
   Command top = line.top();
-  Settings settings;
-  s_addGlobalOptions(top, settings);
+  GlobalOptions options;
+  s_addGlobalOptions(top, options);
   s_addCommands(top);
   const Choice* choice = nullptr;
   try {
@@ -116,7 +116,7 @@ ExitCode s_parseAndRun(int argc, char** argv) {
     report(failure);
     return failure.code();
   }
-  return choice != nullptr ? s_run(*choice, settings) : ExitCode::Done;
+  return choice != nullptr ? s_run(*choice, options) : ExitCode::Done;
 }
 
 // A socket or file that is opened while a standard descriptor is closed would take its place, and

@@ -169,9 +169,9 @@ TEST(AliasImage, OfTwoRowsOfOneAddressTheFirstAnswersAndTheOtherIsCounted) {
       {{"\u00f6@d.example", "first@d.example"}, {"o\u0308@d.example", "second@d.example"}}));
   EXPECT_THAT(s_addresses(image, "\u00d6@d.example"), ElementsAre("first@d.example"));
   EXPECT_EQ(image.rows().size(), 1U);
-  EXPECT_EQ(image.leftOut().count(), 1U);
-  EXPECT_EQ(image.leftOut().first().at(0).name, "o\u0308@d.example");
-  EXPECT_FALSE(image.leftOut().hasKeys());
+  EXPECT_EQ(image.brokenRows().count(), 1U);
+  EXPECT_EQ(image.brokenRows().first().at(0).name, "o\u0308@d.example");
+  EXPECT_FALSE(image.brokenRows().hasKeys());
 }
 
 TEST(AliasImage, RowsThatCannotBeReadAreLeftOutAndTheirAddressesAreBroken) {
@@ -185,7 +185,7 @@ TEST(AliasImage, RowsThatCannotBeReadAreLeftOutAndTheirAddressesAreBroken) {
                                    {"", "x@d.example"},
                                    {"\xff@d.example", "x@d.example"}}));
   EXPECT_EQ(image.rows().size(), 1U);
-  EXPECT_EQ(image.leftOut().count(), 8U);
+  EXPECT_EQ(image.brokenRows().count(), 8U);
   for (const char* address : {"members@d.example", "NONE@d.example", "blank@d.example",
                               "two words@d.example", "a..b@d.example"}) {
     EXPECT_EQ(s_expand(image, address).kind, Kind::Broken) << address;

@@ -105,7 +105,7 @@ TEST(MaskImage, RowsThatCannotBeReadAreLeftOutAndBothTheirAddressesAreBroken) {
                                   {"*@in2.example", ""},
                                   {"", ""}}));
   EXPECT_EQ(image.rows().size(), 1U);
-  EXPECT_EQ(image.leftOut().count(), 6U);
+  EXPECT_EQ(image.brokenRows().count(), 6U);
   for (const char* key : {"a@in.example", "c@in.example", "d d@in.example", "*@in2.example"}) {
     EXPECT_TRUE(image.isBroken(Direction::ToPublic, key)) << key;
     EXPECT_FALSE(image.isBroken(Direction::ToPrivate, key)) << key;

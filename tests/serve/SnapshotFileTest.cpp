@@ -106,7 +106,7 @@ TEST_F(SnapshotFile, AddressesOfBrokenRowsStayBroken) {
                                        {"GOOD@d", "y@d"}}));
   const ImagePointer image = load("alias");
   EXPECT_EQ(image->rows().size(), 1U);
-  EXPECT_EQ(image->leftOut().count(), 5U);
+  EXPECT_EQ(image->brokenRows().count(), 5U);
   for (const char* key : {"bad@d", "none@d", "a@b@d", "\"@d"}) {
     EXPECT_EQ(image->alias().expand(key).kind, Expansion::Kind::Broken) << key;
   }

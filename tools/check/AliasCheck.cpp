@@ -117,7 +117,7 @@ class GraphCheck {
       return m_graph.names().text(a) < m_graph.names().text(b);
     });
     std::vector<std::string> path;
-    for (const Links::Node node : cycleThrough(m_graph.links(), m_components, first)) {
+    for (const DirectedGraph::Node node : cycleThrough(m_graph.links(), m_components, first)) {
       path.push_back(name(node));
     }
     Finding finding{Severity::Warning,

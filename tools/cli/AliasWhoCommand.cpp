@@ -80,7 +80,7 @@ class Ways {
   // object.
   Ways(const AliasGraph& graph, const std::vector<AliasGraph::Id>& ends, AliasGraph::Id closed)
       : m_graph(graph), m_distance(graph.links().size(), s_farAway), m_closed(closed) {
-    const Links reversed = graph.links().reversed();
+    const DirectedGraph reversed = graph.links().reversed();
     Path queue;
     for (const AliasGraph::Id end : ends) {
       m_distance[end] = 0;
@@ -102,7 +102,7 @@ class Ways {
 
   // The aliases that have a path, the nearest first.
   [[nodiscard]] const Path& aliases() const { return m_aliases; }
-  // Links on the shortest path of `alias`, `s_farAway` when there is none.
+  // DirectedGraph on the shortest path of `alias`, `s_farAway` when there is none.
   [[nodiscard]] std::uint32_t distance(AliasGraph::Id alias) const { return m_distance[alias]; }
 
   // Up to `most` paths of `alias`, none of which passes an alias twice.
@@ -128,7 +128,7 @@ class Ways {
   struct Step {
     AliasGraph::Id alias;
     std::uint32_t before;
-    std::uint32_t length;  // Links up to here.
+    std::uint32_t length;  // DirectedGraph up to here.
   };
 
   // The beginning of a path, or a whole one, by its last step, and the minimum of its total length.

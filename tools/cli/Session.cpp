@@ -82,34 +82,34 @@ void s_createMissingDatabase() {
 
 }  // namespace
 
-Session::Session(Settings settings) : m_settings(std::move(settings)), m_output(m_settings.json) {}
+Session::Session(GlobalOptions options) : m_options(std::move(options)), m_output(m_options.json) {}
 
 void Session::prepare(Preparation preparation) {
-  if (m_settings.verbose) Database::setStatementObserver(&s_tellStatement);
+  if (m_options.verbose) Database::setStatementObserver(&s_tellStatement);
   checkTable();
-  if (m_settings.local && m_settings.optionFile) {
+  if (m_options.local && m_options.optionFile) {
     throw Failure(ExitCode::Usage, "--local and --option-file", "both name a server",
                   "give one of them");
   }
-  if (m_settings.optionFile) {
-    s_requireReadable(*m_settings.optionFile);
-    s_setEnvironment(s_optionFileVariable, *m_settings.optionFile);
+  if (m_options.optionFile) {
+    s_requireReadable(*m_options.optionFile);
+    s_setEnvironment(s_optionFileVariable, *m_options.optionFile);
   }
-  if (preparation != Preparation::Nothing && m_settings.local) startLocal();
-  if (m_settings.cmf) {
-    s_requireDirectory(*m_settings.cmf);
-    s_setEnvironment(s_cmfVariable, *m_settings.cmf);
+  if (preparation != Preparation::Nothing && m_options.local) startLocal();
+  if (m_options.cmf) {
+    s_requireDirectory(*m_options.cmf);
+    s_setEnvironment(s_cmfVariable, *m_options.cmf);
   }
-  if (preparation == Preparation::Database && m_settings.local) s_createMissingDatabase();
+  if (preparation == Preparation::Database && m_options.local) s_createMissingDatabase();
 }
 
 void Session::useLocal() {
-  if (!m_settings.local) m_settings.local.emplace();
+  if (!m_options.local) m_options.local.emplace();
 }
 
 void Session::checkTable() const {
-  if (!m_settings.table) return;
-  const std::string& name = *m_settings.table;
+  if (!m_options.table) return;
+  const std::string& name = *m_options.table;
   // The library writes the name into its statements as it is.
   if (isTableName(name)) return;
   throw Failure(ExitCode::Usage, "--table '" + name + "'",
@@ -129,16 +129,16 @@ void Session::startLocal() {
 }
 
 std::string Session::localDirectory() const {
-  const std::string directory = m_settings.local.value_or("");
+  const std::string directory = m_options.local.value_or("");
   return directory.empty() ? defaultLocalDirectory() : directory;
 }
 
 void Session::detail(const std::string& text) const {
-  if (m_settings.verbose) say(text);
+  if (m_options.verbose) say(text);
 }
 
 void Session::tellTarget(std::optional<TableKind> kind) const {
-  if (!m_settings.verbose) return;
+  if (!m_options.verbose) return;
   Database::Connection connection("");
   say("asking the server at " + connection.peerAddress().text() + " (" +
       connection.serverVersion() + "), database " + s_database +

@@ -12,7 +12,7 @@
 namespace Tessel::Tool {
 
 // The global options as they were given.
-struct Settings {
+struct GlobalOptions {
   std::optional<std::string> local;  // Empty text: the default directory.
   std::optional<std::string> optionFile;
   std::optional<std::string> cmf;
@@ -31,21 +31,21 @@ enum class Preparation {
 // One thread.
 class Session {
  public:
-  explicit Session(Settings settings);
+  explicit Session(GlobalOptions options);
 
   // Makes the options known to the libraries, by the environment, and starts the private server
   // where `preparation` asks for it. Throws Failure. Must run before any other call of a library.
   void prepare(Preparation preparation);
 
   [[nodiscard]] Output& output() noexcept { return m_output; }
-  [[nodiscard]] bool isJson() const noexcept { return m_settings.json; }
-  [[nodiscard]] bool isVerbose() const noexcept { return m_settings.verbose; }
+  [[nodiscard]] bool isJson() const noexcept { return m_options.json; }
+  [[nodiscard]] bool isVerbose() const noexcept { return m_options.verbose; }
   // As if --local had been given.
   void useLocal();
   // The directory of the private server that --local or the default names.
   [[nodiscard]] std::string localDirectory() const;
   // Store name that --table gives; empty for the default table.
-  [[nodiscard]] std::string tableName() const { return m_settings.table.value_or(""); }
+  [[nodiscard]] std::string tableName() const { return m_options.table.value_or(""); }
 
   // Writes to standard error, with --verbose only.
   void detail(const std::string& text) const;
@@ -57,7 +57,7 @@ class Session {
   void checkTable() const;
   void startLocal();
 
-  Settings m_settings;
+  GlobalOptions m_options;
   Output m_output;
 };
 

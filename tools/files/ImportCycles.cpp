@@ -20,23 +20,23 @@ void ImportCycles::keep(std::string_view name, std::string_view members) {
 std::vector<ImportCycles::Cycle> ImportCycles::find(const std::vector<const FileEntry*>& written) {
   const std::vector<FileEntry>& entries = m_file.entries();
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    addLinks(static_cast<Links::Node>(i), entries[i].value);
+    addLinks(static_cast<DirectedGraph::Node>(i), entries[i].value);
   }
   std::size_t start = 0;
   for (std::size_t i = 0; i < m_ends.size(); ++i) {
-    addLinks(static_cast<Links::Node>(entries.size() + i),
+    addLinks(static_cast<DirectedGraph::Node>(entries.size() + i),
              std::string_view(m_members).substr(start, m_ends[i] - start));
     start = m_ends[i];
   }
   // Mostly no alias is a member of another one.
   if (m_links.empty()) return {};
-  std::vector<Links::Node> nodes;
+  std::vector<DirectedGraph::Node> nodes;
   for (const FileEntry* entry : written) nodes.push_back(nodeOf(*entry));
-  const Links links(m_names.size(), m_links);
+  const DirectedGraph links(m_names.size(), m_links);
   std::vector<Cycle> cycles;
   for (const Tool::Cycle& found : cyclesOf(links, nodes, addedLinks(written))) {
     Cycle cycle{entries[found.path.front()].number, {}, found.isNew};
-    for (const Links::Node node : found.path) cycle.path.emplace_back(m_names.text(node));
+    for (const DirectedGraph::Node node : found.path) cycle.path.emplace_back(m_names.text(node));
     cycles.push_back(std::move(cycle));
   }
   return cycles;
@@ -46,19 +46,20 @@ void ImportCycles::replace(const FileEntry& entry, std::string_view members) {
   m_replaced[nodeOf(entry)] = members;
 }
 
-Links::Node ImportCycles::nodeOf(const FileEntry& entry) const {
-  return static_cast<Links::Node>(&entry - m_file.entries().data());
+DirectedGraph::Node ImportCycles::nodeOf(const FileEntry& entry) const {
+  return static_cast<DirectedGraph::Node>(&entry - m_file.entries().data());
 }
 
-// Links of entries to members that are new in their rows.
+// DirectedGraph of entries to members that are new in their rows.
 std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& written) {
   std::vector<Link> added;
   for (const FileEntry* entry : written) {
-    const Links::Node alias = nodeOf(*entry);
+    const DirectedGraph::Node alias = nodeOf(*entry);
     const auto replaced = m_replaced.find(alias);
-    const std::set<Links::Node> before =
-        replaced == m_replaced.end() ? std::set<Links::Node>() : aliasesIn(replaced->second);
-    for (const Links::Node member : aliasesIn(entry->value)) {
+    const std::set<DirectedGraph::Node> before = replaced == m_replaced.end()
+                                                     ? std::set<DirectedGraph::Node>()
+                                                     : aliasesIn(replaced->second);
+    for (const DirectedGraph::Node member : aliasesIn(entry->value)) {
       if (member != alias && !before.contains(member)) added.push_back({alias, member});
     }
   }
@@ -66,8 +67,8 @@ std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& 
 }
 
 // The aliases among `members`; none when they cannot be read.
-std::set<Links::Node> ImportCycles::aliasesIn(std::string_view members) {
-  std::set<Links::Node> aliases;
+std::set<DirectedGraph::Node> ImportCycles::aliasesIn(std::string_view members) {
+  std::set<DirectedGraph::Node> aliases;
   if (m_reader.readValue(members) != RowFault::None) return aliases;
   for (const std::string_view member : m_reader.values()) {
     const AddressIndex::Id id = m_names.find(member);
@@ -76,8 +77,8 @@ std::set<Links::Node> ImportCycles::aliasesIn(std::string_view members) {
   return aliases;
 }
 
-void ImportCycles::addLinks(Links::Node alias, std::string_view members) {
-  for (const Links::Node member : aliasesIn(members)) {
+void ImportCycles::addLinks(DirectedGraph::Node alias, std::string_view members) {
+  for (const DirectedGraph::Node member : aliasesIn(members)) {
     if (member != alias) m_links.push_back({alias, member});
   }
 }

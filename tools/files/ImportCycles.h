@@ -11,7 +11,7 @@
 
 #include "files/TableFile.h"
 #include "tables/AddressIndex.h"
-#include "tables/Links.h"
+#include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
 
 namespace Tessel::Tool {
@@ -40,9 +40,9 @@ class ImportCycles {
   std::vector<Cycle> find(const std::vector<const FileEntry*>& written);
 
  private:
-  [[nodiscard]] Links::Node nodeOf(const FileEntry& entry) const;
-  [[nodiscard]] std::set<Links::Node> aliasesIn(std::string_view members);
-  void addLinks(Links::Node alias, std::string_view members);
+  [[nodiscard]] DirectedGraph::Node nodeOf(const FileEntry& entry) const;
+  [[nodiscard]] std::set<DirectedGraph::Node> aliasesIn(std::string_view members);
+  void addLinks(DirectedGraph::Node alias, std::string_view members);
   [[nodiscard]] std::vector<Link> addedLinks(const std::vector<const FileEntry*>& written);
 
   const TableFile& m_file;
@@ -50,7 +50,7 @@ class ImportCycles {
   AddressIndex m_names;             // The entries of the file first, in their order.
   std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
   std::string m_members;
-  std::map<Links::Node, std::string> m_replaced;  // Members before, of entries that change.
+  std::map<DirectedGraph::Node, std::string> m_replaced;  // Members before, of entries that change.
   std::vector<Link> m_links;
 };
 

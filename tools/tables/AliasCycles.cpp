@@ -5,7 +5,7 @@
 #include <map>
 #include <utility>
 
-#include "tables/Links.h"
+#include "tables/DirectedGraph.h"
 
 namespace Tessel::Tool {
 
@@ -22,34 +22,35 @@ class Reached {
     addMembers(s_changed, change.members);
     while (!m_unasked.empty()) ask(table);
     for (const EmailAddress& member : change.added) {
-      const Links::Node node = number(member);
+      const DirectedGraph::Node node = number(member);
       if (node != s_changed) m_added.push_back({s_changed, node});
     }
   }
 
   [[nodiscard]] std::optional<AliasCycle> cycle() const {
-    const Links links(m_addresses.size(), m_links);
+    const DirectedGraph links(m_addresses.size(), m_links);
     const std::vector<Cycle> cycles = cyclesOf(links, {s_changed}, m_added);
     if (cycles.empty()) return std::nullopt;
     AliasCycle cycle{{}, cycles.front().isNew};
-    for (const Links::Node node : cycles.front().path) cycle.path.push_back(m_addresses[node]);
+    for (const DirectedGraph::Node node : cycles.front().path)
+      cycle.path.push_back(m_addresses[node]);
     return cycle;
   }
 
  private:
-  static constexpr Links::Node s_changed = 0;
+  static constexpr DirectedGraph::Node s_changed = 0;
 
-  Links::Node number(const EmailAddress& address) {
-    const auto next = static_cast<Links::Node>(m_addresses.size());
+  DirectedGraph::Node number(const EmailAddress& address) {
+    const auto next = static_cast<DirectedGraph::Node>(m_addresses.size());
     const auto [known, isNew] = m_numbers.emplace(address, next);
     if (isNew) m_addresses.push_back(address);
     return known->second;
   }
 
-  void addMembers(Links::Node alias, const std::set<EmailAddress>& members) {
+  void addMembers(DirectedGraph::Node alias, const std::set<EmailAddress>& members) {
     for (const EmailAddress& member : members) {
       const std::size_t known = m_addresses.size();
-      const Links::Node node = number(member);
+      const DirectedGraph::Node node = number(member);
       if (node == known) m_unasked.insert(member);
       if (node != alias) m_links.push_back({alias, node});
     }
@@ -61,7 +62,7 @@ class Reached {
     }
   }
 
-  std::map<EmailAddress, Links::Node> m_numbers;
+  std::map<EmailAddress, DirectedGraph::Node> m_numbers;
   std::vector<EmailAddress> m_addresses;
   std::vector<Link> m_links;
   std::vector<Link> m_added;

@@ -53,7 +53,7 @@ class AliasGraph::Parser : public Database::AllRowParser {
       if (alias != AddressIndex::s_none) addMembers(alias, text(row, 1));
       m_count(static_cast<std::uint64_t>(count + i + 1) / 2, m_graph.m_rows);
     }
-    m_graph.m_links = Links(m_graph.m_names.size(), m_links);
+    m_graph.m_links = DirectedGraph(m_graph.m_names.size(), m_links);
   }
 
  private:
@@ -114,7 +114,8 @@ AliasGraph::AliasGraph(Database::Connection& connection, const std::string& tabl
 
 std::vector<Reach> AliasGraph::reach(const Components& components) const {
   std::vector<Reach> reach(components.nodes.size());
-  // Links lead to lower numbers, so what a component leads to is complete when its turn comes.
+  // DirectedGraph lead to lower numbers, so what a component leads to is complete when its turn
+  // comes.
   for (std::uint32_t component = 0; component < reach.size(); ++component) {
     for (const Id alias : components.nodes.of(component)) {
       reach[component].add(m_own[alias]);

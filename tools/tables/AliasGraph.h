@@ -10,7 +10,7 @@
 
 #include "database/Connection.h"
 #include "tables/AddressIndex.h"
-#include "tables/Links.h"
+#include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
 #include "tables/TextRows.h"
 
@@ -81,7 +81,7 @@ class AliasGraph {
 
   [[nodiscard]] const AddressIndex& names() const { return m_names; }
   // Members that are aliases, without those that an alias is itself.
-  [[nodiscard]] const Links& links() const { return m_links; }
+  [[nodiscard]] const DirectedGraph& links() const { return m_links; }
   // What the members of `alias` that are not aliases are; an alias that names itself is delivered
   // to, too.
   [[nodiscard]] Reach own(Id alias) const { return m_own[alias]; }
@@ -97,7 +97,7 @@ class AliasGraph {
 
   AddressIndex m_names;
   AddressIndex m_markers;
-  Links m_links;
+  DirectedGraph m_links;
   std::vector<Reach> m_own;
   std::uint64_t m_rows = 0;
 };

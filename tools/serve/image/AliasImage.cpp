@@ -11,7 +11,7 @@
 #include "base/stringCompareNoCase.h"
 #include "serve/image/AddressKey.h"
 #include "tables/AliasGraph.h"
-#include "tables/Links.h"
+#include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
 
 namespace Tessel::Serve {
@@ -50,13 +50,13 @@ class AliasImage::Reader {
     const bool canBeAsked = addressKey(address, m_key);
     if (!canBeAsked) m_key.clear();
     if (fault != Tool::RowFault::None) {
-      m_image.m_leftOut.add(name, members, m_reader.why(), m_key);
+      m_image.m_brokenRows.add(name, members, m_reader.why(), m_key);
     } else if (!canBeAsked) {
-      m_image.m_leftOut.add(name, members, "bad alias: nobody can ask for it", "");
+      m_image.m_brokenRows.add(name, members, "bad alias: nobody can ask for it", "");
     } else if (m_image.m_keys.add(m_key).isNew) {
       m_image.m_rows.add(name, members);
     } else {
-      m_image.m_leftOut.add(name, members, "another row is of the same address", "");
+      m_image.m_brokenRows.add(name, members, "another row is of the same address", "");
     }
   }
 
@@ -77,7 +77,7 @@ Expansion AliasImage::expand(std::string_view key) const {
   Expansion expansion;
   const RowStore::Id row = m_keys.find(key);
   if (row == AddressIndex::s_none) {
-    if (m_leftOut.hasKey(key)) expansion.kind = Expansion::Kind::Broken;
+    if (m_brokenRows.hasKey(key)) expansion.kind = Expansion::Kind::Broken;
     return expansion;
   }
   const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
@@ -102,10 +102,10 @@ Expansion AliasImage::expand(std::string_view key) const {
 
 // To the expander, an alias that was left out is an address like any other.
 bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
-  if (!m_leftOut.hasKeys()) return false;
+  if (!m_brokenRows.hasKeys()) return false;
   std::string key;
   return std::any_of(reached.begin(), reached.end(), [&](const EmailAddress& address) {
-    return addressKey(address.address(), key) && m_leftOut.hasKey(key) &&
+    return addressKey(address.address(), key) && m_brokenRows.hasKey(key) &&
            m_keys.find(key) == AddressIndex::s_none;
   });
 }
@@ -113,26 +113,26 @@ bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
 std::vector<std::string> AliasImage::loop(std::string_view key) const {
   const RowStore::Id first = m_keys.find(key);
   if (first == AddressIndex::s_none) return {};
-  std::unordered_map<RowStore::Id, Tool::Links::Node> numbers{{first, 0}};
+  std::unordered_map<RowStore::Id, Tool::DirectedGraph::Node> numbers{{first, 0}};
   std::vector<RowStore::Id> rows{first};
   std::vector<Tool::Link> links;
-  for (Tool::Links::Node alias = 0; alias < rows.size(); ++alias) {
+  for (Tool::DirectedGraph::Node alias = 0; alias < rows.size(); ++alias) {
     for (const EmailAddress& member : members(rows[alias])) {
       const RowStore::Id row = rowOf(member);
       if (row == AddressIndex::s_none || row == rows[alias]) continue;
-      const auto next = static_cast<Tool::Links::Node>(rows.size());
+      const auto next = static_cast<Tool::DirectedGraph::Node>(rows.size());
       const auto [known, isNew] = numbers.emplace(row, next);
       if (isNew) rows.push_back(row);
       links.push_back({alias, known->second});
     }
   }
-  std::vector<Tool::Links::Node> nodes(rows.size());
+  std::vector<Tool::DirectedGraph::Node> nodes(rows.size());
   std::iota(nodes.begin(), nodes.end(), 0);
   const std::vector<Tool::Cycle> cycles =
-      Tool::cyclesOf(Tool::Links(rows.size(), links), nodes, {});
+      Tool::cyclesOf(Tool::DirectedGraph(rows.size(), links), nodes, {});
   std::vector<std::string> loop;
   if (cycles.empty()) return loop;
-  for (const Tool::Links::Node node : cycles.front().path) {
+  for (const Tool::DirectedGraph::Node node : cycles.front().path) {
     loop.emplace_back(m_rows.first(rows[node]));
   }
   return loop;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "serve/image/LeftOutRows.h"
+#include "serve/image/BrokenRows.h"
 #include "serve/image/RowStore.h"
 #include "tables/AddressIndex.h"
 
@@ -48,7 +48,7 @@ class AliasImage {
   [[nodiscard]] std::vector<std::string> loop(std::string_view key) const;
 
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
-  [[nodiscard]] const LeftOutRows& leftOut() const noexcept { return m_leftOut; }
+  [[nodiscard]] const BrokenRows& brokenRows() const noexcept { return m_brokenRows; }
 
  private:
   class LastRow;
@@ -63,7 +63,7 @@ class AliasImage {
 
   RowStore m_rows;
   Tool::AddressIndex m_keys;  // The number of a key is that of its row.
-  LeftOutRows m_leftOut;
+  BrokenRows m_brokenRows;
 };
 
 }  // namespace Tessel::Serve

@@ -23,7 +23,7 @@ class MaskImage::Reader {
     const Side publicSide(publicText, values.empty() ? "" : values.front());
     if (!isGood || privateSide.key.empty() || publicSide.key.empty()) {
       const std::string why = isGood ? "nobody can ask for it" : m_reader.why();
-      m_image.m_leftOut.add(privateText, publicText, why, privateSide.key);
+      m_image.m_brokenRows.add(privateText, publicText, why, privateSide.key);
       if (!publicSide.key.empty()) m_image.m_brokenPublic.insert(publicSide.key);
       return;
     }

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "serve/image/LeftOutRows.h"
+#include "serve/image/BrokenRows.h"
 #include "serve/image/RowStore.h"
 #include "tables/AddressIndex.h"
 
@@ -38,11 +38,12 @@ class MaskImage {
   // True when a row of the address with `key` cannot be read: what the table has for it is unknown.
   // The key of a wildcard row is "*@" and that of its domain.
   [[nodiscard]] bool isBroken(Direction direction, std::string_view key) const {
-    return direction == Direction::ToPublic ? m_leftOut.hasKey(key) : m_brokenPublic.contains(key);
+    return direction == Direction::ToPublic ? m_brokenRows.hasKey(key)
+                                            : m_brokenPublic.contains(key);
   }
 
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
-  [[nodiscard]] const LeftOutRows& leftOut() const noexcept { return m_leftOut; }
+  [[nodiscard]] const BrokenRows& brokenRows() const noexcept { return m_brokenRows; }
 
  private:
   class Reader;
@@ -58,9 +59,9 @@ class MaskImage {
   RowStore m_rows;  // Also the wildcard rows.
   Index m_byPrivate;
   Index m_byPublic;
-  Domains m_toPublic;     // By the key of the private domain.
-  Domains m_toPrivate;    // By the key of the public domain.
-  LeftOutRows m_leftOut;  // With the keys of private addresses.
+  Domains m_toPublic;       // By the key of the private domain.
+  Domains m_toPrivate;      // By the key of the public domain.
+  BrokenRows m_brokenRows;  // With the keys of private addresses.
   std::set<std::string, std::less<>> m_brokenPublic;
 };
 

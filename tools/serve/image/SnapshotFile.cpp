@@ -142,7 +142,7 @@ void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image
   // Those that cannot be read cannot be read from the file either, so that their addresses stay
   // unknown.
   std::uint64_t count = 0;
-  for (const RowStore* const rows : {&image.rows(), &image.leftOut().rows()}) {
+  for (const RowStore* const rows : {&image.rows(), &image.brokenRows().rows()}) {
     for (RowStore::Id id = 0; id < rows->size(); ++id) writeRow(rows->first(id), rows->second(id));
     count += rows->size();
   }

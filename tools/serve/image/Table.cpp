@@ -99,7 +99,7 @@ std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_poin
     const ImagePointer image = table->image();
     const std::optional<Clock::duration> age = table->age(now);
     if (image == nullptr || !age) continue;
-    metrics.tableState(table->sqlName(), image->rows().size(), image->leftOut().count(), *age);
+    metrics.tableState(table->sqlName(), image->rows().size(), image->brokenRows().count(), *age);
   }
   return metrics.text();
 }

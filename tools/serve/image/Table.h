@@ -36,8 +36,8 @@ class TableImage {
   [[nodiscard]] const RowStore& rows() const {
     return m_alias != nullptr ? m_alias->rows() : m_mask->rows();
   }
-  [[nodiscard]] const LeftOutRows& leftOut() const {
-    return m_alias != nullptr ? m_alias->leftOut() : m_mask->leftOut();
+  [[nodiscard]] const BrokenRows& brokenRows() const {
+    return m_alias != nullptr ? m_alias->brokenRows() : m_mask->brokenRows();
   }
 
  private:

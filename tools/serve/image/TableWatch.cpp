@@ -235,13 +235,13 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
 
 // Reports how many rows an image leaves out, when the number has changed.
 void TableWatch::report(const Table& table, const TableImage& image) {
-  const LeftOutRows& leftOut = image.leftOut();
+  const BrokenRows& broken = image.brokenRows();
   const ImagePointer old = table.image();
-  const std::size_t before = old == nullptr ? 0 : old->leftOut().count();
-  if (leftOut.count() == before) return;
-  m_log.warning("table " + table.sqlName() + ": " + std::to_string(leftOut.count()) +
+  const std::size_t before = old == nullptr ? 0 : old->brokenRows().count();
+  if (broken.count() == before) return;
+  m_log.warning("table " + table.sqlName() + ": " + std::to_string(broken.count()) +
                 " rows cannot be read and are left out; 'tsl-address-map check' names them");
-  for (const LeftOutRows::Row& row : leftOut.first()) {
+  for (const BrokenRows::Row& row : broken.first()) {
     m_log.debug("left out: " + row.name + ": " + row.why);
   }
 }

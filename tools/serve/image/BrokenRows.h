@@ -1,6 +1,6 @@
 // The rows that an image leaves out, because they cannot be read.
-#ifndef TSL_TOOLS_SERVE_IMAGE_LEFTOUTROWS_H
-#define TSL_TOOLS_SERVE_IMAGE_LEFTOUTROWS_H
+#ifndef TSL_TOOLS_SERVE_IMAGE_BROKENROWS_H
+#define TSL_TOOLS_SERVE_IMAGE_BROKENROWS_H
 
 #include <cstddef>
 #include <set>
@@ -13,7 +13,7 @@
 namespace Tessel::Serve {
 
 // Any thread may read while nothing adds.
-class LeftOutRows {
+class BrokenRows {
  public:
   struct Row {
     std::string name;  // The first column, as it is in the table.

@@ -1,6 +1,6 @@
 // A directed graph of numbered nodes in little memory, and its loops.
-#ifndef TSL_TOOLS_TABLES_LINKS_H
-#define TSL_TOOLS_TABLES_LINKS_H
+#ifndef TSL_TOOLS_TABLES_DIRECTEDGRAPH_H
+#define TSL_TOOLS_TABLES_DIRECTEDGRAPH_H
 
 #include <cstddef>
 #include <cstdint>
@@ -16,16 +16,16 @@ struct Link {
 };
 
 // Which nodes each node links to. An immutable value.
-class Links {
+class DirectedGraph {
  public:
   using Node = std::uint32_t;
 
-  Links() : m_starts(1) {}
+  DirectedGraph() : m_starts(1) {}
   // The graph of `nodes` nodes with `links`, which are kept in their order for each node.
-  Links(std::size_t nodes, const std::vector<Link>& links);
+  DirectedGraph(std::size_t nodes, const std::vector<Link>& links);
 
   // The same graph with each link reversed.
-  [[nodiscard]] Links reversed() const;
+  [[nodiscard]] DirectedGraph reversed() const;
   // Where the links of `node` lead. Valid as long as this object.
   [[nodiscard]] std::span<const Node> of(Node node) const {
     return {m_targets.data() + m_starts[node], m_starts[node + 1] - m_starts[node]};
@@ -42,27 +42,29 @@ class Links {
 // one.
 struct Components {
   std::vector<std::uint32_t> of;  // Component of each node.
-  Links nodes;                    // The nodes of each component, as links from its number.
+  DirectedGraph nodes;            // The nodes of each component, as links from its number.
 };
 
 // The components of `graph`, found without recursion, in time proportional to its size.
-Components componentsOf(const Links& graph);
+Components componentsOf(const DirectedGraph& graph);
 
 // A shortest path from `node` back to itself through nodes of its component, `node` at both ends.
 // Requires: its component has more than one node.
-std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
-                                      Links::Node node);
+std::vector<DirectedGraph::Node> cycleThrough(const DirectedGraph& graph,
+                                              const Components& components,
+                                              DirectedGraph::Node node);
 
 // A loop, the same node at both ends.
 struct Cycle {
-  std::vector<Links::Node> path;
+  std::vector<DirectedGraph::Node> path;
   bool isNew;  // It would not be there without one of the links that were asked about.
 };
 
 // The loops that a change of links leaves behind: one of each component that has more than one node
 // and one of `nodes` among them. Where one of `added`, links of the graph, closes it, a shortest
 // one that begins with the first such link; otherwise a shortest one through the first such node.
-std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& nodes,
+std::vector<Cycle> cyclesOf(const DirectedGraph& graph,
+                            const std::vector<DirectedGraph::Node>& nodes,
                             const std::vector<Link>& added);
 
 }  // namespace Tessel::Tool

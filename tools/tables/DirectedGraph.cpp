@@ -1,5 +1,5 @@
 // A directed graph of numbered nodes.
-#include "tables/Links.h"
+#include "tables/DirectedGraph.h"
 
 #include <algorithm>
 #include <unordered_map>
@@ -15,11 +15,11 @@ constexpr std::uint32_t s_unseen = UINT32_MAX;
 // Tarjan's algorithm with a stack of its own: a chain may be as long as the table.
 class Tarjan {
  public:
-  explicit Tarjan(const Links& graph)
+  explicit Tarjan(const DirectedGraph& graph)
       : m_graph(graph), m_low(graph.size(), s_unseen), m_component(graph.size(), s_unseen) {}
 
   std::vector<std::uint32_t> run() {
-    for (Links::Node node = 0; node < m_graph.size(); ++node) {
+    for (DirectedGraph::Node node = 0; node < m_graph.size(); ++node) {
       if (m_low[node] == s_unseen) walk(node);
     }
     return std::move(m_component);
@@ -29,18 +29,18 @@ class Tarjan {
 
  private:
   struct Level {
-    Links::Node node;
+    DirectedGraph::Node node;
     std::uint32_t order;  // When it was met.
     std::size_t next;     // The link to follow next.
   };
 
-  void enter(Links::Node node) {
+  void enter(DirectedGraph::Node node) {
     m_levels.push_back({node, m_order, 0});
     m_low[node] = m_order++;
     m_open.push_back(node);
   }
 
-  void walk(Links::Node first) {
+  void walk(DirectedGraph::Node first) {
     enter(first);
     while (!m_levels.empty()) {
       Level& level = m_levels.back();
@@ -49,7 +49,7 @@ class Tarjan {
         leave();
         continue;
       }
-      const Links::Node target = targets[level.next++];
+      const DirectedGraph::Node target = targets[level.next++];
       if (m_low[target] == s_unseen) {
         enter(target);
       } else if (m_component[target] == s_unseen) {
@@ -62,7 +62,7 @@ class Tarjan {
     const Level level = m_levels.back();
     m_levels.pop_back();
     if (m_low[level.node] == level.order) {
-      Links::Node node = s_unseen;
+      DirectedGraph::Node node = s_unseen;
       while (node != level.node) {
         node = m_open.back();
         m_open.pop_back();
@@ -71,33 +71,34 @@ class Tarjan {
       ++m_count;
     }
     if (m_levels.empty()) return;
-    const Links::Node above = m_levels.back().node;
+    const DirectedGraph::Node above = m_levels.back().node;
     m_low[above] = std::min(m_low[above], m_low[level.node]);
   }
 
-  const Links& m_graph;
+  const DirectedGraph& m_graph;
   std::vector<std::uint32_t> m_low;
   std::vector<std::uint32_t> m_component;
   std::vector<Level> m_levels;
-  std::vector<Links::Node> m_open;  // Met, and in no component yet.
+  std::vector<DirectedGraph::Node> m_open;  // Met, and in no component yet.
   std::uint32_t m_order = 0;
   std::uint32_t m_count = 0;
 };
 
 // A shortest path from `start` to `end` through nodes of their component, both included; if they
 // are the same node, a path that leaves it.
-std::vector<Links::Node> s_shortestWay(const Links& graph, const Components& components,
-                                       Links::Node start, Links::Node end) {
+std::vector<DirectedGraph::Node> s_shortestWay(const DirectedGraph& graph,
+                                               const Components& components,
+                                               DirectedGraph::Node start, DirectedGraph::Node end) {
   // Breadth first, each node with the one it was met from.
-  std::unordered_map<Links::Node, Links::Node> from;
-  std::vector<Links::Node> queue{start};
+  std::unordered_map<DirectedGraph::Node, DirectedGraph::Node> from;
+  std::vector<DirectedGraph::Node> queue{start};
   for (std::size_t i = 0; i < queue.size() && !from.contains(end); ++i) {
-    for (const Links::Node target : graph.of(queue[i])) {
+    for (const DirectedGraph::Node target : graph.of(queue[i])) {
       if (components.of[target] != components.of[start] || target == queue[i]) continue;
       if (from.emplace(target, queue[i]).second) queue.push_back(target);
     }
   }
-  std::vector<Links::Node> way{end};
+  std::vector<DirectedGraph::Node> way{end};
   do {
     way.push_back(from.at(way.back()));
   } while (way.back() != start);
@@ -107,7 +108,7 @@ std::vector<Links::Node> s_shortestWay(const Links& graph, const Components& com
 
 }  // namespace
 
-Links::Links(std::size_t nodes, const std::vector<Link>& links)
+DirectedGraph::DirectedGraph(std::size_t nodes, const std::vector<Link>& links)
     : m_starts(nodes + 1), m_targets(links.size()) {
   for (const Link& link : links) ++m_starts[link.from + 1];
   for (std::size_t node = 0; node < nodes; ++node) m_starts[node + 1] += m_starts[node];
@@ -115,34 +116,36 @@ Links::Links(std::size_t nodes, const std::vector<Link>& links)
   for (const Link& link : links) m_targets[next[link.from]++] = link.to;
 }
 
-Links Links::reversed() const {
+DirectedGraph DirectedGraph::reversed() const {
   std::vector<Link> links;
   links.reserve(m_targets.size());
   for (Node node = 0; node < size(); ++node) {
     for (const Node target : of(node)) links.push_back({target, node});
   }
-  return Links(size(), links);
+  return DirectedGraph(size(), links);
 }
 
-Components componentsOf(const Links& graph) {
+Components componentsOf(const DirectedGraph& graph) {
   Tarjan tarjan(graph);
   Components components;
   components.of = tarjan.run();
   std::vector<Link> nodes;
   nodes.reserve(graph.size());
-  for (Links::Node node = 0; node < graph.size(); ++node) {
+  for (DirectedGraph::Node node = 0; node < graph.size(); ++node) {
     nodes.push_back({components.of[node], node});
   }
-  components.nodes = Links(tarjan.count(), nodes);
+  components.nodes = DirectedGraph(tarjan.count(), nodes);
   return components;
 }
 
-std::vector<Links::Node> cycleThrough(const Links& graph, const Components& components,
-                                      Links::Node node) {
+std::vector<DirectedGraph::Node> cycleThrough(const DirectedGraph& graph,
+                                              const Components& components,
+                                              DirectedGraph::Node node) {
   return s_shortestWay(graph, components, node, node);
 }
 
-std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& nodes,
+std::vector<Cycle> cyclesOf(const DirectedGraph& graph,
+                            const std::vector<DirectedGraph::Node>& nodes,
                             const std::vector<Link>& added) {
   const Components components = componentsOf(graph);
   std::unordered_map<std::uint32_t, Link> closing;  // By the component.
@@ -152,7 +155,7 @@ std::vector<Cycle> cyclesOf(const Links& graph, const std::vector<Links::Node>& 
   }
   std::vector<Cycle> cycles;
   std::unordered_set<std::uint32_t> done;
-  for (const Links::Node node : nodes) {
+  for (const DirectedGraph::Node node : nodes) {
     const std::uint32_t component = components.of[node];
     if (components.nodes.of(component).size() < 2 || !done.insert(component).second) continue;
     const auto link = closing.find(component);

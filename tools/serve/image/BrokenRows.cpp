@@ -1,5 +1,5 @@
 // The rows that an image leaves out.
-#include "serve/image/LeftOutRows.h"
+#include "serve/image/BrokenRows.h"
 
 namespace Tessel::Serve {
 
@@ -9,8 +9,8 @@ constexpr std::size_t s_mostKept = 100;
 
 }  // namespace
 
-void LeftOutRows::add(std::string_view first, std::string_view second, const std::string& why,
-                      const std::string& key) {
+void BrokenRows::add(std::string_view first, std::string_view second, const std::string& why,
+                     const std::string& key) {
   m_rows.add(first, second);
   if (m_first.size() < s_mostKept) m_first.push_back({std::string(first), why});
   if (!key.empty()) m_keys.insert(key);

@@ -1,5 +1,5 @@
 // Rows that an image leaves out: all are counted and kept, the first of them with the reason.
-#include "serve/image/LeftOutRows.h"
+#include "serve/image/BrokenRows.h"
 
 #include <string>
 
@@ -8,16 +8,16 @@
 namespace Tessel::Serve {
 namespace {
 
-TEST(LeftOutRows, NothingIsLeftOutAtFirst) {
-  const LeftOutRows rows;
+TEST(BrokenRows, NothingIsLeftOutAtFirst) {
+  const BrokenRows rows;
   EXPECT_EQ(rows.count(), 0U);
   EXPECT_TRUE(rows.first().empty());
   EXPECT_FALSE(rows.hasKeys());
   EXPECT_FALSE(rows.hasKey(""));
 }
 
-TEST(LeftOutRows, ARowIsKeptAsItStandsInTheTable) {
-  LeftOutRows rows;
+TEST(BrokenRows, ARowIsKeptAsItStandsInTheTable) {
+  BrokenRows rows;
   rows.add("A@d", "no address", "bad members", "a@d");
   rows.add("nobody", "x@d", "bad name", "");
   EXPECT_EQ(rows.count(), 2U);
@@ -27,8 +27,8 @@ TEST(LeftOutRows, ARowIsKeptAsItStandsInTheTable) {
   EXPECT_EQ(rows.first().at(1).why, "bad name");
 }
 
-TEST(LeftOutRows, OnlyRowsWithAKeyMakeAnAddressUnknown) {
-  LeftOutRows rows;
+TEST(BrokenRows, OnlyRowsWithAKeyMakeAnAddressUnknown) {
+  BrokenRows rows;
   rows.add("nobody", "x@d", "bad name", "");
   EXPECT_FALSE(rows.hasKeys());
   EXPECT_FALSE(rows.hasKey(""));
@@ -38,8 +38,8 @@ TEST(LeftOutRows, OnlyRowsWithAKeyMakeAnAddressUnknown) {
   EXPECT_FALSE(rows.hasKey("A@d"));
 }
 
-TEST(LeftOutRows, AHundredAreNamedAndAllAreCounted) {
-  LeftOutRows rows;
+TEST(BrokenRows, AHundredAreNamedAndAllAreCounted) {
+  BrokenRows rows;
   for (int i = 0; i < 250; ++i) {
     const std::string name = std::to_string(i) + "@d";
     rows.add(name, "", "the members are empty", name);
