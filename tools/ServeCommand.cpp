@@ -22,23 +22,26 @@ using std::chrono::milliseconds;
 using Tool::ExitCode;
 using Tool::Failure;
 
+const Settings s_default;
+
+// The texts of the options; --help shows those that are not empty here.
 struct Arguments {
   std::vector<std::string> listen;
   std::string metrics;
   std::vector<std::string> only;
-  std::string refresh = "1s";
-  std::string stale = "1h";
+  std::string refresh = timeText(s_default.refresh);
+  std::string stale = timeText(*s_default.stale);
   std::string snapshot;
-  std::string extension = "keep";
-  std::string delimiter = "+";
-  std::string maxReply = "100000";
-  std::string page = "500";
-  std::string maxRequest = "65536";
-  std::string maxConnections = "10000";
-  std::string workers = "1";
-  std::string idleTimeout = "1h";
-  std::string requestTimeout = "30s";
-  std::string drainTimeout = "5s";
+  std::string extension = extensionRuleText(s_default.extension);
+  std::string delimiter = s_default.delimiter;
+  std::string maxReply = std::to_string(s_default.maxReply);
+  std::string page = std::to_string(s_default.page);
+  std::string maxRequest = std::to_string(s_default.maxRequest);
+  std::string maxConnections = std::to_string(s_default.maxConnections);
+  std::string workers = std::to_string(s_default.workers);
+  std::string idleTimeout = timeText(s_default.idleTimeout);
+  std::string requestTimeout = timeText(s_default.requestTimeout);
+  std::string drainTimeout = timeText(s_default.drain);
   std::string logLevel = "info";
 };
 
@@ -135,29 +138,29 @@ void addServeCommand(Tool::Command& top) {
                "Where to answer /metrics, /health and /ready over HTTP");
   serve.optionList("--only", arguments->only, "NAME",
                    "Serve the tables of NAME and the base tables only; may be repeated");
-  serve.option("--refresh", arguments->refresh, "TIME", "A change is seen within this time (1s)");
+  serve.option("--refresh", arguments->refresh, "TIME", "A change is seen within this time");
   serve.option("--stale", arguments->stale, "TIME",
-               "How long to answer while the database is unavailable, or 'forever' (1h)");
+               "How long to answer while the database is unavailable, or 'forever'");
   serve.option("--snapshot", arguments->snapshot, "DIR",
                "Keep the tables in this directory, for starts while the database is unavailable");
   serve.option("--extension", arguments->extension, "RULE",
-               "The tag of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off' (keep)");
+               "The tag of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off'");
   serve.option("--delimiter", arguments->delimiter, "TEXT",
-               "Characters that an extension may begin with (+)");
-  serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply (100000)");
-  serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply (500)");
-  serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request (65536)");
+               "Characters that an extension may begin with");
+  serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
+  serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
+  serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");
   serve.option("--max-connections", arguments->maxConnections, "COUNT",
-               "Most connections at a time; others wait (10000)");
-  serve.option("--workers", arguments->workers, "COUNT", "Threads that answer (1)");
+               "Most connections at a time; others wait");
+  serve.option("--workers", arguments->workers, "COUNT", "Threads that answer");
   serve.option("--idle-timeout", arguments->idleTimeout, "TIME",
-               "Close a connection without requests (1h)");
+               "Close a connection without requests");
   serve.option("--request-timeout", arguments->requestTimeout, "TIME",
-               "Close a connection that sends half a request, or does not read its reply (30s)");
+               "Close a connection that sends half a request, or does not read its reply");
   serve.option("--drain-timeout", arguments->drainTimeout, "TIME",
-               "At exit, longest time to answer what was asked (5s)");
+               "At exit, longest time to answer what was asked");
   serve.option("--log-level", arguments->logLevel, "LEVEL",
-               "error, warning, info or debug; only debug names addresses (info)");
+               "error, warning, info or debug; only debug names addresses");
 }
 
 }  // namespace Tessel::Serve

@@ -42,6 +42,13 @@ TEST(SettingsText, TimesHaveAUnit) {
   EXPECT_EQ(s_time("10000d"), hours(240000));
 }
 
+TEST(SettingsText, TimesAreShownInTheirLargestUnit) {
+  for (const char* text : {"250ms", "1s", "90s", "5m", "1h", "2d"}) {
+    EXPECT_EQ(timeText(s_time(text)), text);
+  }
+  EXPECT_EQ(timeText(seconds(60)), "1m");
+}
+
 TEST(SettingsText, WhatIsNoTimeIsRefused) {
   for (const char* text : {"", "1", "s", "-1s", "+1s", " 1s", "1 s", "1s ", "1.5s", "1S", "1sec",
                            "1s1s", "10001d", "18446744073709551615s", "99999999999999999999s"}) {

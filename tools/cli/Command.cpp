@@ -87,7 +87,8 @@ void Command::optionalArguments(const std::string& name, std::vector<std::string
 
 Option Command::option(const std::string& name, std::string& value, const std::string& valueName,
                        const std::string& help) {
-  return Option(*m_app->add_option(name, value, help)->option_text(valueName));
+  const std::string shown = value.empty() ? help : help + " (" + value + ")";
+  return Option(*m_app->add_option(name, value, shown)->option_text(valueName));
 }
 
 Option Command::option(const std::string& name, std::optional<std::string>& value,

@@ -79,7 +79,8 @@ class Command {
   void optionalArguments(const std::string& name, std::vector<std::string>& values,
                          const std::string& help);
 
-  // Adds an option with a value, which --help calls `valueName`.
+  // Adds an option with a value, which --help calls `valueName`; the default follows `help` there,
+  // unless it is empty.
   Option option(const std::string& name, std::string& value, const std::string& valueName,
                 const std::string& help);
   Option option(const std::string& name, std::optional<std::string>& value,

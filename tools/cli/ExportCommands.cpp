@@ -219,8 +219,7 @@ void addExportCommand(Command& group, const TableFormat& format) {
       Preparation::Database,
       [arguments, &format](Session& session) { return s_export(session, *arguments, format); });
   command.optionalArgument("FILE", arguments->path, "The file; none, or -, for standard output");
-  command.option("--format", arguments->format, formatNames(format),
-                 "The format; native without it");
+  command.option("--format", arguments->format, formatNames(format), "The format");
   if (format.hasPublic) return;
   command.option(
       "--domain", arguments->domain, "DOMAIN",

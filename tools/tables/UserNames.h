@@ -13,7 +13,7 @@ namespace Tessel::Tool {
 
 // For the help of --kind.
 inline constexpr char s_kindHelp[] =
-    "user (1, the default), disabled (0) or shared (2); only users belong to 'all users'";
+    "user (1), disabled (0) or shared (2); only users belong to 'all users'";
 
 // The kind that `text`, a name or a number, is. Throws Failure, `Usage`.
 CMF::MailUserKind parseUserKind(const std::string& text);

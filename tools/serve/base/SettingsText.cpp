@@ -1,6 +1,7 @@
 // Reads the values of the service's options.
 #include "serve/base/SettingsText.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <string_view>
@@ -59,6 +60,13 @@ milliseconds parseTime(const std::string& option, const std::string& text, milli
                std::to_string(least.count()) + "ms");
 }
 
+std::string timeText(milliseconds time) {
+  const auto unit = std::find_if(s_units.rbegin(), s_units.rend(), [time](const Unit& candidate) {
+    return time % candidate.length == milliseconds(0);
+  });
+  return std::to_string(time / unit->length).append(unit->name);
+}
+
 std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
                           std::uint64_t most) {
   std::uint64_t number = 0;
@@ -71,10 +79,22 @@ std::uint64_t parseNumber(const std::string& option, const std::string& text, st
 }
 
 ExtensionRule parseExtensionRule(const std::string& option, const std::string& text) {
-  if (text == "keep") return ExtensionRule::Keep;
-  if (text == "drop") return ExtensionRule::Drop;
-  if (text == "off") return ExtensionRule::Off;
+  for (const ExtensionRule rule : {ExtensionRule::Keep, ExtensionRule::Drop, ExtensionRule::Off}) {
+    if (text == extensionRuleText(rule)) return rule;
+  }
   s_refuse(option, text, "give keep, drop or off");
+}
+
+std::string extensionRuleText(ExtensionRule rule) {
+  switch (rule) {
+    case ExtensionRule::Keep:
+      return "keep";
+    case ExtensionRule::Drop:
+      return "drop";
+    case ExtensionRule::Off:
+      return "off";
+  }
+  return "";
 }
 
 LogLevel parseLogLevel(const std::string& option, const std::string& text) {

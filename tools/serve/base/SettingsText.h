@@ -17,10 +17,13 @@ namespace Tessel::Serve {
 // A time: a number with its unit, "250ms", "1s", "5m", "1h" or "2d"; `least` at least.
 std::chrono::milliseconds parseTime(const std::string& option, const std::string& text,
                                     std::chrono::milliseconds least);
+// The same time as text, in its largest unit. Any thread.
+std::string timeText(std::chrono::milliseconds time);
 // A whole number from `least` to `most`.
 std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
                           std::uint64_t most);
 ExtensionRule parseExtensionRule(const std::string& option, const std::string& text);
+std::string extensionRuleText(ExtensionRule rule);
 LogLevel parseLogLevel(const std::string& option, const std::string& text);
 
 }  // namespace Tessel::Serve
