@@ -47,7 +47,7 @@ struct Arguments {
 
 ListenAddress s_metricsAddress(const std::string& text) {
   try {
-    const ListenAddress address = parseListenAddress("inet:" + text);
+    ListenAddress address = parseListenAddress("inet:" + text);
     if (address.kind == ListenAddress::Kind::Inet) return address;
   } catch (const Failure&) {
     // Reported in the words of this option below.

@@ -2,7 +2,6 @@
 #include "serve/answer/Lookup.h"
 
 #include <algorithm>
-#include <array>
 #include <exception>
 #include <new>
 #include <optional>
@@ -28,17 +27,6 @@ constexpr std::size_t s_longReply = 1U << 20U;
 
 // Longest time for which an answer is kept that may change while the tables do not.
 constexpr std::chrono::milliseconds s_longestVolatile{1000};
-
-struct MapName {
-  std::string_view name;
-  Map map;
-};
-
-constexpr std::array<MapName, 5> s_mapNames{{{"alias", Map::Alias},
-                                             {"mask_public", Map::MaskPublic},
-                                             {"mask_private", Map::MaskPrivate},
-                                             {"mailbox", Map::Mailbox},
-                                             {"domain", Map::Domain}}};
 
 bool s_hasTable(Map map) {
   return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;
@@ -140,23 +128,19 @@ Lookup::MapRoute* Lookup::routeOf(std::string_view name) {
   }
   // To Postfix, what is before a ':' belongs to the path of the socket; it asks for "alias.NAME".
   const std::size_t separator = name.find_first_of(":.");
-  for (const MapName& candidate : s_mapNames) {
-    if (candidate.name != name.substr(0, separator)) continue;
-    const bool hasTable = s_hasTable(candidate.map);
-    if (!hasTable && separator != std::string_view::npos) return nullptr;
-    m_map = candidate.map;
-    auto route = std::make_unique<MapRoute>();
-    route->map = candidate.map;
-    if (hasTable) {
-      const std::string table(separator == std::string_view::npos ? ""
-                                                                  : name.substr(separator + 1));
-      const TableKind kind = candidate.map == Map::Alias ? TableKind::Alias : TableKind::Mask;
-      route->table = m_tables.find(Tool::sqlTableName(kind, table));
-      if (route->table == nullptr) return nullptr;
-    }
-    return m_routes.emplace(std::string(name), std::move(route)).first->second.get();
+  m_map = mapOf(name.substr(0, separator));
+  const bool hasTable = s_hasTable(m_map);
+  if (!hasTable && separator != std::string_view::npos) m_map = Map::None;
+  if (m_map == Map::None) return nullptr;
+  auto route = std::make_unique<MapRoute>();
+  route->map = m_map;
+  if (hasTable) {
+    const std::string table(separator == std::string_view::npos ? "" : name.substr(separator + 1));
+    const TableKind kind = m_map == Map::Alias ? TableKind::Alias : TableKind::Mask;
+    route->table = m_tables.find(Tool::sqlTableName(kind, table));
+    if (route->table == nullptr) return nullptr;
   }
-  return nullptr;
+  return m_routes.emplace(std::string(name), std::move(route)).first->second.get();
 }
 
 std::string Lookup::refresh(MapRoute& route, Clock::time_point now) {

@@ -11,8 +11,6 @@ namespace Tessel::Serve {
 
 namespace {
 
-constexpr const char* s_mapNames[s_maps] = {"alias",   "mask_public", "mask_private",
-                                            "mailbox", "domain",      "none"};
 constexpr const char* s_resultNames[s_results] = {"ok", "notfound", "temp", "perm"};
 
 double s_seconds(Clock::duration duration) {
@@ -44,7 +42,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
   for (std::size_t map = 0; map < s_maps; ++map) {
     for (std::size_t result = 0; result < s_results; ++result) {
       m_requests[map][result] =
-          &requests.Add({{"map", s_mapNames[map]}, {"result", s_resultNames[result]}});
+          &requests.Add({{"map", std::string(s_mapNames[map])}, {"result", s_resultNames[result]}});
     }
   }
   m_latency = &BuildHistogram()

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "serve/base/Answer.h"
+#include "serve/base/Map.h"
 #include "serve/base/Settings.h"
 
 namespace prometheus {
@@ -18,11 +19,6 @@ class Registry;
 }  // namespace prometheus
 
 namespace Tessel::Serve {
-
-// The maps that a mail server may ask, in the order of their names in Metrics.cpp. `None` counts
-// requests that ask for no map.
-enum class Map : std::size_t { Alias, MaskPublic, MaskPrivate, Mailbox, Domain, None };
-inline constexpr std::size_t s_maps = 6;
 
 // Any thread may call any operation.
 class Metrics {
