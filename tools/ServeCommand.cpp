@@ -1,6 +1,7 @@
 // The command `serve`: the lookup service for mail servers.
 #include "ServeCommand.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 #include "serve/Service.h"
 #include "serve/base/ListenAddress.h"
 #include "serve/base/Log.h"
+#include "serve/base/MemoryBudget.h"
 #include "serve/base/Settings.h"
 #include "serve/base/SettingsText.h"
 
@@ -23,6 +25,10 @@ using Tool::ExitCode;
 using Tool::Failure;
 
 const Settings s_default;
+
+// What answers and pages may take: less is no use, and by default an eighth of the memory.
+constexpr std::size_t s_leastMemory = 1U << 20U;
+constexpr std::size_t s_shareOfMemory = 8;
 
 // The texts of the options; --help shows those that are not empty here.
 struct Arguments {
@@ -37,6 +43,7 @@ struct Arguments {
   std::string maxReply = std::to_string(s_default.maxReply);
   std::string page = std::to_string(s_default.page);
   std::string maxRequest = std::to_string(s_default.maxRequest);
+  std::string maxMemory;
   std::string maxConnections = std::to_string(s_default.maxConnections);
   std::string workers = std::to_string(s_default.workers);
   std::string idleTimeout = timeText(s_default.idleTimeout);
@@ -95,6 +102,9 @@ Settings s_settings(const Arguments& arguments) {
   settings.maxReply = limit("--max-reply", arguments.maxReply, 1024, 100000000);
   settings.page = limit("--page", arguments.page, 2, 1000000);
   settings.maxRequest = limit("--max-request", arguments.maxRequest, 1024, 100000000);
+  settings.maxMemory = arguments.maxMemory.empty()
+                           ? std::max(s_leastMemory, availableMemory() / s_shareOfMemory)
+                           : parseSize("--max-memory", arguments.maxMemory, s_leastMemory);
   settings.maxConnections = limit("--max-connections", arguments.maxConnections, 1, 1000000);
   settings.workers = static_cast<unsigned int>(limit("--workers", arguments.workers, 1, 256));
   settings.idleTimeout = parseTime("--idle-timeout", arguments.idleTimeout, milliseconds(1));
@@ -150,8 +160,12 @@ void addServeCommand(Tool::Command& top) {
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
   serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
   serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");
-  serve.option("--max-connections", arguments->maxConnections, "COUNT",
-               "Most connections at a time; others wait");
+  serve.option("--max-memory", arguments->maxMemory, "SIZE",
+               "Memory for answers and pages that are kept, as 512M or 2G (an eighth of the memory"
+               " of the host, or of the control group)");
+  serve.option(
+      "--max-connections", arguments->maxConnections, "COUNT",
+      "Most connections at a time; a new one takes the place of the one unused for longest");
   serve.option("--workers", arguments->workers, "COUNT", "Threads that answer");
   serve.option("--idle-timeout", arguments->idleTimeout, "TIME",
                "Close a connection without requests");

@@ -1,5 +1,5 @@
-// Replies that are given again: only those of the same key, only in their time, and never more than
-// there are places for.
+// Replies that are given again: only those of the same key from the same image, only in their time,
+// and never with more memory than there is for them.
 #include "serve/answer/AnswerCache.h"
 
 #include <chrono>
@@ -10,87 +10,152 @@
 namespace Tessel::Serve {
 namespace {
 
+using std::chrono::minutes;
 using std::chrono::seconds;
 
 const Clock::time_point s_now = Clock::now();
+constexpr AnswerCache::Source s_source{1, 1};
 
-AnswerCache::Entry s_entry(const std::string& key, const std::string& reply,
-                           Clock::time_point until = Clock::time_point::max()) {
-  return {key, reply, Result::Ok, until};
-}
-
-// The reply that is known for `key`; "none" for none.
-std::string s_find(const AnswerCache& cache, const std::string& key,
-                   Clock::time_point now = s_now) {
-  const AnswerCache::Entry* const entry = cache.find(key, now);
-  return entry == nullptr ? "none" : std::string(entry->reply());
-}
-
-TEST(AnswerCache, GivesTheReplyOfTheSameKeyOnly) {
-  AnswerCache cache(4, 100);
-  EXPECT_EQ(s_find(cache, "a"), "none");
-  cache.keep(s_entry("a", "OK 1"));
-  EXPECT_EQ(s_find(cache, "a"), "OK 1");
-  EXPECT_EQ(s_find(cache, "A"), "none");
-  EXPECT_EQ(s_find(cache, ""), "none");
-  EXPECT_EQ(cache.find("a", s_now)->result(), Result::Ok);
-}
-
-TEST(AnswerCache, ANewReplyTakesThePlaceOfTheOld) {
-  AnswerCache cache(1, 100);
-  for (int i = 0; i < 10; ++i) cache.keep(s_entry("a", "OK " + std::to_string(i)));
-  cache.keep(s_entry("b", "OK b"));
-  cache.keep(s_entry("c", "OK c"));
-  cache.keep(s_entry("d", "OK d"));
-  EXPECT_EQ(s_find(cache, "a"), "OK 9");
-}
-
-TEST(AnswerCache, AReplyIsForgottenWhenItsTimeIsOver) {
-  AnswerCache cache(1, 100);
-  cache.keep(s_entry("a", "OK 1", s_now + seconds(1)));
-  EXPECT_EQ(s_find(cache, "a"), "OK 1");
-  EXPECT_EQ(s_find(cache, "a", s_now + seconds(1)), "none");
-  cache.keep(s_entry("a", "OK 2", s_now + seconds(9)));
-  EXPECT_EQ(s_find(cache, "a", s_now + seconds(1)), "OK 2");
-}
-
-TEST(AnswerCache, TheOldestOfAGroupMakesRoom) {
-  AnswerCache cache(1, 100);
-  for (const char* key : {"a", "b", "c", "d", "e"}) cache.keep(s_entry(key, "OK"));
-  EXPECT_EQ(s_find(cache, "a"), "none");
-  for (const char* key : {"b", "c", "d", "e"}) EXPECT_EQ(s_find(cache, key), "OK") << key;
-}
-
-TEST(AnswerCache, HoldsNoMoreThanItHasPlacesFor) {
-  AnswerCache cache(4, 100);
-  for (int i = 0; i < 1000; ++i) cache.keep(s_entry(std::to_string(i), std::to_string(i)));
-  int kept = 0;
-  for (int i = 0; i < 1000; ++i) {
-    const std::string key = std::to_string(i);
-    const std::string reply = s_find(cache, key);
-    if (reply == "none") continue;
-    EXPECT_EQ(reply, key);
-    ++kept;
+class AnswerCacheTest : public testing::Test {
+ protected:
+  void keep(const std::string& key, const std::string& reply,
+            Clock::time_point until = Clock::time_point::max(), Clock::time_point now = s_now,
+            const AnswerCache::Source& source = s_source) {
+    m_cache.keep(source, key, reply, Result::Ok, until, now);
   }
-  EXPECT_GT(kept, 0);
-  EXPECT_LE(kept, 16);
+
+  // The reply that is known for `key`; "none" for none.
+  std::string find(const std::string& key, Clock::time_point now = s_now,
+                   const AnswerCache::Source& source = s_source) const {
+    const AnswerCache::Entry* const entry = m_cache.find(source, key, now);
+    return entry == nullptr ? "none" : std::string(entry->reply());
+  }
+
+  // Keeps `count` replies; returns how many of them are known afterwards.
+  int fill(int count) {
+    for (int i = 0; i < count; ++i) keep(std::to_string(i), "reply " + std::to_string(i));
+    int known = 0;
+    for (int i = 0; i < count; ++i) {
+      const std::string reply = find(std::to_string(i));
+      if (reply == "none") continue;
+      EXPECT_EQ(reply, "reply " + std::to_string(i));
+      ++known;
+    }
+    return known;
+  }
+
+  // Sweeps all of it, at `now`.
+  void sweep(Clock::time_point now) {
+    for (int i = 0; i < 20; ++i) m_cache.sweep(now);
+  }
+
+  MemoryBudget m_budget{100000};
+  AnswerCache m_cache{m_budget};
+};
+
+TEST_F(AnswerCacheTest, GivesTheReplyOfTheSameKeyOnly) {
+  EXPECT_EQ(find("a"), "none");
+  keep("a", "OK 1");
+  EXPECT_EQ(find("a"), "OK 1");
+  EXPECT_EQ(find("A"), "none");
+  EXPECT_EQ(find(""), "none");
+  EXPECT_EQ(m_cache.find(s_source, "a", s_now)->result(), Result::Ok);
+  EXPECT_EQ(m_cache.find(s_source, "a", s_now)->key(), "a");
 }
 
-TEST(AnswerCache, WhatIsTooLongIsNotKept) {
-  AnswerCache cache(1, 10);
-  cache.keep(s_entry("key", "1234567"));
-  cache.keep(s_entry("long", "1234567"));
-  EXPECT_EQ(s_find(cache, "key"), "1234567");
-  EXPECT_EQ(s_find(cache, "long"), "none");
+TEST_F(AnswerCacheTest, GivesRepliesOfTheSameTableAndImageOnly) {
+  keep("a", "OK 1");
+  EXPECT_EQ(find("a", s_now, {2, 1}), "none");
+  EXPECT_EQ(find("a", s_now, {1, 2}), "none");
+  keep("a", "OK 2", Clock::time_point::max(), s_now, {2, 1});
+  EXPECT_EQ(find("a"), "OK 1");
+  keep("a", "OK 3", Clock::time_point::max(), s_now, {1, 2});
+  EXPECT_EQ(find("a"), "none");
+  EXPECT_EQ(find("a", s_now, {1, 2}), "OK 3");
 }
 
-TEST(AnswerCache, ForgetsAllAtOnce) {
-  AnswerCache cache(4, 100);
-  cache.keep(s_entry("a", "OK 1"));
-  cache.clear();
-  EXPECT_EQ(s_find(cache, "a"), "none");
-  cache.keep(s_entry("a", "OK 2"));
-  EXPECT_EQ(s_find(cache, "a"), "OK 2");
+TEST_F(AnswerCacheTest, ANewReplyTakesThePlaceOfTheOld) {
+  keep("a", "OK");
+  const std::size_t before = m_budget.used();
+  for (int i = 0; i < 10; ++i) keep("a", std::to_string(i));
+  EXPECT_EQ(find("a"), "9");
+  EXPECT_EQ(m_budget.used(), before);
+}
+
+TEST_F(AnswerCacheTest, AReplyIsForgottenWhenItsTimeIsOver) {
+  keep("a", "OK 1", s_now + seconds(1));
+  EXPECT_EQ(find("a"), "OK 1");
+  EXPECT_EQ(find("a", s_now + seconds(1)), "none");
+  keep("a", "OK 2", s_now + seconds(9));
+  EXPECT_EQ(find("a", s_now + seconds(1)), "OK 2");
+}
+
+TEST_F(AnswerCacheTest, GrowsWithWhatIsKept) {
+  m_cache.keep(s_source, "a", "OK", Result::Ok, Clock::time_point::max(), s_now);
+  EXPECT_LT(m_budget.used(), 10000U);
+  EXPECT_GT(fill(400), 380);
+}
+
+TEST_F(AnswerCacheTest, NeverTakesMoreThanThereIs) {
+  const int known = fill(10000);
+  EXPECT_GT(known, 100);
+  EXPECT_LT(known, 2000);
+  EXPECT_LE(m_budget.used(), m_budget.most());
+}
+
+TEST_F(AnswerCacheTest, KeepsNothingWhenOthersHaveAllTheMemory) {
+  ASSERT_TRUE(m_budget.take(m_budget.most()));
+  keep("a", "OK");
+  EXPECT_EQ(find("a"), "none");
+  m_budget.give(4000);
+  keep("a", "OK");
+  EXPECT_EQ(find("a"), "none");
+  m_budget.give(m_budget.most() - 4000);
+  keep("a", "OK");
+  EXPECT_EQ(find("a"), "OK");
+}
+
+TEST_F(AnswerCacheTest, OneReplyNeverTakesTheRoomOfAll) {
+  fill(100);
+  keep("long", std::string(7000, 'x'));
+  EXPECT_EQ(find("long"), "none");
+  keep("long", std::string(5000, 'x'));
+  EXPECT_EQ(find("long"), std::string(5000, 'x'));
+}
+
+TEST_F(AnswerCacheTest, WhatIsAskedForStaysLongest) {
+  keep("used", "OK");
+  for (int i = 0; i < 10000; ++i) {
+    const Clock::time_point now = s_now + std::chrono::milliseconds(i);
+    keep(std::to_string(i), "OK", Clock::time_point::max(), now);
+    if (find("used", now) == "none") keep("used", "OK", Clock::time_point::max(), now);
+  }
+  EXPECT_EQ(find("9999"), "OK");
+  EXPECT_EQ(find("0"), "none");
+}
+
+TEST_F(AnswerCacheTest, GivesBackWhatIsNotUsed) {
+  EXPECT_GT(fill(500), 400);
+  keep("used", "OK", Clock::time_point::max(), s_now + minutes(4));
+  keep("late", "OK", s_now + minutes(4), s_now + minutes(4));
+  sweep(s_now + minutes(6));
+  EXPECT_EQ(find("used", s_now + minutes(6)), "OK");
+  EXPECT_EQ(find("0"), "none");
+  EXPECT_LT(m_budget.used(), 10000U);
+  sweep(s_now + minutes(12));
+  EXPECT_EQ(m_budget.used(), 0U);
+}
+
+TEST(AnswerCache, GivesAllItsMemoryBackAtItsEnd) {
+  MemoryBudget budget(100000);
+  {
+    AnswerCache cache(budget);
+    for (int i = 0; i < 300; ++i) {
+      cache.keep(s_source, std::to_string(i), "OK", Result::Ok, Clock::time_point::max(), s_now);
+    }
+    EXPECT_GT(budget.used(), 20000U);
+  }
+  EXPECT_EQ(budget.used(), 0U);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "serve/answer/Extension.h"
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +64,42 @@ TEST(Extension, IsNotPutWhereItDoesNotFit) {
 TEST(Extension, DoesNotBringQuotesToAnAddressWithout) {
   for (const char* extension : {"+a b", "+\"", "+a.", "+a..b", "+a@b"}) {
     EXPECT_EQ(withExtension("user@d", extension, "+"), "user@d") << extension;
+  }
+}
+
+TEST(Extension, IsPutToEachAddressOfAListAsToOne) {
+  const std::string longest(64, 'a');
+  const std::vector<std::string> addresses = {"User@D.example",
+                                              "user+own@d.example",
+                                              "j\u00f6rg@d.example",
+                                              "a@b\u00fccher.example",
+                                              "\"a,b\"@d.example",
+                                              "\"a\\\",b\"@d.example",
+                                              "a@[IPv6:::1]",
+                                              "a@[x:b,c@d]",
+                                              "root",
+                                              "owner-list@d.example",
+                                              "user-own@d.example",
+                                              longest + "@d.example",
+                                              longest.substr(4) + "@d.example",
+                                              longest.substr(3) + "@d.example",
+                                              "a@" + longest.substr(2) + "." + longest.substr(2) +
+                                                  "." + longest.substr(2) + "." +
+                                                  longest.substr(8)};
+  for (const char* extension : {"", "+tag", "+t", "+t\u00e4g", "+a.b", "+a.", "-tag", "+\""}) {
+    for (const char* delimiters : {"+", "-", "+-"}) {
+      std::string list;
+      std::string expected;
+      for (const std::string& address : addresses) {
+        if (!list.empty()) list += ',';
+        if (!expected.empty()) expected += ',';
+        list += address;
+        expected += withExtension(address, extension, delimiters);
+        EXPECT_EQ(allWithExtension(address, extension, delimiters),
+                  withExtension(address, extension, delimiters));
+      }
+      EXPECT_EQ(allWithExtension(list, extension, delimiters), expected);
+    }
   }
 }
 

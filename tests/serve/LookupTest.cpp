@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -31,21 +32,28 @@ using testing::StartsWith;
 class LookupTest : public testing::Test {
  protected:
   // The reply to `request`, after the settings of the test.
-  std::string ask(std::string_view request) {
+  std::string ask(std::string_view request) { return *lookup().reply(request); }
+
+  Lookup& lookup() {
     if (m_lookup == nullptr) {
-      m_lookup = std::make_unique<Lookup>(m_settings, m_tables, m_metrics, m_log);
+      m_lookup = std::make_unique<Lookup>(m_settings, tables(), m_metrics, m_log);
     }
-    return m_lookup->reply(request);
+    return *m_lookup;
+  }
+
+  Tables& tables() {
+    if (!m_tables) m_tables.emplace(m_settings);
+    return *m_tables;
   }
 
   // Has the table `sqlName` answer with `rows`.
   void serve(const std::string& sqlName, const Rows& rows, Clock::time_point time = Clock::now()) {
-    publishRows(*m_tables.add(sqlName), rows, time);
+    publishRows(*tables().add(sqlName), rows, time);
   }
 
   // How often an answer was taken from the cache.
   std::string hits() {
-    std::istringstream lines(metricsText(m_metrics, m_tables, Clock::now()));
+    std::istringstream lines(metricsText(m_metrics, tables(), Clock::now()));
     for (std::string line; std::getline(lines, line);) {
       if (line.starts_with("tsl_address_map_cache_hits_total ")) return line.substr(33);
     }
@@ -53,7 +61,7 @@ class LookupTest : public testing::Test {
   }
 
   Settings m_settings;
-  Tables m_tables{m_settings};
+  std::optional<Tables> m_tables;
   Metrics m_metrics;
   Log m_log{LogLevel::Error};
   std::unique_ptr<Lookup> m_lookup;
@@ -117,8 +125,8 @@ TEST_F(LookupTest, ATableThatIsNotServedIsATemporaryFailure) {
 }
 
 TEST_F(LookupTest, ATableWithoutAnImageIsATemporaryFailure) {
-  m_tables.add("alias");
-  m_tables.add("mask");
+  tables().add("alias");
+  tables().add("mask");
   for (const char* request : {"alias a@d.example", "alias no address", "mask_public a@d.example",
                               "mask_private a@d.example"}) {
     EXPECT_EQ(ask(request), "TEMP the table could not be read yet") << request;
@@ -129,7 +137,7 @@ TEST_F(LookupTest, ATableWithoutAnImageIsATemporaryFailure) {
 
 TEST_F(LookupTest, AnImageAnswersAlikeUntilItIsTooOldAndNotAtAllThen) {
   m_settings.stale = minutes(10);
-  const TablePointer table = m_tables.add("alias");
+  const TablePointer table = tables().add("alias");
   publishRows(*table, {{"a@d.example", "b@d.example"}});
   for (const auto age : {minutes(0), minutes(1), minutes(9)}) {
     table->confirm(Clock::now() - age);
@@ -156,7 +164,7 @@ TEST_F(LookupTest, TheShortestLimitLeavesTimeToLookAtTheTable) {
   m_settings.stale = seconds(0);
   serve("alias", {{"a@d.example", "b@d.example"}}, Clock::now() - seconds(1));
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
-  m_tables.find("alias")->confirm(Clock::now() - seconds(6));
+  tables().find("alias")->confirm(Clock::now() - seconds(6));
   EXPECT_THAT(ask("alias a@d.example"), StartsWith("TEMP "));
 }
 
@@ -350,6 +358,56 @@ TEST_F(LookupTest, WithoutAConfigurationMailboxesAndDomainsAreTemporaryFailures)
   EXPECT_EQ(ask("domain d.example"), "OK d.example");
 }
 
+TEST_F(LookupTest, OneTableIsOneWhateverItsMapIsCalled) {
+  serve("alias", {{"a@d.example", "b@d.example"}});
+  serve("alias_second", {{"a@d.example", "c@d.example"}});
+  for (const char* map : {"alias", "alias.", "alias:"}) {
+    EXPECT_EQ(ask(std::string(map) + " a@d.example"), "OK b@d.example") << map;
+  }
+  for (const char* map : {"alias.second", "alias:second"}) {
+    EXPECT_EQ(ask(std::string(map) + " a@d.example"), "OK c@d.example") << map;
+  }
+  EXPECT_EQ(hits(), "3");
+}
+
+TEST_F(LookupTest, TheDirectionsOfAMaskAreKeptApart) {
+  serve("mask", {{"a@d.example", "b@d.example"}, {"b@d.example", "c@d.example"}});
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(ask("mask_public b@d.example"), "OK c@d.example");
+    EXPECT_EQ(ask("mask_private b@d.example"), "OK a@d.example");
+  }
+  EXPECT_EQ(hits(), "2");
+}
+
+TEST_F(LookupTest, WhatIsNoAddressTakesNoMemory) {
+  serve("alias", {{"a@d.example", "b@d.example"}});
+  serve("mask", {{"a@d.example", "b@d.example"}});
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  const std::size_t before = tables().answerMemory().used();
+  for (int i = 0; i < 1000; ++i) {
+    const std::string key = std::string(990, 'x') + std::to_string(i);
+    EXPECT_EQ(ask("alias " + key), "NOTFOUND ");
+    EXPECT_EQ(ask("alias " + key + "@d.example"), "NOTFOUND ");
+    EXPECT_EQ(ask("mask_public " + key), "NOTFOUND ");
+  }
+  EXPECT_EQ(tables().answerMemory().used(), before);
+}
+
+TEST_F(LookupTest, WhatIsNotAskedForAnyMoreGivesItsMemoryBack) {
+  serve("alias", {{"a@d.example", "b@d.example"}});
+  const std::weak_ptr<const TableImage> image = tables().find("alias")->image();
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_EQ(ask("alias x" + std::to_string(i) + "@d.example"), "NOTFOUND ");
+  }
+  EXPECT_GT(tables().answerMemory().used(), 100000U);
+  serve("alias", {});
+  EXPECT_FALSE(image.expired());
+  lookup().sweep(Clock::now());
+  EXPECT_TRUE(image.expired());
+  for (int second = 0; second < 20; ++second) lookup().sweep(Clock::now() + minutes(10));
+  EXPECT_EQ(tables().answerMemory().used(), 0U);
+}
+
 TEST_F(LookupTest, AnswersAreKeptUntilThereIsANewImage) {
   serve("alias", {{"a@d.example", "b@d.example"}, {"long@d.example", s_members(200)}});
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
@@ -442,8 +500,8 @@ TEST_F(PageTest, TheSameTableGivesTheSamePages) {
   const std::string first = ask("alias list@d.example");
   EXPECT_EQ(ask("alias list@d.example"), first);
   EXPECT_EQ(ask("alias LIST@d.example"), first);
-  Lookup other(m_settings, m_tables, m_metrics, m_log);
-  EXPECT_EQ(other.reply("alias list@d.example"), first);
+  Lookup other(m_settings, tables(), m_metrics, m_log);
+  EXPECT_EQ(*other.reply("alias list@d.example"), first);
   serve("alias", {{"other@d.example", "x@d.example"}, {"list@d.example", s_members(600)}});
   EXPECT_EQ(ask("alias list@d.example"), first);
 }
@@ -460,6 +518,36 @@ TEST_F(PageTest, PagesStayAsTheyAreWhenTheListChanges) {
   EXPECT_EQ(resolve("list@d.example"), setOf(s_members(600, "new")));
   serve("alias", {});
   EXPECT_EQ(resolve(before[0]).size() + resolve(before[1]).size(), 600U);
+}
+
+TEST_F(PageTest, AListIsExpandedOnceForAllExtensions) {
+  serve("alias", {{"list@d.example", s_members(600)}});
+  for (int i = 0; i < 10; ++i) {
+    const std::string tag = "+t" + std::to_string(i);
+    const std::vector<std::string> pages = s_list(ask("alias list" + tag + "@d.example"));
+    EXPECT_THAT(pages, SizeIs(2));
+    EXPECT_THAT(pages, Each(HasSubstr(tag + "@d.example")));
+  }
+  EXPECT_EQ(hits(), "9");
+}
+
+TEST_F(PageTest, AListWhosePagesAreGoneGetsNewOnes) {
+  m_settings.maxMemory = 50000;
+  serve("alias", {{"list@d.example", s_members(600)}, {"other@d.example", s_members(900, "v")}});
+  const std::string before = ask("alias list@d.example");
+  EXPECT_EQ(resolve("other@d.example"), setOf(s_members(900, "v")));
+  EXPECT_THAT(ask("alias " + s_list(before).at(0)), StartsWith("TEMP "));
+  const std::string after = ask("alias list@d.example");
+  EXPECT_NE(after, before);
+  EXPECT_EQ(resolve("list@d.example"), setOf(s_members(600)));
+}
+
+TEST_F(PageTest, AListForWhosePagesThereIsNoMemoryIsATemporaryFailure) {
+  m_settings.maxMemory = 20000;
+  serve("alias", {{"list@d.example", s_members(600)}, {"a@d.example", "b@d.example"}});
+  EXPECT_THAT(ask("alias list@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_LE(tables().pageMemory().used(), 10000U);
 }
 
 TEST_F(PageTest, APageThatIsGoneIsATemporaryFailure) {

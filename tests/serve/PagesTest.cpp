@@ -2,7 +2,10 @@
 #include "serve/image/Pages.h"
 
 #include <chrono>
+#include <cstdint>
+#include <new>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,6 +24,25 @@ using std::chrono::minutes;
 using testing::SizeIs;
 
 const Clock::time_point s_start = Clock::now();
+
+// What pages take their memory from, where that is not what is tested.
+MemoryBudget s_budget(1U << 30U);
+
+constexpr std::uint64_t s_table = 1;
+
+std::vector<std::string> s_split(const std::string& text) {
+  std::vector<std::string> addresses;
+  std::istringstream stream(text);
+  for (std::string address; std::getline(stream, address, ',');) addresses.push_back(address);
+  return addresses;
+}
+
+// The addresses that the alias with `key` gets instead of `addresses`.
+std::vector<std::string> s_divide(Pages& pages, const std::string& key,
+                                  const std::vector<std::string>& addresses,
+                                  Clock::time_point now = s_start) {
+  return s_split(pages.divide(s_table, key, addresses, now));
+}
 
 std::vector<std::string> s_list(std::size_t count, const std::string& start = "u") {
   std::vector<std::string> addresses;
@@ -41,14 +63,14 @@ std::vector<std::string> s_resolve(Pages& pages, const std::vector<std::string>&
     const auto page = pages.find(address, s_start);
     EXPECT_TRUE(page) << address;
     if (!page) continue;
-    const std::vector<std::string> inner = s_resolve(pages, *page);
+    const std::vector<std::string> inner = s_resolve(pages, s_split(page->addresses));
     all.insert(all.end(), inner.begin(), inner.end());
   }
   return all;
 }
 
 TEST(Pages, WhatFitsIsCountedInAddressesAndInBytes) {
-  const Pages pages(3, 17, 0);
+  const Pages pages({3, 17, 0}, s_budget);
   EXPECT_TRUE(pages.fit({}));
   EXPECT_TRUE(pages.fit({"a@d", "b@d", "c@d"}));
   EXPECT_FALSE(pages.fit({"a@d", "b@d", "c@d", "d@d"}));
@@ -58,19 +80,20 @@ TEST(Pages, WhatFitsIsCountedInAddressesAndInBytes) {
 
 TEST(Pages, EachPageAndTheListOfThemFit) {
   for (const std::size_t count : {4U, 5U, 9U, 10U, 27U, 28U, 100U}) {
-    Pages pages(3, 100000, 0);
-    const std::vector<std::string> top = pages.divide("list@d", s_list(count), s_start);
+    Pages pages({3, 100000, 0}, s_budget);
+    const std::vector<std::string> top = s_divide(pages, "list@d", s_list(count));
     EXPECT_LE(top.size(), 3U);
     EXPECT_EQ(s_resolve(pages, top), s_list(count)) << count;
   }
 }
 
 TEST(Pages, PagesHaveRoomForAnExtensionOfEachAddress) {
-  Pages pages(1000, 1000, 32);
-  const std::vector<std::string> top = pages.divide("list@d", s_list(200), s_start);
+  Pages pages({1000, 1000, 32}, s_budget);
+  const std::vector<std::string> top = s_divide(pages, "list@d", s_list(200));
   EXPECT_EQ(s_resolve(pages, top), s_list(200));
   for (const std::string& name : top) {
-    std::vector<std::string> page = pages.find(name, s_start).value_or(std::vector<std::string>());
+    std::vector<std::string> page =
+        s_split(pages.find(name, s_start).value_or(Pages::Page()).addresses);
     EXPECT_FALSE(page.empty());
     for (std::string& address : page) address += std::string(32, '+');
     EXPECT_TRUE(pages.fit(page));
@@ -78,10 +101,10 @@ TEST(Pages, PagesHaveRoomForAnExtensionOfEachAddress) {
 }
 
 TEST(Pages, TheAddressOfAPageIsOneOfTheAliasesDomain) {
-  Pages pages(2, 1000, 0);
+  Pages pages({2, 1000, 0}, s_budget);
   std::string key;
   ASSERT_TRUE(addressKey("list@B\u00fccher.example", key));
-  for (const std::string& name : pages.divide(key, s_list(4), s_start)) {
+  for (const std::string& name : s_divide(pages, key, s_list(4))) {
     EXPECT_THAT(name, testing::MatchesRegex("tslpage[0-9a-f]{24}x[01]@xn--bcher-kva\\.example"));
     std::string pageKey;
     EXPECT_TRUE(addressKey(name, pageKey));
@@ -91,21 +114,21 @@ TEST(Pages, TheAddressOfAPageIsOneOfTheAliasesDomain) {
 }
 
 TEST(Pages, TheSameAddressesHaveTheSamePagesAndOthersHaveOthers) {
-  Pages pages(2, 1000, 0);
-  const auto first = pages.divide("list@d", s_list(4), s_start);
-  EXPECT_EQ(pages.divide("list@d", s_list(4), s_start), first);
-  const auto other = pages.divide("list@d", s_list(4, "v"), s_start);
+  Pages pages({2, 1000, 0}, s_budget);
+  const auto first = s_divide(pages, "list@d", s_list(4));
+  EXPECT_EQ(s_divide(pages, "list@d", s_list(4)), first);
+  const auto other = s_divide(pages, "list@d", s_list(4, "v"));
   EXPECT_NE(other, first);
-  EXPECT_NE(pages.divide("list2@d", s_list(4), s_start), first);
+  EXPECT_NE(s_divide(pages, "list2@d", s_list(4)), first);
   EXPECT_EQ(s_resolve(pages, first), s_list(4));
   EXPECT_EQ(s_resolve(pages, other), s_list(4, "v"));
 }
 
 TEST(Pages, NobodyGuessesOne) {
-  Pages pages(2, 1000, 0);
+  Pages pages({2, 1000, 0}, s_budget);
   std::set<std::string> tokens;
   for (int i = 0; i < 100; ++i) {
-    const auto top = pages.divide("list" + std::to_string(i) + "@d", s_list(4), s_start);
+    const auto top = s_divide(pages, "list" + std::to_string(i) + "@d", s_list(4));
     tokens.insert(top.at(0).substr(7, 24));
   }
   EXPECT_THAT(tokens, SizeIs(100));
@@ -126,35 +149,37 @@ TEST(Pages, OtherNamesAreNoPages) {
 }
 
 TEST(Pages, APageThatIsNotThereIsNotFound) {
-  Pages pages(2, 1000, 0);
+  Pages pages({2, 1000, 0}, s_budget);
   EXPECT_FALSE(pages.find("tslpage0123456789abcdef01234567x0@d", s_start));
   EXPECT_FALSE(pages.find("list@d", s_start));
-  const auto top = pages.divide("list@d", s_list(4), s_start);
+  const auto top = s_divide(pages, "list@d", s_list(4));
   EXPECT_TRUE(pages.find(top.at(1), s_start));
   EXPECT_FALSE(pages.find(top.at(1).substr(0, 32) + "2@d", s_start));
 }
 
 TEST(Pages, AnHourWithoutARequestEndsAPage) {
-  Pages pages(2, 1000, 0);
-  const auto asked = pages.divide("asked@d", s_list(4), s_start);
-  const auto unasked = pages.divide("unasked@d", s_list(4), s_start);
+  Pages pages({2, 1000, 0}, s_budget);
+  const auto asked = s_divide(pages, "asked@d", s_list(4));
+  const auto unasked = s_divide(pages, "unasked@d", s_list(4));
   EXPECT_TRUE(pages.find(asked.at(0), s_start + minutes(50)));
-  pages.divide("other@d", s_list(4), s_start + hours(1));
+  pages.sweep(s_start + hours(1));
   EXPECT_TRUE(pages.find(asked.at(0), s_start + hours(1)));
   EXPECT_FALSE(pages.find(unasked.at(0), s_start + hours(1)));
   // Its alias gets new ones.
-  EXPECT_NE(pages.divide("unasked@d", s_list(4), s_start + hours(1)), unasked);
-  EXPECT_EQ(pages.divide("asked@d", s_list(4), s_start + hours(1)), asked);
+  EXPECT_NE(s_divide(pages, "unasked@d", s_list(4), s_start + hours(1)), unasked);
+  EXPECT_EQ(s_divide(pages, "asked@d", s_list(4), s_start + hours(1)), asked);
 }
 
-TEST(Pages, TheOldestGoWhenThereAreTooMany) {
-  Pages pages(10, 100000000, 0);
-  // Each of these lists has 50 MB of the 256 MB that are kept.
-  const std::vector<std::string> addresses(20, std::string(2500000, 'a'));
+TEST(Pages, TheOldestGoWhenThereIsNoMoreMemory) {
+  MemoryBudget budget(256000);
+  Pages pages({10, 100000, 0}, budget);
+  // Each of these lists has 50 KB.
+  const std::vector<std::string> addresses(20, std::string(2500, 'a'));
   std::vector<std::vector<std::string>> tops;
   for (int i = 0; i < 7; ++i) {
-    tops.push_back(
-        pages.divide("list" + std::to_string(i) + "@d", addresses, s_start + minutes(i)));
+    const std::string key = "list" + std::to_string(i) + "@d";
+    tops.push_back(s_divide(pages, key, addresses, s_start + minutes(i)));
+    EXPECT_LE(budget.used(), budget.most());
   }
   EXPECT_FALSE(pages.find(tops.at(0).at(0), s_start));
   EXPECT_FALSE(pages.find(tops.at(1).at(0), s_start));
@@ -162,19 +187,53 @@ TEST(Pages, TheOldestGoWhenThereAreTooMany) {
   EXPECT_TRUE(pages.find(tops.at(6).at(0), s_start));
 }
 
+TEST(Pages, AListThatNeedsMoreMemoryThanThereIsIsRefused) {
+  MemoryBudget budget(40000);
+  Pages pages({10, 100000, 0}, budget);
+  EXPECT_THROW(s_divide(pages, "a@d", std::vector<std::string>(20, std::string(2500, 'a'))),
+               std::bad_alloc);
+  EXPECT_EQ(budget.used(), 0U);
+}
+
+TEST(Pages, TheMemoryOfPagesThatAreGoneIsGivenBack) {
+  MemoryBudget budget(256000);
+  {
+    Pages pages({10, 100000, 0}, budget);
+    s_divide(pages, "a@d", s_list(1000));
+    EXPECT_GT(budget.used(), 10000U);
+    pages.sweep(s_start + minutes(59));
+    EXPECT_GT(budget.used(), 10000U);
+    pages.sweep(s_start + hours(1));
+    EXPECT_EQ(budget.used(), 0U);
+    s_divide(pages, "a@d", s_list(1000));
+  }
+  EXPECT_EQ(budget.used(), 0U);
+}
+
+TEST(Pages, AnAnswerIsWholeAsLongAsItsPagesAreThere) {
+  Pages pages({2, 1000, 0}, s_budget);
+  const std::string top = pages.divide(s_table, "list@d", s_list(4), s_start);
+  EXPECT_TRUE(pages.isWhole("a@d,b@d", s_start));
+  EXPECT_TRUE(pages.isWhole("", s_start));
+  EXPECT_TRUE(pages.isWhole(top, s_start + minutes(40)));
+  pages.sweep(s_start + minutes(90));
+  EXPECT_TRUE(pages.isWhole(top, s_start + minutes(40)));
+  pages.sweep(s_start + hours(2));
+  EXPECT_FALSE(pages.isWhole(top, s_start));
+}
+
 TEST(Pages, ADomainThatLeavesNoRoomForThemIsRefused) {
-  Pages pages(2, 1000, 0);
-  EXPECT_THROW(pages.divide("list@" + std::string(240, 'd'), s_list(4), s_start),
-               std::length_error);
-  EXPECT_THAT(pages.divide("list@" + std::string(200, 'd'), s_list(4), s_start), SizeIs(2));
+  Pages pages({2, 1000, 0}, s_budget);
+  EXPECT_THROW(s_divide(pages, "list@" + std::string(240, 'd'), s_list(4)), std::length_error);
+  EXPECT_THAT(s_divide(pages, "list@" + std::string(200, 'd'), s_list(4)), SizeIs(2));
 }
 
 TEST(Pages, AnAliasThatNamesItselfStandsBesideItsPages) {
   for (const std::size_t count : {3U, 4U, 9U, 10U, 27U}) {
-    Pages pages(3, 100000, 0);
+    Pages pages({3, 100000, 0}, s_budget);
     std::vector<std::string> addresses = s_list(count);
     addresses.insert(addresses.begin() + 1, "List@d");
-    const std::vector<std::string> top = pages.divide("list@d", addresses, s_start);
+    const std::vector<std::string> top = s_divide(pages, "list@d", addresses);
     EXPECT_TRUE(pages.fit(top)) << count;
     ASSERT_FALSE(top.empty());
     EXPECT_EQ(top.front(), "List@d") << count;
@@ -184,23 +243,23 @@ TEST(Pages, AnAliasThatNamesItselfStandsBesideItsPages) {
 }
 
 TEST(Pages, AnAliasThatNamesItselfInManySpellingsStandsOnceBesideItsPages) {
-  Pages pages(2, 1000, 0);
+  Pages pages({2, 1000, 0}, s_budget);
   std::vector<std::string> addresses = {"\u00fcber@d", "u\u0308ber@d", "\"\u00fcber\"@d"};
   for (const std::string& address : s_list(4)) addresses.push_back(address);
-  const std::vector<std::string> top = pages.divide("\u00fcber@d", addresses, s_start);
+  const std::vector<std::string> top = s_divide(pages, "\u00fcber@d", addresses);
   ASSERT_THAT(top, SizeIs(2));
   EXPECT_EQ(top.front(), addresses.front());
   EXPECT_EQ(s_resolve(pages, {top.back()}), s_list(4));
 }
 
 TEST(Pages, AnAliasThatComesToNameItselfGetsAnotherAnswer) {
-  Pages pages(2, 1000, 0);
+  Pages pages({2, 1000, 0}, s_budget);
   std::vector<std::string> addresses = s_list(4);
-  EXPECT_NE(pages.divide("list@d", addresses, s_start).front(), "list@d");
+  EXPECT_NE(s_divide(pages, "list@d", addresses).front(), "list@d");
   addresses.emplace_back("list@d");
-  EXPECT_EQ(pages.divide("list@d", addresses, s_start).front(), "list@d");
+  EXPECT_EQ(s_divide(pages, "list@d", addresses).front(), "list@d");
   addresses.pop_back();
-  EXPECT_NE(pages.divide("list@d", addresses, s_start).front(), "list@d");
+  EXPECT_NE(s_divide(pages, "list@d", addresses).front(), "list@d");
 }
 
 }  // namespace

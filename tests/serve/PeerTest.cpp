@@ -2,6 +2,8 @@
 // slowly it comes, and nobody holds up another.
 #include "serve/socket/Peer.h"
 
+#include <sys/epoll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -195,6 +197,7 @@ TEST_F(PeerTest, HalfARequestAndRepliesThatAreNotTakenHaveTheTimeOfARequest) {
   const auto slow = connect();
   const auto trickling = connect();
   const auto idle = connect();
+  EXPECT_EQ(idle->ask("alias " + name(1)), answer(1));
   half->send("20:alias");
   trickling->send("60000:");
   std::string requests;
@@ -208,6 +211,117 @@ TEST_F(PeerTest, HalfARequestAndRepliesThatAreNotTakenHaveTheTimeOfARequest) {
   EXPECT_TRUE(half->isAtEnd());
   EXPECT_TRUE(counts("timeouts_total 3"));
   EXPECT_EQ(idle->ask("alias " + name(1)), answer(1));
+}
+
+TEST_F(PeerTest, TheFirstRequestHasTheTimeOfARequest) {
+  m_settings.requestTimeout = milliseconds(50);
+  m_settings.idleTimeout = hours(1);
+  const auto silent = connect();
+  EXPECT_TRUE(silent->isAtEnd());
+  EXPECT_TRUE(counts("timeouts_total 1"));
+}
+
+TEST_F(PeerTest, WhoReadsRepliesTooSlowlyIsLateInSpiteOfTheParts) {
+  m_settings.requestTimeout = milliseconds(300);
+  const auto slow = connect();
+  std::string requests;
+  for (int i = 0; i < 200; ++i) requests += framed("alias big@d.example");
+  slow->send(requests);
+  // Some bytes every few milliseconds: far too few, but never none for long.
+  EXPECT_TRUE(waitFor([&] {
+    slow->readSome(100);
+    return m_closed == 1;
+  }));
+}
+
+TEST_F(PeerTest, TheConnectionThatWasNotUsedForLongestMakesRoom) {
+  const auto first = connect();
+  const auto second = connect();
+  const auto third = connect();
+  for (Client* const client : {second.get(), third.get(), first.get()}) {
+    EXPECT_EQ(client->ask("alias " + name(1)), answer(1));
+  }
+  third->send("20:half a request");
+  const auto added = connect(false, true);
+  EXPECT_EQ(added->ask("alias " + name(2)), answer(2));
+  EXPECT_TRUE(second->isAtEnd());
+  EXPECT_EQ(first->ask("alias " + name(2)), answer(2));
+  EXPECT_TRUE(counts("connections_dropped_total 1"));
+  const auto another = connect(false, true);
+  EXPECT_EQ(another->ask("alias " + name(2)), answer(2));
+  EXPECT_TRUE(third->isAtEnd());
+  EXPECT_EQ(worker().connections(), 3U);
+}
+
+TEST_F(PeerTest, AFewRequestsOfOneAreAnsweredAtATime) {
+  Lookup lookup(m_settings, tables(), m_metrics, m_log);
+  const int events = epoll_create1(EPOLL_CLOEXEC);
+  Peer::Shared shared{m_settings, lookup, m_metrics, events, {}, {}, Clock::now(), {}};
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  Client client(ends[1]);
+  Peer peer(ends[0], false, shared, [] {});
+  peer.start();
+  std::string requests;
+  for (int i = 0; i < 100; ++i) requests += request(i);
+  client.send(requests);
+  peer.proceed(EPOLLIN);
+  int answered = 0;
+  while (!shared.queue.empty()) {
+    EXPECT_EQ(shared.queue.front(), &peer);
+    EXPECT_EQ(shared.queue.size(), 1U);
+    shared.queue.pop_front();
+    const std::size_t before = client.available();
+    EXPECT_LE(before, 16 * framed(answer(10)).size());
+    for (std::size_t left = before; left > 0; ++answered) {
+      const std::string reply = client.reply();
+      EXPECT_EQ(reply, answer(answered));
+      left -= std::min(left, framed(reply).size());
+    }
+    peer.goOn();
+  }
+  for (; answered < 100; ++answered) EXPECT_EQ(client.reply(), answer(answered));
+  close(events);
+}
+
+TEST_F(PeerTest, AReplyThatTakesLongComesInItsTurnAndHoldsUpNobody) {
+  std::string members;
+  for (int i = 0; i < 100000; ++i) members += "member" + std::to_string(i) + "@d.example,";
+  members.pop_back();
+  serve({{"huge@d.example", members}, {"a@d.example", "b@d.example"}});
+  const auto patient = connect();
+  const auto other = connect();
+  patient->send(framed("alias a@d.example") + framed("alias huge@d.example") +
+                framed("alias a@d.example") + framed("alias huge+tag@d.example"));
+  EXPECT_EQ(patient->reply(), "OK b@d.example");
+  int answered = 0;
+  while (patient->available() == 0) {
+    ASSERT_EQ(other->ask("alias a@d.example"), "OK b@d.example");
+    ++answered;
+  }
+  EXPECT_GT(answered, 10);
+  EXPECT_THAT(patient->reply(), StartsWith("OK tslpage"));
+  EXPECT_EQ(patient->reply(), "OK b@d.example");
+  EXPECT_THAT(patient->reply(), testing::HasSubstr("+tag@d.example,tslpage"));
+}
+
+TEST_F(PeerTest, WhoGoesAwayBeforeAReplyThatTakesLongIsForgotten) {
+  std::string members;
+  for (int i = 0; i < 100000; ++i) members += "member" + std::to_string(i) + "@d.example,";
+  members.pop_back();
+  serve({{"huge@d.example", members}});
+  connect()->send(framed("alias huge@d.example"));
+  EXPECT_TRUE(waitFor([this] { return m_closed == 1; }));
+  const auto next = connect();
+  EXPECT_THAT(next->ask("alias huge@d.example"), StartsWith("OK tslpage"));
+}
+
+TEST_F(PeerTest, WhyAConnectionEndsIsReadWhateverWasSentBehind) {
+  m_settings.maxRequest = 5000;
+  const auto client = connect();
+  std::string request = "1000000:" + std::string(1000000, 'x');
+  static_cast<void>(client->sendSome(request));
+  EXPECT_EQ(client->reply(), "PERM the request is too long");
 }
 
 TEST_F(PeerTest, BetweenRequestsThereIsTheTimeOfTheIdle) {

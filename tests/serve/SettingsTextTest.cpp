@@ -58,6 +58,19 @@ TEST(SettingsText, WhatIsNoTimeIsRefused) {
   EXPECT_NE(s_refusal([] { s_time("9ms", milliseconds(10)); }), "");
 }
 
+TEST(SettingsText, SizesMayHaveAUnit) {
+  EXPECT_EQ(parseSize("--max-memory", "4096", 1), 4096U);
+  EXPECT_EQ(parseSize("--max-memory", "3K", 1), 3U << 10U);
+  EXPECT_EQ(parseSize("--max-memory", "512M", 1), 512U << 20U);
+  EXPECT_EQ(parseSize("--max-memory", "2G", 1), std::size_t{2} << 30U);
+  EXPECT_EQ(parseSize("--max-memory", "1024T", 1), std::size_t{1} << 50U);
+  EXPECT_EQ(parseSize("--max-memory", "1M", 1U << 20U), 1U << 20U);
+  for (const char* text : {"", "M", "1MB", "-1M", " 1M", "1 M", "1m", "1.5G", "1025T", "1023K",
+                           "99999999999999999999", "18014398509481985K"}) {
+    EXPECT_NE(s_refusal([&] { parseSize("--max-memory", text, 1U << 20U); }), "") << text;
+  }
+}
+
 TEST(SettingsText, NumbersLieBetweenTheirLimits) {
   EXPECT_EQ(parseNumber("--page", "2", 2, 10), 2U);
   EXPECT_EQ(parseNumber("--page", "10", 2, 10), 10U);

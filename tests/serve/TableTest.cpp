@@ -22,7 +22,7 @@ using testing::ElementsAre;
 
 TEST(Table, HasNoImageAndNoAgeAtFirst) {
   const Settings settings;
-  const Table table(TableKind::Alias, "", settings);
+  const Table table(TableKind::Alias, "");
   EXPECT_EQ(table.sqlName(), "alias");
   EXPECT_EQ(table.image(), nullptr);
   EXPECT_EQ(table.generation(), 0U);
@@ -31,7 +31,7 @@ TEST(Table, HasNoImageAndNoAgeAtFirst) {
 
 TEST(Table, AnImageIsReplacedAndLivesAsLongAsItIsUsed) {
   const Settings settings;
-  Table table(TableKind::Mask, "second", settings);
+  Table table(TableKind::Mask, "second");
   EXPECT_EQ(table.sqlName(), "mask_second");
   publishRows(table, {{"a@d", "b@d"}});
   const ImagePointer old = table.image();
@@ -44,7 +44,7 @@ TEST(Table, AnImageIsReplacedAndLivesAsLongAsItIsUsed) {
 
 TEST(Table, ItsAgeIsThatOfTheLastLook) {
   const Settings settings;
-  Table table(TableKind::Alias, "", settings);
+  Table table(TableKind::Alias, "");
   const Clock::time_point now = Clock::now();
   table.confirm(now - minutes(3));
   EXPECT_EQ(table.age(now), minutes(3));
@@ -66,7 +66,7 @@ TEST(Table, AnImageIsTooOldBehindTheLimitOrNever) {
 
 TEST(Table, ThreadsReadImagesWhileTheyChange) {
   const Settings settings;
-  Table table(TableKind::Alias, "", settings);
+  Table table(TableKind::Alias, "");
   publishRows(table, {{"a@d", "b@d"}});
   std::atomic<bool> isDone{false};
   std::atomic<int> wrong{0};

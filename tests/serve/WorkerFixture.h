@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -77,6 +78,17 @@ class Client {
       return ioctl(m_descriptor, SIOCOUTQ, &left) == 0 && left == 0;
     }));
   }
+  // Reads `size` bytes at most, and drops them.
+  void readSome(std::size_t size) const {
+    std::string dropped(size, '\0');
+    static_cast<void>(recv(m_descriptor, dropped.data(), size, MSG_DONTWAIT));
+  }
+  // Bytes that have arrived.
+  [[nodiscard]] std::size_t available() const {
+    int size = 0;
+    EXPECT_EQ(ioctl(m_descriptor, FIONREAD, &size), 0);
+    return static_cast<std::size_t>(size);
+  }
   void endSending() const { shutdown(m_descriptor, SHUT_WR); }
 
   // What is in the next frame; "none" when the connection is closed first or it is not a frame.
@@ -127,21 +139,21 @@ class Client {
   bool m_isEnded = false;
 };
 
-// One worker; the settings are those of the test until it first connects.
+// One worker; the settings are those of the test until it first serves a table or connects.
 class WorkerFixture : public testing::Test {
  protected:
   // Connects a mail server.
-  std::unique_ptr<Client> connect(bool isLineProtocol = false) {
+  std::unique_ptr<Client> connect(bool isLineProtocol = false, bool isOneTooMany = false) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    worker().take(ends[0], isLineProtocol);
+    worker().take(ends[0], isLineProtocol, isOneTooMany);
     return std::make_unique<Client>(ends[1]);
   }
 
   Worker& worker() {
     if (m_worker == nullptr) {
-      m_worker =
-          std::make_unique<Worker>(m_settings, m_tables, m_metrics, m_log, [this] { closed(); });
+      m_worker = std::make_unique<Worker>(m_settings, tables(), m_metrics, m_log, m_background,
+                                          [this] { closed(); });
     }
     return *m_worker;
   }
@@ -154,21 +166,27 @@ class WorkerFixture : public testing::Test {
   }
 
   // Has the table of aliases answer with `rows`.
-  void serve(const Rows& rows) { publishRows(*m_tables.add("alias"), rows); }
+  void serve(const Rows& rows) { publishRows(*tables().add("alias"), rows); }
+
+  Tables& tables() {
+    if (!m_tables) m_tables.emplace(m_settings);
+    return *m_tables;
+  }
 
   // The metrics have the line `line`.
   bool counts(const std::string& line) {
-    return metricsText(m_metrics, m_tables, Clock::now())
+    return metricsText(m_metrics, tables(), Clock::now())
                .find("\ntsl_address_map_" + line + "\n") != std::string::npos;
   }
 
   Settings m_settings;
-  Tables m_tables{m_settings};
+  std::optional<Tables> m_tables;
   Metrics m_metrics;
   Log m_log{LogLevel::Error};
   std::mutex m_hold;
   std::atomic<int> m_closing{0};
   std::atomic<int> m_closed{0};
+  Background m_background{1};
   std::unique_ptr<Worker> m_worker;
 };
 

@@ -24,6 +24,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "failure/Failure.h"
+#include "serve/base/Background.h"
 #include "serve/base/Metrics.h"
 #include "serve/image/Table.h"
 #include "serve/image/TableWatch.h"
@@ -98,7 +99,8 @@ class Service {
     m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
     if (m_settings.metrics) listenForMetrics(*m_settings.metrics);
     for (unsigned int i = 0; i < m_settings.workers; ++i) {
-      m_workers.emplace_back(m_settings, m_tables, m_metrics, m_log, [this] { closed(); });
+      m_workers.emplace_back(m_settings, m_tables, m_metrics, m_log, m_background,
+                             [this] { closed(); });
     }
     m_watch->start();
     for (Listener& listener : m_listeners) accept(listener);
@@ -162,9 +164,9 @@ class Service {
     return count;
   }
 
-  // Takes connections from `listener`, as long as there may be more.
+  // Takes connections from `listener`.
   void accept(Listener& listener) {
-    if (m_isEnding || listener.isWaiting || connections() >= m_mostConnections) return;
+    if (m_isEnding || listener.isWaiting) return;
     Worker& worker = *std::min_element(
         m_workers.begin(), m_workers.end(),
         [](const Worker& a, const Worker& b) { return a.connections() < b.connections(); });
@@ -175,7 +177,8 @@ class Service {
           listener.isWaiting = false;
           if (m_isEnding) return;
           if (!error) {
-            worker.take(socket.release(), listener.socket.isLineProtocol());
+            const bool isOneTooMany = connections() >= m_mostConnections;
+            worker.take(socket.release(), listener.socket.isLineProtocol(), isOneTooMany);
             return accept(listener);
           }
           pause(error);
@@ -201,7 +204,6 @@ class Service {
   // A connection was closed, on the thread of a worker.
   void closed() {
     boost::asio::post(m_context, [this] {
-      acceptAll();
       if (m_isEnding && connections() == 0) m_context.stop();
     });
   }
@@ -270,6 +272,7 @@ class Service {
   boost::asio::signal_set m_signals;
   boost::asio::steady_timer m_watchdog;
   boost::asio::steady_timer m_pause;
+  Background m_background{1};  // Makes long answers.
   std::unique_ptr<TableWatch> m_watch;
   std::unique_ptr<MetricsListener> m_metricsListener;
   std::list<Worker> m_workers;

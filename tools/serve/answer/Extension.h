@@ -24,6 +24,10 @@ ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters)
 std::string withExtension(const std::string& address, std::string_view extension,
                           std::string_view delimiters);
 
+// The same for each address of `list`, which are joined by ",".
+std::string allWithExtension(std::string_view list, std::string_view extension,
+                             std::string_view delimiters);
+
 }  // namespace Tessel::Serve
 
 #endif

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <new>
 #include <optional>
 #include <utility>
 
@@ -11,6 +10,7 @@
 #include "base/Exception.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/MailUserLookup.h"
+#include "serve/answer/AliasAnswer.h"
 #include "serve/image/AddressKey.h"
 #include "tables/TableNames.h"
 
@@ -18,15 +18,13 @@ namespace Tessel::Serve {
 
 namespace {
 
-// Replies that are kept of each map, and up to which size. Longer ones are few, but cost more to
-// compose.
-constexpr std::size_t s_repliesGroups = 32768;
+// Bytes of a key that is kept: no address has more in any spelling.
+constexpr std::size_t s_longestKey = 512;
+// Bytes of a reply that is kept for each text that it is asked for with.
 constexpr std::size_t s_shortReply = 1024;
-constexpr std::size_t s_longRepliesGroups = 16;
-constexpr std::size_t s_longReply = 1U << 20U;
 
 // Longest time for which an answer is kept that may change while the tables do not.
-constexpr std::chrono::milliseconds s_longestVolatile{1000};
+constexpr std::chrono::milliseconds s_longestMoment{1000};
 
 bool s_hasTable(Map map) {
   return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;
@@ -46,104 +44,128 @@ std::string s_plainLocal(std::string_view text) {
   return EmailAddress::rfc5321Parse(text, false).local();
 }
 
+// Replies of one table come from: its aliases or private addresses, its public addresses, and the
+// expansions of its aliases, which have keys instead of texts.
+constexpr std::uint64_t s_sources = 3;
+
+std::uint64_t s_expansions(std::uint64_t table) {
+  return table * s_sources + 2;
+}
+
 }  // namespace
 
-struct Lookup::MapRoute {
-  Map map = Map::None;
-  TablePointer table;  // Null for maps without one.
-  ImagePointer image;
-  std::uint64_t generation = 0;
-  AnswerCache replies{s_repliesGroups, s_shortReply};
-  AnswerCache longReplies{s_longRepliesGroups, s_longReply};
+AnswerCache::Source Lookup::Route::source() const {
+  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0), generation};
+}
 
-  // The reply that is known for `key` at `now`; null when there is none.
-  [[nodiscard]] const AnswerCache::Entry* find(std::string_view key, Clock::time_point now) const {
-    const AnswerCache::Entry* const known = replies.find(key, now);
-    return known != nullptr ? known : longReplies.find(key, now);
-  }
-
-  void keep(AnswerCache::Entry entry) {
-    const bool isShort = entry.key().size() + entry.reply().size() <= s_shortReply;
-    (isShort ? replies : longReplies).keep(std::move(entry));
-  }
-
-  void forget() {
-    replies.clear();
-    longReplies.clear();
-  }
-};
-
-Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log)
-    : m_settings(settings), m_tables(tables), m_metrics(metrics), m_log(log) {}
+Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
+               std::optional<Helpers> helpers)
+    : m_settings(settings),
+      m_tables(tables),
+      m_metrics(metrics),
+      m_log(log),
+      m_helpers(std::move(helpers)),
+      m_cache(tables.answerMemory()) {}
 
 Lookup::~Lookup() = default;
 
-const std::string& Lookup::reply(std::string_view request) {
-  const Clock::time_point start = Clock::now();
-  const std::string& reply = replyAt(request, start);
-  m_metrics.answered(m_map, m_result, Clock::now() - start);
-  return reply;
+const std::string* Lookup::reply(std::string_view request) {
+  m_since = Clock::now();
+  if (!replyAt(request, m_since)) return nullptr;
+  m_metrics.answered(m_map, m_result, Clock::now() - m_since);
+  return &m_reply;
 }
 
-const std::string& Lookup::replyAt(std::string_view request, Clock::time_point now) {
-  const auto give = [this](const Answer& answer) -> const std::string& {
-    m_result = answer.result;
-    return m_reply = answer.reply();
+void Lookup::sweep(Clock::time_point now) {
+  // Routes keep images alive, and tables that are gone.
+  for (Routes& routes : m_routes) routes.clear();
+  m_cache.sweep(now);
+  m_tables.pages().sweep(now);
+}
+
+void Lookup::give(const Answer& answer) {
+  m_result = answer.result;
+  m_reply = answer.reply();
+}
+
+// False when the reply is not known yet.
+bool Lookup::replyAt(std::string_view request, Clock::time_point now) {
+  const auto refuse = [this](const Answer& answer) {
+    give(answer);
+    return true;
   };
   m_map = Map::None;
   const std::size_t blank = request.find(' ');
-  if (blank == std::string_view::npos) return give(Answer::perm("a request is MAP, blank, KEY"));
-  MapRoute* const route = routeOf(request.substr(0, blank));
+  if (blank == std::string_view::npos) return refuse(Answer::perm("a request is MAP, blank, KEY"));
+  Route* const route = routeOf(request.substr(0, blank));
   if (route == nullptr) {
-    if (m_map == Map::None) return give(Answer::perm("there is no such map"));
-    return give(Answer::temp("there is no such table"));
-  }
-  if (route->table != nullptr) {
-    const std::string why = refresh(*route, now);
-    if (!why.empty()) return give(Answer::temp(why));
+    if (m_map == Map::None) return refuse(Answer::perm("there is no such map"));
+    return refuse(Answer::temp("there is no such table"));
   }
   const std::string_view key = request.substr(blank + 1);
-  const AnswerCache::Entry* const known = route->find(key, now);
-  if (known != nullptr) {
-    m_metrics.cacheHit();
-    m_result = known->result();
-    m_reply.assign(known->reply());
-    return m_reply;
+  if (route->table != nullptr) {
+    const std::string why = refresh(*route, now);
+    if (!why.empty()) return refuse(Answer::temp(why));
+    if (const AnswerCache::Entry* const known = m_cache.find(route->source(), key, now)) {
+      m_metrics.cacheHit();
+      m_result = known->result();
+      m_reply.assign(known->reply());
+      return true;
+    }
   }
-  const Answer found = answer(*route, key, now);
-  give(found);
-  const bool isKept = route->table != nullptr && found.result != Result::Temp;
-  const Clock::time_point until = found.isVolatile
-                                      ? now + std::min(m_settings.refresh, s_longestVolatile)
-                                      : Clock::time_point::max();
-  if (isKept) route->keep({key, m_reply, m_result, until});
-  return m_reply;
+  const std::optional<Answer> found = answer(*route, key, now);
+  if (!found) return false;
+  give(*found);
+  keepReply(*route, key, found->validity, now);
+  return true;
 }
 
-Lookup::MapRoute* Lookup::routeOf(std::string_view name) {
-  const auto known = m_routes.find(name);
-  if (known != m_routes.end()) {
-    m_map = known->second->map;
-    return known->second.get();
-  }
+// Keeps what was given for the text `text`.
+void Lookup::keepReply(const Route& route, std::string_view text, Validity validity,
+                       Clock::time_point now) {
+  const bool isLasting = validity == Validity::Image;
+  if (route.table == nullptr || (!isLasting && validity != Validity::Moment)) return;
+  if (text.size() > s_longestKey || m_reply.size() > s_shortReply) return;
+  m_cache.keep(route.source(), text, m_reply, m_result,
+               isLasting ? Clock::time_point::max() : moment(now), now);
+}
+
+// Keeps the answer for the alias with `key`, to which extensions can be put.
+void Lookup::keepExpansion(const AnswerCache::Source& source, const std::string& key,
+                           const Answer& answer, Clock::time_point now) {
+  if (answer.validity == Validity::Once) return;
+  const bool isShort = answer.validity == Validity::Moment;
+  m_cache.keep(source, key, answer.data, answer.result,
+               isShort ? moment(now) : Clock::time_point::max(), now);
+}
+
+// The end of the time for which an answer is kept that may change while the table does not.
+Clock::time_point Lookup::moment(Clock::time_point now) const {
+  return now + std::min(m_settings.refresh, s_longestMoment);
+}
+
+Lookup::Route* Lookup::routeOf(std::string_view name) {
   // To Postfix, what is before a ':' belongs to the path of the socket; it asks for "alias.NAME".
   const std::size_t separator = name.find_first_of(":.");
   m_map = mapOf(name.substr(0, separator));
-  const bool hasTable = s_hasTable(m_map);
-  if (!hasTable && separator != std::string_view::npos) m_map = Map::None;
+  if (!s_hasTable(m_map) && separator != std::string_view::npos) m_map = Map::None;
   if (m_map == Map::None) return nullptr;
-  auto route = std::make_unique<MapRoute>();
-  route->map = m_map;
-  if (hasTable) {
-    const std::string table(separator == std::string_view::npos ? "" : name.substr(separator + 1));
+  const std::string_view table =
+      separator == std::string_view::npos ? std::string_view() : name.substr(separator + 1);
+  Routes& routes = m_routes[static_cast<std::size_t>(m_map)];
+  const auto known = routes.find(table);
+  if (known != routes.end()) return &known->second;
+  Route route;
+  route.map = m_map;
+  if (s_hasTable(m_map)) {
     const TableKind kind = m_map == Map::Alias ? TableKind::Alias : TableKind::Mask;
-    route->table = m_tables.find(Tool::sqlTableName(kind, table));
-    if (route->table == nullptr) return nullptr;
+    route.table = m_tables.find(Tool::sqlTableName(kind, std::string(table)));
+    if (route.table == nullptr) return nullptr;
   }
-  return m_routes.emplace(std::string(name), std::move(route)).first->second.get();
+  return &routes.emplace(table, std::move(route)).first->second;
 }
 
-std::string Lookup::refresh(MapRoute& route, Clock::time_point now) {
+std::string Lookup::refresh(Route& route, Clock::time_point now) {
   const std::optional<Clock::duration> age = route.table->age(now);
   if (!age) return "the table could not be read yet";
   if (isTooOld(*age, m_settings)) {
@@ -154,12 +176,12 @@ std::string Lookup::refresh(MapRoute& route, Clock::time_point now) {
   if (generation != route.generation) {
     route.image = route.table->image();
     route.generation = generation;
-    route.forget();
   }
   return "";
 }
 
-Answer Lookup::answer(MapRoute& route, std::string_view key, Clock::time_point now) {
+std::optional<Answer> Lookup::answer(const Route& route, std::string_view key,
+                                     Clock::time_point now) {
   try {
     switch (route.map) {
       case Map::Alias:
@@ -175,89 +197,99 @@ Answer Lookup::answer(MapRoute& route, std::string_view key, Clock::time_point n
         break;
     }
     return Answer::perm("there is no such map");
-  } catch (const std::bad_alloc&) {
-    return Answer::temp("out of memory");
-  } catch (const Exception& exception) {
-    m_log.debug(std::string("a request failed: ") + exception.what());
-    return Answer::temp("the configuration of domains and mail users cannot be read");
-  } catch (const std::exception& exception) {
-    m_log.debug(std::string("a request failed: ") + exception.what());
-    return Answer::temp("the request could not be answered");
+  } catch (const std::exception&) {
+    return failureAnswer(m_log);
   }
 }
 
-Answer Lookup::aliasAnswer(const MapRoute& route, std::string_view text, Clock::time_point now) {
+std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view text,
+                                          Clock::time_point now) {
   std::string key;
-  if (!addressKey(text, key)) return Answer::notFound();
-  if (Pages::isPage(key)) return page(route, key, "", now);
-  Answer answer = expansion(route, key, "", now);
-  if (answer.result != Result::NotFound) return answer;
+  if (!addressKey(text, key)) return Answer::noAddress();
+  if (Pages::isPage(key)) return page(route, key, now);
+  std::optional<Answer> answer = expansion(route, key, now);
+  if (!answer || answer->result != Result::NotFound) return answer;
   const ExtendedAddress cutAddress = cut(text);
   if (cutAddress.extension.empty() || !addressKey(cutAddress.base, key)) return answer;
-  const std::string_view extension = kept(cutAddress);
-  if (Pages::isPage(key)) return page(route, key, extension, now);
-  return expansion(route, key, extension, now);
+  answer = Pages::isPage(key) ? page(route, key, now) : expansion(route, key, now);
+  if (!answer) return answer;
+  return extended(std::move(*answer), kept(cutAddress));
 }
 
-Answer Lookup::expansion(const MapRoute& route, const std::string& key, std::string_view extension,
-                         Clock::time_point now) {
-  const Expansion found = route.image->alias().expand(key);
-  switch (found.kind) {
-    case Expansion::Kind::NoAlias:
-      return Answer::notFound();
-    case Expansion::Kind::Broken:
-      return Answer::temp("the row of this alias cannot be read");
-    case Expansion::Kind::NoUsers:
-      return Answer::temp("this alias means all users of a domain, which could not be read");
-    case Expansion::Kind::Nobody: {
-      Answer answer = Answer::perm("this alias reaches nobody");
-      answer.isVolatile = found.dependsOnUsers;
-      if (!found.dependsOnUsers) reportLoop(route, key);
-      return answer;
+std::optional<Answer> Lookup::expansion(const Route& route, const std::string& key,
+                                        Clock::time_point now) {
+  const Job job{route.table->number(), key};
+  if (const auto made = m_made.find(job); made != m_made.end()) {
+    m_since = made->second.since;
+    return made->second.answer;
+  }
+  const AnswerCache::Source source{s_expansions(job.table), route.generation};
+  const AnswerCache::Entry* const known = m_cache.find(source, key, now);
+  if (known != nullptr && m_tables.pages().isWhole(known->reply(), now)) {
+    m_metrics.cacheHit();
+    return Answer{known->result(), std::string(known->reply()), Validity::Moment};
+  }
+  const Effort effort = m_helpers ? Effort::Short : Effort::Any;
+  std::optional<Answer> answer =
+      Serve::aliasAnswer(m_tables, *route.table, *route.image, key, effort, now, m_log);
+  if (!answer) {
+    begin(route, key, now);
+  } else if (answer->data.size() > s_shortReply || answer->validity == Validity::Pages) {
+    keepExpansion(source, key, *answer, now);
+  }
+  return answer;
+}
+
+// Has the helpers expand the alias with `key`.
+void Lookup::begin(const Route& route, const std::string& key, Clock::time_point now) {
+  const Job job{route.table->number(), key};
+  if (!m_jobs.emplace(job, now).second) return;
+  m_helpers->threads.post([this, job, table = route.table, &tables = m_tables, &log = m_log,
+                           onOwnThread = m_helpers->onOwnThread] {
+    // The newest image: a job that waits must not keep an old one alive.
+    const std::uint64_t generation = table->generation();
+    const ImagePointer image = table->image();
+    Answer answer;
+    try {
+      answer = *Serve::aliasAnswer(tables, *table, *image, job.key, Effort::Any, Clock::now(), log);
+    } catch (const std::exception&) {
+      answer = failureAnswer(log);
     }
-    case Expansion::Kind::Found:
-      break;
-  }
-  std::vector<std::string> addresses;
-  for (const EmailAddress& address : found.addresses) addresses.push_back(address.address());
-  Pages& pages = route.table->pages();
-  const bool isDivided = !pages.fit(extended(addresses, extension));
-  if (isDivided) addresses = pages.divide(key, addresses, now);
-  Answer answer = Answer::ok(joined(pages, addresses, extension));
-  // What is kept must not outlive the pages that it names.
-  answer.isVolatile = found.dependsOnUsers || isDivided;
-  return answer;
-}
-
-Answer Lookup::page(const MapRoute& route, const std::string& key, std::string_view extension,
-                    Clock::time_point now) {
-  Pages& pages = route.table->pages();
-  Answer answer;
-  if (const auto addresses = pages.find(key, now)) {
-    answer = Answer::ok(joined(pages, *addresses, extension));
-  } else if (!isPageOfAnyTable(key, now)) {
-    // Not "not found": the mail would be rejected for good. It is tried again, with the alias.
-    return Answer::temp("this part of a list is gone; ask for the list again");
-  }
-  answer.isVolatile = true;
-  return answer;
-}
-
-// A mail server that asks several maps asks each map for the pages of all of them.
-bool Lookup::isPageOfAnyTable(std::string_view key, Clock::time_point now) const {
-  const std::vector<TablePointer> tables = m_tables.all();
-  return std::any_of(tables.begin(), tables.end(), [&](const TablePointer& table) {
-    return table->pages().find(key, now).has_value();
+    onOwnThread([this, job, generation, answer] { made(job, generation, answer); });
   });
 }
 
-Answer Lookup::maskAnswer(const MapRoute& route, std::string_view text) const {
+// The helpers have made the answer of `job` from the image with the number `generation`.
+void Lookup::made(const Job& job, std::uint64_t generation, const Answer& answer) {
+  const Clock::time_point since = m_jobs.at(job);
+  m_jobs.erase(job);
+  keepExpansion({s_expansions(job.table), generation}, job.key, answer, Clock::now());
+  m_made.emplace(job, Made{answer, since});
+  m_helpers->isKnown();
+  m_made.clear();
+}
+
+Answer Lookup::page(const Route& route, const std::string& key, Clock::time_point now) {
+  Answer answer;
+  if (auto found = m_tables.pages().find(key, now)) {
+    // A mail server that asks several maps asks each map for the pages of all of them.
+    const bool isOwn = found->table == route.table->number();
+    answer = isOwn ? Answer::ok(std::move(found->addresses)) : Answer::notFound();
+  } else {
+    // Not "not found": the mail would be rejected for good. It is tried again, with the alias.
+    answer = Answer::temp("this part of a list is gone; ask for the list again");
+  }
+  answer.validity = Validity::Once;
+  return answer;
+}
+
+Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   const MaskImage& image = route.image->mask();
   const auto direction = route.map == Map::MaskPublic ? MaskImage::Direction::ToPublic
                                                       : MaskImage::Direction::ToPrivate;
   const char* const broken = "the row of this address cannot be read";
   std::string key;
-  if (!addressKey(text, key)) return Answer::notFound();
+  if (!addressKey(text, key)) return Answer::noAddress();
   if (auto found = image.find(direction, key)) return Answer::ok(std::move(*found));
   if (image.isBroken(direction, key)) return Answer::temp(broken);
   // Before the wildcard rows: an address with a mask of its own must not be shown without it.
@@ -285,7 +317,7 @@ Answer Lookup::maskAnswer(const MapRoute& route, std::string_view text) const {
 
 Answer Lookup::mailboxAnswer(std::string_view text) const {
   std::string key;
-  if (!addressKey(text, key)) return Answer::notFound();
+  if (!addressKey(text, key)) return Answer::noAddress();
   const auto isMailbox = [](std::string_view address) {
     const CMF::MailUserAnswer user =
         CMF::findMailUser(std::string(s_domain(address)), std::string(s_local(address)));
@@ -297,25 +329,12 @@ Answer Lookup::mailboxAnswer(std::string_view text) const {
   return isMailbox(address.base) || isMailbox(key) ? Answer::ok(key) : Answer::notFound();
 }
 
-Answer Lookup::domainAnswer(std::string_view text) const {
+Answer Lookup::domainAnswer(std::string_view text) {
   std::string key;
   if (!domainKey(text, key)) return Answer::notFound();
   const CMF::RefApsGwServerCache domains = CMF::RefApsGwServerCache::instance(false);
   const bool isServed = !domains->find(std::string(text)).isNull() || !domains->find(key).isNull();
   return isServed ? Answer::ok(key) : Answer::notFound();
-}
-
-void Lookup::reportLoop(const MapRoute& route, const std::string& key) {
-  const std::vector<std::string> loop = route.image->alias().loop(key);
-  if (loop.empty()) return;
-  m_log.warning(
-      "table " + route.table->sqlName() +
-      ": mail for an alias was rejected because it leads into an alias loop and reaches nobody; "
-      "'tsl-address-map check' names it");
-  if (!m_log.isDebug()) return;
-  std::string text;
-  for (const std::string& address : loop) text += (text.empty() ? "" : " -> ") + address;
-  m_log.debug("alias loop: " + text);
 }
 
 ExtendedAddress Lookup::cut(std::string_view text) const {
@@ -328,25 +347,11 @@ std::string_view Lookup::kept(const ExtendedAddress& address) const {
   return {};
 }
 
-std::vector<std::string> Lookup::extended(std::vector<std::string> addresses,
-                                          std::string_view extension) const {
-  if (extension.empty()) return addresses;
-  for (std::string& address : addresses) {
-    address = withExtension(address, extension, m_settings.delimiter);
-  }
-  return addresses;
-}
-
-std::string Lookup::joined(const Pages& pages, const std::vector<std::string>& addresses,
-                           std::string_view extension) const {
-  std::vector<std::string> given = extended(addresses, extension);
-  if (!pages.fit(given)) given = addresses;
-  std::string text;
-  for (const std::string& address : given) {
-    if (!text.empty()) text += ',';
-    text += address;
-  }
-  return text;
+Answer Lookup::extended(Answer answer, std::string_view extension) const {
+  if (answer.result != Result::Ok || extension.empty()) return answer;
+  std::string all = allWithExtension(answer.data, extension, m_settings.delimiter);
+  if (all.size() <= m_tables.pages().maxSize()) answer.data = std::move(all);
+  return answer;
 }
 
 }  // namespace Tessel::Serve

@@ -2,15 +2,19 @@
 #ifndef TSL_TOOLS_SERVE_ANSWER_LOOKUP_H
 #define TSL_TOOLS_SERVE_ANSWER_LOOKUP_H
 
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <functional>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "serve/answer/AnswerCache.h"
 #include "serve/answer/Extension.h"
 #include "serve/base/Answer.h"
+#include "serve/base/Background.h"
 #include "serve/base/Log.h"
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
@@ -21,55 +25,97 @@ namespace Tessel::Serve {
 // One thread; each has its own.
 class Lookup {
  public:
-  // All references must outlive the object.
-  Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log);
+  // Has answers that take long made by others meanwhile.
+  struct Helpers {
+    Background& threads;
+    // Runs a task on the thread of the lookup, from any thread, if there is still one.
+    std::function<void(std::function<void()>)> onOwnThread;
+    // Called on the thread of the lookup when a reply that was not known is known now.
+    std::function<void()> isKnown;
+  };
+
+  // All references must outlive the object. Without `helpers` every reply is made at once.
+  Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
+         std::optional<Helpers> helpers = std::nullopt);
   ~Lookup();
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
   // The reply to `request`, "MAP KEY": any bytes, which come from outside. Counts it. The reply
-  // reports failures; throws nothing but std::bad_alloc. Valid until the next call.
-  const std::string& reply(std::string_view request);
+  // reports failures; throws nothing but std::bad_alloc. Valid until the next call. Null when it
+  // takes longer: then it is to be asked for again when the helpers say so.
+  const std::string* reply(std::string_view request);
+
+  // Gives back what was not used lately. To be called once a second.
+  void sweep(Clock::time_point now);
 
  private:
-  // What is known about one map name of the requests.
-  struct MapRoute;
+  // One table in one direction, or a map without a table.
+  struct Route {
+    Map map = Map::None;
+    TablePointer table;
+    ImagePointer image;
+    std::uint64_t generation = 0;
 
-  const std::string& replyAt(std::string_view request, Clock::time_point now);
-  MapRoute* routeOf(std::string_view name);
+    // What its replies come from; with a table.
+    [[nodiscard]] AnswerCache::Source source() const;
+  };
+  using Routes = std::map<std::string, Route, std::less<>>;
+
+  // An answer that takes long.
+  struct Job {
+    std::uint64_t table;
+    std::string key;
+    auto operator<=>(const Job&) const = default;
+  };
+  struct Made {
+    Answer answer;
+    Clock::time_point since;  // When it was first asked for.
+  };
+
+  bool replyAt(std::string_view request, Clock::time_point now);
+  void give(const Answer& answer);
+  Route* routeOf(std::string_view name);
   // Why the table of `route` cannot answer; empty when it can. Brings its image up to date.
-  std::string refresh(MapRoute& route, Clock::time_point now);
-  Answer answer(MapRoute& route, std::string_view key, Clock::time_point now);
-  Answer aliasAnswer(const MapRoute& route, std::string_view text, Clock::time_point now);
-  Answer expansion(const MapRoute& route, const std::string& key, std::string_view extension,
-                   Clock::time_point now);
-  Answer page(const MapRoute& route, const std::string& key, std::string_view extension,
-              Clock::time_point now);
-  [[nodiscard]] bool isPageOfAnyTable(std::string_view key, Clock::time_point now) const;
-  Answer maskAnswer(const MapRoute& route, std::string_view text) const;
+  std::string refresh(Route& route, Clock::time_point now);
+  // Nothing when the answer takes longer.
+  std::optional<Answer> answer(const Route& route, std::string_view key, Clock::time_point now);
+  std::optional<Answer> aliasAnswer(const Route& route, std::string_view text,
+                                    Clock::time_point now);
+  std::optional<Answer> expansion(const Route& route, const std::string& key,
+                                  Clock::time_point now);
+  void begin(const Route& route, const std::string& key, Clock::time_point now);
+  void made(const Job& job, std::uint64_t generation, const Answer& answer);
+  void keepReply(const Route& route, std::string_view text, Validity validity,
+                 Clock::time_point now);
+  void keepExpansion(const AnswerCache::Source& source, const std::string& key,
+                     const Answer& answer, Clock::time_point now);
+  [[nodiscard]] Clock::time_point moment(Clock::time_point now) const;
+  Answer page(const Route& route, const std::string& key, Clock::time_point now);
+  [[nodiscard]] Answer maskAnswer(const Route& route, std::string_view text) const;
   [[nodiscard]] Answer mailboxAnswer(std::string_view text) const;
-  [[nodiscard]] Answer domainAnswer(std::string_view text) const;
-  void reportLoop(const MapRoute& route, const std::string& key);
-  // `text` without its extension, when the settings ask for that; otherwise unchanged.
+  [[nodiscard]] static Answer domainAnswer(std::string_view text);
+  // Cuts `text` at its extension, if the settings want that.
   [[nodiscard]] ExtendedAddress cut(std::string_view text) const;
   // The extension that the addresses of an answer get.
   [[nodiscard]] std::string_view kept(const ExtendedAddress& address) const;
-  // `addresses`, each with `extension`.
-  [[nodiscard]] std::vector<std::string> extended(std::vector<std::string> addresses,
-                                                  std::string_view extension) const;
-  // The text of an answer: `addresses`, which fit into one, with `extension` unless it would become
-  // too long for that.
-  [[nodiscard]] std::string joined(const Pages& pages, const std::vector<std::string>& addresses,
-                                   std::string_view extension) const;
+  // `answer` with `extension` in its addresses, unless it would become too long for that.
+  [[nodiscard]] Answer extended(Answer answer, std::string_view extension) const;
 
   const Settings& m_settings;
   Tables& m_tables;
   Metrics& m_metrics;
   Log& m_log;
-  std::map<std::string, std::unique_ptr<MapRoute>, std::less<>> m_routes;
+  const std::optional<Helpers> m_helpers;
+  std::array<Routes, s_maps> m_routes;  // By map and store name; a second old at most.
+  AnswerCache m_cache;
+  std::map<Job, Clock::time_point> m_jobs;  // Those that the helpers do, and since when.
+  std::map<Job, Made> m_made;               // What they have just done.
+  // Of the request that is being answered.
   std::string m_reply;
-  Map m_map = Map::None;  // Of the request that is being answered.
+  Map m_map = Map::None;
   Result m_result = Result::Perm;
+  Clock::time_point m_since;
 };
 
 }  // namespace Tessel::Serve

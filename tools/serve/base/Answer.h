@@ -13,18 +13,27 @@ namespace Tessel::Serve {
 enum class Result : std::size_t { Ok, NotFound, Temp, Perm };
 inline constexpr std::size_t s_results = 4;
 
+// How long an answer may be given again.
+enum class Validity {
+  Once,    // Not at all.
+  Moment,  // For a moment: it may change while the table stays as it is.
+  Pages,   // As long as the pages are there that it names.
+  Image,   // As long as the image that it was made from is the newest.
+};
+
 // A value.
 struct Answer {
   Result result = Result::NotFound;
   // The addresses of `Ok`, never empty; the reason of `Temp` and `Perm`, without any address.
   std::string data;
-  // True when it is valid for a moment only, even while the tables do not change.
-  bool isVolatile = false;
+  Validity validity = Validity::Image;
 
-  static Answer ok(std::string data) { return {Result::Ok, std::move(data), false}; }
+  static Answer ok(std::string data) { return {Result::Ok, std::move(data), Validity::Image}; }
   static Answer notFound() { return {}; }
-  static Answer temp(std::string why) { return {Result::Temp, std::move(why), true}; }
-  static Answer perm(std::string why) { return {Result::Perm, std::move(why), false}; }
+  // To a key that is no address: nobody asks for it again but who means harm.
+  static Answer noAddress() { return {Result::NotFound, {}, Validity::Once}; }
+  static Answer temp(std::string why) { return {Result::Temp, std::move(why), Validity::Once}; }
+  static Answer perm(std::string why) { return {Result::Perm, std::move(why), Validity::Image}; }
 
   // What goes to the mail server. A blank follows the word even when nothing follows the blank: the
   // protocol requires it.

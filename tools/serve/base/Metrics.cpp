@@ -28,6 +28,7 @@ struct Metrics::Families {
   prometheus::Family<prometheus::Gauge>& rows;
   prometheus::Family<prometheus::Gauge>& leftOut;
   prometheus::Family<prometheus::Gauge>& age;
+  prometheus::Family<prometheus::Gauge>& memory;
 };
 
 Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
@@ -74,6 +75,8 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                            "Connections ended because what they sent was no request");
   m_timeouts = &s_counter(registry, "tsl_address_map_timeouts_total",
                           "Connections ended because nothing came or went in time");
+  m_madeRoom = &s_counter(registry, "tsl_address_map_connections_dropped_total",
+                          "Connections ended because there was no room for a new one");
   BuildGauge()
       .Name("tsl_address_map_build_info")
       .Help("The version, as a label")
@@ -92,6 +95,10 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                BuildGauge()
                    .Name("tsl_address_map_data_age_seconds")
                    .Help("Time since the data was last known to be that of the table")
+                   .Register(registry),
+               BuildGauge()
+                   .Name("tsl_address_map_memory_bytes")
+                   .Help("Memory of answers and pages that are kept")
                    .Register(registry)});
 }
 
@@ -139,12 +146,20 @@ void Metrics::timedOut() {
   m_timeouts->Increment();
 }
 
+void Metrics::madeRoom() {
+  m_madeRoom->Increment();
+}
+
 void Metrics::tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
                          Clock::duration age) {
   const prometheus::Labels labels{{"table", sqlName}};
   m_families->rows.Add(labels).Set(static_cast<double>(rows));
   m_families->leftOut.Add(labels).Set(static_cast<double>(leftOut));
   m_families->age.Add(labels).Set(s_seconds(age));
+}
+
+void Metrics::memoryState(const char* use, std::size_t bytes) {
+  m_families->memory.Add({{"use", use}}).Set(static_cast<double>(bytes));
 }
 
 std::string Metrics::text() const {

@@ -45,10 +45,15 @@ class Metrics {
   // A connection was closed because of what it sent, or did not send or read in time.
   void malformedRequest();
   void timedOut();
+  // There were as many connections as may be, so one was closed for a new one.
+  void madeRoom();
 
   // The state of a table: its rows, those that are left out, and how old the image is.
   void tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
                   Clock::duration age);
+
+  // How many bytes are in use for `use`.
+  void memoryState(const char* use, std::size_t bytes);
 
   // All of it in the text format of Prometheus.
   [[nodiscard]] std::string text() const;
@@ -69,6 +74,7 @@ class Metrics {
   prometheus::Counter* m_accepted;
   prometheus::Counter* m_malformed;
   prometheus::Counter* m_timeouts;
+  prometheus::Counter* m_madeRoom;
 };
 
 }  // namespace Tessel::Serve

@@ -34,6 +34,7 @@ struct Settings {
   std::size_t maxReply = 100000;
   std::size_t page = 500;
   std::size_t maxRequest = 65536;
+  std::size_t maxMemory = 256U << 20U;  // Bytes for answers and pages.
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
   unsigned int workers = 1;

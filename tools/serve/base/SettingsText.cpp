@@ -78,6 +78,21 @@ std::uint64_t parseNumber(const std::string& option, const std::string& text, st
            "give a number from " + std::to_string(least) + " to " + std::to_string(most));
 }
 
+std::size_t parseSize(const std::string& option, const std::string& text, std::size_t least) {
+  static constexpr std::string_view s_sizeUnits = "KMGT";
+  static constexpr std::uint64_t s_largest = 1ULL << 50U;
+  std::uint64_t number = 0;
+  std::string_view rest = text;
+  if (s_takeNumber(rest, number) && number <= s_largest && rest.size() <= 1) {
+    const std::size_t unit = rest.empty() ? 0 : s_sizeUnits.find(rest) + 1;
+    const bool isUnit = rest.empty() || unit != 0;
+    if (isUnit && number <= s_largest >> (10 * unit) && number << (10 * unit) >= least) {
+      return number << (10 * unit);
+    }
+  }
+  s_refuse(option, text, "give a size as 512M or 2G, and at least " + std::to_string(least));
+}
+
 ExtensionRule parseExtensionRule(const std::string& option, const std::string& text) {
   for (const ExtensionRule rule : {ExtensionRule::Keep, ExtensionRule::Drop, ExtensionRule::Off}) {
     if (text == extensionRuleText(rule)) return rule;

@@ -3,6 +3,7 @@
 #define TSL_TOOLS_SERVE_BASE_SETTINGSTEXT_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -23,6 +24,8 @@ std::string timeText(std::chrono::milliseconds time);
 std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
                           std::uint64_t most);
 ExtensionRule parseExtensionRule(const std::string& option, const std::string& text);
+// A size: a number of bytes, or with its unit, "512M" or "2G" (powers of 1024); `least` at least.
+std::size_t parseSize(const std::string& option, const std::string& text, std::size_t least);
 std::string extensionRuleText(ExtensionRule rule);
 LogLevel parseLogLevel(const std::string& option, const std::string& text);
 

@@ -18,16 +18,30 @@ namespace Tessel::Serve {
 
 using Tool::AddressIndex;
 
+namespace {
+
+// Bytes of members that are read for a short effort.
+constexpr std::size_t s_shortEffort = 32768;
+
+// Thrown when an expansion takes too long.
+struct TooMuch {};
+
+}  // namespace
+
 // The rows as the library's expander asks for them. It holds the one that was asked for last: the
 // image has them all, and answers are kept elsewhere. One thread.
 class AliasImage::LastRow : public LRUCache<EmailAddress, std::set<EmailAddress>> {
  public:
-  // `image` must outlive the object.
-  explicit LastRow(const AliasImage& image) : LRUCache(1), m_image(image) {}
+  // `image` must outlive the object. `find` throws TooMuch instead of reading more bytes of members
+  // than `most`.
+  LastRow(const AliasImage& image, std::size_t most) : LRUCache(1), m_image(image), m_left(most) {}
 
   iterator find(const EmailAddress& address) const override {
     const RowStore::Id row = m_image.rowOf(address);
     if (row == AddressIndex::s_none) return end();
+    const std::size_t size = m_image.m_rows.second(row).size();
+    if (size > m_left) throw TooMuch();
+    m_left -= size;
     // Reading a row fills the cache: that is what a cache is for, hence the cast.
     const_cast<LastRow*>(this)->add(address, m_image.members(row));
     return LRUCache::find(address);
@@ -35,6 +49,7 @@ class AliasImage::LastRow : public LRUCache<EmailAddress, std::set<EmailAddress>
 
  private:
   const AliasImage& m_image;
+  mutable std::size_t m_left;
 };
 
 // Takes the rows of a table in.
@@ -73,7 +88,7 @@ AliasImage::AliasImage(const RowSource& source) {
   m_rows.shrink();
 }
 
-Expansion AliasImage::expand(std::string_view key) const {
+Expansion AliasImage::expand(std::string_view key, Effort effort) const {
   Expansion expansion;
   const RowStore::Id row = m_keys.find(key);
   if (row == AddressIndex::s_none) {
@@ -82,13 +97,24 @@ Expansion AliasImage::expand(std::string_view key) const {
   }
   const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
   std::set<EmailAddress> reached;
-  LastRow rows(*this);
-  AdapterExpanderNoQuery(rows, reached).expand(alias);
+  const bool isShort = effort == Effort::Short;
+  LastRow rows(*this, isShort ? s_shortEffort : std::string_view::npos);
+  try {
+    AdapterExpanderNoQuery(rows, reached).expand(alias);
+  } catch (const TooMuch&) {
+    expansion.kind = Expansion::Kind::Unknown;
+    return expansion;
+  }
   if (reachesBroken(reached)) {
     expansion.kind = Expansion::Kind::Broken;
     return expansion;
   }
   expansion.dependsOnUsers = reached.size() == 1 && Tool::isMarker(reached.begin()->address());
+  // A domain may have any number of users.
+  if (expansion.dependsOnUsers && isShort) {
+    expansion.kind = Expansion::Kind::Unknown;
+    return expansion;
+  }
   expansion.addresses = AddressAliasDbMySQL::withAllUsers(alias, reached);
   for (const EmailAddress& address : expansion.addresses) {
     // A marker that is left is not a mailbox: mail to it would reach whoever has that name.

@@ -22,12 +22,19 @@ struct Expansion {
     Nobody,   // An alias that reaches nobody.
     Broken,   // An alias whose row, or that of an alias it leads to, cannot be read.
     NoUsers,  // An alias for all users of a domain whose users are unknown.
+    Unknown,  // It takes longer than there was time for.
   };
 
   Kind kind = Kind::NoAlias;
   std::set<EmailAddress> addresses;
   // True when it also depends on the mail users of the configuration, which change independently.
   bool dependsOnUsers = false;
+};
+
+// How much time there is for an expansion.
+enum class Effort {
+  Short,  // A fraction of a millisecond, which is enough for a thousand addresses.
+  Any,
 };
 
 // The rows never change. Their texts lie in one block and are parsed when they are asked for; the
@@ -41,7 +48,7 @@ class AliasImage {
   AliasImage& operator=(const AliasImage&) = delete;
 
   // What the address with `key` expands to; `key` is as addressKey() gives it.
-  [[nodiscard]] Expansion expand(std::string_view key) const;
+  [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any) const;
 
   // An alias loop that the alias with `key` leads into, its first address also at the end; empty
   // when there is none.

@@ -25,6 +25,11 @@ std::size_t s_reserve(const Settings& settings) {
   return settings.extension == ExtensionRule::Keep ? s_usualExtension : 0;
 }
 
+std::uint64_t s_nextNumber() {
+  static std::atomic<std::uint64_t> s_last = 0;
+  return ++s_last;
+}
+
 }  // namespace
 
 TableImage::TableImage(TableKind kind, const RowSource& source) {
@@ -35,11 +40,10 @@ TableImage::TableImage(TableKind kind, const RowSource& source) {
   }
 }
 
-Table::Table(TableKind kind, const std::string& name, const Settings& settings)
+Table::Table(TableKind kind, const std::string& name)
     : m_kind(kind),
       m_sqlName(Tool::sqlTableName(kind, name)),
-      m_pages(settings.page, settings.maxReply - std::string_view("OK ").size(),
-              s_reserve(settings)),
+      m_number(s_nextNumber()),
       m_confirmed(s_never) {}
 
 ImagePointer Table::image() const {
@@ -64,6 +68,14 @@ bool isTooOld(Clock::duration age, const Settings& settings) {
   return settings.stale && age > std::max<Clock::duration>(*settings.stale, s_outage);
 }
 
+Tables::Tables(const Settings& settings)
+    : m_settings(settings),
+      m_answerMemory(settings.maxMemory / 2),
+      m_pageMemory(settings.maxMemory / 2),
+      m_pages(
+          {settings.page, settings.maxReply - std::string_view("OK ").size(), s_reserve(settings)},
+          m_pageMemory) {}
+
 TablePointer Tables::find(std::string_view sqlName) const {
   return m_tables.with([sqlName](const auto& tables) {
     const auto found = tables.find(sqlName);
@@ -80,7 +92,7 @@ TablePointer Tables::add(const std::string& sqlName) {
   if (!isWanted) return nullptr;
   return m_tables.with([&](auto& tables) {
     TablePointer& known = tables[sqlName];
-    if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name, m_settings);
+    if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name);
     return known;
   });
 }
@@ -101,6 +113,8 @@ std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_poin
     if (image == nullptr || !age) continue;
     metrics.tableState(table->sqlName(), image->rows().size(), image->brokenRows().count(), *age);
   }
+  metrics.memoryState("answers", tables.answerMemory().used());
+  metrics.memoryState("pages", tables.pageMemory().used());
   return metrics.text();
 }
 

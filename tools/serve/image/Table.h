@@ -1,4 +1,5 @@
-// A table that is served: its newest image, how old that is, and the pages of its long answers.
+// The tables that are served: their newest images, how old these are, and the pages of long
+// answers.
 #ifndef TSL_TOOLS_SERVE_IMAGE_TABLE_H
 #define TSL_TOOLS_SERVE_IMAGE_TABLE_H
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "base/Guarded.h"
+#include "serve/base/MemoryBudget.h"
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
 #include "serve/image/AliasImage.h"
@@ -51,11 +53,12 @@ using ImagePointer = std::shared_ptr<const TableImage>;
 class Table {
  public:
   // The table of the store name `name`; empty for the base table.
-  Table(TableKind kind, const std::string& name, const Settings& settings);
+  Table(TableKind kind, const std::string& name);
 
   [[nodiscard]] TableKind kind() const noexcept { return m_kind; }
   [[nodiscard]] const std::string& sqlName() const noexcept { return m_sqlName; }
-  [[nodiscard]] Pages& pages() noexcept { return m_pages; }
+  // Tells this object from all others that there ever were.
+  [[nodiscard]] std::uint64_t number() const noexcept { return m_number; }
 
   // The newest image; null when there was none yet.
   [[nodiscard]] ImagePointer image() const;
@@ -72,7 +75,7 @@ class Table {
  private:
   const TableKind m_kind;
   const std::string m_sqlName;
-  Pages m_pages;
+  const std::uint64_t m_number;
   Guarded<ImagePointer> m_image;
   std::atomic<std::uint64_t> m_generation = 0;
   std::atomic<Clock::rep> m_confirmed;
@@ -91,7 +94,7 @@ using TablePointer = std::shared_ptr<Table>;
 class Tables {
  public:
   // Asks for `settings`, which must outlive the object.
-  explicit Tables(const Settings& settings) : m_settings(settings) {}
+  explicit Tables(const Settings& settings);
 
   // The table of the SQL name; null when it is not served.
   [[nodiscard]] TablePointer find(std::string_view sqlName) const;
@@ -101,8 +104,19 @@ class Tables {
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
 
+  // The pages of all tables.
+  [[nodiscard]] Pages& pages() noexcept { return m_pages; }
+  // What the answers that are kept may take, in all threads.
+  [[nodiscard]] MemoryBudget& answerMemory() noexcept { return m_answerMemory; }
+  [[nodiscard]] const MemoryBudget& answerMemory() const noexcept { return m_answerMemory; }
+  [[nodiscard]] const MemoryBudget& pageMemory() const noexcept { return m_pageMemory; }
+
  private:
   const Settings& m_settings;
+  // Half of the memory for each: many answers must not leave a long list without pages.
+  MemoryBudget m_answerMemory;
+  MemoryBudget m_pageMemory;
+  Pages m_pages;
   Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
 };
 

@@ -18,10 +18,15 @@ namespace Tessel::Serve {
 namespace {
 
 constexpr std::size_t s_readSize = 65536;
-// Room for replies that is kept between requests.
-constexpr std::size_t s_smallOutput = 64;
 // Bytes of replies that are composed before the mail server must read them.
 constexpr std::size_t s_muchToSend = 262144;
+// Room for replies that is kept between requests.
+constexpr std::size_t s_smallOutput = 64;
+// Requests of one connection that are answered before others have their turn, and for how long.
+constexpr int s_requestsAtOnce = 16;
+constexpr std::chrono::microseconds s_timeAtOnce{200};
+// How long a mail server has to read why the connection ends.
+constexpr std::chrono::milliseconds s_lingering{2000};
 
 // True when the last call failed only because it would have had to wait.
 bool s_mustWait() {
@@ -44,22 +49,48 @@ Peer::~Peer() {
 
 void Peer::start() {
   epoll_event event{};
-  event.events = EPOLLIN;
+  event.events = m_events = EPOLLIN;
   event.data.ptr = this;
   const bool isSet = fcntl(m_descriptor, F_SETFL, O_NONBLOCK) == 0 &&
                      epoll_ctl(m_shared.events, EPOLL_CTL_ADD, m_descriptor, &event) == 0;
   if (!isSet) return close();
-  setDeadline();
+  m_lastUse = m_shared.now;
+  setDeadline(true);
 }
 
-void Peer::proceed() {
+void Peer::proceed(std::uint32_t events) {
   if (!isOpen()) return;
-  if (m_isWaitingForRoom) {
-    send();
-  } else {
+  // Nobody reads replies any more.
+  if ((events & (EPOLLERR | EPOLLHUP)) != 0) return close();
+  // Taken before this one had to wait for something else.
+  if ((events & m_events) == 0) return;
+  if (m_isLingering) return dropInput();
+  if (m_output.empty()) {
     receive();
+  } else {
+    const std::string replies = std::exchange(m_output, {});
+    send(replies);
+    if (m_output.empty()) m_hadProgress = true;
   }
-  if (m_isDraining) finish();
+  settle();
+}
+
+void Peer::goOn() {
+  m_isQueued = false;
+  if (!isOpen() || !m_output.empty()) return;
+  const std::string all = std::exchange(m_input, {});
+  answerAll(all);
+  settle();
+}
+
+void Peer::resume() {
+  if (!isOpen() || !m_isWaiting) return;
+  m_isWaiting = false;
+  goOn();
+}
+
+bool Peer::isIdle() const {
+  return isOpen() && m_output.empty() && !m_isWaiting && !m_isQueued;
 }
 
 void Peer::endIfLate(Clock::time_point now) {
@@ -68,22 +99,15 @@ void Peer::endIfLate(Clock::time_point now) {
   close();
 }
 
+// A mail server that keeps asking must not delay the exit: what arrives from now on is not waited
+// for, but for the rest of a request.
 void Peer::drain() {
-  m_isDraining = true;
-  finish();
-}
-
-// Answers what has arrived by now. Waits for the rest of a request, but for nothing else: a mail
-// server that keeps asking must not delay the exit.
-void Peer::finish() {
   int waiting = 0;
-  if (!isOpen() || ioctl(m_descriptor, FIONREAD, &waiting) != 0) return close();
-  auto arrived = static_cast<std::size_t>(waiting);
-  while (isOpen() && m_output.empty() && arrived > 0) {
-    const std::size_t size = receive();
-    arrived = size == 0 ? 0 : arrived - std::min(arrived, size);
-  }
-  if (isOpen() && m_output.empty() && m_input.empty()) close();
+  if (!isOpen()) return;
+  if (ioctl(m_descriptor, FIONREAD, &waiting) != 0) return close();
+  m_isDraining = true;
+  m_arrived = static_cast<std::size_t>(waiting);
+  settle();
 }
 
 void Peer::close() {
@@ -93,55 +117,56 @@ void Peer::close() {
   std::exchange(m_closed, {})();
 }
 
-// Reads what is there and answers the requests in it. The number of bytes that were there.
-std::size_t Peer::receive() {
+// Reads what is there and answers requests in it.
+void Peer::receive() {
   m_shared.input.resize(s_readSize);
   const ssize_t received = recv(m_descriptor, m_shared.input.data(), m_shared.input.size(), 0);
-  if (received < 0 && s_mustWait()) return 0;
-  if (received <= 0) {
-    close();
-    return 0;
-  }
+  if (received < 0 && s_mustWait()) return;
+  if (received <= 0) return close();
   const auto size = static_cast<std::size_t>(received);
-  take({m_shared.input.data(), size});
-  return size;
+  m_arrived -= std::min(m_arrived, size);
+  const std::string_view bytes(m_shared.input.data(), size);
+  if (m_input.empty()) return answerAll(bytes);
+  m_input.append(bytes);
+  const std::string all = std::exchange(m_input, {});
+  answerAll(all);
 }
 
-// Answers the requests of what was read.
-void Peer::take(std::string_view received) {
-  if (m_input.empty()) {
-    answerAll(received);
-  } else {
-    m_input.append(received);
-    const std::string all = std::exchange(m_input, {});
-    answerAll(all);
-  }
-  send();
+// Reads what nobody wants any more: if something is left to read when a connection is closed, the
+// mail server may lose the last reply.
+void Peer::dropInput() {
+  m_shared.input.resize(s_readSize);
+  const ssize_t received = recv(m_descriptor, m_shared.input.data(), m_shared.input.size(), 0);
+  if (received == 0 || (received < 0 && !s_mustWait())) close();
 }
 
-// Answers the whole requests of `received`, as far as there is room for replies, and keeps the
-// rest.
+// Answers whole requests of `received`, as far as there is time and room for replies, and keeps the
+// rest. Requires: nothing is to be sent.
 void Peer::answerAll(std::string_view received) {
   m_shared.output.clear();
+  m_left = s_requestsAtOnce;
+  m_shared.now = Clock::now();
   const std::size_t used = m_isLineProtocol ? answerLines(received) : answerFrames(received);
-  if (used != 0) m_hadInput = false;
-  m_hasMore = hasMuchToSend();
   m_input.assign(m_isEnding ? std::string_view() : received.substr(used));
-  sendAtOnce();
+  if (used != 0) m_hadProgress = m_wasUsed = true;
+  if (used != 0) m_lastUse = m_shared.now;
+  send(m_shared.output);
 }
 
 std::size_t Peer::answerFrames(std::string_view received) {
   std::size_t used = 0;
-  while (!m_isEnding && !hasMuchToSend()) {
+  while (mayAnswer()) {
     const NetstringFrame frame =
         parseNetstring(received.substr(used), m_shared.settings.maxRequest);
-    if (frame.state == NetstringFrame::State::NeedMore) break;
+    if (frame.state == NetstringFrame::State::NeedMore) {
+      m_hasMore = false;
+      break;
+    }
     if (frame.state == NetstringFrame::State::TooLong) {
       refuse("the request is too long");
     } else if (frame.state == NetstringFrame::State::Malformed) {
       refuse("this is not a netstring");
-    } else {
-      answerOne(frame.payload);
+    } else if (answerOne(frame.payload)) {
       used += frame.consumed;
     }
   }
@@ -150,25 +175,41 @@ std::size_t Peer::answerFrames(std::string_view received) {
 
 std::size_t Peer::answerLines(std::string_view received) {
   std::size_t used = 0;
-  while (!m_isEnding && !hasMuchToSend()) {
+  while (mayAnswer()) {
     const std::size_t end = received.find('\n', used);
     const std::size_t size = (end == std::string_view::npos ? received.size() : end) - used;
     if (size > m_shared.settings.maxRequest) {
       refuse("the request is too long");
     } else if (end == std::string_view::npos) {
+      m_hasMore = false;
       break;
     } else {
       std::string_view line = received.substr(used, size);
       if (line.ends_with('\r')) line.remove_suffix(1);
-      answerOne(line);
-      used = end + 1;
+      if (answerOne(line)) used = end + 1;
     }
   }
   return used;
 }
 
-void Peer::answerOne(std::string_view request) {
-  const std::string& reply = m_shared.lookup.reply(request);
+// True when the next request may be answered now; otherwise there may be more of them.
+bool Peer::mayAnswer() {
+  m_hasMore = true;
+  if (m_isEnding || m_isWaiting || m_shared.output.size() > s_muchToSend) return false;
+  if (m_left < s_requestsAtOnce && Clock::now() - m_shared.now > s_timeAtOnce) return false;
+  return m_left-- > 0;
+}
+
+// False when the reply takes long: then the request is to be answered again.
+bool Peer::answerOne(std::string_view request) {
+  const std::string* const reply = m_shared.lookup.reply(request);
+  m_isWaiting = reply == nullptr;
+  if (m_isWaiting) return false;
+  append(*reply);
+  return true;
+}
+
+void Peer::append(std::string_view reply) {
   if (m_isLineProtocol) {
     m_shared.output.append(reply).append("\n");
   } else {
@@ -180,74 +221,69 @@ void Peer::answerOne(std::string_view request) {
 // begins.
 void Peer::refuse(std::string_view why) {
   m_shared.metrics.malformedRequest();
-  const std::string reply = Answer::perm(std::string(why)).reply();
-  if (m_isLineProtocol) {
-    m_shared.output.append(reply).append("\n");
-  } else {
-    appendNetstring(m_shared.output, reply);
-  }
+  append(Answer::perm(std::string(why)).reply());
   m_isEnding = true;
 }
 
-bool Peer::hasMuchToSend() const {
-  return m_output.size() + m_shared.output.size() > s_muchToSend;
-}
-
-// Sends the replies that were put together, or keeps what the mail server does not take now.
-void Peer::sendAtOnce() {
-  std::string_view replies = m_shared.output;
-  if (replies.empty()) return;
-  const ssize_t sent = ::send(m_descriptor, replies.data(), replies.size(), MSG_NOSIGNAL);
-  if (sent < 0 && !s_mustWait()) return close();
-  if (sent > 0) replies.remove_prefix(static_cast<std::size_t>(sent));
-  m_output.append(replies);
-}
-
-// Sends as much as the mail server takes; then answers the requests that waited for that.
-void Peer::send() {
-  while (isOpen()) {
-    if (!m_output.empty()) {
-      const ssize_t sent = ::send(m_descriptor, m_output.data(), m_output.size(), MSG_NOSIGNAL);
-      if (sent < 0 && s_mustWait()) {
-        setDeadline();
-        return waitForRoom(true);
-      }
-      if (sent < 0) return close();
-      m_output.erase(0, static_cast<std::size_t>(sent));
-    } else if (!m_isEnding && m_hasMore) {
-      // Requests that had to wait until the mail server took the replies before them.
-      const std::string all = std::exchange(m_input, {});
-      answerAll(all);
-    } else {
-      break;
-    }
+// Sends `replies`, or keeps what the mail server does not take now.
+void Peer::send(std::string_view replies) {
+  while (isOpen() && !replies.empty()) {
+    const ssize_t sent = ::send(m_descriptor, replies.data(), replies.size(), MSG_NOSIGNAL);
+    if (sent < 0 && !s_mustWait()) return close();
+    if (sent < 0) break;
+    replies.remove_prefix(static_cast<std::size_t>(sent));
   }
-  if (m_isEnding) close();
-  if (!isOpen()) return;
-  if (m_output.capacity() > s_smallOutput) m_output.shrink_to_fit();
-  setDeadline();
-  waitForRoom(false);
+  m_output.assign(replies);
 }
 
-// Has the thread wait until replies can be sent, or for requests.
-void Peer::waitForRoom(bool isWanted) {
-  if (isWanted == m_isWaitingForRoom) return;
-  m_isWaitingForRoom = isWanted;
+// Decides what is waited for next.
+void Peer::settle() {
+  if (!isOpen()) return;
+  const bool isSent = m_output.empty();
+  if (isSent && m_output.capacity() > s_smallOutput) m_output.shrink_to_fit();
+  if (isSent && m_isEnding && !m_isLingering) {
+    m_isLingering = true;
+    shutdown(m_descriptor, SHUT_WR);
+  }
+  if (m_isEnding) m_hasMore = false;
+  if (isSent && m_hasMore && !m_isWaiting && !m_isQueued) {
+    m_isQueued = true;
+    m_shared.queue.push_back(this);
+  }
+  const bool isBusy = !isSent || m_isQueued || m_isWaiting;
+  if (m_isDraining && !isBusy && m_arrived == 0 && m_input.empty()) return close();
+  setDeadline(std::exchange(m_hadProgress, false));
+  const std::uint32_t wanted = isSent ? EPOLLIN : EPOLLOUT;
+  waitFor(isSent && isBusy ? 0 : wanted);
+}
+
+// Has the thread wait for `events`.
+void Peer::waitFor(std::uint32_t events) {
+  if (events == m_events) return;
   epoll_event event{};
-  event.events = isWanted ? EPOLLOUT : EPOLLIN;
+  event.events = m_events = events;
   event.data.ptr = this;
   if (epoll_ctl(m_shared.events, EPOLL_CTL_MOD, m_descriptor, &event) != 0) close();
 }
 
-// A request must be complete, and replies must be read, in time; between requests there is more
-// time.
-void Peer::setDeadline() {
-  const bool hasInput = m_output.empty() && !m_input.empty();
-  if (hasInput && m_hadInput) return;
-  m_hadInput = hasInput;
-  const bool isIdle = m_output.empty() && m_input.empty();
-  m_deadline =
-      m_shared.now + (isIdle ? m_shared.settings.idleTimeout : m_shared.settings.requestTimeout);
+Peer::Phase Peer::phase() const {
+  if (m_isLingering) return Phase::Ending;
+  if (!m_output.empty() || m_isWaiting || m_isQueued) return Phase::Reply;
+  if (!m_input.empty()) return Phase::Request;
+  return m_wasUsed ? Phase::Idle : Phase::First;
+}
+
+// Each request must be complete, and all replies to what was read must be taken, in time; a part of
+// them does not make that time longer.
+void Peer::setDeadline(bool hasProgress) {
+  const Phase phase = this->phase();
+  if (phase == m_phase && !hasProgress) return;
+  m_phase = phase;
+  const Settings& settings = m_shared.settings;
+  m_deadline = m_shared.now + settings.requestTimeout;
+  if (phase == Phase::First) m_deadline = std::min(m_deadline, m_shared.now + settings.idleTimeout);
+  if (phase == Phase::Idle) m_deadline = m_shared.now + settings.idleTimeout;
+  if (phase == Phase::Ending) m_deadline = std::min(m_deadline, m_shared.now + s_lingering);
 }
 
 }  // namespace Tessel::Serve

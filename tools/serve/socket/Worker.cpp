@@ -32,15 +32,21 @@ Worker::Descriptor::~Descriptor() {
 }
 
 Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
-               std::function<void()> closed)
+               Background& background, std::function<void()> closed)
     : m_events(epoll_create1(EPOLL_CLOEXEC)),
-      m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_lookup(settings, tables, metrics, log),
-      m_shared{settings, m_lookup, metrics, m_events.number(), {}, {}, Clock::now()},
+      m_inbox(std::make_shared<Inbox>()),
+      m_lookup(settings, tables, metrics, log,
+               Lookup::Helpers{
+                   background,
+                   [inbox = m_inbox](std::function<void()> task) { inbox->post(std::move(task)); },
+                   [this] {
+                     for (Peer& peer : m_peers) peer.resume();
+                   }}),
+      m_shared{settings, m_lookup, metrics, m_events.number(), {}, {}, Clock::now(), {}},
       m_closed(std::move(closed)) {
   epoll_event event{};
   event.events = EPOLLIN;
-  if (epoll_ctl(m_events.number(), EPOLL_CTL_ADD, m_wakeUp.number(), &event) != 0) {
+  if (epoll_ctl(m_events.number(), EPOLL_CTL_ADD, m_inbox->descriptor(), &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "epoll_ctl");
   }
   m_thread = std::thread([this] { run(); });
@@ -48,62 +54,82 @@ Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
 
 Worker::~Worker() {
   // The connections end with the object: events of them may be waiting to be handled.
-  post([this] { m_isEnding = true; });
+  m_inbox->post([this] { m_isEnding = true; });
   m_thread.join();
 }
 
-void Worker::take(int descriptor, bool isLineProtocol) {
+void Worker::take(int descriptor, bool isLineProtocol, bool isOneTooMany) {
   ++m_count;
-  post([this, descriptor, isLineProtocol] {
-    const auto closed = [this] {
-      --m_count;
-      m_closed();
-    };
-    m_peers.emplace_back(descriptor, isLineProtocol, m_shared, closed).start();
+  m_inbox->post([this, descriptor, isLineProtocol, isOneTooMany] {
+    open(descriptor, isLineProtocol, isOneTooMany);
   });
 }
 
 void Worker::drain() {
-  post([this] {
+  m_inbox->post([this] {
     for (Peer& peer : m_peers) peer.drain();
   });
 }
 
 bool Worker::isAlive() {
   if (m_isAsked.exchange(true)) return false;
-  post([this] { m_isAsked = false; });
+  m_inbox->post([this] { m_isAsked = false; });
   return true;
 }
 
-// Has the thread run `task`.
-void Worker::post(std::function<void()> task) {
+Worker::Inbox::Inbox() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void Worker::Inbox::post(std::function<void()> task) {
   m_tasks.with([&](auto& tasks) { tasks.push_back(std::move(task)); });
   // Fails only when so many wake-ups are waiting that one more makes no difference.
   const std::uint64_t one = 1;
   static_cast<void>(!write(m_wakeUp.number(), &one, sizeof(one)));
 }
 
-void Worker::runTasks() {
+void Worker::Inbox::runTasks() {
   std::uint64_t count = 0;
   static_cast<void>(!read(m_wakeUp.number(), &count, sizeof(count)));
   const auto tasks = m_tasks.with([](auto& waiting) { return std::exchange(waiting, {}); });
   for (const std::function<void()>& task : tasks) task();
 }
 
+void Worker::open(int descriptor, bool isLineProtocol, bool isOneTooMany) {
+  Peer& added = m_peers.emplace_back(descriptor, isLineProtocol, m_shared, [this] {
+    --m_count;
+    m_closed();
+  });
+  added.start();
+  if (!isOneTooMany) return;
+  Peer* idlest = &added;
+  for (Peer& peer : m_peers) {
+    const bool isLonger = peer.isIdle() && peer.lastUse() < idlest->lastUse();
+    if (isLonger) idlest = &peer;
+  }
+  m_shared.metrics.madeRoom();
+  idlest->close();
+}
+
 void Worker::run() {
   std::array<epoll_event, s_eventsAtOnce> events{};
   Clock::time_point nextSweep = Clock::now() + s_sweepInterval;
   while (!m_isEnding) {
+    const auto patience = m_shared.queue.empty() ? s_sweepInterval : std::chrono::milliseconds(0);
     const int count = epoll_wait(m_events.number(), events.data(), s_eventsAtOnce,
-                                 static_cast<int>(s_sweepInterval.count()));
+                                 static_cast<int>(patience.count()));
     m_shared.now = Clock::now();
     for (int i = 0; i < count; ++i) {
-      void* const peer = events[static_cast<std::size_t>(i)].data.ptr;
-      if (peer != nullptr) {
-        static_cast<Peer*>(peer)->proceed();
+      const epoll_event& event = events[static_cast<std::size_t>(i)];
+      if (event.data.ptr != nullptr) {
+        static_cast<Peer*>(event.data.ptr)->proceed(event.events);
       } else {
-        runTasks();
+        m_inbox->runTasks();
       }
+    }
+    // One at a time: who asks for little comes before who asks for much.
+    if (!m_shared.queue.empty()) {
+      Peer* const next = m_shared.queue.front();
+      m_shared.queue.pop_front();
+      next->goOn();
     }
     if (m_shared.now < nextSweep) continue;
     sweep();
@@ -111,10 +137,11 @@ void Worker::run() {
   }
 }
 
-// Closes connections that are late, and forgets those that are closed.
+// Closes connections that are late, forgets those that are closed, and gives memory back.
 void Worker::sweep() {
   for (Peer& peer : m_peers) peer.endIfLate(m_shared.now);
-  m_peers.remove_if([](const Peer& peer) { return !peer.isOpen(); });
+  m_peers.remove_if([](const Peer& peer) { return peer.canBeRemoved(); });
+  m_lookup.sweep(m_shared.now);
 }
 
 }  // namespace Tessel::Serve

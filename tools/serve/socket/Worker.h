@@ -5,10 +5,12 @@
 #include <atomic>
 #include <functional>
 #include <list>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include "serve/answer/Lookup.h"
+#include "serve/base/Background.h"
 #include "serve/base/Log.h"
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
@@ -28,14 +30,15 @@ class Worker {
   // after each connection that was closed. Throws std::system_error when the thread cannot be
   // started.
   Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
-         std::function<void()> closed);
+         Background& background, std::function<void()> closed);
   // Closes all connections at once, and ends the thread.
   ~Worker();
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
-  // Takes over the socket `descriptor` of a connection.
-  void take(int descriptor, bool isLineProtocol);
+  // Takes over the socket `descriptor` of a connection. With `isOneTooMany` the connection that was
+  // not used for longest is closed in its place; if all are busy, the new one.
+  void take(int descriptor, bool isLineProtocol, bool isOneTooMany = false);
   // Has each connection answer what it was asked, then closes it.
   void drain();
   // Asks the thread for a sign of life. True if it has given the last one.
@@ -58,13 +61,26 @@ class Worker {
     const int m_number;
   };
 
-  void post(std::function<void()> task);
-  void runTasks();
+  // Tasks for the thread. Those who post may outlive the worker.
+  class Inbox {
+   public:
+    Inbox();
+    // Has the thread run `task`. Any thread.
+    void post(std::function<void()> task);
+    void runTasks();
+    [[nodiscard]] int descriptor() const noexcept { return m_wakeUp.number(); }
+
+   private:
+    const Descriptor m_wakeUp;  // Of eventfd: there are tasks.
+    Guarded<std::vector<std::function<void()>>> m_tasks;
+  };
+
+  void open(int descriptor, bool isLineProtocol, bool isOneTooMany);
   void run();
   void sweep();
 
-  const Descriptor m_events;  // Of epoll. Its events carry a `Peer`, or null for `m_wakeUp`.
-  const Descriptor m_wakeUp;  // Of eventfd: there are tasks.
+  const Descriptor m_events;  // Of epoll. Its events carry a `Peer`, or null for the inbox.
+  const std::shared_ptr<Inbox> m_inbox;
   Lookup m_lookup;
   Peer::Shared m_shared;
   const std::function<void()> m_closed;
@@ -72,7 +88,6 @@ class Worker {
   bool m_isEnding = false;
   std::atomic<std::size_t> m_count = 0;
   std::atomic<bool> m_isAsked = false;
-  Guarded<std::vector<std::function<void()>>> m_tasks;
   std::thread m_thread;
 };
 

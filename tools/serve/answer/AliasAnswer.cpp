@@ -1,0 +1,91 @@
+// The answer for an alias.
+#include "serve/answer/AliasAnswer.h"
+
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "base/Exception.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+// Reports that mail for an alias was rejected.
+void s_reportLoop(const Table& table, const AliasImage& image, const std::string& key, Log& log) {
+  log.warning(
+      "table " + table.sqlName() +
+      ": mail for an alias was rejected because it leads into an alias loop and reaches nobody; "
+      "'tsl-address-map check' names it");
+  if (!log.isDebug()) return;
+  std::string text;
+  for (const std::string& address : image.loop(key)) {
+    text += (text.empty() ? "" : " -> ") + address;
+  }
+  log.debug("alias loop: " + text);
+}
+
+std::string s_joined(const std::vector<std::string>& addresses) {
+  std::string text;
+  for (const std::string& address : addresses) text += (text.empty() ? "" : ",") + address;
+  return text;
+}
+
+Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
+                     const Expansion& found, Clock::time_point now) {
+  std::vector<std::string> addresses;
+  addresses.reserve(found.addresses.size());
+  for (const EmailAddress& address : found.addresses) addresses.push_back(address.address());
+  Pages& pages = tables.pages();
+  const bool isDivided = !pages.fit(addresses);
+  Answer answer = Answer::ok(isDivided ? pages.divide(table.number(), key, addresses, now)
+                                       : s_joined(addresses));
+  if (isDivided) answer.validity = Validity::Pages;
+  if (found.dependsOnUsers) answer.validity = Validity::Moment;
+  return answer;
+}
+
+}  // namespace
+
+std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,
+                                  const std::string& key, Effort effort, Clock::time_point now,
+                                  Log& log) {
+  const Expansion found = image.alias().expand(key, effort);
+  switch (found.kind) {
+    case Expansion::Kind::Unknown:
+      return std::nullopt;
+    case Expansion::Kind::NoAlias:
+      return Answer::notFound();
+    case Expansion::Kind::Broken:
+      return Answer::temp("the row of this alias cannot be read");
+    case Expansion::Kind::NoUsers:
+      return Answer::temp("this alias means all users of a domain, which could not be read");
+    case Expansion::Kind::Nobody: {
+      Answer answer = Answer::perm("this alias reaches nobody");
+      if (found.dependsOnUsers) answer.validity = Validity::Moment;
+      if (!found.dependsOnUsers) s_reportLoop(table, image.alias(), key, log);
+      return answer;
+    }
+    case Expansion::Kind::Found:
+      break;
+  }
+  return s_foundAnswer(tables, table, key, found, now);
+}
+
+Answer failureAnswer(Log& log) {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return Answer::temp("out of memory");
+  } catch (const Exception& exception) {
+    log.debug(std::string("a request failed: ") + exception.what());
+    return Answer::temp("the configuration of domains and mail users cannot be read");
+  } catch (const std::exception& exception) {
+    log.debug(std::string("a request failed: ") + exception.what());
+    return Answer::temp("the request could not be answered");
+  }
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,26 @@
+// The answer for an alias.
+#ifndef TSL_TOOLS_SERVE_ANSWER_ALIASANSWER_H
+#define TSL_TOOLS_SERVE_ANSWER_ALIASANSWER_H
+
+#include <optional>
+#include <string>
+
+#include "serve/base/Answer.h"
+#include "serve/base/Log.h"
+#include "serve/base/Settings.h"
+#include "serve/image/Table.h"
+
+namespace Tessel::Serve {
+
+// What the alias with `key` expands to in `image`, an image of `table`; a long list gets pages.
+// Nothing when that takes more than `effort`. Failures are answers too. Any thread.
+std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,
+                                  const std::string& key, Effort effort, Clock::time_point now,
+                                  Log& log);
+
+// The answer for the exception that is being handled. Any thread.
+Answer failureAnswer(Log& log);
+
+}  // namespace Tessel::Serve
+
+#endif

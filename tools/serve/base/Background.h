@@ -1,0 +1,33 @@
+// Threads for what takes long.
+#ifndef TSL_TOOLS_SERVE_BASE_BACKGROUND_H
+#define TSL_TOOLS_SERVE_BASE_BACKGROUND_H
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace Tessel::Serve {
+
+// Runs tasks on threads of its own, in the order in which they came. Any thread may call `post`.
+class Background {
+ public:
+  explicit Background(std::size_t threads);
+  // Waits for the tasks that run; the others are dropped.
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
+
+  // `task` must not throw.
+  void post(std::function<void()> task);
+  // Waits until all tasks are done.
+  void finish();
+
+ private:
+  class Threads;
+
+  std::unique_ptr<Threads> m_threads;
+};
+
+}  // namespace Tessel::Serve
+
+#endif

@@ -1,0 +1,47 @@
+// How much memory answers may take.
+#include "serve/base/MemoryBudget.h"
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+namespace Tessel::Serve {
+
+namespace {
+
+// The limit that the file `path` holds; `none` when there is no such file, or it says "max".
+std::size_t s_limitIn(const std::string& path, std::size_t none) {
+  std::size_t limit = 0;
+  return std::ifstream(path) >> limit ? limit : none;
+}
+
+}  // namespace
+
+std::size_t blockSize(const void* block) noexcept {
+  // The allocator keeps the size of a block in front of it.
+  return block == nullptr ? 0 : malloc_usable_size(const_cast<void*>(block)) + sizeof(std::size_t);
+}
+
+std::size_t blockSize(const std::string& text) noexcept {
+  static const std::size_t s_short = std::string().capacity();
+  return text.capacity() <= s_short ? 0 : blockSize(static_cast<const void*>(text.data()));
+}
+
+std::size_t availableMemory() {
+  std::size_t least = static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) *
+                      static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  std::ifstream groups("/proc/self/cgroup");
+  for (std::string line; std::getline(groups, line);) {
+    if (!line.starts_with("0::")) continue;
+    // Each group above it has a limit too.
+    for (std::string path = line.substr(3); !path.empty(); path.resize(path.rfind('/'))) {
+      least = std::min(least, s_limitIn("/sys/fs/cgroup" + path + "/memory.max", least));
+      if (path.find('/') == std::string::npos) break;
+    }
+  }
+  return least;
+}
+
+}  // namespace Tessel::Serve
