@@ -310,18 +310,27 @@ build_libraries() {
 
 # Documents that tell what the small tree does, and a program whose help is like the tool's.
 write_documents() {
-  mkdir -p build/release/bin examples docs/man
+  mkdir -p build/release/bin examples docs
   cat >build/release/bin/tsl-address-map <<'END'
 #!/bin/sh
 case "$*" in
-  --help) printf 'Options:\n  -h,--help  Help\n  --json  JSON\n\nSubcommands:\n  alias  Aliases\n\nExamples:\n  none\n' ;;
+  --help) printf 'Options:\n  -h,--help  Help\n  --json  JSON\n\nSubcommands:\n  alias  Aliases\n  serve  Serve\n\nExamples:\n  none\n' ;;
   "alias --help") printf 'Options:\n  -h,--help  Help\n\nSubcommands:\n  set  Set\n\nMore.\n' ;;
-  "alias set --help") printf 'Options:\n  -h,--help  Help\n  --force  Force\n' ;;
+  "alias set --help") printf 'Options:\n  -h,--help  Help\n  --force  Force\n  --dry-run  Try\n' ;;
+  "serve --help") printf 'Options:\n  -h,--help  Help\n  --listen  Listen\n' ;;
 esac
 END
   chmod +x build/release/bin/tsl-address-map
-  printf '### `alias set ADDRESS`\n\n`--json`, `--force`, `--help`\n' >docs/tool.md
-  write_page
+  cat >docs/tool.md <<'END'
+## Global options
+`--json`, `--help`
+## Trying
+Each takes `--dry-run`.
+### `alias set ADDRESS`
+`--force`, with `--json`
+### `serve`
+END
+  printf '## Options\n\n`--listen`, with `--json`\n' >docs/serve.md
   printf '`TSL_THING`\n' >docs/configuration.md
   printf '| Where | Context | Code | File | Line | Detail | Cause |\n| thing | `doThing` | 4 | `Thing` | 7 | | |\n\n`0x3000001`\n' >docs/failures.md
   printf '## Words\n\n| Use | Instead of |\n|---|---|\n| directory | `folder`, `folders` |\n| mean | `stands for`, end |\n\n## More\n' \
@@ -332,24 +341,6 @@ END
   printf 'See [tool](docs/tool.md).\n\n```cpp\nint main() {}\n```\n' >README.md
 }
 
-# The manual page of that program.
-write_page() {
-  cat >docs/man/tsl-address-map.1 <<'END'
-.SH OPTIONS
-.TP
-.B \-\-json
-.TP
-.BR \-\-help ", " \-h
-.SH COMMANDS
-.SS alias set
-Sets, with
-.BR \-\-json ,
-too.
-.TP
-.BI \-\-force " HOW"
-END
-}
-
 @test "check-docs passes documents that tell what the sources do" {
   write_documents
   passes check-docs
@@ -357,7 +348,7 @@ END
 
 @test "check-docs finds a command that is not documented, and one that is not there" {
   write_documents
-  printf '### `alias drop ADDRESS`\n\n`--json`, `--force`, `--help`\n' >docs/tool.md
+  sed -i 's/alias set/alias drop/' docs/tool.md
   fails check-docs "docs/tool.md: command not documented: alias set"
   [[ $output == *"docs/tool.md: documented, but no command: alias drop"* ]]
 }
@@ -365,38 +356,41 @@ END
 @test "check-docs finds an option that is not documented" {
   write_documents
   sed -i 's/--json/--yaml/' docs/tool.md
-  fails check-docs "docs/tool.md: option not documented: --json"
-  [[ $output == *"documented, but no option: --yaml"* ]]
+  fails check-docs "docs/tool.md: option not documented: Global options --json"
+  [[ $output == *"documented, but no option: Global options --yaml"* ]]
 }
 
-@test "check-docs finds a command that the manual page does not have, and one that is not there" {
+@test "check-docs finds an option that is documented at another command" {
   write_documents
-  sed -i 's/^\.SS alias set/.SS alias drop/' docs/man/tsl-address-map.1
-  fails check-docs "docs/man/tsl-address-map.1: command not documented: alias set"
-  [[ $output == *"docs/man/tsl-address-map.1: documented, but no command: alias drop"* ]]
+  printf '### `alias show`\n\n`--force`\n' >>docs/tool.md
+  fails check-docs "docs/tool.md: documented, but no option: alias show --force"
 }
 
-@test "check-docs finds an option that the manual page does not have, or has at another command" {
+@test "check-docs finds that a section names no option of its command" {
   write_documents
-  sed -i '/json$/d' docs/man/tsl-address-map.1
-  printf '.SS alias show\n.TP\n.B \\-\\-force\n' >>docs/man/tsl-address-map.1
-  fails check-docs "docs/man/tsl-address-map.1: option not documented: --json"
-  [[ $output == *"docs/man/tsl-address-map.1: documented, but no option: alias show --force"* ]]
-  write_page
-  sed -i '/^\.TP/{N;/force/d}' docs/man/tsl-address-map.1
-  fails check-docs "docs/man/tsl-address-map.1: option not documented: alias set --force"
+  sed -i '/^### /,$s/`--force`/Nothing./' docs/tool.md
+  fails check-docs "docs/tool.md: option not documented: alias set --force"
 }
 
-@test "check-docs finds an option that the manual page only mentions" {
+@test "check-docs finds that no sentence describes the option of all commands that write" {
   write_documents
-  printf '.SH BUGS\nWith\n.BR \\-\\-yaml ,\nnothing.\n' >>docs/man/tsl-address-map.1
-  fails check-docs "docs/man/tsl-address-map.1: no such option: --yaml"
+  sed -i '/takes/d' docs/tool.md
+  fails check-docs "docs/tool.md: option not documented: alias set --dry-run"
 }
 
-@test "check-docs finds that the manual page of the program is missing" {
+@test "check-docs finds an option of the service that is not documented, and one that is not there" {
   write_documents
-  rm docs/man/tsl-address-map.1
-  fails check-docs "not there: docs/man/tsl-address-map.1"
+  sed -i 's/--listen/--hear/' docs/serve.md
+  fails check-docs "docs/serve.md: option not documented: Options --listen"
+  [[ $output == *"docs/serve.md: documented, but no option: Options --hear"* ]]
+}
+
+@test "check-docs finds an option that a document only mentions" {
+  write_documents
+  printf '## More\n\nWith `alias set --yaml`.\n' >>docs/tool.md
+  printf '## More\n\nWith `--hear`.\n' >>docs/serve.md
+  fails check-docs "docs/tool.md: no such option: --yaml"
+  [[ $output == *"docs/serve.md: no such option: --hear"* ]]
 }
 
 @test "check-docs finds an environment variable that is not documented" {
@@ -433,14 +427,12 @@ END
   printf '// In this folder.\n' >tools/Words.h
   printf '# A folder.\n' >tests/tools/words.bats
   echo 'Two folders.' >>README.md
-  printf '.PP\nA folder.\n' >>docs/man/tsl-address-map.1
   fails check-docs 'src/map/Words.cpp:1: "Folders": docs/contributing.md has a better word'
   [[ $output == *'src/map/Words.cpp:2: "stands for": '* ]]
   [[ $output == *'scripts/words:1: "folder": '* ]]
   [[ $output == *'tools/Words.h:1: "folder": '* ]]
   [[ $output == *'tests/tools/words.bats:1: "folder": '* ]]
   [[ $output == *'README.md:6: "folders": '* ]]
-  [[ $output == *'docs/man/tsl-address-map.1:14: "folder": '* ]]
   [[ $output != *'"end"'* ]]
 }
 
@@ -463,16 +455,15 @@ END
   fails check-docs "docs/contributing.md: not mentioned: scripts/check-more"
 }
 
-# Two headers of the C interface, its two documents, and its example.
+# Two headers of the C interface, its document, and its example.
 write_c_documents() {
   write_documents
-  mkdir -p docs/man platform/address
+  mkdir -p platform/address
   printf 'typedef struct tsl_address_map_body* tsl_address_map;\nTSL_EXPORT tsl_address_map\ntsl_address_map_open(void);\n' \
     >include2/tsl_address_map.h
   printf 'TSL_EXPORT void tsl_emailaddress_end(int address);\n' >platform/address/tsl_emailaddress.h
   printf 'int f();\n\nint g();\n' >examples/c_interface.c
   printf 'int h();\n' >examples/c_guard.cpp
-  printf '.BR tsl_address_map_open (),\n.B tsl_emailaddress_end(int address);\n' >docs/man/tsl_address_map.3
   printf '`tsl_address_map_open()` and `tsl_emailaddress_end()`\n\n```c\nint f();\n```\n\n```c\nint g();\n```\n\n```cpp\nint h();\n```\n' \
     >docs/c-interface.md
 }
@@ -485,17 +476,8 @@ write_c_documents() {
 @test "check-docs finds a C function that is not documented, and one that is not there" {
   write_c_documents
   sed -i 's/tsl_address_map_open/tsl_address_map_openn/' docs/c-interface.md
-  sed -i 's/tsl_emailaddress_end/tsl_emailaddress_ended/' docs/man/tsl_address_map.3
   fails check-docs "docs/c-interface.md: C function not documented: tsl_address_map_open"
   [[ $output == *"docs/c-interface.md: documented, but in no C header: tsl_address_map_openn"* ]]
-  [[ $output == *"docs/man/tsl_address_map.3: C function not documented: tsl_emailaddress_end"* ]]
-  [[ $output == *"docs/man/tsl_address_map.3: documented, but in no C header: tsl_emailaddress_ended"* ]]
-}
-
-@test "check-docs finds a missing manual page" {
-  write_c_documents
-  rm docs/man/tsl_address_map.3
-  fails check-docs "not there: docs/man/tsl_address_map.3"
 }
 
 @test "check-docs finds a C example that differs from its file" {
