@@ -2,6 +2,26 @@
 # or by the pkg-config module tsladdressmap. cmake/Package.cmake makes Debian packages of the same.
 include(CMakePackageConfigHelpers)
 
+# The manual pages are made from the documents and the headers of the C interface.
+set(tsl_manual_dir ${PROJECT_BINARY_DIR}/packaging/man)
+find_program(TSL_LOWDOWN lowdown DOC "The program that makes the manual pages; OFF: make none")
+if(TSL_LOWDOWN)
+  # Section 3 is for those who program, the others for those who run the tool.
+  set(tsl_development_pages ${tsl_manual_dir}/tsl_address_map.3)
+  set(tsl_tool_pages ${tsl_manual_dir}/tsl-address-map.1 ${tsl_manual_dir}/tsl-address-map-files.5
+                     ${tsl_manual_dir}/tsl-address-map-serve.8)
+  add_custom_command(
+    OUTPUT ${tsl_development_pages} ${tsl_tool_pages}
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/make-manual ${TSL_LOWDOWN} ${tsl_manual_dir}
+    DEPENDS scripts/make-manual VERSION docs/tool.md docs/files.md docs/serve.md docs/c-interface.md
+            include2/tsl_address_map.h platform/address/tsl_emailaddress.h
+    COMMENT "Making the manual pages"
+    VERBATIM)
+  add_custom_target(tsl_manual ALL DEPENDS ${tsl_development_pages} ${tsl_tool_pages})
+else()
+  message(STATUS "No lowdown: no manual pages are built and installed")
+endif()
+
 # Directories of our own: the names of the headers are short.
 set(tsl_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/tsladdressmap)
 
@@ -67,11 +87,10 @@ function(tsl_install_files flavour development_doc tool_doc)
   install(FILES platform/address/EmailAddress.h platform/address/tsl_emailaddress.h
           DESTINATION ${tsl_include_dir}/address ${development})
 
-  # Section 3 is for those who program, the others for those who run the tool.
-  install(FILES docs/man/tsl_address_map.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 ${development})
-  foreach(section 1 5 8)
-    file(GLOB pages docs/man/*.${section})
-    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${tool})
+  install(FILES ${tsl_development_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 ${development})
+  foreach(page IN LISTS tsl_tool_pages)
+    string(REGEX REPLACE ".*\\." "" section ${page})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} ${tool})
   endforeach()
 
   # Bash looks for it under the name of the program.
@@ -85,7 +104,7 @@ function(tsl_install_files flavour development_doc tool_doc)
           DESTINATION lib/sysusers.d ${tool})
 
   install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
-          FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN contributing.md EXCLUDE)
+          FILES_MATCHING PATTERN "*.md" PATTERN contributing.md EXCLUDE)
   install(FILES docs/tool.md docs/serve.md docs/postfix.md docs/sendmail.md docs/opensmtpd.md
                 docs/configuration.md docs/failures.md
           DESTINATION ${tool_doc} ${tool})
