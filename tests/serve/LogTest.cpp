@@ -50,6 +50,7 @@ std::vector<std::string> s_linesOf(LogLevel level) {
   log.warning("two");
   log.info("three");
   log.debug("four");
+  log.flush();
   return output.lines();
 }
 
@@ -91,6 +92,7 @@ TEST_F(LogTest, AMessageIsOneLineWithoutControlCharacters) {
   ErrorOutput output;
   Log log(LogLevel::Info);
   log.info(std::string("a\nb\x1b[2Jc\0d\xff\x7f", 12));
+  log.flush();
   EXPECT_THAT(output.lines(),
               ElementsAre("tsl-address-map: info: a\\x0ab\\x1b[2Jc\\x00d\\xff\\x7f"));
 }
@@ -120,12 +122,63 @@ TEST_F(LogTest, LinesOfThreadsStayWhole) {
     });
   }
   for (std::thread& thread : threads) thread.join();
+  log.flush();
   const std::vector<std::string> lines = output.lines();
   EXPECT_THAT(lines, SizeIs(200));
   for (const std::string& line : lines) {
     const std::string text = line.substr(line.size() - 200);
     EXPECT_EQ(line, "tsl-address-map: info: " + std::string(200, text[0]));
   }
+}
+
+TEST_F(LogTest, AProblemIsWrittenOnceAMinute) {
+  ErrorOutput output;
+  Log log(LogLevel::Info);
+  for (int i = 0; i < 100; ++i) {
+    log.warning("the same");
+    log.error("an error");
+    log.info("news");
+  }
+  log.warning("another");
+  log.flush();
+  const std::vector<std::string> lines = output.lines();
+  EXPECT_THAT(lines, SizeIs(103));
+  EXPECT_EQ(lines.at(0), "tsl-address-map: warning: the same");
+  EXPECT_EQ(lines.back(), "tsl-address-map: warning: another");
+}
+
+TEST_F(LogTest, WhoLogsNeverWaitsForWhoeverReads) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const int before = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  {
+    Log log(LogLevel::Info);
+    const std::string text(1000, 'x');
+    // Far more than a pipe takes.
+    for (int i = 0; i < 5000; ++i) log.info(text + std::to_string(i));
+    EXPECT_GT(log.lost(), 1000U);
+    EXPECT_LT(log.lost(), 5000U);
+  }
+  dup2(before, STDERR_FILENO);
+  close(before);
+  close(ends[0]);
+}
+
+TEST_F(LogTest, WhoeverReadsMayGoAway) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  close(ends[0]);
+  const int before = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  {
+    Log log(LogLevel::Info);
+    log.info("nobody reads this");
+  }
+  dup2(before, STDERR_FILENO);
+  close(before);
 }
 
 }  // namespace

@@ -142,8 +142,12 @@ class Service {
     const std::string host = isInet6 ? "[" + address.host + "]" : address.host;
     m_metricsListener = std::make_unique<MetricsListener>(
         host + ":" + std::to_string(address.port),
-        MetricsListener::Pages{[this] { return metricsText(m_metrics, m_tables, Clock::now()); },
-                               [this] { return unready(); }});
+        MetricsListener::Pages{[this] { return metrics(); }, [this] { return unready(); }});
+  }
+
+  std::string metrics() {
+    m_metrics.linesLost(m_log.lost());
+    return metricsText(m_metrics, m_tables, Clock::now());
   }
 
   // Why not all tables can answer; empty when they can.
@@ -187,7 +191,7 @@ class Service {
 
   // No connection can be accepted now: tries again in a moment.
   void pause(const error_code& error) {
-    if (!m_isPausing) m_log.error("no connection can be accepted: " + error.message());
+    m_log.error("no connection can be accepted: " + error.message());
     m_isPausing = true;
     m_pause.expires_after(s_acceptPause);
     m_pause.async_wait([this](const error_code& cancelled) {
@@ -260,6 +264,7 @@ class Service {
     if (m_watch->stop(s_databasePatience)) return;
     // A database that hangs must not delay the exit: all requests are answered by now.
     m_log.warning("ending without the answer of the database");
+    m_log.flush();
     std::_Exit(EXIT_SUCCESS);
   }
 

@@ -77,6 +77,11 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                           "Connections ended because nothing came or went in time");
   m_madeRoom = &s_counter(registry, "tsl_address_map_connections_dropped_total",
                           "Connections ended because there was no room for a new one");
+  m_linesLost = &BuildGauge()
+                     .Name("tsl_address_map_log_lines_lost")
+                     .Help("Lines of the log that were lost because nobody read them")
+                     .Register(registry)
+                     .Add({});
   BuildGauge()
       .Name("tsl_address_map_build_info")
       .Help("The version, as a label")
@@ -156,6 +161,10 @@ void Metrics::tableState(const std::string& sqlName, std::size_t rows, std::size
   m_families->rows.Add(labels).Set(static_cast<double>(rows));
   m_families->leftOut.Add(labels).Set(static_cast<double>(leftOut));
   m_families->age.Add(labels).Set(s_seconds(age));
+}
+
+void Metrics::linesLost(std::uint64_t lines) {
+  m_linesLost->Set(static_cast<double>(lines));
 }
 
 void Metrics::memoryState(const char* use, std::size_t bytes) {

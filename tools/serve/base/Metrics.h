@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -52,6 +53,9 @@ class Metrics {
   void tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
                   Clock::duration age);
 
+  // So many lines of the log were lost up to now.
+  void linesLost(std::uint64_t lines);
+
   // How many bytes are in use for `use`.
   void memoryState(const char* use, std::size_t bytes);
 
@@ -75,6 +79,7 @@ class Metrics {
   prometheus::Counter* m_malformed;
   prometheus::Counter* m_timeouts;
   prometheus::Counter* m_madeRoom;
+  prometheus::Gauge* m_linesLost;
 };
 
 }  // namespace Tessel::Serve
