@@ -1,10 +1,10 @@
-// The addresses that a lookup is asked for.
+// Addresses and domains as a person gives them.
 #include "cli/AddressInput.h"
 
 #include <cstddef>
 #include <cstdio>
 
-#include "cli/Session.h"
+#include "base/Exception.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -58,6 +58,38 @@ bool s_answerInput(const Answer& answer) {
 }
 
 }  // namespace
+
+EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {
+  const auto refuse = [&text](const std::string& why) {
+    return Failure(ExitCode::BadData, "address '" + text.substr(0, 100) + "'", why,
+                   "write it as NAME@DOMAIN");
+  };
+  // The parser stops at a NUL, which standard input may hold.
+  if (text.find('\0') != std::string::npos) throw refuse("it contains a NUL character");
+  try {
+    EmailAddress address = EmailAddress::rfc5321Parse(text, allowNoDomain);
+    if (address.isNull()) throw refuse("it is empty");
+    return address;
+  } catch (const Exception& exception) {
+    throw refuse(reasonOf(exception));
+  }
+}
+
+std::string parseDomain(const std::string& text) {
+  const auto refuse = [&text](const std::string& why) {
+    return Failure(ExitCode::BadData, "domain '" + text.substr(0, 100) + "'", why,
+                   "write it like example.com");
+  };
+  if (text.empty()) throw refuse("it is empty");
+  if (text.find_first_of("'\\%\"") != std::string::npos) {
+    throw refuse("it contains a quote, a backslash or a percent sign");
+  }
+  try {
+    return EmailAddress::create("x", text, false).domain();
+  } catch (const Exception& exception) {
+    throw refuse(reasonOf(exception));
+  }
+}
 
 bool isSingle(const std::vector<std::string>& arguments) {
   return arguments.size() == 1 && arguments[0] != "-";

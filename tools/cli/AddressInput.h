@@ -1,4 +1,4 @@
-// The addresses that a lookup is asked for: arguments of the command line, or lines of standard
+// Addresses and domains as a person gives them: arguments of the command line, or lines of standard
 // input.
 #ifndef TSL_TOOLS_CLI_ADDRESSINPUT_H
 #define TSL_TOOLS_CLI_ADDRESSINPUT_H
@@ -11,6 +11,14 @@
 #include "failure/Failure.h"
 
 namespace Tessel::Tool {
+
+// The address that the argument `text` is, with `allowNoDomain` also one without "@". Throws
+// Failure, `BadData`, when it is none.
+EmailAddress parseAddress(const std::string& text, bool allowNoDomain);
+
+// The domain that the argument `text` is, fit for a `like` pattern but for "_". Throws Failure,
+// `BadData`, when it is none or not fit.
+std::string parseDomain(const std::string& text);
 
 // True when one address is asked for on the command line: its answer needs no address in front.
 bool isSingle(const std::vector<std::string>& arguments);

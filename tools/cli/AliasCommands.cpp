@@ -6,6 +6,7 @@
 
 #include "AddressMapDb.h"
 #include "alias/AddressAliasDbMySQL.h"
+#include "cli/AddressInput.h"
 #include "cli/AliasEdit.h"
 #include "cli/AliasReport.h"
 #include "cli/Command.h"

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "base/stringCompareNoCase.h"
+#include "cli/AddressInput.h"
 #include "cli/AliasReport.h"
 #include "tables/AliasCycles.h"
 #include "tables/TableNames.h"

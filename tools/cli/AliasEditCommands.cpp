@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/AddressInput.h"
 #include "cli/AliasEdit.h"
 #include "cli/AliasReport.h"
 #include "cli/Command.h"

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/AddressInput.h"
 #include "cli/AliasReport.h"
 #include "cli/Command.h"
 #include "tables/AliasGraph.h"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
+#include "cli/AddressInput.h"
 #include "cli/AliasReport.h"
 #include "cli/Command.h"
 #include "tables/AliasCycles.h"

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cli/MaskReport.h"

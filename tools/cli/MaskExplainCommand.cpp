@@ -9,6 +9,7 @@
 
 #include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/MaskReport.h"
 #include "tables/MaskTable.h"

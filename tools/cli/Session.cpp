@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "AddressMapDb.h"
-#include "base/Exception.h"
 #include "base/bytes.h"
 #include "cli/LocalFailure.h"
 #include "database/Connection.h"
@@ -143,38 +142,6 @@ void Session::tellTarget(std::optional<TableKind> kind) const {
   say("asking the server at " + connection.peerAddress().text() + " (" +
       connection.serverVersion() + "), database " + s_database +
       (kind ? ", table " + sqlTableName(*kind, tableName()) : ""));
-}
-
-EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {
-  const auto refuse = [&text](const std::string& why) {
-    return Failure(ExitCode::BadData, "address '" + text.substr(0, 100) + "'", why,
-                   "write it as NAME@DOMAIN");
-  };
-  // The parser stops at a NUL, which standard input may hold.
-  if (text.find('\0') != std::string::npos) throw refuse("it contains a NUL character");
-  try {
-    EmailAddress address = EmailAddress::rfc5321Parse(text, allowNoDomain);
-    if (address.isNull()) throw refuse("it is empty");
-    return address;
-  } catch (const Exception& exception) {
-    throw refuse(reasonOf(exception));
-  }
-}
-
-std::string parseDomain(const std::string& text) {
-  const auto refuse = [&text](const std::string& why) {
-    return Failure(ExitCode::BadData, "domain '" + text.substr(0, 100) + "'", why,
-                   "write it like example.com");
-  };
-  if (text.empty()) throw refuse("it is empty");
-  if (text.find_first_of("'\\%\"") != std::string::npos) {
-    throw refuse("it contains a quote, a backslash or a percent sign");
-  }
-  try {
-    return EmailAddress::create("x", text, false).domain();
-  } catch (const Exception& exception) {
-    throw refuse(reasonOf(exception));
-  }
 }
 
 }  // namespace Tessel::Tool

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "address/EmailAddress.h"
 #include "tables/TableNames.h"
 #include "terminal/Output.h"
 
@@ -60,14 +59,6 @@ class Session {
   GlobalOptions m_options;
   Output m_output;
 };
-
-// The address that the argument `text` is, with `allowNoDomain` also one without "@". Throws
-// Failure, `BadData`, when it is none.
-EmailAddress parseAddress(const std::string& text, bool allowNoDomain);
-
-// The domain that the argument `text` is, fit for a `like` pattern but for "_". Throws Failure,
-// `BadData`, when it is none or not fit.
-std::string parseDomain(const std::string& text);
 
 }  // namespace Tessel::Tool
 

@@ -2,6 +2,7 @@
 #include <memory>
 #include <string>
 
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cmf/MailUser.h"

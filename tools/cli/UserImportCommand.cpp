@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/Exception.h"
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "files/Lines.h"
