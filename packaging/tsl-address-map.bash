@@ -24,7 +24,6 @@ _tsl_address_map_options() {
     "alias remove" | "domain add" | "domain remove" | "user remove") echo --dry-run ;;
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
-    "alias who") echo --all-paths ;;
     "alias export") echo --domain --format ;;
     "alias import") echo --allow-cycle --domain --dry-run --force --format --replace ;;
     "mask set") echo --dry-run --force ;;

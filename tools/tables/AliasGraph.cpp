@@ -114,8 +114,7 @@ AliasGraph::AliasGraph(Database::Connection& connection, const std::string& tabl
 
 std::vector<Reach> AliasGraph::reach(const Components& components) const {
   std::vector<Reach> reach(components.nodes.size());
-  // DirectedGraph lead to lower numbers, so what a component leads to is complete when its turn
-  // comes.
+  // Links lead to lower numbers, so what a component leads to is complete when its turn comes.
   for (std::uint32_t component = 0; component < reach.size(); ++component) {
     for (const Id alias : components.nodes.of(component)) {
       reach[component].add(m_own[alias]);
