@@ -8,9 +8,9 @@
 #include "alias/AddressAliasDbMySQL.h"
 #include "cli/AddressInput.h"
 #include "cli/AliasEdit.h"
-#include "cli/AliasReport.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/RowReport.h"
 #include "tables/AliasTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -106,7 +106,8 @@ ExitCode s_show(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   session.tellTarget(TableKind::Alias);
   Members members;
-  withTableFaultsNamed(session, [&] { (*LibraryTable(session)).queryFindMembers(alias, members); });
+  withTableFaultsNamed(session, TableKind::Alias,
+                       [&] { (*LibraryTable(session)).queryFindMembers(alias, members); });
   const bool found = !members.empty();
   if (!found) s_explainAbsence(alias, session);
   if (session.isJson()) {
@@ -120,23 +121,11 @@ ExitCode s_show(Session& session, const Arguments& arguments) {
 }
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
-  const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
-  session.tellTarget(TableKind::Alias);
-  const std::string table = aliasTableName(session.tableName());
-  const auto rows = AliasTable(table).rows(domain);
-  ExitCode code = ExitCode::Done;
-  ItemList list(session.output());
-  for (const AliasRow& row : rows) {
-    if (row.fault != RowFault::None) {
-      report(brokenRow(row, table));
-      code = ExitCode::BadData;
-      continue;
-    }
-    list.add(row.alias.address() + "\t" + joined(row.members),
-             [&row] { return s_jsonOf(row.alias, row.members); });
-  }
-  list.end();
-  return code;
+  return listRows<AliasTable>(session, TableKind::Alias, arguments.domain,
+                              [](const AliasRow& row, ItemList& list) {
+                                list.add(row.alias.address() + "\t" + joined(row.members),
+                                         [&row] { return s_jsonOf(row.alias, row.members); });
+                              });
 }
 
 }  // namespace

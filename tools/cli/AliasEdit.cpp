@@ -5,7 +5,7 @@
 
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
-#include "cli/AliasReport.h"
+#include "cli/RowReport.h"
 #include "tables/AliasCycles.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"

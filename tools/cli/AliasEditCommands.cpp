@@ -7,9 +7,9 @@
 
 #include "cli/AddressInput.h"
 #include "cli/AliasEdit.h"
-#include "cli/AliasReport.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/RowReport.h"
 #include "tables/AliasTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"

@@ -10,8 +10,8 @@
 #include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
-#include "cli/AliasReport.h"
 #include "cli/Command.h"
+#include "cli/RowReport.h"
 #include "tables/AliasTable.h"
 #include "tables/Configuration.h"
 #include "tables/TableNames.h"
@@ -47,7 +47,7 @@ class Expander {
   // Answers in `found`, and reports what an empty answer means. Throws Failure or Exception when
   // there is no answer.
   Outcome expand(const EmailAddress& address, Addresses& found) {
-    withTableFaultsNamed(m_session, [&] { found = ask(address); });
+    withTableFaultsNamed(m_session, TableKind::Alias, [&] { found = ask(address); });
     const Outcome outcome = found.empty() ? explainNothing(address, found) : Outcome::Found;
     if (outcome == Outcome::Found) checkMarker(address, found);
     return outcome;
@@ -73,7 +73,7 @@ class Expander {
     }
     // The store counted its rows when it was opened. A row that came later may need a new one.
     m_store.reset();
-    withTableFaultsNamed(m_session, [&] { found = ask(address); });
+    withTableFaultsNamed(m_session, TableKind::Alias, [&] { found = ask(address); });
     if (!found.empty()) return Outcome::Found;
     say("warning: alias " + address.address() + " of table " + name +
         " expands to nothing: its members lead back to it, or it means all users of a domain"

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "cli/AddressInput.h"
-#include "cli/AliasReport.h"
 #include "cli/Command.h"
+#include "cli/RowReport.h"
 #include "tables/AliasGraph.h"
 #include "tables/AliasTree.h"
 #include "tables/MailUsers.h"

@@ -7,8 +7,8 @@
 
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
-#include "cli/AliasReport.h"
 #include "cli/Command.h"
+#include "cli/RowReport.h"
 #include "tables/AliasCycles.h"
 #include "tables/AliasGraph.h"
 #include "tables/MailUsers.h"

@@ -8,7 +8,7 @@
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
-#include "cli/MaskReport.h"
+#include "cli/RowReport.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -132,24 +132,12 @@ ExitCode s_remove(Session& session, const Removal& removal) {
 }
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
-  const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
-  session.tellTarget(TableKind::Mask);
-  const std::string table = maskTableName(session.tableName());
-  const auto rows = MaskTable(table).rows(domain);
-  ExitCode code = ExitCode::Done;
-  ItemList list(session.output());
-  for (const MaskRow& row : rows) {
-    if (row.fault != RowFault::None) {
-      report(brokenMask(row, table));
-      code = ExitCode::BadData;
-      continue;
-    }
-    const Pair pair{row.privateAddress, row.publicAddress};
-    list.add(row.privateAddress.address() + "\t" + row.publicAddress.address(),
-             [&pair] { return pair.json(); });
-  }
-  list.end();
-  return code;
+  return listRows<MaskTable>(
+      session, TableKind::Mask, arguments.domain, [](const MaskRow& row, ItemList& list) {
+        const Pair pair{row.privateAddress, row.publicAddress};
+        list.add(pair.privateAddress.address() + "\t" + pair.publicAddress.address(),
+                 [&pair] { return pair.json(); });
+      });
 }
 
 void s_addSet(Command& group, const std::shared_ptr<Arguments>& arguments) {

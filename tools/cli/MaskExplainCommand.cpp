@@ -11,7 +11,7 @@
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
-#include "cli/MaskReport.h"
+#include "cli/RowReport.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -61,13 +61,14 @@ class Explainer {
  public:
   explicit Explainer(const Session& session) : m_session(session) {
     // Preload is required: without it neither the table nor a wildcard row is ever asked.
-    withFaultsNamed([this] { m_store.emplace(AddressMapDb::MySQL, true); });
+    withTableFaultsNamed(session, TableKind::Mask,
+                         [this] { m_store.emplace(AddressMapDb::MySQL, true); });
     readWildcards();
   }
 
   Answer explain(const EmailAddress& address, Side side) {
     Answer answer;
-    withFaultsNamed([&] {
+    withTableFaultsNamed(m_session, TableKind::Mask, [&] {
       const AddressMaskDb table = m_store->maskDb(m_session.tableName());
       answer.address = side == Side::Public ? table.findPublicAddress(address)
                                             : table.findPrivateAddress(address);
@@ -98,15 +99,6 @@ class Explainer {
   }
 
  private:
-  template <class Ask>
-  void withFaultsNamed(Ask ask) {
-    try {
-      ask();
-    } catch (const Exception& exception) {
-      nameMaskFault(exception, m_session);
-    }
-  }
-
   // The rows as the library reads them: of several of one private domain the last one wins.
   void readWildcards() {
     Database::Connection connection{std::string(s_database)};

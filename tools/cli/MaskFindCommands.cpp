@@ -8,7 +8,7 @@
 #include "AddressMapDb.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
-#include "cli/MaskReport.h"
+#include "cli/RowReport.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -48,15 +48,13 @@ class Finder {
 
  private:
   EmailAddress ask(const EmailAddress& address) {
-    try {
+    return withTableFaultsNamed(m_session, TableKind::Mask, [&] {
       // Preload is required: without it neither the table nor a wildcard row is ever asked.
       if (!m_store) m_store.emplace(AddressMapDb::MySQL, true);
       const AddressMaskDb table = m_store->maskDb(m_session.tableName());
       return m_wanted == Side::Public ? table.findPublicAddress(address)
                                       : table.findPrivateAddress(address);
-    } catch (const Exception& exception) {
-      nameMaskFault(exception, m_session);
-    }
+    });
   }
 
   // The library answers null both for no row and for a row with an empty column.
@@ -68,7 +66,7 @@ class Finder {
          byPrivate ? m_table->withPrivate(address) : m_table->withPublic(address)) {
       if (!((byPrivate ? row.privateAddress : row.publicAddress) == address)) continue;
       if (row.fault != RowFault::None) {
-        report(brokenMask(row, name));
+        report(brokenRow(row, name));
         return Outcome::BrokenRow;
       }
       // The store counted its rows when it was opened. A row that came later may need a new one.

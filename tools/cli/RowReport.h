@@ -1,0 +1,70 @@
+// What the commands on rows say in common: addresses and rows as text and JSON, and rows that are
+// missing or broken.
+#ifndef TSL_TOOLS_CLI_ROWREPORT_H
+#define TSL_TOOLS_CLI_ROWREPORT_H
+
+#include <set>
+#include <string>
+
+#include "address/EmailAddress.h"
+#include "base/Exception.h"
+#include "cli/AddressInput.h"
+#include "cli/Session.h"
+#include "failure/Failure.h"
+#include "tables/AliasTable.h"
+#include "tables/MaskTable.h"
+#include "terminal/Say.h"
+
+namespace Tessel::Tool {
+
+// The addresses as a list of texts.
+Json jsonOf(const std::set<EmailAddress>& addresses);
+
+// Reports that the table has no alias `alias`.
+void sayNoAlias(const EmailAddress& alias, const Session& session);
+
+// The failure that the broken row `row` of the SQL table `table` is.
+Failure brokenRow(const AliasRow& row, const std::string& table);
+Failure brokenRow(const MaskRow& row, const std::string& table);
+
+// Turns `exception`, thrown while the library read the table of `kind`, into a failure after naming
+// the rows that cannot be read, when it is those that it is about. Throws the failure, or again
+// what is being handled. Requires: called in the handler of `exception`.
+[[noreturn]] void nameTableFault(const Exception& exception, const Session& session,
+                                 TableKind kind);
+
+// What `ask`, which reads the table through the library, returns; names the rows that it fails at.
+template <class Ask>
+auto withTableFaultsNamed(const Session& session, TableKind kind, Ask ask) {
+  try {
+    return ask();
+  } catch (const Exception& exception) {
+    nameTableFault(exception, session, kind);
+  }
+}
+
+// Lists the rows of the table, or those of `domain` where it is not empty: calls `add` for each
+// that is not broken, and reports the others.
+template <class Table, class Add>
+ExitCode listRows(Session& session, TableKind kind, const std::string& domain, Add add) {
+  const std::string wanted = domain.empty() ? "" : parseDomain(domain);
+  session.tellTarget(kind);
+  const std::string table = sqlTableName(kind, session.tableName());
+  const auto rows = Table(table).rows(wanted);
+  ExitCode code = ExitCode::Done;
+  ItemList list(session.output());
+  for (const auto& row : rows) {
+    if (row.fault != RowFault::None) {
+      report(brokenRow(row, table));
+      code = ExitCode::BadData;
+    } else {
+      add(row, list);
+    }
+  }
+  list.end();
+  return code;
+}
+
+}  // namespace Tessel::Tool
+
+#endif
