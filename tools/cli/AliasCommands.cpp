@@ -84,7 +84,7 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
     return true;
   });
   const bool present = look.kind == AliasLook::Kind::Present;
-  if (!present) sayNoAlias(alias, session);
+  if (!present) say(noAlias(alias, session));
   if (present && !arguments.dryRun) session.detail("removed " + alias.address());
   answerChange(session, Json{{"address", alias.address()}, {"removed", present}},
                present ? "- " + look.row.name + ":" + look.row.text : "", arguments.dryRun);
@@ -96,7 +96,7 @@ void s_explainAbsence(const EmailAddress& alias, const Session& session) {
   const AliasLook look = AliasTable(aliasTableName(session.tableName())).look(alias);
   if (look.kind == AliasLook::Kind::Present)
     throw brokenRow(look.row, aliasTableName(session.tableName()));
-  sayNoAlias(alias, session);
+  say(noAlias(alias, session));
   if (look.kind == AliasLook::Kind::Other) {
     say("hint: there is an alias of another spelling: " + look.row.name);
   }

@@ -130,7 +130,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
     change.write(table);
     return true;
   });
-  if (!present) sayNoAlias(alias, session);
+  if (!present) say(noAlias(alias, session));
   for (const EmailAddress& member : pickMembers(wanted, dropped, false)) {
     if (present) say(member.address() + " is not a member of " + alias.address());
   }

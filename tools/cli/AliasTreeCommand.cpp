@@ -292,7 +292,7 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   AliasTree tree(table, address);
   if (tree.row() == nullptr) {
-    sayNoAlias(address, session);
+    say(noAlias(address, session));
     if (session.isJson()) {
       Json document{{"address", address.address()}, {"outcome", "no-alias"}};
       document["totals"] = Json();

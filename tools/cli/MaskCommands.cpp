@@ -50,16 +50,12 @@ Pair s_parsePair(const std::string& privateText, const std::string& publicText) 
   return {parseAddress(privateText, false), parseAddress(publicText, false)};
 }
 
-Json s_jsonOf(const MaskRow& row) {
-  return Json{{"private", printable(row.privateText)}, {"public", printable(row.publicText)}};
-}
-
 ExitCode s_force(Session& session, const Pair& pair) {
   const std::vector<MaskRow> rows =
       MaskTable(maskTableName(session.tableName())).force(pair.privateAddress, pair.publicAddress);
   Json list = Json::array();
   for (const MaskRow& row : rows) {
-    list.push_back(s_jsonOf(row));
+    list.push_back(jsonOf(row));
     if (session.isJson()) continue;
     session.output().line(printable(row.privateText) + "\t" + printable(row.publicText));
   }

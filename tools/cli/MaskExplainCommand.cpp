@@ -2,163 +2,108 @@
 // others could have.
 #include <algorithm>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "AddressMapDb.h"
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
+#include "cli/AddressLookup.h"
 #include "cli/Command.h"
-#include "cli/RowReport.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
-#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 
 namespace {
 
-enum class Side { Public, Private };
-
-// A row as it is in the table.
-struct RowText {
-  std::string privateText;
-  std::string publicText;
-
-  [[nodiscard]] std::string text() const {
-    return printable(privateText) + " -> " + printable(publicText);
-  }
-  [[nodiscard]] Json json() const {
-    return Json{{"private", printable(privateText)}, {"public", printable(publicText)}};
-  }
-};
-
-struct Wildcard {
-  RowText row;
-  std::string privateDomain;
-  std::string publicDomain;
-};
-
 // The answer of one direction, and where it comes from.
 struct Answer {
   EmailAddress address;  // Null for none.
   const char* source = "none";
-  std::vector<RowText> row;       // The one that answers, if any.
-  std::vector<RowText> losers;    // Wildcard rows over which another one takes precedence.
-  std::vector<RowText> shadowed;  // Wildcard rows that would answer without the row.
-  std::vector<RowText> misspelt;  // Wildcard rows whose domain differs in letter case.
+  std::vector<MaskRow> row;       // The one that answers, if any.
+  std::vector<MaskRow> losers;    // Wildcard rows over which another one takes precedence.
+  std::vector<MaskRow> shadowed;  // Wildcard rows that would answer without the row.
+  std::vector<MaskRow> misspelt;  // Wildcard rows whose domain differs in letter case.
   std::string shadowedAddress;    // What the first of them would answer.
 };
-
-const char* s_text(Side side) {
-  return side == Side::Public ? "public" : "private";
-}
 
 // Asks the library for the answers, and the table for the reasons.
 class Explainer {
  public:
-  explicit Explainer(const Session& session) : m_session(session) {
-    // Preload is required: without it neither the table nor a wildcard row is ever asked.
-    withTableFaultsNamed(session, TableKind::Mask,
-                         [this] { m_store.emplace(AddressMapDb::MySQL, true); });
-    readWildcards();
+  explicit Explainer(const Session& session)
+      : m_store(session, TableKind::Mask), m_table(maskTableName(session.tableName())) {
+    // Fails at rows that cannot be read, so that there are none below.
+    m_store.open();
+    m_wildcards = m_table.wildcards();
   }
 
-  Answer explain(const EmailAddress& address, Side side) {
+  Answer explain(const EmailAddress& address, MaskSide side) {
     Answer answer;
-    withTableFaultsNamed(m_session, TableKind::Mask, [&] {
-      const AddressMaskDb table = m_store->maskDb(m_session.tableName());
-      answer.address = side == Side::Public ? table.findPublicAddress(address)
-                                            : table.findPrivateAddress(address);
-    });
-    MaskTable table(maskTableName(m_session.tableName()));
-    const auto rows = side == Side::Public ? table.withPrivate(address) : table.withPublic(address);
-    const std::vector<Wildcard> matching = wildcards(address, side);
-    for (const Wildcard& wildcard : m_wildcards) {
-      if (isMisspelt(wildcard, address, side)) answer.misspelt.push_back(wildcard.row);
+    answer.address = m_store.find(side, address);
+    const auto rows = m_table.with(otherSide(side), address);
+    const std::vector<MaskRow> matching = wildcards(address, side);
+    for (const MaskRow& wildcard : m_wildcards) {
+      if (isMisspelt(wildcard, address, side)) answer.misspelt.push_back(wildcard);
     }
+    if (answer.address.isNull()) return answer;
     const auto own = std::find_if(rows.begin(), rows.end(), [&](const MaskRow& row) {
-      return row.fault == RowFault::None && !answer.address.isNull() &&
-             (side == Side::Public ? row.publicAddress : row.privateAddress) == answer.address;
+      return row.fault == RowFault::None && row.address(side) == answer.address;
     });
     if (own != rows.end()) {
       answer.source = "row";
-      answer.row.push_back({own->privateText, own->publicText});
-      for (const Wildcard& wildcard : matching) answer.shadowed.push_back(wildcard.row);
-      if (!matching.empty()) {
-        answer.shadowedAddress = addressBy(matching.front(), address, side);
-      }
-    } else if (!answer.address.isNull() && !matching.empty()) {
+      answer.row.push_back(*own);
+      answer.shadowed = matching;
+      if (!matching.empty()) answer.shadowedAddress = addressBy(matching.front(), address, side);
+    } else if (!matching.empty()) {
       answer.source = "wildcard";
-      answer.row.push_back(matching.front().row);
-      for (std::size_t i = 1; i < matching.size(); ++i) answer.losers.push_back(matching[i].row);
+      answer.row.push_back(matching.front());
+      answer.losers.assign(matching.begin() + 1, matching.end());
     }
     return answer;
   }
 
  private:
-  // The rows as the library reads them: of several of one private domain the last one wins.
-  void readWildcards() {
-    Database::Connection connection{std::string(s_database)};
-    const std::string statement = "select private, public from " +
-                                  maskTableName(m_session.tableName()) +
-                                  " where private like '%*%' or public like '%*%';";
-    selectPairs(connection, statement,
-                [this](std::string_view privateText, std::string_view publicText) {
-                  if (privateText.empty() || publicText.empty()) return;
-                  m_wildcards.push_back({{std::string(privateText), std::string(publicText)},
-                                         EmailAddress::rfc5321Parse(privateText, false).domain(),
-                                         EmailAddress::rfc5321Parse(publicText, false).domain()});
-                });
-  }
-
   // The wildcard rows for `address`, the one that answers first.
-  [[nodiscard]] std::vector<Wildcard> wildcards(const EmailAddress& address, Side side) const {
-    const std::string domain = address.domain();
-    std::vector<Wildcard> matching;
-    std::vector<Wildcard> overridden;
-    for (auto wildcard = m_wildcards.rbegin(); wildcard != m_wildcards.rend(); ++wildcard) {
-      if ((side == Side::Public ? wildcard->privateDomain : wildcard->publicDomain) != domain) {
-        continue;
-      }
-      const bool counts = std::none_of(m_wildcards.rbegin(), wildcard, [&](const Wildcard& later) {
-        return later.privateDomain == wildcard->privateDomain;
+  [[nodiscard]] std::vector<MaskRow> wildcards(const EmailAddress& address, MaskSide side) const {
+    std::vector<MaskRow> matching;
+    std::vector<MaskRow> overridden;
+    // Of several rows of one private domain the last one wins.
+    for (auto row = m_wildcards.rbegin(); row != m_wildcards.rend(); ++row) {
+      if (row->address(otherSide(side)).domain() != address.domain()) continue;
+      const bool counts = std::none_of(m_wildcards.rbegin(), row, [&](const MaskRow& later) {
+        return later.privateAddress.domain() == row->privateAddress.domain();
       });
-      (counts ? matching : overridden).push_back(*wildcard);
+      (counts ? matching : overridden).push_back(*row);
     }
-    std::sort(matching.begin(), matching.end(), [](const Wildcard& a, const Wildcard& b) {
-      return a.privateDomain < b.privateDomain;
+    std::sort(matching.begin(), matching.end(), [](const MaskRow& a, const MaskRow& b) {
+      return a.privateAddress.domain() < b.privateAddress.domain();
     });
     matching.insert(matching.end(), overridden.begin(), overridden.end());
     return matching;
   }
 
-  static bool isMisspelt(const Wildcard& wildcard, const EmailAddress& address, Side side) {
-    const std::string& domain =
-        side == Side::Public ? wildcard.privateDomain : wildcard.publicDomain;
+  static bool isMisspelt(const MaskRow& wildcard, const EmailAddress& address, MaskSide side) {
+    const std::string domain = wildcard.address(otherSide(side)).domain();
     return domain != address.domain() && stringCompareNoCase(domain, address.domain(), 0);
   }
 
-  static std::string addressBy(const Wildcard& wildcard, const EmailAddress& address, Side side) {
-    const std::string& domain =
-        side == Side::Public ? wildcard.publicDomain : wildcard.privateDomain;
+  static std::string addressBy(const MaskRow& wildcard, const EmailAddress& address,
+                               MaskSide side) {
     try {
-      return EmailAddress::create(address.local(), domain, true).address();
+      return EmailAddress::create(address.local(), wildcard.address(side).domain(), true).address();
     } catch (const Exception&) {
       return "an address that is too long";
     }
   }
 
-  const Session& m_session;
-  std::optional<AddressMapDb> m_store;
-  std::vector<Wildcard> m_wildcards;  // In the order of reading.
+  LookupStore m_store;
+  MaskTable m_table;
+  std::vector<MaskRow> m_wildcards;  // In the order in which the library reads them.
 };
 
-Json s_jsonOf(const std::vector<RowText>& rows) {
+Json s_jsonOf(const std::vector<MaskRow>& rows) {
   Json list = Json::array();
-  for (const RowText& row : rows) list.push_back(row.json());
+  for (const MaskRow& row : rows) list.push_back(jsonOf(row));
   return list;
 }
 
@@ -166,24 +111,26 @@ Json s_jsonOf(const Answer& answer) {
   Json document;
   document["address"] = answer.address.isNull() ? Json() : Json(answer.address.address());
   document["source"] = answer.source;
-  document["row"] = answer.row.empty() ? Json() : answer.row.front().json();
+  document["row"] = answer.row.empty() ? Json() : jsonOf(answer.row.front());
   document["losers"] = s_jsonOf(answer.losers);
   document["shadowed"] = s_jsonOf(answer.shadowed);
   document["otherCase"] = s_jsonOf(answer.misspelt);
   return document;
 }
 
-void s_writeRows(Output& output, const std::string& what, const std::vector<RowText>& rows) {
-  for (const RowText& row : rows) output.line("  " + what + row.text());
+void s_writeRows(Output& output, const std::string& what, const std::vector<MaskRow>& rows) {
+  for (const MaskRow& row : rows) {
+    output.line("  " + what + printable(row.privateText) + " -> " + printable(row.publicText));
+  }
 }
 
-void s_write(Output& output, const Answer& answer, Side side) {
+void s_write(Output& output, const Answer& answer, MaskSide side) {
   const bool isNone = answer.address.isNull();
-  output.line(std::string(s_text(side)) +
+  output.line(std::string(textOf(side)) +
               " address: " + (isNone ? "none" : answer.address.address()));
   s_writeRows(output, std::string("from the ") + answer.source + " ", answer.row);
   s_writeRows(output,
-              side == Side::Public
+              side == MaskSide::Public
                   ? "not from the wildcard, which is read earlier: "
                   : "not from the wildcard, whose private domain comes later or is taken: ",
               answer.losers);
@@ -199,16 +146,16 @@ ExitCode s_explain(Session& session, const std::string& text) {
   const EmailAddress address = parseAddress(text, false);
   session.tellTarget(TableKind::Mask);
   Explainer explainer(session);
-  const Answer shown = explainer.explain(address, Side::Public);
-  const Answer hidden = explainer.explain(address, Side::Private);
+  const Answer shown = explainer.explain(address, MaskSide::Public);
+  const Answer hidden = explainer.explain(address, MaskSide::Private);
   if (session.isJson()) {
     Json document{{"address", address.address()}};
     document["public"] = s_jsonOf(shown);
     document["private"] = s_jsonOf(hidden);
     session.output().document(document);
   } else {
-    s_write(session.output(), shown, Side::Public);
-    s_write(session.output(), hidden, Side::Private);
+    s_write(session.output(), shown, MaskSide::Public);
+    s_write(session.output(), hidden, MaskSide::Private);
   }
   const bool isFound = !shown.address.isNull() || !hidden.address.isNull();
   return isFound ? ExitCode::Done : ExitCode::NotFound;
@@ -226,7 +173,7 @@ void addMaskExplainCommand(Command& mask) {
       " takes precedence.\n"
       "With --json {\"address\", \"public\", \"private\"}, either being {\"address\", \"source\","
       " \"row\", \"losers\",\n\"shadowed\", \"otherCase\"}; the source is row, wildcard or none.\n",
-      Preparation::Database, [address](Session& session) { return s_explain(session, *address); });
+      Preparation::Database, withArguments(s_explain, address));
   explain.argument("ADDRESS", *address, "A private or public address");
 }
 

@@ -32,8 +32,12 @@ Json jsonOf(const std::set<EmailAddress>& addresses) {
   return list;
 }
 
-void sayNoAlias(const EmailAddress& alias, const Session& session) {
-  say("no alias " + alias.address() + " in table " + aliasTableName(session.tableName()));
+Json jsonOf(const MaskRow& row) {
+  return Json{{"private", printable(row.privateText)}, {"public", printable(row.publicText)}};
+}
+
+std::string noAlias(const EmailAddress& alias, const Session& session) {
+  return "no alias " + alias.address() + " in table " + aliasTableName(session.tableName());
 }
 
 Failure brokenRow(const AliasRow& row, const std::string& table) {

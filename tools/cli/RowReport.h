@@ -20,8 +20,11 @@ namespace Tessel::Tool {
 // The addresses as a list of texts.
 Json jsonOf(const std::set<EmailAddress>& addresses);
 
-// Reports that the table has no alias `alias`.
-void sayNoAlias(const EmailAddress& alias, const Session& session);
+// The row as it is in the table.
+Json jsonOf(const MaskRow& row);
+
+// That the table has no alias `alias`, in words.
+std::string noAlias(const EmailAddress& alias, const Session& session);
 
 // The failure that the broken row `row` of the SQL table `table` is.
 Failure brokenRow(const AliasRow& row, const std::string& table);

@@ -63,6 +63,14 @@ Failure s_taken(const EmailAddress& address, const MaskRow& row, const std::stri
 
 }  // namespace
 
+const char* textOf(MaskSide side) {
+  return side == MaskSide::Public ? "public" : "private";
+}
+
+MaskSide otherSide(MaskSide side) {
+  return side == MaskSide::Public ? MaskSide::Private : MaskSide::Public;
+}
+
 MaskTable::MaskTable(std::string table)
     : m_table(std::move(table)), m_connection(std::string(s_database)) {}
 
@@ -75,22 +83,23 @@ std::vector<MaskRow> MaskTable::select(const std::string& condition) {
   return rows;
 }
 
-std::vector<MaskRow> MaskTable::withPrivate(const EmailAddress& address) {
-  return select(" where private=" + literal(address.address()));
+std::vector<MaskRow> MaskTable::with(MaskSide side, const EmailAddress& address) {
+  return select(std::string(" where ") + textOf(side) + "=" + literal(address.address()));
 }
 
-std::vector<MaskRow> MaskTable::withPublic(const EmailAddress& address) {
-  return select(" where public=" + literal(address.address()));
+std::vector<MaskRow> MaskTable::wildcards() {
+  std::vector<MaskRow> rows = select(" where private like '%*%' or public like '%*%'");
+  std::erase_if(rows, [](const MaskRow& row) { return row.fault != RowFault::None; });
+  return rows;
 }
 
 std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
   std::vector<MaskRow> rows =
       select(domain.empty() ? "" : " where private like " + literal(s_pattern(domain)));
   // The collation may fold more than letter case.
-  const auto foreign = std::remove_if(rows.begin(), rows.end(), [&](const MaskRow& row) {
+  std::erase_if(rows, [&](const MaskRow& row) {
     return !domain.empty() && !s_endsIn(row.privateText, "@" + domain);
   });
-  rows.erase(foreign, rows.end());
   std::stable_sort(rows.begin(), rows.end(), [](const MaskRow& a, const MaskRow& b) {
     return a.privateAddress < b.privateAddress;
   });

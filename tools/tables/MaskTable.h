@@ -14,6 +14,12 @@
 
 namespace Tessel::Tool {
 
+enum class MaskSide { Private, Public };
+
+// "private" or "public": what people and the table call the side.
+const char* textOf(MaskSide side);
+MaskSide otherSide(MaskSide side);
+
 // One row, read without throwing.
 struct MaskRow {
   std::string privateText;  // As they are in the table.
@@ -22,6 +28,10 @@ struct MaskRow {
   EmailAddress publicAddress;
   RowFault fault = RowFault::None;
   std::string why;  // The fault in words.
+
+  [[nodiscard]] const EmailAddress& address(MaskSide side) const {
+    return side == MaskSide::Public ? publicAddress : privateAddress;
+  }
 };
 
 // A mask table over a connection of its own. Failures of the database pass as Exception. One
@@ -31,10 +41,12 @@ class MaskTable {
   // `table` is the SQL name, which must be known to be safe.
   explicit MaskTable(std::string table);
 
-  // What the server finds for the private address, and for the public one: at most one row each,
-  // which may be that of an address that it considers equal.
-  std::vector<MaskRow> withPrivate(const EmailAddress& address);
-  std::vector<MaskRow> withPublic(const EmailAddress& address);
+  // What the server finds for `address` on `side`: at most one row, which may be that of an address
+  // that it considers equal.
+  std::vector<MaskRow> with(MaskSide side, const EmailAddress& address);
+
+  // The rows with a "*" in either address that are not broken, in the order of the server.
+  std::vector<MaskRow> wildcards();
 
   // All rows, or those whose private text ends in "@" and `domain` where it is not empty, compared
   // without regard to ASCII letter case. `domain` must be as parseDomain() gives it. In the order
