@@ -1,6 +1,4 @@
 // The command `status`: what the tool would work on, and in which state it is.
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,97 +16,70 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct TableCount {
-  std::string table;
-  std::uint64_t rows;
-};
-
-// What is known; the rest is empty.
-struct Status {
-  std::string server;
-  std::string version;
-  std::optional<Schema> schema;
-  std::vector<TableCount> tables;
-  std::optional<std::size_t> domains;
-  bool hasConfiguration = true;
-  std::vector<Failure> failures;
-};
-
-void s_askDatabase(Status& status) {
-  try {
-    Database::Connection connection("");
-    status.server = connection.peerAddress().text();
-    status.version = connection.serverVersion();
-    status.schema = lookAtSchema(connection);
-    for (const std::string& table : status.schema->tables) {
-      if (!readTableName(table)) continue;
-      status.tables.push_back({table, countRows(connection, table)});
-    }
-  } catch (const Exception& exception) {
-    status.failures.push_back(failureOf(exception, "asking the database"));
+// Fills in what is known of the database.
+void s_askDatabase(Json& status) {
+  Database::Connection connection("");
+  status["server"] = printable(connection.peerAddress().text());
+  status["version"] = printable(connection.serverVersion());
+  const Schema schema = lookAtSchema(connection);
+  status["present"] = schema.present;
+  status["schema"] = printable(summaryOf(schema));
+  for (const std::string& table : schema.tables) {
+    if (!readTableName(table)) continue;
+    status["tables"].push_back(
+        Json{{"table", printable(table)}, {"rows", countRows(connection, table)}});
   }
 }
 
-void s_askConfiguration(Status& status) {
-  try {
-    status.domains = withConfiguration(
-        [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
-  } catch (const Failure& failure) {
-    // Installations without all-users aliases have no configuration; that is a state, no failure.
-    status.hasConfiguration = failure.code() != ExitCode::Configuration;
-    if (status.hasConfiguration) status.failures.push_back(failure);
-  }
+std::string s_text(const Json& value) {
+  if (value.is_null()) return "unknown";
+  return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-Json s_jsonOf(const Status& status) {
-  Json tables = Json::array();
-  for (const TableCount& count : status.tables) {
-    tables.push_back(Json{{"table", printable(count.table)}, {"rows", count.rows}});
+void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
+  for (const char* key : {"server", "version", "database", "schema"}) {
+    output.line(key + (": " + s_text(status.at(key))));
   }
-  Json document;
-  document["server"] = status.server.empty() ? Json() : Json(printable(status.server));
-  document["version"] = status.version.empty() ? Json() : Json(printable(status.version));
-  document["database"] = s_database;
-  document["present"] = status.schema ? Json(status.schema->present) : Json();
-  document["schema"] = status.schema ? Json(printable(summaryOf(*status.schema))) : Json();
-  document["tables"] = tables;
-  document["cmf"] = printable(configurationDirectory());
-  document["domains"] = status.domains ? Json(*status.domains) : Json();
-  return document;
-}
-
-void s_writeLines(const Status& status, Session& session) {
-  Output& output = session.output();
-  const std::string unknown = "unknown";
-  output.line("server: " + (status.server.empty() ? unknown : printable(status.server)));
-  output.line("version: " + (status.version.empty() ? unknown : printable(status.version)));
-  output.line("database: " + std::string(s_database));
-  output.line("schema: " + (status.schema ? printable(summaryOf(*status.schema)) : unknown));
-  for (const TableCount& count : status.tables) {
-    output.line("table: " + printable(count.table) + ", rows: " + std::to_string(count.rows));
+  for (const Json& table : status.at("tables")) {
+    output.line("table: " + s_text(table.at("table")) + ", rows: " + s_text(table.at("rows")));
   }
-  output.line("configuration: " + printable(configurationDirectory()));
-  output.line("domains: " + (status.domains            ? std::to_string(*status.domains)
-                             : status.hasConfiguration ? unknown
-                                                       : "none, no configuration there"));
+  output.line("configuration: " + s_text(status.at("cmf")));
+  output.line("domains: " +
+              (hasConfiguration ? s_text(status.at("domains")) : "none, no configuration there"));
 }
 
 ExitCode s_status(Session& session) {
-  Status status;
-  s_askDatabase(status);
-  s_askConfiguration(status);
+  Json status{{"server", nullptr},
+              {"version", nullptr},
+              {"database", s_database},
+              {"present", nullptr},
+              {"schema", nullptr},
+              {"tables", Json::array()},
+              {"cmf", printable(configurationDirectory())},
+              {"domains", nullptr}};
+  std::vector<Failure> failures;
+  try {
+    s_askDatabase(status);
+  } catch (const Exception& exception) {
+    failures.push_back(failureOf(exception, "asking the database"));
+  }
+  bool hasConfiguration = true;
+  try {
+    status["domains"] = withConfiguration(
+        [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
+  } catch (const Failure& failure) {
+    // Installations without all-users aliases have no configuration; that is a state, no failure.
+    hasConfiguration = failure.code() != ExitCode::Configuration;
+    if (hasConfiguration) failures.push_back(failure);
+  }
   if (session.isJson()) {
-    session.output().document(s_jsonOf(status));
+    session.output().document(status);
   } else {
-    s_writeLines(status, session);
+    s_writeLines(status, hasConfiguration, session.output());
   }
   session.output().flush();
-  ExitCode code = ExitCode::Done;
-  for (const Failure& failure : status.failures) {
-    report(failure);
-    if (code == ExitCode::Done) code = failure.code();
-  }
-  return code;
+  for (const Failure& failure : failures) report(failure);
+  return failures.empty() ? ExitCode::Done : failures.front().code();
 }
 
 }  // namespace
