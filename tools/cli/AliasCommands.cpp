@@ -57,8 +57,7 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
   table.transact([&] {
-    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
-    refuseOther(look, alias, session);
+    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
     if (!arguments.allowCycle)
       refuseCycle(table, alias, members, pickMembers(members, look.row.members, false));
     present = look.kind == AliasLook::Kind::Present;
@@ -77,8 +76,7 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   AliasLook look;
   table.transact([&] {
-    look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
-    refuseOther(look, alias, session);
+    look = lookToEdit(table, alias, session, arguments.dryRun);
     if (look.kind != AliasLook::Kind::Present || arguments.dryRun) return false;
     table.remove(look.row.name);
     return true;

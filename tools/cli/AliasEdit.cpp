@@ -48,8 +48,10 @@ void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress
       " address");
 }
 
-void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session) {
-  if (look.kind != AliasLook::Kind::Other) return;
+AliasLook lookToEdit(AliasTable& table, const EmailAddress& alias, const Session& session,
+                     bool dryRun) {
+  AliasLook look = dryRun ? table.look(alias) : table.lookLocked(alias);
+  if (look.kind != AliasLook::Kind::Other) return look;
   throw Failure(ExitCode::BadData, "alias " + alias.address(),
                 "the server takes it for the alias '" + look.row.name + "' of table " +
                     aliasTableName(session.tableName()) +

@@ -21,8 +21,10 @@ std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
 // Warns when the all-users marker of `alias` has other members next to it.
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);
 
-// Refuses to touch the row of another address that the server considers equal.
-void refuseOther(const AliasLook& look, const EmailAddress& alias, const Session& session);
+// The row of `alias` that is about to change, locked unless `dryRun`. Refuses to touch that of
+// another address that the server considers equal.
+AliasLook lookToEdit(AliasTable& table, const EmailAddress& alias, const Session& session,
+                     bool dryRun);
 
 // Refuses `members` when one of `added`, those that are not there yet, leads back to `alias`, and
 // warns when `alias` is in an alias loop already. Throws Failure, `BadData`.

@@ -58,8 +58,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   Members added;
   bool present = false;
   table.transact([&] {
-    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
-    refuseOther(look, alias, session);
+    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
     members = s_membersOf(look, session);
     present = look.kind == AliasLook::Kind::Present;
     added = pickMembers(wanted, members, false);
@@ -118,8 +117,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
   Change change;
   Members dropped;
   table.transact([&] {
-    const AliasLook look = arguments.dryRun ? table.look(alias) : table.lookLocked(alias);
-    refuseOther(look, alias, session);
+    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
     present = look.kind == AliasLook::Kind::Present;
     const Members members = s_membersOf(look, session);
     dropped = pickMembers(wanted, members, true);

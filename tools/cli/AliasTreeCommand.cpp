@@ -35,10 +35,10 @@ struct Arguments {
   bool dot = false;
 };
 
-// `document` as one line, without the brace at the end when `isOpen`.
-std::string s_text(const Json& document, bool isOpen) {
+// `document` as one line, without the brace at the end.
+std::string s_openText(const Json& document) {
   std::string text = document.dump(-1, ' ', false, Json::error_handler_t::replace);
-  if (isOpen) text.pop_back();
+  text.pop_back();
   return text;
 }
 
@@ -226,10 +226,10 @@ void s_writeJson(Output& output, const AliasTree& tree, const Explanation& expla
   head["outcome"] = explanation.outcome();
   head["totals"] = explanation.totals();
   head["finals"] = jsonOf(explanation.finals());
-  output.line(s_text(head, true) + ",\"tree\":");
+  output.line(s_openText(head) + ",\"tree\":");
   const auto& nodes = tree.nodes();
   for (std::size_t i = 0; i < nodes.size(); ++i) {
-    std::string line = s_text(explanation.jsonOf(nodes[i]), true) + ",\"members\":[";
+    std::string line = s_openText(explanation.jsonOf(nodes[i])) + ",\"members\":[";
     const std::uint32_t next = i + 1 < nodes.size() ? nodes[i + 1].depth : 0;
     // After a node without a deeper one, its own braces and those of its completed parents are
     // closed.
@@ -264,20 +264,15 @@ void s_writeDot(Output& output, const AliasTree& tree, const Explanation& explan
   std::set<EmailAddress> declared;
   for (const AliasTree::Node& node : tree.nodes()) {
     const std::string name = s_quoted(node.address->address());
-    const bool isAgain = !declared.insert(*node.address).second;
-    const std::string note = explanation.note(node);
-    if (!isAgain) {
-      const bool isNoted = !note.empty();
+    if (declared.insert(*node.address).second) {
+      const std::string note = explanation.note(node);
       output.line("  " + name + " [" + s_style(node.kind) +
-                  (isNoted ? ", tooltip=" + s_quoted(note) : "") + "];");
+                  (note.empty() ? "" : ", tooltip=" + s_quoted(note)) + "];");
     }
     if (&node == &tree.nodes().front()) continue;
     const std::string from = s_quoted(tree.nodes()[node.parent].address->address());
-    const bool isBack = node.kind == NodeKind::Cycle;
-    std::string edge = "  " + from;
-    edge.append(" -> ").append(name);
-    if (isBack) edge += " [label=\"cycle\", color=red]";
-    output.line(edge + ";");
+    const char* const back = node.kind == NodeKind::Cycle ? " [label=\"cycle\", color=red]" : "";
+    output.line("  " + from + " -> " + name + back + ";");
   }
   output.line("}");
 }

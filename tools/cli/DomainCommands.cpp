@@ -19,42 +19,36 @@ struct Arguments {
   bool dryRun = false;
 };
 
-// True when the configuration has `domain`. A configuration that is missing has none.
-bool s_isThere(const std::string& domain) {
+// What adding `domain` would give; the identifier of a new one is not known before. A configuration
+// that is missing has no domain.
+CMF::Writer::Domain s_wouldAdd(const std::string& domain) {
   try {
-    return !findDomain(domain).isNull();
+    const CMF::RefApsGwServer server = findDomain(domain);
+    if (!server.isNull()) return {server->domainId(), false};
   } catch (const Failure& failure) {
     if (failure.code() != ExitCode::Configuration) throw;
-    return false;
   }
+  return {0, true};
 }
 
-// What adding `domain` would answer; the identifier of a new one is not known before.
-ExitCode s_showAdd(Session& session, const std::string& domain) {
-  const bool present = s_isThere(domain);
-  if (present) say("domain " + domain + " exists already");
-  Json document{{"domain", domain}};
-  document["id"] = present ? Json(findDomain(domain)->domainId()) : Json();
-  document["added"] = !present;
-  answerChange(session, document, present ? "" : "+ " + domain, true);
-  return ExitCode::Done;
-}
-
-ExitCode s_add(Session& session, const Arguments& arguments) {
-  const std::string domain = parseDomain(arguments.domain);
-  if (arguments.dryRun) return s_showAdd(session, domain);
-  const CMF::Writer::Domain result = withConfiguration([&] {
+CMF::Writer::Domain s_write(const std::string& domain) {
+  return withConfiguration([&] {
     CMF::Writer writer;
     const CMF::Writer::Domain added = writer.addDomain(domain);
     writer.commit();
     return added;
   });
-  if (!result.added) say("domain " + domain + " exists already");
-  if (session.isJson()) {
-    session.output().document(Json{{"domain", domain}, {"id", result.id}, {"added", result.added}});
-  } else {
-    session.output().line(std::to_string(result.id));
-  }
+}
+
+ExitCode s_add(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
+  const bool dryRun = arguments.dryRun;
+  const auto [id, added] = dryRun ? s_wouldAdd(domain) : s_write(domain);
+  if (!added) say("domain " + domain + " exists already");
+  Json document{{"domain", domain}, {"id", id}, {"added", added}};
+  if (dryRun && added) document["id"] = nullptr;
+  answerChange(session, document, added ? "+ " + domain : "", dryRun);
+  if (!dryRun && !session.isJson()) session.output().line(std::to_string(id));
   return ExitCode::Done;
 }
 

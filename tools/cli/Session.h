@@ -38,7 +38,6 @@ class Session {
 
   [[nodiscard]] Output& output() noexcept { return m_output; }
   [[nodiscard]] bool isJson() const noexcept { return m_options.json; }
-  [[nodiscard]] bool isVerbose() const noexcept { return m_options.verbose; }
   // As if --local had been given.
   void useLocal();
   // The directory of the private server that --local or the default names.

@@ -150,13 +150,9 @@ class Reader {
 
   std::string add(EmailAddress address) {
     const std::string domain = address.domain();
-    // Users of one domain are usually next to each other.
-    if (m_last == nullptr || m_lastDomain != domain) {
-      m_last = usersOf(domain);
-      m_lastDomain = domain;
-    }
-    if (m_last == nullptr) return "there is no domain " + domain + " in the configuration";
-    m_last->push_back(std::move(address));
+    std::vector<EmailAddress>* const users = usersOf(domain);
+    if (users == nullptr) return "there is no domain " + domain + " in the configuration";
+    users->push_back(std::move(address));
     return "";
   }
 
@@ -179,8 +175,6 @@ class Reader {
   LineFaults m_faults;
   UserFile m_file;
   std::map<std::string, std::vector<EmailAddress>*> m_known;  // By the spelling of the domain.
-  std::vector<EmailAddress>* m_last = nullptr;
-  std::string m_lastDomain;
 };
 
 Counts s_write(const Users& users, CMF::MailUserKind kind, bool dryRun, Progress& progress) {
