@@ -262,12 +262,6 @@ void LocalServer::makeDirectory() const {
   s_makePrivate(m_directory);
 }
 
-void LocalServer::makeInnerDirectories() const {
-  s_makePrivate(runDirectory());
-  s_makePrivate(cmfDirectory());
-  s_makePrivate(m_directory + s_temporaryName);
-}
-
 // The data files appear under their name only when they are complete.
 void LocalServer::setUpData(const Options& options) const {
   if (fs::exists(dataDirectory())) return;
@@ -294,7 +288,7 @@ void LocalServer::setUpData(const Options& options) const {
   const int status = runDetached(command, logFile());
   if (status != 0) {
     s_fail(s_startContext, "Setting up the data files ended with status " + std::to_string(status) +
-                               "; the end of " + logFile() + ":" + lastLogLines());
+                               lastLogLines());
   }
   fs::rename(fresh, dataDirectory());
 }
@@ -353,7 +347,7 @@ std::string LocalServer::lastLogLines() const {
     lines.push_back(line);
     if (lines.size() > s_shownLines) lines.pop_front();
   }
-  std::string text;
+  std::string text = "; the end of " + logFile() + ":";
   for (const std::string& line : lines) text += "\n" + line;
   return text;
 }
@@ -364,13 +358,12 @@ void LocalServer::awaitAnswer(pid_t server) const {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit - Clock::now());
     if (greets(socketPath(), static_cast<int>(left.count()))) return;
     if (hasEnded(server)) {
-      s_fail(s_startContext,
-             "The server ended while it started; the end of " + logFile() + ":" + lastLogLines());
+      s_fail(s_startContext, "The server ended while it started" + lastLogLines());
     }
     std::this_thread::sleep_for(s_pause);
   }
   s_fail(s_startContext, "The server did not answer within " + std::to_string(s_patience.count()) +
-                             " seconds; the end of " + logFile() + ":" + lastLogLines());
+                             " seconds" + lastLogLines());
 }
 
 bool LocalServer::start() {
@@ -380,7 +373,9 @@ bool LocalServer::start() {
 bool LocalServer::start(const Options& options) try {
   makeDirectory();
   const DirectoryLock lock(s_startContext, m_directory);
-  makeInnerDirectories();
+  for (const std::string& inner : {runDirectory(), cmfDirectory(), m_directory + s_temporaryName}) {
+    s_makePrivate(inner);
+  }
   // A server that runs may have been started a moment ago by a process that has ended.
   if (const pid_t running = pid(); running != 0) {
     awaitAnswer(running);

@@ -69,12 +69,12 @@ class LocalServer {
   [[nodiscard]] std::string runDirectory() const;
   [[nodiscard]] std::string pidFile() const;
   void makeDirectory() const;
-  void makeInnerDirectories() const;
   void setUpData(const Options& options) const;
   void placeSocket() const;
   void removeSocketDirectory() const;
   void writeOptionFile() const;
   [[nodiscard]] std::vector<std::string> arguments(const Options& options) const;
+  // Fit to follow an error message.
   [[nodiscard]] std::string lastLogLines() const;
   void awaitAnswer(pid_t server) const;
 

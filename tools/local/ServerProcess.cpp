@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <system_error>
 
@@ -104,19 +103,6 @@ int s_openForWriting(const std::string& file, int how) {
   return descriptor;
 }
 
-std::string s_readFile(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
-std::string s_baseName(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);
-}
-
-int s_exitStatus(int status) {
-  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 }  // namespace
 
 std::string findServerProgram(const std::vector<std::string>& names) {
@@ -180,16 +166,16 @@ int runDetached(const std::vector<std::string>& command, const std::string& logF
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) s_fail("LocalServer::start", "Cannot wait: " + s_reason(errno));
   }
-  return s_exitStatus(status);
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 bool isServer(pid_t pid, const std::string& argument) {
   if (pid <= 0) return false;
   // Arguments end with NUL characters; a dead process that nobody collected has none.
-  std::istringstream list(s_readFile("/proc/" + std::to_string(pid) + "/cmdline"));
+  std::ifstream list("/proc/" + std::to_string(pid) + "/cmdline");
   std::string word;
   if (!std::getline(list, word, '\0')) return false;
-  const std::string program = s_baseName(word);
+  const std::string program = word.substr(word.rfind('/') + 1);
   if (program != "mariadbd" && program != "mysqld") return false;
   while (std::getline(list, word, '\0')) {
     if (word == argument) return true;
