@@ -26,11 +26,13 @@
 #include "database/Connection.h"
 #include "database/Query.h"
 #include "local/ServerProcess.h"
+#include "support/Caught.h"
 
 namespace Tessel {
 namespace {
 
 namespace fs = std::filesystem;
+using Testing::caught;
 using testing::HasSubstr;
 
 LocalServer::Options s_small() {
@@ -104,17 +106,6 @@ class LocalServerTest : public testing::Test {
     query << statement;
     query.execute();
   }
-  template <class Call>
-  static Exception failure(Call call) {
-    try {
-      call();
-    } catch (const Exception& thrown) {
-      return thrown;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {"", 0, nullptr, 0};
-  }
-
   std::string m_directory;
   std::vector<std::string> m_started;
 };
@@ -254,7 +245,7 @@ TEST_F(LocalServerTest, DirectoryNamesMayHoldBlanksAndNumberSigns) {
 
 TEST_F(LocalServerTest, DirectoryNamesThatAnOptionFileCannotHoldAreRefused) {
   for (const char* name : {"", "a\"b", "a'b", "a\\b", "a\nb"}) {
-    EXPECT_EQ(failure([name] { LocalServer server(name); }).code(), 4) << name;
+    EXPECT_EQ(caught([name] { LocalServer server(name); }).code(), 4) << name;
   }
 }
 
@@ -263,7 +254,7 @@ TEST_F(LocalServerTest, ADirectoryInUseForSomethingElseIsLeftAlone) {
   std::ofstream(m_directory + "/home/letter") << "x";
   chmod((m_directory + "/home").c_str(), 0755);
   LocalServer server(m_directory + "/home");
-  EXPECT_THAT(failure([&] { server.start(s_small()); }).stringParameter(),
+  EXPECT_THAT(caught([&] { server.start(s_small()); }).stringParameter(),
               HasSubstr("is in use for something else"));
   EXPECT_EQ(modeOf(m_directory + "/home"), 0755U);
   EXPECT_FALSE(server.stop());
@@ -275,7 +266,7 @@ TEST_F(LocalServerTest, AServerThatEndsWhileItStartsIsReportedWithItsLog) {
   server.stop();
   LocalServer::Options options = s_small();
   options.arguments.emplace_back("--no-such-option=1");
-  const Exception got = failure([&] { server.start(options); });
+  const Exception got = caught([&] { server.start(options); });
   EXPECT_EQ(got.context(), "LocalServer::start");
   EXPECT_EQ(got.code(), 4);
   EXPECT_THAT(got.stringParameter(), HasSubstr("ended while it started"));
@@ -287,14 +278,14 @@ TEST_F(LocalServerTest, AFailedFirstSetUpIsReportedWithItsLog) {
   LocalServer server = make();
   LocalServer::Options options;
   options.arguments = {"--innodb-no-such-option=1"};
-  const Exception got = failure([&] { server.start(options); });
+  const Exception got = caught([&] { server.start(options); });
   EXPECT_THAT(got.stringParameter(), HasSubstr("Setting up the data files ended with status"));
   EXPECT_FALSE(fs::exists(server.dataDirectory()));
   EXPECT_TRUE(server.start(s_small()));
 }
 
 TEST_F(LocalServerTest, AMissingProgramIsReportedWithThePackageToInstall) {
-  const Exception got = failure([] { findServerProgram({"tsl-no-such-program"}); });
+  const Exception got = caught([] { findServerProgram({"tsl-no-such-program"}); });
   EXPECT_THAT(got.stringParameter(), HasSubstr("mariadb-server-core"));
 }
 
