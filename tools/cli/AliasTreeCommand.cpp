@@ -56,7 +56,7 @@ std::string s_quoted(const std::string& text) {
 class Explanation {
  public:
   Explanation(const Session& session, AliasTree& tree)
-      : m_session(session), m_tree(tree), m_users(), m_finals(tree.finals()) {
+      : m_session(session), m_tree(tree), m_finals(tree.finals()) {
     for (const AliasTree::Node& node : tree.nodes()) m_depth = std::max(m_depth, node.depth);
     if (m_tree.isAllUsers()) replaceMarker();
     for (const AliasTree::Node& node : tree.nodes()) {
@@ -272,7 +272,7 @@ void s_writeDot(Output& output, const AliasTree& tree, const Explanation& explan
     if (&node == &tree.nodes().front()) continue;
     const std::string from = s_quoted(tree.nodes()[node.parent].address->address());
     const char* const back = node.kind == NodeKind::Cycle ? " [label=\"cycle\", color=red]" : "";
-    output.line("  " + from + " -> " + name + back + ";");
+    output.line(std::string("  ").append(from).append(" -> ").append(name).append(back) + ";");
   }
   output.line("}");
 }

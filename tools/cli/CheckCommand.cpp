@@ -59,7 +59,7 @@ std::size_t s_widest(Database::Connection& connection, const std::string& table)
 class Check {
  public:
   explicit Check(Session& session)
-      : m_session(session), m_connection(""), m_users(), m_findings(session.output()) {}
+      : m_session(session), m_connection(""), m_findings(session.output()) {}
 
   ExitCode run() {
     const Schema schema = lookAtSchema(m_connection);

@@ -36,9 +36,8 @@ void s_requireName(const std::string& name) {
 
 // The kinds of table that --kind asks for.
 std::vector<TableKind> s_kinds(const std::string& kind) {
-  const std::vector<TableKind> all = {TableKind::Alias, TableKind::Mask};
-  if (kind.empty()) return all;
-  for (const TableKind known : all) {
+  if (kind.empty()) return {TableKind::Alias, TableKind::Mask};
+  for (const TableKind known : {TableKind::Alias, TableKind::Mask}) {
     if (kind == textOf(known)) return {known};
   }
   throw Failure(ExitCode::Usage, "--kind " + kind, "there is no such kind of table",

@@ -124,7 +124,7 @@ bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& 
     if (!(row.privateAddress == privateAddress))
       throw s_otherSpelling(privateAddress, row, m_table);
   }
-  for (const MaskRow& row : select(" where public=" + publicText + lock)) {
+  for (const MaskRow& row : select(std::string(" where public=").append(publicText).append(lock))) {
     if (!(row.privateAddress == privateAddress)) throw s_taken(publicAddress, row, m_table);
   }
   if (dryRun) return !present.empty();
