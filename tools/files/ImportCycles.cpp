@@ -50,7 +50,7 @@ DirectedGraph::Node ImportCycles::nodeOf(const FileEntry& entry) const {
   return static_cast<DirectedGraph::Node>(&entry - m_file.entries().data());
 }
 
-// DirectedGraph of entries to members that are new in their rows.
+// Links of entries to members that are new in their rows.
 std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& written) {
   std::vector<Link> added;
   for (const FileEntry* entry : written) {

@@ -57,7 +57,7 @@ class Table {
 
   [[nodiscard]] TableKind kind() const noexcept { return m_kind; }
   [[nodiscard]] const std::string& sqlName() const noexcept { return m_sqlName; }
-  // Tells this object from all others that there ever were.
+  // A different one for each object that there ever was.
   [[nodiscard]] std::uint64_t number() const noexcept { return m_number; }
 
   // The newest image; null when there was none yet.
