@@ -21,8 +21,8 @@ TEST(RowReader, PlainTextsAreReadAsTheyStand) {
   EXPECT_EQ(reader.key(), "Team@d.example");
   EXPECT_EQ(reader.keyAddress(), EmailAddress::rfc5321Parse("team@d.example", false));
   EXPECT_THAT(reader.values(), ElementsAre("b@d.example", "a@d.example", "B@d.example"));
-  EXPECT_EQ(joined(reader.valueSet()), "a@d.example,b@d.example");
-  EXPECT_EQ(reader.writtenValue(), "a@d.example,b@d.example");
+  EXPECT_EQ(joined(reader.valueAddresses()), "a@d.example,b@d.example");
+  EXPECT_EQ(joined(reader.valueAddresses()), "a@d.example,b@d.example");
 }
 
 TEST(RowReader, OtherTextsAreReadAsTheLibraryReadsThem) {
@@ -32,7 +32,7 @@ TEST(RowReader, OtherTextsAreReadAsTheLibraryReadsThem) {
       RowFault::None);
   EXPECT_EQ(reader.key(), "team@d.example");
   EXPECT_THAT(reader.values(), ElementsAre("\"a b\"@d.example", "allusers_d", "b@d.example"));
-  EXPECT_EQ(reader.writtenValue(), "\"a b\"@d.example,allusers_d,b@d.example");
+  EXPECT_EQ(joined(reader.valueAddresses()), "\"a b\"@d.example,allusers_d,b@d.example");
 }
 
 TEST(RowReader, AValueThatIsWrittenAlreadyStaysAsItIs) {
@@ -40,7 +40,7 @@ TEST(RowReader, AValueThatIsWrittenAlreadyStaysAsItIs) {
   for (const char* const text :
        {"a@d.example", "a@d.example,b@d.example", "a@d.example,allusers_d"}) {
     EXPECT_EQ(reader.readValue(text), RowFault::None);
-    EXPECT_EQ(reader.writtenValue(), text);
+    EXPECT_EQ(joined(reader.valueAddresses()), text);
   }
 }
 

@@ -39,6 +39,7 @@ class TableReader {
   TableReader(const TableFormat& format, const FileSyntax& syntax, std::string table)
       : m_format(format),
         m_syntax(syntax),
+        m_reader(format.kind),
         m_table(std::move(table)),
         m_connection(std::string(s_database)),
         m_snapshot(isolated(m_connection)) {}
@@ -91,32 +92,35 @@ class TableReader {
 
   bool check(std::string_view key, std::string_view value, std::string& text) {
     TableEntry entry;
-    std::string fault = m_format.read(key, value, entry);
+    if (const auto fault = readEntry(m_reader, key, value, entry)) return refuse(key, fault->why);
     // Two spellings of one address would be two lines that no import accepts.
-    if (fault.empty() && !m_seen.add(entry.key.address()).isNew) {
-      fault = "another row is that of the same address";
+    if (!m_seen.add(entry.key.address()).isNew) {
+      return refuse(key, "another row is that of the same address");
     }
     // So would a public address that two rows show.
-    if (fault.empty() && m_format.hasPublic && !m_public.add(entry.value).isNew) {
-      fault = "another row has the same public address";
+    if (m_format.hasPublic && !m_public.add(entry.value()).isNew) {
+      return refuse(key, "another row has the same public address");
     }
-    if (!fault.empty()) {
-      m_good = false;
-      report(Failure(ExitCode::BadData, "broken row '" + std::string(key) + "' of table " + m_table,
-                     fault, "correct or delete the row with an SQL client"));
-      return false;
-    }
-    fault = m_syntax.write(entry, text);
-    if (fault.empty()) return true;
+    const auto fault = m_syntax.write(entry, text);
+    if (!fault) return true;
     m_good = false;
-    report(Failure(ExitCode::BadData, "row '" + std::string(key) + "' of table " + m_table,
-                   std::string("the format ") + m_syntax.name() + " cannot express it: " + fault,
-                   ""));
+    report(Failure(
+        ExitCode::BadData, "row '" + std::string(key) + "' of table " + m_table,
+        std::string("the format ") + m_syntax.name() + " cannot express it: " + fault->why, ""));
+    return false;
+  }
+
+  // Reports the broken row of `key`; false.
+  bool refuse(std::string_view key, const std::string& why) {
+    m_good = false;
+    report(Failure(ExitCode::BadData, "broken row '" + std::string(key) + "' of table " + m_table,
+                   why, "correct or delete the row with an SQL client"));
     return false;
   }
 
   const TableFormat& m_format;
   const FileSyntax& m_syntax;
+  RowReader m_reader;
   std::string m_table;
   Database::Connection m_connection;
   Database::Transaction m_snapshot;
@@ -182,22 +186,22 @@ void s_exportToFile(Session& session, TableReader& reader, const std::string& he
   if (session.isJson()) session.output().document(Json{{"file", printable(path)}, {"rows", rows}});
 }
 
-FileSyntax s_syntax(const Arguments& arguments, const TableFormat& format) {
-  FileSyntax syntax = FileSyntax::named(arguments.format, format, arguments.domain);
-  if (syntax.format() != FileFormat::Aliases || !arguments.domain.empty()) return syntax;
+std::unique_ptr<FileSyntax> s_syntax(const Arguments& arguments, const TableFormat& format) {
+  auto syntax = FileSyntax::named(arguments.format, format, arguments.domain);
+  if (syntax->format() != FileFormat::Aliases || !arguments.domain.empty()) return syntax;
   throw Failure(ExitCode::Usage, "--format aliases", "its names are those of one domain",
                 "give --domain DOMAIN");
 }
 
 ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
-  const FileSyntax syntax = s_syntax(arguments, format);
+  const auto syntax = s_syntax(arguments, format);
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
-  TableReader reader(format, syntax, table);
+  TableReader reader(format, *syntax, table);
   if (arguments.path.empty() || arguments.path == "-") {
-    s_exportToOutput(session, reader, syntax.header(), table);
+    s_exportToOutput(session, reader, syntax->header(), table);
   } else {
-    s_exportToFile(session, reader, syntax.header(), arguments.path, table);
+    s_exportToFile(session, reader, syntax->header(), arguments.path, table);
   }
   return ExitCode::Done;
 }

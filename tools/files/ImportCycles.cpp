@@ -20,17 +20,18 @@ void ImportCycles::keep(std::string_view name, std::string_view members) {
 std::vector<ImportCycles::Cycle> ImportCycles::find(const std::vector<const FileEntry*>& written) {
   const std::vector<FileEntry>& entries = m_file.entries();
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    addLinks(static_cast<DirectedGraph::Node>(i), entries[i].value);
+    addLinks(static_cast<DirectedGraph::Node>(i), aliasesIn(entries[i]));
   }
   std::size_t start = 0;
   for (std::size_t i = 0; i < m_ends.size(); ++i) {
     addLinks(static_cast<DirectedGraph::Node>(entries.size() + i),
-             std::string_view(m_members).substr(start, m_ends[i] - start));
+             aliasesIn(std::string_view(m_members).substr(start, m_ends[i] - start)));
     start = m_ends[i];
   }
   // Mostly no alias is a member of another one.
   if (m_links.empty()) return {};
   std::vector<DirectedGraph::Node> nodes;
+  nodes.reserve(written.size());
   for (const FileEntry* entry : written) nodes.push_back(nodeOf(*entry));
   const DirectedGraph links(m_names.size(), m_links);
   std::vector<Cycle> cycles;
@@ -56,19 +57,26 @@ std::vector<Link> ImportCycles::addedLinks(const std::vector<const FileEntry*>& 
   for (const FileEntry* entry : written) {
     const DirectedGraph::Node alias = nodeOf(*entry);
     const auto replaced = m_replaced.find(alias);
-    const std::set<DirectedGraph::Node> before = replaced == m_replaced.end()
-                                                     ? std::set<DirectedGraph::Node>()
-                                                     : aliasesIn(replaced->second);
-    for (const DirectedGraph::Node member : aliasesIn(entry->value)) {
+    const Aliases before = replaced == m_replaced.end() ? Aliases() : aliasesIn(replaced->second);
+    for (const DirectedGraph::Node member : aliasesIn(*entry)) {
       if (member != alias && !before.contains(member)) added.push_back({alias, member});
     }
   }
   return added;
 }
 
+ImportCycles::Aliases ImportCycles::aliasesIn(const FileEntry& entry) const {
+  Aliases aliases;
+  for (const EmailAddress& member : entry.values) {
+    const AddressIndex::Id id = m_names.find(member.address());
+    if (id != AddressIndex::s_none) aliases.insert(id);
+  }
+  return aliases;
+}
+
 // The aliases among `members`; none when they cannot be read.
-std::set<DirectedGraph::Node> ImportCycles::aliasesIn(std::string_view members) {
-  std::set<DirectedGraph::Node> aliases;
+ImportCycles::Aliases ImportCycles::aliasesIn(std::string_view members) {
+  Aliases aliases;
   if (m_reader.readValue(members) != RowFault::None) return aliases;
   for (const std::string_view member : m_reader.values()) {
     const AddressIndex::Id id = m_names.find(member);
@@ -77,8 +85,8 @@ std::set<DirectedGraph::Node> ImportCycles::aliasesIn(std::string_view members) 
   return aliases;
 }
 
-void ImportCycles::addLinks(DirectedGraph::Node alias, std::string_view members) {
-  for (const DirectedGraph::Node member : aliasesIn(members)) {
+void ImportCycles::addLinks(DirectedGraph::Node alias, const Aliases& members) {
+  for (const DirectedGraph::Node member : members) {
     if (member != alias) m_links.push_back({alias, member});
   }
 }

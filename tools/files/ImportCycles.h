@@ -41,8 +41,11 @@ class ImportCycles {
 
  private:
   [[nodiscard]] DirectedGraph::Node nodeOf(const FileEntry& entry) const;
-  [[nodiscard]] std::set<DirectedGraph::Node> aliasesIn(std::string_view members);
-  void addLinks(DirectedGraph::Node alias, std::string_view members);
+  using Aliases = std::set<DirectedGraph::Node>;
+
+  [[nodiscard]] Aliases aliasesIn(const FileEntry& entry) const;
+  [[nodiscard]] Aliases aliasesIn(std::string_view members);
+  void addLinks(DirectedGraph::Node alias, const Aliases& members);
   [[nodiscard]] std::vector<Link> addedLinks(const std::vector<const FileEntry*>& written);
 
   const TableFile& m_file;

@@ -1,4 +1,4 @@
-// The lines of a file.
+// The lines of a file, and its records.
 #include "files/Lines.h"
 
 #include <cerrno>
@@ -17,7 +17,13 @@ constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
 }  // namespace
 
 bool isBlank(std::string_view line) {
-  return line.find_first_not_of(" \t\r") == std::string_view::npos;
+  return line.find_first_not_of(s_blanks) == std::string_view::npos;
+}
+
+std::string_view trimmed(std::string_view text) {
+  if (isBlank(text)) return {};
+  const std::size_t first = text.find_first_not_of(s_blanks);
+  return text.substr(first, text.find_last_not_of(s_blanks) + 1 - first);
 }
 
 Lines::Lines(const std::string& path, const std::string& name)
@@ -65,6 +71,38 @@ bool Lines::read(std::string_view& line) {
 void Lines::fail(const std::string& subject) {
   throw Failure(ExitCode::BadData, subject, std::generic_category().message(errno),
                 "nothing was written; name a readable file, or - for standard input");
+}
+
+bool Records::next(std::string_view& record) {
+  if (m_areLogical) return nextLogical(record);
+  while (m_lines.next(record)) {
+    m_number = m_lines.number();
+    if (!isBlank(record)) return true;
+  }
+  return false;
+}
+
+bool Records::nextLogical(std::string_view& record) {
+  m_record = std::exchange(m_start, "");
+  m_number = m_startNumber;
+  std::string_view line;
+  while (m_lines.next(line)) {
+    // Neither ends a record.
+    const std::size_t first = line.find_first_not_of(s_blanks);
+    if (first == std::string_view::npos || line[first] == '#') continue;
+    if (m_record.empty()) {
+      m_record = line;
+      m_number = m_lines.number();
+    } else if (first > 0) {
+      m_record += line;
+    } else {
+      m_start = line;
+      m_startNumber = m_lines.number();
+      break;
+    }
+  }
+  record = m_record;
+  return !m_record.empty();
 }
 
 }  // namespace Tessel::Tool

@@ -1,4 +1,4 @@
-// The lines of a file.
+// The lines of a file, and its records.
 #ifndef TSL_TOOLS_FILES_LINES_H
 #define TSL_TOOLS_FILES_LINES_H
 
@@ -10,8 +10,13 @@
 
 namespace Tessel::Tool {
 
-// True for a line of blanks, tabs and CR alone.
+// Blanks inside a line, and the CR before its LF.
+constexpr std::string_view s_blanks = " \t\r";
+
+// True for a line of these alone.
 bool isBlank(std::string_view line);
+// `text` without those around it.
+std::string_view trimmed(std::string_view text);
 
 // The lines of a file, of any length and with any bytes; a byte order mark at the start is left
 // out. One thread.
@@ -45,6 +50,31 @@ class Lines {
   std::string m_given;  // The line that came last out of `m_ahead`.
   std::size_t m_number = 0;
   bool m_started = false;
+};
+
+// The records of a file: its lines, or its logical lines, which lines that begin with a blank
+// continue and among which those that begin with "#" are comments. Blank ones are left out. One
+// thread.
+class Records {
+ public:
+  // `lines` must outlive the object.
+  Records(Lines& lines, bool areLogical) : m_lines(lines), m_areLogical(areLogical) {}
+
+  // The next record; false at the end of the file. Throws as Lines::next(). `record` is valid until
+  // the next call.
+  bool next(std::string_view& record);
+  // The number of the line with which the record begins, from 1.
+  [[nodiscard]] std::size_t number() const noexcept { return m_number; }
+
+ private:
+  bool nextLogical(std::string_view& record);
+
+  Lines& m_lines;
+  bool m_areLogical;
+  std::size_t m_number = 0;
+  std::string m_record;
+  std::string m_start;  // The line that ended the record before it.
+  std::size_t m_startNumber = 0;
 };
 
 }  // namespace Tessel::Tool

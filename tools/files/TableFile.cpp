@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "failure/Failure.h"
+#include "files/FileSyntax.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -39,18 +40,17 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
     : m_name(path == "-" ? "standard input" : path) {
   progress.beginReading(path);
   Lines lines(path, m_name);
-  const FileSyntax syntax = options.format.empty()
-                                ? FileSyntax::detected(lines, m_name, format, options.domain)
-                                : FileSyntax::named(options.format, format, options.domain);
+  const auto syntax = options.format.empty()
+                          ? FileSyntax::detected(lines, m_name, format, options.domain)
+                          : FileSyntax::named(options.format, format, options.domain);
   LineFaults faults(m_name);
-  read(lines, syntax, faults, progress);
+  read(lines, *syntax, faults, progress);
   findDoubles(format, faults);
   faults.refuse("it has bad lines");
 }
 
-void TableFile::read(Lines& lines, const FileSyntax& syntax, LineFaults& faults,
-                     Progress& progress) {
-  Records records(lines, syntax);
+void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress) {
+  Records records(lines, syntax.isLogical());
   std::string header = syntax.header();
   if (!header.empty()) header.pop_back();  // The CR, which `Lines` takes off too.
   std::string_view record;
@@ -63,11 +63,10 @@ void TableFile::read(Lines& lines, const FileSyntax& syntax, LineFaults& faults,
     }
     FileEntry entry;
     entry.number = records.number();
-    const std::string fault = syntax.read(record, entry);
-    if (fault.empty()) {
-      m_entries.push_back(std::move(entry));
+    if (const auto fault = syntax.read(record, entry)) {
+      faults.add(records.number(), fault->why);
     } else {
-      faults.add(records.number(), fault);
+      m_entries.push_back(std::move(entry));
     }
   }
 }
@@ -88,12 +87,12 @@ void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
   if (!format.hasPublic) return;
   for (const FileEntry& entry : m_entries) m_byPublic.push_back(&entry);
   std::sort(m_byPublic.begin(), m_byPublic.end(), [](const FileEntry* a, const FileEntry* b) {
-    if (a->shown == b->shown) return a->number < b->number;
-    return a->shown < b->shown;
+    if (a->values.front() == b->values.front()) return a->number < b->number;
+    return a->values.front() < b->values.front();
   });
   for (std::size_t i = 1; i < m_byPublic.size(); ++i) {
-    if (!(m_byPublic[i - 1]->shown == m_byPublic[i]->shown)) continue;
-    report(*m_byPublic[i - 1], *m_byPublic[i], "public address", m_byPublic[i]->shown);
+    if (!(m_byPublic[i - 1]->values.front() == m_byPublic[i]->values.front())) continue;
+    report(*m_byPublic[i - 1], *m_byPublic[i], "public address", m_byPublic[i]->values.front());
   }
 }
 
@@ -107,8 +106,8 @@ const FileEntry* TableFile::withKey(const EmailAddress& key) const {
 const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
   const auto found = std::lower_bound(
       m_byPublic.begin(), m_byPublic.end(), address,
-      [](const FileEntry* entry, const EmailAddress& a) { return entry->shown < a; });
-  return found != m_byPublic.end() && (*found)->shown == address ? *found : nullptr;
+      [](const FileEntry* entry, const EmailAddress& a) { return entry->values.front() < a; });
+  return found != m_byPublic.end() && (*found)->values.front() == address ? *found : nullptr;
 }
 
 }  // namespace Tessel::Tool

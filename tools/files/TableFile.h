@@ -64,7 +64,7 @@ class TableFile {
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  void read(Lines& lines, const FileSyntax& syntax, LineFaults& faults, Progress& progress);
+  void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress);
   void findDoubles(const TableFormat& format, LineFaults& faults);
 
   std::string m_name;

@@ -98,10 +98,10 @@ void TableImport::checkSizes() {
                                    m_table + ", which holds " + size.text());
     };
     check(key, m_format.key, entry.key.address());
-    check(value, m_format.value, entry.value);
+    const std::string text = entry.value();
+    check(value, m_format.value, text);
     // A literal can be twice as long as its text; what is far from the limit is not looked at.
-    if (2 * entry.value.size() + 2 * s_frame > longest &&
-        valuesOf(entry).size() + s_frame > longest) {
+    if (2 * text.size() + 2 * s_frame > longest && valuesOf(entry).size() + s_frame > longest) {
       faults.add(entry.number, "too long for one statement: the server's max_allowed_packet is " +
                                    packet + " bytes");
     }
@@ -151,7 +151,8 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   const EmailAddress address = s_parse(key);
   const FileEntry* const entry = address.isNull() ? nullptr : m_file.withKey(address);
   if (entry == nullptr) return meetUnmentioned(key, value, faults);
-  if (m_cycles != nullptr && value != entry->value) m_cycles->replace(*entry, value);
+  const bool isSame = value == entry->value();
+  if (m_cycles != nullptr && !isSame) m_cycles->replace(*entry, value);
   Match& match = matches[static_cast<std::size_t>(entry - m_file.entries().data())];
   const bool exact = key == entry->key.address();
   if (match.present && !exact) {
@@ -161,7 +162,7 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   }
   if (match.present) m_removed.push_back(std::move(match.other));
   match.present = true;
-  match.equal = exact && value == entry->value;
+  match.equal = exact && isSame;
   match.other = {};
   if (!exact) match.other = {std::string(key), std::string(value)};
 }
@@ -178,7 +179,7 @@ void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
   const EmailAddress address = s_parse(value);
   const FileEntry* const taken = address.isNull() ? nullptr : m_file.withPublic(address);
   if (taken == nullptr) return;
-  faults.add(taken->number, s_shown(taken->key.address(), taken->value) +
+  faults.add(taken->number, s_shown(taken->key.address(), taken->value()) +
                                 " has the public address of the row " + s_shown(key, value) +
                                 " of table " + m_table + ", which the file does not mention");
 }
@@ -247,18 +248,19 @@ std::string TableImport::insertion() const {
 }
 
 std::string TableImport::valuesOf(const FileEntry& entry) const {
-  return "( " + literal(entry.key.address()) + "," + literal(entry.value) + " )";
+  return "( " + literal(entry.key.address()) + "," + literal(entry.value()) + " )";
 }
 
 void TableImport::insertAll(const Entries& entries, const std::string& end) {
   std::string statement = insertion();
+  std::string next = entries.empty() ? "" : valuesOf(*entries.front());
   for (std::size_t first = 0, i = 0; i < entries.size(); ++i) {
     if (i != first) statement += ",";
-    statement += valuesOf(*entries[i]);
-    const std::size_t rows = i + 1 - first;
-    // The next row must fit too.
-    const bool full = rows == s_rowsPerStatement || i + 1 == entries.size() ||
-                      statement.size() + 2 * entries[i + 1]->value.size() + s_frame > m_bytes;
+    statement += next;
+    const bool last = i + 1 == entries.size();
+    if (!last) next = valuesOf(*entries[i + 1]);
+    const bool full = last || i + 1 - first == s_rowsPerStatement ||
+                      statement.size() + next.size() + s_frame > m_bytes;
     if (!full) continue;
     insertBatch(entries, first, i + 1, statement, end);
     statement = insertion();
@@ -286,7 +288,7 @@ void TableImport::respell(const ChangedRow& row) {
   writeOne(*row.entry, [&] {
     runStatement(m_connection, "update " + m_table +
                                    " set name=" + literal(row.entry->key.address()) +
-                                   ", members=" + literal(row.entry->value) +
+                                   ", members=" + literal(row.entry->value()) +
                                    " where name=" + literal(row.otherKey) + ";");
   });
   m_progress->add(1);
@@ -303,7 +305,7 @@ void TableImport::writeOne(const FileEntry& entry, Write write) {
     statement.append(m_table).append(" where ").append(m_format.key).append("=");
     statement.append(literal(entry.key.address()));
     if (m_format.hasPublic) {
-      statement.append(" or ").append(m_format.value).append("=").append(literal(entry.value));
+      statement.append(" or ").append(m_format.value).append("=").append(literal(entry.value()));
     }
     std::string rows;
     selectPairs(m_connection, statement + ";", [&](std::string_view key, std::string_view value) {
@@ -311,7 +313,7 @@ void TableImport::writeOne(const FileEntry& entry, Write write) {
     });
     throw Failure(ExitCode::BadData,
                   m_file.name() + ":" + std::to_string(entry.number) + ": " +
-                      s_shown(entry.key.address(), entry.value),
+                      s_shown(entry.key.address(), entry.value()),
                   "the server takes it for " + (rows.empty() ? "another row" : rows) +
                       " of table " + m_table + ", which is spelled differently",
                   "nothing was written; use one spelling in the file and the table");

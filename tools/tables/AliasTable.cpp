@@ -28,7 +28,10 @@ AliasRow s_read(const TextRow& texts) {
   row.fault = reader.read(row.name, row.text);
   if (row.fault != RowFault::None) row.why = reader.why();
   if (!reader.key().empty()) row.alias = reader.keyAddress();
-  if (row.fault == RowFault::None) row.members = reader.valueSet();
+  if (row.fault == RowFault::None) {
+    const std::vector<EmailAddress> members = reader.valueAddresses();
+    row.members = {members.begin(), members.end()};
+  }
   return row;
 }
 

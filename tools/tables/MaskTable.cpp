@@ -27,7 +27,7 @@ MaskRow s_row(std::string_view privateText, std::string_view publicText) {
   row.fault = reader.read(privateText, publicText);
   if (row.fault != RowFault::None) row.why = reader.why();
   if (!reader.key().empty()) row.privateAddress = reader.keyAddress();
-  if (!reader.values().empty()) row.publicAddress = *reader.valueSet().begin();
+  if (!reader.values().empty()) row.publicAddress = reader.valueAddresses().front();
   return row;
 }
 

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "base/Exception.h"
-#include "failure/Failure.h"
 #include "tables/PlainAddresses.h"
 
 namespace Tessel::Tool {
@@ -25,17 +23,11 @@ bool s_isEmpty(RowFault fault) {
   return fault == RowFault::EmptyKey || fault == RowFault::EmptyValue;
 }
 
-// Calls `parse`. Why it cannot; empty when it can. Exceptions with other reasons pass.
+// As addressFault(), of a parser that would stop at a NUL of `text`.
 template <class Parse>
-std::string s_faultOf(std::string_view text, Parse parse) {
+std::optional<std::string> s_faultOf(std::string_view text, Parse parse) {
   if (text.find('\0') != std::string_view::npos) return "it contains a NUL character";
-  try {
-    parse();
-  } catch (const Exception& exception) {
-    if (!isAddressFault(exception)) throw;
-    return reasonOf(exception);
-  }
-  return "";
+  return addressFault(parse);
 }
 
 }  // namespace
@@ -57,24 +49,20 @@ RowFault RowReader::readKey(std::string_view text) {
     m_key = text;
     return RowFault::None;
   }
-  const std::string fault =
+  const auto fault =
       s_faultOf(text, [&] { m_parsedKey = EmailAddress::rfc5321Parse(text, false).address(); });
-  if (!fault.empty()) return refuse(RowFault::BadKey, fault);
+  if (fault) return refuse(RowFault::BadKey, *fault);
   if (m_parsedKey.empty()) return refuse(RowFault::EmptyKey, "");
   m_key = m_parsedKey;
   return RowFault::None;
 }
 
 RowFault RowReader::readValue(std::string_view text) {
-  m_plain = {};
   const bool isMask = m_kind == TableKind::Mask;
-  if (splitPlain(text, m_values) && (!isMask || m_values.size() == 1)) {
-    m_plain = text;
-    return RowFault::None;
-  }
+  if (splitPlain(text, m_values) && (!isMask || m_values.size() == 1)) return RowFault::None;
   m_values.clear();
   m_parsedValues.clear();
-  const std::string fault = s_faultOf(text, [&] {
+  const auto fault = s_faultOf(text, [&] {
     if (isMask) {
       const EmailAddress address = EmailAddress::rfc5321Parse(text, false);
       if (!address.isNull()) m_parsedValues.push_back(address.address());
@@ -84,7 +72,7 @@ RowFault RowReader::readValue(std::string_view text) {
       m_parsedValues.push_back(member.address());
     }
   });
-  if (!fault.empty()) return refuse(RowFault::BadValue, fault);
+  if (fault) return refuse(RowFault::BadValue, *fault);
   if (m_parsedValues.empty()) return refuse(RowFault::EmptyValue, "");
   m_values.assign(m_parsedValues.begin(), m_parsedValues.end());
   return RowFault::None;
@@ -105,36 +93,20 @@ EmailAddress RowReader::keyAddress() const {
   return EmailAddress::rfc5321Parse(m_key, false);
 }
 
-std::set<EmailAddress> RowReader::valueSet() const {
-  std::set<EmailAddress> addresses;
-  // A member may have no domain, as the all-users marker.
-  for (const std::string_view value : m_values) {
-    addresses.insert(EmailAddress::rfc5321Parse(value, m_kind == TableKind::Alias));
-  }
-  return addresses;
-}
-
-std::string RowReader::writtenValue() const {
-  if (m_values.size() == 1) return std::string(m_values.front());
+std::vector<EmailAddress> RowReader::valueAddresses() const {
   std::vector<EmailAddress> addresses;
   addresses.reserve(m_values.size());
+  // A member may have no domain, as the all-users marker.
   for (const std::string_view value : m_values) {
-    addresses.push_back(EmailAddress::rfc5321Parse(value, true));
+    addresses.push_back(EmailAddress::rfc5321Parse(value, m_kind == TableKind::Alias));
   }
-  const auto inOrder = [](const EmailAddress& a, const EmailAddress& b) { return !(a < b); };
-  const bool isWritten =
-      std::adjacent_find(addresses.begin(), addresses.end(), inOrder) == addresses.end();
-  if (isWritten && !m_plain.empty()) return std::string(m_plain);
-  return joined({addresses.begin(), addresses.end()});
-}
-
-std::string joined(const std::set<EmailAddress>& addresses) {
-  std::string text;
-  for (const EmailAddress& address : addresses) {
-    if (!text.empty()) text += ",";
-    text += address.address();
+  const auto isMisplaced = [](const EmailAddress& a, const EmailAddress& b) { return !(a < b); };
+  if (std::adjacent_find(addresses.begin(), addresses.end(), isMisplaced) != addresses.end()) {
+    // Of equal addresses the first stays.
+    std::stable_sort(addresses.begin(), addresses.end());
+    addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
   }
-  return text;
+  return addresses;
 }
 
 }  // namespace Tessel::Tool

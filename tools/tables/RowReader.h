@@ -2,12 +2,14 @@
 #ifndef TSL_TOOLS_TABLES_ROWREADER_H
 #define TSL_TOOLS_TABLES_ROWREADER_H
 
-#include <set>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "address/EmailAddress.h"
+#include "base/Exception.h"
+#include "failure/Failure.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Tool {
@@ -21,6 +23,13 @@ enum class RowFault {
   EmptyKey,
   BadValue,
   EmptyValue,  // The library does not treat a row without members as an alias.
+  BadFormat,   // Of files only: the format has no such line, or cannot express the row.
+};
+
+// A fault with its words for people.
+struct Fault {
+  RowFault kind;
+  std::string why;
 };
 
 // Reads rows of one kind of table, one after the other, in the way the library does. Nearly all
@@ -44,9 +53,8 @@ class RowReader {
   // The addresses of the value that was read last, likewise, in the order of its text; members may
   // be there twice.
   [[nodiscard]] const std::vector<std::string_view>& values() const noexcept { return m_values; }
-  [[nodiscard]] std::set<EmailAddress> valueSet() const;
-  // The value as it is written: in ascending order, each address once, joined by ",".
-  [[nodiscard]] std::string writtenValue() const;
+  // In ascending order, each once.
+  [[nodiscard]] std::vector<EmailAddress> valueAddresses() const;
 
  private:
   RowFault refuse(RowFault fault, const std::string& reason);
@@ -57,11 +65,30 @@ class RowReader {
   std::string m_parsedKey;
   std::vector<std::string_view> m_values;
   std::vector<std::string> m_parsedValues;
-  std::string_view m_plain;  // The value's text when it is plain.
 };
 
+// Why `parse` cannot read an address; nothing when it can. Exceptions with other reasons pass.
+template <class Parse>
+std::optional<std::string> addressFault(Parse parse) {
+  try {
+    parse();
+  } catch (const Exception& exception) {
+    if (!isAddressFault(exception)) throw;
+    return reasonOf(exception);
+  }
+  return std::nullopt;
+}
+
 // The addresses joined by ",", as they are written into a row and for people.
-std::string joined(const std::set<EmailAddress>& addresses);
+template <class Addresses>
+std::string joined(const Addresses& addresses) {
+  std::string text;
+  for (const EmailAddress& address : addresses) {
+    if (!text.empty()) text += ",";
+    text += address.address();
+  }
+  return text;
+}
 
 }  // namespace Tessel::Tool
 

@@ -1,8 +1,5 @@
-// Rows of both kinds of table as lines of a file.
+// The two kinds of table as the table files see them.
 #include "tables/TableFormat.h"
-
-#include "tables/RowReader.h"
-#include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
@@ -16,21 +13,13 @@ const TableFormat& TableFormat::mask() {
   return s_format;
 }
 
-std::string TableFormat::read(std::string_view keyText, std::string_view valueText,
-                              TableEntry& entry) const {
-  RowReader reader(kind);
-  if (reader.read(keyText, valueText) != RowFault::None) return reader.why();
+std::optional<Fault> readEntry(RowReader& reader, std::string_view key, std::string_view value,
+                               TableEntry& entry) {
+  const RowFault fault = reader.read(key, value);
+  if (fault != RowFault::None) return Fault{fault, reader.why()};
   entry.key = reader.keyAddress();
-  if (hasPublic) entry.shown = *reader.valueSet().begin();
-  entry.value = reader.writtenValue();
-  return "";
-}
-
-std::string TableFormat::readLine(std::string_view line, TableEntry& entry) const {
-  if (line.find('\0') != std::string_view::npos) return "it contains a NUL character";
-  const std::size_t end = endOfKey(line);
-  if (end == std::string_view::npos) return "there is no colon after an address";
-  return read(line.substr(0, end), line.substr(end + 1), entry);
+  entry.values = reader.valueAddresses();
+  return std::nullopt;
 }
 
 std::size_t endOfKey(std::string_view line) {

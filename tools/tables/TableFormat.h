@@ -1,23 +1,29 @@
-// The two kinds of table as the table files see them: the columns, and one row as a line.
+// The two kinds of table as the table files see them: the columns, and one row.
 #ifndef TSL_TOOLS_TABLES_TABLEFORMAT_H
 #define TSL_TOOLS_TABLES_TABLEFORMAT_H
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "address/EmailAddress.h"
+#include "tables/RowReader.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Tool {
 
 // One row of a good table or line of a good file.
 struct TableEntry {
-  EmailAddress key;    // The alias, or the private address.
-  EmailAddress shown;  // The public address; null for an alias.
-  std::string value;   // The members in ascending order, joined by ",", or the public address.
+  EmailAddress key;  // The alias, or the private address.
+  // The members in ascending order, each once, or the one public address.
+  std::vector<EmailAddress> values;
 
+  // The value as it is written.
+  [[nodiscard]] std::string value() const { return joined(values); }
   // The line without its end: "KEY:VALUE".
-  [[nodiscard]] std::string line() const { return key.address() + ":" + value; }
+  [[nodiscard]] std::string line() const { return key.address() + ":" + value(); }
 };
 
 // What distinguishes the kinds of table.
@@ -29,12 +35,11 @@ struct TableFormat {
 
   static const TableFormat& alias();
   static const TableFormat& mask();
-
-  // Reads the texts of a row, stored or of a line. Returns what is wrong, or empty text.
-  std::string read(std::string_view keyText, std::string_view valueText, TableEntry& entry) const;
-  // Reads a line without its end. Returns what is wrong, or empty text.
-  std::string readLine(std::string_view line, TableEntry& entry) const;
 };
+
+// Reads the texts of a row, stored or of a line. Returns what is wrong, if anything is.
+std::optional<Fault> readEntry(RowReader& reader, std::string_view key, std::string_view value,
+                               TableEntry& entry);
 
 // Where the colon is that ends the key of `line`: the first one that is in neither a quoted local
 // part nor an address literal. npos when there is none.
