@@ -57,6 +57,7 @@ void ExportFile::open() {
   if (exists && !S_ISREG(found.st_mode)) {
     m_descriptor = ::open(m_target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
     if (m_descriptor < 0) s_throw();
+    m_isDirect = true;
     return;
   }
   if (!exists) return openTemporary(0666);

@@ -24,7 +24,7 @@ class ExportFile {
   ExportFile& operator=(const ExportFile&) = delete;
 
   // True when what is written shows before finish(): the file is not a regular one.
-  [[nodiscard]] bool isDirect() const noexcept { return !m_file; }
+  [[nodiscard]] bool isDirect() const noexcept { return m_isDirect; }
   void write(std::string_view text);
   // Syncs everything to the disk and replaces the file, whose permissions stay.
   void finish();
@@ -39,7 +39,9 @@ class ExportFile {
   std::string m_path;    // For messages.
   std::string m_target;  // What a symbolic link leads to.
   std::optional<AtomicFile> m_file;
-  int m_descriptor = -1;  // Of a pipe or a device, as is the next.
+  // Of a pipe or a device, once it is open.
+  bool m_isDirect = false;
+  int m_descriptor = -1;
   std::string m_buffer;
 };
 
