@@ -10,7 +10,7 @@
 namespace Tessel::Tool {
 namespace {
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -57,9 +57,9 @@ TEST(RowReader, APublicAddressIsOneAddress) {
 
 struct Case {
   TableKind kind;
+  RowFault fault;
   std::string_view key;
   std::string_view value;
-  RowFault fault;
   const char* why;
 };
 
@@ -67,20 +67,20 @@ TEST(RowReader, EachFaultHasItsTypeAndItsWords) {
   constexpr auto alias = TableKind::Alias;
   constexpr auto mask = TableKind::Mask;
   const Case cases[] = {
-      {alias, "no address", "a@d", RowFault::BadKey, "bad alias: "},
-      {alias, "allusers_d", "a@d", RowFault::BadKey, "bad alias: "},
-      {alias, " ", "a@d", RowFault::EmptyKey, "the alias is empty"},
-      {alias, "a@d", "b@", RowFault::BadValue, "bad members: "},
-      {alias, "a@d", "", RowFault::EmptyValue, "the members are empty"},
-      {alias, "a@d", " , ", RowFault::EmptyValue, "the members are empty"},
-      {mask, "no address", "a@d", RowFault::BadKey, "bad private address: "},
-      {mask, "", "a@d", RowFault::EmptyKey, "the private address is empty"},
-      {mask, "a@d", "allusers_d", RowFault::BadValue, "bad public address: "},
-      {mask, "a@d", "", RowFault::EmptyValue, "the public address is empty"},
+      {alias, RowFault::BadKey, "no address", "a@d", "bad alias: "},
+      {alias, RowFault::BadKey, "allusers_d", "a@d", "bad alias: "},
+      {alias, RowFault::EmptyKey, " ", "a@d", "the alias is empty"},
+      {alias, RowFault::BadValue, "a@d", "b@", "bad members: "},
+      {alias, RowFault::EmptyValue, "a@d", "", "the members are empty"},
+      {alias, RowFault::EmptyValue, "a@d", " , ", "the members are empty"},
+      {mask, RowFault::BadKey, "no address", "a@d", "bad private address: "},
+      {mask, RowFault::EmptyKey, "", "a@d", "the private address is empty"},
+      {mask, RowFault::BadValue, "a@d", "allusers_d", "bad public address: "},
+      {mask, RowFault::EmptyValue, "a@d", "", "the public address is empty"},
       // What makes every reader of the whole table fail goes first.
-      {mask, "no address", "b@", RowFault::BadKey, "bad private address: "},
-      {mask, "", "b@", RowFault::BadValue, "bad public address: "},
-      {mask, "", "", RowFault::EmptyKey, "the private address is empty"},
+      {mask, RowFault::BadKey, "no address", "b@", "bad private address: "},
+      {mask, RowFault::BadValue, "", "b@", "bad public address: "},
+      {mask, RowFault::EmptyKey, "", "", "the private address is empty"},
   };
   for (const Case& one : cases) {
     RowReader reader(one.kind);
