@@ -16,12 +16,16 @@ class Background::Threads : public boost::asio::thread_pool {
 Background::Background(std::size_t threads) : m_threads(std::make_unique<Threads>(threads)) {}
 
 Background::~Background() {
-  m_threads->stop();
-  m_threads->join();
+  stop();
+  finish();
 }
 
 void Background::post(std::function<void()> task) {
   boost::asio::post(*m_threads, std::move(task));
+}
+
+void Background::stop() {
+  m_threads->stop();
 }
 
 void Background::finish() {

@@ -19,6 +19,8 @@ class Background {
 
   // `task` must not throw.
   void post(std::function<void()> task);
+  // Drops the tasks that do not run yet.
+  void stop();
   // Waits until all tasks are done.
   void finish();
 
