@@ -98,6 +98,7 @@ class TableWatchTest : public testing::Test {
 
   std::string takeLog() {
     m_isLogTaken = true;
+    m_log.flush();
     return testing::internal::GetCapturedStderr();
   }
 
