@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -49,11 +50,7 @@ class TcpSocket {
 
   // What the server at `port` says to `request`.
   std::string exchange(int port, const std::string& request) {
-    const sockaddr_in address = loopback(port);
-    EXPECT_EQ(connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
-              0);
-    EXPECT_EQ(send(m_descriptor, request.data(), request.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(request.size()));
+    sendOnly(port, request);
     std::string reply;
     char buffer[4096];
     for (ssize_t size = 1; size > 0;) {
@@ -61,6 +58,13 @@ class TcpSocket {
       if (size > 0) reply.append(buffer, static_cast<std::size_t>(size));
     }
     return reply;
+  }
+  void sendOnly(int port, const std::string& request) const {
+    const sockaddr_in address = loopback(port);
+    EXPECT_EQ(connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+              0);
+    EXPECT_EQ(send(m_descriptor, request.data(), request.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(request.size()));
   }
 
  private:
@@ -75,7 +79,7 @@ class TcpSocket {
   int m_descriptor;
 };
 
-// A listener at some free port, one for all tests: it takes two seconds to end.
+// A listener at some free port, one for all tests.
 class MetricsListenerTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -85,8 +89,7 @@ class MetricsListenerTest : public testing::Test {
     for (int attempt = 0; s_listener == nullptr; ++attempt) {
       s_port = TcpSocket().bindAnywhere();
       try {
-        s_listener =
-            std::make_unique<MetricsListener>("127.0.0.1:" + std::to_string(s_port), pages);
+        s_listener = std::make_unique<MetricsListener>("127.0.0.1", s_port, pages);
       } catch (const Tool::Failure&) {
         if (attempt == 20) throw;
       }
@@ -132,16 +135,31 @@ TEST_F(MetricsListenerTest, HasNothingElse) {
   EXPECT_THAT(put, Not(HasSubstr(" 200 ")));
 }
 
+TEST_F(MetricsListenerTest, HalfRequestsKeepNobodyOut) {
+  std::list<TcpSocket> others;
+  for (int i = 0; i < 100; ++i) {
+    others.emplace_back().sendOnly(s_port, "GET /metrics HT");
+  }
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+}
+
+TEST_F(MetricsListenerTest, AnEndlessHeaderEndsTheConnection) {
+  const std::string reply =
+      TcpSocket().exchange(s_port, "GET /metrics HTTP/1.1\r\nX: " + std::string(20000, 'x'));
+  EXPECT_THAT(reply, Not(HasSubstr(" 200 ")));
+}
+
 TEST_F(MetricsListenerTest, APortThatIsInUseIsRefused) {
   TcpSocket other;
   const int port = other.bindAnywhere();
   other.listenToNobody();
   try {
-    const MetricsListener listener("127.0.0.1:" + std::to_string(port), {});
+    const MetricsListener listener("127.0.0.1", port, {});
     ADD_FAILURE() << "it listens on a port that is in use";
   } catch (const Tool::Failure& failure) {
     EXPECT_EQ(failure.code(), Tool::ExitCode::Configuration);
     EXPECT_THAT(failure.subject(), HasSubstr(std::to_string(port)));
+    EXPECT_EQ(failure.why(), "Address already in use");
   }
 }
 

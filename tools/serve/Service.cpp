@@ -138,10 +138,8 @@ class Service {
   }
 
   void listenForMetrics(const ListenAddress& address) {
-    const bool isInet6 = address.host.find(':') != std::string::npos;
-    const std::string host = isInet6 ? "[" + address.host + "]" : address.host;
     m_metricsListener = std::make_unique<MetricsListener>(
-        host + ":" + std::to_string(address.port),
+        address.host, address.port,
         MetricsListener::Pages{[this] { return metrics(); }, [this] { return unready(); }});
   }
 

@@ -9,8 +9,8 @@
 namespace Tessel::Serve {
 
 // Serves GET on /metrics (Prometheus), /health (200 while the service works) and /ready (200 when
-// all tables can answer, 503 with the reason otherwise). The functions are called from threads of
-// its own. One thread creates and destroys it.
+// all tables can answer, 503 with the reason otherwise). The functions are called from a thread of
+// its own. When there are many connections, the oldest ends for a new one. One thread creates and destroys it.
 class MetricsListener {
  public:
   struct Pages {
@@ -18,9 +18,9 @@ class MetricsListener {
     std::function<std::string()> unready;  // Why the service is not ready; empty when it is.
   };
 
-  // Listens on `address`, "127.0.0.1:9321" or "[::1]:9321". Throws Tool::Failure,
+  // Listens on a port of the address or name `host`. Throws Tool::Failure,
   // ExitCode::Configuration, when it cannot listen there.
-  MetricsListener(const std::string& address, Pages pages);
+  MetricsListener(const std::string& host, int port, Pages pages);
   ~MetricsListener();
   MetricsListener(const MetricsListener&) = delete;
   MetricsListener& operator=(const MetricsListener&) = delete;
