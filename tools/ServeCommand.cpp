@@ -26,9 +26,9 @@ using Tool::Failure;
 
 const Settings s_default;
 
-// What answers and pages may take: less is no use, and by default an eighth of the memory.
+// What answers and pages may take: less is no use, and by default a sixteenth of the memory.
 constexpr std::size_t s_leastMemory = 1U << 20U;
-constexpr std::size_t s_shareOfMemory = 8;
+constexpr std::size_t s_shareOfMemory = 16;
 
 // The texts of the options; --help shows those that are not empty here.
 struct Arguments {
@@ -160,9 +160,10 @@ void addServeCommand(Tool::Command& top) {
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
   serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
   serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");
-  serve.option("--max-memory", arguments->maxMemory, "SIZE",
-               "Memory for answers and pages that are kept, as 512M or 2G (an eighth of the memory"
-               " of the host, or of the control group)");
+  serve.option(
+      "--max-memory", arguments->maxMemory, "SIZE",
+      "Memory for answers and pages that are kept, as 512M or 2G (a sixteenth of the memory"
+      " of the host, or of the control group)");
   serve.option(
       "--max-connections", arguments->maxConnections, "COUNT",
       "Most connections at a time; a new one takes the place of the one unused for longest");

@@ -12,8 +12,9 @@ namespace Tessel::Serve {
 namespace {
 
 constexpr std::size_t s_fewestGroups = 64;
-// Groups that are swept at once.
+// Groups that are swept at once: at least so many, and at least such a part of all.
 constexpr std::size_t s_sweepGroups = 1024;
+constexpr std::size_t s_sweeps = 256;
 // Entries that go for a new one at most, and groups that are searched for one that can go.
 constexpr int s_mostVictims = 64;
 constexpr int s_mostSearched = 256;
@@ -128,7 +129,8 @@ void AnswerCache::drop(EntryPointer& entry) {
 }
 
 void AnswerCache::sweep(Clock::time_point now) {
-  const std::size_t end = std::min(m_groups.size(), m_swept + s_sweepGroups);
+  const std::size_t step = std::max(s_sweepGroups, m_groups.size() / s_sweeps);
+  const std::size_t end = std::min(m_groups.size(), m_swept + step);
   for (; m_swept < end; ++m_swept) {
     for (EntryPointer& entry : m_groups[m_swept].entries) {
       if (entry == nullptr) continue;

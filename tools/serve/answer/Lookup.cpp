@@ -213,7 +213,10 @@ std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view t
   if (cutAddress.extension.empty() || !addressKey(cutAddress.base, key)) return answer;
   answer = Pages::isPage(key) ? page(route, key, now) : expansion(route, key, now);
   if (!answer) return answer;
-  return extended(std::move(*answer), kept(cutAddress));
+  Answer tagged = extended(std::move(*answer), kept(cutAddress));
+  // Each mail may have another extension. What it is made from is kept.
+  tagged.validity = Validity::Once;
+  return tagged;
 }
 
 std::optional<Answer> Lookup::expansion(const Route& route, const std::string& key,
@@ -256,6 +259,7 @@ void Lookup::begin(const Route& route, const std::string& key, Clock::time_point
       answer = failureAnswer(log);
     }
     onOwnThread([this, job, generation, answer] { made(job, generation, answer); });
+    releaseFreeMemory();
   });
 }
 
@@ -297,7 +301,9 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   std::string base;
   if (!address.extension.empty() && addressKey(address.base, base)) {
     if (const auto found = image.find(direction, base)) {
-      return Answer::ok(withExtension(*found, kept(address), m_settings.delimiter));
+      Answer answer = Answer::ok(withExtension(*found, kept(address), m_settings.delimiter));
+      answer.validity = Validity::Once;
+      return answer;
     }
     if (image.isBroken(direction, base)) return Answer::temp(broken);
   }

@@ -29,6 +29,10 @@ std::size_t blockSize(const std::string& text) noexcept {
   return text.capacity() <= s_short ? 0 : blockSize(static_cast<const void*>(text.data()));
 }
 
+void releaseFreeMemory() noexcept {
+  malloc_trim(0);
+}
+
 std::size_t availableMemory() {
   std::size_t least = static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) *
                       static_cast<std::size_t>(sysconf(_SC_PAGESIZE));

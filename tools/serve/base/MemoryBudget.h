@@ -37,6 +37,9 @@ std::size_t blockSize(const void* block) noexcept;
 // Bytes that `text` has outside of the object: short texts have none.
 std::size_t blockSize(const std::string& text) noexcept;
 
+// Has the allocator give back what is free. To be called after much was freed; takes milliseconds.
+void releaseFreeMemory() noexcept;
+
 // Bytes of memory that this process may use: those of the machine, or of its control group if they
 // are fewer (memory.max, see cgroups(7)).
 std::size_t availableMemory();
