@@ -10,7 +10,8 @@ namespace Tessel::Serve {
 
 // Serves GET on /metrics (Prometheus), /health (200 while the service works) and /ready (200 when
 // all tables can answer, 503 with the reason otherwise). The functions are called from a thread of
-// its own. When there are many connections, the oldest ends for a new one. One thread creates and destroys it.
+// its own. When there are many connections, the oldest ends for a new one. One thread creates and
+// destroys it.
 class MetricsListener {
  public:
   struct Pages {
