@@ -19,20 +19,20 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
-    "alias set" | "alias add") echo --allow-cycle --dry-run ;;
+    "alias set" | "alias add") echo --allow-cycle --dry-run --local-names ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain remove" | "user remove") echo --dry-run ;;
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export") echo --domain --format ;;
-    "alias import") echo --allow-cycle --domain --dry-run --force --format --replace ;;
+    "alias import") echo --allow-cycle --domain --dry-run --force --format --local-names --replace ;;
     "mask set") echo --dry-run --force ;;
     "mask remove") echo --domain --dry-run ;;
     "mask export") echo --format ;;
     "mask import") echo --dry-run --force --format --replace ;;
     serve)
-      echo --delimiter --drain-timeout --extension --idle-timeout --listen --log-level \
-        --max-connections --max-reply --max-request --metrics --only --page --refresh \
+      echo --delimiter --drain-timeout --extension --idle-timeout --listen --local-names \
+        --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \
         --request-timeout --snapshot --stale --workers
       ;;
     "table create") echo --dry-run --kind ;;

@@ -50,6 +50,7 @@ struct Arguments {
   std::string requestTimeout = timeText(s_default.requestTimeout);
   std::string drainTimeout = timeText(s_default.drain);
   std::string logLevel = "info";
+  bool localNames = false;
 };
 
 ListenAddress s_metricsAddress(const std::string& text) {
@@ -99,6 +100,7 @@ Settings s_settings(const Arguments& arguments) {
   settings.extension = parseExtensionRule("--extension", arguments.extension);
   s_checkDelimiter(arguments.delimiter);
   settings.delimiter = arguments.delimiter;
+  settings.localNames = arguments.localNames;
   settings.maxReply = limit("--max-reply", arguments.maxReply, 1024, 100000000);
   settings.page = limit("--page", arguments.page, 2, 1000000);
   settings.maxRequest = limit("--max-request", arguments.maxRequest, 1024, 100000000);
@@ -157,6 +159,8 @@ void addServeCommand(Tool::Command& top) {
                "The tag of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off'");
   serve.option("--delimiter", arguments->delimiter, "TEXT",
                "Characters that an extension may begin with");
+  serve.flag("--local-names", arguments->localNames,
+             "Also answer with members without a domain, to which mail servers add their own");
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
   serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
   serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");

@@ -78,6 +78,11 @@ void s_refuseParserNotation(int argc, const char* const* argv) {
       throw Failure(ExitCode::Usage, "--local=", "no directory is given",
                     "write --local=DIR, or --local alone for the default directory");
     }
+    if (word.starts_with("--") && word.size() > 3 && word.ends_with('=')) {
+      const std::string option(word.substr(0, word.size() - 1));
+      throw Failure(ExitCode::Usage, option, "no value is given",
+                    "write the value behind '=', or leave the option out");
+    }
     if (word == "++" || s_isList(word)) {
       throw Failure(ExitCode::Usage, "argument '" + std::string(word) + "'",
                     "it is not an address, a domain or an option", "see 'tsl-address-map --help'");

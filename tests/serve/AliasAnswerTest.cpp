@@ -80,6 +80,20 @@ TEST_F(AliasAnswerTest, AShortEffortLeavesWhatTakesLong) {
   }
 }
 
+TEST_F(AliasAnswerTest, MembersWithoutADomainAreLeftOutUnlessTheyAreWanted) {
+  serve({{"a@d.example", "b@d.example,root,\"|prog\""}, {"local@d.example", "root"}});
+  EXPECT_EQ(ask("a@d.example")->reply(), "OK b@d.example");
+  EXPECT_THAT(ask("local@d.example")->reply(), StartsWith("TEMP "));
+  m_settings.localNames = true;
+  EXPECT_THAT(ask("a@d.example")->reply(), HasSubstr("root"));
+  EXPECT_EQ(ask("local@d.example")->reply(), "OK root");
+}
+
+TEST_F(AliasAnswerTest, AnAddressThatMailServersWouldCutIsNeverGiven) {
+  serve({{"a@d.example", "b@d.example,c@[x:d,evil@evil.example]"}});
+  EXPECT_THAT(ask("a@d.example")->reply(), StartsWith("TEMP "));
+}
+
 TEST_F(AliasAnswerTest, AFailureIsATemporaryAnswerThatIsNotGivenAgain) {
   const auto answerTo = [this](auto exception) {
     try {

@@ -34,6 +34,7 @@ TEST(Background, TasksThatWaitAreDroppedAtItsEnd) {
       });
     }
     ASSERT_TRUE(waitFor([&begun] { return begun == 1; }));
+    EXPECT_TRUE(background.isBusy());
     background.stop();
     held.unlock();
   }

@@ -97,6 +97,18 @@ TEST_F(LogTest, AMessageIsOneLineWithoutControlCharacters) {
               ElementsAre("tsl-address-map: info: a\\x0ab\\x1b[2Jc\\x00d\\xff\\x7f"));
 }
 
+TEST_F(LogTest, AMessageShowsWhatIsInvisibleOrTurnsTheTextAround) {
+  ErrorOutput output;
+  Log log(LogLevel::Info);
+  log.info("\u202eevil\u200b\u2028\u2066\ufeff\u061c\u00ad");
+  log.info("Gr\u00fc\u00dfe\u2026\u20ac\u3042");
+  log.flush();
+  EXPECT_THAT(output.lines(),
+              ElementsAre("tsl-address-map: info: \\xe2\\x80\\xaeevil\\xe2\\x80\\x8b"
+                          "\\xe2\\x80\\xa8\\xe2\\x81\\xa6\\xef\\xbb\\xbf\\xd8\\x9c\\xc2\\xad",
+                          "tsl-address-map: info: Gr\u00fc\u00dfe\u2026\u20ac\u3042"));
+}
+
 TEST_F(LogTest, ALineThatCannotBeWrittenIsLost) {
   const int before = dup(STDERR_FILENO);
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);

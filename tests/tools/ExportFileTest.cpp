@@ -72,6 +72,20 @@ TEST(ExportFile, ALinkStaysALinkAndItsFileIsReplaced) {
   EXPECT_EQ(scratch.text(), "new");
 }
 
+TEST(ExportFile, ALinkToNothingStaysALinkAndItsFileIsMade) {
+  const ScratchFile scratch;
+  const std::string link = scratch.directory() + "/link";
+  std::filesystem::create_symlink("other", scratch.directory() + "/chain");
+  std::filesystem::create_symlink("chain", link);
+  ExportFile file(link);
+  file.write("new");
+  file.finish();
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_TRUE(std::filesystem::is_symlink(scratch.directory() + "/chain"));
+  EXPECT_TRUE(std::filesystem::is_regular_file(scratch.directory() + "/other"));
+  EXPECT_EQ(s_files(scratch), 3);
+}
+
 TEST(ExportFile, APipeIsWrittenDirectly) {
   const ScratchFile scratch;
   scratch.makePipe();

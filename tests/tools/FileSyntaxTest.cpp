@@ -134,6 +134,8 @@ TEST(FileSyntax, WhatAFormatCannotReadItNames) {
        "it does not have the keys 'address' and 'members'"},
       {s_alias, "jsonl", R"({"address":"t@d","members":[],"x":1})", format,
        "it does not have the keys 'address' and 'members'"},
+      {s_alias, "jsonl", R"({"address":"t@d","members":["a@x"],"members":["b@x"]})", format,
+       "the key 'members' is there twice"},
       {s_alias, "jsonl", R"({"address":1,"members":[]})", format, "'address' is not a string"},
       {s_alias, "jsonl", R"({"address":"t@d","members":"a@x"})", format, "'members' is not a list"},
       {s_alias, "jsonl", R"({"address":"t@d","members":[1]})", format,

@@ -50,6 +50,14 @@ setup() {
   tool local start
 }
 
+@test "an option without its value is refused, and takes no word for it" {
+  for words in '--table= alias list' '--cmf= domain list' '--local= status' 'alias list --domain='; do
+    # Unquoted: the words of the command.
+    run -64 --separate-stderr "$TSL_TOOL" $words
+    contains "$stderr" "given"
+  done
+}
+
 @test "nobody listens" {
   printf '[client]\nsocket=/nonexistent/db.sock\n' >"$BATS_TEST_TMPDIR/nowhere.cnf"
   run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" \

@@ -6,7 +6,7 @@ load helper
 # Addresses that are hard on a line format, each next to one that differs from it.
 ODD_LOCALS=('plain' '"co:lon"' '"com,ma"' '"qu\"ote"' '"back\\slash"' '"a b"' '" "' '"@"' '":"' '"\\\":,"'
   "o'brien" '%' '_' 'a+b' '{x}' '*' '"<x>"' '"(x)"' '"[x:"' $'jos\xc3\xa9' $'\xe6\x97\xa5\xe6\x9c\xac'
-  $'"\xe2\x82\xac:\xe2\x82\xac"' $'\xef\xbb\xbfbom' '""' '"a;b"' '"--"' '"../x"' '#c' '"x."')
+  $'"\xe2\x82\xac:\xe2\x82\xac"' $'x\xef\xbb\xbfbom' '""' '"a;b"' '"--"' '"../x"' '#c' '"x."')
 ODD_DOMAINS=('example.com' '[192.0.2.1]' '[IPv6:2001:db8::1]' 'a_b.example' $'b\xc3\xbccher.example')
 
 setup_file() {
@@ -206,6 +206,45 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   equal "$(tool alias list)" $'a@example.com\tx@example.com\nb@example.com\tx@example.com,y@example.com\n"c:d"@[IPv6:2001:db8::1]\tz@[IPv6:::1]'
 }
 
+@test "a byte order mark inside a file is no part of an address" {
+  printf 'a@example.com:x@example.com\n\xef\xbb\xbfb@example.com:x@example.com\n' >in.txt
+  run -65 --separate-stderr tool alias import in.txt
+  contains "$stderr" "in.txt:2: it begins with a byte order mark"
+  # What another program stored is not exported so that it would lose its first character.
+  sql "insert into alias ( name, members ) values( concat( unhex( 'EFBBBF' ), 'b@example.com' ), 'x@example.com' )"
+  run -65 --separate-stderr tool alias export
+  contains "$stderr" "its line would begin with a byte order mark"
+  tool alias export out.txt --format jsonl
+  before=$(content)
+  empty_tables
+  tool alias import out.txt --format jsonl
+  equal "$(content)" "$before"
+}
+
+@test "members without a domain, and literals that mail servers would cut, are bad lines" {
+  cat >in.txt <<'END'
+a@example.com:root
+b@example.com:x@example.com,<|prog>
+c@example.com:(x)|prog
+d@example.com:"|prog x"
+e@example.com:allusers_example.com
+f@example.com:allusers_other.example
+g@example.com:a@[x:b,evil@evil.example]
+h@[x:b,c]:x@example.com
+END
+  run -65 --separate-stderr tool alias import in.txt
+  equal "$(grep -c 'has no domain' <<<"$stderr")" 5
+  equal "$(grep -c 'has a comma' <<<"$stderr")" 2
+  run -65 tool alias import in.txt --local-names
+  sed -i '/^[gh]/d' in.txt
+  run -0 tool alias import in.txt --local-names
+  equal "$output" "6 added, 0 changed, 0 left, 0 removed"
+  run -65 tool alias add a@example.com daemon
+  run -0 tool alias add a@example.com daemon --local-names
+  run -65 tool alias set a@example.com 'a@[x:b,c]' --local-names
+  run -65 tool mask set 'a@[x:b,c]' x@example.com
+}
+
 @test "lines of any length" {
   local members number
   members=$(for number in {10000..11999}; do printf 'm%s@example.com,' "$number"; done)
@@ -260,12 +299,10 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
       printf '%s@%s:"%s %s"@x%s.%s\n' "$local" "$domain" "$number" 'o'"'"'b:,\\' "$number" example.org
     done
   done >masks.txt
-  # The first line begins with what could be a byte order mark of the file.
-  { printf '\xef\xbb\xbf'; grep $'^\xef\xbb\xbf' masks.txt; grep -v $'^\xef\xbb\xbf' masks.txt; } >first.txt
   local all=$((${#ODD_LOCALS[@]} * ${#ODD_DOMAINS[@]}))
   run -0 tool alias import aliases.txt
   equal "$output" "$all added, 0 changed, 0 left, 0 removed"
-  run -0 tool mask import first.txt
+  run -0 tool mask import masks.txt
   equal "$output" "$all added, 0 changed, 0 left, 0 removed"
   local before
   before=$(content)
@@ -280,14 +317,6 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   tool mask export m2.txt
   cmp a1.txt a2.txt
   cmp m1.txt m2.txt
-  # Where every line begins with such a mark, the first one does.
-  sql "delete from mask where left( hex( private ), 6 ) != 'EFBBBF'"
-  equal "$(sql 'select count(*) from mask')" "${#ODD_DOMAINS[@]}"
-  before=$(content)
-  tool mask export m3.txt
-  sql 'delete from mask'
-  tool mask import m3.txt
-  equal "$(content)" "$before"
 }
 
 @test "texts that mean something to SQL touch no row but their own" {

@@ -66,7 +66,7 @@ found_trip() {
     } | table_of example.com
     echo 'x@[IPv6:2001:db8::1]:y@[192.0.2.1]'
     echo 'all@example.com:allusers_example.com'
-    printf '\xef\xbb\xbfmark@example.com:x@example.com\n'
+    printf 'x\xef\xbb\xbfmark@example.com:x@example.com\n'
   } >in.txt
   tool alias import in.txt --format native
   equal "$(sql 'select count(*) from alias')" 43

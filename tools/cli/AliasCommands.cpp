@@ -26,6 +26,7 @@ struct Arguments {
   std::vector<std::string> members;
   std::string domain;
   bool allowCycle = false;
+  bool localNames = false;
   bool dryRun = false;
 };
 
@@ -51,7 +52,8 @@ Json s_jsonOf(const EmailAddress& alias, const Members& members) {
 
 ExitCode s_set(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
-  const Members members = parseMembers(arguments.members, alias);
+  const Members members =
+      parseMembers(arguments.members, alias, localNamesOf(arguments.localNames));
   warnOfMixedMarker(members, alias);
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
@@ -143,6 +145,8 @@ void addAliasCommands(Command& top) {
       Preparation::Database, withArguments(s_set, arguments));
   set.argument("ADDRESS", arguments->address, "The alias");
   set.arguments("MEMBER", arguments->members, "A member");
+  set.flag("--local-names", arguments->localNames,
+           "Also take members without a domain, such as root");
   set.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(set, arguments->dryRun);
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/RowReport.h"
 #include "tables/AliasCycles.h"
@@ -14,17 +13,12 @@ namespace Tessel::Tool {
 
 namespace {
 
-bool s_isMarker(const EmailAddress& member, const EmailAddress& alias) {
-  // The library compares the text, so a marker that needs quotes has no effect.
-  return stringCompareNoCase(member.address(), "allusers_" + alias.domain(), 0);
-}
-
-EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias) {
+EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias,
+                           LocalNames localNames) {
   EmailAddress member = parseAddress(text, true);
-  if (!member.domain().empty() || s_isMarker(member, alias)) return member;
-  throw Failure(ExitCode::BadData, "member '" + text + "'",
-                "it has no domain, and it is not the all-users marker of this alias (that of"
-                " another domain has no effect)",
+  const auto why = refusalOfMember(member, alias, localNames);
+  if (!why) return member;
+  throw Failure(ExitCode::BadData, "member '" + text + "'", *why,
                 "write it as NAME@DOMAIN, or use 'allusers_" + alias.domain() +
                     "' for all user mailboxes of the domain");
 }
@@ -32,15 +26,19 @@ EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias) {
 }  // namespace
 
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
-                                    const EmailAddress& alias) {
+                                    const EmailAddress& alias, LocalNames localNames) {
+  if (const auto why = refusalOf(alias)) {
+    throw Failure(ExitCode::BadData, "alias '" + alias.address() + "'", *why,
+                  "write the literal without it");
+  }
   std::set<EmailAddress> members;
-  for (const std::string& text : texts) members.insert(s_parseMember(text, alias));
+  for (const std::string& text : texts) members.insert(s_parseMember(text, alias, localNames));
   return members;
 }
 
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias) {
   const bool marker = std::any_of(members.begin(), members.end(), [&](const EmailAddress& member) {
-    return s_isMarker(member, alias);
+    return isMarkerOf(member, alias);
   });
   if (!marker || members.size() == 1) return;
   say("warning: 'allusers_" + alias.domain() +

@@ -10,13 +10,14 @@
 #include "address/EmailAddress.h"
 #include "cli/Session.h"
 #include "tables/AliasTable.h"
+#include "tables/WriteRule.h"
 
 namespace Tessel::Tool {
 
 // The members of `alias` that the arguments `texts` are. Throws Failure, `BadData`, for what is not
-// an address, and for one without a domain that is not the all-users marker of `alias`.
+// an address, and for what is not to be written, see WriteRule.h.
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
-                                    const EmailAddress& alias);
+                                    const EmailAddress& alias, LocalNames localNames);
 
 // Warns when the all-users marker of `alias` has other members next to it.
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);

@@ -27,6 +27,7 @@ struct Arguments {
   std::vector<std::string> members;
   bool everywhere = false;
   bool allowCycle = false;
+  bool localNames = false;
   bool removeEmpty = false;
   bool yes = false;
   bool dryRun = false;
@@ -51,7 +52,7 @@ Json s_document(const EmailAddress& alias, const Members& members, const char* w
 
 ExitCode s_add(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
-  const Members wanted = parseMembers(arguments.members, alias);
+  const Members wanted = parseMembers(arguments.members, alias, localNamesOf(arguments.localNames));
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   Members members;
@@ -295,6 +296,8 @@ void addAliasEditCommands(Command& group) {
       Preparation::Database, withArguments(s_add, arguments));
   add.argument("ADDRESS", arguments->address, "The alias");
   add.arguments("MEMBER", arguments->members, "An address to add");
+  add.flag("--local-names", arguments->localNames,
+           "Also take members without a domain, such as root");
   add.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(add, arguments->dryRun);
   s_addDrop(group, arguments);

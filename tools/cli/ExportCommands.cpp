@@ -22,7 +22,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
 // Rows that are held in memory at a time.
 constexpr std::size_t s_rowsPerStatement = 1000;
 
@@ -101,7 +100,10 @@ class TableReader {
     if (m_format.hasPublic && !m_public.add(entry.value()).isNew) {
       return refuse(key, "another row has the same public address");
     }
-    const auto fault = m_syntax.write(entry, text);
+    auto fault = m_syntax.write(entry, text);
+    if (!fault && text.starts_with(s_byteOrderMark)) {
+      fault = formatFault("its line would begin with a byte order mark");
+    }
     if (!fault) return true;
     m_good = false;
     report(Failure(
@@ -133,14 +135,8 @@ class TableReader {
 // one. The number of rows.
 template <class Write>
 std::size_t s_write(TableReader& reader, std::string header, Progress& progress, Write write) {
-  bool first = header.empty();
-  if (!first) write(header += '\n');
-  return reader.read(progress, [&](std::string& line) {
-    // An import skips one at the start of a file: an address that begins so must not lose its own.
-    if (first && line.starts_with(s_byteOrderMark)) line.insert(0, s_byteOrderMark);
-    first = false;
-    write(line += '\n');
-  });
+  if (!header.empty()) write(header += '\n');
+  return reader.read(progress, [&](std::string& line) { write(line += '\n'); });
 }
 
 void s_refuseBroken(const TableReader& reader, const std::string& table) {

@@ -16,6 +16,7 @@ struct Arguments {
   std::string file;
   TableFile::Options options;
   bool allowCycle = false;
+  bool localNames = false;
   bool dryRun = false;
   bool replace = false;
   bool force = false;
@@ -82,7 +83,9 @@ void s_carryOut(TableImport& change, const std::string& subject, bool dryRun, Pr
 
 ExitCode s_import(Session& session, const Arguments& arguments, const TableFormat& format) {
   Progress progress;
-  const TableFile file(format, arguments.file, arguments.options, progress);
+  TableFile::Options options = arguments.options;
+  options.localNames = localNamesOf(arguments.localNames);
+  const TableFile file(format, arguments.file, options, progress);
   if (arguments.replace && !arguments.force && file.entries().empty()) {
     throw Failure(ExitCode::BadData, file.name(),
                   "it is empty, and --replace would empty the table",
@@ -132,6 +135,8 @@ void addImportCommand(Command& group, const TableFormat& format) {
   if (format.hasPublic) return;
   import.option("--domain", arguments->options.domain, "DOMAIN",
                 "With the format aliases: the domain of names that have none");
+  import.flag("--local-names", arguments->localNames,
+              "Also import members without a domain, such as root");
   import.flag("--allow-cycle", arguments->allowCycle,
               "Write aliases even if they lead back to themselves");
 }

@@ -11,6 +11,7 @@
 #include "cli/RowReport.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
+#include "tables/WriteRule.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -69,6 +70,11 @@ ExitCode s_force(Session& session, const Pair& pair) {
 
 ExitCode s_set(Session& session, const Arguments& arguments) {
   const Pair pair = s_parsePair(arguments.privateText, arguments.publicText);
+  for (const EmailAddress& address : {pair.privateAddress, pair.publicAddress}) {
+    if (const auto why = refusalOf(address)) {
+      throw Failure(ExitCode::BadData, "mask set", *why, "write the literal without it");
+    }
+  }
   session.tellTarget(TableKind::Mask);
   if (arguments.force) return s_force(session, pair);
   const bool present = MaskTable(maskTableName(session.tableName()))

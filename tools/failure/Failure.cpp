@@ -39,11 +39,19 @@ std::size_t s_characterSize(std::string_view text) {
   return size;
 }
 
-// True for the characters that may command a terminal: C0, DEL and C1.
+// True for the characters that may command a terminal, and for those that make a text look like
+// another one: C0, DEL, C1, line separators, and what is invisible or changes the direction.
 bool s_isControl(std::string_view character) {
-  const auto lead = static_cast<unsigned char>(character[0]);
-  if (character.size() == 1) return lead < 0x20 || lead == 0x7f;
-  return lead == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
+  const auto byte = [character](std::size_t i) { return static_cast<unsigned char>(character[i]); };
+  if (character.size() == 1) return byte(0) < 0x20 || byte(0) == 0x7f;
+  if (character.size() == 2) {
+    const bool isArabicMark = character == "\u061c";
+    return isArabicMark || (byte(0) == 0xc2 && (byte(1) < 0xa0 || byte(1) == 0xad));
+  }
+  if (character.size() != 3) return false;
+  const unsigned int code = (byte(0) & 0xfU) << 12U | (byte(1) & 0x3fU) << 6U | (byte(2) & 0x3fU);
+  return (code >= 0x200b && code <= 0x200f) || (code >= 0x2028 && code <= 0x202e) ||
+         (code >= 0x2060 && code <= 0x206f) || code == 0x180e || code == 0xfeff;
 }
 
 // The first exception of the chain for which `matches` holds, or null.

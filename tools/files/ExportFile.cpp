@@ -33,14 +33,29 @@ void s_removeLeftover() {
   throw std::system_error(errno, std::generic_category());
 }
 
+// Where the file is that `path` names, possibly by links, whether it is there or not.
+std::filesystem::path s_targetOf(std::filesystem::path path) {
+  constexpr int s_mostLinks = 40;
+  std::error_code error;
+  const auto target = std::filesystem::canonical(path, error);
+  if (!error) return target;
+  // What is there all the same is a pipe of this process: /dev/stdout.
+  if (std::filesystem::exists(path)) return path;
+  for (int links = 0; std::filesystem::is_symlink(path); ++links) {
+    if (links == s_mostLinks) throw std::system_error(ELOOP, std::generic_category());
+    path = path.parent_path() / std::filesystem::read_symlink(path);
+  }
+  return path;
+}
+
 }  // namespace
 
 ExportFile::ExportFile(const std::string& path) : m_path(path), m_target(path) {
-  std::error_code error;
-  // A link stays a link: the file that it leads to is replaced.
-  const auto target = std::filesystem::canonical(path, error);
-  if (!error) m_target = target.string();
-  reporting([this] { open(); });
+  // A link stays a link: the file that it leads to is replaced, or made.
+  reporting([this] {
+    m_target = s_targetOf(m_target);
+    open();
+  });
 }
 
 ExportFile::~ExportFile() {

@@ -46,6 +46,8 @@ class FileSyntax {
   [[nodiscard]] FileFormat format() const noexcept { return m_format; }
   // The name of the format, as --format takes it.
   [[nodiscard]] const char* name() const noexcept;
+  // True for aliases, whose values are members.
+  [[nodiscard]] bool hasMembers() const noexcept { return !m_table.hasPublic; }
   // True when its records are logical lines.
   [[nodiscard]] bool isLogical() const noexcept {
     return m_format == FileFormat::Virtual || m_format == FileFormat::Aliases;

@@ -1,4 +1,7 @@
 // One JSON object per line.
+#include <set>
+#include <string>
+
 #include <nlohmann/json.hpp>
 
 #include "files/FileSyntax.h"
@@ -29,7 +32,16 @@ class JsonSyntax : public FileSyntax {
 
  private:
   std::optional<Fault> readRecord(std::string_view record, TableEntry& entry) override {
-    const auto object = nlohmann::json::parse(record, nullptr, false);
+    std::set<std::string> keys;
+    std::string twice;
+    const auto checkKey = [&](int depth, nlohmann::json::parse_event_t event,
+                              const nlohmann::json& parsed) {
+      const bool isKey = event == nlohmann::json::parse_event_t::key && depth == 1;
+      if (isKey && !keys.insert(parsed).second) twice = parsed;
+      return true;
+    };
+    const auto object = nlohmann::json::parse(record, checkKey, false);
+    if (!twice.empty()) return formatFault("the key '" + twice + "' is there twice");
     if (!object.is_object()) return formatFault("it is not a JSON object");
     if (object.size() != 2 || !object.contains(m_key) || !object.contains(m_value)) {
       return formatFault(std::string("it does not have the keys '") + m_key + "' and '" + m_value +

@@ -10,11 +10,7 @@
 
 namespace Tessel::Tool {
 
-namespace {
-
-constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
-
-}  // namespace
+namespace {}  // namespace
 
 bool isBlank(std::string_view line) {
   return line.find_first_not_of(s_blanks) == std::string_view::npos;

@@ -13,6 +13,9 @@ namespace Tessel::Tool {
 // Blanks inside a line, and the CR before its LF.
 constexpr std::string_view s_blanks = " \t\r";
 
+// U+FEFF, with which some editors begin a file.
+constexpr std::string_view s_byteOrderMark = "\xef\xbb\xbf";
+
 // True for a line of these alone.
 bool isBlank(std::string_view line);
 // `text` without those around it.

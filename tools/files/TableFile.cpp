@@ -2,6 +2,7 @@
 #include "files/TableFile.h"
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 
 #include "failure/Failure.h"
@@ -13,6 +14,17 @@ namespace Tessel::Tool {
 namespace {
 
 constexpr std::size_t s_faultsShown = 100;
+
+// Why a good line must not be written; nothing when it may.
+std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
+                                     LocalNames localNames) {
+  auto why = refusalOf(entry.key);
+  for (const EmailAddress& value : entry.values) {
+    if (why) break;
+    why = hasMembers ? refusalOfMember(value, entry.key, localNames) : refusalOf(value);
+  }
+  return why;
+}
 
 }  // namespace
 
@@ -44,12 +56,13 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
                           ? FileSyntax::detected(lines, m_name, format, options.domain)
                           : FileSyntax::named(options.format, format, options.domain);
   LineFaults faults(m_name);
-  read(lines, *syntax, faults, progress);
+  read(lines, *syntax, faults, progress, options.localNames);
   findDoubles(format, faults);
   faults.refuse("it has bad lines");
 }
 
-void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress) {
+void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
+                     LocalNames localNames) {
   Records records(lines, syntax.isLogical());
   std::string header = syntax.header();
   if (!header.empty()) header.pop_back();  // The CR, which `Lines` takes off too.
@@ -61,10 +74,17 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
       header.clear();
       continue;
     }
+    if (record.starts_with(s_byteOrderMark)) {
+      faults.add(records.number(),
+                 "it begins with a byte order mark, which only the start of a file may have");
+      continue;
+    }
     FileEntry entry;
     entry.number = records.number();
     if (const auto fault = syntax.read(record, entry)) {
       faults.add(records.number(), fault->why);
+    } else if (const auto why = s_refusal(entry, syntax.hasMembers(), localNames)) {
+      faults.add(records.number(), *why);
     } else {
       m_entries.push_back(std::move(entry));
     }

@@ -8,6 +8,7 @@
 
 #include "files/FileSyntax.h"
 #include "tables/TableFormat.h"
+#include "tables/WriteRule.h"
 #include "terminal/Progress.h"
 
 namespace Tessel::Tool {
@@ -46,6 +47,7 @@ class TableFile {
   struct Options {
     std::string format;
     std::string domain;
+    LocalNames localNames = LocalNames::Refuse;
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
@@ -64,7 +66,8 @@ class TableFile {
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress);
+  void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
+            LocalNames localNames);
   void findDoubles(const TableFormat& format, LineFaults& faults);
 
   std::string m_name;

@@ -259,9 +259,12 @@ class Service {
     m_workers.clear();
     m_metricsListener.reset();
     m_listeners.clear();
-    if (m_watch->stop(s_databasePatience)) return;
-    // A database that hangs must not delay the exit: all requests are answered by now.
-    m_log.warning("ending without the answer of the database");
+    m_background.stop();
+    const bool isStopped = m_watch->stop(s_databasePatience);
+    if (isStopped && !m_background.isBusy()) return;
+    // A database that hangs must not delay the exit, nor a long answer that nobody waits for: all
+    // requests are answered by now.
+    if (!isStopped) m_log.warning("ending without the answer of the database");
     m_log.flush();
     std::_Exit(EXIT_SUCCESS);
   }

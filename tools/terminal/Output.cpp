@@ -1,6 +1,7 @@
 // Writing to standard output.
 #include "terminal/Output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -37,13 +38,25 @@ std::string s_text(const Json& document) {
   return document.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+// `text`, which may hold tabs and the colours of the tool, without what may deceive its reader.
+std::string s_shown(std::string_view text) {
+  std::string shown;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find_first_of("\t\n\x1b"), text.size());
+    shown += printable(text.substr(0, end));
+    shown += text.substr(end, 1);
+    text.remove_prefix(std::min(text.size(), end + 1));
+  }
+  return shown;
+}
+
 }  // namespace
 
 void Output::line(std::string_view text) {
   if (!isTerminal(Stream::Output)) return s_writeLine(text);
   // At a line end, the standard library writes what it has.
   const Progress::Hidden hidden;
-  s_writeLine(text);
+  s_writeLine(s_shown(text));
 }
 
 void Output::document(const Json& document) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/Exception.h"
+#include "tables/WriteRule.h"
 
 namespace Tessel::Serve {
 
@@ -34,10 +35,24 @@ std::string s_joined(const std::vector<std::string>& addresses) {
 }
 
 Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
-                     const Expansion& found, Clock::time_point now) {
+                     const Expansion& found, Clock::time_point now, Log& log) {
   std::vector<std::string> addresses;
   addresses.reserve(found.addresses.size());
-  for (const EmailAddress& address : found.addresses) addresses.push_back(address.address());
+  const bool areLocalNamesGiven = tables.settings().localNames;
+  for (const EmailAddress& address : found.addresses) {
+    if (!areLocalNamesGiven && address.domain().empty()) continue;
+    addresses.push_back(address.address());
+    if (Tool::hasCommaInLiteral(addresses.back())) {
+      return Answer::temp("an address literal in this alias has a comma");
+    }
+  }
+  // A mail server would give its own domain to them, and deliver to whoever has that name.
+  if (addresses.size() < found.addresses.size()) {
+    log.warning("table " + table.sqlName() +
+                ": members without a domain are left out of answers; 'tsl-address-map check' names"
+                " them, --local-names gives them");
+  }
+  if (addresses.empty()) return Answer::temp("this alias has members without a domain only");
   Pages& pages = tables.pages();
   const bool isDivided = !pages.fit(addresses);
   Answer answer = Answer::ok(isDivided ? pages.divide(table.number(), key, addresses, now)
@@ -71,7 +86,7 @@ std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const Tabl
     case Expansion::Kind::Found:
       break;
   }
-  return s_foundAnswer(tables, table, key, found, now);
+  return s_foundAnswer(tables, table, key, found, now, log);
 }
 
 Answer failureAnswer(Log& log) {

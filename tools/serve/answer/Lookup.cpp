@@ -13,6 +13,7 @@
 #include "serve/answer/AliasAnswer.h"
 #include "serve/image/AddressKey.h"
 #include "tables/TableNames.h"
+#include "tables/WriteRule.h"
 
 namespace Tessel::Serve {
 
@@ -294,7 +295,10 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   const char* const broken = "the row of this address cannot be read";
   std::string key;
   if (!addressKey(text, key)) return Answer::noAddress();
-  if (auto found = image.find(direction, key)) return Answer::ok(std::move(*found));
+  if (auto found = image.find(direction, key)) {
+    if (!Tool::hasCommaInLiteral(*found)) return Answer::ok(std::move(*found));
+    return Answer::temp("an address literal in this row has a comma");
+  }
   if (image.isBroken(direction, key)) return Answer::temp(broken);
   // Before the wildcard rows: an address with a mask of its own must not be shown without it.
   const ExtendedAddress address = cut(text);

@@ -21,7 +21,11 @@ Background::~Background() {
 }
 
 void Background::post(std::function<void()> task) {
-  boost::asio::post(*m_threads, std::move(task));
+  boost::asio::post(*m_threads, [this, task = std::move(task)] {
+    ++m_running;
+    task();
+    --m_running;
+  });
 }
 
 void Background::stop() {

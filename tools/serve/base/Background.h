@@ -2,6 +2,7 @@
 #ifndef TSL_TOOLS_SERVE_BASE_BACKGROUND_H
 #define TSL_TOOLS_SERVE_BASE_BACKGROUND_H
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -23,11 +24,14 @@ class Background {
   void stop();
   // Waits until all tasks are done.
   void finish();
+  // True while a task runs.
+  [[nodiscard]] bool isBusy() const noexcept { return m_running != 0; }
 
  private:
   class Threads;
 
   std::unique_ptr<Threads> m_threads;
+  std::atomic<std::size_t> m_running = 0;
 };
 
 }  // namespace Tessel::Serve

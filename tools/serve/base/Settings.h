@@ -37,6 +37,7 @@ struct Settings {
   std::size_t maxMemory = 256U << 20U;  // Bytes for answers and pages.
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
+  bool localNames = false;  // Members without a domain are given.
   unsigned int workers = 1;
   std::size_t maxConnections = 10000;
   std::chrono::milliseconds idleTimeout{std::chrono::hours(1)};

@@ -104,6 +104,7 @@ class Tables {
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
 
+  [[nodiscard]] const Settings& settings() const noexcept { return m_settings; }
   // The pages of all tables.
   [[nodiscard]] Pages& pages() noexcept { return m_pages; }
   // What the answers that are kept may take, in all threads.
