@@ -27,6 +27,12 @@ using testing::HasSubstr;
 using testing::Not;
 using Testing::TestServer;
 
+namespace fs = std::filesystem;
+
+constexpr char s_missing[] = "the table is missing in the database";
+constexpr char s_empty[] = "the table has lost all its rows";
+constexpr char s_filling[] = "the table is being filled again";
+
 // Waits for `condition`, twenty seconds at most; what it was at the end.
 bool s_waitFor(const std::function<bool()>& condition) {
   const Clock::time_point limit = Clock::now() + seconds(20);
@@ -35,6 +41,15 @@ bool s_waitFor(const std::function<bool()>& condition) {
     std::this_thread::sleep_for(milliseconds(2));
   }
   return true;
+}
+
+// True when somebody waits for the end of "lock tables".
+bool s_isWaitedFor() {
+  return !TestServer::shared()
+              .sql(
+                  "select id from information_schema.processlist"
+                  " where state = 'Waiting for table metadata lock'")
+              .empty();
 }
 
 class TableWatchTest : public testing::Test {
@@ -62,6 +77,12 @@ class TableWatchTest : public testing::Test {
         members + "' )");
   }
 
+  static void dropAlias() {
+    sql("create table ts_address_map.kept like ts_address_map.alias");
+    sql("drop table ts_address_map.alias");
+  }
+  static void createAlias() { sql("create table ts_address_map.alias like ts_address_map.kept"); }
+
   void watch() {
     m_watch.reset();
     m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
@@ -88,6 +109,16 @@ class TableWatchTest : public testing::Test {
   }
   Clock::duration age(const std::string& table = "alias") {
     return m_tables.find(table)->age(Clock::now()).value_or(std::chrono::hours(1000));
+  }
+
+  std::string whyUnable(const std::string& table) {
+    return std::string(m_tables.find(table)->whyUnable(Clock::now(), m_settings));
+  }
+  bool becomesUnable(const std::string& table, const std::string& why) {
+    return s_waitFor([&] {
+      const TablePointer found = m_tables.find(table);
+      return found != nullptr && found->whyUnable(Clock::now(), m_settings) == why;
+    });
   }
 
   // When the table was last looked at and found to be as its image has it.
@@ -119,7 +150,8 @@ TEST_F(TableWatchTest, RowsAreReadAndEveryChangeIsSeenAlsoInTheSecondOfAnother) 
     sql("update ts_address_map.alias set members = '" + member + "'");
     EXPECT_TRUE(becomes("a@d", member)) << i;
   }
-  sql("delete from ts_address_map.alias");
+  add("b@d", "m@d");
+  sql("delete from ts_address_map.alias where name = 'a@d'");
   EXPECT_TRUE(becomes("a@d", "none"));
   EXPECT_TRUE(s_waitFor([this] { return age() < milliseconds(500); }));
 }
@@ -144,12 +176,147 @@ TEST_F(TableWatchTest, TablesComeAndGoAndComeBack) {
   sql("create table ts_address_map.other ( name int )");
   add("seen@d", "b@d");
   ASSERT_TRUE(becomes("seen@d", "b@d"));
-  EXPECT_EQ(find("a@d", "alias_new"), "b@d") << "the last rows go on answering";
   EXPECT_EQ(m_tables.find("other"), nullptr);
   sql("create table ts_address_map.alias_new like ts_address_map.alias");
   add("a@d", "c@d", "alias_new");
   EXPECT_TRUE(becomes("a@d", "c@d", "alias_new"));
-  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is gone; its last rows still answer"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is missing in the database"));
+}
+
+TEST_F(TableWatchTest, AMissingTableIsNotAnsweredUntilItIsBack) {
+  const Testing::ScratchFile scratch;
+  m_settings.snapshot = scratch.directory();
+  sql("create table ts_address_map.alias_x like ts_address_map.alias");
+  for (const char* table : {"alias", "alias_x"}) add("a@d", "b@d", table);
+  watch();
+  ASSERT_TRUE(becomesUnable("alias_x", ""));
+  ASSERT_TRUE(becomesUnable("alias", ""));
+  ASSERT_TRUE(s_waitFor([&] { return fs::exists(scratch.directory() + "/alias_x.image"); }));
+  sql("drop table ts_address_map.alias_x");
+  EXPECT_TRUE(becomesUnable("alias_x", s_missing));
+  EXPECT_EQ(whyUnable("alias"), "");
+  EXPECT_TRUE(fs::exists(scratch.directory() + "/alias_x.image"));
+  sql("create table ts_address_map.alias_x like ts_address_map.alias");
+  EXPECT_TRUE(becomesUnable("alias_x", s_empty));
+  add("a@d", "c@d", "alias_x");
+  EXPECT_TRUE(becomesUnable("alias_x", ""));
+  EXPECT_EQ(find("a@d", "alias_x"), "c@d");
+}
+
+TEST_F(TableWatchTest, AReloadConfirmsThatANamedTableIsGoneForGood) {
+  const Testing::ScratchFile scratch;
+  m_settings.snapshot = scratch.directory();
+  sql("create table ts_address_map.alias_x like ts_address_map.alias");
+  add("a@d", "b@d", "alias_x");
+  watch();
+  ASSERT_TRUE(s_waitFor([&] { return fs::exists(scratch.directory() + "/alias_x.image"); }));
+  EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()), HasSubstr("\"alias_x\""));
+  const TablePointer table = m_tables.find("alias_x");
+  sql("drop table ts_address_map.alias_x");
+  ASSERT_TRUE(becomesUnable("alias_x", s_missing));
+  m_watch->reload();
+  EXPECT_TRUE(s_waitFor([&] { return m_tables.find("alias_x") == nullptr; }));
+  EXPECT_EQ(table->whyUnable(Clock::now(), m_settings), "there is no such table");
+  EXPECT_TRUE(s_waitFor([&] { return !fs::exists(scratch.directory() + "/alias_x.image"); }));
+  EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()), Not(HasSubstr("\"alias_x\"")));
+  // Another table of that name later has nothing to do with it: it may be empty.
+  sql("create table ts_address_map.alias_x like ts_address_map.alias");
+  EXPECT_TRUE(s_waitFor([&] { return m_tables.find("alias_x") != nullptr; }));
+  EXPECT_TRUE(becomesUnable("alias_x", ""));
+}
+
+TEST_F(TableWatchTest, ABaseTableThatIsGoneForGoodIsStillExpected) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomesUnable("alias", ""));
+  dropAlias();
+  ASSERT_TRUE(becomesUnable("alias", s_missing));
+  m_watch->reload();
+  EXPECT_TRUE(becomesUnable("alias", "there is no such table"));
+  createAlias();
+  EXPECT_TRUE(becomesUnable("alias", "")) << "another table, which may be empty";
+  EXPECT_EQ(find("a@d"), "none");
+}
+
+TEST_F(TableWatchTest, ADroppedDatabaseIsAnAnswerAlsoForANewConnection) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomesUnable("alias", ""));
+  sql("drop database ts_address_map");
+  EXPECT_TRUE(becomesUnable("alias", s_missing));
+  m_watch.reset();
+  publishRows(*m_tables.find("alias"), {{"a@d", "b@d"}});
+  m_tables.find("alias")->setState(TableState::Good);
+  watch();
+  EXPECT_TRUE(becomesUnable("alias", s_missing));
+  EXPECT_THAT(takeLog(), Not(HasSubstr("the database is unavailable")));
+}
+
+TEST_F(TableWatchTest, ATableThatLosesAllRowsIsNotAnsweredUntilAReloadConfirmsIt) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  sql("truncate table ts_address_map.alias");
+  EXPECT_TRUE(becomesUnable("alias", s_empty));
+  EXPECT_EQ(find("a@d"), "b@d") << "the last rows are kept";
+  m_watch->reload();
+  EXPECT_TRUE(becomesUnable("alias", ""));
+  EXPECT_EQ(find("a@d"), "none");
+  EXPECT_THAT(takeLog(), HasSubstr("table alias has 0 rows instead of 1"));
+}
+
+TEST_F(TableWatchTest, AReloadConfirmsOnlyWhatWasReportedBefore) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  sql("lock tables ts_address_map.alias write");
+  m_watch->reload();
+  EXPECT_TRUE(s_waitFor(s_isWaitedFor));
+  sql("delete from ts_address_map.alias");
+  sql("unlock tables");
+  EXPECT_TRUE(becomesUnable("alias", s_empty));
+}
+
+TEST_F(TableWatchTest, ASnapshotTellsThatATableHadRows) {
+  const Testing::ScratchFile scratch;
+  m_settings.snapshot = scratch.directory();
+  SnapshotDirectory(scratch.directory())
+      .save("alias", TableImage(TableKind::Alias, sourceOf({{"a@d", "b@d"}})));
+  SnapshotDirectory(scratch.directory())
+      .save("alias_x", TableImage(TableKind::Alias, sourceOf({{"a@d", "b@d"}})));
+  watch();
+  EXPECT_TRUE(becomesUnable("alias", s_empty));
+  EXPECT_TRUE(becomesUnable("alias_x", s_missing));
+}
+
+// No row is used before all are there: a part of the addresses would be "not found".
+TEST_F(TableWatchTest, ATableThatIsRestoredRowByRowIsAnsweredWhenItIsQuiet) {
+  for (const char* name : {"a@d", "b@d", "c@d"}) add(name, "x@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "x@d"));
+  dropAlias();
+  ASSERT_TRUE(becomesUnable("alias", s_missing));
+  createAlias();
+  add("a@d", "y@d");
+  EXPECT_TRUE(becomesUnable("alias", s_filling));
+  EXPECT_EQ(find("b@d"), "x@d");
+  const Clock::time_point added = Clock::now();
+  add("b@d", "y@d");
+  EXPECT_TRUE(becomesUnable("alias", ""));
+  EXPECT_GT(Clock::now() - added, seconds(1));
+  EXPECT_EQ(find("b@d"), "y@d");
+  EXPECT_EQ(find("c@d"), "none");
+}
+
+TEST_F(TableWatchTest, ATableThatLosesMostOfItsRowsAnswersWithTheOldOnesUntilItIsQuiet) {
+  for (int i = 0; i < 20; ++i) add("a" + std::to_string(i) + "@d", "x@d");
+  watch();
+  ASSERT_TRUE(becomes("a1@d", "x@d"));
+  sql("delete from ts_address_map.alias where name != 'a0@d'");
+  const Clock::time_point deleted = Clock::now();
+  EXPECT_TRUE(becomes("a1@d", "none"));
+  EXPECT_GT(Clock::now() - deleted, seconds(1));
+  EXPECT_EQ(whyUnable("alias"), "");
 }
 
 TEST_F(TableWatchTest, ATableThatIsExchangedForAnotherIsRead) {
@@ -251,7 +418,7 @@ TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   m_settings.snapshot = scratch.directory();
   SnapshotDirectory(scratch.directory())
       .save("alias", TableImage(TableKind::Alias, sourceOf({{"a@d", "b@d"}})));
-  std::filesystem::resize_file(scratch.directory() + "/alias.image", 20);
+  fs::resize_file(scratch.directory() + "/alias.image", 20);
   const TableWatch watch(m_settings, m_tables, m_metrics, m_log);
   EXPECT_EQ(m_tables.find("alias")->image(), nullptr);
   EXPECT_FALSE(m_tables.find("alias")->age(Clock::now()));
@@ -262,11 +429,7 @@ TEST_F(TableWatchTest, AnEndDoesNotWaitLongerForTheDatabaseThanItIsTold) {
   add("a@d", "b@d");
   sql("lock tables ts_address_map.alias write");
   watch();
-  EXPECT_TRUE(s_waitFor([] {
-    return !sql("select id from information_schema.processlist"
-                " where state = 'Waiting for table metadata lock'")
-                .empty();
-  }));
+  EXPECT_TRUE(s_waitFor(s_isWaitedFor));
   EXPECT_FALSE(m_watch->stop(milliseconds(10)));
   sql("unlock tables");
   EXPECT_TRUE(m_watch->stop(seconds(20)));

@@ -231,6 +231,29 @@ PYTHON
   [[ $metrics != *example.com* ]]
 }
 
+@test "a missing table is answered TEMP and is not ready until SIGHUP confirms that it is gone" {
+  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  sql 'drop table if exists alias_passing; create table alias_passing like alias; insert into alias_passing select * from alias;'
+  start_service --metrics "127.0.0.1:$port"
+  wait_for answers 'alias.passing team@example.com' "$found"
+  sql 'drop table alias_passing;'
+  wait_for answers 'alias.passing team@example.com' 'TEMP the table is missing in the database'
+  get() {
+    python3 - "http://127.0.0.1:$port/$1" <<'PYTHON'
+import sys, urllib.request, urllib.error
+try:
+    print(urllib.request.urlopen(sys.argv[1]).read().decode())
+except urllib.error.HTTPError as error:
+    print(error.code, error.read().decode())
+PYTHON
+  }
+  contains "$(get ready)" '503 alias_passing: the table is missing in the database'
+  kill -HUP "$service"
+  wait_for answers 'alias.passing team@example.com' 'TEMP there is no such table'
+  [[ $(get ready) != 503* ]]
+  [[ $(get metrics) != *alias_passing* ]]
+}
+
 @test "a row that cannot be read stops nothing but itself" {
   sql "insert into alias (name, members) values ('broken@example.com', 'no address')"
   start_service

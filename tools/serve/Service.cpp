@@ -152,10 +152,9 @@ class Service {
   [[nodiscard]] std::string unready() const {
     std::string why;
     for (const TablePointer& table : m_tables.all()) {
-      const auto age = table->age(Clock::now());
-      if (age && !isTooOld(*age, m_settings)) continue;
-      why += (why.empty() ? "" : "; ") + std::string("table ") + table->sqlName() +
-             (age ? " is too old" : " could not be read yet");
+      const std::string_view unable = table->whyUnable(Clock::now(), m_settings);
+      if (unable.empty()) continue;
+      why += (why.empty() ? "" : "; ") + table->sqlName() + ": " + std::string(unable);
     }
     return why;
   }

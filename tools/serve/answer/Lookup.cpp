@@ -167,12 +167,9 @@ Lookup::Route* Lookup::routeOf(std::string_view name) {
 }
 
 std::string Lookup::refresh(Route& route, Clock::time_point now) {
-  const std::optional<Clock::duration> age = route.table->age(now);
-  if (!age) return "the table could not be read yet";
-  if (isTooOld(*age, m_settings)) {
-    return "the database is unavailable, and the rows in memory are too old";
-  }
-  if (*age > s_outage) m_metrics.staleAnswer();
+  const std::string_view why = route.table->whyUnable(now, m_settings);
+  if (!why.empty()) return std::string(why);
+  if (route.table->age(now) > s_outage) m_metrics.staleAnswer();
   const std::uint64_t generation = route.table->generation();
   if (generation != route.generation) {
     route.image = route.table->image();

@@ -23,7 +23,7 @@ prometheus::Counter& s_counter(prometheus::Registry& registry, const char* name,
 
 }  // namespace
 
-// Kept for the values of each table.
+// Kept for the values of each table. Under a lock, as values can be removed.
 struct Metrics::Families {
   prometheus::Family<prometheus::Gauge>& rows;
   prometheus::Family<prometheus::Gauge>& leftOut;
@@ -88,7 +88,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
       .Register(registry)
       .Add({{"version", TSL_VERSION}})
       .Set(1);
-  m_families = std::make_unique<Families>(
+  m_families = std::make_unique<Guarded<Families>>(
       Families{BuildGauge()
                    .Name("tsl_address_map_rows")
                    .Help("Rows that requests are answered from")
@@ -158,9 +158,20 @@ void Metrics::madeRoom() {
 void Metrics::tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
                          Clock::duration age) {
   const prometheus::Labels labels{{"table", sqlName}};
-  m_families->rows.Add(labels).Set(static_cast<double>(rows));
-  m_families->leftOut.Add(labels).Set(static_cast<double>(leftOut));
-  m_families->age.Add(labels).Set(s_seconds(age));
+  m_families->with([&](Families& families) {
+    families.rows.Add(labels).Set(static_cast<double>(rows));
+    families.leftOut.Add(labels).Set(static_cast<double>(leftOut));
+    families.age.Add(labels).Set(s_seconds(age));
+  });
+}
+
+void Metrics::forgetTable(const std::string& sqlName) {
+  const prometheus::Labels labels{{"table", sqlName}};
+  m_families->with([&](Families& families) {
+    for (auto* family : {&families.rows, &families.leftOut, &families.age}) {
+      if (family->Has(labels)) family->Remove(&family->Add(labels));
+    }
+  });
 }
 
 void Metrics::linesLost(std::uint64_t lines) {
@@ -168,7 +179,9 @@ void Metrics::linesLost(std::uint64_t lines) {
 }
 
 void Metrics::memoryState(const char* use, std::size_t bytes) {
-  m_families->memory.Add({{"use", use}}).Set(static_cast<double>(bytes));
+  m_families->with([&](Families& families) {
+    families.memory.Add({{"use", use}}).Set(static_cast<double>(bytes));
+  });
 }
 
 std::string Metrics::text() const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Guarded.h"
 #include "serve/base/Answer.h"
 #include "serve/base/Map.h"
 #include "serve/base/Settings.h"
@@ -52,6 +53,8 @@ class Metrics {
   // The state of a table: its rows, those that are left out, and how old the image is.
   void tableState(const std::string& sqlName, std::size_t rows, std::size_t leftOut,
                   Clock::duration age);
+  // The table is not served any more.
+  void forgetTable(const std::string& sqlName);
 
   // So many lines of the log were lost up to now.
   void linesLost(std::uint64_t lines);
@@ -66,7 +69,7 @@ class Metrics {
   struct Families;
 
   std::unique_ptr<prometheus::Registry> m_registry;
-  std::unique_ptr<Families> m_families;
+  std::unique_ptr<Guarded<Families>> m_families;
   std::array<std::array<prometheus::Counter*, s_results>, s_maps> m_requests{};
   prometheus::Histogram* m_latency;
   prometheus::Counter* m_cacheHits;

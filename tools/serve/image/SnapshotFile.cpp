@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -152,6 +153,10 @@ void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image
 
 void SnapshotDirectory::confirm(const std::string& sqlName) const {
   if (utimensat(AT_FDCWD, fileOf(sqlName).c_str(), nullptr, 0) != 0) s_fail(fileOf(sqlName));
+}
+
+void SnapshotDirectory::remove(const std::string& sqlName) const {
+  if (unlink(fileOf(sqlName).c_str()) != 0 && errno != ENOENT) s_fail(fileOf(sqlName));
 }
 
 Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) const {

@@ -37,6 +37,8 @@ class SnapshotDirectory {
   void save(const std::string& sqlName, const TableImage& image) const;
   // Notes that the table is still as its file has it.
   void confirm(const std::string& sqlName) const;
+  // Removes the file of the table, if there is one.
+  void remove(const std::string& sqlName) const;
   // Reads the file of the table. A file that is not whole is refused.
   [[nodiscard]] Snapshot load(const std::string& sqlName, TableKind kind) const;
 

@@ -64,6 +64,25 @@ std::optional<Clock::duration> Table::age(Clock::time_point now) const noexcept 
   return now - Clock::time_point(Clock::duration(confirmed));
 }
 
+std::string_view Table::whyUnable(Clock::time_point now, const Settings& settings) const {
+  switch (state()) {
+    case TableState::Good:
+      break;
+    case TableState::Missing:
+      return "the table is missing in the database";
+    case TableState::Gone:
+      return "there is no such table";
+    case TableState::Empty:
+      return "the table has lost all its rows";
+    case TableState::Filling:
+      return "the table is being filled again";
+  }
+  const std::optional<Clock::duration> known = age(now);
+  if (!known) return "the table could not be read yet";
+  if (!isTooOld(*known, settings)) return "";
+  return "the database is unavailable, and the rows in memory are too old";
+}
+
 bool isTooOld(Clock::duration age, const Settings& settings) {
   return settings.stale && age > std::max<Clock::duration>(*settings.stale, s_outage);
 }
@@ -97,6 +116,10 @@ TablePointer Tables::add(const std::string& sqlName) {
   });
 }
 
+void Tables::remove(const std::string& sqlName) {
+  m_tables.with([&](auto& tables) { tables.erase(sqlName); });
+}
+
 std::vector<TablePointer> Tables::all() const {
   return m_tables.with([](const auto& tables) {
     std::vector<TablePointer> all;
@@ -112,6 +135,8 @@ std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_poin
     const std::optional<Clock::duration> age = table->age(now);
     if (image == nullptr || !age) continue;
     metrics.tableState(table->sqlName(), image->rows().size(), image->brokenRows().count(), *age);
+    // Here too: it may have gone since it was listed.
+    if (table->state() == TableState::Gone) metrics.forgetTable(table->sqlName());
   }
   metrics.memoryState("answers", tables.answerMemory().used());
   metrics.memoryState("pages", tables.pageMemory().used());

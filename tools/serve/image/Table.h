@@ -49,6 +49,16 @@ class TableImage {
 
 using ImagePointer = std::shared_ptr<const TableImage>;
 
+// What the database says of a table. While it is in doubt, its last image must not answer: a table
+// that is being restored looks as if it had lost its rows.
+enum class TableState : std::uint8_t {
+  Good,
+  Missing,  // It is not there, and may come back.
+  Gone,     // It is not there, and an administrator confirmed that.
+  Empty,    // It has no rows, and had some before.
+  Filling,  // It is there again, with fewer rows than before.
+};
+
 // Any thread may call any operation.
 class Table {
  public:
@@ -72,6 +82,12 @@ class Table {
   // How long ago the image was last known to be right; nothing when it never was.
   [[nodiscard]] std::optional<Clock::duration> age(Clock::time_point now) const noexcept;
 
+  [[nodiscard]] TableState state() const noexcept { return m_state; }
+  // An image that makes the table good again must be published before that.
+  void setState(TableState state) noexcept { m_state = state; }
+  // Why the table cannot answer at `now`; empty when it can.
+  [[nodiscard]] std::string_view whyUnable(Clock::time_point now, const Settings& settings) const;
+
  private:
   const TableKind m_kind;
   const std::string m_sqlName;
@@ -79,6 +95,7 @@ class Table {
   Guarded<ImagePointer> m_image;
   std::atomic<std::uint64_t> m_generation = 0;
   std::atomic<Clock::rep> m_confirmed;
+  std::atomic<TableState> m_state = TableState::Good;
 };
 
 // If an image was not compared with its table for this long, the database is unavailable.
@@ -90,7 +107,7 @@ bool isTooOld(Clock::duration age, const Settings& settings);
 using TablePointer = std::shared_ptr<Table>;
 
 // The tables that are served, by their SQL names. A table that was there once stays, with its last
-// image: it may be back soon. Any thread may call any operation.
+// image, until it is removed. Any thread may call any operation.
 class Tables {
  public:
   // Asks for `settings`, which must outlive the object.
@@ -101,6 +118,8 @@ class Tables {
   // Makes sure that the table is served. Null for an SQL name that is not that of a table of the
   // library, or that the settings leave out.
   TablePointer add(const std::string& sqlName);
+  // The table is not served any more. Those who have it keep it.
+  void remove(const std::string& sqlName);
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
 

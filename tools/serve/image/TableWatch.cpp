@@ -8,11 +8,11 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
+#include "base/Exception.h"
 #include "database/Connection.h"
 #include "failure/Failure.h"
 #include "tables/AliasGraph.h"
 #include "tables/TableNames.h"
-#include "tables/TextRows.h"
 
 namespace Tessel::Serve {
 
@@ -32,8 +32,16 @@ constexpr milliseconds s_settled{1250};
 // A table whose last change is longer ago than clocks are ever set back is not in that second.
 constexpr const char* s_longAgo = "7200";
 
+// Error number of the server.
+constexpr unsigned int s_unknownDatabase = 1049;
+
 // Pause after a table could not be read.
 constexpr milliseconds s_retry{1000};
+// A table that is filled row by row is complete when it has not changed for this many times the
+// time in which changes are to be visible.
+constexpr int s_quietTimes = 10;
+// A table that had this many rows does not lose more than half of them in one step of daily work.
+constexpr std::size_t s_manyRows = 10;
 // Shortest time between two snapshots of a table.
 constexpr std::chrono::seconds s_saveInterval{10};
 
@@ -42,12 +50,21 @@ constexpr std::chrono::seconds s_saveInterval{10};
 constexpr const char s_lookStatement[] =
     "select /*+ SET_VAR(information_schema_stats_expiry=0) */ table_name,"
     " concat_ws(' ', connection_id(), create_time, ifnull(update_time, '-')),"
-    " ifnull(timestampdiff(second, update_time, now()) > ";
+    " create_time, ifnull(timestampdiff(second, update_time, now()) > ";
 
 std::string s_statement() {
   return std::string(s_lookStatement) + s_longAgo +
          ", 1) from information_schema.tables where table_schema = '" + Tool::s_database +
          "' and table_type = 'BASE TABLE';";
+}
+
+std::string s_createdStatement(const Table& table) {
+  return std::string("select create_time from information_schema.tables where table_schema = '") +
+         Tool::s_database + "' and table_name = '" + table.sqlName() + "';";
+}
+
+std::size_t s_count(const TableImage& image) {
+  return image.rows().size() + image.brokenRows().count();
 }
 
 std::string s_select(const Table& table) {
@@ -61,6 +78,23 @@ std::string s_secondsText(Clock::duration duration) {
 }
 
 }  // namespace
+
+TableWatch::Watched::Watched(TablePointer watchedTable) : table(std::move(watchedTable)) {
+  const ImagePointer snapshot = table->image();
+  if (snapshot != nullptr) rows = s_count(*snapshot);
+}
+
+bool TableWatch::Watched::isSuspicious(std::size_t count) const {
+  return isReplaced ? count < rows : rows >= s_manyRows && count < rows / 2;
+}
+
+TableState TableWatch::Watched::judge(std::size_t count, Clock::time_point start,
+                                      Clock::duration quiet) const {
+  if (count >= rows || isConfirmed) return TableState::Good;
+  if (count == 0) return TableState::Empty;
+  const bool isStillChanging = isRecent && start < seenSince + quiet;
+  return isSuspicious(count) && isStillChanging ? TableState::Filling : TableState::Good;
+}
 
 Clock::time_point TableWatch::Watched::nextRead() const {
   if (!isRecent || readStart >= seenSince + s_settled) return Clock::time_point::max();
@@ -115,7 +149,11 @@ void TableWatch::run() {
   while (!m_state.with([](const State& state) { return state.isStopping; })) {
     const bool isReloading = m_state.with([](State& state) {
       if (state.isReloading) {
-        for (auto& [name, watched] : state.watched) watched.readPrint.clear();
+        for (auto& [name, watched] : state.watched) {
+          watched.readPrint.clear();
+          // Only what the log has said: a table that is emptied now is not what was meant.
+          if (watched.isInDoubt()) watched.isConfirmed = true;
+        }
       }
       return std::exchange(state.isReloading, false);
     });
@@ -130,12 +168,7 @@ void TableWatch::run() {
 
 void TableWatch::look(Clock::time_point start) {
   try {
-    if (m_connection == nullptr) {
-      m_connection = std::make_unique<Database::Connection>(Tool::s_database);
-    }
-    for (const Tool::TextRow& row : Tool::selectTexts(*m_connection, s_statement(), 3)) {
-      compare(row[0], row[1], row[2] == "1", start);
-    }
+    for (const Tool::TextRow& row : listTables()) compare(row, start);
     noteMissing(start);
     if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
@@ -144,14 +177,34 @@ void TableWatch::look(Clock::time_point start) {
   }
 }
 
-void TableWatch::compare(const std::string& sqlName, const std::string& print, bool isLongAgo,
-                         Clock::time_point start) {
+// Name, print, time of creation, and "1" when the last change is long ago, of each table.
+std::vector<Tool::TextRow> TableWatch::listTables() try {
+  if (m_connection == nullptr) {
+    m_connection = std::make_unique<Database::Connection>(Tool::s_database);
+  }
+  return Tool::selectTexts(*m_connection, s_statement(), 4);
+} catch (const Exception& exception) {
+  m_connection.reset();
+  // An answer, as if the database were there without tables.
+  if (Tool::isDatabaseError(exception, s_unknownDatabase)) return {};
+  throw;
+}
+
+void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
+  const std::string& sqlName = row[0];
+  const std::string& print = row[1];
+  const std::string& created = row[2];
+  const bool isLongAgo = row[3] == "1";
   const TablePointer table = m_tables.add(sqlName);
   if (table == nullptr) return;
   m_state.with([&](State& state) {
     Watched& watched = state.watched.try_emplace(sqlName, table).first->second;
     watched.lastLook = start;
+    // What was confirmed is that it is gone, not what it is now.
+    if (watched.isMissing) watched.isConfirmed = false;
+    if (watched.isMissing || watched.created != created) watched.isReplaced = true;
     watched.isMissing = false;
+    watched.created = created;
     if (watched.seen != print) {
       watched.isRecent = !watched.seen.empty() || !isLongAgo;
       watched.seen = print;
@@ -159,23 +212,56 @@ void TableWatch::compare(const std::string& sqlName, const std::string& print, b
     }
     if (watched.isBusy) return;
     const bool isSame = watched.hasPrint(print) && !watched.isFailing;
-    if (isSame) table->confirm(start);
-    const Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
+    const bool isInUse = isSame && watched.read == TableState::Good;
+    if (isInUse) table->confirm(start);
+    Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
+    if (watched.read == TableState::Filling) next = std::min(next, watched.seenSince + quiet());
     if (start >= std::max(next, watched.readAfter)) return read(watched, print);
-    if (isSame) save(watched, start);
+    if (isInUse) save(watched, start);
   });
 }
 
-// Reports tables that existed and are missing now. Their last images stay.
+// Reports tables that are missing, and forgets those of them that an administrator knows to be.
 void TableWatch::noteMissing(Clock::time_point start) {
+  const std::vector<TablePointer> tables = m_tables.all();
   m_state.with([&](State& state) {
-    for (auto& [name, watched] : state.watched) {
-      if (watched.lastLook == start || watched.isMissing) continue;
-      watched.isMissing = true;
+    for (const TablePointer& table : tables) {
+      const std::string& name = table->sqlName();
+      Watched& watched = state.watched.try_emplace(name, table).first->second;
+      if (watched.lastLook == start) continue;
       watched.readPrint.clear();
-      m_log.warning("table " + name + " is gone; its last rows still answer");
+      if (!watched.isMissing) {
+        watched.isMissing = true;
+        watched.isConfirmed = false;
+        table->setState(TableState::Missing);
+        m_log.warning("table " + name +
+                      " is missing in the database: its requests are answered TEMP until it is "
+                      "back; if it is gone for good, reload the service");
+      } else if (watched.isConfirmed && !watched.isBusy) {
+        forget(watched);
+        if (m_tables.find(name) == nullptr) state.watched.erase(name);
+      }
     }
   });
+}
+
+// The table is gone for good.
+void TableWatch::forget(Watched& watched) {
+  Table& table = *watched.table;
+  const std::string& name = table.sqlName();
+  m_log.warning("table " + name + " is gone for good");
+  table.setState(TableState::Gone);
+  watched.isConfirmed = false;
+  watched.read = TableState::Good;
+  watched.rows = 0;
+  watched.saved = 0;
+  if (!Tool::readTableName(name)->name.empty()) m_tables.remove(name);
+  m_metrics.forgetTable(name);
+  try {
+    if (m_snapshots.isWanted()) m_snapshots.remove(name);
+  } catch (const std::exception& exception) {
+    m_log.error("table " + name + ": its snapshot cannot be removed: " + exception.what());
+  }
 }
 
 template <class Change>
@@ -217,10 +303,13 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
       });
   const Clock::duration took = Clock::now() - start;
   m_metrics.rebuilt(took);
-  report(table, *image);
   const bool isFirst = table.generation() == 0;
-  table.publish(image);
-  table.confirm(start);
+  const bool isAccepted = accept(table, *image, print, start);
+  if (isAccepted) {
+    report(table, *image);
+    table.publish(image);
+    table.confirm(start);
+  }
   // Reported once at this level: a busy table would fill the log.
   const auto tell = isFirst ? &Log::info : &Log::debug;
   (m_log.*tell)("table " + table.sqlName() + ": " + std::to_string(image->rows().size()) +
@@ -230,6 +319,53 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
     watched.readPrint = print;
     watched.readStart = start;
     watched.readTime = took;
+    // It may have vanished meanwhile.
+    if (isAccepted && !watched.isMissing) table.setState(TableState::Good);
+  });
+}
+
+// Decides whether the table, which has the rows of `image` now, is answered from.
+bool TableWatch::accept(Table& table, const TableImage& image, const std::string& print,
+                        Clock::time_point start) {
+  const std::size_t count = s_count(image);
+  std::string created;
+  if (m_state.with([&](State& state) { return count < state.watched.at(table.sqlName()).rows; })) {
+    // It may have been replaced between the last look and the reading.
+    Database::Connection connection{std::string(Tool::s_database)};
+    const auto rows = Tool::selectTexts(connection, s_createdStatement(table), 1);
+    created = rows.empty() ? "" : rows[0][0];
+  }
+  return m_state.with([&](State& state) {
+    Watched& watched = state.watched.at(table.sqlName());
+    if (watched.isMissing) return false;
+    if (count < watched.rows && created != watched.created) watched.isReplaced = true;
+    const TableState before = std::exchange(watched.read, watched.judge(count, start, quiet()));
+    const std::string counts =
+        std::to_string(count) + " rows instead of " + std::to_string(watched.rows);
+    switch (watched.read) {
+      case TableState::Empty:
+        watched.isReplaced = true;
+        table.setState(TableState::Empty);
+        if (before == TableState::Empty) return false;
+        m_log.warning("table " + table.sqlName() + " has " + counts +
+                      ": its requests are answered TEMP until it has rows again; if it is to be "
+                      "empty, reload the service");
+        return false;
+      case TableState::Filling:
+        // A table that was good until now goes on answering with its last rows.
+        if (table.state() != TableState::Good) table.setState(TableState::Filling);
+        if (before == TableState::Filling) return false;
+        m_log.warning("table " + table.sqlName() + " has " + counts +
+                      ": these are not used until it has not changed for " +
+                      s_secondsText(quiet()) + ", or the service is reloaded");
+        return false;
+      default:
+        watched.rows = count;
+        watched.isConfirmed = false;
+        // Otherwise the next reading is the one of the table that was seen meanwhile.
+        if (print == watched.seen) watched.isReplaced = false;
+        return true;
+    }
   });
 }
 
@@ -280,13 +416,19 @@ void TableWatch::fail(const std::string& why) {
   m_connection.reset();
   if (m_isFailing) return;
   m_isFailing = true;
+  const Clock::time_point now = Clock::now();
   std::string text = "the database is unavailable: " + why;
   for (const TablePointer& table : m_tables.all()) {
-    const auto age = table->age(Clock::now());
+    const bool isAble = table->whyUnable(now, m_settings).empty();
     text += "; table " + table->sqlName() +
-            (age ? " answers with rows of " + s_secondsText(*age) + " ago" : " cannot answer");
+            (isAble ? " answers with rows of " + s_secondsText(*table->age(now)) + " ago"
+                    : " cannot answer");
   }
   m_log.error(text);
+}
+
+Clock::duration TableWatch::quiet() const {
+  return std::max<Clock::duration>(s_quietTimes * m_settings.refresh, s_settled);
 }
 
 void TableWatch::loadSnapshots() {

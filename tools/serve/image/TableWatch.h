@@ -18,6 +18,7 @@
 #include "serve/base/Settings.h"
 #include "serve/image/SnapshotFile.h"
 #include "serve/image/Table.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Database {
 class Connection;
@@ -31,6 +32,10 @@ namespace Tessel::Serve {
 // another server of a cluster notes other times: so the number of the connection is compared too,
 // and a new connection rereads all tables.
 //
+// A table that is missing, that has lost all its rows, or that is there again with fewer rows may
+// be one that is just being restored. It is in doubt, and not answered from, until it has its rows
+// again or an administrator confirms with a reload that it is as it should be.
+//
 // Any thread may call `reload` and `stop`.
 class TableWatch {
  public:
@@ -43,7 +48,7 @@ class TableWatch {
 
   // Begins to watch, on threads of its own.
   void start();
-  // Rereads all tables, over new connections.
+  // Rereads all tables, over new connections, and takes the tables that are in doubt as they are.
   void reload();
   // Stops watching. False when something still runs after `patience`, which waits for the database
   // then; it must not be destroyed before that ends.
@@ -54,7 +59,7 @@ class TableWatch {
 
   // What is known about one table. A print is what the server notes about it.
   struct Watched {
-    explicit Watched(TablePointer watchedTable) : table(std::move(watchedTable)) {}
+    explicit Watched(TablePointer watchedTable);
 
     // The image was read from a table with this print.
     [[nodiscard]] bool hasPrint(const std::string& print) const {
@@ -62,14 +67,27 @@ class TableWatch {
     }
     // When the table is to be read again, the image having its print; `max` when there is no need.
     [[nodiscard]] Clock::time_point nextRead() const;
+    // True when `count` rows are so few that the table may be one that is being filled again.
+    [[nodiscard]] bool isSuspicious(std::size_t count) const;
+    // What the table is, which had `count` rows when it was read at `start`. One that does not
+    // change for the time `quiet` is complete.
+    [[nodiscard]] TableState judge(std::size_t count, Clock::time_point start,
+                                   Clock::duration quiet) const;
+    // True when an administrator who looks at the log knows that the table is in doubt.
+    [[nodiscard]] bool isInDoubt() const { return isMissing || read != TableState::Good; }
 
     TablePointer table;
     std::string seen;             // The newest print.
     Clock::time_point seenSince;  // When it was first seen.
     bool isRecent = false;        // More may have changed in the second of the print.
     Clock::time_point lastLook;   // When the table was last seen to be there.
+    std::string created;          // When the table was created, as the server says.
     bool isMissing = false;
-    bool isBusy = false;  // It is being read or saved.
+    bool isReplaced = false;   // This may be another table than the one that was read before.
+    bool isConfirmed = false;  // An administrator wants it as it is, though it is in doubt.
+    TableState read = TableState::Good;  // What the table was when it was last read.
+    std::size_t rows = 0;                // Of the image, with those that cannot be read.
+    bool isBusy = false;                 // It is being read or saved.
     bool isFailing = false;
     std::string readPrint;        // Of the image.
     Clock::time_point readStart;  // Of the image.
@@ -87,17 +105,22 @@ class TableWatch {
 
   void run();
   void look(Clock::time_point start);
-  void compare(const std::string& sqlName, const std::string& print, bool isLongAgo,
-               Clock::time_point start);
+  std::vector<Tool::TextRow> listTables();
+  void compare(const Tool::TextRow& row, Clock::time_point start);
   void noteMissing(Clock::time_point start);
+  void forget(Watched& watched);
   void read(Watched& watched, const std::string& print);
   void readNow(Table& table, const std::string& print, Clock::time_point start);
+  bool accept(Table& table, const TableImage& image, const std::string& print,
+              Clock::time_point start);
   void report(const Table& table, const TableImage& image);
   void save(Watched& watched, Clock::time_point now);
   // Changes what is known of `table`, and notifies those who wait.
   template <class Change>
   void note(const Table& table, Change change);
   void fail(const std::string& why);
+  // How long a table that is being filled may pause.
+  [[nodiscard]] Clock::duration quiet() const;
   void loadSnapshots();
 
   const Settings& m_settings;
