@@ -3,6 +3,7 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -25,10 +26,15 @@
 namespace Tessel::Serve {
 namespace {
 
+namespace fs = std::filesystem;
 using std::chrono::hours;
 using std::chrono::minutes;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+
+// Bytes of the time at the end of a file, with its checksum.
+constexpr std::size_t s_stampSize = 12;
 
 TableImage s_aliases(const Rows& rows) {
   return {TableKind::Alias, sourceOf(rows)};
@@ -114,7 +120,7 @@ TEST_F(SnapshotFile, AddressesOfBrokenRowsStayBroken) {
 }
 
 TEST_F(SnapshotFile, OnlyItsOwnerMayReadAFile) {
-  const mode_t before = umask(0);
+  const mode_t before = umask(0777);
   m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   umask(before);
   struct stat status {};
@@ -139,12 +145,12 @@ TEST_F(SnapshotFile, AFileIsReplacedByAnother) {
   m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   m_directory.save("alias", s_aliases({{"a@d", "b@d"}, {"b@d", "c@d"}}));
   EXPECT_EQ(load("alias")->rows().size(), 2U);
-  EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
+  EXPECT_FALSE(fs::exists(path("alias.image.new")));
 }
 
 TEST_F(SnapshotFile, WhatIsNotThereCannotBeRead) {
   EXPECT_THROW(static_cast<void>(load("alias")), std::system_error);
-  EXPECT_THROW(m_directory.confirm("alias"), std::system_error);
+  EXPECT_FALSE(m_directory.confirm("alias", {}));
 }
 
 TEST_F(SnapshotFile, AFileThatIsCutOffAnywhereIsRefused) {
@@ -171,45 +177,99 @@ TEST_F(SnapshotFile, AFileWithAnyDamagedByteIsRefused) {
 
 TEST_F(SnapshotFile, AFileOfAnotherTableIsRefused) {
   m_directory.save("alias_other", s_aliases({{"a@d", "b@d"}}));
-  std::filesystem::rename(path("alias_other.image"), path("alias.image"));
+  fs::rename(path("alias_other.image"), path("alias.image"));
   EXPECT_EQ(refusal("alias"), "the file is that of another table");
 }
 
 TEST_F(SnapshotFile, AFileOfAnotherFormatIsRefused) {
   m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   std::string content = s_content(path("alias.image"));
-  content.resize(content.size() - sizeof(std::uint32_t));
-  content.replace(content.find("image 1"), 7, "image 9");
+  const std::string stamp = content.substr(content.size() - s_stampSize);
+  content.resize(content.size() - s_stampSize - sizeof(std::uint32_t));
+  content.replace(content.find("image 2"), 7, "image 9");
   boost::crc_32_type crc;
   crc.process_bytes(content.data(), content.size());
   const std::uint32_t sum = crc.checksum();
-  content.append(reinterpret_cast<const char*>(&sum), sizeof(sum));
+  content.append(reinterpret_cast<const char*>(&sum), sizeof(sum)).append(stamp);
   s_write(path("alias.image"), content);
   EXPECT_EQ(refusal("alias"), "the file has another format");
 }
 
 TEST_F(SnapshotFile, TheFileKnowsWhenTheTableWasLastLikeIt) {
-  m_directory.save("alias", s_aliases({}));
-  const auto age = [this] {
-    return Clock::now() - m_directory.load("alias", TableKind::Alias).confirmed;
-  };
-  EXPECT_LT(age(), minutes(1));
-  std::filesystem::last_write_time(path("alias.image"),
-                                   std::filesystem::file_time_type::clock::now() - hours(3));
+  const Clock::time_point now = Clock::now();
+  const SnapshotId id = m_directory.save("alias", s_aliases({}), now - hours(3));
+  const auto age = [&] { return now - m_directory.load("alias", TableKind::Alias).confirmed; };
   EXPECT_GT(age(), hours(3) - minutes(1));
   EXPECT_LT(age(), hours(3) + minutes(1));
-  m_directory.confirm("alias");
-  EXPECT_LT(age(), minutes(1));
+  // Copies and backups have times of their own.
+  fs::last_write_time(path("alias.image"), fs::file_time_type::clock::now() + hours(1));
+  EXPECT_GT(age(), hours(3) - minutes(1));
+  EXPECT_TRUE(m_directory.confirm("alias", id, now - hours(1)));
+  EXPECT_LT(age(), hours(1) + minutes(1));
+  EXPECT_GT(age(), hours(1) - minutes(1));
 }
 
 TEST_F(SnapshotFile, ATimeInTheFutureCountsAsNow) {
-  m_directory.save("alias", s_aliases({}));
-  std::filesystem::last_write_time(path("alias.image"),
-                                   std::filesystem::file_time_type::clock::now() + hours(3));
+  m_directory.save("alias", s_aliases({}), Clock::now() + hours(3));
   const Clock::time_point before = Clock::now();
   const Clock::time_point confirmed = m_directory.load("alias", TableKind::Alias).confirmed;
   EXPECT_GE(confirmed, before);
   EXPECT_LE(confirmed, Clock::now());
+}
+
+TEST_F(SnapshotFile, AnotherFileInItsPlaceIsNotConfirmed) {
+  const Clock::time_point old = Clock::now() - hours(3);
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}}), old);
+  fs::copy_file(path("alias.image"), path("backup"));
+  const SnapshotId id = m_directory.save("alias", s_aliases({{"a@d", "c@d"}}));
+  // By another file, and by other content in the same one.
+  for (const bool isRenamed : {false, true}) {
+    if (isRenamed) fs::remove(path("alias.image"));
+    s_write(path("alias.image"), s_content(path("backup")));
+    EXPECT_FALSE(m_directory.confirm("alias", id)) << isRenamed;
+    EXPECT_LE(m_directory.load("alias", TableKind::Alias).confirmed, old + minutes(1));
+  }
+  const SnapshotId second = m_directory.save("alias", s_aliases({}));
+  fs::copy_file(path("alias.image"), path("copy"));
+  EXPECT_TRUE(m_directory.confirm("alias", second));
+  fs::rename(path("copy"), path("alias.image"));
+  EXPECT_FALSE(m_directory.confirm("alias", second));
+  fs::remove(path("alias.image"));
+  EXPECT_FALSE(m_directory.confirm("alias", second));
+}
+
+TEST_F(SnapshotFile, WhatIsNotAPlainFileIsRefusedAndNotWaitedFor) {
+  ASSERT_EQ(mkfifo(path("alias.image").c_str(), 0600), 0);
+  EXPECT_THAT(refusal("alias"), HasSubstr("is not a regular file"));
+  EXPECT_FALSE(m_directory.confirm("alias", {}));
+  m_directory.save("alias", s_aliases({}));
+  EXPECT_EQ(refusal("alias"), "");
+  fs::rename(path("alias.image"), path("elsewhere"));
+  fs::create_symlink(path("elsewhere"), path("alias.image"));
+  EXPECT_NE(refusal("alias"), "");
+  m_directory.save("alias", s_aliases({}));
+  EXPECT_FALSE(fs::is_symlink(path("alias.image")));
+}
+
+TEST_F(SnapshotFile, FilesAndDirectoriesThatOthersMayWriteOrOwnAreRefused) {
+  m_directory.save("alias", s_aliases({}));
+  chmod(path("alias.image").c_str(), 0620);
+  EXPECT_THAT(refusal("alias"), HasSubstr("can be written by other users"));
+  m_directory.save("alias", s_aliases({}));
+  EXPECT_EQ(refusal("alias"), "");
+  chmod(m_scratch.directory().c_str(), 0777);
+  EXPECT_THAT(refusal("alias"), HasSubstr("can be written by other users"));
+  EXPECT_THROW(m_directory.save("alias", s_aliases({})), std::runtime_error);
+  EXPECT_THROW(static_cast<void>(m_directory.names()), std::runtime_error);
+  // Only root can give files away.
+  if (geteuid() != 0) return;
+  chmod(m_scratch.directory().c_str(), 0700);
+  ASSERT_EQ(chown(path("alias.image").c_str(), 1, 1), 0);
+  EXPECT_THAT(refusal("alias"), HasSubstr("belongs to another user"));
+  m_directory.save("alias", s_aliases({}));
+  EXPECT_EQ(refusal("alias"), "");
+  ASSERT_EQ(chown(m_scratch.directory().c_str(), 1, 1), 0);
+  EXPECT_THAT(refusal("alias"), HasSubstr("belongs to another user"));
 }
 
 TEST_F(SnapshotFile, AFileThatCannotBeWrittenLeavesTheOldOne) {
@@ -226,7 +286,7 @@ TEST_F(SnapshotFile, AFileThatCannotBeWrittenLeavesTheOldOne) {
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(load("alias")->rows().size(), 1U);
-  EXPECT_FALSE(std::filesystem::exists(path("alias.image.new")));
+  EXPECT_FALSE(fs::exists(path("alias.image.new")));
 }
 
 TEST_F(SnapshotFile, ADirectoryThatIsGoneIsAFailure) {

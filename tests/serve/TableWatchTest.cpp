@@ -413,6 +413,26 @@ TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
   EXPECT_TRUE(becomes("a@d", "c@d"));
 }
 
+TEST_F(TableWatchTest, ASnapshotThatIsDeletedOrReplacedIsWrittenAgain) {
+  const Testing::ScratchFile scratch;
+  const std::string file = scratch.directory() + "/alias.image";
+  m_settings.snapshot = scratch.directory();
+  m_settings.snapshotInterval = milliseconds(20);
+  const SnapshotDirectory directory(scratch.directory());
+  directory.save("alias", TableImage(TableKind::Alias, sourceOf({})));
+  fs::copy_file(file, scratch.directory() + "/backup");
+  add("a@d", "b@d");
+  const auto isSaved = [&] {
+    return fs::exists(file) && directory.load("alias", TableKind::Alias).image->rows().size() == 1;
+  };
+  watch();
+  ASSERT_TRUE(s_waitFor(isSaved));
+  fs::remove(file);
+  EXPECT_TRUE(s_waitFor(isSaved));
+  fs::rename(scratch.directory() + "/backup", file);
+  EXPECT_TRUE(s_waitFor(isSaved));
+}
+
 TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   const Testing::ScratchFile scratch;
   m_settings.snapshot = scratch.directory();
@@ -423,6 +443,20 @@ TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   EXPECT_EQ(m_tables.find("alias")->image(), nullptr);
   EXPECT_FALSE(m_tables.find("alias")->age(Clock::now()));
   EXPECT_THAT(takeLog(), HasSubstr("the snapshot of table alias cannot be used"));
+}
+
+TEST_F(TableWatchTest, ADirectoryThatCannotBeUsedIsReportedAndStopsNothing) {
+  const Testing::ScratchFile scratch;
+  fs::permissions(scratch.directory(), fs::perms::all);
+  for (const std::string& directory : {scratch.directory(), std::string("/nonexistent")}) {
+    m_settings.snapshot = directory;
+    watch();
+    EXPECT_TRUE(becomesUnable("alias", ""));
+  }
+  m_watch.reset();
+  const std::string log = takeLog();
+  EXPECT_THAT(log, HasSubstr(scratch.directory() + " can be written by other users"));
+  EXPECT_THAT(log, HasSubstr("there are no snapshots: /nonexistent"));
 }
 
 TEST_F(TableWatchTest, AnEndDoesNotWaitLongerForTheDatabaseThanItIsTold) {

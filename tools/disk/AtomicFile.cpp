@@ -37,7 +37,8 @@ void s_syncDirectory(const std::string& directory) {
 AtomicFile::AtomicFile(std::string target, std::string temporary, mode_t mode)
     : m_target(std::move(target)), m_temporary(std::move(temporary)) {
   if (unlink(m_temporary.c_str()) != 0 && errno != ENOENT) s_fail(m_temporary);
-  m_descriptor = open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  m_descriptor =
+      open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
   if (m_descriptor < 0) s_fail(m_temporary);
 }
 

@@ -31,6 +31,8 @@ struct Settings {
   std::chrono::milliseconds refresh{1000};
   std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: forever.
   std::string snapshot;  // Directory; empty for none.
+  // Shortest time between two snapshots of a table. Not an option.
+  std::chrono::milliseconds snapshotInterval{10000};
   std::size_t maxReply = 100000;
   std::size_t page = 500;
   std::size_t maxRequest = 65536;

@@ -10,9 +10,8 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <limits>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -21,13 +20,15 @@
 #include <boost/crc.hpp>
 
 #include "disk/AtomicFile.h"
+#include "disk/Descriptor.h"
 
 namespace Tessel::Serve {
 
 namespace {
 
-constexpr std::string_view s_format = "tsl-address-map image 1\n";
-constexpr std::string_view s_ending = ".image";
+constexpr std::string_view s_format = "tsl-address-map image 2\n";
+constexpr std::string_view s_suffix = ".image";
+constexpr mode_t s_mode = S_IRUSR | S_IWUSR;
 
 [[noreturn]] void s_fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -36,10 +37,16 @@ constexpr std::string_view s_ending = ".image";
 // A file that is being written, with a checksum at its end.
 class NewFile {
  public:
-  explicit NewFile(const std::string& path) : m_file(path, path + ".new", 0600) {}
+  explicit NewFile(const std::string& path) : m_file(path, path + ".new", s_mode) {
+    // Whatever the umask is.
+    if (fchmod(m_file.descriptor(), s_mode) != 0) s_fail(path);
+  }
+
+  [[nodiscard]] std::uint64_t size() const { return m_size; }
 
   void write(std::string_view bytes) {
     m_file.write(bytes);
+    m_size += bytes.size();
     m_crc.process_bytes(bytes.data(), bytes.size());
   }
 
@@ -48,14 +55,21 @@ class NewFile {
     write(std::string_view(reinterpret_cast<const char*>(&number), sizeof(number)));
   }
 
-  void finish() {
-    writeNumber<std::uint32_t>(m_crc.checksum());
+  // Ends the part that does not change.
+  void writeChecksum() { writeNumber<std::uint32_t>(m_crc.checksum()); }
+
+  // Returns the inode of the file.
+  std::uint64_t finish() {
+    struct stat status {};
+    if (fstat(m_file.descriptor(), &status) != 0) s_fail("fstat");
     m_file.finish();
+    return status.st_ino;
   }
 
  private:
   Tool::AtomicFile m_file;
   boost::crc_32_type m_crc;
+  std::uint64_t m_size = 0;
 };
 
 // Reads a file from its start to its end.
@@ -83,38 +97,114 @@ class Bytes {
   std::string_view m_bytes;
 };
 
-std::string s_read(const std::string& path) {
-  std::ifstream file(path, std::ios::binary | std::ios::ate);
-  if (!file) s_fail(path);
-  std::string content(static_cast<std::size_t>(file.tellg()), '\0');
-  file.seekg(0);
-  if (!file.read(content.data(), static_cast<std::streamsize>(content.size()))) s_fail(path);
-  return content;
-}
-
-// The content without its end, when that is right. `count` gets the number of rows.
-std::string_view s_checked(std::string_view content, std::uint64_t& count) {
-  constexpr std::size_t s_end = sizeof(std::uint64_t) + sizeof(std::uint32_t);
-  if (content.size() < s_end) throw std::runtime_error("the file is cut off");
-  const std::size_t size = content.size() - sizeof(std::uint32_t);
-  boost::crc_32_type crc;
-  crc.process_bytes(content.data(), size);
-  Bytes end(content.substr(content.size() - s_end));
-  count = end.takeNumber<std::uint64_t>();
-  if (end.takeNumber<std::uint32_t>() != crc.checksum()) {
-    throw std::runtime_error("the file is damaged");
+// Refuses what another user may have written.
+void s_checkOwner(const struct stat& status, const std::string& path) {
+  if (status.st_uid != geteuid() && status.st_uid != 0) {
+    throw std::runtime_error(path + " belongs to another user");
   }
-  return content.substr(0, content.size() - s_end);
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    throw std::runtime_error(path + " can be written by other users");
+  }
 }
 
-// When the file was last changed. A time in the future is taken as now.
-Clock::time_point s_changed(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) s_fail(path);
-  const std::chrono::nanoseconds since = std::chrono::seconds(status.st_mtim.tv_sec) +
-                                         std::chrono::nanoseconds(status.st_mtim.tv_nsec);
-  const auto age = std::chrono::system_clock::now().time_since_epoch() - since;
-  return Clock::now() - std::max(std::chrono::nanoseconds(0), std::chrono::nanoseconds(age));
+// A file of the directory, opened without waiting for anything and without following a link.
+class OldFile {
+ public:
+  OldFile(const std::string& path, int access)
+      : m_path(path), m_descriptor(open(path.c_str(), access | s_flags)) {
+    if (m_descriptor.get() < 0) s_fail(path);
+    struct stat status {};
+    if (fstat(m_descriptor.get(), &status) != 0) s_fail(path);
+    if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a regular file");
+    s_checkOwner(status, path);
+    m_size = static_cast<std::uint64_t>(status.st_size);
+    m_inode = status.st_ino;
+  }
+
+  [[nodiscard]] std::uint64_t size() const { return m_size; }
+  [[nodiscard]] std::uint64_t inode() const { return m_inode; }
+
+  [[nodiscard]] std::string read(std::uint64_t from) const {
+    std::string content(m_size - from, '\0');
+    for (std::size_t done = 0; done < content.size();) {
+      const ssize_t count = pread(m_descriptor.get(), content.data() + done, content.size() - done,
+                                  static_cast<off_t>(from + done));
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) s_fail(m_path);
+      if (count == 0) throw std::runtime_error("the file is cut off");
+      done += static_cast<std::size_t>(count);
+    }
+    return content;
+  }
+
+  void write(std::string_view bytes, std::uint64_t from) const {
+    const ssize_t count =
+        pwrite(m_descriptor.get(), bytes.data(), bytes.size(), static_cast<off_t>(from));
+    if (count != static_cast<ssize_t>(bytes.size())) s_fail(m_path);
+  }
+
+ private:
+  static constexpr int s_flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+  const std::string m_path;
+  const Tool::Descriptor m_descriptor;
+  std::uint64_t m_size = 0;
+  std::uint64_t m_inode = 0;
+};
+
+template <class Number>
+std::string_view s_bytes(const Number& number) {
+  return {reinterpret_cast<const char*>(&number), sizeof(number)};
+}
+
+std::uint32_t s_checksum(std::string_view bytes) {
+  boost::crc_32_type crc;
+  crc.process_bytes(bytes.data(), bytes.size());
+  return crc.checksum();
+}
+
+// The end of a file, which changes: `time`, with a checksum that fits the file only.
+std::string s_timeStamp(std::uint64_t number, Clock::time_point time) {
+  const auto wall = std::chrono::system_clock::now() -
+                    std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - time);
+  const std::int64_t nanoseconds = std::chrono::nanoseconds(wall.time_since_epoch()).count();
+  const std::string stamp(s_bytes(nanoseconds));
+  const std::uint32_t sum = s_checksum(std::string(s_bytes(number)) + stamp);
+  return stamp + std::string(s_bytes(sum));
+}
+
+constexpr std::size_t s_stampSize = sizeof(std::int64_t) + sizeof(std::uint32_t);
+
+// What is behind the rows of a file.
+struct Ending {
+  std::uint64_t count = 0;
+  std::uint64_t number = 0;
+  std::uint32_t checksum = 0;
+  Clock::time_point time;
+  static constexpr std::size_t size =
+      2 * sizeof(std::uint64_t) + sizeof(std::uint32_t) + s_stampSize;
+};
+
+// The end of `content`, when its own checksum is right. A time in the future is taken as now.
+Ending s_ending(std::string_view content) {
+  if (content.size() < Ending::size) throw std::runtime_error("the file is cut off");
+  Bytes end(content.substr(content.size() - Ending::size));
+  Ending ending;
+  ending.count = end.takeNumber<std::uint64_t>();
+  ending.number = end.takeNumber<std::uint64_t>();
+  ending.checksum = end.takeNumber<std::uint32_t>();
+  const std::string_view stamp = end.take(sizeof(std::int64_t));
+  const std::uint32_t sum = s_checksum(std::string(s_bytes(ending.number)).append(stamp));
+  if (end.takeNumber<std::uint32_t>() != sum) throw std::runtime_error("the file is damaged");
+  const std::chrono::nanoseconds since(Bytes(stamp).takeNumber<std::int64_t>());
+  const std::chrono::nanoseconds age = std::chrono::system_clock::now().time_since_epoch() - since;
+  ending.time = Clock::now() - std::max(std::chrono::nanoseconds(0), age);
+  return ending;
+}
+
+std::uint64_t s_random() {
+  std::random_device device;
+  return (std::uint64_t{device()} << 32U) | device();
 }
 
 }  // namespace
@@ -122,15 +212,18 @@ Clock::time_point s_changed(const std::string& path) {
 std::vector<std::string> SnapshotDirectory::names() const {
   std::vector<std::string> names;
   if (!isWanted()) return names;
+  check();
   for (const auto& entry : std::filesystem::directory_iterator(m_path)) {
     const std::string name = entry.path().filename().string();
-    if (name.ends_with(s_ending)) names.push_back(name.substr(0, name.size() - s_ending.size()));
+    if (name.ends_with(s_suffix)) names.push_back(name.substr(0, name.size() - s_suffix.size()));
   }
   std::sort(names.begin(), names.end());
   return names;
 }
 
-void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image) const {
+SnapshotId SnapshotDirectory::save(const std::string& sqlName, const TableImage& image,
+                                   Clock::time_point time) const {
+  check();
   NewFile file(fileOf(sqlName));
   file.write(s_format);
   file.write(sqlName + "\n");
@@ -148,11 +241,27 @@ void SnapshotDirectory::save(const std::string& sqlName, const TableImage& image
     count += rows->size();
   }
   file.writeNumber<std::uint64_t>(count);
-  file.finish();
+  SnapshotId id;
+  id.number = s_random();
+  file.writeNumber(id.number);
+  file.writeChecksum();
+  file.write(s_timeStamp(id.number, time));
+  id.size = file.size();
+  id.inode = file.finish();
+  return id;
 }
 
-void SnapshotDirectory::confirm(const std::string& sqlName) const {
-  if (utimensat(AT_FDCWD, fileOf(sqlName).c_str(), nullptr, 0) != 0) s_fail(fileOf(sqlName));
+bool SnapshotDirectory::confirm(const std::string& sqlName, const SnapshotId& id,
+                                Clock::time_point time) const try {
+  check();
+  const OldFile file(fileOf(sqlName), O_RDWR);
+  if (file.inode() != id.inode || file.size() != id.size) return false;
+  if (s_ending(file.read(file.size() - Ending::size)).number != id.number) return false;
+  file.write(s_timeStamp(id.number, time), file.size() - s_stampSize);
+  return true;
+} catch (const std::runtime_error&) {
+  // Saving it again reports what is wrong.
+  return false;
 }
 
 void SnapshotDirectory::remove(const std::string& sqlName) const {
@@ -160,11 +269,14 @@ void SnapshotDirectory::remove(const std::string& sqlName) const {
 }
 
 Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) const {
-  const std::string path = fileOf(sqlName);
-  const Clock::time_point confirmed = s_changed(path);
-  const std::string content = s_read(path);
-  std::uint64_t count = 0;
-  Bytes bytes(s_checked(content, count));
+  check();
+  const std::string content = OldFile(fileOf(sqlName), O_RDONLY).read(0);
+  const Ending ending = s_ending(content);
+  const std::size_t size = content.size() - s_stampSize - sizeof(ending.checksum);
+  if (s_checksum(std::string_view(content).substr(0, size)) != ending.checksum) {
+    throw std::runtime_error("the file is damaged");
+  }
+  Bytes bytes(std::string_view(content).substr(0, content.size() - Ending::size));
   if (bytes.take(std::min(bytes.left(), s_format.size())) != s_format) {
     throw std::runtime_error("the file has another format");
   }
@@ -172,17 +284,23 @@ Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) con
     throw std::runtime_error("the file is that of another table");
   }
   const auto image = std::make_shared<const TableImage>(kind, [&](const TakeRow& take) {
-    for (std::uint64_t i = 0; i < count; ++i) {
+    for (std::uint64_t i = 0; i < ending.count; ++i) {
       const std::string_view first = bytes.take(bytes.takeNumber<std::uint32_t>());
       const std::string_view second = bytes.take(bytes.takeNumber<std::uint32_t>());
       take(first, second);
     }
   });
-  return {image, confirmed};
+  return {image, ending.time};
+}
+
+void SnapshotDirectory::check() const {
+  struct stat status {};
+  if (stat(m_path.c_str(), &status) != 0) s_fail(m_path);
+  s_checkOwner(status, m_path);
 }
 
 std::string SnapshotDirectory::fileOf(const std::string& sqlName) const {
-  return m_path + "/" + sqlName + std::string(s_ending);
+  return m_path + "/" + sqlName + std::string(s_suffix);
 }
 
 }  // namespace Tessel::Serve

@@ -42,8 +42,6 @@ constexpr milliseconds s_retry{1000};
 constexpr int s_quietTimes = 10;
 // A table that had this many rows does not lose more than half of them in one step of daily work.
 constexpr std::size_t s_manyRows = 10;
-// Shortest time between two snapshots of a table.
-constexpr std::chrono::seconds s_saveInterval{10};
 
 // MySQL keeps what it answers here for a day unless this hint says otherwise; to MariaDB the hint
 // is a comment.
@@ -382,20 +380,19 @@ void TableWatch::report(const Table& table, const TableImage& image) {
   }
 }
 
-// Has a snapshot written where the last one is of an older image; otherwise notes in it that it is
-// still right.
+// Has a snapshot written where the last one is of an older image, or is not there any more;
+// otherwise notes in it that it is still right.
 void TableWatch::save(Watched& watched, Clock::time_point now) {
   if (!m_snapshots.isWanted() || now < watched.saveAfter) return;
-  watched.saveAfter = now + s_saveInterval;
+  watched.saveAfter = now + m_settings.snapshotInterval;
   watched.isBusy = true;
-  boost::asio::post(*m_readers, [this, table = watched.table, saved = watched.saved] {
+  boost::asio::post(*m_readers, [this, table = watched.table, saved = watched.saved,
+                                 id = watched.savedAs, now]() mutable {
     const std::uint64_t generation = table->generation();
     std::string why;
     try {
-      if (saved == generation) {
-        m_snapshots.confirm(table->sqlName());
-      } else {
-        m_snapshots.save(table->sqlName(), *table->image());
+      if (saved != generation || !m_snapshots.confirm(table->sqlName(), id, now)) {
+        id = m_snapshots.save(table->sqlName(), *table->image(), now);
       }
     } catch (const std::exception& exception) {
       why = exception.what();
@@ -403,6 +400,7 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
     note(*table, [&](Watched& current) {
       if (why.empty()) {
         current.saved = generation;
+        current.savedAs = id;
       } else {
         m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
       }
@@ -432,7 +430,13 @@ Clock::duration TableWatch::quiet() const {
 }
 
 void TableWatch::loadSnapshots() {
-  for (const std::string& sqlName : m_snapshots.names()) {
+  std::vector<std::string> names;
+  try {
+    names = m_snapshots.names();
+  } catch (const std::exception& exception) {
+    m_log.error(std::string("there are no snapshots: ") + exception.what());
+  }
+  for (const std::string& sqlName : names) {
     const TablePointer table = m_tables.add(sqlName);
     if (table == nullptr) continue;
     try {

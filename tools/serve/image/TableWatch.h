@@ -94,6 +94,7 @@ class TableWatch {
     Clock::duration readTime{};   // What reading the image took.
     Clock::time_point readAfter;  // Not again before.
     std::uint64_t saved = 0;      // Generation of the snapshot.
+    SnapshotId savedAs;
     Clock::time_point saveAfter;
   };
   struct State {
