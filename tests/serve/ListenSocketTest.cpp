@@ -6,19 +6,28 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +36,8 @@
 
 namespace Tessel::Serve {
 namespace {
+
+namespace fs = std::filesystem;
 
 // A socket of the tests themselves.
 class PlainSocket {
@@ -73,7 +84,7 @@ class ListenSocketTest : public testing::Test {
   [[nodiscard]] std::string path() const { return m_scratch.directory() + "/socketmap"; }
   [[nodiscard]] std::size_t files() const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(m_scratch.directory())) {
+    for (const auto& entry : fs::directory_iterator(m_scratch.directory())) {
       count += entry.exists() || entry.is_symlink() ? 1U : 0U;
     }
     return count;
@@ -185,23 +196,114 @@ TEST_F(ListenSocketTest, ASocketForDatagramsIsInUse) {
 TEST_F(ListenSocketTest, AnyOtherFileIsRefusedAndStays) {
   std::ofstream(path()) << "precious";
   EXPECT_EQ(refusal(address()), "there is another file");
-  EXPECT_EQ(std::filesystem::file_size(path()), 8U);
-  std::filesystem::remove(path());
-  std::filesystem::create_directory(path());
+  EXPECT_EQ(fs::file_size(path()), 8U);
+  fs::remove(path());
+  fs::create_directory(path());
   EXPECT_EQ(refusal(address()), "there is another file");
-  std::filesystem::remove(path());
-  std::filesystem::create_symlink(m_scratch.directory() + "/elsewhere", path());
+  fs::remove(path());
+  fs::create_symlink(m_scratch.directory() + "/elsewhere", path());
   EXPECT_EQ(refusal(address()), "there is another file");
   EXPECT_EQ(files(), 1U);
 }
 
 TEST_F(ListenSocketTest, AFileThatAnotherServicePutThereStays) {
   auto first = std::make_unique<ListenSocket>(address());
-  std::filesystem::remove(path());
+  fs::remove(path());
   const ListenSocket second(address());
   first.reset();
   EXPECT_TRUE(s_canConnect(path()));
   EXPECT_EQ(files(), 1U);
+}
+
+// Runs `task` in `count` processes at the same time; the exit statuses of all.
+std::vector<int> s_inProcesses(int count, const std::function<int()>& task) {
+  std::array<int, 2> gate{};
+  if (pipe(gate.data()) != 0) return {};
+  std::vector<pid_t> children;
+  for (int i = 0; i < count; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      close(gate[1]);
+      char byte = 0;
+      static_cast<void>(!read(gate[0], &byte, 1));  // Until the other end is closed.
+      _exit(task());
+    }
+    children.push_back(child);
+  }
+  close(gate[0]);
+  close(gate[1]);
+  std::vector<int> statuses;
+  for (const pid_t child : children) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    statuses.push_back(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+  }
+  return statuses;
+}
+
+TEST_F(ListenSocketTest, OfServicesThatStartAtTheSameTimeOneListens) {
+  constexpr int count = 6;
+  void* const shared =
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto* const tried = new (shared) std::atomic<int>;
+  for (int round = 0; round < 30; ++round) {
+    *tried = 0;
+    const auto statuses = s_inProcesses(count, [&] {
+      int listening = 0;
+      try {
+        // Its end is that of a process that is killed: the file stays.
+        new ListenSocket(address());
+        listening = 1;
+      } catch (const Tool::Failure&) {
+        listening = 0;
+      }
+      // It must listen until all others have tried.
+      ++*tried;
+      while (*tried < count) std::this_thread::yield();
+      return listening;
+    });
+    EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 1), 1) << round;
+  }
+  munmap(shared, sizeof(int));
+  EXPECT_EQ(files(), 1U);
+}
+
+TEST_F(ListenSocketTest, AnEndAndAStartAtTheSameTimeLeaveTheSocketOfTheStart) {
+  for (int round = 0; round < 100; ++round) {
+    auto first = std::make_unique<ListenSocket>(address());
+    std::unique_ptr<ListenSocket> second;
+    std::thread start([&] {
+      while (second == nullptr) {
+        try {
+          second = std::make_unique<ListenSocket>(address());
+        } catch (const Tool::Failure&) {
+          std::this_thread::yield();
+        }
+      }
+    });
+    first.reset();
+    start.join();
+    ASSERT_TRUE(s_canConnect(path())) << round;
+  }
+  EXPECT_EQ(files(), 0U);
+}
+
+TEST_F(ListenSocketTest, AServiceWaitsForAnotherThatIsStarting) {
+  const std::string lock = path() + ".lock";
+  const int held = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  std::atomic<bool> isReleased = false;
+  std::thread start([&] {
+    const ListenSocket socket(address());
+    EXPECT_TRUE(isReleased);
+    EXPECT_FALSE(fs::exists(lock));
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  isReleased = true;
+  close(held);
+  start.join();
+  EXPECT_EQ(files(), 0U);
 }
 
 TEST_F(ListenSocketTest, ADirectoryThatIsNotThereIsRefused) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <netinet/in.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,12 +13,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <system_error>
+#include <thread>
 #include <utility>
 
+#include "disk/Descriptor.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
@@ -28,6 +33,9 @@ using Tool::ExitCode;
 using Tool::Failure;
 
 constexpr int s_backlog = 4096;
+// How often, and with which pause, the lock of a path is tried: five seconds in all.
+constexpr int s_lockTries = 1000;
+constexpr std::chrono::milliseconds s_lockPause{5};
 
 [[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
                          const std::string& hint) {
@@ -69,6 +77,44 @@ void s_checkPath(const std::string& path) {
                 "stop it first, or give another path");
 }
 
+bool s_isSameFile(int descriptor, const std::string& path) {
+  struct stat open {};
+  struct stat named {};
+  return fstat(descriptor, &open) == 0 && lstat(path.c_str(), &named) == 0 &&
+         open.st_ino == named.st_ino && open.st_dev == named.st_dev;
+}
+
+// Keeps other services away from the socket at a path while in scope. The kernel lets go of the
+// lock when the process dies.
+class PathLock {
+ public:
+  // Throws Tool::Failure when it cannot be had within the patience.
+  explicit PathLock(const std::string& path) : m_path(path + ".lock") {
+    for (int i = 0; i < s_lockTries; ++i) {
+      m_file.emplace(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                          S_IRUSR | S_IWUSR));
+      if (m_file->get() < 0) {
+        s_fail(path, "the directory cannot be written", errno,
+               "create the directory, writable for the user of the service");
+      }
+      // The one that had it removes the file at its end.
+      if (flock(m_file->get(), LOCK_EX | LOCK_NB) == 0 && s_isSameFile(m_file->get(), m_path)) {
+        return;
+      }
+      std::this_thread::sleep_for(s_lockPause);
+    }
+    throw Failure(ExitCode::Configuration, "listening on " + path,
+                  "another service is starting or ending there", "stop it first");
+  }
+  ~PathLock() { unlink(m_path.c_str()); }
+  PathLock(const PathLock&) = delete;
+  PathLock& operator=(const PathLock&) = delete;
+
+ private:
+  const std::string m_path;
+  std::optional<Tool::Descriptor> m_file;
+};
+
 gid_t s_group(const std::string& name, const std::string& path) {
   const group* const found = getgrnam(name.c_str());
   if (found != nullptr) return found->gr_gid;
@@ -91,21 +137,30 @@ ListenSocket::ListenSocket(int descriptor, bool isLineProtocol)
 
 ListenSocket::~ListenSocket() {
   if (m_descriptor != -1) ::close(m_descriptor);
-  struct stat status {};
-  if (m_path.empty() || lstat(m_path.c_str(), &status) != 0 || status.st_ino != m_inode) return;
-  unlink(m_path.c_str());
+  if (m_path.empty()) return;
+  try {
+    // A failure of the constructor has the lock already.
+    std::optional<PathLock> lock;
+    if (m_isListening) lock.emplace(m_path);
+    if (s_isSameFile(m_file, m_path)) unlink(m_path.c_str());
+  } catch (const std::exception&) {
+    // The file stays: the next service replaces it.
+  }
+  ::close(m_file);
 }
 
 ListenSocket::ListenSocket(ListenSocket&& other) noexcept
     : m_descriptor(std::exchange(other.m_descriptor, -1)),
       m_isLineProtocol(other.m_isLineProtocol),
       m_path(std::exchange(other.m_path, {})),
-      m_inode(other.m_inode) {}
+      m_file(std::exchange(other.m_file, -1)),
+      m_isListening(other.m_isListening) {}
 
 // The socket is created under another name and renamed when it is ready, so that at any moment the
 // path leads to a service, the one before or this one.
 void ListenSocket::listenUnix(const ListenAddress& address) {
   const std::string& path = address.path;
+  const PathLock lock(path);
   s_checkPath(path);
   const std::size_t slash = path.rfind('/');
   const std::string made = path.substr(0, slash + 1) + ".tsl" + std::to_string(getpid() % 1000000);
@@ -125,8 +180,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
            "create the directory, writable for the user of the service");
   }
   m_path = made;
-  struct stat status {};
-  if (lstat(made.c_str(), &status) == 0) m_inode = status.st_ino;
+  m_file = open(made.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
   if (!address.group.empty() &&
       chown(made.c_str(), static_cast<uid_t>(-1), s_group(address.group, path)) != 0) {
     s_fail(path, "the group cannot be set", errno, "the service's user must be a member of it");
@@ -137,6 +191,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   if (listen(m_descriptor, s_backlog) != 0) s_fail(path, "listen", errno, "");
   if (std::rename(made.c_str(), path.c_str()) != 0) s_fail(path, "rename", errno, "");
   m_path = path;
+  m_isListening = true;
 }
 
 void ListenSocket::listenInet(const ListenAddress& address) {

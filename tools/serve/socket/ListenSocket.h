@@ -10,7 +10,9 @@
 namespace Tessel::Serve {
 
 // A listening socket, non-blocking. The object closes it, and removes the file of a Unix socket
-// that it created unless another one replaced it. One thread.
+// that it created unless another one replaced it. Services that begin or end at the same path at
+// the same time wait for each other, at a file with ".lock" after the path that is there meanwhile.
+// One thread.
 class ListenSocket {
  public:
   // Listens on `address`. The socket of a service that ended without removing it is replaced; the
@@ -40,7 +42,9 @@ class ListenSocket {
   int m_descriptor = -1;
   bool m_isLineProtocol = false;
   std::string m_path;  // Of a file to remove; empty for none.
-  unsigned long m_inode = 0;
+  // Open on that file, so that no other file gets its inode number meanwhile.
+  int m_file = -1;
+  bool m_isListening = false;  // At the path, which was made under another name.
 };
 
 // The sockets that systemd handed over (LISTEN_FDS, see sd_listen_fds(3)): those named "line" are
