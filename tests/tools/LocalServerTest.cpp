@@ -1,6 +1,8 @@
 // LocalServer: its directory, first set-up, start and stop, and what crashes leave behind.
 #include "local/LocalServer.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,6 +18,7 @@
 #include <iostream>
 #include <iterator>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -216,6 +219,54 @@ TEST_F(LocalServerTest, AnInterruptedFirstSetUpIsBegunAnew) {
   std::ofstream(server.directory() + "/lock") << "";
   EXPECT_TRUE(server.start(s_small()));
   EXPECT_FALSE(fs::exists(server.dataDirectory() + ".new"));
+}
+
+// How many links in `parent` lead to `directory` or below it.
+int s_linksTo(const fs::path& directory, const fs::path& parent) {
+  int count = 0;
+  std::error_code ignored;  // Directories of others, and processes that end meanwhile.
+  for (const auto& entry : fs::directory_iterator(parent, ignored)) {
+    const std::string target = fs::read_symlink(entry.path(), ignored).string();
+    count += target.starts_with(directory.string()) ? 1 : 0;
+  }
+  return count;
+}
+
+// How many other processes have files of `directory` open.
+int s_usersOf(const std::string& directory) {
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    if (entry.path().filename() == std::to_string(getpid())) continue;
+    count += s_linksTo(directory, entry.path() / "fd") > 0 ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(LocalServerTest, AStartThatIsKilledTakesItsSetUpWithIt) {
+  LocalServer server = make();
+  const pid_t child = fork();
+  if (child == 0) {
+    server.start(s_small());
+    _exit(0);
+  }
+  // The set-up writes its files by now.
+  const std::string fresh = server.dataDirectory() + ".new";
+  for (int i = 0; i < 2000 && !fs::exists(fresh + "/ibdata1"); ++i) usleep(5000);
+  ASSERT_GT(s_usersOf(fresh), 0);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  for (const auto& entry : fs::directory_iterator("/tmp")) {
+    EXPECT_EQ(s_linksTo(server.directory(), entry.path()), 0) << entry.path();
+  }
+  // Who gets the lock may use the directory.
+  const int lock = open((server.directory() + "/lock").c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_EQ(flock(lock, LOCK_EX), 0);
+  for (int i = 0; i < 20 && s_usersOf(server.dataDirectory()) > 0; ++i) usleep(10000);
+  EXPECT_EQ(s_usersOf(server.dataDirectory()), 0);
+  close(lock);
+  EXPECT_TRUE(server.start(s_small()));
+  EXPECT_FALSE(fs::exists(fresh));
+  execute(server, "create database kept");
 }
 
 TEST_F(LocalServerTest, ALongDirectoryNameGetsItsSocketElsewhere) {

@@ -22,6 +22,7 @@
 
 #include "base/Exception.h"
 #include "base/sourceLine.h"
+#include "disk/Descriptor.h"
 #include "local/ServerProcess.h"
 
 namespace Tessel {
@@ -56,7 +57,7 @@ std::string s_environment(const char* name) {
 }
 
 // One start or stop at a time for one directory, over all processes. The kernel releases the lock
-// when its holder dies.
+// when its holders have died.
 class DirectoryLock {
  public:
   DirectoryLock(const char* context, const std::string& directory)
@@ -76,6 +77,9 @@ class DirectoryLock {
   ~DirectoryLock() { close(m_descriptor); }
   DirectoryLock(const DirectoryLock&) = delete;
   DirectoryLock& operator=(const DirectoryLock&) = delete;
+
+  // A process that inherits it holds the lock until it ends.
+  [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
 
  private:
   int m_descriptor;
@@ -151,26 +155,23 @@ std::string s_newDirectoryFor(const std::string& name) {
 }
 
 // Another name for a directory, without the blanks and special characters that the set-up script
-// does not cope with: a link in a private directory under /tmp, as long as this object lives.
+// does not cope with. It is valid as long as this object lives, also for other processes of the
+// user, and leaves nothing behind.
 class PlainPath {
  public:
-  explicit PlainPath(const std::string& directory) : m_holder("/tmp/tsl-XXXXXX") {
-    if (mkdtemp(m_holder.data()) == nullptr) {
-      s_fail(s_startContext, "Cannot create a temporary directory under /tmp");
+  explicit PlainPath(const std::string& directory)
+      : m_descriptor(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+    if (m_descriptor.get() < 0) {
+      s_fail(s_startContext,
+             "Cannot open " + directory + ": " + std::generic_category().message(errno));
     }
-    fs::create_directory_symlink(directory, path());
   }
-  ~PlainPath() {
-    std::error_code ignored;
-    fs::remove(path(), ignored);
-    fs::remove(m_holder, ignored);
+  [[nodiscard]] std::string path() const {
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_descriptor.get());
   }
-  PlainPath(const PlainPath&) = delete;
-  PlainPath& operator=(const PlainPath&) = delete;
-  [[nodiscard]] std::string path() const { return m_holder + "/server"; }
 
  private:
-  std::string m_holder;
+  const Tool::Descriptor m_descriptor;
 };
 
 std::uint64_t s_defaultPool() {
@@ -263,7 +264,7 @@ void LocalServer::makeDirectory() const {
 }
 
 // The data files appear under their name only when they are complete.
-void LocalServer::setUpData(const Options& options) const {
+void LocalServer::setUpData(const Options& options, int lock) const {
   if (fs::exists(dataDirectory())) return;
   const std::string fresh = dataDirectory() + ".new";
   fs::remove_all(fresh);
@@ -285,7 +286,7 @@ void LocalServer::setUpData(const Options& options) const {
   for (const std::string& argument : options.arguments) {
     if (argument.starts_with("--innodb-")) command.push_back(argument);
   }
-  const int status = runDetached(command, logFile());
+  const int status = runDetached(command, logFile(), lock);
   if (status != 0) {
     s_fail(s_startContext, "Setting up the data files ended with status " + std::to_string(status) +
                                lastLogLines());
@@ -382,7 +383,7 @@ bool LocalServer::start(const Options& options) try {
     return false;
   }
   findServerProgram({"mariadbd", "mysqld"});
-  setUpData(options);
+  setUpData(options, lock.descriptor());
   placeSocket();
   writeOptionFile();
   awaitAnswer(startDetached(arguments(options), logFile(), pidFile()));

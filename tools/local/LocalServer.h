@@ -69,7 +69,7 @@ class LocalServer {
   [[nodiscard]] std::string runDirectory() const;
   [[nodiscard]] std::string pidFile() const;
   void makeDirectory() const;
-  void setUpData(const Options& options) const;
+  void setUpData(const Options& options, int lock) const;
   void placeSocket() const;
   void removeSocketDirectory() const;
   void writeOptionFile() const;

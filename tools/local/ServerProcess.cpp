@@ -22,10 +22,13 @@
 
 #include "base/Exception.h"
 #include "base/sourceLine.h"
+#include "disk/Descriptor.h"
 
 namespace Tessel {
 
 namespace {
+
+using Tool::Descriptor;
 
 [[noreturn]] void s_fail(const char* context, const std::string& detail, int line = sourceLine()) {
   throw Exception(Exception(context, 4, "ServerProcess", line).stringParameter(detail));
@@ -42,6 +45,8 @@ struct Launch {
   int log = -1;
   int pidFile = -1;
   int failure = -1;  // Write end of a pipe that closes when the program is running.
+  int life = -1;     // Read end of a pipe that closes when the program must end.
+  int lock = -1;     // To be inherited.
 };
 
 void s_writeNumber(int descriptor, long number) {
@@ -51,6 +56,15 @@ void s_writeNumber(int descriptor, long number) {
   for (; number > 0; number /= 10) digits[--at] = static_cast<char>('0' + number % 10);
   // A short write leaves a number that no check accepts; nothing more can be done here.
   static_cast<void>(!write(descriptor, digits.data() + at, digits.size() - at));
+}
+
+// Waits until nobody has the other end of the pipe `life` any more, and kills the process group.
+[[noreturn]] void s_guard(int life) {
+  char byte = 0;
+  while (read(life, &byte, 1) < 0 && errno == EINTR) {
+  }
+  kill(0, SIGKILL);
+  _exit(1);
 }
 
 [[noreturn]] void s_becomeProgram(const Launch& launch) {
@@ -69,30 +83,23 @@ void s_writeNumber(int descriptor, long number) {
   dup2(nothing, STDIN_FILENO);
   dup2(log, STDOUT_FILENO);
   dup2(log, STDERR_FILENO);
+  const int life = launch.life < 0 ? -1 : fcntl(launch.life, F_DUPFD, clear);
+  const int lock = launch.lock < 0 ? -1 : fcntl(launch.lock, F_DUPFD, clear);
   dup3(failure, 3, O_CLOEXEC);
-  close_range(4, UINT_MAX, 0);
-  execv(launch.arguments[0], launch.arguments.data());
+  unsigned int next = 4;
+  if (lock >= 0) dup2(lock, static_cast<int>(next++));
+  if (life >= 0) dup3(life, static_cast<int>(next++), O_CLOEXEC);
+  close_range(next, UINT_MAX, 0);
+  const pid_t guard = life < 0 ? 1 : fork();
+  if (guard == 0) {
+    close(3);
+    s_guard(static_cast<int>(next) - 1);
+  }
+  if (guard > 0) execv(launch.arguments[0], launch.arguments.data());
   const int error = errno;
   static_cast<void>(!write(3, &error, sizeof(error)));
   _exit(127);
 }
-
-// An open file that closes with its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : m_number(number) {}
-  ~Descriptor() { reset(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  [[nodiscard]] int get() const noexcept { return m_number; }
-  void reset() {
-    if (m_number >= 0) close(m_number);
-    m_number = -1;
-  }
-
- private:
-  int m_number;
-};
 
 int s_openForWriting(const std::string& file, int how) {
   const int descriptor =
@@ -129,8 +136,11 @@ std::string findServerProgram(const std::vector<std::string>& names) {
              "mariadb-server-core");
 }
 
-pid_t startDetached(const std::vector<std::string>& command, const std::string& logFile,
-                    const std::string& pidFile) {
+namespace {
+
+// Starts `command` as `launch`, without its other fields, says.
+pid_t s_start(const std::vector<std::string>& command, const std::string& logFile,
+              const std::string& pidFile, Launch launch) {
   const Descriptor log(s_openForWriting(logFile, O_APPEND));
   const Descriptor pid(pidFile.empty() ? -1 : s_openForWriting(pidFile, O_TRUNC));
   std::array<int, 2> ends{};
@@ -140,7 +150,9 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   const Descriptor readEnd(ends[0]);
   Descriptor writeEnd(ends[1]);
   std::vector<std::string> words = command;
-  Launch launch{{}, log.get(), pid.get(), writeEnd.get()};
+  launch.log = log.get();
+  launch.pidFile = pid.get();
+  launch.failure = writeEnd.get();
   for (std::string& word : words) launch.arguments.push_back(word.data());
   launch.arguments.push_back(nullptr);
 
@@ -160,8 +172,24 @@ pid_t startDetached(const std::vector<std::string>& command, const std::string& 
   return child;
 }
 
-int runDetached(const std::vector<std::string>& command, const std::string& logFile) {
-  const pid_t child = startDetached(command, logFile, {});
+}  // namespace
+
+pid_t startDetached(const std::vector<std::string>& command, const std::string& logFile,
+                    const std::string& pidFile) {
+  return s_start(command, logFile, pidFile, {});
+}
+
+int runDetached(const std::vector<std::string>& command, const std::string& logFile, int lock) {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+    s_fail("LocalServer::start", "Cannot create a pipe: " + s_reason(errno));
+  }
+  const Descriptor readEnd(ends[0]);
+  const Descriptor writeEnd(ends[1]);  // Closes with this call or this process.
+  Launch launch;
+  launch.life = readEnd.get();
+  launch.lock = lock;
+  const pid_t child = s_start(command, logFile, {}, launch);
   int status = 0;
   while (waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) s_fail("LocalServer::start", "Cannot wait: " + s_reason(errno));

@@ -20,8 +20,10 @@ std::string findServerProgram(const std::vector<std::string>& names);
 pid_t startDetached(const std::vector<std::string>& command, const std::string& logFile,
                     const std::string& pidFile);
 
-// Runs a program the same way to its end and returns its exit status, or 128 plus the signal.
-int runDetached(const std::vector<std::string>& command, const std::string& logFile);
+// Runs a program the same way to its end and returns its exit status, or 128 plus the signal. When
+// this process dies meanwhile, the program and all that it started are killed. They inherit the
+// descriptor `lock`, and no other.
+int runDetached(const std::vector<std::string>& command, const std::string& logFile, int lock);
 
 // True when process `pid` is a database server with exactly the argument `argument`.
 bool isServer(pid_t pid, const std::string& argument);
