@@ -1,0 +1,124 @@
+#!/usr/bin/env bats
+# The lookup service with no more rights than the unit and the documents give it: an operating-system user
+# without capabilities, an SQL user that may only read, and the system calls of the unit.
+
+load ../tools/helper
+
+unit=$BATS_TEST_DIRNAME/../../packaging/systemd/tsl-address-map.service
+
+setup_file() {
+  ((EUID == 0)) || { echo "this needs root, who may become another user"; return 1; }
+  start_server
+  tool domain add users.example >/dev/null
+  tool user add ann@users.example >/dev/null
+  tool alias set team@example.com ann@example.com
+  tool mask set ann@inner.example ann@example.com
+  sql "create user reader@localhost identified by 'secret'; grant select on ts_address_map.* to reader@localhost"
+}
+teardown_file() { stop_server; }
+
+setup() {
+  # The tool makes its private server private each time it looks at it. Only what the service needs: a directory to enter, files to read, and the lock file of LMDB to write.
+  chmod 755 "$SERVER" "$SERVER/run"
+  chmod 777 "$(socket)"
+  chgrp -R nogroup "$SERVER/cmf"
+  chmod 750 "$SERVER/cmf"
+  chmod 640 "$SERVER/cmf/data.mdb"
+  chmod 660 "$SERVER/cmf/lock.mdb"
+  directory=$BATS_TEST_TMPDIR/run
+  mkdir "$directory" "$directory/state"
+  printf '[client]\nsocket="%s"\nuser=reader\npassword=secret\n' "$(socket)" >"$directory/client.cnf"
+  chown -R nobody:nogroup "$directory"
+  chmod 700 "$directory/state"
+  chmod 755 "$BATS_TEST_TMPDIR" "$BATS_FILE_TMPDIR" "$BATS_RUN_TMPDIR"
+  chmod 600 "$directory/client.cnf"
+}
+teardown() {
+  [[ -z ${service:-} ]] || kill -TERM "$service" $(pgrep -P "$service") 2>/dev/null || true
+  cat "$directory/log" 2>/dev/null || true
+}
+
+# Becomes "$@", run by a user that may do nothing special.
+unprivileged() {
+  exec setpriv --reuid=nobody --regid=nogroup --clear-groups --no-new-privs --bounding-set=-all --inh-caps=-all "$@"
+}
+
+# Starts the service by $@ and waits until it answers all maps.
+start_service() {
+  "$@" "$TSL_TOOL" --option-file "$directory/client.cnf" --cmf "$SERVER/cmf" serve \
+    --listen "unix:$directory/socketmap" --snapshot "$directory/state" 2>>"$directory/log" 3>&- &
+  service=$!
+  for ((i = 0; i < 400; i++)); do
+    [ "$(answers 2>/dev/null)" != "$expected" ] || return 0
+    sleep 0.05
+  done
+  answers
+  cat "$directory/log"
+  return 1
+}
+
+expected="OK ann@example.com
+OK ann@example.com
+OK ann@inner.example
+OK ann@users.example
+OK users.example"
+
+answers() {
+  python3 - "$BATS_TEST_DIRNAME" "$directory/socketmap" <<'PYTHON'
+import sys
+sys.path.insert(0, sys.argv[1])
+from attack import Client
+client = Client(sys.argv[2])
+for request in (b"alias team@example.com", b"mask_public ann@inner.example", b"mask_private ann@example.com",
+                b"mailbox ann@users.example", b"domain users.example"):
+    print(client.ask(request).decode())
+PYTHON
+}
+
+@test "a user without any special right is enough" {
+  start_service unprivileged
+  equal "$(awk '/^CapEff/ {print $2}' "/proc/$service/status")" 0000000000000000
+  # A change is seen, and a snapshot is written.
+  sql "insert into alias ( name, members ) values( 'other@example.com', 'ann@example.com' )"
+  for ((i = 0; i < 200; i++)); do [ ! -s "$directory/state/alias.image" ] || break; sleep 0.05; done
+  [ -s "$directory/state/alias.image" ]
+  kill -TERM "$service"
+  wait "$service"
+  service=
+}
+
+@test "the SQL user of the service cannot write" {
+  run bash -c "$(declare -f unprivileged); unprivileged '$TSL_TOOL' --option-file '$directory/client.cnf' alias set evil@example.com x@example.com"
+  [ "$status" -ne 0 ]
+  equal "$(sql "select count(*) from alias where name = 'evil@example.com'")" 0
+}
+
+# The system calls that the unit allows, one per line.
+allowed_calls() {
+  local word set
+  calls_of() {
+    systemd-analyze syscall-filter "$1" | sed -n 's/^    \([@a-z].*\)/\1/p' | while read -r word; do
+      if [[ $word == @* ]]; then calls_of "$word"; else echo "$word"; fi
+    done
+  }
+  allowed=$(for word in $(sed -n 's/^SystemCallFilter=\(@.*\)/\1/p' "$unit"); do calls_of "$word"; done | sort -u)
+  denied=$(for set in $(sed -n 's/^SystemCallFilter=~\(.*\)/\1/p' "$unit"); do calls_of "$set"; done | sort -u)
+  comm -23 <(echo "$allowed") <(echo "$denied")
+}
+
+@test "the unit allows the system calls that the service makes" {
+  traced() { exec strace -f -qq -o "$directory/trace" bash -c "$(declare -f unprivileged); unprivileged \"\$@\"" - "$@"; }
+  start_service traced
+  for ((i = 0; i < 20; i++)); do answers >/dev/null; done
+  kill -HUP "$(pgrep -P "$service")"
+  sleep 1
+  kill -TERM "$(pgrep -P "$service")"
+  wait "$service"
+  service=
+  # What comes before the program is not in the unit.
+  sed '1,/^[0-9]* *execve(.*tsl-address-map"/d; s/^[0-9]* *//; s/(.*//' "$directory/trace" | grep -E '^[a-z_0-9]+$' | sort -u >"$directory/made"
+  [ "$(wc -l <"$directory/made")" -gt 30 ]
+  allowed_calls >"$directory/allowed"
+  [ "$(grep -cxE 'read|mount|ptrace|setuid' "$directory/allowed")" -eq 1 ]
+  equal "$(comm -23 "$directory/made" "$directory/allowed")" ""
+}
