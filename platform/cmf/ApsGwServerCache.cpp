@@ -1,6 +1,7 @@
 // Server records: look-up by domain and the list of domains.
 #include "cmf/ApsGwServerCache.h"
 
+#include <string_view>
 #include <utility>
 
 #include "cmf/Failure.h"
@@ -63,12 +64,19 @@ std::vector<ApsGwServerRecord> ApsGwServerCache::domains() const {
   MDB_val key{first.size(), const_cast<char*>(first.data())};
   MDB_val value{};
   std::vector<ApsGwServerRecord> records;
+  std::string last;
   int result = mdb_cursor_get(cursor.get(), &key, &value, MDB_SET_RANGE);
   while (result == 0 && first.sameTable(key.mv_data, key.mv_size)) {
     if (!isRecord(value, sizeof(ApsGwServerRecord))) {
       fail(s_place, "The configuration in " + path + " holds a malformed server record");
     }
     records.push_back(s_checked(*static_cast<const ApsGwServerRecord*>(value.mv_data), path));
+    // In a damaged file the next one may be one that was there before, without end.
+    const std::string_view name(static_cast<const char*>(key.mv_data), key.mv_size);
+    if (name <= last) {
+      fail(s_place, "The configuration in " + path + " has its domains in the wrong order");
+    }
+    last = name;
     result = mdb_cursor_get(cursor.get(), &key, &value, MDB_NEXT);
   }
   if (result != 0 && result != MDB_NOTFOUND) {
