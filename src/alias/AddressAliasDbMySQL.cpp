@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <ostream>
+#include <string_view>
 #include <utility>
 
 #include "alias/AddressAliasRow.h"
@@ -26,41 +27,51 @@ constexpr unsigned int s_cacheCapacity = 256;
 // A cache of this capacity keeps nothing.
 constexpr unsigned int s_keepsNothing = 0;
 
-// The user mailboxes of `domain` as the configuration lists them, or `members` when it does not
-// know the domain.
-std::set<EmailAddress> s_listUsers(const std::string& domain,
-                                   const std::set<EmailAddress>& members) {
+// Hands the names of the user mailboxes that the configuration lists for `domain` to `take`; false
+// when it does not know the domain.
+template <class Take>
+bool s_listUsers(const std::string& domain, Take take) {
   const CMF::RefApsGwServerCache cache = CMF::RefApsGwServerCache::instance(false);
   const CMF::RefApsGwServer server = cache->find(domain);
-  if (server.isNull()) return members;
-
-  std::set<EmailAddress> users;
-  std::string text;
+  if (server.isNull()) return false;
   const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> query(server->domainId());
   for (const __aps_mail_user& record : query) {
-    if (record.kind != CMF::MailUserMailbox) continue;
-    text.assign(record.user_name).append("@").append(domain);
-    EmailAddress user = EmailAddress::rfc5322Parse(text, true);
-    // The configuration lists users in the order of the set.
-    if (!user.isNull()) users.insert(users.end(), std::move(user));
+    if (record.kind == CMF::MailUserMailbox) take(record.user_name);
   }
-  return users;
+  return true;
 }
 
-// `members`, or the user mailboxes of the domain of `alias` when the only member is the all-users
-// marker of that very domain.
-std::set<EmailAddress> expandAllUsers(const EmailAddress& alias,
-                                      const std::set<EmailAddress>& members) {
+// `members`, or the user mailboxes that `listUsers` lists for the domain of `alias` when the only
+// member is the all-users marker of that very domain.
+template <class List>
+std::set<EmailAddress> s_withAllUsers(const EmailAddress& alias,
+                                      const std::set<EmailAddress>& members,
+                                      const List& listUsers) {
   if (members.size() != 1 || members.begin()->isNull()) return members;
   const std::string domain = alias.domain();
   if (!stringCompareNoCase(members.begin()->address(), "allusers_" + domain, 0)) return members;
   try {
-    return s_listUsers(domain, members);
+    std::set<EmailAddress> users;
+    std::string text;
+    const bool isKnown = listUsers(domain, [&](std::string_view name) {
+      text.assign(name).append("@").append(domain);
+      EmailAddress user = EmailAddress::rfc5322Parse(text, true);
+      // Users come in the order of the set.
+      if (!user.isNull()) users.insert(users.end(), std::move(user));
+    });
+    return isKnown ? users : members;
   } catch (const Exception&) {
     // Deliberate: the marker itself is delivered to when the configuration cannot be read. Pinned
     // by AllUsersExpansion.AnUnreadableConfigurationLeavesTheMarker.
     return members;
   }
+}
+
+std::set<EmailAddress> expandAllUsers(const EmailAddress& alias,
+                                      const std::set<EmailAddress>& members) {
+  return s_withAllUsers(alias, members, [](const std::string& domain, const auto& take) {
+    return s_listUsers(domain, take);
+  });
 }
 
 }  // namespace
@@ -137,6 +148,12 @@ std::set<EmailAddress> AddressAliasDbMySQL::expandUncached(const EmailAddress& a
 std::set<EmailAddress> AddressAliasDbMySQL::withAllUsers(const EmailAddress& alias,
                                                          const Members& members) {
   return expandAllUsers(alias, members);
+}
+
+std::set<EmailAddress> AddressAliasDbMySQL::withAllUsers(const EmailAddress& alias,
+                                                         const Members& members,
+                                                         const ListUsers& listUsers) {
+  return s_withAllUsers(alias, members, listUsers);
 }
 
 void AddressAliasDbMySQL::getAliasNames(std::set<EmailAddress>& names) const {

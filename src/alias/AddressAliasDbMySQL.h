@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "address/EmailAddress.h"
 #include "base/Mutex.h"
@@ -89,6 +91,14 @@ class AddressAliasDbMySQL : public AddressAliasDbImpl {
   // member is the all-users marker of that very domain. The marker stays when the configuration
   // does not know the domain or cannot be read. Takes no lock of the table.
   static Members withAllUsers(const EmailAddress& alias, const Members& members);
+
+  // Calls the second argument with the name of each user mailbox of the domain, best in ascending
+  // order; false when the domain is not known.
+  using TakeUser = std::function<void(std::string_view name)>;
+  using ListUsers = std::function<bool(const std::string& domain, const TakeUser& take)>;
+  // The same with the users that `listUsers` lists, which is not asked when there is no marker.
+  static Members withAllUsers(const EmailAddress& alias, const Members& members,
+                              const ListUsers& listUsers);
 
   // True when the cache holds as many entries as the table had rows when they were counted: then an
   // address that is not cached is no alias. Always true for a store made without preload.
