@@ -1,5 +1,6 @@
 // tsl-address-map: the command-line tool of the address-map library.
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include "cli/Command.h"
 #include "cli/Session.h"
 #include "failure/Failure.h"
+#include "serve/image/ConfigurationHelper.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -145,6 +147,10 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     // A limit on file sizes must show as a failed write.
     std::signal(SIGXFSZ, SIG_IGN);
+    // For the service alone, which runs this program once more.
+    if (argc == 2 && std::string_view(argv[1]) == Tessel::Serve::s_helperCommand) {
+      return Tessel::Serve::helpWithConfiguration(STDIN_FILENO);
+    }
     return static_cast<int>(Tessel::Tool::s_parseAndRun(argc, argv));
   } catch (const std::exception& exception) {
     Tessel::Tool::report(Tessel::Tool::failureOf(exception, "starting"));

@@ -52,7 +52,7 @@ TEST_F(AliasAnswerTest, HoldsAsLongAsTheImageWhenTheTableDecidesItAlone) {
 }
 
 TEST_F(AliasAnswerTest, HoldsForAMomentWhenMailUsersDecideIt) {
-  const ServedDomains served;
+  m_tables.configuration().publish(ServedDomains().image(), Clock::now());
   serve({{"all@d.example", "allusers_d.example"}, {"all@empty.example", "allusers_empty.example"}});
   EXPECT_THAT(ask("all@d.example")->reply(), HasSubstr("bob@d.example"));
   EXPECT_EQ(ask("all@d.example")->validity, Validity::Moment);
@@ -67,7 +67,7 @@ TEST_F(AliasAnswerTest, HoldsAsLongAsItsPages) {
 }
 
 TEST_F(AliasAnswerTest, AShortEffortLeavesWhatTakesLong) {
-  const ServedDomains served;
+  m_tables.configuration().publish(ServedDomains().image(), Clock::now());
   serve({{"short@d.example", members(1000)},
          {"long@d.example", members(3000)},
          {"leads@d.example", "long@d.example"},

@@ -25,7 +25,6 @@ using std::chrono::minutes;
 using std::chrono::seconds;
 using testing::Each;
 using testing::HasSubstr;
-using testing::IsSupersetOf;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -51,11 +50,20 @@ class LookupTest : public testing::Test {
     publishRows(*tables().add(sqlName), rows, time);
   }
 
+  // Has the configuration be that of ServedDomains, known to be right at `time`.
+  void serveDomains(Clock::time_point time = Clock::now()) {
+    tables().configuration().publish(ServedDomains().image(), time);
+  }
+
   // How often an answer was taken from the cache.
-  std::string hits() {
+  std::string hits() { return metric("cache_hits_total"); }
+
+  // The value of a metric without labels.
+  std::string metric(const std::string& name) {
+    const std::string start = "tsl_address_map_" + name + " ";
     std::istringstream lines(metricsText(m_metrics, tables(), Clock::now()));
     for (std::string line; std::getline(lines, line);) {
-      if (line.starts_with("tsl_address_map_cache_hits_total ")) return line.substr(33);
+      if (line.starts_with(start)) return line.substr(start.size());
     }
     return "none";
   }
@@ -187,11 +195,8 @@ TEST_F(LookupTest, AnAliasThatCannotBeReadIsATemporaryFailure) {
 TEST_F(LookupTest, AnAliasForAllUsersThatCannotBeToldIsATemporaryFailure) {
   serve("alias", {{"all@d.example", "allusers_d.example"}});
   const char* const reply = "TEMP this alias means all users of a domain, which could not be read";
-  {
-    const NoDomains none;
-    EXPECT_EQ(ask("alias all@d.example"), reply);
-  }
-  const ServedDomains served;
+  EXPECT_EQ(ask("alias all@d.example"), reply);
+  serveDomains();
   // A failure is not remembered.
   EXPECT_EQ(ask("alias all@d.example"), "OK Alice@d.example,bob@d.example");
 }
@@ -286,7 +291,7 @@ TEST_F(LookupTest, WhoseMaskCannotBeReadIsNotShownWithoutIt) {
 }
 
 TEST_F(LookupTest, KeysThatAreNoAddressAreNotFoundInAnyMap) {
-  const ServedDomains served;
+  serveDomains();
   serve("alias", {{"a@d.example", "b@d.example"}});
   serve("mask", {{"a@d.example", "b@d.example"}, {"*@d.example", "*@e.example"}});
   const std::vector<std::string> keys = {"",
@@ -320,7 +325,7 @@ TEST_F(LookupTest, KeysThatAreNoAddressAreNotFoundInAnyMap) {
 }
 
 TEST_F(LookupTest, MailboxesAreTheUsersThatAreNotDisabled) {
-  const ServedDomains served;
+  serveDomains();
   EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
   EXPECT_EQ(ask("mailbox BOB@D.example"), "OK bob@d.example");
   EXPECT_EQ(ask("mailbox alice@d.example"), "OK alice@d.example");
@@ -336,7 +341,7 @@ TEST_F(LookupTest, MailboxesAreTheUsersThatAreNotDisabled) {
 }
 
 TEST_F(LookupTest, DomainsAreThoseOfTheConfiguration) {
-  const ServedDomains served;
+  serveDomains();
   EXPECT_EQ(ask("domain d.example"), "OK d.example");
   EXPECT_EQ(ask("domain EMPTY.Example"), "OK empty.example");
   EXPECT_EQ(ask("domain B\u00fccher.example"), "OK xn--bcher-kva.example");
@@ -348,14 +353,39 @@ TEST_F(LookupTest, DomainsAreThoseOfTheConfiguration) {
 }
 
 TEST_F(LookupTest, WithoutAConfigurationMailboxesAndDomainsAreTemporaryFailures) {
-  {
-    const NoDomains none;
-    EXPECT_THAT(ask("mailbox bob@d.example"), StartsWith("TEMP "));
-    EXPECT_THAT(ask("domain d.example"), StartsWith("TEMP "));
-  }
-  const ServedDomains served;
+  EXPECT_THAT(ask("mailbox bob@d.example"), StartsWith("TEMP "));
+  EXPECT_THAT(ask("domain d.example"), StartsWith("TEMP "));
+  serveDomains();
   EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
   EXPECT_EQ(ask("domain d.example"), "OK d.example");
+}
+
+TEST_F(LookupTest, AConfigurationAnswersAlikeUntilItIsTooOldAndNotAtAllThen) {
+  m_settings.stale = minutes(10);
+  serve("alias", {{"all@d.example", "allusers_d.example"}});
+  serveDomains(Clock::now() - minutes(9));
+  EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mailbox nobody@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("domain nowhere.example"), "NOTFOUND ");
+  EXPECT_EQ(metric("stale_answers_total"), "3");
+  tables().configuration().confirm(Clock::now() - minutes(11));
+  for (const char* request : {"mailbox bob@d.example", "mailbox nobody@d.example",
+                              "domain d.example", "domain nowhere.example"}) {
+    EXPECT_EQ(ask(request), "TEMP the configuration of domains and mail users cannot be read");
+  }
+  EXPECT_THAT(ask("alias all@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("mailbox no address"), "NOTFOUND ");
+  tables().configuration().confirm(Clock::now());
+  EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("alias all@d.example"), "OK Alice@d.example,bob@d.example");
+}
+
+TEST_F(LookupTest, TheConfigurationIsNeededByWhoAsksForWhatDependsOnIt) {
+  serve("alias", {{"a@d.example", "b@d.example"}, {"all@d.example", "allusers_d.example"}});
+  EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
+  EXPECT_FALSE(tables().configuration().isNeeded());
+  EXPECT_THAT(ask("alias all@d.example"), StartsWith("TEMP "));
+  EXPECT_TRUE(tables().configuration().isNeeded());
 }
 
 TEST_F(LookupTest, OneTableIsOneWhateverItsMapIsCalled) {

@@ -4,6 +4,8 @@
 #define TSL_TESTS_SERVE_SERVESUPPORT_H
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "cmf/Writer.h"
+#include "serve/image/ConfigurationImage.h"
 #include "serve/image/RowStore.h"
 #include "serve/image/Table.h"
 #include "support/ScratchFile.h"
@@ -72,15 +75,40 @@ class ServedDomains {
     writer.commit();
   }
 
+  [[nodiscard]] const std::string& directory() const { return m_scratch.directory(); }
+  // What it is now, in memory.
+  [[nodiscard]] static ConfigurationPointer image() {
+    return std::make_shared<const ConfigurationImage>(copyConfiguration());
+  }
+
  private:
   Testing::ScratchFile m_scratch;
   ConfigurationDirectory m_directory{m_scratch.directory()};
 };
 
-// No configuration while in scope. One thread.
-class NoDomains {
+// A configuration like ServedDomains while in scope, in files that this process never opens: others
+// may be damaged by what happens to them. One thread.
+class ServedFiles {
+ public:
+  ServedFiles() {
+    const ServedDomains served;
+    std::filesystem::copy_file(served.directory() + "/data.mdb", m_good.path());
+    restore();
+  }
+
+  [[nodiscard]] std::string data() const { return m_scratch.directory() + "/data.mdb"; }
+  [[nodiscard]] std::string lock() const { return m_scratch.directory() + "/lock.mdb"; }
+  // Writes new files over what is there.
+  void restore() const {
+    std::filesystem::copy_file(m_good.path(), data(),
+                               std::filesystem::copy_options::overwrite_existing);
+    std::ofstream(lock(), std::ios::trunc).flush();
+  }
+
  private:
-  ConfigurationDirectory m_directory{"/nonexistent/configuration"};
+  Testing::ScratchFile m_good;
+  Testing::ScratchFile m_scratch;
+  ConfigurationDirectory m_directory{m_scratch.directory()};
 };
 
 }  // namespace Tessel::Serve

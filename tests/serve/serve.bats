@@ -330,6 +330,87 @@ is_sanitized() { ldd "$TSL_TOOL" | grep -q -e libasan -e libtsan; }
   ((growth < limit))
 }
 
+# --- Harm to the configuration of domains and mail users.
+
+# Starts the service with the options $@ and a configuration of its own in $directory/cmf.
+start_with_configuration() {
+  [ -d "$directory/cmf" ] || cp -r "$SERVER/cmf" "$directory/cmf"
+  "$TSL_TOOL" --option-file "$SERVER/client.cnf" --cmf "$directory/cmf" serve --refresh 40ms \
+    --listen "unix:$socket" "$@" 2>>"$directory/log" 3>&- &
+  service=$!
+  wait_for test -S "$socket"
+  wait_for answers 'alias team@example.com' "$found"
+}
+
+@test "files of the configuration that are truncated, emptied or overwritten in use stop nothing" {
+  sql "insert into alias (name, members) values ('all@users.example', 'allusers_users.example')"
+  mkdir "$directory/good"
+  start_with_configuration
+  wait_for answers 'mailbox ann@users.example' 'OK ann@users.example'
+  wait_for answers 'alias all@users.example' 'OK ann@users.example'
+  cp "$SERVER/cmf/data.mdb" "$directory/good/"
+  start_load "$found"
+  all=ann@users.example
+  for harm in 'truncate -s 0 data.mdb' 'truncate -s 5000 data.mdb' 'truncate -s 0 lock.mdb' \
+    'cp /proc/self/exe data.mdb' 'dd if=/dev/zero of=data.mdb bs=4096 count=2 conv=notrunc status=none'; do
+    (cd "$directory/cmf" && $harm)
+    sleep 0.3
+    answers 'mailbox ann@users.example' 'OK ann@users.example'
+    answers 'alias all@users.example' "OK $all"
+    answers 'mailbox nobody@users.example' 'NOTFOUND '
+    answers 'domain users.example' 'OK users.example'
+    cp "$directory/good/data.mdb" "$directory/cmf/data.mdb"
+    user=user$RANDOM
+    wait_for "$TSL_TOOL" --cmf "$directory/cmf" user add "$user@users.example"
+    all=ann@users.example,$user@users.example
+    wait_for answers "mailbox $user@users.example" "OK $user@users.example" || { echo "after: $harm"; return 1; }
+  done
+  load_is_well
+  contains "$(cat "$directory/log")" "cannot be read: "
+}
+
+@test "a service that starts with a damaged configuration answers what needs none, and says what is wrong" {
+  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  mkdir "$directory/cmf"
+  : >"$directory/cmf/lock.mdb"
+  head -c 20000 /dev/urandom >"$directory/cmf/data.mdb"
+  start_with_configuration --metrics "127.0.0.1:$port"
+  run ask 'mailbox ann@users.example' 'domain users.example' 'alias team@example.com'
+  equal "$output" "TEMP the configuration of domains and mail users cannot be read
+TEMP the configuration of domains and mail users cannot be read
+$found"
+  wait_for grep -q "mail users in $directory/cmf cannot be read" "$directory/log"
+  ready() {
+    python3 - "http://127.0.0.1:$port/ready" <<'PYTHON'
+import sys, urllib.error, urllib.request
+try:
+    print(urllib.request.urlopen(sys.argv[1]).read().decode())
+except urllib.error.HTTPError as error:
+    print(error.code, error.read().decode())
+PYTHON
+  }
+  contains "$(ready)" "503 configuration: it could not be read yet"
+  cp "$SERVER/cmf/data.mdb" "$directory/cmf/"
+  wait_for answers 'mailbox ann@users.example' 'OK ann@users.example'
+  equal "$(ready)" "ready"
+}
+
+@test "the process that reads the configuration is replaced when it dies, and dies with the service" {
+  start_with_configuration
+  wait_for answers 'mailbox ann@users.example' 'OK ann@users.example'
+  helper=$(pgrep -P "$service")
+  kill -KILL "$helper"
+  answers 'mailbox ann@users.example' 'OK ann@users.example'
+  is_replaced() { other=$(pgrep -P "$service") && [ "$other" != "$helper" ]; }
+  wait_for is_replaced
+  wait_for grep -q "can be read again" "$directory/log"
+  kill -KILL "$service"
+  wait "$service" || true
+  service=
+  is_gone() { ! kill -0 "$other"; }
+  wait_for is_gone
+}
+
 # --- Outages, each on a server of its own.
 
 own_server() {

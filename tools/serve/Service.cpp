@@ -26,6 +26,8 @@
 #include "failure/Failure.h"
 #include "serve/base/Background.h"
 #include "serve/base/Metrics.h"
+#include "serve/image/ConfigurationHelper.h"
+#include "serve/image/ConfigurationWatch.h"
 #include "serve/image/Table.h"
 #include "serve/image/TableWatch.h"
 #include "serve/socket/ListenSocket.h"
@@ -103,6 +105,9 @@ class Service {
                              [this] { closed(); });
     }
     m_watch->start();
+    m_configurationWatch = std::make_unique<ConfigurationWatch>(
+        m_settings, m_tables.configuration(), m_log,
+        ConfigurationWatch::Helper{{"/proc/self/exe", s_helperCommand}});
     for (Listener& listener : m_listeners) accept(listener);
     waitForSignal();
     watch();
@@ -155,6 +160,12 @@ class Service {
       const std::string_view unable = table->whyUnable(Clock::now(), m_settings);
       if (unable.empty()) continue;
       why += (why.empty() ? "" : "; ") + table->sqlName() + ": " + std::string(unable);
+    }
+    const Configuration& configuration = m_tables.configuration();
+    const auto age = configuration.age(Clock::now());
+    if (configuration.isNeeded() && (!age || isTooOld(*age, m_settings))) {
+      why += (why.empty() ? "" : "; ") + std::string("configuration: it ") +
+             (age ? "is too old" : "could not be read yet");
     }
     return why;
   }
@@ -225,6 +236,7 @@ class Service {
     sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", microseconds);
     m_log.info("rereading all tables");
     m_watch->reload();
+    m_configurationWatch->reload();
     sd_notify(0, "READY=1");
   }
 
@@ -258,6 +270,7 @@ class Service {
     m_workers.clear();
     m_metricsListener.reset();
     m_listeners.clear();
+    m_configurationWatch.reset();
     m_background.stop();
     const bool isStopped = m_watch->stop(s_databasePatience);
     if (isStopped && !m_background.isBusy()) return;
@@ -279,6 +292,7 @@ class Service {
   boost::asio::steady_timer m_pause;
   Background m_background{1};  // Makes long answers.
   std::unique_ptr<TableWatch> m_watch;
+  std::unique_ptr<ConfigurationWatch> m_configurationWatch;
   std::unique_ptr<MetricsListener> m_metricsListener;
   std::list<Worker> m_workers;
   std::list<Listener> m_listeners;

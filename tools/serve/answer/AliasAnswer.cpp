@@ -67,7 +67,11 @@ Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
 std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,
                                   const std::string& key, Effort effort, Clock::time_point now,
                                   Log& log) {
-  const Expansion found = image.alias().expand(key, effort);
+  const auto listUsers = [&](const std::string& domain, const auto& take) {
+    const ConfigurationPointer configuration = tables.configuration().use(tables.settings(), now);
+    return configuration != nullptr && configuration->listUsers(domain, take);
+  };
+  const Expansion found = image.alias().expand(key, effort, listUsers);
   switch (found.kind) {
     case Expansion::Kind::Unknown:
       return std::nullopt;

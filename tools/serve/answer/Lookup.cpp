@@ -8,8 +8,6 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "cmf/ApsGwServerCache.h"
-#include "cmf/MailUserLookup.h"
 #include "serve/answer/AliasAnswer.h"
 #include "serve/image/AddressKey.h"
 #include "tables/TableNames.h"
@@ -26,6 +24,9 @@ constexpr std::size_t s_shortReply = 1024;
 
 // Longest time for which an answer is kept that may change while the tables do not.
 constexpr std::chrono::milliseconds s_longestMoment{1000};
+
+constexpr const char* s_noConfiguration =
+    "the configuration of domains and mail users cannot be read";
 
 bool s_hasTable(Map map) {
   return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;
@@ -188,9 +189,9 @@ std::optional<Answer> Lookup::answer(const Route& route, std::string_view key,
       case Map::MaskPrivate:
         return maskAnswer(route, key);
       case Map::Mailbox:
-        return mailboxAnswer(key);
+        return mailboxAnswer(key, now);
       case Map::Domain:
-        return domainAnswer(key);
+        return domainAnswer(key, now);
       case Map::None:
         break;
     }
@@ -322,26 +323,33 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   }
 }
 
-Answer Lookup::mailboxAnswer(std::string_view text) const {
+Answer Lookup::mailboxAnswer(std::string_view text, Clock::time_point now) {
   std::string key;
   if (!addressKey(text, key)) return Answer::noAddress();
-  const auto isMailbox = [](std::string_view address) {
-    const CMF::MailUserAnswer user =
-        CMF::findMailUser(std::string(s_domain(address)), std::string(s_local(address)));
-    return user.state == CMF::MailUserAnswer::State::Found && user.kind != CMF::MailUserDisabled;
-  };
-  if (isMailbox(text) || isMailbox(key)) return Answer::ok(key);
+  const ConfigurationPointer configuration = this->configuration(now);
+  if (configuration == nullptr) return Answer::temp(s_noConfiguration);
+  if (configuration->hasUser(text) || configuration->hasUser(key)) return Answer::ok(key);
   const ExtendedAddress address = cut(text);
   if (address.extension.empty() || !addressKey(address.base, key)) return Answer::notFound();
-  return isMailbox(address.base) || isMailbox(key) ? Answer::ok(key) : Answer::notFound();
+  const bool isUser = configuration->hasUser(address.base) || configuration->hasUser(key);
+  return isUser ? Answer::ok(key) : Answer::notFound();
 }
 
-Answer Lookup::domainAnswer(std::string_view text) {
+Answer Lookup::domainAnswer(std::string_view text, Clock::time_point now) {
   std::string key;
   if (!domainKey(text, key)) return Answer::notFound();
-  const CMF::RefApsGwServerCache domains = CMF::RefApsGwServerCache::instance(false);
-  const bool isServed = !domains->find(std::string(text)).isNull() || !domains->find(key).isNull();
+  const ConfigurationPointer configuration = this->configuration(now);
+  if (configuration == nullptr) return Answer::temp(s_noConfiguration);
+  const bool isServed = configuration->hasDomain(text) || configuration->hasDomain(key);
   return isServed ? Answer::ok(key) : Answer::notFound();
+}
+
+// The domains and mail users; null when they are not known well enough.
+ConfigurationPointer Lookup::configuration(Clock::time_point now) {
+  Configuration& configuration = m_tables.configuration();
+  ConfigurationPointer image = configuration.use(m_settings, now);
+  if (image != nullptr && configuration.age(now) > s_outage) m_metrics.staleAnswer();
+  return image;
 }
 
 ExtendedAddress Lookup::cut(std::string_view text) const {

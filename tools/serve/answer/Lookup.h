@@ -1,4 +1,4 @@
-// Answers the requests of mail servers from the images of the tables and from the configuration.
+// Answers the requests of mail servers from the images of the tables and of the configuration.
 #ifndef TSL_TOOLS_SERVE_ANSWER_LOOKUP_H
 #define TSL_TOOLS_SERVE_ANSWER_LOOKUP_H
 
@@ -93,8 +93,9 @@ class Lookup {
   [[nodiscard]] Clock::time_point moment(Clock::time_point now) const;
   Answer page(const Route& route, const std::string& key, Clock::time_point now);
   [[nodiscard]] Answer maskAnswer(const Route& route, std::string_view text) const;
-  [[nodiscard]] Answer mailboxAnswer(std::string_view text) const;
-  [[nodiscard]] static Answer domainAnswer(std::string_view text);
+  Answer mailboxAnswer(std::string_view text, Clock::time_point now);
+  Answer domainAnswer(std::string_view text, Clock::time_point now);
+  ConfigurationPointer configuration(Clock::time_point now);
   // Cuts `text` at its extension, if the settings want that.
   [[nodiscard]] ExtendedAddress cut(std::string_view text) const;
   // The extension that the addresses of an answer get.

@@ -6,7 +6,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "alias/AddressAliasDbMySQL.h"
 #include "alias/AliasExpander.h"
 #include "base/stringCompareNoCase.h"
 #include "serve/image/AddressKey.h"
@@ -88,7 +87,8 @@ AliasImage::AliasImage(const RowSource& source) {
   m_rows.shrink();
 }
 
-Expansion AliasImage::expand(std::string_view key, Effort effort) const {
+Expansion AliasImage::expand(std::string_view key, Effort effort,
+                             const ListUsers& listUsers) const {
   Expansion expansion;
   const RowStore::Id row = m_keys.find(key);
   if (row == AddressIndex::s_none) {
@@ -115,7 +115,8 @@ Expansion AliasImage::expand(std::string_view key, Effort effort) const {
     expansion.kind = Expansion::Kind::Unknown;
     return expansion;
   }
-  expansion.addresses = AddressAliasDbMySQL::withAllUsers(alias, reached);
+  expansion.addresses =
+      listUsers ? AddressAliasDbMySQL::withAllUsers(alias, reached, listUsers) : reached;
   for (const EmailAddress& address : expansion.addresses) {
     // A marker that is left is not a mailbox: mail to it would reach whoever has that name.
     if (!address.domain().empty() || !Tool::isMarker(address.address())) continue;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
+#include "alias/AddressAliasDbMySQL.h"
 #include "serve/image/BrokenRows.h"
 #include "serve/image/RowStore.h"
 #include "tables/AddressIndex.h"
@@ -37,6 +38,8 @@ enum class Effort {
   Any,
 };
 
+using ListUsers = AddressAliasDbMySQL::ListUsers;
+
 // The rows never change. Their texts lie in one block and are parsed when they are asked for; the
 // library's expander walks over them. A row that cannot be read is left out, and of two rows of one
 // address (see AddressKey.h) the second. Any thread may call any operation.
@@ -48,7 +51,9 @@ class AliasImage {
   AliasImage& operator=(const AliasImage&) = delete;
 
   // What the address with `key` expands to; `key` is as addressKey() gives it.
-  [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any) const;
+  // `listUsers` knows the mail users; without it an alias for all users is `NoUsers`.
+  [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any,
+                                 const ListUsers& listUsers = {}) const;
 
   // An alias loop that the alias with `key` leads into, its first address also at the end; empty
   // when there is none.

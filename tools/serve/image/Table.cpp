@@ -138,6 +138,10 @@ std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_poin
     // Here too: it may have gone since it was listed.
     if (table->state() == TableState::Gone) metrics.forgetTable(table->sqlName());
   }
+  if (const ConfigurationPointer configuration = tables.configuration().image()) {
+    metrics.tableState("configuration", configuration->users(), 0,
+                       *tables.configuration().age(now));
+  }
   metrics.memoryState("answers", tables.answerMemory().used());
   metrics.memoryState("pages", tables.pageMemory().used());
   return metrics.text();

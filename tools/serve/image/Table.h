@@ -17,6 +17,7 @@
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
 #include "serve/image/AliasImage.h"
+#include "serve/image/ConfigurationImage.h"
 #include "serve/image/MaskImage.h"
 #include "serve/image/Pages.h"
 #include "tables/TableNames.h"
@@ -124,6 +125,9 @@ class Tables {
   [[nodiscard]] std::vector<TablePointer> all() const;
 
   [[nodiscard]] const Settings& settings() const noexcept { return m_settings; }
+  // The domains and mail users that aliases for all users, and other maps, depend on.
+  [[nodiscard]] Configuration& configuration() noexcept { return m_configuration; }
+  [[nodiscard]] const Configuration& configuration() const noexcept { return m_configuration; }
   // The pages of all tables.
   [[nodiscard]] Pages& pages() noexcept { return m_pages; }
   // What the answers that are kept may take, in all threads.
@@ -137,6 +141,7 @@ class Tables {
   MemoryBudget m_answerMemory;
   MemoryBudget m_pageMemory;
   Pages m_pages;
+  Configuration m_configuration;
   Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
 };
 

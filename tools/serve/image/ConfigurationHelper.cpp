@@ -1,0 +1,119 @@
+// The process that reads the configuration. Whatever the files do to it, the service goes on.
+#include "serve/image/ConfigurationHelper.h"
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "base/Exception.h"
+#include "cmf/ApsGwServerCache.h"
+#include "cmf/StateMark.h"
+#include "failure/Failure.h"
+#include "serve/image/ConfigurationImage.h"
+#include "serve/image/Frame.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+// How often files that somebody writes into are read again, and the pause before that.
+constexpr int s_attempts = 20;
+constexpr std::chrono::milliseconds s_pause{20};
+
+// What damaged files do to who reads them must not fill the disk with core dumps.
+void s_endDamaged(int /*signal*/) {
+  _exit(s_damagedStatus);
+}
+
+class Helper {
+ public:
+  explicit Helper(int descriptor) : m_descriptor(descriptor) {}
+
+  void run() {
+    while (isAsked()) {
+      try {
+        answer();
+      } catch (const Exception& exception) {
+        send(HelperFrame::Failed, Tool::reasonOf(exception));
+      } catch (const std::exception& exception) {
+        send(HelperFrame::Failed, exception.what());
+      }
+    }
+  }
+
+ private:
+  // False when nobody will ask again.
+  [[nodiscard]] bool isAsked() const {
+    while (true) {
+      char any = 0;
+      const ssize_t size = recv(m_descriptor, &any, 1, 0);
+      if (size < 0 && errno == EINTR) continue;
+      return size == 1;
+    }
+  }
+
+  void answer() {
+    if (m_sent && CMF::stateMark() == *m_sent) return send(HelperFrame::Same, "");
+    for (int attempt = 0; attempt < s_attempts; ++attempt) {
+      // The files may be others, or not what LMDB knows of them.
+      CMF::RefApsGwServerCache::instance(true);
+      const CMF::StateMark before = CMF::stateMark();
+      const std::string copy = copyConfiguration([this] { send(HelperFrame::Reading, ""); });
+      const CMF::StateMark after = CMF::stateMark();
+      if (after == before || isCommit(before, after)) {
+        send(HelperFrame::Copy, copy);
+        m_sent = before;
+        return;
+      }
+      send(HelperFrame::Reading, "");
+      std::this_thread::sleep_for(s_pause);
+    }
+    throw std::runtime_error("somebody writes into data.mdb all the time");
+  }
+
+  // Others commit without disturbing who reads; who writes into the file does.
+  static bool isCommit(const CMF::StateMark& before, const CMF::StateMark& after) {
+    return before.files == after.files && before.transaction != after.transaction;
+  }
+
+  void send(HelperFrame kind, const std::string& text) const {
+    if (text.size() > s_longestCopy) throw std::runtime_error("it is too large to be copied");
+    const std::string bytes = encoded({static_cast<char>(kind), text});
+    std::string_view left = bytes;
+    while (!left.empty()) {
+      const ssize_t sent = ::send(m_descriptor, left.data(), left.size(), MSG_NOSIGNAL);
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent <= 0) _exit(EXIT_FAILURE);  // Nobody is there any more.
+      left.remove_prefix(static_cast<std::size_t>(sent));
+    }
+  }
+
+  const int m_descriptor;
+  std::optional<CMF::StateMark> m_sent;  // Of the last copy.
+};
+
+}  // namespace
+
+int helpWithConfiguration(int descriptor) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // Who stops the service may mean all its processes; this one ends with its socket.
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) std::signal(signal, SIG_IGN);
+  for (const int signal : {SIGBUS, SIGSEGV, SIGFPE, SIGILL, SIGABRT}) {
+    std::signal(signal, s_endDamaged);
+  }
+  Helper(descriptor).run();
+  return EXIT_SUCCESS;
+}
+
+}  // namespace Tessel::Serve
