@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "alias/AddressAliasDbMySQL.h"
 #include "alias/AliasExpander.h"
 #include "base/stringCompareNoCase.h"
 #include "serve/image/AddressKey.h"

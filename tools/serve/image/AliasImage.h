@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
-#include "alias/AddressAliasDbMySQL.h"
 #include "serve/image/BrokenRows.h"
+#include "serve/image/ConfigurationImage.h"
 #include "serve/image/RowStore.h"
 #include "tables/AddressIndex.h"
 
@@ -37,8 +37,6 @@ enum class Effort {
   Short,  // A fraction of a millisecond, which is enough for a thousand addresses.
   Any,
 };
-
-using ListUsers = AddressAliasDbMySQL::ListUsers;
 
 // The rows never change. Their texts lie in one block and are parsed when they are asked for; the
 // library's expander walks over them. A row that cannot be read is left out, and of two rows of one

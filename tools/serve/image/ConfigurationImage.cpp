@@ -108,8 +108,7 @@ bool ConfigurationImage::hasDomain(std::string_view domain) const {
   return m_domains.find(domain) != AddressIndex::s_none;
 }
 
-bool ConfigurationImage::listUsers(std::string_view domain,
-                                   const std::function<void(std::string_view name)>& take) const {
+bool ConfigurationImage::listUsers(std::string_view domain, const TakeUser& take) const {
   const Id number = m_domains.find(domain);
   if (number == AddressIndex::s_none) return false;
   const bool isLast = number + 1 == m_domains.size();

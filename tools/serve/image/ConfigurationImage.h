@@ -25,6 +25,11 @@ namespace Tessel::Serve {
 // in it. A damaged file may end the process. Any thread.
 std::string copyConfiguration(const std::function<void()>& isAlive = {});
 
+// Calls `take` with the name of each user mailbox of a domain, in ascending order; false when the
+// domain is not known.
+using TakeUser = std::function<void(std::string_view name)>;
+using ListUsers = std::function<bool(const std::string& domain, const TakeUser& take)>;
+
 // It never changes. A user costs the length of the address and some 25 bytes. Any thread may call
 // any operation.
 class ConfigurationImage {
@@ -36,10 +41,8 @@ class ConfigurationImage {
   [[nodiscard]] bool hasUser(std::string_view address) const;
   // True when `domain`, in any ASCII letter case, is one of the configuration.
   [[nodiscard]] bool hasDomain(std::string_view domain) const;
-  // Calls `take` with the name of each user mailbox of `domain`, in ascending order; false when the
-  // configuration does not have the domain.
-  bool listUsers(std::string_view domain,
-                 const std::function<void(std::string_view name)>& take) const;
+  // As `ListUsers` says.
+  bool listUsers(std::string_view domain, const TakeUser& take) const;
 
   [[nodiscard]] std::size_t users() const noexcept { return m_users.size(); }
   [[nodiscard]] std::size_t domains() const noexcept { return m_domains.size(); }
