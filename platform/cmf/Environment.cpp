@@ -156,6 +156,12 @@ void Environment::clearDeadReaders() const noexcept {
   static_cast<void>(mdb_reader_check(m_env.get(), &dead));
 }
 
+std::uint64_t Environment::lastTransaction() const noexcept {
+  MDB_envinfo info{};
+  static_cast<void>(mdb_env_info(m_env.get(), &info));
+  return info.me_last_txnid;
+}
+
 int Environment::open(unsigned int flags) {
   MDB_env* env = nullptr;
   int result = mdb_env_create(&env);

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -48,6 +49,10 @@ class Environment {
   [[nodiscard]] bool isInherited() const noexcept {
     return m_generation != s_generation.load(std::memory_order_relaxed);
   }
+  // Number of the last transaction that data.mdb itself knows of. Readers and writers go by the one
+  // in lock.mdb: where they differ, another data.mdb was written over one in use, and LMDB takes an
+  // older state for the newest.
+  [[nodiscard]] std::uint64_t lastTransaction() const noexcept;
   // Frees what processes that died left in the table of readers. Failures do not matter here: the
   // slots stay in use until the next call.
   void clearDeadReaders() const noexcept;

@@ -26,6 +26,7 @@ StateMark stateMark() {
   }
   const FileIdentity& identity = environment.identity();
   return {mdb_txn_id(snapshot->transaction()),
+          environment.lastTransaction(),
           {identity.dataDevice, identity.dataInode, identity.lockDevice, identity.lockInode},
           {status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec}};
 }

@@ -11,7 +11,11 @@ namespace Tessel::CMF {
 
 // What is different after a change. A value.
 struct StateMark {
-  std::uint64_t transaction = 0;         // Of the last change; counts commits.
+  std::uint64_t transaction = 0;  // Of the last change; counts commits.
+  // Of the last change as data.mdb has it. Another one than `transaction`, and not for a moment
+  // only, after data.mdb was overwritten while programs use it: what they read is not the newest
+  // state.
+  std::uint64_t newest = 0;
   std::array<std::uint64_t, 4> files{};  // Device and inode of data.mdb and of lock.mdb.
   std::array<std::int64_t, 3> data{};    // Size of data.mdb, and when it was last written to.
 

@@ -110,6 +110,11 @@ Writer::Transaction::Transaction() : m_environment(Environment::forWriting()) {
   const int result = mdb_txn_begin(m_environment->handle(), nullptr, 0, &transaction);
   if (result != 0) failWith(s_place, "Cannot start to write", m_environment->path(), result);
   m_transaction.reset(transaction);
+  // Writing now would lose what the newest state has and an older one has not.
+  if (mdb_txn_id(transaction) != m_environment->lastTransaction() + 1) {
+    fail(s_place, "data.mdb in " + m_environment->path() +
+                      " was overwritten while programs use it: end them all, and try again");
+  }
   m_cursor = openCursor(*m_environment, transaction);
 
   const MetaRecord* const stored = m_environment->meta(transaction);

@@ -43,6 +43,21 @@ TEST_F(StateMarkTest, ChangesWhenSomebodyElseWritesIntoTheFile) {
   EXPECT_NE(after.data, before.data);
 }
 
+TEST_F(StateMarkTest, ShowsThatAnOlderFileWasWrittenOverOneInUse) {
+  addDomain("one.example", {});
+  addDomain("other.example", {});
+  const std::string old = directory() + "/old.mdb";
+  std::filesystem::copy_file(path() + "/data.mdb", old);
+  addDomain("two.example", {});
+  EXPECT_EQ(stateMark().transaction, stateMark().newest);
+  std::filesystem::copy_file(old, path() + "/data.mdb",
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_EQ(stateMark().transaction, stateMark().newest + 1);
+  // It is as it should be for who opens it when nobody uses it.
+  RefApsGwServerCache::instance(true);
+  EXPECT_EQ(stateMark().transaction, stateMark().newest);
+}
+
 TEST_F(StateMarkTest, OfFilesThatWereReplacedIsAnother) {
   addDomain("one.example", {});
   const StateMark before = stateMark();

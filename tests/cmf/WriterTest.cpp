@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -382,6 +383,20 @@ TEST_F(WriterTest, MoreUsersThanTheCountSaysCannotBeRemoved) {
   }
   // Nothing was stored: the one user that the table says it has is the first.
   EXPECT_THAT(usersOf("example.com"), ElementsAre("ann"));
+}
+
+TEST_F(WriterTest, AFileThatWasOverwrittenWhileItIsInUseIsNotWrittenTo) {
+  addDomain("example.com", {"ann"});
+  const std::string old = directory() + "/old.mdb";
+  std::filesystem::copy_file(path() + "/data.mdb", old);
+  addDomain("example.com", {"bob"});
+  std::filesystem::copy_file(old, path() + "/data.mdb",
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("was overwritten while"));
+  // Once nobody uses it any more it is as good as any other.
+  RefApsGwServerCache::instance(true);
+  addDomain("example.com", {"cleo"});
+  EXPECT_THAT(usersOf("example.com"), ElementsAre("ann", "cleo"));
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ class Helper {
       const CMF::StateMark before = CMF::stateMark();
       const std::string copy = copyConfiguration([this] { send(HelperFrame::Reading, ""); });
       const CMF::StateMark after = CMF::stateMark();
-      if (after == before || isCommit(before, after)) {
+      if (isNewest(before) && (after == before || isCommit(before, after))) {
         send(HelperFrame::Copy, copy);
         m_sent = before;
         return;
@@ -79,12 +79,17 @@ class Helper {
       send(HelperFrame::Reading, "");
       std::this_thread::sleep_for(s_pause);
     }
-    throw std::runtime_error("somebody writes into data.mdb all the time");
+    throw std::runtime_error(
+        "data.mdb was overwritten while programs use it: end them, except for this service, or"
+        " rename a whole directory into place");
   }
+
+  static bool isNewest(const CMF::StateMark& mark) { return mark.transaction == mark.newest; }
 
   // Others commit without disturbing who reads; who writes into the file does.
   static bool isCommit(const CMF::StateMark& before, const CMF::StateMark& after) {
-    return before.files == after.files && before.transaction != after.transaction;
+    return before.files == after.files && before.transaction != after.transaction &&
+           isNewest(after);
   }
 
   void send(HelperFrame kind, const std::string& text) const {
