@@ -43,5 +43,15 @@ TEST(RowStore, RefusesANumberThatIsNotThere) {
   EXPECT_THROW(static_cast<void>(rows.second(1)), std::out_of_range);
 }
 
+TEST(RowStore, FewRowsTakeLittleMemory) {
+  RowStore rows;
+  EXPECT_EQ(rows.bytes(), 0U);
+  rows.add("a@d", "b@d");
+  EXPECT_LT(rows.bytes(), 10000U);
+  for (int i = 0; i < 10000; ++i) rows.add(std::string(500, 'a'), std::string(500, 'b'));
+  EXPECT_GE(rows.bytes(), 10000000U);
+  EXPECT_LT(rows.bytes(), 12500000U);
+}
+
 }  // namespace
 }  // namespace Tessel::Serve

@@ -433,6 +433,16 @@ TEST_F(TableWatchTest, ASnapshotThatIsDeletedOrReplacedIsWrittenAgain) {
   EXPECT_TRUE(s_waitFor(isSaved));
 }
 
+TEST_F(TableWatchTest, ATableThatTakesMoreMemoryThanExpectedIsReported) {
+  m_settings.maxMemory = 1000;
+  add("a@d", "b@d");
+  watch();
+  EXPECT_TRUE(becomes("a@d", "b@d"));
+  EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()),
+              testing::ContainsRegex("memory_bytes.use=.images.. [1-9]"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias takes 0 MB of memory, more than --max-memory"));
+}
+
 TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   const Testing::ScratchFile scratch;
   m_settings.snapshot = scratch.directory();

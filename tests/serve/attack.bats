@@ -61,7 +61,7 @@ resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
     tool alias add big@example.com "new$RANDOM@example.com"
     kept=$(python3 -c 'import sys, urllib.request, re
 text = urllib.request.urlopen(sys.argv[1]).read().decode()
-print(int(sum(float(n) for n in re.findall(r"^tsl_address_map_memory_bytes.* (\S+)$", text, re.M))))' "http://127.0.0.1:$port/metrics")
+print(int(sum(float(n) for n in re.findall(r"^tsl_address_map_memory_bytes.use=.(?:answers|pages).. (\S+)$", text, re.M))))' "http://127.0.0.1:$port/metrics")
     ((most = kept > most ? kept : most))
   done
   wait "$one" "$two"

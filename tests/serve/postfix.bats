@@ -128,6 +128,17 @@ hasnt() {
 refuses() { [[ $(postmap -q "$1" "$(map alias)" 2>&1) == *"this alias reaches nobody"* ]]; }
 has_delivered() { [ "$(delivered "$1")" == "$2" ]; }
 
+is_cut() { [[ $(postmap -q "$1" "$(map alias)" 2>&1) == *"has a comma"* ]]; }
+
+@test "a member that a mail server would cut at its comma gets nothing, nor do its parts" {
+  tool alias set cut@example.com ann@example.com
+  seen alias cut@example.com ann@example.com
+  sql "update alias set members = 'ann@example.com,x@[x:y,bob@example.com]' where name = 'cut@example.com'"
+  wait_for "the change" is_cut cut@example.com
+  run -1 send me@away.example "cut" cut@example.com
+  equal "${output%% *}" 451
+}
+
 @test "all users of a domain get mail, without those of other kinds" {
   tool domain add users.example
   tool user add u1@users.example

@@ -33,6 +33,11 @@ class AddressIndex {
   // The text as it was added first. Valid until the next call of `add`.
   [[nodiscard]] std::string_view text(Id id) const;
   [[nodiscard]] Id size() const noexcept { return static_cast<Id>(m_ends.size()); }
+  // Bytes of memory that it takes.
+  [[nodiscard]] std::size_t bytes() const noexcept {
+    return m_slots.capacity() * sizeof(m_slots[0]) + m_filter.capacity() * sizeof(m_filter[0]) +
+           m_ends.capacity() * sizeof(m_ends[0]) + m_texts.capacity();
+  }
 
  private:
   // Where `text` with `hash` is, or the free slot that it would go to.

@@ -57,6 +57,10 @@ class AliasImage {
   // when there is none.
   [[nodiscard]] std::vector<std::string> loop(std::string_view key) const;
 
+  // Bytes of memory that it takes, about.
+  [[nodiscard]] std::size_t bytes() const noexcept {
+    return m_rows.bytes() + m_keys.bytes() + m_brokenRows.rows().bytes();
+  }
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
   [[nodiscard]] const BrokenRows& brokenRows() const noexcept { return m_brokenRows; }
 

@@ -42,6 +42,10 @@ class MaskImage {
                                             : m_brokenPublic.contains(key);
   }
 
+  // Bytes of memory that it takes, about.
+  [[nodiscard]] std::size_t bytes() const noexcept {
+    return m_rows.bytes() + m_byPrivate.bytes() + m_byPublic.bytes() + m_brokenRows.rows().bytes();
+  }
   [[nodiscard]] const RowStore& rows() const noexcept { return m_rows; }
   [[nodiscard]] const BrokenRows& brokenRows() const noexcept { return m_brokenRows; }
 
@@ -52,6 +56,10 @@ class MaskImage {
 
   // The plain rows, by one of their addresses.
   struct Index {
+    [[nodiscard]] std::size_t bytes() const noexcept {
+      return keys.bytes() + rows.capacity() * sizeof(rows[0]);
+    }
+
     Tool::AddressIndex keys;
     std::vector<RowStore::Id> rows;  // By the numbers of the keys.
   };

@@ -8,7 +8,9 @@ namespace Tessel::Serve {
 
 namespace {
 
-constexpr std::size_t s_blockSize = 1U << 20U;
+// Blocks double from the first size to the last one: there may be thousands of small tables.
+constexpr std::size_t s_firstBlockSize = 4096;
+constexpr std::size_t s_doublings = 8;
 
 }  // namespace
 
@@ -38,7 +40,8 @@ std::string_view RowStore::second(Id id) const {
 
 char* RowStore::allocate(std::size_t size) {
   if (size > m_freeSize) {
-    m_freeSize = std::max(size, s_blockSize);
+    m_freeSize = std::max(size, s_firstBlockSize << std::min(m_blocks.size(), s_doublings));
+    m_bytes += m_freeSize;
     m_blocks.push_back(std::make_unique_for_overwrite<char[]>(m_freeSize));
     m_free = m_blocks.back().get();
   }

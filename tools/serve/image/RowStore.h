@@ -29,6 +29,10 @@ class RowStore {
   [[nodiscard]] std::string_view first(Id id) const;
   [[nodiscard]] std::string_view second(Id id) const;
   [[nodiscard]] Id size() const noexcept { return static_cast<Id>(m_rows.size()); }
+  // Bytes of memory that the rows take.
+  [[nodiscard]] std::size_t bytes() const noexcept {
+    return m_bytes + m_rows.capacity() * sizeof(Row);
+  }
   // Gives back the room that was kept for more rows.
   void shrink() { m_rows.shrink_to_fit(); }
 
@@ -45,6 +49,7 @@ class RowStore {
   std::vector<std::unique_ptr<char[]>> m_blocks;
   char* m_free = nullptr;  // The rest of the last block.
   std::size_t m_freeSize = 0;
+  std::size_t m_bytes = 0;  // Of the blocks.
   std::vector<Row> m_rows;
 };
 

@@ -130,8 +130,10 @@ std::vector<TablePointer> Tables::all() const {
 }
 
 std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_point now) {
+  std::size_t imageBytes = 0;
   for (const TablePointer& table : tables.all()) {
     const ImagePointer image = table->image();
+    if (image != nullptr) imageBytes += image->bytes();
     const std::optional<Clock::duration> age = table->age(now);
     if (image == nullptr || !age) continue;
     metrics.tableState(table->sqlName(), image->rows().size(), image->brokenRows().count(), *age);
@@ -142,6 +144,7 @@ std::string metricsText(Metrics& metrics, const Tables& tables, Clock::time_poin
     metrics.tableState("configuration", configuration->users(), 0,
                        *tables.configuration().age(now));
   }
+  metrics.memoryState("images", imageBytes);
   metrics.memoryState("answers", tables.answerMemory().used());
   metrics.memoryState("pages", tables.pageMemory().used());
   return metrics.text();

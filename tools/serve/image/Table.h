@@ -36,6 +36,9 @@ class TableImage {
   [[nodiscard]] const AliasImage& alias() const { return *m_alias; }
   [[nodiscard]] const MaskImage& mask() const { return *m_mask; }
 
+  [[nodiscard]] std::size_t bytes() const {
+    return m_alias != nullptr ? m_alias->bytes() : m_mask->bytes();
+  }
   [[nodiscard]] const RowStore& rows() const {
     return m_alias != nullptr ? m_alias->rows() : m_mask->rows();
   }

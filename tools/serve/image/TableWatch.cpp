@@ -369,6 +369,10 @@ bool TableWatch::accept(Table& table, const TableImage& image, const std::string
 
 // Reports how many rows an image leaves out, when the number has changed.
 void TableWatch::report(const Table& table, const TableImage& image) {
+  if (image.bytes() > m_settings.maxMemory) {
+    m_log.warning("table " + table.sqlName() + " takes " + std::to_string(image.bytes() >> 20U) +
+                  " MB of memory, more than --max-memory gives to answers and pages");
+  }
   const BrokenRows& broken = image.brokenRows();
   const ImagePointer old = table.image();
   const std::size_t before = old == nullptr ? 0 : old->brokenRows().count();
