@@ -21,7 +21,6 @@
 #include "base/Exception.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/MailUser.h"
-#include "cmf/MailUserLookup.h"
 #include "cmf/Snapshot.h"
 #include "cmf/StorageFormat.h"
 #include "cmf/TableQuery.h"
@@ -34,10 +33,8 @@ using Tessel::AddressAliasDbMySQL;
 using Tessel::EmailAddress;
 using Tessel::Exception;
 using Tessel::CMF::ApsGwServerRecord;
-using Tessel::CMF::findMailUser;
 using Tessel::CMF::foldName;
 using Tessel::CMF::Key;
-using Tessel::CMF::MailUserAnswer;
 using Tessel::CMF::MetaRecord;
 using Tessel::CMF::RefApsGwServerCache;
 using Tessel::CMF::s_commonGroup;
@@ -241,19 +238,6 @@ class Model {
     return users;
   }
 
-  [[nodiscard]] MailUserAnswer user(const std::string& domain, const std::string& user) const {
-    using State = MailUserAnswer::State;
-    checkMeta();
-    const auto server =
-        get<ApsGwServerRecord>(s_key(s_commonGroup, s_domainTable, foldName(domain)));
-    if (!server) return {};
-    const auto found =
-        get<__aps_mail_user>(s_key(server->domainId, s_mailUserTable, foldName(user)));
-    if (found) return {State::Found, static_cast<Tessel::CMF::MailUserKind>(found->kind)};
-    mustHold(get<TableRecord>(s_key(server->domainId, s_mailUserTable)).has_value());
-    return {State::UnknownUser, Tessel::CMF::MailUserDisabled};
-  }
-
   // True when some row of the table that `key` begins with is `bytes`.
   [[nodiscard]] bool hasRow(const std::string& key, std::string_view bytes) const {
     return std::any_of(m_records.begin(), m_records.end(), [&](const auto& record) {
@@ -331,16 +315,6 @@ void s_checkUsers(const Model& model) {
           return users;
         },
         s_areSame<__aps_mail_user>);
-  }
-  for (const std::string domain : s_domains) {
-    for (const std::string user : {"alice", "BOB", "dave"}) {
-      s_compare(
-          model, "a user", [&] { return model.user(domain, user); },
-          [&] { return findMailUser(domain, user); },
-          [](const MailUserAnswer& expected, const MailUserAnswer& got) {
-            return got.state == expected.state && got.kind == expected.kind;
-          });
-    }
   }
 }
 

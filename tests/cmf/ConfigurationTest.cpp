@@ -242,9 +242,9 @@ std::string failureOf(const std::function<void()>& call) {
     EXPECT_EQ(e.code(), 4);
     EXPECT_THAT(e.file(),
                 testing::AnyOf(testing::StrEq("ApsGwServerCache"), testing::StrEq("Environment"),
-                               testing::StrEq("EnvironmentFiles"), testing::StrEq("MailUserLookup"),
-                               testing::StrEq("Snapshot"), testing::StrEq("TableQuery"),
-                               testing::StrEq("Writer"), testing::StrEq("cmf_query")));
+                               testing::StrEq("EnvironmentFiles"), testing::StrEq("Snapshot"),
+                               testing::StrEq("TableQuery"), testing::StrEq("Writer"),
+                               testing::StrEq("cmf_query")));
     EXPECT_GT(e.line(), 1);
     EXPECT_FALSE(e.context().empty());
     return e.stringParameter();
