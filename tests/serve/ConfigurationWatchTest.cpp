@@ -195,7 +195,7 @@ TEST_P(HarmedFiles, LeaveTheImageAndAreReadAgainWhenTheyAreRestored) {
   EXPECT_THAT(logged(), HasSubstr("can be read again"));
 }
 
-void s_empty(const ServedFiles& files) {
+void s_emptied(const ServedFiles& files) {
   std::filesystem::resize_file(files.data(), 0);
 }
 void s_cut(const ServedFiles& files) {
@@ -215,7 +215,7 @@ void s_overwriteInPlace(const ServedFiles& files) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ConfigurationWatch, HarmedFiles,
-                         testing::Values(s_empty, s_cut, s_remove, s_overwrite,
+                         testing::Values(s_emptied, s_cut, s_remove, s_overwrite,
                                          s_overwriteInPlace));
 
 TEST_F(ConfigurationWatchTest, AnEmptiedLockFileIsMadeAgain) {

@@ -40,6 +40,8 @@ constexpr milliseconds s_retry{1000};
 // A table that is filled row by row is complete when it has not changed for this many times the
 // time in which changes are to be visible.
 constexpr int s_quietTimes = 10;
+// Such times after which it is used although it changes on and on.
+constexpr int s_doubts = 3;
 // A table that had this many rows does not lose more than half of them in one step of daily work.
 constexpr std::size_t s_manyRows = 10;
 
@@ -90,7 +92,8 @@ TableState TableWatch::Watched::judge(std::size_t count, Clock::time_point start
                                       Clock::duration quiet) const {
   if (count >= rows || isConfirmed) return TableState::Good;
   if (count == 0) return TableState::Empty;
-  const bool isStillChanging = isRecent && start < seenSince + quiet;
+  const bool isLongInDoubt = read == TableState::Filling && start >= doubtSince + s_doubts * quiet;
+  const bool isStillChanging = isRecent && start < seenSince + quiet && !isLongInDoubt;
   return isSuspicious(count) && isStillChanging ? TableState::Filling : TableState::Good;
 }
 
@@ -350,6 +353,7 @@ bool TableWatch::accept(Table& table, const TableImage& image, const std::string
                       "empty, reload the service");
         return false;
       case TableState::Filling:
+        if (before != TableState::Filling) watched.doubtSince = start;
         // A table that was good until now goes on answering with its last rows.
         if (table.state() != TableState::Good) table.setState(TableState::Filling);
         if (before == TableState::Filling) return false;

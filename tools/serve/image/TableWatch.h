@@ -70,7 +70,7 @@ class TableWatch {
     // True when `count` rows are so few that the table may be one that is being filled again.
     [[nodiscard]] bool isSuspicious(std::size_t count) const;
     // What the table is, which had `count` rows when it was read at `start`. One that does not
-    // change for the time `quiet` is complete.
+    // change for the time `quiet` is complete, and so is one that changes for a few of these times.
     [[nodiscard]] TableState judge(std::size_t count, Clock::time_point start,
                                    Clock::duration quiet) const;
     // True when an administrator who looks at the log knows that the table is in doubt.
@@ -86,6 +86,7 @@ class TableWatch {
     bool isReplaced = false;   // This may be another table than the one that was read before.
     bool isConfirmed = false;  // An administrator wants it as it is, though it is in doubt.
     TableState read = TableState::Good;  // What the table was when it was last read.
+    Clock::time_point doubtSince;        // When `read` became `Filling`.
     std::size_t rows = 0;                // Of the image, with those that cannot be read.
     bool isBusy = false;                 // It is being read or saved.
     bool isFailing = false;
