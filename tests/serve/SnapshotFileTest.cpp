@@ -50,6 +50,21 @@ void s_write(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
+std::string s_checksum(const std::string& bytes) {
+  boost::crc_32_type crc;
+  crc.process_bytes(bytes.data(), bytes.size());
+  const std::uint32_t sum = crc.checksum();
+  return {reinterpret_cast<const char*>(&sum), sizeof(sum)};
+}
+
+// `content` with the checksums that fit it.
+std::string s_withChecksums(std::string content) {
+  const std::size_t stamp = content.size() - s_stampSize;
+  content.replace(stamp - 4, 4, s_checksum(content.substr(0, stamp - 4)));
+  return content.replace(stamp + 8, 4,
+                         s_checksum(content.substr(stamp - 12, 8) + content.substr(stamp, 8)));
+}
+
 class SnapshotFile : public testing::Test {
  protected:
   [[nodiscard]] std::string path(const std::string& name) const {
@@ -184,15 +199,30 @@ TEST_F(SnapshotFile, AFileOfAnotherTableIsRefused) {
 TEST_F(SnapshotFile, AFileOfAnotherFormatIsRefused) {
   m_directory.save("alias", s_aliases({{"a@d", "b@d"}}));
   std::string content = s_content(path("alias.image"));
-  const std::string stamp = content.substr(content.size() - s_stampSize);
-  content.resize(content.size() - s_stampSize - sizeof(std::uint32_t));
   content.replace(content.find("image 2"), 7, "image 9");
-  boost::crc_32_type crc;
-  crc.process_bytes(content.data(), content.size());
-  const std::uint32_t sum = crc.checksum();
-  content.append(reinterpret_cast<const char*>(&sum), sizeof(sum)).append(stamp);
-  s_write(path("alias.image"), content);
+  s_write(path("alias.image"), s_withChecksums(content));
   EXPECT_EQ(refusal("alias"), "the file has another format");
+}
+
+TEST_F(SnapshotFile, AFileWithMoreThanItsRowsIsRefused) {
+  m_directory.save("alias", s_aliases({{"a@d", "b@d"}, {"b@d", "c@d"}}));
+  std::string content = s_content(path("alias.image"));
+  s_write(path("alias.image"), s_withChecksums(content));
+  EXPECT_EQ(refusal("alias"), "");
+  // The number of rows, before the random number and the checksum.
+  char& count = content[content.size() - s_stampSize - 20];
+  ASSERT_EQ(count, 2);
+  count = 1;
+  s_write(path("alias.image"), s_withChecksums(content));
+  EXPECT_EQ(refusal("alias"), "the file is damaged");
+}
+
+TEST_F(SnapshotFile, ATimeBefore1970IsRefused) {
+  m_directory.save("alias", s_aliases({}));
+  std::string content = s_content(path("alias.image"));
+  content.replace(content.size() - s_stampSize, 8, std::string(7, '\0') + '\x80');
+  s_write(path("alias.image"), s_withChecksums(content));
+  EXPECT_EQ(refusal("alias"), "the file is damaged");
 }
 
 TEST_F(SnapshotFile, TheFileKnowsWhenTheTableWasLastLikeIt) {

@@ -197,6 +197,8 @@ Ending s_ending(std::string_view content) {
   const std::uint32_t sum = s_checksum(std::string(s_bytes(ending.number)).append(stamp));
   if (end.takeNumber<std::uint32_t>() != sum) throw std::runtime_error("the file is damaged");
   const std::chrono::nanoseconds since(Bytes(stamp).takeNumber<std::int64_t>());
+  // The age would be beyond all numbers.
+  if (since < std::chrono::nanoseconds(0)) throw std::runtime_error("the file is damaged");
   const std::chrono::nanoseconds age = std::chrono::system_clock::now().time_since_epoch() - since;
   ending.time = Clock::now() - std::max(std::chrono::nanoseconds(0), age);
   return ending;
@@ -290,6 +292,7 @@ Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) con
       take(first, second);
     }
   });
+  if (bytes.left() != 0) throw std::runtime_error("the file is damaged");
   return {image, ending.time};
 }
 
