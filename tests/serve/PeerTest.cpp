@@ -324,6 +324,29 @@ TEST_F(PeerTest, WhyAConnectionEndsIsReadWhateverWasSentBehind) {
   EXPECT_EQ(client->reply(), "PERM the request is too long");
 }
 
+TEST_F(PeerTest, WhatWasSentBehindARefusalIsReadAlsoFromWhoSendsNoMore) {
+  Lookup lookup(m_settings, tables(), m_metrics, m_log);
+  const int events = epoll_create1(EPOLL_CLOEXEC);
+  Peer::Shared shared{m_settings, lookup, m_metrics, events, {}, {}, Clock::now(), {}};
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  Client client(ends[1]);
+  Peer peer(ends[0], false, shared, [] {});
+  peer.start();
+  client.send("x");
+  peer.proceed(EPOLLIN);
+  client.send(request(1));
+  client.endSending();
+  epoll_event event{};
+  while (epoll_wait(events, &event, 1, 0) == 1) peer.proceed(event.events);
+  EXPECT_FALSE(peer.isOpen());
+  EXPECT_THAT(client.reply(), StartsWith("PERM "));
+  // Not ECONNRESET, with which a reply may be lost on its way.
+  char byte = 0;
+  EXPECT_EQ(recv(ends[1], &byte, 1, 0), 0);
+  close(events);
+}
+
 TEST_F(PeerTest, BetweenRequestsThereIsTheTimeOfTheIdle) {
   m_settings.requestTimeout = hours(1);
   m_settings.idleTimeout = milliseconds(50);

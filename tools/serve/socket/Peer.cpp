@@ -60,11 +60,12 @@ void Peer::start() {
 
 void Peer::proceed(std::uint32_t events) {
   if (!isOpen()) return;
+  // To the end, also when both sides send no more.
+  if (m_isLingering) return dropInput();
   // Nobody reads replies any more.
   if ((events & (EPOLLERR | EPOLLHUP)) != 0) return close();
   // Taken before this one had to wait for something else.
   if ((events & m_events) == 0) return;
-  if (m_isLingering) return dropInput();
   if (m_output.empty()) {
     receive();
   } else {
