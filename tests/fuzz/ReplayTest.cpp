@@ -23,11 +23,14 @@ using Target = int (*)(const std::uint8_t* data, std::size_t size);
 
 extern "C" int testAddressKeyFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testConfigurationFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testConnectionFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testEmailAddressFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testFileSyntaxFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testMembersFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testNetstringFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testOptionFileFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testRowFuzz(const std::uint8_t* data, std::size_t size);
+extern "C" int testSnapshotFuzz(const std::uint8_t* data, std::size_t size);
 extern "C" int testTableFileFuzz(const std::uint8_t* data, std::size_t size);
 
 namespace Tessel::Fuzz {
@@ -52,11 +55,14 @@ void PrintTo(const Replay& replay, std::ostream* stream) {
 constexpr Replay s_replays[] = {
     {"AddressKey", testAddressKeyFuzz, "address-key", 40, 20000},
     {"Configuration", testConfigurationFuzz, "configuration", 75, 600},
+    {"Connection", testConnectionFuzz, "connection", 30, 3000},
     {"EmailAddress", testEmailAddressFuzz, "email-address", 70, 8000},
+    {"FileSyntax", testFileSyntaxFuzz, "file-syntax", 30, 3000},
     {"Members", testMembersFuzz, "members", 60, 6000},
     {"Netstring", testNetstringFuzz, "netstring", 20, 20000},
     {"OptionFile", testOptionFileFuzz, "option-file", 25, 2000},
     {"Row", testRowFuzz, "row", 55, 3000},
+    {"Snapshot", testSnapshotFuzz, "snapshot", 30, 3000},
     {"TableFile", testTableFileFuzz, "table-file", 55, 3000},
 };
 
