@@ -201,6 +201,7 @@ TEST_F(TableWatchTest, AMissingTableIsNotAnsweredUntilItIsBack) {
   add("a@d", "c@d", "alias_x");
   EXPECT_TRUE(becomesUnable("alias_x", ""));
   EXPECT_EQ(find("a@d", "alias_x"), "c@d");
+  EXPECT_THAT(takeLog(), HasSubstr("table alias_x answers again"));
 }
 
 TEST_F(TableWatchTest, AReloadConfirmsThatANamedTableIsGoneForGood) {

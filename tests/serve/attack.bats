@@ -13,7 +13,7 @@ for i in range(1500 if sys.argv[1] else 100):
     print("create table alias_t%d like alias; insert into alias_t%d (name, members) values ('list@example.com', 'u%d@example.com');" % (i, i, i))
     print("create table mask_t%d like mask; insert into mask_t%d (private, public) values ('list@example.com', 'u%d@example.com');" % (i, i, i))
 PYTHON
-  sql "$(cat "$BATS_FILE_TMPDIR/tables.sql")"
+  mariadb --defaults-file="$SERVER/client.cnf" ts_address_map <"$BATS_FILE_TMPDIR/tables.sql"
 }
 teardown_file() { stop_server; }
 

@@ -18,7 +18,7 @@ EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias,
   EmailAddress member = parseAddress(text, true);
   const auto why = refusalOfMember(member, alias, localNames);
   if (!why) return member;
-  throw Failure(ExitCode::BadData, "member '" + text + "'", *why,
+  throw Failure(ExitCode::BadData, "alias " + alias.address(), *why,
                 "write it as NAME@DOMAIN, or use 'allusers_" + alias.domain() +
                     "' for all user mailboxes of the domain");
 }

@@ -321,7 +321,11 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
     watched.readStart = start;
     watched.readTime = took;
     // It may have vanished meanwhile.
-    if (isAccepted && !watched.isMissing) table.setState(TableState::Good);
+    if (!isAccepted || watched.isMissing) return;
+    if (table.state() != TableState::Good) {
+      m_log.warning("table " + table.sqlName() + " answers again");
+    }
+    table.setState(TableState::Good);
   });
 }
 
