@@ -103,8 +103,8 @@ std::shared_ptr<Environment> s_obtain(Open& open, const std::string& path, bool 
       environment.reset();
       s_closeUnused(open);
       if (s_find(open, identity) != nullptr) {
-        fail(s_openPlace,
-             "The configuration in " + path + " is in use by this process, which may only read it");
+        fail(s_openPlace, "The configuration in " + path +
+                              " is open for reading in this process: release what reads it first");
       }
     }
     if (environment != nullptr) return environment;
@@ -133,12 +133,10 @@ std::shared_ptr<Environment> Environment::forWriting() {
 
 Environment::Environment(std::string path, const FileIdentity& identity, bool writable)
     : m_path(std::move(path)), m_identity(identity), m_generation(s_generation.load()) {
-  int result = identity.lockInode != 0 ? open(0) : EROFS;
-  m_writable = result == 0;
-  // A process that may only read opens what it may.
-  if (!writable && (result == EACCES || result == EPERM || result == EROFS)) {
-    result = open(MDB_RDONLY);
-  }
+  // LMDB fills a file that it finds empty, even for a reader: one that is just being copied into
+  // place would lose its content to a reader who may write.
+  const int result = open(writable ? 0 : MDB_RDONLY);
+  m_writable = writable && result == 0;
   if (result != 0) {
     failWith(s_openPlace, writable ? "Cannot open for writing" : "Cannot open the configuration",
              m_path, result);

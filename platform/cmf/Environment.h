@@ -25,13 +25,14 @@ class Environment {
   // true every environment that nobody uses is closed first. Throws Exception, code 4, when it is
   // absent or cannot be opened.
   static std::shared_ptr<Environment> forReading(bool reopen);
-  // The same, open for writing; the directory and its files are created where they are missing.
+  // The same, open for writing; the directory and its files are created where they are missing. A
+  // failure while an object of this process holds what forReading() opened.
   static std::shared_ptr<Environment> forWriting();
 
   // For the list of open environments: a forked child calls it once, before anything else.
   static void startAsChild() noexcept { s_generation.fetch_add(1); }
-  // For the list of open environments. Opens the files in `path`, which must exist. With `writable`
-  // false it takes read-only files too. Throws Exception, code 4.
+  // For the list of open environments. Opens the files in `path`, which must exist; with `writable`
+  // false data.mdb is opened for reading only. Throws Exception, code 4.
   Environment(std::string path, const FileIdentity& identity, bool writable);
   ~Environment();
   Environment(const Environment&) = delete;
@@ -42,7 +43,7 @@ class Environment {
   // The directory, as it was named when it was opened.
   [[nodiscard]] const std::string& path() const noexcept { return m_path; }
   [[nodiscard]] const FileIdentity& identity() const noexcept { return m_identity; }
-  // False when the files could be opened for reading only.
+  // False when data.mdb is open for reading only.
   [[nodiscard]] bool isWritable() const noexcept { return m_writable; }
   // True in a forked child of the process that opened it: the child must not use it, nor any
   // transaction of it, and must not end them either, because they are the parent's.

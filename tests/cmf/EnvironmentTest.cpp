@@ -166,15 +166,15 @@ TEST_F(EnvironmentTest, AnUnknownFormatVersionIsRefusedByReadersAndWriters) {
 }
 
 TEST_F(EnvironmentTest, AnEnvironmentOfAnotherProgramIsRefusedByReadersAndWriters) {
+  const auto read = [] {
+    static_cast<void>(RefApsGwServerCache::instance(false)->find("example.com"));
+  };
   std::filesystem::create_directory(path());
   putRaw(path(), "a colour", "is green");
-  const RefApsGwServerCache cache = RefApsGwServerCache::instance(false);
-  EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }),
-              HasSubstr("nothing was stored yet"));
+  EXPECT_THAT(failureOf(read), HasSubstr("nothing was stored yet"));
   EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("no configuration"));
   putRaw(path(), text(Key(0, 0)), "sixteen letters!");
-  EXPECT_THAT(failureOf([&] { static_cast<void>(cache->find("example.com")); }),
-              HasSubstr("no configuration"));
+  EXPECT_THAT(failureOf(read), HasSubstr("no configuration"));
   EXPECT_THAT(failureOf([] { const Writer writer; }), HasSubstr("no configuration"));
 }
 
@@ -217,9 +217,9 @@ TEST_F(EnvironmentTest, AForkedChildReadsAndWritesThroughItsOwnEnvironment) {
               EXPECT_EQ(usersOf(id).size(), 1000U);
               const UserQuery own(id);
               EXPECT_THAT(readers(path()), Contains(::getpid()));
-              addDomain("child.example", {"bob"});
             }),
             0);
+  EXPECT_EQ(inChild([] { addDomain("child.example", {"bob"}); }), 0);
   EXPECT_FALSE(cache->find("child.example").isNull());
   EXPECT_THAT(readers(path()), Contains(::getpid()));
 }

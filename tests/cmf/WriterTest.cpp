@@ -290,10 +290,13 @@ TEST_F(WriterTest, AWriterThatIsKilledLeavesTheStateBeforeItAndTheNextGoesOn) {
   EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
   child.kill();
   EXPECT_THAT(usersOf("example.com"), ElementsAre("bob"));
-  Writer writer;
-  EXPECT_TRUE(writer.addDomain("lost.example").added);
-  writer.addUser("example.com", "ann", MailUserMailbox);
-  writer.commit();
+  EXPECT_EQ(inChild([] {
+              Writer writer;
+              EXPECT_TRUE(writer.addDomain("lost.example").added);
+              writer.addUser("example.com", "ann", MailUserMailbox);
+              writer.commit();
+            }),
+            0);
   EXPECT_THAT(usersOf("example.com"), ElementsAre("ann", "bob"));
   EXPECT_FALSE(cache->find("lost.example").isNull());
 }
