@@ -6,14 +6,14 @@
 #include <string_view>
 
 #include "fuzz/Fuzz.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 using Tessel::Fuzz::asText;
 using Tessel::Fuzz::hasControls;
 using Tessel::Fuzz::require;
-using Tessel::Serve::addressKey;
-using Tessel::Serve::domainKey;
-using Tessel::Serve::splitAddress;
+using Tessel::Tool::addressKey;
+using Tessel::Tool::domainKey;
+using Tessel::Tool::splitAddress;
 
 namespace {
 

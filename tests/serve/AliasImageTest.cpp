@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -23,7 +23,7 @@ using testing::IsEmpty;
 
 std::string s_key(const std::string& address) {
   std::string key;
-  EXPECT_TRUE(addressKey(address, key)) << address;
+  EXPECT_TRUE(Tool::addressKey(address, key)) << address;
   return key;
 }
 

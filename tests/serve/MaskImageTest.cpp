@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -19,13 +19,13 @@ const std::optional<std::string> s_none;
 
 std::optional<std::string> s_public(const MaskImage& image, const std::string& address) {
   std::string key;
-  EXPECT_TRUE(addressKey(address, key)) << address;
+  EXPECT_TRUE(Tool::addressKey(address, key)) << address;
   return image.find(Direction::ToPublic, key);
 }
 
 std::optional<std::string> s_private(const MaskImage& image, const std::string& address) {
   std::string key;
-  EXPECT_TRUE(addressKey(address, key)) << address;
+  EXPECT_TRUE(Tool::addressKey(address, key)) << address;
   return image.find(Direction::ToPrivate, key);
 }
 

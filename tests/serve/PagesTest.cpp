@@ -14,7 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 namespace Tessel::Serve {
 namespace {
@@ -103,11 +103,11 @@ TEST(Pages, PagesHaveRoomForAnExtensionOfEachAddress) {
 TEST(Pages, TheAddressOfAPageIsOneOfTheAliasesDomain) {
   Pages pages({2, 1000, 0}, s_budget);
   std::string key;
-  ASSERT_TRUE(addressKey("list@B\u00fccher.example", key));
+  ASSERT_TRUE(Tool::addressKey("list@B\u00fccher.example", key));
   for (const std::string& name : s_divide(pages, key, s_list(4))) {
     EXPECT_THAT(name, testing::MatchesRegex("tslpage[0-9a-f]{24}x[01]@xn--bcher-kva\\.example"));
     std::string pageKey;
-    EXPECT_TRUE(addressKey(name, pageKey));
+    EXPECT_TRUE(Tool::addressKey(name, pageKey));
     EXPECT_EQ(pageKey, name);
     EXPECT_TRUE(Pages::isPage(pageKey));
   }

@@ -7,7 +7,7 @@
 #include "address/EmailAddressGrammar.h"
 #include "base/Exception.h"
 #include "base/stringCompareNoCase.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 namespace Tessel::Serve {
 
@@ -78,7 +78,7 @@ std::size_t s_endOfFirst(std::string_view list) {
 ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters) {
   std::string_view local;
   std::string_view domain;
-  if (!splitAddress(text, local, domain)) return {std::string(text), ""};
+  if (!Tool::splitAddress(text, local, domain)) return {std::string(text), ""};
   const std::size_t start = s_start(local, delimiters);
   if (start == std::string_view::npos) return {std::string(text), ""};
   return {std::string(local.substr(0, start)).append("@").append(domain),

@@ -9,7 +9,7 @@
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
 #include "serve/answer/AliasAnswer.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 #include "tables/TableNames.h"
 #include "tables/WriteRule.h"
 
@@ -204,12 +204,12 @@ std::optional<Answer> Lookup::answer(const Route& route, std::string_view key,
 std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view text,
                                           Clock::time_point now) {
   std::string key;
-  if (!addressKey(text, key)) return Answer::noAddress();
+  if (!Tool::addressKey(text, key)) return Answer::noAddress();
   if (Pages::isPage(key)) return page(route, key, now);
   std::optional<Answer> answer = expansion(route, key, now);
   if (!answer || answer->result != Result::NotFound) return answer;
   const ExtendedAddress cutAddress = cut(text);
-  if (cutAddress.extension.empty() || !addressKey(cutAddress.base, key)) return answer;
+  if (cutAddress.extension.empty() || !Tool::addressKey(cutAddress.base, key)) return answer;
   answer = Pages::isPage(key) ? page(route, key, now) : expansion(route, key, now);
   if (!answer) return answer;
   Answer tagged = extended(std::move(*answer), kept(cutAddress));
@@ -292,7 +292,7 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
                                                       : MaskImage::Direction::ToPrivate;
   const char* const broken = "the row of this address cannot be read";
   std::string key;
-  if (!addressKey(text, key)) return Answer::noAddress();
+  if (!Tool::addressKey(text, key)) return Answer::noAddress();
   if (auto found = image.find(direction, key)) {
     if (!Tool::hasCommaInLiteral(*found)) return Answer::ok(std::move(*found));
     return Answer::temp("an address literal in this row has a comma");
@@ -301,7 +301,7 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   // Before the wildcard rows: an address with a mask of its own must not be shown without it.
   const ExtendedAddress address = cut(text);
   std::string base;
-  if (!address.extension.empty() && addressKey(address.base, base)) {
+  if (!address.extension.empty() && Tool::addressKey(address.base, base)) {
     if (const auto found = image.find(direction, base)) {
       Answer answer = Answer::ok(withExtension(*found, kept(address), m_settings.delimiter));
       answer.validity = Validity::Once;
@@ -325,19 +325,19 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
 
 Answer Lookup::mailboxAnswer(std::string_view text, Clock::time_point now) {
   std::string key;
-  if (!addressKey(text, key)) return Answer::noAddress();
+  if (!Tool::addressKey(text, key)) return Answer::noAddress();
   const ConfigurationPointer configuration = this->configuration(now);
   if (configuration == nullptr) return Answer::temp(s_noConfiguration);
   if (configuration->hasUser(text) || configuration->hasUser(key)) return Answer::ok(key);
   const ExtendedAddress address = cut(text);
-  if (address.extension.empty() || !addressKey(address.base, key)) return Answer::notFound();
+  if (address.extension.empty() || !Tool::addressKey(address.base, key)) return Answer::notFound();
   const bool isUser = configuration->hasUser(address.base) || configuration->hasUser(key);
   return isUser ? Answer::ok(key) : Answer::notFound();
 }
 
 Answer Lookup::domainAnswer(std::string_view text, Clock::time_point now) {
   std::string key;
-  if (!domainKey(text, key)) return Answer::notFound();
+  if (!Tool::domainKey(text, key)) return Answer::notFound();
   const ConfigurationPointer configuration = this->configuration(now);
   if (configuration == nullptr) return Answer::temp(s_noConfiguration);
   const bool isServed = configuration->hasDomain(text) || configuration->hasDomain(key);

@@ -9,7 +9,7 @@
 #include "alias/AddressAliasDbMySQL.h"
 #include "alias/AliasExpander.h"
 #include "base/stringCompareNoCase.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
 #include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
@@ -62,7 +62,7 @@ class AliasImage::Reader {
     const Tool::RowFault fault = m_reader.read(name, members);
     // Not all of the text may belong to the address: blanks around it do not.
     const std::string_view address = m_reader.key().empty() ? name : m_reader.key();
-    const bool canBeAsked = addressKey(address, m_key);
+    const bool canBeAsked = Tool::addressKey(address, m_key);
     if (!canBeAsked) m_key.clear();
     if (fault != Tool::RowFault::None) {
       m_image.m_brokenRows.add(name, members, m_reader.why(), m_key);
@@ -133,7 +133,7 @@ bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
   if (!m_brokenRows.hasKeys()) return false;
   std::string key;
   return std::any_of(reached.begin(), reached.end(), [&](const EmailAddress& address) {
-    return addressKey(address.address(), key) && m_brokenRows.hasKey(key) &&
+    return Tool::addressKey(address.address(), key) && m_brokenRows.hasKey(key) &&
            m_keys.find(key) == AddressIndex::s_none;
   });
 }
@@ -172,7 +172,7 @@ std::set<EmailAddress> AliasImage::members(RowStore::Id id) const {
 
 RowStore::Id AliasImage::rowOf(const EmailAddress& address) const {
   std::string key;
-  return addressKey(address.address(), key) ? m_keys.find(key) : AddressIndex::s_none;
+  return Tool::addressKey(address.address(), key) ? m_keys.find(key) : AddressIndex::s_none;
 }
 
 }  // namespace Tessel::Serve

@@ -48,7 +48,7 @@ class AliasImage {
   AliasImage(const AliasImage&) = delete;
   AliasImage& operator=(const AliasImage&) = delete;
 
-  // What the address with `key` expands to; `key` is as addressKey() gives it.
+  // What the address with `key` expands to; `key` is as Tool::addressKey() gives it.
   // `listUsers` knows the mail users; without it an alias for all users is `NoUsers`.
   [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any,
                                  const ListUsers& listUsers = {}) const;

@@ -2,7 +2,7 @@
 #include "serve/image/MaskImage.h"
 
 #include "address/EmailAddress.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
 #include "tables/RowReader.h"
 
@@ -43,7 +43,7 @@ class MaskImage::Reader {
   void finish() {
     std::string key;
     for (const auto& [privateDomain, publicDomain] : m_domains) {
-      if (domainKey(publicDomain, key)) m_image.m_toPrivate.emplace(key, privateDomain);
+      if (Tool::domainKey(publicDomain, key)) m_image.m_toPrivate.emplace(key, privateDomain);
     }
     m_image.m_rows.shrink();
   }
@@ -53,7 +53,7 @@ class MaskImage::Reader {
   struct Side {
     // `parsed` is empty where `text` is no address: somebody may still ask for it.
     Side(std::string_view text, std::string_view parsed) : address(parsed) {
-      if (!addressKey(parsed.empty() ? text : parsed, key)) key.clear();
+      if (!Tool::addressKey(parsed.empty() ? text : parsed, key)) key.clear();
     }
 
     std::string_view address;
@@ -63,7 +63,7 @@ class MaskImage::Reader {
   void addWildCard(const std::string& privateDomain, const std::string& publicDomain) {
     m_domains[privateDomain] = publicDomain;
     std::string key;
-    if (domainKey(privateDomain, key)) m_image.m_toPublic[key] = publicDomain;
+    if (Tool::domainKey(privateDomain, key)) m_image.m_toPublic[key] = publicDomain;
   }
 
   static void add(Index& index, const std::string& key, RowStore::Id row) {

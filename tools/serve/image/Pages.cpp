@@ -13,7 +13,7 @@
 
 #include "address/EmailAddressGrammar.h"
 #include "base/bytes.h"
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 namespace Tessel::Serve {
 
@@ -182,7 +182,7 @@ Pages::Set Pages::make(const std::string& token, std::uint64_t table, const std:
   Addresses others;
   std::string addressOf;
   for (const std::string& address : addresses) {
-    const bool isItself = addressKey(address, addressOf) && addressOf == key;
+    const bool isItself = Tool::addressKey(address, addressOf) && addressOf == key;
     if (!isItself) others.push_back(address);
     // One spelling of it is enough, and leaves room for another page.
     if (isItself && itself.empty()) itself.push_back(address);

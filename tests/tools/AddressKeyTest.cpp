@@ -1,5 +1,5 @@
 // Keys of addresses: what is equal for every mail server, what differs, and what is not an address.
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <unicode/unistr.h>
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 namespace {
 
 // The key, or nothing.
@@ -252,4 +252,4 @@ TEST(AddressKey, ThreadsMakeKeysAtTheSameTime) {
 }
 
 }  // namespace
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool

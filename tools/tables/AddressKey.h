@@ -1,12 +1,12 @@
 // The form of an address under which the rows of a table and the requests of mail servers find each
 // other, however each of them spells it.
-#ifndef TSL_TOOLS_SERVE_IMAGE_ADDRESSKEY_H
-#define TSL_TOOLS_SERVE_IMAGE_ADDRESSKEY_H
+#ifndef TSL_TOOLS_TABLES_ADDRESSKEY_H
+#define TSL_TOOLS_TABLES_ADDRESSKEY_H
 
 #include <string>
 #include <string_view>
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 
 // All of these may be called by any thread. `key` must not share memory with `text`. A text without
 // a key is never found: no row has a key that it could ask for. Each throws when there is no
@@ -37,6 +37,6 @@ bool domainKey(std::string_view text, std::string& key);
 // are unspecified then.
 bool splitAddress(std::string_view text, std::string_view& local, std::string_view& domain);
 
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool
 
 #endif

@@ -1,6 +1,6 @@
 // The keys of addresses. Plain ASCII, which nearly all addresses are, takes a fast path in one
 // pass; ICU handles everything beyond ASCII.
-#include "serve/image/AddressKey.h"
+#include "tables/AddressKey.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +19,7 @@
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 
 namespace {
 
@@ -248,4 +248,4 @@ bool domainKey(std::string_view text, std::string& key) {
   return s_appendDomainKey(text, key);
 }
 
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool
