@@ -328,11 +328,10 @@ Answer Lookup::mailboxAnswer(std::string_view text, Clock::time_point now) {
   if (!Tool::addressKey(text, key)) return Answer::noAddress();
   const ConfigurationPointer configuration = this->configuration(now);
   if (configuration == nullptr) return Answer::temp(s_noConfiguration);
-  if (configuration->hasUser(text) || configuration->hasUser(key)) return Answer::ok(key);
+  if (configuration->hasUser(key)) return Answer::ok(key);
   const ExtendedAddress address = cut(text);
   if (address.extension.empty() || !Tool::addressKey(address.base, key)) return Answer::notFound();
-  const bool isUser = configuration->hasUser(address.base) || configuration->hasUser(key);
-  return isUser ? Answer::ok(key) : Answer::notFound();
+  return configuration->hasUser(key) ? Answer::ok(key) : Answer::notFound();
 }
 
 Answer Lookup::domainAnswer(std::string_view text, Clock::time_point now) {
@@ -340,8 +339,7 @@ Answer Lookup::domainAnswer(std::string_view text, Clock::time_point now) {
   if (!Tool::domainKey(text, key)) return Answer::notFound();
   const ConfigurationPointer configuration = this->configuration(now);
   if (configuration == nullptr) return Answer::temp(s_noConfiguration);
-  const bool isServed = configuration->hasDomain(text) || configuration->hasDomain(key);
-  return isServed ? Answer::ok(key) : Answer::notFound();
+  return configuration->hasDomain(key) ? Answer::ok(key) : Answer::notFound();
 }
 
 // The domains and mail users; null when they are not known well enough.

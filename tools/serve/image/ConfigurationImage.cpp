@@ -4,12 +4,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/stringCompareNoCase.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/MailUser.h"
 #include "cmf/StateMark.h"
 #include "cmf/TableQuery.h"
 #include "cmf/cmf_query.h"
 #include "serve/image/Table.h"
+#include "tables/AddressKey.h"
 
 namespace Tessel::Serve {
 
@@ -46,7 +48,7 @@ void s_append(std::string& copy, char kind, std::string_view name) {
   copy.append(1, kind).append(name).append(1, '\0');
 }
 
-// The local part of `address`.
+// The local part of `address`, which ends in "@" and `domain`.
 std::string_view s_name(std::string_view address, std::string_view domain) {
   return address.substr(0, address.size() - domain.size() - 1);
 }
@@ -76,45 +78,93 @@ std::string copyConfiguration(const std::function<void()>& isAlive) {
   return copy;
 }
 
-ConfigurationImage::ConfigurationImage(std::string_view copy) {
-  std::string_view domain;
-  std::string address;
-  while (!copy.empty()) {
-    const std::size_t end = copy.find('\0');
-    if (end == std::string_view::npos || end < 2) s_failMalformed();
-    const char kind = copy.front();
-    const std::string_view name = copy.substr(1, end - 1);
-    copy.remove_prefix(end + 1);
-    if (kind == s_domain) {
-      if (!m_domains.add(name).isNew) s_failMalformed();
-      m_firstUsers.push_back(m_users.size());
-      domain = name;
-      continue;
+// Puts the domains and users of a copy into the image.
+class ConfigurationImage::Reader {
+ public:
+  // `image` must outlive the reader.
+  explicit Reader(ConfigurationImage& image) : m_image(image) {}
+
+  void read(std::string_view copy) {
+    std::vector<Entry>* users = nullptr;
+    while (!copy.empty()) {
+      const std::size_t end = copy.find('\0');
+      if (end == std::string_view::npos || end < 2) s_failMalformed();
+      const Entry entry{copy.front(), copy.substr(1, end - 1)};
+      copy.remove_prefix(end + 1);
+      if (entry.kind == s_domain) {
+        users = usersOf(entry.name);
+        continue;
+      }
+      const bool isUser =
+          entry.kind == s_mailbox || entry.kind == s_other || entry.kind == s_disabled;
+      if (!isUser || users == nullptr) s_failMalformed();
+      users->push_back(entry);
     }
-    const bool isUser = kind == s_mailbox || kind == s_other || kind == s_disabled;
-    if (!isUser || domain.empty()) s_failMalformed();
-    address.assign(name).append("@").append(domain);
-    if (!m_users.add(address).isNew) s_failMalformed();
-    m_kinds.push_back(kind);
+    for (AddressIndex::Id domain = 0; domain < m_users.size(); ++domain) {
+      m_image.m_firstUsers.push_back(m_image.m_users.size());
+      for (const Entry& user : m_users[domain]) add(user, m_image.m_domains.text(domain));
+    }
   }
+
+ private:
+  struct Entry {
+    char kind;
+    std::string_view name;
+  };
+
+  // Where the users of the domain `name` are collected: those of all its spellings.
+  std::vector<Entry>* usersOf(std::string_view name) {
+    if (!Tool::domainKey(name, m_key)) return &m_unknown;
+    const AddressIndex::Added domain = m_image.m_domains.add(m_key);
+    if (domain.isNew) m_users.emplace_back();
+    return &m_users[domain.id];
+  }
+
+  void add(const Entry& user, std::string_view domain) {
+    m_address.assign(user.name).append("@").append(domain);
+    if (!Tool::addressKey(m_address, m_key)) return;
+    // Most keys differ from their addresses in ASCII letter case at most, which is no difference to
+    // the index. It keeps the spelling of the name then.
+    const bool isPlain = stringCompareNoCase(m_address, m_key, 0);
+    const AddressIndex::Added added = m_image.m_users.add(isPlain ? m_address : m_key);
+    if (added.isNew) {
+      m_image.m_kinds.push_back(user.kind);
+    } else if (m_image.m_kinds[added.id] == s_disabled) {
+      m_image.m_kinds[added.id] = user.kind;
+    }
+    if (!isPlain) m_image.m_names.emplace(added.id, user.name);
+  }
+
+  ConfigurationImage& m_image;
+  std::vector<std::vector<Entry>> m_users;  // By the number of the domain.
+  std::vector<Entry> m_unknown;             // Of domains that nobody can ask for.
+  std::string m_address;
+  std::string m_key;
+};
+
+ConfigurationImage::ConfigurationImage(std::string_view copy) {
+  Reader(*this).read(copy);
 }
 
-bool ConfigurationImage::hasUser(std::string_view address) const {
-  const Id user = m_users.find(address);
+bool ConfigurationImage::hasUser(std::string_view key) const {
+  const Id user = m_users.find(key);
   return user != AddressIndex::s_none && m_kinds[user] != s_disabled;
 }
 
-bool ConfigurationImage::hasDomain(std::string_view domain) const {
-  return m_domains.find(domain) != AddressIndex::s_none;
+bool ConfigurationImage::hasDomain(std::string_view key) const {
+  return m_domains.find(key) != AddressIndex::s_none;
 }
 
 bool ConfigurationImage::listUsers(std::string_view domain, const TakeUser& take) const {
-  const Id number = m_domains.find(domain);
+  std::string key;
+  const Id number = Tool::domainKey(domain, key) ? m_domains.find(key) : AddressIndex::s_none;
   if (number == AddressIndex::s_none) return false;
   const bool isLast = number + 1 == m_domains.size();
   const Id end = isLast ? m_users.size() : m_firstUsers[number + 1];
   for (Id user = m_firstUsers[number]; user < end; ++user) {
-    if (m_kinds[user] == s_mailbox) take(s_name(m_users.text(user), domain));
+    if (m_kinds[user] != s_mailbox) continue;
+    const auto name = m_names.find(user);
+    take(name != m_names.end() ? name->second : s_name(m_users.text(user), key));
   }
   return true;
 }

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "base/Guarded.h"
@@ -25,23 +26,24 @@ namespace Tessel::Serve {
 // in it. A damaged file may end the process. Any thread.
 std::string copyConfiguration(const std::function<void()>& isAlive = {});
 
-// Calls `take` with the name of each user mailbox of a domain, in ascending order; false when the
+// Calls `take` with the name of each user mailbox of a domain, each address once; false when the
 // domain is not known.
 using TakeUser = std::function<void(std::string_view name)>;
 using ListUsers = std::function<bool(const std::string& domain, const TakeUser& take)>;
 
-// It never changes. A user costs the length of the address and some 25 bytes. Any thread may call
-// any operation.
+// It never changes. Domains and users are found by their keys (see AddressKey.h), so the spellings
+// of a domain are one domain, which has the users of all of them. A user costs the length of the
+// address and some 25 bytes. Any thread may call any operation.
 class ConfigurationImage {
  public:
   // Reads what copyConfiguration() gave. Throws std::runtime_error when it is malformed.
   explicit ConfigurationImage(std::string_view copy);
 
-  // True when `address`, in any ASCII letter case, is a mail user that is not disabled.
-  [[nodiscard]] bool hasUser(std::string_view address) const;
-  // True when `domain`, in any ASCII letter case, is one of the configuration.
-  [[nodiscard]] bool hasDomain(std::string_view domain) const;
-  // As `ListUsers` says.
+  // True when the address with `key` is a mail user that is not disabled.
+  [[nodiscard]] bool hasUser(std::string_view key) const;
+  // True when the domain with `key` is one of the configuration.
+  [[nodiscard]] bool hasDomain(std::string_view key) const;
+  // As `ListUsers` says; `domain` may have any spelling.
   bool listUsers(std::string_view domain, const TakeUser& take) const;
 
   [[nodiscard]] std::size_t users() const noexcept { return m_users.size(); }
@@ -49,11 +51,13 @@ class ConfigurationImage {
 
  private:
   using Id = Tool::AddressIndex::Id;
+  class Reader;
 
-  Tool::AddressIndex m_domains;
+  Tool::AddressIndex m_domains;  // Their keys.
   std::vector<Id> m_firstUsers;  // By the number of the domain; its users follow each other.
-  Tool::AddressIndex m_users;    // Whole addresses.
+  Tool::AddressIndex m_users;    // Addresses, equal to their keys but for ASCII letter case.
   std::string m_kinds;           // By the number of the user: the letters of the copy.
+  std::unordered_map<Id, std::string> m_names;  // Of users whose key has another name.
 };
 
 using ConfigurationPointer = std::shared_ptr<const ConfigurationImage>;
