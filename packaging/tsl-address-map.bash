@@ -9,7 +9,7 @@ _tsl_address_map_commands() {
     alias) echo add drop expand export import list remove set show tree who ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
-    domain) echo add list remove ;;
+    domain) echo add list merge remove ;;
     user) echo add import list remove ;;
     local) echo shell start status stop ;;
   esac
@@ -21,7 +21,7 @@ _tsl_address_map_options() {
     init) echo --dry-run --force ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
-    "alias remove" | "domain add" | "domain remove" | "user remove") echo --dry-run ;;
+    "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export") echo --domain --format ;;

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include "check/DomainCheck.h"
+#include "cmf/Writer.h"
+#include "tests/support/ScratchFile.h"
+
 namespace Tessel::Tool {
 namespace {
 
@@ -45,6 +49,25 @@ TEST(Findings, HaveNullsInJsonForWhatIsUnknown) {
      "command": "run this", "addresses": ["a@d", "b@d"]},
     {"severity": "notice", "finding": "kind", "table": null, "address": null, "what": "what",
      "command": null, "addresses": []}])"));
+}
+
+TEST(DomainCheck, NamesDomainsInSeveralSpellings) {
+  const Testing::ScratchFile scratch;
+  ::setenv("TSL_CMF_PATH", scratch.directory().c_str(), 1);
+  CMF::Writer writer;
+  for (const char* domain : {"d.example", "b\u00fcro.example", "xn--bro-hoa.example"}) {
+    writer.addDomain(domain);
+  }
+  writer.commit();
+  const std::string got =
+      s_written(false, [](Findings& findings) { checkDomains(MailUsers(), findings); });
+  ::unsetenv("TSL_CMF_PATH");
+  EXPECT_EQ(
+      got,
+      "error\tdomain-spellings\t\tb\u00fcro.example\tis stored in 2 spellings, each with users of"
+      " its own: a program that compares letter by letter finds those of one only\t"
+      "tsl-address-map domain merge 'b\u00fcro.example'\n"
+      "tsl-address-map: 1 error, 0 warnings, 0 notices\n");
 }
 
 TEST(Findings, OnlyErrorsAndWarningsCountForTheExitStatus) {

@@ -126,6 +126,21 @@ finds() {
   equal "$(cut -f1-3 <<<"$output" | sort | uniq -c | sed 's/^ *//')" $'1 error\tdouble-row\talias\n2 error\tdouble-row\tmask'
 }
 
+@test "rows of one address in several spellings" {
+  rows ann@büro.example:x@x.example ann@xn--bro-hoa.example:y@x.example '"bob"@x.example:x@x.example' bob@x.example:y@x.example
+  masks ann@büro.example:a@out.example ann@xn--bro-hoa.example:b@out.example c@in.example:d@büro.example d@in.example:d@xn--bro-hoa.example
+  run -65 --separate-stderr tool check
+  equal "$(cut -f1-4 <<<"$output" | sort)" $'error\tdouble-row\talias\tann@xn--bro-hoa.example\nerror\tdouble-row\talias\tbob@x.example\nerror\tdouble-row\tmask\tann@xn--bro-hoa.example\nerror\tdouble-row\tmask\td@in.example'
+}
+
+@test "all users of a domain that the configuration has in another spelling" {
+  tool domain add büro.example
+  tool user add ann@büro.example
+  rows all@büro.example:allusers_büro.example
+  finds 65 $'error\tmarker-spelling\talias\tall@büro.example'
+  contains "$output" "which the configuration has as xn--bro-hoa.example"
+}
+
 @test "wildcard rows in each other's way, chains, and rows that differ from their wildcard" {
   masks '*@b.example:1*@out.example' '*@a.example:2*@out.example' x@a.example:x@elsewhere.example \
     one@in.example:two@in.example two@in.example:three@out.example

@@ -266,6 +266,21 @@ top@users.example -> all@users.example -> allusers_users.example -> ann@users.ex
   tool domain remove users.example
 }
 
+@test "who: in any spelling" {
+  rows team@x.example:ann@büro.example,x@x.example boss@xn--bro-hoa.example:team@x.example up@x.example:BOSS@BÜRO.example
+  for address in ann@xn--bro-hoa.example ANN@BÜRO.example; do
+    run -0 --separate-stderr tool alias who "$address"
+    equal "$output" "team@x.example -> $address
+boss@xn--bro-hoa.example -> team@x.example -> $address
+up@x.example -> boss@xn--bro-hoa.example -> team@x.example -> $address"
+  done
+  tool domain add büro.example
+  tool user add cid@büro.example
+  rows all@xn--bro-hoa.example:allusers_xn--bro-hoa.example
+  run -0 tool alias who cid@büro.example
+  equal "$output" "all@xn--bro-hoa.example -> allusers_xn--bro-hoa.example -> cid@büro.example"
+}
+
 @test "who: broken rows are named, the others searched" {
   rows team@x.example:bob@x.example 'bad@x.example:a@@b'
   run -65 --separate-stderr tool alias who bob@x.example

@@ -152,18 +152,32 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
 }
 
 @test "what only the server takes for one row is refused and named" {
-  tool alias set $'jos\xc3\xa9@example.com' a@example.com
-  printf 'a@example.com:b@example.com\njose\xcc\x81@example.com:b@example.com\nz@example.com:b@example.com\n' >in.txt
+  tool alias set ａnn@example.com a@example.com
+  printf 'a@example.com:b@example.com\nann@example.com:b@example.com\nz@example.com:b@example.com\n' >in.txt
   run -65 --separate-stderr tool alias import in.txt
   equal "$output" ""
-  contains "$stderr" $'in.txt:2: \'jose\xcc\x81@example.com:b@example.com\': the server takes it for \'jos\xc3\xa9@example.com:a@example.com\' of table alias'
-  equal "$(aliases)" $'jos\xc3\xa9@example.com\ta@example.com'
+  contains "$stderr" "in.txt:2: 'ann@example.com:b@example.com': the server takes it for 'ａnn@example.com:a@example.com' of table alias"
+  equal "$(aliases)" $'ａnn@example.com\ta@example.com'
   run -0 tool alias import in.txt --replace
   equal "$output" "3 added, 0 changed, 0 left, 1 removed"
-  tool mask set a@inner.example $'\xc3\xa9@example.com'
-  run -65 --separate-stderr tool mask import - <<<$'b@inner.example:\xc3\x89@example.com'
-  contains "$stderr" $'\'a@inner.example:\xc3\xa9@example.com\''
+  tool mask set a@inner.example ａnn@example.com
+  run -65 --separate-stderr tool mask import - <<<'b@inner.example:ANN@example.com'
+  contains "$stderr" "'a@inner.example:ａnn@example.com'"
   equal "$(sql 'select count(*) from mask')" 1
+}
+
+@test "a row in another spelling is the row of the address, and gets the spelling of the file" {
+  tool alias set user@büro.example a@example.com
+  printf 'user@xn--bro-hoa.example:b@example.com\n' >in.txt
+  run -0 tool alias import in.txt
+  equal "$output" "0 added, 1 changed, 0 left, 0 removed"
+  equal "$(aliases)" $'user@xn--bro-hoa.example\tb@example.com'
+  printf 'jose\xcc\x81@example.com:b@example.com\njos\xc3\xa9@example.com:c@example.com\n' >in.txt
+  run -65 --separate-stderr tool alias import in.txt
+  contains "$stderr" $'in.txt:2: the alias jos\xc3\xa9@example.com is in line 1 already, spelled jose\xcc\x81@example.com'
+  tool mask set a@inner.example ann@büro.example
+  run -65 --separate-stderr tool mask import - <<<'b@inner.example:ann@xn--bro-hoa.example'
+  contains "$stderr" "has the public address of the row 'a@inner.example:ann@büro.example'"
 }
 
 @test "bad lines are all reported, and nothing is written" {

@@ -59,6 +59,35 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   equal "$output" '{"address":"room@example.com","removed":true}'
 }
 
+@test "all spellings of a domain and of a user are one" {
+  run -0 --separate-stderr cmf domain add büro.example
+  equal "$output" 1
+  equal "$stderr" "tsl-address-map: domain büro.example is stored as xn--bro-hoa.example"
+  run -0 --separate-stderr cmf domain add BÜRO.example
+  equal "$output" 1
+  equal "$stderr" "tsl-address-map: domain BÜRO.example exists already, as xn--bro-hoa.example"
+  run -0 cmf domain list
+  equal "$output" $'xn--bro-hoa.example\t1'
+  cmf user add jürgen@büro.example
+  run -0 cmf user add $'JU\xcc\x88RGEN@xn--bro-hoa.example' --kind disabled --json
+  equal "$output" '{"address":"jürgen@xn--bro-hoa.example","kind":"disabled","result":"changed"}'
+  run -0 cmf user import - <<<'JÜRGEN@BÜRO.example'
+  equal "$output" "0 added, 1 changed, 0 unchanged"
+  run -0 cmf user list BÜRO.example
+  equal "$output" $'jürgen@xn--bro-hoa.example\tuser'
+  run -0 --separate-stderr cmf domain merge büro.example
+  equal "$output" "~ xn--bro-hoa.example: 1 users"
+  run -0 --separate-stderr cmf domain merge büro.example --json --dry-run
+  equal "$output" '{"domain":"xn--bro-hoa.example","merged":[],"users":1,"dryRun":true}'
+  run -1 cmf domain merge other.example
+  run -0 cmf user remove JÜRGEN@büro.example --json
+  equal "$output" '{"address":"jürgen@xn--bro-hoa.example","removed":true}'
+  run -0 cmf domain remove büro.example --json
+  equal "$output" '{"domain":"xn--bro-hoa.example","removed":true}'
+  run -0 cmf domain list
+  equal "$output" ""
+}
+
 @test "users of a domain that is not there" {
   cmf domain add example.com
   run -1 --separate-stderr cmf user add bob@example.net

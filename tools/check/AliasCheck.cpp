@@ -78,7 +78,7 @@ class RowCheck : public AliasVisitor {
   std::size_t m_widest;
   MailUsers& m_users;
   Findings& m_findings;
-  AddressIndex m_reported;
+  SpellingIndex m_reported;
 };
 
 // Finds what only the whole table shows.
@@ -178,10 +178,23 @@ class GraphCheck {
     if (!mailboxes) {
       add(Severity::Error, "marker-unknown-domain", alias,
           "means all users of " + domain + ", which the configuration does not know");
+    } else if (!hasSpelling(domain)) {
+      add(Severity::Error, "marker-spelling", alias,
+          "means all users of " + domain + ", which the configuration has as " +
+              m_users.spellingsOf(domain).front().name +
+              ": the library does not find it, and takes the marker for an address");
     } else if (*mailboxes == 0) {
       add(Severity::Error, "expands-to-nothing", alias,
           "means all users of " + domain + ", which has no user mailbox");
     }
+  }
+
+  // True when the configuration has `domain` in this spelling, which is what the library looks for.
+  [[nodiscard]] bool hasSpelling(const std::string& domain) const {
+    const std::vector<StoredDomain> spellings = m_users.spellingsOf(domain);
+    return std::any_of(spellings.begin(), spellings.end(), [&](const StoredDomain& one) {
+      return stringCompareNoCase(one.name, domain, 0);
+    });
   }
 
   // False when what is wrong comes from one of the members, which is reported then.

@@ -8,9 +8,9 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "tables/AddressIndex.h"
 #include "tables/AliasGraph.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingIndex.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
@@ -122,8 +122,8 @@ class MaskCheck {
   Findings& m_findings;
   std::uint64_t m_rows = 0;
   RowReader m_reader{TableKind::Mask};
-  AddressIndex m_private;
-  AddressIndex m_public;
+  SpellingIndex m_private;
+  SpellingIndex m_public;
   std::vector<Pair> m_pairs;                       // Without wildcard rows.
   std::map<std::string, std::string> m_wildcards;  // Domains, byte by byte.
 };

@@ -9,6 +9,7 @@
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/RowReport.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasCycles.h"
 #include "tables/AliasGraph.h"
 #include "tables/MailUsers.h"
@@ -26,11 +27,12 @@ using Id = AliasGraph::Id;
 // square of its length.
 constexpr std::uint32_t s_farthest = 1000;
 
-// The broken rows of the table, and which of the others have a text among their members.
+// The broken rows of the table, and which of the others have an address among their members, in any
+// spelling.
 class Holders : public AliasVisitor {
  public:
-  Holders(std::string member, std::string table)
-      : m_member(std::move(member)), m_table(std::move(table)) {}
+  Holders(std::string_view member, std::string table)
+      : m_key(comparisonKey(member)), m_table(std::move(table)) {}
 
   void broken(std::string_view name, RowFault fault, const std::string& why) override {
     AliasRow row;
@@ -44,16 +46,14 @@ class Holders : public AliasVisitor {
   }
 
   void member(Id alias, std::string_view member, bool /*isAlias*/) override {
-    if (member.size() == m_member.size() && stringCompareNoCase(member, m_member, 0)) {
-      m_holders.push_back(alias);
-    }
+    if (comparisonKey(member) == m_key) m_holders.push_back(alias);
   }
 
   [[nodiscard]] const std::vector<Id>& holders() const { return m_holders; }
   [[nodiscard]] bool isBroken() const { return m_isBroken; }
 
  private:
-  std::string m_member;
+  std::string m_key;
   std::string m_table;
   std::vector<Id> m_holders;
   bool m_isBroken = false;
@@ -113,13 +113,11 @@ class Paths {
   std::vector<Step> m_steps;  // By the alias.
 };
 
-// Writes the paths of the aliases that mean all users of the domain of `address`, but not of those
-// that have one of `direct`. False when there is no such alias.
-bool s_writeAllUsers(const AliasGraph& graph, const EmailAddress& address, const Paths& direct,
-                     ItemList& list) {
-  const std::string domain = address.domain();
-  const AddressIndex::Id marker = graph.markers().find("allusers_" + domain);
-  if (marker == AddressIndex::s_none) return false;
+// Writes the paths of the aliases that mean all users of the domain of `address` by the marker
+// `marker`, but not of those that have one of `direct`. False when there is no such alias.
+bool s_writeAllUsers(const AliasGraph& graph, AddressIndex::Id marker, const EmailAddress& address,
+                     const Paths& direct, ItemList& list) {
+  const std::string_view domain = markerDomain(graph.markers().text(marker));
   const Components components = componentsOf(graph.links());
   const std::vector<Reach> reach = graph.reach(components);
   const auto standsForAll = [&](Id alias) {
@@ -138,6 +136,18 @@ bool s_writeAllUsers(const AliasGraph& graph, const EmailAddress& address, const
     if (!isOfDomain || !standsForAll(alias) || direct.has(alias)) continue;
     paths.write(alias, {std::string(graph.markers().text(marker)), address.address()}, list);
     any = true;
+  }
+  return any;
+}
+
+// The same for all markers of the domain, in any spelling.
+bool s_writeAllUsers(const AliasGraph& graph, const EmailAddress& address, const Paths& direct,
+                     ItemList& list) {
+  const std::string domain = comparisonDomain(address.domain());
+  bool any = false;
+  for (AddressIndex::Id marker = 0; marker < graph.markers().size(); ++marker) {
+    if (comparisonDomain(markerDomain(graph.markers().text(marker))) != domain) continue;
+    any = s_writeAllUsers(graph, marker, address, direct, list) || any;
   }
   return any;
 }

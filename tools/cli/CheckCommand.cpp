@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "check/AliasCheck.h"
+#include "check/DomainCheck.h"
 #include "check/Findings.h"
 #include "check/MaskCheck.h"
 #include "cli/Command.h"
@@ -83,6 +84,7 @@ class Check {
                     "there is no table " + aliasTableName(name) + " or " + maskTableName(name),
                     "see 'tsl-address-map status' for the tables there are");
     }
+    if (name.empty()) checkDomains(m_users, m_findings);
     if (m_users.failure()) addConfiguration();
     m_progress.end();
     m_findings.end();

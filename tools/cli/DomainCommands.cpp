@@ -1,13 +1,18 @@
-// The commands on the domains of the configuration: add, remove, list.
+// The commands on the domains of the configuration: add, remove, merge, list.
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
 #include "tables/Configuration.h"
+#include "tables/DomainMerge.h"
+#include "tables/MailUsers.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -19,16 +24,15 @@ struct Arguments {
   bool dryRun = false;
 };
 
-// What adding `domain` would give; the identifier of a new one is not known before. A configuration
-// that is missing has no domain.
-CMF::Writer::Domain s_wouldAdd(const std::string& domain) {
-  try {
-    const CMF::RefApsGwServer server = findDomain(domain);
-    if (!server.isNull()) return {server->domainId(), false};
-  } catch (const Failure& failure) {
-    if (failure.code() != ExitCode::Configuration) throw;
-  }
-  return {0, true};
+// The domain as the configuration has it in any spelling, or nothing. A configuration that is
+// missing has none.
+std::optional<StoredDomain> s_stored(const std::string& domain) {
+  const MailUsers users;
+  const bool isMissing = users.failure() && users.failure()->code() == ExitCode::Configuration;
+  if (!isMissing) users.require();
+  const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
+  if (spellings.empty()) return std::nullopt;
+  return spellings.front();
 }
 
 CMF::Writer::Domain s_write(const std::string& domain) {
@@ -43,31 +47,80 @@ CMF::Writer::Domain s_write(const std::string& domain) {
 ExitCode s_add(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   const bool dryRun = arguments.dryRun;
-  const auto [id, added] = dryRun ? s_wouldAdd(domain) : s_write(domain);
-  if (!added) say("domain " + domain + " exists already");
-  Json document{{"domain", domain}, {"id", id}, {"added", added}};
+  const auto stored = s_stored(domain);
+  const std::string name = stored ? stored->name : nameToStore(domain);
+  const bool isRespelled = !stringCompareNoCase(name, domain, 0);
+  // The writer finds what was added in the meantime.
+  const auto [id, added] = stored   ? CMF::Writer::Domain{stored->id, false}
+                           : dryRun ? CMF::Writer::Domain{0, true}
+                                    : s_write(name);
+  if (!added) say("domain " + domain + " exists already" + (isRespelled ? ", as " + name : ""));
+  if (added && isRespelled && !dryRun) say("domain " + domain + " is stored as " + name);
+  Json document{{"domain", name}, {"id", id}, {"added", added}};
   if (dryRun && added) document["id"] = nullptr;
-  answerChange(session, document, added ? "+ " + domain : "", dryRun);
+  answerChange(session, document, added ? "+ " + name : "", dryRun);
   if (!dryRun && !session.isJson()) session.output().line(std::to_string(id));
   return ExitCode::Done;
+}
+
+std::string s_namesOf(const std::vector<StoredDomain>& spellings) {
+  std::string names;
+  for (const StoredDomain& one : spellings) names += (names.empty() ? "" : ", ") + one.name;
+  return names;
+}
+
+// The name of the one domain that `domain` means; empty when there is none.
+std::string s_meant(const std::string& domain, const MailUsers& users) {
+  const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
+  for (const StoredDomain& one : spellings) {
+    if (stringCompareNoCase(one.name, domain, 0)) return one.name;
+  }
+  if (spellings.size() < 2) return spellings.empty() ? "" : spellings.front().name;
+  throw Failure(ExitCode::BadData, "domain " + domain,
+                "it is stored in several spellings: " + s_namesOf(spellings),
+                "name one of them, or join them with 'tsl-address-map domain merge'");
 }
 
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   // Checked first: a writer would create a missing configuration.
-  bool removed = !findDomain(domain).isNull();
+  const MailUsers users;
+  users.require();
+  const std::string name = s_meant(domain, users);
+  bool removed = !name.empty();
   if (removed && !arguments.dryRun) {
     removed = withConfiguration([&] {
       CMF::Writer writer;
-      const bool present = writer.removeDomain(domain);
+      const bool present = writer.removeDomain(name);
       writer.commit();
       return present;
     });
   }
   if (!removed) say("no domain " + domain + " in the configuration in " + configurationDirectory());
-  answerChange(session, Json{{"domain", domain}, {"removed", removed}},
-               removed ? "- " + domain : "", arguments.dryRun);
+  answerChange(session, Json{{"domain", removed ? name : domain}, {"removed", removed}},
+               removed ? "- " + name : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
+}
+
+ExitCode s_merge(Session& session, const Arguments& arguments) {
+  const std::string domain = parseDomain(arguments.domain);
+  MailUsers users;
+  users.require();
+  const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
+  if (spellings.empty()) {
+    say("no domain " + domain + " in the configuration in " + configurationDirectory());
+    return ExitCode::NotFound;
+  }
+  const DomainMerge merge(domain, users);
+  if (!arguments.dryRun) withConfiguration([&] { merge.write(); });
+  if (merge.gone().empty()) say("domain " + merge.name() + " is stored in one spelling only");
+  answerChange(session,
+               Json{{"domain", merge.name()}, {"merged", merge.gone()}, {"users", merge.users()}},
+               "", arguments.dryRun);
+  if (session.isJson()) return ExitCode::Done;
+  for (const std::string& one : merge.gone()) session.output().line("- " + printable(one));
+  session.output().line("~ " + merge.name() + ": " + std::to_string(merge.users()) + " users");
+  return ExitCode::Done;
 }
 
 ExitCode s_list(Session& session) {
@@ -105,6 +158,16 @@ void addDomainCommands(Command& top) {
                     Preparation::Database, withArguments(s_remove, arguments));
   remove.argument("DOMAIN", arguments->domain, "The domain");
   addDryRun(remove, arguments->dryRun);
+
+  Command merge = group.command(
+      "merge", "Join the spellings in which a domain is stored; exit 1 when there is none",
+      "  tsl-address-map domain merge xn--bro-hoa.example --dry-run\n"
+      "One domain is left, as it is in mail (xn--...), with the users of all spellings. Prints the"
+      " spellings that go\n(-) and what is left (~); with --json {\"domain\", \"merged\","
+      " \"users\"}. Users that differ in their kind are refused (65).\n",
+      Preparation::Database, withArguments(s_merge, arguments));
+  merge.argument("DOMAIN", arguments->domain, "The domain, in any spelling");
+  addDryRun(merge, arguments->dryRun);
 
   group.command("list", "List the domains with their identifiers",
                 "  tsl-address-map domain list\n"

@@ -1,7 +1,9 @@
 // The commands on the mail users of a domain: add, remove, list.
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
@@ -9,6 +11,7 @@
 #include "cmf/TableQuery.h"
 #include "cmf/Writer.h"
 #include "tables/Configuration.h"
+#include "tables/MailUsers.h"
 #include "tables/UserNames.h"
 #include "terminal/Say.h"
 
@@ -23,17 +26,34 @@ struct Arguments {
   bool dryRun = false;
 };
 
-// True when `server`, the record of `domain`, is null, which is reported.
-bool s_isMissing(const CMF::RefApsGwServer& server, const std::string& domain) {
-  if (!server.isNull()) return false;
-  say("no domain " + domain + " in the configuration in " + configurationDirectory() +
-      "; add it with 'tsl-address-map domain add'");
-  return true;
+// The spellings in which the configuration has `domain`; reports that there are none, or several.
+// Throws Failure when the configuration cannot be read.
+std::vector<StoredDomain> s_spellingsOf(const std::string& domain, const MailUsers& users) {
+  users.require();
+  const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
+  if (spellings.empty()) {
+    say("no domain " + domain + " in the configuration in " + configurationDirectory() +
+        "; add it with 'tsl-address-map domain add'");
+  } else if (spellings.size() > 1) {
+    say("warning: domain " + domain + " is stored in " + std::to_string(spellings.size()) +
+        " spellings; join them with 'tsl-address-map domain merge " + spellings.front().name + "'");
+  }
+  return spellings;
 }
 
-// The same for a domain that is only asked for.
-bool s_isMissing(const std::string& domain) {
-  return s_isMissing(findDomain(domain), domain);
+// The mail user `address` as it is stored, in all spellings; as it would be in the first of
+// `spellings` when it is not there yet.
+std::vector<StoredUser> s_usersToWrite(const EmailAddress& address, MailUsers& users,
+                                       const std::vector<StoredDomain>& spellings) {
+  std::vector<StoredUser> found = users.find(address.address());
+  if (found.empty()) found.push_back({spellings.front().name, address.local(), -1});
+  return found;
+}
+
+// The address for messages: as it was given, unless it is stored in another spelling.
+std::string s_shown(const EmailAddress& address, const StoredUser& stored) {
+  const std::string text = stored.address();
+  return stringCompareNoCase(text, address.address(), 0) ? address.address() : text;
 }
 
 ExitCode s_add(Session& session, const Arguments& arguments) {
@@ -44,65 +64,73 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
     throw Failure(ExitCode::BadData, "mail user " + address.address(), fault,
                   "use a name of letters, digits, dots and other characters that need no quotes");
   }
-  if (s_isMissing(address.domain())) return ExitCode::NotFound;
+  MailUsers users;
+  const std::vector<StoredDomain> spellings = s_spellingsOf(address.domain(), users);
+  if (spellings.empty()) return ExitCode::NotFound;
+  const std::vector<StoredUser> written = s_usersToWrite(address, users, spellings);
   const CMF::Writer::UserResult result = withConfiguration([&] {
     CMF::Writer writer;
-    const auto done = writer.addUser(address.domain(), address.local(), kind);
+    auto done = CMF::Writer::UserResult::Unchanged;
+    for (const StoredUser& user : written) {
+      const auto one = writer.addUser(user.domain, user.name, kind);
+      if (one != CMF::Writer::UserResult::Unchanged) done = one;
+    }
     // What is not committed has no effect.
     if (!arguments.dryRun) writer.commit();
     return done;
   });
   const std::string text = userResultText(result);
-  if (!arguments.dryRun) session.detail(address.address() + ": " + text);
+  const std::string stored = s_shown(address, written.front());
+  if (!arguments.dryRun) session.detail(stored + ": " + text);
   const char* const sign = result == CMF::Writer::UserResult::Added ? "+ " : "~ ";
-  answerChange(session,
-               Json{{"address", address.address()}, {"kind", userKindText(kind)}, {"result", text}},
-               result == CMF::Writer::UserResult::Unchanged ? "" : sign + address.address(),
-               arguments.dryRun);
+  answerChange(session, Json{{"address", stored}, {"kind", userKindText(kind)}, {"result", text}},
+               result == CMF::Writer::UserResult::Unchanged ? "" : sign + stored, arguments.dryRun);
   return ExitCode::Done;
 }
 
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
-  bool removed = false;
-  if (!s_isMissing(address.domain())) {
-    removed = withConfiguration([&] {
-      CMF::Writer writer;
-      const bool present = writer.removeUser(address.domain(), address.local());
-      if (!arguments.dryRun) writer.commit();
-      return present;
-    });
-    if (!removed) say("no mail user " + address.address());
+  MailUsers users;
+  std::vector<StoredUser> found;
+  if (!s_spellingsOf(address.domain(), users).empty()) {
+    found = users.find(address.address());
+    if (found.empty()) say("no mail user " + address.address());
   }
-  answerChange(session, Json{{"address", address.address()}, {"removed", removed}},
-               removed ? "- " + address.address() : "", arguments.dryRun);
+  if (!found.empty() && !arguments.dryRun) {
+    withConfiguration([&] {
+      CMF::Writer writer;
+      for (const StoredUser& user : found) writer.removeUser(user.domain, user.name);
+      writer.commit();
+    });
+  }
+  const bool removed = !found.empty();
+  const std::string stored = removed ? s_shown(address, found.front()) : address.address();
+  answerChange(session, Json{{"address", stored}, {"removed", removed}},
+               removed ? "- " + stored : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
-void s_writeUsers(Session& session, const std::string& domain, std::uint32_t domainId) {
-  ItemList list(session.output());
+void s_writeUsers(const StoredDomain& domain, ItemList& list) {
   withConfiguration([&] {
-    const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(domainId);
+    const CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable> users(domain.id);
     for (const __aps_mail_user& user : users) {
-      const std::string address = printable(user.user_name).append("@").append(domain);
+      const std::string address =
+          printable(user.user_name).append("@").append(printable(domain.name));
       const std::string kind = userKindText(user.kind);
       list.add(std::string(address).append("\t").append(kind), [&] {
         return Json{{"address", address}, {"kind", kind}};
       });
     }
   });
-  list.end();
 }
 
 ExitCode s_list(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
-  const CMF::RefApsGwServer server = findDomain(domain);
-  if (s_isMissing(server, domain)) {
-    if (session.isJson()) session.output().document(Json::array());
-    return ExitCode::NotFound;
-  }
-  s_writeUsers(session, printable(server->domain()), server->domainId());
-  return ExitCode::Done;
+  const std::vector<StoredDomain> spellings = s_spellingsOf(domain, MailUsers());
+  ItemList list(session.output());
+  for (const StoredDomain& one : spellings) s_writeUsers(one, list);
+  list.end();
+  return spellings.empty() ? ExitCode::NotFound : ExitCode::Done;
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "files/Lines.h"
 #include "files/TableFile.h"
 #include "tables/Configuration.h"
+#include "tables/MailUsers.h"
 #include "tables/UserNames.h"
 #include "terminal/Progress.h"
 #include "terminal/Say.h"
@@ -160,10 +161,11 @@ class Reader {
   std::vector<EmailAddress>* usersOf(const std::string& domain) {
     const auto known = m_known.find(domain);
     if (known != m_known.end()) return known->second;
-    const CMF::RefApsGwServer server = findDomain(domain);
+    m_configuration.require();
+    const std::vector<StoredDomain> spellings = m_configuration.spellingsOf(domain);
     // Spellings of one domain share their users.
     std::vector<EmailAddress>* const users =
-        server.isNull() ? nullptr : &m_file.users[server->domain()];
+        spellings.empty() ? nullptr : &m_file.users[spellings.front().name];
     m_known[domain] = users;
     return users;
   }
@@ -174,6 +176,7 @@ class Reader {
   std::string m_domain;
   LineFaults m_faults;
   UserFile m_file;
+  const MailUsers m_configuration;
   std::map<std::string, std::vector<EmailAddress>*> m_known;  // By the spelling of the domain.
 };
 
@@ -182,11 +185,16 @@ Counts s_write(const Users& users, CMF::MailUserKind kind, bool dryRun, Progress
   for (const auto& [domain, addresses] : users) all += addresses.size();
   progress.begin("writing", "users", all);
   Counts counts;
+  MailUsers stored;
   withConfiguration([&] {
     CMF::Writer writer;
     for (const auto& [domain, addresses] : users) {
       for (const EmailAddress& address : addresses) {
-        counts.count(writer.addUser(domain, address.local(), kind));
+        // One that is stored in another spelling stays in that.
+        const std::vector<StoredUser> present = stored.find(address.address());
+        const bool isNew = present.empty();
+        counts.count(isNew ? writer.addUser(domain, address.local(), kind)
+                           : writer.addUser(present[0].domain, present[0].name, kind));
         progress.add(1);
       }
     }

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "files/TableFile.h"
-#include "tables/AddressIndex.h"
 #include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingIndex.h"
 
 namespace Tessel::Tool {
 
@@ -50,7 +50,7 @@ class ImportCycles {
 
   const TableFile& m_file;
   RowReader m_reader{TableKind::Alias};
-  AddressIndex m_names;             // The entries of the file first, in their order.
+  SpellingIndex m_names;            // The entries of the file first, in their order.
   std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
   std::string m_members;
   std::map<DirectedGraph::Node, std::string> m_replaced;  // Members before, of entries that change.

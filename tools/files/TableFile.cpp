@@ -5,6 +5,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/stringCompareNoCase.h"
 #include "failure/Failure.h"
 #include "files/FileSyntax.h"
 #include "terminal/Say.h"
@@ -94,40 +95,40 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
 void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
   std::stable_sort(m_entries.begin(), m_entries.end(),
                    [](const FileEntry& a, const FileEntry& b) { return a.key < b.key; });
-  const auto report = [&faults](const FileEntry& first, const FileEntry& second, const char* what,
-                                const EmailAddress& address) {
-    faults.add(second.number, std::string("the ") + what + " " + address.address() +
-                                  " is in line " + std::to_string(first.number) + " already");
-  };
-  for (std::size_t i = 1; i < m_entries.size(); ++i) {
-    if (!(m_entries[i - 1].key == m_entries[i].key)) continue;
-    report(m_entries[i - 1], m_entries[i], format.hasPublic ? "private address" : "alias",
-           m_entries[i].key);
+  const char* const key = format.hasPublic ? "private address" : "alias";
+  for (std::size_t i = 0; i < m_entries.size(); ++i) {
+    const FileEntry& entry = m_entries[i];
+    note(m_byKey, i, entry.key, key, faults);
+    if (format.hasPublic) note(m_byPublic, i, entry.values.front(), "public address", faults);
   }
-  if (!format.hasPublic) return;
-  for (const FileEntry& entry : m_entries) m_byPublic.push_back(&entry);
-  std::sort(m_byPublic.begin(), m_byPublic.end(), [](const FileEntry* a, const FileEntry* b) {
-    if (a->values.front() == b->values.front()) return a->number < b->number;
-    return a->values.front() < b->values.front();
-  });
-  for (std::size_t i = 1; i < m_byPublic.size(); ++i) {
-    if (!(m_byPublic[i - 1]->values.front() == m_byPublic[i]->values.front())) continue;
-    report(*m_byPublic[i - 1], *m_byPublic[i], "public address", m_byPublic[i]->values.front());
-  }
+}
+
+// Reports `address` of the entry at `entry`, which is called `what`, when another one has it.
+void TableFile::note(Places& places, std::size_t entry, const EmailAddress& address,
+                     const char* what, LineFaults& faults) const {
+  const AddressIndex::Added added = places.addresses.add(address.address());
+  if (added.isNew) return places.entries.push_back(entry);
+  const std::size_t line = m_entries[entry].number;
+  const std::size_t other = m_entries[places.entries[added.id]].number;
+  const std::string_view first = places.addresses.text(added.id);
+  const bool isAlike = stringCompareNoCase(first, address.address(), 0);
+  faults.add(std::max(line, other), std::string("the ") + what + " " + address.address() +
+                                        " is in line " + std::to_string(std::min(line, other)) +
+                                        " already" +
+                                        (isAlike ? "" : ", spelled " + std::string(first)));
 }
 
 const FileEntry* TableFile::withKey(const EmailAddress& key) const {
-  const auto found =
-      std::lower_bound(m_entries.begin(), m_entries.end(), key,
-                       [](const FileEntry& entry, const EmailAddress& k) { return entry.key < k; });
-  return found != m_entries.end() && found->key == key ? &*found : nullptr;
+  return with(m_byKey, key);
 }
 
 const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
-  const auto found = std::lower_bound(
-      m_byPublic.begin(), m_byPublic.end(), address,
-      [](const FileEntry* entry, const EmailAddress& a) { return entry->values.front() < a; });
-  return found != m_byPublic.end() && (*found)->values.front() == address ? *found : nullptr;
+  return with(m_byPublic, address);
+}
+
+const FileEntry* TableFile::with(const Places& places, const EmailAddress& address) const {
+  const SpellingIndex::Id id = places.addresses.find(address.address());
+  return id != SpellingIndex::s_none ? &m_entries[places.entries[id]] : nullptr;
 }
 
 }  // namespace Tessel::Tool

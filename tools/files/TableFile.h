@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "files/FileSyntax.h"
+#include "tables/SpellingIndex.h"
 #include "tables/TableFormat.h"
 #include "tables/WriteRule.h"
 #include "terminal/Progress.h"
@@ -58,21 +59,32 @@ class TableFile {
 
   // For messages.
   [[nodiscard]] const std::string& name() const { return m_name; }
-  // The lines in the order of their keys, which are unique, as the public addresses are.
+  // The lines in the order of their keys. No two keys are spellings of one address, nor are two
+  // public addresses.
   [[nodiscard]] const std::vector<FileEntry>& entries() const { return m_entries; }
-  // The entry with this key, or null.
+  // The entry with this key in any spelling, or null.
   [[nodiscard]] const FileEntry* withKey(const EmailAddress& key) const;
-  // The entry with this public address, or null.
+  // The entry with this public address in any spelling, or null.
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
+  // Where the entries of some addresses are, in any spelling.
+  struct Places {
+    SpellingIndex addresses;
+    std::vector<std::size_t> entries;  // By the number of the address.
+  };
+
   void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
             LocalNames localNames);
   void findDoubles(const TableFormat& format, LineFaults& faults);
+  void note(Places& places, std::size_t entry, const EmailAddress& address, const char* what,
+            LineFaults& faults) const;
+  [[nodiscard]] const FileEntry* with(const Places& places, const EmailAddress& address) const;
 
   std::string m_name;
   std::vector<FileEntry> m_entries;
-  std::vector<const FileEntry*> m_byPublic;  // In the order of public addresses; masks only.
+  Places m_byKey;
+  Places m_byPublic;  // Of masks only.
 };
 
 }  // namespace Tessel::Tool

@@ -35,6 +35,13 @@ char s_lowered(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
+std::string s_lowered(std::string_view text) {
+  std::string lowered(text);
+  std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                 [](char c) { return s_lowered(c); });
+  return lowered;
+}
+
 bool s_isAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
@@ -156,7 +163,7 @@ bool s_localKey(std::string_view text, std::string& key) {
     key = text;
   }
   if (s_isAscii(key)) {
-    std::transform(key.begin(), key.end(), key.begin(), s_lowered);
+    key = s_lowered(key);
     return !key.empty();
   }
   icu::UnicodeString decoded;
@@ -246,6 +253,16 @@ bool addressKey(std::string_view text, std::string& key) {
 bool domainKey(std::string_view text, std::string& key) {
   key.clear();
   return s_appendDomainKey(text, key);
+}
+
+std::string comparisonKey(std::string_view text) {
+  std::string key;
+  return addressKey(text, key) ? key : s_lowered(text);
+}
+
+std::string comparisonDomain(std::string_view text) {
+  std::string key;
+  return domainKey(text, key) ? key : s_lowered(text);
 }
 
 }  // namespace Tessel::Tool

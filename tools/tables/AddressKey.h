@@ -32,6 +32,12 @@ bool addressKey(std::string_view text, std::string& key);
 // that UTS #46 refuses; `key` holds anything then.
 bool domainKey(std::string_view text, std::string& key);
 
+// What `text`, a member of an alias or any other address, is compared by: its key, or the text in
+// small ASCII letters where it has none, as names without a domain.
+std::string comparisonKey(std::string_view text);
+// The same for the domain `text`.
+std::string comparisonDomain(std::string_view text);
+
 // Splits the address `text` at its "@" into views of it: after the quoted string that it begins
 // with, otherwise at the only "@". False when there is no such place or a part is empty; the parts
 // are unspecified then.

@@ -12,6 +12,7 @@
 #include "tables/AddressIndex.h"
 #include "tables/DirectedGraph.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingIndex.h"
 #include "tables/TextRows.h"
 
 namespace Tessel::Tool {
@@ -58,7 +59,7 @@ class AliasVisitor {
 
   // A row that the library cannot use: `name` as it is, what is wrong, and that in words.
   virtual void broken(std::string_view name, RowFault fault, const std::string& why);
-  // A row of an address that has one already, spelled `first`.
+  // A row of an address that has one already; `first` is its name, in the same or another spelling.
   virtual void doubled(std::string_view name, std::string_view first);
   // A row with `size` bytes of members.
   virtual void row(std::string_view name, std::size_t size);
@@ -68,8 +69,8 @@ class AliasVisitor {
 };
 
 // The aliases of a table, and which of them have which of the others as members. Members that are
-// not aliases are not kept, so a table takes about a hundred bytes for each alias, and while it is
-// read also the server's answer. An immutable value.
+// not aliases are not kept; spellings of an address are one. So a table takes about a hundred bytes
+// for each alias, and while it is read also the server's answer. An immutable value.
 class AliasGraph {
  public:
   using Id = AddressIndex::Id;
@@ -79,7 +80,7 @@ class AliasGraph {
   AliasGraph(Database::Connection& connection, const std::string& table, AliasVisitor& visitor,
              const CountRows& count);
 
-  [[nodiscard]] const AddressIndex& names() const { return m_names; }
+  [[nodiscard]] const SpellingIndex& names() const { return m_names; }
   // Members that are aliases, without those that an alias is itself.
   [[nodiscard]] const DirectedGraph& links() const { return m_links; }
   // What the members of `alias` that are not aliases are; an alias that names itself is delivered
@@ -95,7 +96,7 @@ class AliasGraph {
  private:
   class Parser;
 
-  AddressIndex m_names;
+  SpellingIndex m_names;
   AddressIndex m_markers;
   DirectedGraph m_links;
   std::vector<Reach> m_own;
