@@ -19,7 +19,7 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
-    "alias set" | "alias add") echo --allow-cycle --dry-run --local-names ;;
+    "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;
     "alias list" | "mask list") echo --domain ;;

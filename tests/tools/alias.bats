@@ -99,12 +99,61 @@ setup() { empty_tables; }
 @test "another spelling of the same characters is refused and named" {
   tool alias set $'jos\xc3\xa9@example.com' a@example.com
   run -65 --separate-stderr tool alias set $'jose\xcc\x81@example.com' b@example.com
-  contains "$stderr" $'\'jos\xc3\xa9@example.com\''
-  run -65 --separate-stderr tool alias remove $'jose\xcc\x81@example.com'
-  contains "$stderr" $'\'jos\xc3\xa9@example.com\''
-  run -1 --separate-stderr tool alias show $'jose\xcc\x81@example.com'
-  contains "$stderr" $'another spelling: jos\xc3\xa9@example.com'
+  contains "$stderr" $'in the spelling \'jos\xc3\xa9@example.com\''
+  # The server takes both for one, so there cannot be two rows.
+  run -65 --separate-stderr tool alias set $'jose\xcc\x81@example.com' b@example.com --new-spelling
+  contains "$stderr" "or remove that alias first"
   equal "$(sql 'select members from alias')" a@example.com
+  run -0 --separate-stderr tool alias show $'jose\xcc\x81@example.com'
+  equal "$output" a@example.com
+  equal "$stderr" $'tsl-address-map: alias jose\xcc\x81@example.com has the spelling jos\xc3\xa9@example.com'
+  run -0 --separate-stderr tool alias remove $'jose\xcc\x81@example.com'
+  equal "$(sql 'select members from alias')" ""
+}
+
+@test "what the server takes for another address is refused and named" {
+  tool alias set ａnn@example.com a@example.com
+  run -65 --separate-stderr tool alias set ann@example.com b@example.com
+  contains "$stderr" "the server takes it for the alias 'ａnn@example.com' of table alias, which is another address"
+  run -65 tool alias remove ann@example.com
+  run -1 --separate-stderr tool alias show ann@example.com
+  contains "$stderr" "hint: there is an alias that the server takes for it: ａnn@example.com"
+  equal "$(sql 'select members from alias')" a@example.com
+}
+
+@test "an alias is found in any spelling, and a second spelling is refused" {
+  tool alias set team@büro.example ann@büro.example
+  tool alias add team@büro.example bob@x.example
+  for spelling in team@xn--bro-hoa.example TEAM@BÜRO.example '"team"@büro.example'; do
+    run -0 --separate-stderr tool alias expand "$spelling"
+    equal "$output" $'ann@büro.example\nbob@x.example'
+    run -0 --separate-stderr tool alias show "$spelling"
+    equal "$output" $'ann@büro.example\nbob@x.example'
+  done
+  run -65 --separate-stderr tool alias set team@xn--bro-hoa.example cid@x.example
+  contains "$stderr" "table alias has it in the spelling 'team@büro.example'"
+  run -65 --separate-stderr tool alias add team@xn--bro-hoa.example cid@x.example
+  contains "$stderr" "--new-spelling"
+  run -0 tool alias list --domain xn--bro-hoa.example
+  equal "$output" $'team@büro.example\tann@büro.example,bob@x.example'
+  # A member is the same address in any spelling, too.
+  run -0 tool alias add team@büro.example ANN@xn--bro-hoa.example --json
+  contains "$output" '"added":[]'
+  run -65 --separate-stderr tool alias set ann@xn--bro-hoa.example team@xn--bro-hoa.example
+  contains "$stderr" "it would lead back to itself"
+  run -0 tool alias drop team@xn--bro-hoa.example ann@xn--bro-hoa.example --json
+  contains "$output" '"dropped":["ann@büro.example"]'
+  tool alias set team@xn--bro-hoa.example cid@x.example --new-spelling
+  equal "$(sql 'select count(*) from alias')" 2
+  run -0 tool alias remove team@xn--bro-hoa.example
+  equal "$(sql 'select name from alias')" team@büro.example
+}
+
+@test "drop everywhere finds the member in any spelling" {
+  tool alias set a@x.example ann@büro.example bob@x.example
+  tool alias set b@x.example ANN@xn--bro-hoa.example bob@x.example
+  run -0 tool alias drop --everywhere ann@BÜRO.example
+  equal "$output" $'~ a@x.example:bob@x.example\n~ b@x.example:bob@x.example'
 }
 
 @test "a member without a domain is only the marker of the alias's own domain" {

@@ -27,6 +27,7 @@ struct Arguments {
   std::string domain;
   bool allowCycle = false;
   bool localNames = false;
+  bool newSpelling = false;
   bool dryRun = false;
 };
 
@@ -59,7 +60,8 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
   table.transact([&] {
-    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
+    const AliasLook look =
+        lookToWrite(table, alias, session, arguments.dryRun, newSpellingOf(arguments.newSpelling));
     if (!arguments.allowCycle)
       refuseCycle(table, alias, members, pickMembers(members, look.row.members, false));
     present = look.kind == AliasLook::Kind::Present;
@@ -78,28 +80,35 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   AliasLook look;
   table.transact([&] {
-    look = lookToEdit(table, alias, session, arguments.dryRun);
-    if (look.kind != AliasLook::Kind::Present || arguments.dryRun) return false;
+    look = lookToRemove(table, alias, session, arguments.dryRun);
+    if (look.kind == AliasLook::Kind::Absent || arguments.dryRun) return false;
     table.remove(look.row.name);
     return true;
   });
-  const bool present = look.kind == AliasLook::Kind::Present;
+  const bool present = look.kind != AliasLook::Kind::Absent;
   if (!present) say(noAlias(alias, session));
+  tellSpelling(alias, look);
   if (present && !arguments.dryRun) session.detail("removed " + alias.address());
   answerChange(session, Json{{"address", alias.address()}, {"removed", present}},
                present ? "- " + look.row.name + ":" + look.row.text : "", arguments.dryRun);
   return present ? ExitCode::Done : ExitCode::NotFound;
 }
 
-// Reports why there is no answer for `alias`. Throws Failure when its row is broken.
-void s_explainAbsence(const EmailAddress& alias, const Session& session) {
+// The members of the row of another spelling than `alias`. Reports that there is none. Throws
+// Failure when the row is broken.
+Members s_membersElsewhere(const EmailAddress& alias, const Session& session) {
   const AliasLook look = AliasTable(aliasTableName(session.tableName())).look(alias);
-  if (look.kind == AliasLook::Kind::Present)
+  const bool isOwn = look.kind == AliasLook::Kind::Present || look.kind == AliasLook::Kind::Spelled;
+  if (isOwn && look.row.fault != RowFault::None) {
     throw brokenRow(look.row, aliasTableName(session.tableName()));
+  }
+  tellSpelling(alias, look);
+  if (isOwn) return look.row.members;
   say(noAlias(alias, session));
   if (look.kind == AliasLook::Kind::Other) {
-    say("hint: there is an alias of another spelling: " + look.row.name);
+    say("hint: there is an alias that the server takes for it: " + look.row.name);
   }
+  return {};
 }
 
 ExitCode s_show(Session& session, const Arguments& arguments) {
@@ -108,8 +117,8 @@ ExitCode s_show(Session& session, const Arguments& arguments) {
   Members members;
   withTableFaultsNamed(session, TableKind::Alias,
                        [&] { (*LibraryTable(session)).queryFindMembers(alias, members); });
+  if (members.empty()) members = s_membersElsewhere(alias, session);
   const bool found = !members.empty();
-  if (!found) s_explainAbsence(alias, session);
   if (session.isJson()) {
     Json document{{"address", alias.address()}, {"found", found}};
     document["members"] = jsonOf(members);
@@ -147,6 +156,7 @@ void addAliasCommands(Command& top) {
   set.arguments("MEMBER", arguments->members, "A member");
   set.flag("--local-names", arguments->localNames,
            "Also take members without a domain, such as root");
+  addNewSpelling(set, arguments->newSpelling);
   set.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(set, arguments->dryRun);
 

@@ -2,9 +2,11 @@
 #include "cli/AliasEdit.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "cli/AddressInput.h"
 #include "cli/RowReport.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasCycles.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -46,16 +48,41 @@ void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress
       " address");
 }
 
-AliasLook lookToEdit(AliasTable& table, const EmailAddress& alias, const Session& session,
-                     bool dryRun) {
+NewSpelling newSpellingOf(bool isAllowed) {
+  return isAllowed ? NewSpelling::Allow : NewSpelling::Refuse;
+}
+
+void addNewSpelling(Command& command, bool& isAllowed) {
+  command.flag("--new-spelling", isAllowed,
+               "Write a row of its own even if the table has the alias in another spelling");
+}
+
+AliasLook lookToWrite(AliasTable& table, const EmailAddress& alias, const Session& session,
+                      bool dryRun, NewSpelling newSpelling) {
+  AliasLook look = lookToRemove(table, alias, session, dryRun);
+  if (look.kind != AliasLook::Kind::Spelled) return look;
+  if (newSpelling == NewSpelling::Allow && !look.isInTheWay) return {};
+  const std::string why = "table " + aliasTableName(session.tableName()) +
+                          " has it in the spelling '" + look.row.name + "'";
+  throw Failure(ExitCode::BadData, "alias " + alias.address(), why,
+                look.isInTheWay ? "use that spelling, or remove that alias first"
+                                : "use that spelling; --new-spelling makes two rows, of which mail"
+                                  " servers find one");
+}
+
+AliasLook lookToRemove(AliasTable& table, const EmailAddress& alias, const Session& session,
+                       bool dryRun) {
   AliasLook look = dryRun ? table.look(alias) : table.lookLocked(alias);
   if (look.kind != AliasLook::Kind::Other) return look;
   throw Failure(ExitCode::BadData, "alias " + alias.address(),
                 "the server takes it for the alias '" + look.row.name + "' of table " +
-                    aliasTableName(session.tableName()) +
-                    ", which is spelled differently (the same characters in another encoding,"
-                    " perhaps)",
-                "use the spelling of that alias, or remove that alias first");
+                    aliasTableName(session.tableName()) + ", which is another address",
+                "use the name of that alias, or remove that alias first");
+}
+
+void tellSpelling(const EmailAddress& alias, const AliasLook& look) {
+  if (look.kind != AliasLook::Kind::Spelled) return;
+  say("alias " + alias.address() + " has the spelling " + look.row.name);
 }
 
 void refuseCycle(AliasTable& table, const EmailAddress& alias,
@@ -73,9 +100,11 @@ void refuseCycle(AliasTable& table, const EmailAddress& alias,
 
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
                                    const std::set<EmailAddress>& members, bool has) {
+  std::unordered_set<std::string> keys;
+  for (const EmailAddress& member : members) keys.insert(comparisonKey(member.address()));
   std::set<EmailAddress> picked;
   for (const EmailAddress& address : some) {
-    if ((members.count(address) != 0) == has) picked.insert(address);
+    if (keys.contains(comparisonKey(address.address())) == has) picked.insert(address);
   }
   return picked;
 }

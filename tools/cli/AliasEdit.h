@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "address/EmailAddress.h"
+#include "cli/Command.h"
 #include "cli/Session.h"
 #include "tables/AliasTable.h"
 #include "tables/WriteRule.h"
@@ -22,17 +23,34 @@ std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
 // Warns when the all-users marker of `alias` has other members next to it.
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);
 
-// The row of `alias` that is about to change, locked unless `dryRun`. Refuses to touch that of
-// another address that the server considers equal.
-AliasLook lookToEdit(AliasTable& table, const EmailAddress& alias, const Session& session,
-                     bool dryRun);
+// Whether an alias may get a row of its own next to one of another spelling.
+enum class NewSpelling { Refuse, Allow };
+
+NewSpelling newSpellingOf(bool isAllowed);
+// The option that allows it.
+void addNewSpelling(Command& command, bool& isAllowed);
+
+// The row of `alias` that is about to be written, locked unless `dryRun`. Refuses a second
+// spelling, unless `newSpelling` allows it, and to touch the row of another address that the server
+// considers equal. Throws Failure, `BadData`.
+AliasLook lookToWrite(AliasTable& table, const EmailAddress& alias, const Session& session,
+                      bool dryRun, NewSpelling newSpelling);
+
+// The row of `alias` from which something is about to be removed, likewise; it may have another
+// spelling.
+AliasLook lookToRemove(AliasTable& table, const EmailAddress& alias, const Session& session,
+                       bool dryRun);
+
+// Reports that the row of `alias` has another spelling, if that is so.
+void tellSpelling(const EmailAddress& alias, const AliasLook& look);
 
 // Refuses `members` when one of `added`, those that are not there yet, leads back to `alias`, and
 // warns when `alias` is in an alias loop already. Throws Failure, `BadData`.
 void refuseCycle(AliasTable& table, const EmailAddress& alias,
                  const std::set<EmailAddress>& members, const std::set<EmailAddress>& added);
 
-// The addresses of `some` that are not in `members`, or, with `has`, those that are.
+// The addresses of `some` that are not in `members` in any spelling, or, with `has`, those that
+// are.
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
                                    const std::set<EmailAddress>& members, bool has);
 

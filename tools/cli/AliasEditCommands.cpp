@@ -10,6 +10,7 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cli/RowReport.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"
@@ -28,6 +29,7 @@ struct Arguments {
   bool everywhere = false;
   bool allowCycle = false;
   bool localNames = false;
+  bool newSpelling = false;
   bool removeEmpty = false;
   bool yes = false;
   bool dryRun = false;
@@ -59,7 +61,8 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   Members added;
   bool present = false;
   table.transact([&] {
-    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
+    const AliasLook look =
+        lookToWrite(table, alias, session, arguments.dryRun, newSpellingOf(arguments.newSpelling));
     members = s_membersOf(look, session);
     present = look.kind == AliasLook::Kind::Present;
     added = pickMembers(wanted, members, false);
@@ -115,14 +118,15 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
+  AliasLook look;
   Change change;
   Members dropped;
   table.transact([&] {
-    const AliasLook look = lookToEdit(table, alias, session, arguments.dryRun);
-    present = look.kind == AliasLook::Kind::Present;
+    look = lookToRemove(table, alias, session, arguments.dryRun);
+    present = look.kind != AliasLook::Kind::Absent;
     const Members members = s_membersOf(look, session);
-    dropped = pickMembers(wanted, members, true);
-    change = {alias, look.row.name, pickMembers(members, wanted, false)};
+    dropped = pickMembers(members, wanted, true);
+    change = {present ? look.row.alias : alias, look.row.name, pickMembers(members, wanted, false)};
     if (dropped.empty()) return false;
     s_refuseEmpty(change, arguments.removeEmpty);
     if (arguments.dryRun) return false;
@@ -130,6 +134,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
     return true;
   });
   if (!present) say(noAlias(alias, session));
+  tellSpelling(alias, look);
   for (const EmailAddress& member : pickMembers(wanted, dropped, false)) {
     if (present) say(member.address() + " is not a member of " + alias.address());
   }
@@ -158,12 +163,16 @@ struct Everywhere {
 
 Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& member) {
   Everywhere all;
+  const std::string key = comparisonKey(member.address());
+  const auto isMember = [&key](const EmailAddress& one) {
+    return comparisonKey(one.address()) == key;
+  };
   for (const AliasRow& row : rows) {
     if (row.fault != RowFault::None) {
       if (row.fault != RowFault::EmptyValue) all.broken.push_back(row);
       continue;
     }
-    if (row.members.count(member) == 0) continue;
+    if (std::none_of(row.members.begin(), row.members.end(), isMember)) continue;
     all.changes.push_back({row.alias, row.name, pickMembers(row.members, {member}, false)});
   }
   return all;
@@ -298,6 +307,7 @@ void addAliasEditCommands(Command& group) {
   add.arguments("MEMBER", arguments->members, "An address to add");
   add.flag("--local-names", arguments->localNames,
            "Also take members without a domain, such as root");
+  addNewSpelling(add, arguments->newSpelling);
   add.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
   addDryRun(add, arguments->dryRun);
   s_addDrop(group, arguments);

@@ -9,6 +9,7 @@
 
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressLookup.h"
+#include "cli/AliasEdit.h"
 #include "cli/Command.h"
 #include "tables/Configuration.h"
 #include "tables/TableNames.h"
@@ -26,20 +27,23 @@ class Expander {
       : m_session(session), m_store(session, TableKind::Alias) {}
 
   // Throws Failure or Exception when there is no answer.
-  LookupAnswer expand(const EmailAddress& address) {
+  LookupAnswer expand(const EmailAddress& asked) {
+    EmailAddress address = asked;
     Addresses found = m_store.expand(address);
     // The library answers the empty set both without an alias and for an alias that leads nowhere.
     if (found.empty()) {
       const std::string name = aliasTableName(m_session.tableName());
       if (!m_table) m_table.emplace(name);
       const AliasLook look = m_table->look(address);
-      if (look.kind != AliasLook::Kind::Present) {
+      if (look.kind == AliasLook::Kind::Absent || look.kind == AliasLook::Kind::Other) {
         return {"no-alias", ExitCode::NotFound, {}, noAlias(address, m_session)};
       }
       if (look.row.fault != RowFault::None) {
         report(brokenRow(look.row, name));
         return {"broken-row", ExitCode::BadData, {}, ""};
       }
+      tellSpelling(address, look);
+      address = look.row.alias;
       m_store.close();
       found = m_store.expand(address);
       if (found.empty()) {

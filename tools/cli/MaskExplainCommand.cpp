@@ -37,10 +37,14 @@ class Explainer {
     m_wildcards = m_table.wildcards();
   }
 
-  Answer explain(const EmailAddress& address, MaskSide side) {
+  Answer explain(const EmailAddress& asked, MaskSide side) {
     Answer answer;
+    const auto rows = m_table.spelled(otherSide(side), asked);
+    // The library finds no other spelling than that of the row.
+    const EmailAddress& address = rows.empty() || rows.front().address(otherSide(side)).isNull()
+                                      ? asked
+                                      : rows.front().address(otherSide(side));
     answer.address = m_store.find(side, address);
-    const auto rows = m_table.with(otherSide(side), address);
     const std::vector<MaskRow> matching = wildcards(address, side);
     for (const MaskRow& wildcard : m_wildcards) {
       if (isMisspelt(wildcard, address, side)) answer.misspelt.push_back(wildcard);

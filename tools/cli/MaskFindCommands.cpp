@@ -9,6 +9,7 @@
 #include "cli/Command.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -29,14 +30,17 @@ class Finder {
     // The library answers null both for no row and for a row with an empty column.
     if (found.isNull()) {
       if (!m_table) m_table.emplace(name);
-      for (const MaskRow& row : m_table->with(given, address)) {
-        if (!(row.address(given) == address)) continue;
+      for (const MaskRow& row : m_table->spelled(given, address)) {
         if (row.fault != RowFault::None) {
           report(brokenRow(row, name));
           return {"broken-row", ExitCode::BadData, {}, ""};
         }
+        const EmailAddress& stored = row.address(given);
+        if (!(stored == address)) {
+          say("address " + address.address() + " has the spelling " + stored.address());
+        }
         m_store.close();
-        found = m_store.find(m_wanted, address);
+        found = m_store.find(m_wanted, stored);
       }
     }
     if (!found.isNull()) return {"found", ExitCode::Done, {found}, ""};

@@ -5,6 +5,7 @@
 #include <map>
 #include <utility>
 
+#include "tables/AddressKey.h"
 #include "tables/DirectedGraph.h"
 
 namespace Tessel::Tool {
@@ -42,7 +43,7 @@ class Reached {
 
   DirectedGraph::Node number(const EmailAddress& address) {
     const auto next = static_cast<DirectedGraph::Node>(m_addresses.size());
-    const auto [known, isNew] = m_numbers.emplace(address, next);
+    const auto [known, isNew] = m_numbers.emplace(comparisonKey(address.address()), next);
     if (isNew) m_addresses.push_back(address);
     return known->second;
   }
@@ -57,12 +58,12 @@ class Reached {
   }
 
   void ask(AliasTable& table) {
-    for (const auto& [alias, row] : table.look(std::exchange(m_unasked, {}))) {
+    for (const auto& [alias, row] : table.lookSpelled(std::exchange(m_unasked, {}))) {
       addMembers(number(alias), row.members);
     }
   }
 
-  std::map<EmailAddress, DirectedGraph::Node> m_numbers;
+  std::map<std::string, DirectedGraph::Node> m_numbers;  // By comparisonKey().
   std::vector<EmailAddress> m_addresses;
   std::vector<Link> m_links;
   std::vector<Link> m_added;

@@ -6,9 +6,10 @@
 #include <utility>
 
 #include "base/Exception.h"
-#include "base/stringCompareNoCase.h"
 #include "database/Transaction.h"
 #include "failure/Failure.h"
+#include "tables/AddressKey.h"
+#include "tables/AliasGraph.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -38,7 +39,9 @@ AliasRow s_read(const TextRow& texts) {
 }  // namespace
 
 AliasTable::AliasTable(std::string table)
-    : m_table(std::move(table)), m_connection(std::string(s_database)) {}
+    : m_table(std::move(table)),
+      m_connection(std::string(s_database)),
+      m_spellings(m_connection, m_table, "name") {}
 
 AliasLook AliasTable::look(const EmailAddress& address) {
   return look(address, "");
@@ -55,31 +58,77 @@ AliasLook AliasTable::look(const EmailAddress& address, const char* lock) {
   for (const TextRow& texts : selectTexts(m_connection, statement, 2)) {
     look.row = s_read(texts);
     look.kind = AliasLook::Kind::Other;
+    look.isInTheWay = true;
     if (!look.row.alias.isNull() && look.row.alias == address) {
       look.kind = AliasLook::Kind::Present;
-      break;
+      return look;
     }
   }
+  lookSpelled(address, lock, look);
   return look;
 }
 
-std::map<EmailAddress, AliasRow> AliasTable::look(const std::set<EmailAddress>& addresses) {
-  std::map<EmailAddress, AliasRow> found;
-  for (auto next = addresses.begin(); next != addresses.end();) {
-    std::string names;
-    for (std::size_t i = 0; i < s_addressesPerStatement && next != addresses.end(); ++i, ++next) {
-      names += (names.empty() ? "'" : ",'") + emailAddressEscapedWrite(*next) + "'";
-    }
+// Takes the row of another spelling of `address` into `look`, if there is one.
+void AliasTable::lookSpelled(const EmailAddress& address, const char* lock, AliasLook& look) {
+  for (const std::string& name : m_spellings.spellingsOf(address.address())) {
     const std::string statement =
-        "select name, members from " + m_table + " where name in( " + names + " );";
+        "select name, members from " + m_table + " where name=" + literal(name) + lock + ";";
     for (const TextRow& texts : selectTexts(m_connection, statement, 2)) {
-      AliasRow row = s_read(texts);
-      // The collation may find more than was asked for.
-      const EmailAddress alias = row.alias;
-      if (addresses.count(alias) != 0) found.emplace(alias, std::move(row));
+      if (texts[0] != name) continue;
+      look.isInTheWay = look.isInTheWay && look.row.name == name;
+      look.row = s_read(texts);
+      look.kind = AliasLook::Kind::Spelled;
+      return;
     }
   }
+}
+
+std::map<EmailAddress, AliasRow> AliasTable::look(const std::set<EmailAddress>& addresses) {
+  std::vector<std::string> names;
+  for (const EmailAddress& address : addresses) names.push_back(address.address());
+  std::map<EmailAddress, AliasRow> found;
+  for (AliasRow& row : rowsOf(names)) {
+    // The collation may find more than was asked for.
+    const EmailAddress alias = row.alias;
+    if (addresses.count(alias) != 0) found.emplace(alias, std::move(row));
+  }
   return found;
+}
+
+std::map<EmailAddress, AliasRow> AliasTable::lookSpelled(const std::set<EmailAddress>& addresses) {
+  std::map<EmailAddress, AliasRow> found = look(addresses);
+  std::vector<std::string> missing;
+  for (const EmailAddress& address : addresses) {
+    if (found.count(address) == 0) missing.push_back(address.address());
+  }
+  std::map<std::string, std::string> asked;  // By the name of the row.
+  std::vector<std::string> names;
+  for (const auto& [text, name] : m_spellings.spellingsOf(missing)) {
+    if (asked.emplace(name, text).second) names.push_back(name);
+  }
+  for (AliasRow& row : rowsOf(names)) {
+    const auto text = asked.find(row.name);
+    if (text == asked.end()) continue;
+    found.emplace(EmailAddress::rfc5321Parse(text->second, true), std::move(row));
+  }
+  return found;
+}
+
+// The rows whose names the server considers equal to one of `names`.
+std::vector<AliasRow> AliasTable::rowsOf(const std::vector<std::string>& names) {
+  std::vector<AliasRow> rows;
+  for (std::size_t next = 0; next < names.size();) {
+    std::string list;
+    for (std::size_t i = 0; i < s_addressesPerStatement && next < names.size(); ++i, ++next) {
+      list += (list.empty() ? "" : ",") + literal(names[next]);
+    }
+    const std::string statement =
+        "select name, members from " + m_table + " where name in( " + list + " );";
+    for (const TextRow& texts : selectTexts(m_connection, statement, 2)) {
+      rows.push_back(s_read(texts));
+    }
+  }
+  return rows;
 }
 
 std::vector<AliasRow> AliasTable::rows(const std::string& domain) {
@@ -92,13 +141,12 @@ std::vector<AliasRow> AliasTable::rowsLocked() {
 
 std::vector<AliasRow> AliasTable::select(const std::string& domain, const std::string& end) {
   std::string statement = "select name, members from " + m_table;
-  if (!domain.empty()) statement += " where name like '%@" + domain + "'";
+  if (!domain.empty()) statement += " where " + domainCondition("name", domain);
+  const std::string key = comparisonDomain(domain);
   std::vector<AliasRow> rows;
   for (const TextRow& texts : selectTexts(m_connection, statement + end, 2)) {
     AliasRow row = s_read(texts);
-    // "_" in a pattern matches anything, and the collation may fold more than letter case.
-    const bool wanted =
-        domain.empty() || row.alias.isNull() || stringCompareNoCase(row.alias.domain(), domain, 0);
+    const bool wanted = domain.empty() || comparisonDomain(domainOf(row.name)) == key;
     if (wanted) rows.push_back(std::move(row));
   }
   std::stable_sort(rows.begin(), rows.end(),

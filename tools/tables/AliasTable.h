@@ -13,6 +13,7 @@
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingSearch.h"
 
 namespace Tessel::Tool {
 
@@ -31,12 +32,14 @@ struct AliasLook {
   enum class Kind {
     Absent,
     Present,  // `row` is the address's own row, whatever its state.
-    Other,  // The server answers with `row`, whose name it considers equal, but which is of another
-            // address.
+    Spelled,  // `row` is the address's row in another spelling (see AddressKey.h).
+    Other,    // The server answers with `row`, whose name it considers equal, but which is of
+              // another address.
   };
 
   Kind kind = Kind::Absent;
   AliasRow row;
+  bool isInTheWay = false;  // The server considers the name of `row` equal to the address.
 };
 
 // An alias table, over its own connection. Failures of the database pass as Exception. One thread.
@@ -55,9 +58,11 @@ class AliasTable {
   // for many with one statement.
   std::map<EmailAddress, AliasRow> look(const std::set<EmailAddress>& addresses);
 
-  // All rows, or those of `domain` where it is not empty, which must be known to be safe inside a
-  // pattern but for "_"; compared without regard to ASCII letter case. In the order of addresses,
-  // rows without a readable name first.
+  // The same, also in other spellings.
+  std::map<EmailAddress, AliasRow> lookSpelled(const std::set<EmailAddress>& addresses);
+
+  // All rows, or those of `domain` in any spelling where it is not empty. In the order of
+  // addresses, rows without a readable name first.
   std::vector<AliasRow> rows(const std::string& domain);
 
   // All rows as rows() has them, locked until the end of the transaction.
@@ -76,10 +81,13 @@ class AliasTable {
 
  private:
   AliasLook look(const EmailAddress& address, const char* lock);
+  void lookSpelled(const EmailAddress& address, const char* lock, AliasLook& look);
+  std::vector<AliasRow> rowsOf(const std::vector<std::string>& names);
   std::vector<AliasRow> select(const std::string& domain, const std::string& end);
 
   std::string m_table;
   Database::Connection m_connection;
+  SpellingSearch m_spellings;
 };
 
 }  // namespace Tessel::Tool

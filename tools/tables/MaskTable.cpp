@@ -5,8 +5,9 @@
 #include <string_view>
 #include <utility>
 
-#include "base/stringCompareNoCase.h"
 #include "database/Transaction.h"
+#include "tables/AddressKey.h"
+#include "tables/AliasGraph.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -31,25 +32,9 @@ MaskRow s_row(std::string_view privateText, std::string_view publicText) {
   return row;
 }
 
-bool s_endsIn(std::string_view text, std::string_view end) {
-  return text.size() >= end.size() &&
-         stringCompareNoCase(text.substr(text.size() - end.size()), end, 0);
-}
-
-// `domain` as a pattern that matches nothing else.
-std::string s_pattern(const std::string& domain) {
-  std::string pattern = "%@";
-  for (const char c : domain) {
-    if (c == '%' || c == '_' || c == '\\') pattern += '\\';
-    pattern += c;
-  }
-  return pattern;
-}
-
 Failure s_otherSpelling(const EmailAddress& address, const MaskRow& row, const std::string& table) {
   return {ExitCode::BadData, "private address " + address.address(),
-          "the server takes it for that of the row " + textOf({row}) + " of table " + table +
-              ", which is spelled differently (the same characters in another encoding, perhaps)",
+          "table " + table + " has it in another spelling, in the row " + textOf({row}),
           "use the spelling of that row, or remove that row first"};
 }
 
@@ -72,7 +57,10 @@ MaskSide otherSide(MaskSide side) {
 }
 
 MaskTable::MaskTable(std::string table)
-    : m_table(std::move(table)), m_connection(std::string(s_database)) {}
+    : m_table(std::move(table)),
+      m_connection(std::string(s_database)),
+      m_private(m_connection, m_table, "private"),
+      m_public(m_connection, m_table, "public") {}
 
 std::vector<MaskRow> MaskTable::select(const std::string& condition) {
   std::vector<MaskRow> rows;
@@ -83,8 +71,18 @@ std::vector<MaskRow> MaskTable::select(const std::string& condition) {
   return rows;
 }
 
-std::vector<MaskRow> MaskTable::with(MaskSide side, const EmailAddress& address) {
-  return select(std::string(" where ") + textOf(side) + "=" + literal(address.address()));
+std::vector<MaskRow> MaskTable::spelled(MaskSide side, const EmailAddress& address,
+                                        const char* lock) {
+  std::vector<MaskRow> found;
+  SpellingSearch& spellings = side == MaskSide::Public ? m_public : m_private;
+  for (const std::string& text : spellings.spellingsOf(address.address())) {
+    std::string condition = std::string(" where ") + textOf(side) + "=" + literal(text) + lock;
+    for (MaskRow& row : select(condition)) {
+      if ((side == MaskSide::Public ? row.publicText : row.privateText) != text) continue;
+      found.push_back(std::move(row));
+    }
+  }
+  return found;
 }
 
 std::vector<MaskRow> MaskTable::wildcards() {
@@ -95,10 +93,10 @@ std::vector<MaskRow> MaskTable::wildcards() {
 
 std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
   std::vector<MaskRow> rows =
-      select(domain.empty() ? "" : " where private like " + literal(s_pattern(domain)));
-  // The collation may fold more than letter case.
+      select(domain.empty() ? "" : " where " + domainCondition("private", domain));
+  const std::string key = comparisonDomain(domain);
   std::erase_if(rows, [&](const MaskRow& row) {
-    return !domain.empty() && !s_endsIn(row.privateText, "@" + domain);
+    return !domain.empty() && comparisonDomain(domainOf(row.privateText)) != key;
   });
   std::stable_sort(rows.begin(), rows.end(), [](const MaskRow& a, const MaskRow& b) {
     return a.privateAddress < b.privateAddress;
@@ -118,14 +116,21 @@ bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& 
   Database::Transaction transaction(m_connection);
   // Locked until the write, so that what was seen still holds then. Without a change, the right to
   // read is enough.
-  const std::string lock = dryRun ? "" : " for update";
+  const char* const lock = dryRun ? "" : " for update";
   const std::vector<MaskRow> present = select(privateIs + lock);
-  for (const MaskRow& row : present) {
-    if (!(row.privateAddress == privateAddress))
-      throw s_otherSpelling(privateAddress, row, m_table);
+  for (const std::vector<MaskRow>& rows :
+       {present, spelled(MaskSide::Private, privateAddress, lock)}) {
+    for (const MaskRow& row : rows) {
+      if (!(row.privateAddress == privateAddress))
+        throw s_otherSpelling(privateAddress, row, m_table);
+    }
   }
-  for (const MaskRow& row : select(std::string(" where public=").append(publicText).append(lock))) {
-    if (!(row.privateAddress == privateAddress)) throw s_taken(publicAddress, row, m_table);
+  for (const std::vector<MaskRow>& rows :
+       {select(std::string(" where public=").append(publicText).append(lock)),
+        spelled(MaskSide::Public, publicAddress, lock)}) {
+    for (const MaskRow& row : rows) {
+      if (!(row.privateAddress == privateAddress)) throw s_taken(publicAddress, row, m_table);
+    }
   }
   if (dryRun) return !present.empty();
   runStatement(m_connection,
@@ -159,15 +164,18 @@ std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
 bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
                        bool dryRun) {
   Database::Transaction transaction(m_connection);
-  const std::string condition = " where private=" + literal(privateAddress.address());
-  const std::vector<MaskRow> rows = select(condition + (dryRun ? "" : " for update"));
-  const bool present = std::any_of(rows.begin(), rows.end(), [&](const MaskRow& row) {
-    return row.privateAddress == privateAddress && row.publicAddress == publicAddress;
-  });
-  if (!present || dryRun) return present;
-  runStatement(m_connection, "delete from " + m_table + condition + ";");
+  const std::string key = comparisonKey(publicAddress.address());
+  bool present = false;
+  for (const MaskRow& row :
+       spelled(MaskSide::Private, privateAddress, dryRun ? "" : " for update")) {
+    if (row.publicAddress.isNull() || comparisonKey(row.publicAddress.address()) != key) continue;
+    present = true;
+    if (dryRun) continue;
+    runStatement(m_connection,
+                 "delete from " + m_table + " where private=" + literal(row.privateText) + ";");
+  }
   transaction.commit();
-  return true;
+  return present;
 }
 
 std::size_t MaskTable::removeDomain(const std::string& domain) {

@@ -11,6 +11,7 @@
 #include "database/Connection.h"
 #include "failure/Failure.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingSearch.h"
 
 namespace Tessel::Tool {
 
@@ -41,20 +42,20 @@ class MaskTable {
   // `table` is the SQL name, which must be known to be safe.
   explicit MaskTable(std::string table);
 
-  // What the server finds for `address` on `side`: at most one row, which may be that of an address
-  // that it considers equal.
-  std::vector<MaskRow> with(MaskSide side, const EmailAddress& address);
+  // The rows whose address on `side` is `address` in any spelling (see AddressKey.h). `lock` is the
+  // end of the statement.
+  std::vector<MaskRow> spelled(MaskSide side, const EmailAddress& address, const char* lock = "");
 
   // The rows with a "*" in either address that are not broken, in the order of the server.
   std::vector<MaskRow> wildcards();
 
-  // All rows, or those whose private text ends in "@" and `domain` where it is not empty, compared
-  // without regard to ASCII letter case. `domain` must be as parseDomain() gives it. In the order
-  // of private addresses, rows without a readable one first.
+  // All rows, or those whose private address is of `domain` in any spelling where it is not empty.
+  // In the order of private addresses, rows without a readable one first.
   std::vector<MaskRow> rows(const std::string& domain);
 
   // Adds the pair, or changes the public address of the row of its private one. Throws Failure,
-  // `BadData`, when another row has the public address, or one that the server considers equal.
+  // `BadData`, when another row has the public address, or one of the two in another spelling, or
+  // one that the server considers equal.
   // With `dryRun` nothing is written. True when there was a row of the private address.
   bool set(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
 
@@ -62,8 +63,8 @@ class MaskTable {
   // the rows that have either then. Throws Failure, `BadData`, when two rows have one each.
   std::vector<MaskRow> force(const EmailAddress& privateAddress, const EmailAddress& publicAddress);
 
-  // Removes the row of exactly this pair. False when there is none. With `dryRun` nothing is
-  // written.
+  // Removes the row of this pair, in any spelling. False when there is none. With `dryRun` nothing
+  // is written.
   bool remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
 
   // Removes what rows() returns for `domain`, which must not be empty. The number of rows.
@@ -75,6 +76,8 @@ class MaskTable {
 
   std::string m_table;
   Database::Connection m_connection;
+  SpellingSearch m_private;
+  SpellingSearch m_public;
 };
 
 // The rows as they are in the table: "'PRIVATE:PUBLIC', 'PRIVATE:PUBLIC'".
