@@ -5,7 +5,7 @@
 # _tsl_address_map_commands GROUP: the words that may follow; none behind a whole command.
 _tsl_address_map_commands() {
   case $1 in
-    "") echo alias check domain init local mask serve status table user ;;
+    "") echo alias answer check domain init local mask serve status table user ;;
     alias) echo add drop expand export import list remove set show tree who ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
@@ -19,6 +19,7 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
+    answer) echo --delimiter --extension --from --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;

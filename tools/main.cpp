@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "AnswerCommand.h"
 #include "ServeCommand.h"
 #include "cli/Command.h"
 #include "cli/Session.h"
@@ -59,6 +60,7 @@ void s_addCommands(Command& top) {
   addStatusCommand(top);
   addAliasCommands(top);
   addMaskCommands(top);
+  Serve::addAnswerCommand(top);
   addCheckCommand(top);
   addTableCommands(top);
   addDomainCommands(top);

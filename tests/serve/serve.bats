@@ -134,6 +134,45 @@ PERM there is no such map
 OK ann+sport@example.com,bob+sport@example.net"
 }
 
+@test "answer shows what becomes of mail, by the database and by the service" {
+  local address=$'mask_private\tTEAM+x@out.example\t'
+  tool mask set team@example.com team@out.example
+  tool alias set team@example.com ann@users.example gone@users.example bob@far.example
+  expected="$address"$'OK team+x@example.com
+alias\tteam+x@example.com\tOK ann+x@users.example,bob+x@far.example,gone+x@users.example
+recipient\tann+x@users.example\tmailbox
+recipient\tbob+x@far.example\telsewhere
+recipient\tgone+x@users.example\trefused'
+  run -1 --separate-stderr tool answer TEAM+x@out.example
+  equal "$output" "$expected"
+  run -0 tool answer ann@users.example bob@far.example --json
+  equal "$(python3 -c 'import json, sys
+for one in json.load(sys.stdin): print(one["address"], one["fate"], one["recipients"], one["steps"][1])' <<<"$output")" \
+    "ann@users.example mailbox [{'address': 'ann@users.example', 'fate': 'mailbox'}] {'map': 'alias', 'key': 'ann@users.example', 'result': 'NOTFOUND', 'data': ''}
+bob@far.example elsewhere [{'address': 'bob@far.example', 'fate': 'elsewhere'}] {'map': 'alias', 'key': 'bob@far.example', 'result': 'NOTFOUND', 'data': ''}"
+  start_service --refresh 1h
+  wait_for answers 'mask_public team@example.com' 'OK team@out.example'
+  wait_for answers 'domain users.example' 'OK users.example'
+  run -1 --separate-stderr tool answer TEAM+x@out.example --from "unix:$socket"
+  equal "$output$stderr" "$expected"
+  # What the service has not seen yet.
+  tool alias set team@example.com ann@users.example
+  run -1 --separate-stderr tool answer team@example.com --from "unix:$socket"
+  contains "$output" $'recipient\tgone@users.example\trefused'
+  equal "$stderr" "tsl-address-map: warning: the service answers for team@example.com otherwise than the database: its rows are older, or its options differ from those that were given here
+tsl-address-map:   by the database: ann@users.example, mailbox"
+  run -75 --separate-stderr tool --table none answer ann@users.example --from "unix:$socket"
+  contains "$stderr" "the answers of the service were not compared with the database: "
+  contains "$output" "TEMP there is no such table"
+  run -64 --separate-stderr tool answer ann@users.example --from "$socket"
+  contains "$stderr" "--from '$socket': it does not begin with a kind of socket"
+  run -75 --separate-stderr tool answer ann@users.example --from "unix:$directory/nobody"
+  contains "$stderr" "the service at unix:$directory/nobody: No such file or directory"
+  run -75 --separate-stderr tool --cmf "$directory" answer ann@users.example
+  contains "$output" $'recipient\tann@users.example\twaits'
+  contains "$stderr" "warning: the configuration cannot be read: "
+}
+
 @test "a change is seen within a second of its commit, each of a row of changes" {
   start_service
   wait_for answers 'alias team@example.com' "$found"

@@ -1,0 +1,52 @@
+// The lookup of the service on the tables and the configuration as they are now.
+#include "serve/answer/DatabaseLookup.h"
+
+#include <exception>
+#include <memory>
+
+#include "base/Exception.h"
+#include "database/Connection.h"
+#include "failure/Failure.h"
+#include "serve/image/ConfigurationImage.h"
+#include "tables/TableFormat.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+std::string s_select(const Tool::TableFormat& format, const std::string& table) {
+  return std::string("select ") + format.key + ", " + format.value + " from " +
+         Tool::quotedName(table) + ";";
+}
+
+}  // namespace
+
+DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name)
+    : m_tables(settings), m_lookup(settings, m_tables, m_metrics, m_log) {
+  Database::Connection connection{std::string(Tool::s_database)};
+  for (const TableKind kind : {TableKind::Alias, TableKind::Mask}) {
+    const Tool::TableFormat& format =
+        kind == TableKind::Alias ? Tool::TableFormat::alias() : Tool::TableFormat::mask();
+    const TablePointer table = m_tables.add(Tool::sqlTableName(kind, name));
+    const auto rows = [&](const TakeRow& take) {
+      Tool::selectPairs(connection, s_select(format, table->sqlName()), take);
+    };
+    table->publish(std::make_shared<const TableImage>(kind, rows));
+    table->confirm(Clock::now());
+  }
+  try {
+    m_tables.configuration().publish(
+        std::make_shared<const ConfigurationImage>(copyConfiguration()), Clock::now());
+  } catch (const Exception& exception) {
+    m_fault = Tool::reasonOf(exception);
+  } catch (const std::exception& exception) {
+    m_fault = exception.what();
+  }
+}
+
+std::string DatabaseLookup::ask(const std::string& map, const std::string& key) {
+  return *m_lookup.reply(map + " " + key);
+}
+
+}  // namespace Tessel::Serve

@@ -1,0 +1,109 @@
+// What a mail server does with mail to an address.
+#include "serve/answer/MailPath.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string_view>
+
+#include "address/EmailAddress.h"
+#include "serve/image/Pages.h"
+#include "tables/AddressKey.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+constexpr std::string_view s_ok = "OK ";
+constexpr std::string_view s_notFound = "NOTFOUND ";
+
+class Follower {
+ public:
+  Follower(const std::string& table, const AskMap& ask)
+      : m_suffix(table.empty() ? "" : "." + table), m_ask(ask) {}
+
+  MailPath follow(const std::string& address) {
+    const std::string masked = step("mask_private", address);
+    if (isFailure(masked)) return std::move(m_path);
+    const std::string recipient = masked.starts_with(s_ok) ? masked.substr(s_ok.size()) : address;
+    if (!expand(recipient)) return std::move(m_path);
+    m_path.fate = m_finals.empty() ? Fate::Refused : Fate::Mailbox;
+    for (const EmailAddress& final : m_finals) {
+      const Fate fate = fateOf(final);
+      m_path.recipients.push_back({final.address(), fate});
+      m_path.fate = std::max(m_path.fate, fate);
+    }
+    return std::move(m_path);
+  }
+
+ private:
+  static bool isFailure(const std::string& reply) {
+    return !reply.starts_with(s_ok) && !reply.starts_with(s_notFound);
+  }
+
+  std::string step(const std::string& map, const std::string& key) {
+    std::string reply = m_ask(map + m_suffix, key);
+    m_path.steps.push_back({map + m_suffix, key, reply});
+    return reply;
+  }
+
+  // Adds the members of the alias `address`, or itself. False when a lookup fails.
+  bool expand(const std::string& address) {
+    const std::string reply = step("alias", address);
+    if (isFailure(reply)) return false;
+    const bool isAlias = reply.starts_with(s_ok);
+    const std::string list = isAlias ? reply.substr(s_ok.size()) : address;
+    for (const EmailAddress& one : EmailAddress::rfc5322ParseSet(list, true, false)) {
+      std::string key;
+      const bool isPage = Tool::addressKey(one.address(), key) && Pages::isPage(key);
+      if (!isPage) {
+        m_finals.insert(one);
+      } else if (!expand(one.address())) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  Fate fateOf(const EmailAddress& address) {
+    if (address.domain().empty()) return Fate::Elsewhere;
+    auto domain = m_domains.find(address.domain());
+    if (domain == m_domains.end()) {
+      domain = m_domains.emplace(address.domain(), m_ask("domain", address.domain())).first;
+    }
+    if (isFailure(domain->second)) return Fate::Waits;
+    if (!domain->second.starts_with(s_ok)) return Fate::Elsewhere;
+    const std::string mailbox = m_ask("mailbox", address.address());
+    if (isFailure(mailbox)) return Fate::Waits;
+    return mailbox.starts_with(s_ok) ? Fate::Mailbox : Fate::Refused;
+  }
+
+  const std::string m_suffix;
+  const AskMap& m_ask;
+  MailPath m_path;
+  std::set<EmailAddress> m_finals;
+  std::map<std::string, std::string> m_domains;  // The replies for them.
+};
+
+}  // namespace
+
+const char* textOf(Fate fate) {
+  switch (fate) {
+    case Fate::Mailbox:
+      return "mailbox";
+    case Fate::Elsewhere:
+      return "elsewhere";
+    case Fate::Refused:
+      return "refused";
+    case Fate::Waits:
+      return "waits";
+  }
+  return "";
+}
+
+MailPath mailPathOf(const std::string& address, const std::string& table, const AskMap& ask) {
+  return Follower(table, ask).follow(address);
+}
+
+}  // namespace Tessel::Serve

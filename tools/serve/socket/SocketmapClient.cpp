@@ -1,0 +1,107 @@
+// Asks a lookup service as mail servers do.
+#include "serve/socket/SocketmapClient.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+#include "failure/Failure.h"
+#include "serve/socket/Netstring.h"
+
+namespace Tessel::Serve {
+
+namespace {
+
+constexpr timeval s_patience{30, 0};
+// Longer replies are none: --max-reply allows no more.
+constexpr std::size_t s_longestReply = 100000000;
+
+std::string s_nameOf(const ListenAddress& address) {
+  if (address.kind == ListenAddress::Kind::Unix) return "unix:" + address.path;
+  return "inet:" + address.host + ":" + std::to_string(address.port);
+}
+
+int s_connect(int descriptor, const ListenAddress& address) {
+  if (address.kind == ListenAddress::Kind::Unix) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    address.path.copy(name.sun_path, sizeof(name.sun_path) - 1);
+    return connect(descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof(name));
+  }
+  sockaddr_in v4{};
+  if (inet_pton(AF_INET, address.host.c_str(), &v4.sin_addr) == 1) {
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(address.port);
+    return connect(descriptor, reinterpret_cast<const sockaddr*>(&v4), sizeof(v4));
+  }
+  sockaddr_in6 v6{};
+  inet_pton(AF_INET6, address.host.c_str(), &v6.sin6_addr);
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = htons(address.port);
+  return connect(descriptor, reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
+}
+
+int s_familyOf(const ListenAddress& address) {
+  if (address.kind == ListenAddress::Kind::Unix) return AF_UNIX;
+  return address.host.find(':') == std::string::npos ? AF_INET : AF_INET6;
+}
+
+}  // namespace
+
+SocketmapClient::SocketmapClient(const ListenAddress& address) : m_name(s_nameOf(address)) {
+  if (address.isLineProtocol) {
+    throw Tool::Failure(Tool::ExitCode::Usage, "--from", "it is an address of the line protocol",
+                        "name a socket of the service that begins with unix: or inet:");
+  }
+  m_descriptor = socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0);
+  setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &s_patience, sizeof(s_patience));
+  setsockopt(m_descriptor, SOL_SOCKET, SO_SNDTIMEO, &s_patience, sizeof(s_patience));
+  if (s_connect(m_descriptor, address) == 0) return;
+  const std::string why = std::generic_category().message(errno);
+  close(m_descriptor);
+  fail(why);
+}
+
+SocketmapClient::~SocketmapClient() {
+  close(m_descriptor);
+}
+
+void SocketmapClient::fail(const std::string& why) const {
+  throw Tool::Failure(Tool::ExitCode::Unavailable, "the service at " + m_name, why,
+                      "see whether it runs and listens there, and who may connect");
+}
+
+std::string SocketmapClient::ask(const std::string& map, const std::string& key) {
+  std::string request;
+  appendNetstring(request, map + " " + key);
+  for (std::string_view left = request; !left.empty();) {
+    const ssize_t sent = send(m_descriptor, left.data(), left.size(), MSG_NOSIGNAL);
+    if (sent < 0) fail(std::generic_category().message(errno));
+    left.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  while (true) {
+    const NetstringFrame frame = parseNetstring(m_received, s_longestReply);
+    if (frame.state == NetstringFrame::State::Frame) {
+      std::string reply(frame.payload);
+      m_received.erase(0, frame.consumed);
+      return reply;
+    }
+    if (frame.state != NetstringFrame::State::NeedMore) fail("it does not speak socketmap");
+    std::array<char, 65536> bytes;
+    const ssize_t size = recv(m_descriptor, bytes.data(), bytes.size(), 0);
+    if (size == 0) fail("it closed the connection");
+    if (size < 0) fail(std::generic_category().message(errno));
+    m_received.append(bytes.data(), static_cast<std::size_t>(size));
+  }
+}
+
+}  // namespace Tessel::Serve
