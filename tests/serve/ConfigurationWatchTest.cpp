@@ -229,14 +229,15 @@ TEST_F(ConfigurationWatchTest, AnEmptiedLockFileIsMadeAgain) {
   EXPECT_THAT(logged(), HasSubstr("lock.mdb is damaged, or was truncated"));
 }
 
-TEST_F(ConfigurationWatchTest, TheMessageNamesTheDirectoryAndTheRightsThatAreNeeded) {
+TEST_F(ConfigurationWatchTest, TheMessageNamesTheDirectoryAndWhatIsWrongThere) {
   const ServedFiles files;
   std::filesystem::remove(files.lock());
   watch();
   const std::string text = logged();
   EXPECT_THAT(text, HasSubstr("the configuration of domains and mail users in " +
                               files.data().substr(0, files.data().rfind('/'))));
-  EXPECT_THAT(text, HasSubstr("needs the rights to read data.mdb and to write lock.mdb"));
+  EXPECT_THAT(text, HasSubstr(" cannot be read: lock.mdb is missing in "));
+  EXPECT_THAT(text, HasSubstr("mailbox, domain and aliases for all users are answered TEMP"));
 }
 
 TEST_F(ConfigurationWatchTest, AHostWithoutAConfigurationIsLeftInPeaceUntilSomebodyAsks) {

@@ -3,6 +3,7 @@
 # without capabilities, an SQL user that may only read, and the system calls of the unit.
 
 load ../tools/helper
+load service
 
 unit=$BATS_TEST_DIRNAME/../../packaging/systemd/tsl-address-map.service
 
@@ -43,15 +44,18 @@ unprivileged() {
   exec setpriv --reuid=nobody --regid=nogroup --clear-groups --no-new-privs --bounding-set=-all --inh-caps=-all "$@"
 }
 
-# Starts the service by $@ and waits until it answers all maps.
-start_service() {
-  "$@" "$TSL_TOOL" --option-file "$directory/client.cnf" --cmf "$SERVER/cmf" serve \
+# Starts the service by $@.
+run_service() {
+  "$@" "$TSL_TOOL" --option-file "$directory/client.cnf" --cmf "$SERVER/cmf" serve "${options[@]}" \
     --listen "unix:$directory/socketmap" --snapshot "$directory/state" 2>>"$directory/log" 3>&- &
   service=$!
-  for ((i = 0; i < 400; i++)); do
-    [ "$(answers 2>/dev/null)" != "$expected" ] || return 0
-    sleep 0.05
-  done
+}
+options=()
+
+# The same, and waits until it answers all maps.
+start_service() {
+  run_service "$@"
+  wait_for has_all && return
   answers
   cat "$directory/log"
   return 1
@@ -73,6 +77,22 @@ for request in (b"alias team@example.com", b"mask_public ann@inner.example", b"m
                 b"mailbox ann@users.example", b"domain users.example"):
     print(client.ask(request).decode())
 PYTHON
+}
+
+has_all() { [ "$(answers 2>/dev/null)" == "$expected" ]; }
+
+@test "a right on the configuration that is missing is named, with the way to grant it, and so is its end" {
+  choose_port
+  options=(--metrics "127.0.0.1:$port")
+  chgrp mail "$SERVER/cmf"
+  run_service unprivileged
+  wait_for log_has "cannot be read"
+  contains "$(get ready)" "503 configuration: it could not be read yet"
+  log_has "the configuration of domains and mail users in $SERVER/cmf cannot be read: the user nobody (groups: nogroup) may not enter $SERVER/cmf (root:mail, mode 0750); add the user to the group mail and restart the service"
+  chgrp nogroup "$SERVER/cmf"
+  wait_for is_ready
+  log_has "can be read again"
+  equal "$(grep -c -e "cannot be read" -e "can be read again" "$directory/log")" 2
 }
 
 @test "a user without any special right is enough" {

@@ -4,6 +4,7 @@
 # harms one, a common one for the others.
 
 load ../tools/helper
+load service
 
 setup_file() {
   start_server
@@ -36,18 +37,6 @@ end_service() {
   kill -TERM "$service" 2>/dev/null || true
   wait "$service" || true
   service=
-}
-
-# Runs "$@" until it succeeds, for at most 20 s.
-wait_for() {
-  local i
-  for ((i = 0; i < 400; i++)); do
-    "$@" >/dev/null 2>&1 && return
-    sleep 0.05
-  done
-  printf 'never succeeded: %s\n' "$*"
-  cat "$directory/log"
-  return 1
 }
 
 # Sends the requests $@ over one connection and prints the replies, one per line.
@@ -258,12 +247,11 @@ PYTHON
 }
 
 @test "metrics, health and readiness are served over HTTP, without an address" {
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  choose_port
   start_service --metrics "127.0.0.1:$port"
   wait_for answers 'alias team@example.com' "$found"
-  get() { python3 -c 'import sys, urllib.request; print(urllib.request.urlopen(sys.argv[1]).read().decode())' "http://127.0.0.1:$port/$1"; }
-  equal "$(get health)" "ok"
-  wait_for get ready
+  equal "$(get health)" "200 ok"
+  wait_for is_ready
   metrics=$(get metrics)
   contains "$metrics" 'tsl_address_map_requests_total{map="alias",result="ok"}'
   contains "$metrics" 'tsl_address_map_rows{table="alias"} 1'
@@ -271,25 +259,16 @@ PYTHON
 }
 
 @test "a missing table is answered TEMP and is not ready until SIGHUP confirms that it is gone" {
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  choose_port
   sql 'drop table if exists alias_passing; create table alias_passing like alias; insert into alias_passing select * from alias;'
   start_service --metrics "127.0.0.1:$port"
   wait_for answers 'alias.passing team@example.com' "$found"
   sql 'drop table alias_passing;'
   wait_for answers 'alias.passing team@example.com' 'TEMP the table is missing in the database'
-  get() {
-    python3 - "http://127.0.0.1:$port/$1" <<'PYTHON'
-import sys, urllib.request, urllib.error
-try:
-    print(urllib.request.urlopen(sys.argv[1]).read().decode())
-except urllib.error.HTTPError as error:
-    print(error.code, error.read().decode())
-PYTHON
-  }
   contains "$(get ready)" '503 alias_passing: the table is missing in the database'
   kill -HUP "$service"
   wait_for answers 'alias.passing team@example.com' 'TEMP there is no such table'
-  [[ $(get ready) != 503* ]]
+  is_ready
   [[ $(get metrics) != *alias_passing* ]]
 }
 
@@ -409,7 +388,7 @@ start_with_configuration() {
 }
 
 @test "a service that starts with a damaged configuration answers what needs none, and says what is wrong" {
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  choose_port
   mkdir "$directory/cmf"
   : >"$directory/cmf/lock.mdb"
   head -c 20000 /dev/urandom >"$directory/cmf/data.mdb"
@@ -419,19 +398,10 @@ start_with_configuration() {
 TEMP the configuration of domains and mail users cannot be read
 $found"
   wait_for grep -q "mail users in $directory/cmf cannot be read" "$directory/log"
-  ready() {
-    python3 - "http://127.0.0.1:$port/ready" <<'PYTHON'
-import sys, urllib.error, urllib.request
-try:
-    print(urllib.request.urlopen(sys.argv[1]).read().decode())
-except urllib.error.HTTPError as error:
-    print(error.code, error.read().decode())
-PYTHON
-  }
-  contains "$(ready)" "503 configuration: it could not be read yet"
+  contains "$(get ready)" "503 configuration: it could not be read yet"
   cp "$SERVER/cmf/data.mdb" "$directory/cmf/"
   wait_for answers 'mailbox ann@users.example' 'OK ann@users.example'
-  equal "$(ready)" "ready"
+  is_ready
 }
 
 @test "the process that reads the configuration is replaced when it dies, and dies with the service" {

@@ -2,7 +2,6 @@
 #include "serve/image/ConfigurationWatch.h"
 
 #include <poll.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "serve/base/AccessRights.h"
 #include "serve/image/ConfigurationHelper.h"
 #include "tables/Configuration.h"
 
@@ -35,15 +35,6 @@ constexpr milliseconds s_step{20};
 // Thrown instead of an answer when the watch, or the helper, ends.
 struct Stopped {};
 struct Ended {};
-
-std::string s_user() {
-  std::array<char, 4096> buffer{};
-  passwd entry{};
-  passwd* found = nullptr;
-  const uid_t id = geteuid();
-  getpwuid_r(id, &entry, buffer.data(), buffer.size(), &found);
-  return found != nullptr ? found->pw_name : std::to_string(id);
-}
 
 // True when there are files of a configuration, also when they are out of reach.
 bool s_isThere(const std::filesystem::path& directory) {
@@ -198,13 +189,15 @@ void ConfigurationWatch::available() {
 
 // Reports that the configuration cannot be read, if anybody needs it.
 void ConfigurationWatch::fail(const std::string& why) {
-  if (why == m_failure || !m_configuration.isNeeded()) return;
-  m_failure = why;
-  const auto age = m_configuration.age(Clock::now());
-  m_log.error(
-      m_name + " cannot be read: " + why + "; the user " + s_user() +
-      " needs the rights to read data.mdb and to write lock.mdb; " +
-      (age ? "what was read last still answers" : "mailboxes and domains are answered TEMP"));
+  if (!m_configuration.isNeeded()) return;
+  const std::string right = missingRight(m_directory);
+  const std::string& reason = right.empty() ? why : right;
+  if (reason == m_failure) return;
+  m_failure = reason;
+  const bool isKnown = m_configuration.age(Clock::now()).has_value();
+  m_log.error(m_name + " cannot be read: " + reason + "; " +
+              (isKnown ? "what was read last still answers"
+                       : "mailbox, domain and aliases for all users are answered TEMP"));
 }
 
 // Ends the helper, which failed because of `why`. The pause before the next one.
