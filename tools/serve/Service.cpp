@@ -44,8 +44,8 @@ using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream
 
 // Wait before the next connection is accepted when there are no descriptors left.
 constexpr std::chrono::milliseconds s_acceptPause{100};
-// How long the end waits for the database.
-constexpr std::chrono::milliseconds s_databasePatience{2000};
+// How long the end waits for the database: it reads only, so nothing is lost.
+constexpr std::chrono::milliseconds s_databasePatience{200};
 // Descriptors for other things than connections.
 constexpr std::size_t s_otherDescriptors = 64;
 

@@ -27,6 +27,8 @@ constexpr int s_requestsAtOnce = 16;
 constexpr std::chrono::microseconds s_timeAtOnce{200};
 // How long a mail server has to read why the connection ends.
 constexpr std::chrono::milliseconds s_lingering{2000};
+// How long a mail server that is silent may delay the end of the service.
+constexpr std::chrono::milliseconds s_drainPatience{300};
 
 // True when the last call failed only because it would have had to wait.
 bool s_mustWait() {
@@ -100,13 +102,14 @@ void Peer::endIfLate(Clock::time_point now) {
   close();
 }
 
-// A mail server that keeps asking must not delay the exit: what arrives from now on is not waited
-// for, but for the rest of a request.
+// A mail server that keeps asking must not delay the exit, nor one that is silent: from now on only
+// the rest of a request is waited for, and for a moment only.
 void Peer::drain() {
   int waiting = 0;
   if (!isOpen()) return;
   if (ioctl(m_descriptor, FIONREAD, &waiting) != 0) return close();
   m_isDraining = true;
+  m_hadProgress = true;  // A new deadline.
   m_arrived = static_cast<std::size_t>(waiting);
   settle();
 }
@@ -285,6 +288,10 @@ void Peer::setDeadline(bool hasProgress) {
   if (phase == Phase::First) m_deadline = std::min(m_deadline, m_shared.now + settings.idleTimeout);
   if (phase == Phase::Idle) m_deadline = m_shared.now + settings.idleTimeout;
   if (phase == Phase::Ending) m_deadline = std::min(m_deadline, m_shared.now + s_lingering);
+  const bool isMailServersTurn = !m_isWaiting && !m_isQueued;
+  if (m_isDraining && isMailServersTurn) {
+    m_deadline = std::min(m_deadline, m_shared.now + s_drainPatience);
+  }
 }
 
 }  // namespace Tessel::Serve

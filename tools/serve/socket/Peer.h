@@ -51,7 +51,8 @@ class Peer {
   void resume();
   // Closes the connection if its time is over at `now`.
   void endIfLate(Clock::time_point now);
-  // Answers what has arrived, then closes the connection.
+  // Answers what has arrived, then closes the connection. Waits a moment for a mail server that is
+  // silent.
   void drain();
   // Closes the connection at once.
   void close();

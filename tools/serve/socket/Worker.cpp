@@ -17,8 +17,9 @@ namespace Tessel::Serve {
 namespace {
 
 constexpr int s_eventsAtOnce = 256;
-// How often connections are looked at whose time may be over.
+// How often connections are looked at whose time may be over; while they end.
 constexpr std::chrono::milliseconds s_sweepInterval{1000};
+constexpr std::chrono::milliseconds s_drainInterval{50};
 
 }  // namespace
 
@@ -67,6 +68,7 @@ void Worker::take(int descriptor, bool isLineProtocol, bool isOneTooMany) {
 
 void Worker::drain() {
   m_inbox->post([this] {
+    m_isDraining = true;
     for (Peer& peer : m_peers) peer.drain();
   });
 }
@@ -111,9 +113,10 @@ void Worker::open(int descriptor, bool isLineProtocol, bool isOneTooMany) {
 
 void Worker::run() {
   std::array<epoll_event, s_eventsAtOnce> events{};
-  Clock::time_point nextSweep = Clock::now() + s_sweepInterval;
+  Clock::time_point lastSweep = Clock::now();
   while (!m_isEnding) {
-    const auto patience = m_shared.queue.empty() ? s_sweepInterval : std::chrono::milliseconds(0);
+    const auto interval = m_isDraining ? s_drainInterval : s_sweepInterval;
+    const auto patience = m_shared.queue.empty() ? interval : std::chrono::milliseconds(0);
     const int count = epoll_wait(m_events.number(), events.data(), s_eventsAtOnce,
                                  static_cast<int>(patience.count()));
     m_shared.now = Clock::now();
@@ -131,9 +134,9 @@ void Worker::run() {
       m_shared.queue.pop_front();
       next->goOn();
     }
-    if (m_shared.now < nextSweep) continue;
+    if (m_shared.now < lastSweep + interval) continue;
     sweep();
-    nextSweep = m_shared.now + s_sweepInterval;
+    lastSweep = m_shared.now;
   }
 }
 

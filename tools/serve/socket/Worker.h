@@ -85,6 +85,7 @@ class Worker {
   Peer::Shared m_shared;
   const std::function<void()> m_closed;
   std::list<Peer> m_peers;  // The next sweep removes those that are closed.
+  bool m_isDraining = false;
   bool m_isEnding = false;
   std::atomic<std::size_t> m_count = 0;
   std::atomic<bool> m_isAsked = false;
