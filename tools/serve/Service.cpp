@@ -28,6 +28,7 @@
 #include "serve/base/Metrics.h"
 #include "serve/image/ConfigurationHelper.h"
 #include "serve/image/ConfigurationWatch.h"
+#include "serve/image/Readiness.h"
 #include "serve/image/Table.h"
 #include "serve/image/TableWatch.h"
 #include "serve/socket/ListenSocket.h"
@@ -83,9 +84,11 @@ class Service {
       : m_settings(settings),
         m_log(log),
         m_tables(settings),
+        m_readiness(settings, m_tables, log),
         m_mostConnections(s_raiseLimit(settings.maxConnections, log)),
         m_signals(m_context, SIGTERM, SIGINT, SIGHUP),
         m_watchdog(m_context),
+        m_reports(m_context),
         m_pause(m_context) {
     // The tables are known from the start: one that is not read yet is not "not there".
     m_tables.add(Tool::aliasTableName(""));
@@ -111,6 +114,7 @@ class Service {
     for (Listener& listener : m_listeners) accept(listener);
     waitForSignal();
     watch();
+    report();
     sd_notify(0, "READY=1");
     m_context.run();
     end();
@@ -145,29 +149,13 @@ class Service {
   void listenForMetrics(const ListenAddress& address) {
     m_metricsListener = std::make_unique<MetricsListener>(
         address.host, address.port,
-        MetricsListener::Pages{[this] { return metrics(); }, [this] { return unready(); }});
+        MetricsListener::Pages{[this] { return metrics(); },
+                               [this] { return m_readiness.whyNot(Clock::now()); }});
   }
 
   std::string metrics() {
     m_metrics.linesLost(m_log.lost());
     return metricsText(m_metrics, m_tables, Clock::now());
-  }
-
-  // Why not all tables can answer; empty when they can.
-  [[nodiscard]] std::string unready() const {
-    std::string why;
-    for (const TablePointer& table : m_tables.all()) {
-      const std::string_view unable = table->whyUnable(Clock::now(), m_settings);
-      if (unable.empty()) continue;
-      why += (why.empty() ? "" : "; ") + table->sqlName() + ": " + std::string(unable);
-    }
-    const Configuration& configuration = m_tables.configuration();
-    const auto age = configuration.age(Clock::now());
-    if (configuration.isNeeded() && (!age || isTooOld(*age, m_settings))) {
-      why += (why.empty() ? "" : "; ") + std::string("configuration: it ") +
-             (age ? "is too old" : "could not be read yet");
-    }
-    return why;
   }
 
   [[nodiscard]] std::size_t connections() const {
@@ -266,6 +254,15 @@ class Service {
     });
   }
 
+  // Logs once a second what has become too old, also while the database is waited for.
+  void report() {
+    m_readiness.report(Clock::now());
+    m_reports.expires_after(std::chrono::seconds(1));
+    m_reports.async_wait([this](const error_code& error) {
+      if (!error) report();
+    });
+  }
+
   void end() {
     m_workers.clear();
     m_metricsListener.reset();
@@ -284,11 +281,13 @@ class Service {
   const Settings& m_settings;
   Log& m_log;
   Tables m_tables;
+  Readiness m_readiness;
   Metrics m_metrics;
   const std::size_t m_mostConnections;
   boost::asio::io_context m_context{1};
   boost::asio::signal_set m_signals;
   boost::asio::steady_timer m_watchdog;
+  boost::asio::steady_timer m_reports;
   boost::asio::steady_timer m_pause;
   Background m_background{1};  // Makes long answers.
   std::unique_ptr<TableWatch> m_watch;

@@ -87,6 +87,10 @@ bool isTooOld(Clock::duration age, const Settings& settings) {
   return settings.stale && age > std::max<Clock::duration>(*settings.stale, s_outage);
 }
 
+std::string secondsText(Clock::duration duration) {
+  return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(duration).count()) + " s";
+}
+
 Tables::Tables(const Settings& settings)
     : m_settings(settings),
       m_answerMemory(settings.maxMemory / 2),

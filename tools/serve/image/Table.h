@@ -107,6 +107,8 @@ inline constexpr Clock::duration s_outage = std::chrono::seconds(5);
 
 // True when an image that is `age` old is too old to answer from.
 bool isTooOld(Clock::duration age, const Settings& settings);
+// `duration` in whole seconds, as in "12 s".
+std::string secondsText(Clock::duration duration);
 
 using TablePointer = std::shared_ptr<Table>;
 

@@ -73,10 +73,6 @@ std::string s_select(const Table& table) {
   return std::string("select ") + columns + " from " + Tool::quotedName(table.sqlName()) + ";";
 }
 
-std::string s_secondsText(Clock::duration duration) {
-  return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(duration).count()) + " s";
-}
-
 }  // namespace
 
 TableWatch::Watched::Watched(TablePointer watchedTable) : table(std::move(watchedTable)) {
@@ -287,6 +283,8 @@ void TableWatch::read(Watched& watched, const std::string& print) {
     note(*table, [&](Watched& now) {
       if (!why.empty() && !now.isFailing) {
         m_log.error("table " + table->sqlName() + " cannot be read: " + why);
+      } else if (why.empty() && now.isFailing) {
+        m_log.warning("table " + table->sqlName() + " can be read again");
       }
       now.isFailing = !why.empty();
       // At most half of the time is spent rereading a busy table.
@@ -362,8 +360,8 @@ bool TableWatch::accept(Table& table, const TableImage& image, const std::string
         if (table.state() != TableState::Good) table.setState(TableState::Filling);
         if (before == TableState::Filling) return false;
         m_log.warning("table " + table.sqlName() + " has " + counts +
-                      ": these are not used until it has not changed for " +
-                      s_secondsText(quiet()) + ", or the service is reloaded");
+                      ": these are not used until it has not changed for " + secondsText(quiet()) +
+                      ", or the service is reloaded");
         return false;
       default:
         watched.rows = count;
@@ -431,7 +429,7 @@ void TableWatch::fail(const std::string& why) {
   for (const TablePointer& table : m_tables.all()) {
     const bool isAble = table->whyUnable(now, m_settings).empty();
     text += "; table " + table->sqlName() +
-            (isAble ? " answers with rows of " + s_secondsText(*table->age(now)) + " ago"
+            (isAble ? " answers with rows of " + secondsText(*table->age(now)) + " ago"
                     : " cannot answer");
   }
   m_log.error(text);
@@ -456,7 +454,7 @@ void TableWatch::loadSnapshots() {
       table->publish(snapshot.image);
       table->confirm(snapshot.confirmed);
       m_log.info("table " + sqlName + ": " + std::to_string(snapshot.image->rows().size()) +
-                 " rows of the snapshot of " + s_secondsText(Clock::now() - snapshot.confirmed) +
+                 " rows of the snapshot of " + secondsText(Clock::now() - snapshot.confirmed) +
                  " ago");
     } catch (const std::exception& exception) {
       m_log.error("the snapshot of table " + sqlName + " cannot be used: " + exception.what());
