@@ -24,6 +24,7 @@ using std::chrono::hours;
 using std::chrono::minutes;
 using std::chrono::seconds;
 using testing::Each;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -122,11 +123,14 @@ TEST_F(LookupTest, WhatIsNoRequestOrAsksForNoMapIsRefusedForGood) {
 
 TEST_F(LookupTest, ATableThatIsNotServedIsATemporaryFailure) {
   serve("alias", {});
+  EXPECT_EQ(ask("alias:other a@d.example"), "TEMP the table could not be read yet");
+  tables().setNames({"alias"});
   for (const char* request :
        {"alias:other a@d.example", "mask_public a@d.example", "mask_private:x a@d.example",
         "alias:`; drop a@d.example", "alias:second:third a@d.example"}) {
     EXPECT_EQ(ask(request), "TEMP there is no such table") << request;
   }
+  EXPECT_THAT(tables().unknown(Clock::now()), ElementsAre("alias_other", "mask", "mask_x"));
   // It may come later.
   serve("alias_other", {{"a@d.example", "b@d.example"}});
   EXPECT_EQ(ask("alias:other a@d.example"), "OK b@d.example");

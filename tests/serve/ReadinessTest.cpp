@@ -99,6 +99,60 @@ TEST_F(ReadinessTest, AConfigurationThatBecomesTooOldIsReportedToo) {
   EXPECT_THAT(reported(), HasSubstr("mail users is not too old any more"));
 }
 
+TEST_F(ReadinessTest, ANameOfOnlyThatNoTableHasIsReportedWithTheTablesThatThereAre) {
+  m_settings.tables = {"sales", "nosuch"};
+  m_readiness.report(m_now);
+  EXPECT_EQ(reported(), "") << "before the tables were listed";
+  m_tables.setNames({"alias", "alias_sales", "mask", "mask_staff"});
+  // It need not have both.
+  publishRows(*m_tables.add("alias_sales"), {}, m_now);
+  EXPECT_EQ(m_readiness.whyNot(m_now), "--only nosuch: there is no such table");
+  for (int i = 0; i < 3; ++i) m_readiness.report(m_now);
+  EXPECT_EQ(reported(),
+            "tsl-address-map: error: --only nosuch: there is no table alias_nosuch or mask_nosuch, "
+            "and its requests are answered TEMP; the named tables are alias_sales, mask_staff\n");
+  publishRows(*m_tables.add("mask_nosuch"), {}, m_now);
+  for (int i = 0; i < 3; ++i) m_readiness.report(m_now);
+  EXPECT_EQ(reported(), "tsl-address-map: warning: --only nosuch: there is a table now\n");
+  EXPECT_EQ(m_readiness.whyNot(m_now), "");
+}
+
+TEST_F(ReadinessTest, ATableThatIsAskedForAndNotThereIsReported) {
+  m_tables.noteUnknown("alias_slaes", m_now);
+  m_readiness.report(m_now);
+  EXPECT_EQ(reported(), "") << "before the tables were listed";
+  EXPECT_EQ(m_readiness.whyNot(m_now), "");
+  m_tables.setNames({"alias", "alias_sales", "mask"});
+  for (int i = 0; i < 3; ++i) m_readiness.report(m_now + seconds(i));
+  EXPECT_EQ(reported(),
+            "tsl-address-map: error: mail servers ask for table alias_slaes and are answered TEMP: "
+            "there is no such table; the named tables are alias_sales\n");
+  EXPECT_EQ(m_readiness.whyNot(m_now),
+            "alias_slaes: mail servers ask for it, and it is not served");
+  EXPECT_EQ(m_readiness.whyNot(m_now + minutes(2)), "");
+}
+
+TEST_F(ReadinessTest, ATableThatOnlyLeavesOutIsReportedAsSuch) {
+  m_settings.tables = {"sales"};
+  m_tables.setNames({"alias", "alias_sales", "alias_staff", "mask"});
+  publishRows(*m_tables.add("alias_sales"), {}, m_now);
+  m_tables.noteUnknown("alias_staff", m_now);
+  m_readiness.report(m_now);
+  EXPECT_THAT(reported(), HasSubstr("alias_staff and are answered TEMP: --only leaves it out; "));
+}
+
+TEST_F(ReadinessTest, ATableThatIsGoneForGoodIsNotExpectedAnyMore) {
+  m_settings.tables = {"sales"};
+  m_tables.setNames({"alias", "mask"});
+  m_tables.add("alias_sales");
+  m_tables.remove("alias_sales");
+  m_tables.noteUnknown("alias_sales", m_now);
+  EXPECT_EQ(m_readiness.whyNot(m_now), "");
+  // Its requests fail all the same.
+  m_readiness.report(m_now);
+  EXPECT_THAT(reported(), HasSubstr("there is no such table; there are no named tables"));
+}
+
 TEST_F(ReadinessTest, ATableThatIsInDoubtWasReportedBefore) {
   const TablePointer alias = m_tables.add("alias");
   publishRows(*alias, {}, m_now);

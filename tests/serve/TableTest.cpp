@@ -19,6 +19,8 @@ namespace {
 using std::chrono::minutes;
 using std::chrono::seconds;
 using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
 
 TEST(Table, HasNoImageAndNoAgeAtFirst) {
   const Settings settings;
@@ -122,6 +124,46 @@ TEST(Tables, MayBeLimitedToSomeAndTheBaseTables) {
   }
   EXPECT_EQ(tables.add("alias_other"), nullptr);
   EXPECT_EQ(tables.add("mask_wanted2"), nullptr);
+}
+
+TEST(Tables, RememberForAMinuteWhatWasAskedForAndIsNotServed) {
+  const Settings settings;
+  Tables tables(settings);
+  const Clock::time_point now = Clock::now();
+  tables.noteUnknown("alias_x", now - seconds(30));
+  tables.noteUnknown("mask_y", now);
+  EXPECT_THAT(tables.unknown(now), ElementsAre("alias_x", "mask_y"));
+  EXPECT_THAT(tables.unknown(now + seconds(31)), ElementsAre("mask_y"));
+  tables.add("mask_y");
+  EXPECT_THAT(tables.unknown(now), ElementsAre("alias_x"));
+}
+
+TEST(Tables, RememberOnlyAFewUnknownNamesThatATableCanHave) {
+  const Settings settings;
+  Tables tables(settings);
+  const Clock::time_point now = Clock::now();
+  for (const std::string& name : {std::string("other"), std::string("alias_a b"),
+                                  "alias_" + std::string(60, 'x'), std::string("alias_a@b")}) {
+    tables.noteUnknown(name, now);
+  }
+  EXPECT_THAT(tables.unknown(now), IsEmpty());
+  for (int i = 0; i < 100; ++i) tables.noteUnknown("alias_" + std::to_string(i), now);
+  EXPECT_THAT(tables.unknown(now), SizeIs(8));
+  // Others take the places of those that are not asked for any more.
+  const Clock::time_point later = now + minutes(2);
+  tables.noteUnknown("alias_x", later);
+  EXPECT_THAT(tables.unknown(later), ElementsAre("alias_x"));
+}
+
+TEST(Tables, KnowWhatWasRemovedUntilItIsThereAgain) {
+  const Settings settings;
+  Tables tables(settings);
+  EXPECT_FALSE(tables.isRemoved("alias_x"));
+  tables.add("alias_x");
+  tables.remove("alias_x");
+  EXPECT_TRUE(tables.isRemoved("alias_x"));
+  tables.add("alias_x");
+  EXPECT_FALSE(tables.isRemoved("alias_x"));
 }
 
 }  // namespace

@@ -95,6 +95,28 @@ has_all() { [ "$(answers 2>/dev/null)" == "$expected" ]; }
   equal "$(grep -c -e "cannot be read" -e "can be read again" "$directory/log")" 2
 }
 
+grant() { sql "revoke all privileges, grant option from reader@localhost; grant select on $1 to reader@localhost"; }
+
+@test "a table that the SQL user may not read is not missing, and is read as soon as he may" {
+  choose_port
+  options=(--metrics "127.0.0.1:$port")
+  grant ts_address_map.alias
+  run_service unprivileged
+  wait_for log_has "table mask cannot be read: SELECT command denied to user 'reader'@'localhost'"
+  equal "$(get ready)" "503 mask: the table could not be read yet"
+  grant 'ts_address_map.*'
+  wait_for is_ready
+  log_has "table mask can be read again"
+  # Without the right a new connection sees no table, which is no reason to forget its rows.
+  grant ts_address_map.mask
+  kill -HUP "$service"
+  wait_for log_has "table alias cannot be read: SELECT command denied"
+  has_all
+  is_ready
+  grant 'ts_address_map.*'
+  [[ $(<"$directory/log") != *missing* ]]
+}
+
 @test "a user without any special right is enough" {
   start_service unprivileged
   equal "$(awk '/^CapEff/ {print $2}' "/proc/$service/status")" 0000000000000000

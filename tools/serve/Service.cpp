@@ -90,13 +90,9 @@ class Service {
         m_watchdog(m_context),
         m_reports(m_context),
         m_pause(m_context) {
-    // The tables are known from the start: one that is not read yet is not "not there".
+    // The base tables are known from the start: one that is not read yet is not "not there".
     m_tables.add(Tool::aliasTableName(""));
     m_tables.add(Tool::maskTableName(""));
-    for (const std::string& name : settings.tables) {
-      m_tables.add(Tool::aliasTableName(name));
-      m_tables.add(Tool::maskTableName(name));
-    }
   }
 
   void run() {

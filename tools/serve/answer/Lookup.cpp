@@ -99,10 +99,12 @@ bool Lookup::replyAt(std::string_view request, Clock::time_point now) {
   m_map = Map::None;
   const std::size_t blank = request.find(' ');
   if (blank == std::string_view::npos) return refuse(Answer::perm("a request is MAP, blank, KEY"));
-  Route* const route = routeOf(request.substr(0, blank));
+  Route* const route = routeOf(request.substr(0, blank), now);
   if (route == nullptr) {
     if (m_map == Map::None) return refuse(Answer::perm("there is no such map"));
-    return refuse(Answer::temp("there is no such table"));
+    // Before the tables were listed nobody knows which there are.
+    return refuse(Answer::temp(m_tables.names() ? "there is no such table"
+                                                : "the table could not be read yet"));
   }
   const std::string_view key = request.substr(blank + 1);
   if (route->table != nullptr) {
@@ -146,7 +148,7 @@ Clock::time_point Lookup::moment(Clock::time_point now) const {
   return now + std::min(m_settings.refresh, s_longestMoment);
 }
 
-Lookup::Route* Lookup::routeOf(std::string_view name) {
+Lookup::Route* Lookup::routeOf(std::string_view name, Clock::time_point now) {
   // To Postfix, what is before a ':' belongs to the path of the socket; it asks for "alias.NAME".
   const std::size_t separator = name.find_first_of(":.");
   m_map = mapOf(name.substr(0, separator));
@@ -161,8 +163,12 @@ Lookup::Route* Lookup::routeOf(std::string_view name) {
   route.map = m_map;
   if (s_hasTable(m_map)) {
     const TableKind kind = m_map == Map::Alias ? TableKind::Alias : TableKind::Mask;
-    route.table = m_tables.find(Tool::sqlTableName(kind, std::string(table)));
-    if (route.table == nullptr) return nullptr;
+    const std::string sqlName = Tool::sqlTableName(kind, std::string(table));
+    route.table = m_tables.find(sqlName);
+    if (route.table == nullptr) {
+      m_tables.noteUnknown(sqlName, now);
+      return nullptr;
+    }
   }
   return &routes.emplace(table, std::move(route)).first->second;
 }

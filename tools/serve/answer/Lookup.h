@@ -75,7 +75,7 @@ class Lookup {
 
   bool replyAt(std::string_view request, Clock::time_point now);
   void give(const Answer& answer);
-  Route* routeOf(std::string_view name);
+  Route* routeOf(std::string_view name, Clock::time_point now);
   // Why the table of `route` cannot answer; empty when it can. Brings its image up to date.
   std::string refresh(Route& route, Clock::time_point now);
   // Nothing when the answer takes longer.

@@ -1,10 +1,11 @@
-// Whether all that mail servers ask for can be answered, and the log of when that ends and begins
-// for want of new rows.
+// Whether all that mail servers ask for can be answered, and the log of when rows become too old,
+// and of tables that are asked for and not there.
 #ifndef TSL_TOOLS_SERVE_IMAGE_READINESS_H
 #define TSL_TOOLS_SERVE_IMAGE_READINESS_H
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "serve/base/Log.h"
 #include "serve/base/Settings.h"
@@ -21,17 +22,25 @@ class Readiness {
   // when they can. Any thread.
   [[nodiscard]] std::string whyNot(Clock::time_point now) const;
 
-  // Logs once when rows become too old to answer from, and once when that is over. To be called
-  // about once a second: whoever reads the tables may be waiting for the database. One thread.
+  // Logs once when rows become too old to answer from, or a table that is not there is asked for by
+  // a mail server or by --only, and once when that is over. To be called about once a second:
+  // whoever reads the tables may be waiting for the database. One thread.
   void report(Clock::time_point now);
 
  private:
+  // The names that --only gives and no table has.
+  [[nodiscard]] std::vector<std::string> absent() const;
   void reportOne(const std::string& what, bool isOld, Clock::duration age);
+  void reportAbsent();
+  void reportUnknown(Clock::time_point now);
 
   const Settings& m_settings;
   const Tables& m_tables;
   Log& m_log;
-  std::set<std::string> m_old;  // What was reported as too old.
+  // What was reported: as too old, as a name without a table, and as a table that is not served.
+  std::set<std::string> m_old;
+  std::set<std::string> m_absent;
+  std::set<std::string> m_unknown;
 };
 
 }  // namespace Tessel::Serve

@@ -12,6 +12,12 @@ namespace {
 
 constexpr Clock::rep s_never = std::numeric_limits<Clock::rep>::min();
 
+// How long a table counts as asked for that is not served, how many such are remembered, and the
+// longest name of a table that a database can have.
+constexpr std::chrono::minutes s_unknownTime{1};
+constexpr std::size_t s_mostUnknown = 8;
+constexpr std::size_t s_longestName = 64;
+
 // A store name that may be served: it is used in file names and in the requests of mail servers.
 bool s_isServable(std::string_view name) {
   static constexpr std::string_view s_allowed =
@@ -113,6 +119,7 @@ TablePointer Tables::add(const std::string& sqlName) {
   const bool isWanted = table->name.empty() || wanted.empty() ||
                         std::find(wanted.begin(), wanted.end(), table->name) != wanted.end();
   if (!isWanted) return nullptr;
+  m_removed.with([&](auto& removed) { removed.erase(sqlName); });
   return m_tables.with([&](auto& tables) {
     TablePointer& known = tables[sqlName];
     if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name);
@@ -122,6 +129,45 @@ TablePointer Tables::add(const std::string& sqlName) {
 
 void Tables::remove(const std::string& sqlName) {
   m_tables.with([&](auto& tables) { tables.erase(sqlName); });
+  m_removed.with([&](auto& removed) { removed.insert(sqlName); });
+}
+
+bool Tables::isRemoved(const std::string& sqlName) const {
+  return m_removed.with([&](const auto& removed) { return removed.count(sqlName) != 0; });
+}
+
+void Tables::setNames(std::set<std::string> names) {
+  m_names.with([&](auto& known) { known = std::move(names); });
+}
+
+std::optional<std::set<std::string>> Tables::names() const {
+  return m_names.with([](const auto& known) { return known; });
+}
+
+void Tables::noteUnknown(const std::string& sqlName, Clock::time_point now) {
+  const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
+  if (!table || !s_isServable(table->name) || sqlName.size() > s_longestName) return;
+  m_unknown.with([&](auto& unknown) {
+    const auto known = unknown.find(sqlName);
+    if (known != unknown.end()) {
+      known->second = now;
+      return;
+    }
+    std::erase_if(unknown, [now](const auto& entry) { return now - entry.second > s_unknownTime; });
+    if (unknown.size() < s_mostUnknown) unknown.emplace(sqlName, now);
+  });
+}
+
+std::vector<std::string> Tables::unknown(Clock::time_point now) const {
+  std::vector<std::string> names = m_unknown.with([now](const auto& unknown) {
+    std::vector<std::string> recent;
+    for (const auto& [name, time] : unknown) {
+      if (now - time <= s_unknownTime) recent.push_back(name);
+    }
+    return recent;
+  });
+  std::erase_if(names, [this](const std::string& name) { return find(name) != nullptr; });
+  return names;
 }
 
 std::vector<TablePointer> Tables::all() const {

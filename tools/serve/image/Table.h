@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -124,10 +125,22 @@ class Tables {
   // Makes sure that the table is served. Null for an SQL name that is not that of a table of the
   // library, or that the settings leave out.
   TablePointer add(const std::string& sqlName);
-  // The table is not served any more. Those who have it keep it.
+  // The table is gone for good, and not served any more. Those who have it keep it.
   void remove(const std::string& sqlName);
+  // True when the table was removed, and has not been added since.
+  [[nodiscard]] bool isRemoved(const std::string& sqlName) const;
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
+
+  // The database has the tables `names`, by their SQL names, whether they are served or not.
+  void setNames(std::set<std::string> names);
+  // Those names; nothing while the database was not asked yet.
+  [[nodiscard]] std::optional<std::set<std::string>> names() const;
+  // A mail server asked for the table at `now`, and it is not served.
+  void noteUnknown(const std::string& sqlName, Clock::time_point now);
+  // The tables that mail servers asked for in the minute before `now`, and that are not served. Not
+  // more than a few: nobody fills the log from outside.
+  [[nodiscard]] std::vector<std::string> unknown(Clock::time_point now) const;
 
   [[nodiscard]] const Settings& settings() const noexcept { return m_settings; }
   // The domains and mail users that aliases for all users, and other maps, depend on.
@@ -148,6 +161,9 @@ class Tables {
   Pages m_pages;
   Configuration m_configuration;
   Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
+  Guarded<std::set<std::string>> m_removed;
+  Guarded<std::optional<std::set<std::string>>> m_names;
+  Guarded<std::map<std::string, Clock::time_point>> m_unknown;  // When they were asked for last.
 };
 
 // `metrics` in the text format of Prometheus, with the state of `tables` at `now`.

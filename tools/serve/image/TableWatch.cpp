@@ -32,8 +32,9 @@ constexpr milliseconds s_settled{1250};
 // A table whose last change is longer ago than clocks are ever set back is not in that second.
 constexpr const char* s_longAgo = "7200";
 
-// Error number of the server.
+// Error numbers of the server.
 constexpr unsigned int s_unknownDatabase = 1049;
+constexpr unsigned int s_tableDenied = 1142;
 
 // Pause after a table could not be read.
 constexpr milliseconds s_retry{1000};
@@ -165,8 +166,10 @@ void TableWatch::run() {
 
 void TableWatch::look(Clock::time_point start) {
   try {
-    for (const Tool::TextRow& row : listTables()) compare(row, start);
+    const std::vector<Tool::TextRow> rows = listTables();
+    for (const Tool::TextRow& row : rows) compare(row, start);
     noteMissing(start);
+    noteNames(rows);
     if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
   } catch (const std::exception& exception) {
@@ -178,6 +181,9 @@ void TableWatch::look(Clock::time_point start) {
 std::vector<Tool::TextRow> TableWatch::listTables() try {
   if (m_connection == nullptr) {
     m_connection = std::make_unique<Database::Connection>(Tool::s_database);
+  } else if (m_isIncomplete) {
+    // Rights on a database that were granted meanwhile count from now on.
+    m_connection->dbSelect(Tool::s_database);
   }
   return Tool::selectTexts(*m_connection, s_statement(), 4);
 } catch (const Exception& exception) {
@@ -201,6 +207,9 @@ void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
     if (watched.isMissing) watched.isConfirmed = false;
     if (watched.isMissing || watched.created != created) watched.isReplaced = true;
     watched.isMissing = false;
+    if (std::exchange(watched.isDenied, false)) {
+      m_log.warning("table " + sqlName + " can be read again");
+    }
     watched.created = created;
     if (watched.seen != print) {
       watched.isRecent = !watched.seen.empty() || !isLongAgo;
@@ -218,14 +227,49 @@ void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
   });
 }
 
+// Notes which tables there are, for who must know that one is not there.
+void TableWatch::noteNames(const std::vector<Tool::TextRow>& rows) {
+  std::set<std::string> names;
+  for (const Tool::TextRow& row : rows) {
+    if (Tool::readTableName(row[0])) names.insert(row[0]);
+  }
+  if (m_tables.names() && names == m_names) return;
+  m_names = names;
+  m_tables.setNames(std::move(names));
+}
+
+// Why the SQL user may not read the table, which was not listed; empty when he may.
+std::string TableWatch::whyDenied(const Table& table) try {
+  if (m_connection == nullptr) return "";
+  Tool::selectTexts(*m_connection,
+                    "select 1 from " + Tool::quotedName(table.sqlName()) + " limit 0", 1);
+  return "";
+} catch (const Exception& exception) {
+  return Tool::isDatabaseError(exception, s_tableDenied) ? Tool::reasonOf(exception) : "";
+}
+
 // Reports tables that are missing, and forgets those of them that an administrator knows to be.
 void TableWatch::noteMissing(Clock::time_point start) {
-  const std::vector<TablePointer> tables = m_tables.all();
-  m_state.with([&](State& state) {
-    for (const TablePointer& table : tables) {
-      const std::string& name = table->sqlName();
-      Watched& watched = state.watched.try_emplace(name, table).first->second;
-      if (watched.lastLook == start) continue;
+  const auto unseen = m_state.with([&](State& state) {
+    std::vector<TablePointer> tables = m_tables.all();
+    std::erase_if(tables, [&](const TablePointer& table) {
+      return state.watched.try_emplace(table->sqlName(), table).first->second.lastLook == start;
+    });
+    return tables;
+  });
+  m_isIncomplete = !unseen.empty();
+  for (const TablePointer& table : unseen) {
+    const std::string& name = table->sqlName();
+    const std::string denied = whyDenied(*table);
+    m_state.with([&](State& state) {
+      Watched& watched = state.watched.at(name);
+      if (!denied.empty()) {
+        if (watched.isMissing || std::exchange(watched.isDenied, true)) return;
+        m_log.error("table " + name + " cannot be read: " + denied +
+                    "; grant the SQL user the right to select");
+        return;
+      }
+      watched.isDenied = false;
       watched.readPrint.clear();
       if (!watched.isMissing) {
         watched.isMissing = true;
@@ -238,8 +282,8 @@ void TableWatch::noteMissing(Clock::time_point start) {
         forget(watched);
         if (m_tables.find(name) == nullptr) state.watched.erase(name);
       }
-    }
-  });
+    });
+  }
 }
 
 // The table is gone for good.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -34,7 +35,8 @@ namespace Tessel::Serve {
 //
 // A table that is missing, that has lost all its rows, or that is there again with fewer rows may
 // be one that is just being restored. It is in doubt, and not answered from, until it has its rows
-// again or an administrator confirms with a reload that it is as it should be.
+// again or an administrator confirms with a reload that it is as it should be. The server does not
+// list tables that the SQL user may not read: those are not missing, and their last images answer.
 //
 // Any thread may call `reload` and `stop`.
 class TableWatch {
@@ -83,6 +85,7 @@ class TableWatch {
     Clock::time_point lastLook;   // When the table was last seen to be there.
     std::string created;          // When the table was created, as the server says.
     bool isMissing = false;
+    bool isDenied = false;     // It may be there: the SQL user may not know.
     bool isReplaced = false;   // This may be another table than the one that was read before.
     bool isConfirmed = false;  // An administrator wants it as it is, though it is in doubt.
     TableState read = TableState::Good;  // What the table was when it was last read.
@@ -109,7 +112,9 @@ class TableWatch {
   void look(Clock::time_point start);
   std::vector<Tool::TextRow> listTables();
   void compare(const Tool::TextRow& row, Clock::time_point start);
+  void noteNames(const std::vector<Tool::TextRow>& rows);
   void noteMissing(Clock::time_point start);
+  std::string whyDenied(const Table& table);
   void forget(Watched& watched);
   void read(Watched& watched, const std::string& print);
   void readNow(Table& table, const std::string& print, Clock::time_point start);
@@ -138,6 +143,8 @@ class TableWatch {
   // Of the watching thread alone.
   std::unique_ptr<Database::Connection> m_connection;
   bool m_isFailing = false;
+  bool m_isIncomplete = false;  // The last look did not see all tables.
+  std::set<std::string> m_names;
   std::thread m_thread;
 };
 
