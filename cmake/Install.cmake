@@ -97,9 +97,8 @@ function(tsl_install_files flavour development_doc tool_doc)
   install(FILES packaging/tsl-address-map.bash RENAME tsl-address-map
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions ${tool})
 
-  # The units run the program where packages put it; elsewhere they are examples.
-  install(FILES packaging/systemd/tsl-address-map.service packaging/systemd/tsl-address-map.socket
-          DESTINATION lib/systemd/system ${tool})
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/${flavour}files/tsl-address-map.service
+                packaging/systemd/tsl-address-map.socket DESTINATION lib/systemd/system ${tool})
   install(FILES packaging/systemd/tsl-address-map.sysusers RENAME tsl-address-map.conf
           DESTINATION lib/sysusers.d ${tool})
 
@@ -112,5 +111,13 @@ function(tsl_install_files flavour development_doc tool_doc)
           PATTERN examples/CMakeLists.txt EXCLUDE)
 endfunction()
 
+# The prefix may be another one than that of the build: cmake --install --prefix.
+install(
+  CODE "
+  set(tsl_program_dir \"${CMAKE_INSTALL_BINDIR}\")
+  cmake_path(ABSOLUTE_PATH tsl_program_dir BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE)
+  configure_file(\"${PROJECT_SOURCE_DIR}/packaging/systemd/tsl-address-map.service.in\"
+                 \"${PROJECT_BINARY_DIR}/packaging/files/tsl-address-map.service\" @ONLY)"
+  COMPONENT tool)
 tsl_install_targets("" ${CMAKE_INSTALL_LIBDIR})
 tsl_install_files("" ${CMAKE_INSTALL_DOCDIR} ${CMAKE_INSTALL_DOCDIR})

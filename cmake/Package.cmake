@@ -9,6 +9,9 @@ set(tsl_package_maintainer "Tessel maintainers <maintainers@tessel.example>")
 set(tsl_package_files ${PROJECT_BINARY_DIR}/packaging/debian)
 
 tsl_install_targets(debian_ lib/${CMAKE_LIBRARY_ARCHITECTURE} EXCLUDE_FROM_ALL)
+set(tsl_program_dir /usr/bin)
+configure_file(packaging/systemd/tsl-address-map.service.in
+               ${PROJECT_BINARY_DIR}/packaging/debian_files/tsl-address-map.service @ONLY)
 tsl_install_files(debian_ share/doc/libtsladdressmap-dev share/doc/tsl-address-map EXCLUDE_FROM_ALL)
 
 # What Debian wants of every package. packaging/debian/finish.cmake compresses it.

@@ -88,6 +88,13 @@ foreign_headers() {
     "$prefix/share/bash-completion/completions/tsl-address-map"
 }
 
+@test "the service unit runs the program that was installed" {
+  program=$(sed -n 's/^ExecStart=\([^ ]*\) .*/\1/p' "$prefix/lib/systemd/system/tsl-address-map.service")
+  [ "$program" = "$prefix/bin/tsl-address-map" ]
+  "$program" --version
+  systemd-analyze verify --man=no "$prefix/lib/systemd/system/"tsl-address-map.{service,socket}
+}
+
 @test "the manual pages are well formed" {
   pages=0
   for page in "$prefix"/share/man/man*/*; do

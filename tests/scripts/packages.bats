@@ -76,6 +76,11 @@ tsl-address-map_${version}_$architecture.deb" ]
     /usr/share/doc/tsl-address-map/{tool,serve,postfix,sendmail,opensmtpd,configuration,failures}.md
 }
 
+@test "the service unit of the package runs its program" {
+  grep -q '^ExecStart=/usr/bin/tsl-address-map serve ' \
+    "$unpacked/tsl-address-map/usr/lib/systemd/system/tsl-address-map.service"
+}
+
 @test "the packages need each other in this version, and the libraries that they are linked with" {
   [ "$(field libtsladdressmap-dev Depends)" = "libtsladdressmap1 (= $version), libc6-dev" ]
   [[ "$(field tsl-address-map Depends)" == "libtsladdressmap1 (= $version), "*libstdc++6* ]]

@@ -5,7 +5,7 @@
 load ../tools/helper
 load service
 
-unit=$BATS_TEST_DIRNAME/../../packaging/systemd/tsl-address-map.service
+unit=$BATS_TEST_DIRNAME/../../packaging/systemd/tsl-address-map.service.in
 
 setup_file() {
   ((EUID == 0)) || { echo "this needs root, who may become another user"; return 1; }
