@@ -32,7 +32,7 @@ constexpr char s_footer[] =
     "\n"
     "Exit status: 0 found or done, 1 not found, 64 wrong usage, 65 bad data (an address or a row\n"
     "of a table is malformed), 74 the answer could not be written, 75 the database or the\n"
-    "configuration could not be asked, 78 wrong settings.\n"
+    "configuration could not be asked, 78 wrong settings or rights, or no such table.\n"
     "\n"
     "The database server is the one that the MySQL option files name, groups [client] and\n"
     "[tsl-address-map], unless --local or --option-file (environment:\n"

@@ -168,7 +168,8 @@ finds() {
        ( 'b\@x.example', 'a\@x.example' );"
   finds 65 $'error\tcycle\talias_sales\ta@x.example'
   contains "$output" "tsl-address-map --table sales alias tree a@x.example"
-  run -75 --separate-stderr tool check --table none
+  run -78 --separate-stderr tool check --table none
+  contains "$stderr" "tsl-address-map table create none"
   run -65 tool check --table sales
   rows c@x.example:d@x.example d@x.example:c@x.example
   run -65 --separate-stderr tool check --table sales
@@ -193,7 +194,7 @@ finds() {
   run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" check
   equal "$output" ""
   DATABASE= sql 'drop database ts_address_map;'
-  run -75 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" check
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" check
   contains "$stderr" "tsl-address-map init"
 }
 

@@ -49,7 +49,7 @@ at_terminal() {
   run -65 tool alias add b@example.com allusers_example.net
   run -65 tool alias add broken@example.com c@example.com
   run -64 tool alias add b@example.com
-  run -75 tool --table missing alias add b@example.com c@example.com
+  run -78 tool --table missing alias add b@example.com c@example.com
   equal "$(aliases)" $'a@example.com:b@example.com\nbroken@example.com:a b c'
   run -0 tool alias add b@example.com a@example.com --allow-cycle
   run -0 --separate-stderr tool alias add c@example.com d@example.com allusers_example.com
@@ -130,7 +130,7 @@ at_terminal() {
   run -64 tool alias drop --everywhere a@example.com --remove-empty
   run -64 tool alias drop a@example.com b@example.com --yes
   run -65 tool alias drop 'a b' b@example.com
-  run -75 tool --table missing alias drop a@example.com b@example.com
+  run -78 tool --table missing alias drop a@example.com b@example.com
 }
 
 @test "a person is asked" {
@@ -218,7 +218,7 @@ at_terminal() {
     'alias add team@example.com bob@example.com' 'alias drop --everywhere ann@example.com' \
     'mask set a@inner.example a@example.com'; do
     run -0 "$TSL_TOOL" --option-file "$file" $words --dry-run
-    run -75 "$TSL_TOOL" --option-file "$file" $words ${words:+$([[ $words == *every* ]] && echo --yes)}
+    run -78 "$TSL_TOOL" --option-file "$file" $words ${words:+$([[ $words == *every* ]] && echo --yes)}
   done
   equal "$(aliases)" "team@example.com:ann@example.com"
 }

@@ -72,22 +72,35 @@ setup() {
   local file
   file=$(option_file mail wrongsecret)
   for words in 'alias expand team@example.com' 'alias list' 'init' 'status'; do
-    run -75 --separate-stderr "$TSL_TOOL" --option-file "$file" $words --verbose
-    contains "$stderr" "user and password"
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" $words --verbose
+    contains "$stderr" "user and password of 'mail'@'localhost' in the option file"
     [[ "$output$stderr" != *wrongsecret* ]]
   done
 }
 
-@test "a user without rights on the table" {
-  DATABASE= sql "create or replace user mail@localhost identified by 'secret';
-                 grant select on ts_address_map.mask to mail@localhost;"
-  local file
+@test "a user that the server admits only from an operating-system user of its name" {
+  DATABASE= sql "create or replace user mail@localhost identified via unix_socket;"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$(option_file mail '')" alias list
+  contains "$stderr" "'mail'@'localhost' without a password only from the operating-system user"
+}
+
+@test "a user without rights: the hint names the right and the user" {
+  DATABASE= sql "create or replace user mail@localhost identified by 'secret';"
+  local file words grant="GRANT SELECT ON ts_address_map.* TO 'mail'@'localhost'"
   file=$(option_file mail secret)
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" alias list
+  contains "$stderr" "$grant"
+  DATABASE= sql "grant select on ts_address_map.mask to mail@localhost;"
   for words in 'alias expand team@example.com' 'alias show team@example.com' 'alias list' \
     'alias set a@example.com b@example.com' 'alias remove team@example.com'; do
-    run -75 --separate-stderr "$TSL_TOOL" --option-file "$file" $words
-    contains "$stderr" "grant"
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" $words
+    contains "$stderr" "$grant"
   done
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" mask set a@inner.example b@example.com
+  contains "$stderr" "${grant/SELECT/INSERT}"
+  sql "grant select (name) on alias to mail@localhost;"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" alias list
+  contains "$stderr" "$grant"
   equal "$(sql 'select count(*) from alias')" 1
 }
 
@@ -95,7 +108,7 @@ setup() {
   DATABASE= sql 'drop database ts_address_map;'
   for words in 'alias expand team@example.com' 'alias show team@example.com' 'alias list' \
     'alias set a@example.com b@example.com' 'alias remove team@example.com'; do
-    run -75 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" $words
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$SERVER/client.cnf" $words
     contains "$stderr" "tsl-address-map init"
   done
   run -0 "$TSL_TOOL" --option-file "$SERVER/client.cnf" status
@@ -106,9 +119,9 @@ setup() {
 
 @test "no table" {
   sql 'drop table alias;'
-  run -75 --separate-stderr tool alias expand team@example.com
-  contains "$stderr" "init"
-  run -75 tool alias show team@example.com
+  run -78 --separate-stderr tool alias expand team@example.com
+  contains "$stderr" "tsl-address-map init"
+  run -78 tool alias show team@example.com
   run -0 tool init
 }
 

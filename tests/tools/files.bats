@@ -464,9 +464,9 @@ END
   run -0 tool alias export
   equal "$output" ""
   sql 'drop table alias_sales;'
-  run -75 --separate-stderr tool --table missing alias import - <<<a@example.com:b@example.com
-  contains "$stderr" "nothing was written"
-  run -75 tool --table missing mask export out.txt
+  run -78 --separate-stderr tool --table missing alias import - <<<a@example.com:b@example.com
+  contains "$stderr" "nothing was written; create the tables with 'tsl-address-map table create missing'"
+  run -78 tool --table missing mask export out.txt
   [ ! -e out.txt ]
 }
 
@@ -479,8 +479,8 @@ END
   for words in 'alias export' 'alias import in.txt' 'mask export out.txt' 'mask import in.txt'; do
     run -75 "$TSL_TOOL" --option-file nowhere.cnf $words
   done
-  run -75 --separate-stderr "$TSL_TOOL" --option-file "$file" alias import in.txt
-  contains "$stderr" "nothing was written"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" alias import in.txt
+  contains "$stderr" "nothing was written; as an administrator of the database server: GRANT"
   run -0 "$TSL_TOOL" --option-file "$file" alias import in.txt --dry-run
   equal "$(sql 'select count(*) from alias')" 0
 }

@@ -65,7 +65,7 @@ class Check {
   ExitCode run() {
     const Schema schema = lookAtSchema(m_connection);
     if (!schema.present) {
-      throw Failure(ExitCode::Unavailable, "checking the tables",
+      throw Failure(ExitCode::Configuration, "checking the tables",
                     std::string("there is no database ") + s_database,
                     "create it with 'tsl-address-map init'");
     }
@@ -80,9 +80,11 @@ class Check {
       checkTable(table);
     }
     if (!any && !name.empty()) {
-      throw Failure(ExitCode::Unavailable, "checking the tables of '" + name + "'",
+      throw Failure(ExitCode::Configuration, "checking the tables of '" + name + "'",
                     "there is no table " + aliasTableName(name) + " or " + maskTableName(name),
-                    "see 'tsl-address-map status' for the tables there are");
+                    "create them with 'tsl-address-map table create " + name +
+                        "', or correct --table; 'tsl-address-map table list' shows those there"
+                        " are");
     }
     if (name.empty()) checkDomains(m_users, m_findings);
     if (m_users.failure()) addConfiguration();

@@ -94,7 +94,7 @@ void addInitCommand(Command& top) {
       "Checks the database first. A complete database stays unchanged; missing tables, columns and"
       " indexes are added.\nTables that are not this library's are refused (65), and so is a "
       "database"
-      " that cannot be read (75).\n"
+      " that cannot be read (75, 78).\n"
       "With --json {\"database\", \"created\", \"changes\"}.\n",
       Preparation::Server, withArguments(s_init, arguments));
   Option force = init.flag(

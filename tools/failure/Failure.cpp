@@ -17,7 +17,10 @@ constexpr unsigned int s_databaseDenied = 1044;
 constexpr unsigned int s_accessDenied = 1045;
 constexpr unsigned int s_unknownDatabase = 1049;
 constexpr unsigned int s_commandDenied = 1142;
+constexpr unsigned int s_columnDenied = 1143;
 constexpr unsigned int s_noSuchTable = 1146;
+constexpr unsigned int s_privilegeMissing = 1227;
+constexpr unsigned int s_socketDenied = 1698;
 
 // Length of the UTF-8 character at the start of `text`, or 0 when it starts with none.
 std::size_t s_characterSize(std::string_view text) {
@@ -69,21 +72,91 @@ const Database::Error* s_databaseError(const Exception& exception) {
   }));
 }
 
+// The part of `text` between `before` and `after`; empty when one of them is not there, as in the
+// messages of a server that speaks another language.
+std::string s_between(const std::string& text, std::string_view before, std::string_view after) {
+  const std::size_t start = text.find(before);
+  if (start == std::string::npos) return "";
+  const std::size_t end = text.find(after, start + before.size());
+  if (end == std::string::npos) return "";
+  return text.substr(start + before.size(), end - start - before.size());
+}
+
+// The user of a message about rights, as SQL writes it.
+std::string s_userIn(const std::string& message) {
+  const std::string user = s_between(message, " user '", "'@'");
+  const std::string host = s_between(message, "'@'", "'");
+  return user.empty() ? "the database user" : "'" + user + "'@'" + host + "'";
+}
+
+std::string s_rightsHint(const Database::Error& error) {
+  const std::string& message = error.stringParameter();
+  const std::size_t end = message.find(" command denied to ");
+  std::string right = "SELECT";  // For what only looks up. The server does not always name it.
+  if (end != std::string::npos) {
+    right = message.substr(0, end);
+  } else if (error.statement().starts_with("create")) {
+    right = "CREATE";
+  }
+  // The preparation of the database begins by connecting to the server's own one, which takes a
+  // right on any table there.
+  const bool isOwn = s_between(message, "to database '", "'") == "mysql";
+  return "as an administrator of the database server: GRANT " + right + " ON " +
+         (isOwn ? "mysql.help_topic" : "ts_address_map.*") + " TO " + s_userIn(message) +
+         "; or name the option file of a user with that right";
+}
+
+std::string s_missingTableHint(const std::string& message) {
+  const std::string table = s_between(message, "'ts_address_map.", "'");
+  for (const std::string_view start : {"alias_", "mask_"}) {
+    if (!table.starts_with(start)) continue;
+    return "create the tables with 'tsl-address-map table create " + table.substr(start.size()) +
+           "', or correct --table; 'tsl-address-map table list' shows those there are";
+  }
+  return "create missing base tables with 'tsl-address-map init'; 'tsl-address-map status' shows"
+         " the tables there are";
+}
+
+// True when the answer stays the same until somebody changes the settings, the rights or the
+// tables.
+bool s_isLasting(const Database::Error& error) {
+  switch (error.number()) {
+    case s_databaseDenied:
+    case s_accessDenied:
+    case s_unknownDatabase:
+    case s_commandDenied:
+    case s_columnDenied:
+    case s_noSuchTable:
+    case s_privilegeMissing:
+    case s_socketDenied:
+      return true;
+    default:
+      return false;
+  }
+}
+
 std::string s_databaseHint(const Database::Error& error) {
   if (error.outcomeUnknown()) {
     return "the connection broke before the answer: check whether the change was made";
   }
   switch (error.number()) {
     case s_accessDenied:
-      return "check user and password in the option file, groups [client] and [tsl-address-map]";
+      return "check user and password of " + s_userIn(error.stringParameter()) +
+             " in the option file, groups [client] and [tsl-address-map]";
+    case s_socketDenied:
+      return "the server admits " + s_userIn(error.stringParameter()) +
+             " without a password only from the operating-system user of that name: run the command"
+             " as that user";
     case s_databaseDenied:
     case s_commandDenied:
-      return "grant the database user the rights on the database ts_address_map";
+    case s_columnDenied:
+      return s_rightsHint(error);
+    case s_privilegeMissing:
+      return "use the option file of a database user with the right that the server names";
     case s_unknownDatabase:
       return "create the database with 'tsl-address-map init'";
     case s_noSuchTable:
-      return "see 'tsl-address-map status' for the tables there are; 'tsl-address-map init' creates"
-             " missing base tables";
+      return s_missingTableHint(error.stringParameter());
     default:
       return error.number() >= 2000
                  ? "check that the server runs and that the option file names it, or use --local"
@@ -94,7 +167,8 @@ std::string s_databaseHint(const Database::Error& error) {
 Failure s_failureOf(const Exception& exception, const std::string& subject) {
   const std::string why = reasonOf(exception);
   if (const Database::Error* error = s_databaseError(exception)) {
-    return {ExitCode::Unavailable, subject, why, s_databaseHint(*error)};
+    const ExitCode code = s_isLasting(*error) ? ExitCode::Configuration : ExitCode::Unavailable;
+    return {code, subject, why, s_databaseHint(*error)};
   }
   if (isAddressFault(exception)) {
     return {ExitCode::BadData, subject, why, "correct the address and try again"};
