@@ -130,6 +130,26 @@ old_schema() {
   contains "$output" '"domains":1}'
 }
 
+@test "status and check of a user with few rights call no schema incomplete" {
+  tool init
+  tool alias set team@example.com ann@example.com
+  local file grant
+  file=$(option_file mail secret)
+  for grant in 'select on mask' 'select (name) on alias'; do
+    sql "create or replace user mail@localhost identified by 'secret'; grant $grant to mail@localhost;"
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" status
+    contains "$output" $'\nschema: unknown\ntable: '
+    contains "$stderr" "GRANT SELECT ON ts_address_map.* TO 'mail'@'localhost'"
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" check
+    equal "$output" ""
+    run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" init --dry-run
+    equal "$output" ""
+  done
+  sql "grant select on ts_address_map.* to mail@localhost;"
+  run -0 "$TSL_TOOL" --option-file "$file" status
+  contains "$output" $'\nschema: complete\ntable: alias, rows: 1\ntable: mask, rows: 0'
+}
+
 @test "status of what is not whole" {
   run -0 tool status
   contains "$output" "schema: absent"

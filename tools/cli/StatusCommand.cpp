@@ -6,6 +6,7 @@
 #include "cli/Command.h"
 #include "cmf/ApsGwServerCache.h"
 #include "database/Connection.h"
+#include "database/QueryTableNames.h"
 #include "tables/Configuration.h"
 #include "tables/Schema.h"
 #include "tables/TableNames.h"
@@ -16,19 +17,41 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Fills in what is known of the database.
-void s_askDatabase(Json& status) {
-  Database::Connection connection("");
-  status["server"] = printable(connection.peerAddress().text());
-  status["version"] = printable(connection.serverVersion());
-  const Schema schema = lookAtSchema(connection);
-  status["present"] = schema.present;
-  status["schema"] = printable(summaryOf(schema));
-  for (const std::string& table : schema.tables) {
-    if (!readTableName(table)) continue;
-    status["tables"].push_back(
-        Json{{"table", printable(table)}, {"rows", countRows(connection, table)}});
+// Does one step; its failure does not keep the next one from being done.
+template <class Step>
+void s_try(std::vector<Failure>& failures, const std::string& subject, Step step) {
+  try {
+    step();
+  } catch (const Exception& exception) {
+    failures.push_back(failureOf(exception, subject));
   }
+}
+
+// Fills in what is known of the tables, which a user with few rights does not see all of.
+void s_askTables(Database::Connection& connection, Json& status, std::vector<Failure>& failures) {
+  s_try(failures, "looking at the schema",
+        [&] { status["schema"] = printable(summaryOf(lookAtSchema(connection))); });
+  const auto tables = Database::QueryTableNames(connection).names();
+  for (const std::string& table : tables) {
+    if (!readTableName(table)) continue;
+    Json rows;
+    s_try(failures, "counting the rows of table " + table,
+          [&] { rows = countRows(connection, table); });
+    status["tables"].push_back(Json{{"table", printable(table)}, {"rows", rows}});
+  }
+}
+
+// Fills in what is known of the database.
+void s_askDatabase(Json& status, std::vector<Failure>& failures) {
+  s_try(failures, "asking the database", [&] {
+    Database::Connection connection("");
+    status["server"] = printable(connection.peerAddress().text());
+    status["version"] = printable(connection.serverVersion());
+    const bool isPresent = connection.dbSelectIfExists(s_database);
+    status["present"] = isPresent;
+    if (!isPresent) status["schema"] = summaryOf(Schema());
+    if (isPresent) s_askTables(connection, status, failures);
+  });
 }
 
 std::string s_text(const Json& value) {
@@ -58,11 +81,7 @@ ExitCode s_status(Session& session) {
               {"cmf", printable(configurationDirectory())},
               {"domains", nullptr}};
   std::vector<Failure> failures;
-  try {
-    s_askDatabase(status);
-  } catch (const Exception& exception) {
-    failures.push_back(failureOf(exception, "asking the database"));
-  }
+  s_askDatabase(status, failures);
   bool hasConfiguration = true;
   try {
     status["domains"] = withConfiguration(

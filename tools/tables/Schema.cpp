@@ -19,6 +19,7 @@ namespace {
 
 // The server's answer to what it cannot do in its present role.
 constexpr unsigned int s_notSupported = 1235;
+constexpr unsigned int s_noSuchTable = 1146;
 
 using Columns = std::map<std::string, Database::Field>;
 
@@ -49,7 +50,26 @@ void s_noteUnknown(const Columns& columns, const std::string& table, Schema& sch
   }
 }
 
+// Throws Exception when the user may not read the whole table. The server shows a user only the
+// tables and columns that it has rights on; without this, the others would seem to be missing.
+void s_requireReadable(Database::Connection& connection, const std::string& table) {
+  selectTexts(connection, "select * from " + quotedName(table) + " limit 0;", 0);
+}
+
+// False when there is no such table.
+bool s_exists(Database::Connection& connection, const Schema& schema, const std::string& table) {
+  if (schema.tables.count(table) != 0) return true;
+  try {
+    s_requireReadable(connection, table);
+    return true;
+  } catch (const Exception& exception) {
+    if (isDatabaseError(exception, s_noSuchTable)) return false;
+    throw;
+  }
+}
+
 Columns s_describe(Database::Connection& connection, const std::string& table) {
+  s_requireReadable(connection, table);
   Columns columns;
   const Database::QueryDescribeTable description(connection, table);
   for (const Database::Field& field : description.fields()) columns[field.name] = field;
@@ -117,12 +137,12 @@ Schema lookAtSchema(Database::Connection& connection) {
   schema.present = connection.dbSelectIfExists(s_database);
   if (!schema.present) return schema;
   schema.tables = Database::QueryTableNames(connection).names();
-  if (schema.tables.count(s_mask) == 0) {
+  if (!s_exists(connection, schema, s_mask)) {
     schema.missing.push_back(SchemaStep::CreateMask);
   } else {
     s_lookAtMask(connection, s_mask, schema);
   }
-  if (schema.tables.count(s_alias) == 0) {
+  if (!s_exists(connection, schema, s_alias)) {
     schema.missing.push_back(SchemaStep::CreateAlias);
   } else {
     s_lookAtAlias(connection, s_alias, schema);

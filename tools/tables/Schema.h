@@ -42,11 +42,11 @@ class PreparationLock {
 };
 
 // Reads the state of the database and its base tables; selects it if it exists. Throws Exception
-// when that fails.
+// when that fails, and when the user has too few rights to see the whole state.
 Schema lookAtSchema(Database::Connection& connection);
 
 // Reads the state of one table of the selected database as if it were the base table of its kind.
-// Throws Exception when that fails.
+// Throws Exception as above.
 Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
 
 // Carries out one step on the selected database. Throws Exception; only this step is missing then.
