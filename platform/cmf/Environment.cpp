@@ -96,6 +96,8 @@ std::shared_ptr<Environment> s_open(Open& open, const std::string& path,
 
 // Opens the files in `path` as they are now. Retries while somebody replaces them.
 std::shared_ptr<Environment> s_obtain(Open& open, const std::string& path, bool writable) {
+  // A wrong setting is named even where there is no configuration.
+  static_cast<void>(configuredMapSize());
   for (int attempt = 0; attempt < s_openAttempts; ++attempt) {
     const FileIdentity identity = findFiles(path, writable);
     std::shared_ptr<Environment> environment = s_find(open, identity);

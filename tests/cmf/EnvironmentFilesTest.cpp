@@ -197,6 +197,12 @@ TEST_F(EnvironmentFilesTest, AMapSizeThatIsNoNumberIsAFailure) {
         HasSubstr(std::string("TSL_CMF_MAP_MIB must be a number from 1 to 16777216: ") + size))
         << size;
   }
+  EXPECT_THAT(failureOf([] {
+                setVariable("TSL_CMF_PATH", "/nowhere");
+                RefApsGwServerCache::instance(false);
+              }),
+              HasSubstr("TSL_CMF_MAP_MIB"));
+  setVariable("TSL_CMF_PATH", path());
   setVariable("TSL_CMF_MAP_MIB", "64");
   RefApsGwServerCache::instance(true);
   EXPECT_EQ(usersOf("example.com").size(), 1U);

@@ -130,6 +130,18 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   contains "$stderr" "$CMF/missing"
 }
 
+@test "a wrong size of the map is named, with or without a configuration" {
+  for words in 'domain list' 'domain add example.com' 'domain add example.com --dry-run' \
+    'user list example.com' 'status'; do
+    TSL_CMF_MAP_MIB=abc run -78 --separate-stderr tool --cmf "$CMF" $words
+    contains "$stderr" "TSL_CMF_MAP_MIB must be a number from 1 to 16777216: abc"
+    contains "$stderr" "hint: correct TSL_CMF_MAP_MIB"
+  done
+  run -0 cmf domain add example.com
+  TSL_CMF_MAP_MIB=0 run -78 --separate-stderr cmf domain list
+  contains "$stderr" "hint: correct TSL_CMF_MAP_MIB"
+}
+
 @test "a damaged configuration" {
   head -c 65536 /dev/zero >"$CMF/data.mdb"
   head -c 8192 /dev/zero >"$CMF/lock.mdb"

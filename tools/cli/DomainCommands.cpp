@@ -28,8 +28,7 @@ struct Arguments {
 // missing has none.
 std::optional<StoredDomain> s_stored(const std::string& domain) {
   const MailUsers users;
-  const bool isMissing = users.failure() && users.failure()->code() == ExitCode::Configuration;
-  if (!isMissing) users.require();
+  if (!users.isAbsent()) users.require();
   const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
   if (spellings.empty()) return std::nullopt;
   return spellings.front();

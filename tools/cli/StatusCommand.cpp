@@ -86,10 +86,11 @@ ExitCode s_status(Session& session) {
   try {
     status["domains"] = withConfiguration(
         [] { return CMF::RefApsGwServerCache::instance(false)->domains().size(); });
-  } catch (const Failure& failure) {
+  } catch (const NoConfiguration&) {
     // Installations without all-users aliases have no configuration; that is a state, no failure.
-    hasConfiguration = failure.code() != ExitCode::Configuration;
-    if (hasConfiguration) failures.push_back(failure);
+    hasConfiguration = false;
+  } catch (const Failure& failure) {
+    failures.push_back(failure);
   }
   if (session.isJson()) {
     session.output().document(status);

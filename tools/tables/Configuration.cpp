@@ -12,6 +12,7 @@ namespace Tessel::Tool {
 namespace {
 
 constexpr char s_default[] = "/var/lib/tsl/cmf";
+constexpr char s_mapSizeVariable[] = "TSL_CMF_MAP_MIB";
 
 }  // namespace
 
@@ -20,18 +21,23 @@ std::string configurationDirectory() {
   return directory != nullptr && *directory != '\0' ? directory : s_default;
 }
 
-Failure configurationFailure(const Exception& exception) {
+void throwConfigurationFailure(const Exception& exception) {
   const std::filesystem::path directory = configurationDirectory();
   const std::string subject = "the configuration in " + directory.string();
+  const std::string why = reasonOf(exception);
+  if (why.starts_with(s_mapSizeVariable)) {
+    throw Failure(ExitCode::Configuration, subject, why,
+                  std::string("correct ") + s_mapSizeVariable + " in the environment, or unset it");
+  }
   std::error_code error;
   const bool present = std::filesystem::exists(directory / "data.mdb", error);
   if (!present && !error) {
-    return {ExitCode::Configuration, subject, reasonOf(exception),
-            "name the directory with --cmf or TSL_CMF_PATH, or create one with"
-            " 'tsl-address-map domain add'"};
+    throw NoConfiguration(ExitCode::Configuration, subject, why,
+                          "name the directory with --cmf or TSL_CMF_PATH, or create one with"
+                          " 'tsl-address-map domain add'");
   }
-  return {ExitCode::Unavailable, subject, reasonOf(exception),
-          "check the permissions of the directory and its files"};
+  throw Failure(ExitCode::Unavailable, subject, why,
+                "check the permissions of the directory and its files");
 }
 
 CMF::RefApsGwServer findDomain(const std::string& domain) {

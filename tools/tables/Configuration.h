@@ -16,9 +16,15 @@ inline constexpr char s_cmfVariable[] = "TSL_CMF_PATH";
 // The directory of the configuration that TSL_CMF_PATH names, or the default one.
 std::string configurationDirectory();
 
-// The failure that `exception`, thrown by the configuration library, is: `Configuration` when there
-// is no configuration in the directory, `Unavailable` otherwise.
-Failure configurationFailure(const Exception& exception);
+// The failure when there is no configuration in the directory. Its status is `Configuration`.
+class NoConfiguration : public Failure {
+ public:
+  using Failure::Failure;
+};
+
+// Throws the failure that `exception`, thrown by the configuration library, is: NoConfiguration;
+// `Configuration` for a wrong setting; `Unavailable` otherwise.
+[[noreturn]] void throwConfigurationFailure(const Exception& exception);
 
 // The server record of `domain`; null when there is none. Throws Failure as above.
 CMF::RefApsGwServer findDomain(const std::string& domain);
@@ -29,7 +35,7 @@ auto withConfiguration(Use use) {
   try {
     return use();
   } catch (const Exception& exception) {
-    throw configurationFailure(exception);
+    throwConfigurationFailure(exception);
   }
 }
 

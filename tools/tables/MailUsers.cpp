@@ -48,6 +48,9 @@ MailUsers::MailUsers() {
       m_stored.emplace(comparisonDomain(record.domain),
                        StoredDomain{record.domain, record.domainId});
     }
+  } catch (const NoConfiguration& failure) {
+    m_failure = failure;
+    m_isAbsent = true;
   } catch (const Failure& failure) {
     m_failure = failure;
   }

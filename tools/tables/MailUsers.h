@@ -67,6 +67,8 @@ class MailUsers {
 
   // Why nothing is known; nothing while all is well.
   [[nodiscard]] const std::optional<Failure>& failure() const { return m_failure; }
+  // True when that is because there is no configuration yet.
+  [[nodiscard]] bool isAbsent() const { return m_isAbsent; }
   // Throws the failure, if there is one.
   void require() const;
 
@@ -90,6 +92,7 @@ class MailUsers {
   std::string m_lastName;                   // Members of an alias are mostly of one domain.
   Domain* m_last = nullptr;
   std::optional<Failure> m_failure;
+  bool m_isAbsent = false;
 };
 
 }  // namespace Tessel::Tool
