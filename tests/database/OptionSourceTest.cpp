@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "database/DatabaseTest.h"
 
@@ -51,6 +53,34 @@ TEST_F(OptionSourceTest, AFileThatEveryoneMayWriteIsRefused) {
   Testing::TestServer::OptionFile options(server(), goodOptions());
   chmod(options.path().c_str(), 0666);
   EXPECT_THAT(failure().stringParameter(), HasSubstr("chmod o-w"));
+}
+
+// The client library would use the default server instead.
+TEST_F(OptionSourceTest, AFileWithoutAGroupThatIsReadOrWithABrokenOneIsRefused) {
+  for (const auto& [text, want] : std::vector<std::pair<std::string, std::string>>{
+           {"", "has no group [client] or [tsl-address-map]"},
+           {"# [client]\n; [client]\n", "has no group"},
+           {"[mysqld]\nsocket=x\n", "has no group"},
+           {"[ client]\nsocket=x\n", "has no group"},
+           {"[CLIENT]\nsocket=x\n", "has no group"},
+           {"[client\nsocket=x\n", "is broken in line 1: the name of a group has no ']'"},
+           {goodOptions() + "\n  [mysqld\n", "is broken in line 5: the name of a group has no ']'"},
+           {"\nsocket=x\n" + goodOptions(), "is broken in line 2: an option before the first"}}) {
+    Testing::TestServer::OptionFile options(server(), text);
+    const std::string got = failure().stringParameter();
+    EXPECT_THAT(got, HasSubstr("named by TSL_DATABASE_OPTION_FILE, " + want)) << text;
+  }
+}
+
+TEST_F(OptionSourceTest, EachGroupThatTheClientLibraryReadsWillDo) {
+  for (const std::string group : {"client-server", "client-mariadb ", "tsl-address-map"}) {
+    Testing::TestServer::OptionFile options(
+        server(), "  [" + group + "] # comment" + goodOptions().substr(8));
+    EXPECT_EQ(Connection("").peerAddress().host(), server().socketPath()) << group;
+  }
+  Testing::TestServer::OptionFile named(server(), goodOptions());
+  Testing::TestServer::OptionFile options(server(), "!include " + named.path() + "\n");
+  EXPECT_EQ(Connection("").peerAddress().host(), server().socketPath());
 }
 
 TEST_F(OptionSourceTest, BothGroupsOfTheNamedFileAreReadAndTheLaterOneCounts) {

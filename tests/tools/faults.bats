@@ -128,8 +128,13 @@ setup() {
 @test "wrong settings" {
   local missing="$BATS_TEST_TMPDIR/missing"
   run -78 --separate-stderr "$TSL_TOOL" --option-file "$missing" alias list
-  contains "$stderr" "$missing"
-  run -78 "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR" alias list
+  contains "$stderr" "tsl-address-map: --option-file: The database option file '$missing' cannot be read"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR" alias list
+  contains "$stderr" "tsl-address-map: --option-file: "
+  printf '[clinet]\nuser=x\n' >"$BATS_TEST_TMPDIR/typo.cnf"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/typo.cnf" alias list
+  contains "$stderr" "has no group [client] or [tsl-address-map]"
+  [[ "$stderr" != *TSL_DATABASE_OPTION_FILE* ]]
   TSL_DATABASE_OPTION_FILE=$missing run -78 --separate-stderr "$TSL_TOOL" alias list
   contains "$stderr" "$missing"
   TSL_DATABASE_OPTION_FILE=$missing run -78 "$TSL_TOOL" status

@@ -1,9 +1,6 @@
 // Setting up a run of the tool.
 #include "cli/Session.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -17,6 +14,7 @@
 #include "base/bytes.h"
 #include "cli/LocalFailure.h"
 #include "database/Connection.h"
+#include "database/OptionSource.h"
 #include "database/StatementObserver.h"
 #include "failure/Failure.h"
 #include "local/LocalServer.h"
@@ -37,15 +35,13 @@ void s_setEnvironment(const char* name, const std::string& value) {
                 std::generic_category().message(errno), "");
 }
 
-void s_requireReadable(const std::string& file) {
-  std::error_code error;
-  const bool isFile = std::filesystem::is_regular_file(file, error);
-  if (isFile && access(file.c_str(), R_OK) == 0) return;
-  const std::string why = error    ? error.message()
-                          : isFile ? std::generic_category().message(errno)
-                                   : "it is not a regular file";
-  throw Failure(ExitCode::Configuration, "option file '" + file + "'", why,
-                "name a readable MySQL option file with a [client] group");
+void s_requireUsable(const std::string& optionFile) {
+  try {
+    Database::OptionSource::of(optionFile);
+  } catch (const Exception& exception) {
+    throw Failure(ExitCode::Configuration, "--option-file", reasonOf(exception),
+                  "name a readable MySQL option file with a group [client] or [tsl-address-map]");
+  }
 }
 
 void s_requireDirectory(const std::string& directory) {
@@ -91,7 +87,7 @@ void Session::prepare(Preparation preparation) {
                   "give one of them");
   }
   if (m_options.optionFile) {
-    s_requireReadable(*m_options.optionFile);
+    s_requireUsable(*m_options.optionFile);
     s_setEnvironment(s_optionFileVariable, *m_options.optionFile);
   }
   if (preparation != Preparation::Nothing && m_options.local) startLocal();
