@@ -58,6 +58,32 @@ setup() {
   done
 }
 
+@test "a mistyped command or option: what may be meant, and the help of the nearest command" {
+  # What is typed, what is said of it, what may be meant, and whose help is named.
+  while IFS='|' read -r typed fault meant help; do
+    # Unquoted: the words of the command.
+    run -64 --separate-stderr "$TSL_TOOL" $typed
+    contains "$stderr" "tsl-address-map: usage: $fault"$'\n'
+    local hint="see 'tsl-address-map ${help:+$help }--help'"
+    [[ -z $meant ]] || hint="did you mean '$meant'? S${hint#s}"
+    equal "${stderr##*hint: }" "$hint"
+  done <<'EOF'
+alais set a@x.example b@x.example|there is no command 'alais'|alias|
+alias lst|there is no command 'alias lst'|alias list|alias
+alias frobnicate|there is no command 'alias frobnicate'||alias
+alias|a command is missing||alias
+alias set a@x.example|MEMBER is required||alias set
+alias list --domian x.example|'alias list' has no option '--domian'|--domain|alias list
+alias import --repalce=1 x|'alias import' has no option '--repalce'|--replace|alias import
+alias list --jsn|'alias list' has no option '--jsn'|--json|alias list
+--tabel x alias list|'alias list' has no option '--tabel'|--table|alias list
+serve --metric 127.0.0.1:1|'serve' has no option '--metric'|--metrics|serve
+alias set --localnames a@x.example|'alias set' has no option '--localnames'|--local-names|alias set
+mask list --dot|'mask list' has no option '--dot'||mask list
+alias list a@x.example|'alias list' takes no further argument 'a@x.example'||alias list
+EOF
+}
+
 @test "nobody listens" {
   printf '[client]\nsocket=/nonexistent/db.sock\n' >"$BATS_TEST_TMPDIR/nowhere.cnf"
   run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" \

@@ -1,6 +1,8 @@
 // The command line, read by CLI11.
 #include "cli/Command.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <utility>
 
 #include <CLI/CLI.hpp>
@@ -18,12 +20,97 @@ CLI::Option& s_addOptional(CLI::App& app, const std::string& name,
       name, [&value](const std::string& text) { value = text; }, help);
 }
 
-// What is wrong with the words that `app` could not read.
-std::string s_usageFault(const CLI::App& app, const CLI::ParseError& error) {
+// How many characters must be inserted, deleted, replaced or swapped with their neighbours to make
+// one word of the other.
+std::size_t s_distance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<std::size_t>> cost(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) cost[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) cost[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t replaced = cost[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+      cost[i][j] = std::min({cost[i - 1][j] + 1, cost[i][j - 1] + 1, replaced});
+      const bool isSwap = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+      if (isSwap) cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
+    }
+  }
+  return cost[a.size()][b.size()];
+}
+
+// The word of `known` that `word` is most likely meant to be; empty when none is near.
+std::string s_nearest(const std::string& word, const std::vector<std::string>& known) {
+  constexpr std::size_t s_longest = 40;  // No word of ours is as long, and the comparison is slow.
+  if (word.size() > s_longest) return "";
+  std::string nearest;
+  std::size_t least = std::max<std::size_t>(1, word.size() / 3) + 1;
+  for (const std::string& other : known) {
+    const bool isStart = word.size() > 1 && other.starts_with(word);
+    const std::size_t distance = isStart ? 1 : s_distance(word, other);
+    if (distance >= least) continue;
+    least = distance;
+    nearest = other;
+  }
+  return nearest;
+}
+
+// The command at the end of those that were read, with its words.
+const CLI::App& s_lastCommand(const CLI::App& app, std::string& words) {
+  const CLI::App* last = &app;
+  for (auto read = app.get_subcommands(); !read.empty(); read = last->get_subcommands()) {
+    last = read.front();
+    words += (words.empty() ? "" : " ") + last->get_name();
+  }
+  return *last;
+}
+
+std::vector<std::string> s_commandsOf(const CLI::App& app) {
+  std::vector<std::string> names;
+  const auto all = [](const CLI::App* /*command*/) { return true; };
+  for (const CLI::App* command : app.get_subcommands(all)) names.push_back(command->get_name());
+  return names;
+}
+
+// The options that may follow the words of `app`: its own, and those of the groups it is in.
+std::vector<std::string> s_optionsOf(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* owner = &app; owner != nullptr; owner = owner->get_parent()) {
+    for (const CLI::Option* option : owner->get_options()) {
+      for (const std::string& name : option->get_lnames()) names.push_back(name);
+    }
+  }
+  return names;
+}
+
+// What is wrong with the words that `app` could not read, and what may have been meant.
+Failure s_usageFailure(const CLI::App& app, const CLI::ParseError& error) {
+  std::string words;
+  const CLI::App& command = s_lastCommand(app, words);
+  const std::vector<std::string> commands = s_commandsOf(command);
   const std::vector<std::string> unknown = app.remaining(true);
-  const bool command = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
-  return command && !unknown.empty() ? "there is no command '" + unknown[0] + "'"
-                                     : std::string(error.what());
+  const auto option = std::find_if(unknown.begin(), unknown.end(), [](const std::string& word) {
+    return word.starts_with('-') && word != "-";
+  });
+  const bool isMissing = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+  std::string why = isMissing && !commands.empty() ? "a command is missing" : error.what();
+  std::string meant;
+  if (!commands.empty() && !unknown.empty() && option != unknown.begin()) {
+    const std::string start = words.empty() ? "" : words + " ";
+    why = "there is no command '" + start + unknown.front() + "'";
+    meant = s_nearest(unknown.front(), commands);
+    if (!meant.empty()) meant.insert(0, start);
+  } else if (option != unknown.end()) {
+    const std::string name = option->substr(0, option->find('='));
+    why = (words.empty() ? "there is" : "'" + words + "' has") + " no option '" + name + "'";
+    meant = s_nearest(name.substr(std::min(name.size(), name.find_first_not_of('-'))),
+                      s_optionsOf(command));
+    if (!meant.empty()) meant.insert(0, "--");
+  } else if (!unknown.empty()) {
+    why = "'" + words + "' takes no further argument '" + unknown.front() + "'";
+  }
+  const std::string help = std::string(s_program) + (words.empty() ? "" : " " + words) + " --help";
+  return {
+      ExitCode::Usage, "usage", why,
+      meant.empty() ? "see '" + help + "'" : "did you mean '" + meant + "'? See '" + help + "'"};
 }
 
 }  // namespace
@@ -140,8 +227,7 @@ const Choice* CommandLine::parse(int argc, const char* const* argv) {
     m_app->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() != 0) {
-      throw Failure(ExitCode::Usage, "usage", s_usageFault(*m_app, error),
-                    "see '" + std::string(s_program) + " --help'");
+      throw s_usageFailure(*m_app, error);
     }
     m_app->exit(error);
     return nullptr;
