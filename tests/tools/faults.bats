@@ -59,7 +59,7 @@ setup() {
 }
 
 @test "a mistyped command or option: what may be meant, and the help of the nearest command" {
-  # What is typed, what is said of it, what may be meant, and whose help is named.
+  # What is typed, the fault, what may be meant, and whose help is named.
   while IFS='|' read -r typed fault meant help; do
     # Unquoted: the words of the command.
     run -64 --separate-stderr "$TSL_TOOL" $typed

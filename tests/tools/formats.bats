@@ -242,6 +242,9 @@ c: ann, "|/usr/bin/vacation ann, bob"
 d: /dev/null
 e: ann, \ann
 f:
+g: error:550 No such user
+Good: bob
+h: ann
 END
   before=$(aliases)
   run -65 --separate-stderr tool alias import special --domain example.com
@@ -251,7 +254,31 @@ END
   contains "$stderr" "special:5: the target '/dev/null' is not an address: it delivers to a file"
   contains "$stderr" "special:6: bad members"
   contains "$stderr" "special:7: the members are empty"
+  contains "$stderr" "special:8: the target 'error:550 No such user' is not an address: it refuses the mail"
+  contains "$stderr" "special:9: the alias Good@example.com is in line 1 already"
   equal "$(aliases)" "$before"
+}
+
+@test "bad lines are left out if asked, and listed" {
+  printf 'good: ann\nbad: |/usr/bin/filter\nGood: bob\nlist: ann,\n  :include:/etc/list\nh: bob\n' >special
+  printf 'a@in:a@out\nb@in:A@out\na@IN:b@out\nc@in:b@out\nno\n' >pairs
+  run -0 --separate-stderr tool alias import special --domain example.com --skip-bad --dry-run
+  equal "$output" $'+ good@example.com:ann@example.com\n+ h@example.com:bob@example.com\n2 added, 0 changed, 0 left, 0 removed, 3 skipped'
+  equal "$(aliases)" ""
+  run -0 --separate-stderr tool alias import special --domain example.com --skip-bad
+  equal "$output" "2 added, 0 changed, 0 left, 0 removed, 3 skipped"
+  equal "$(grep -o 'special:[0-9]*: .....' <<<"$stderr")" \
+    $'special:2: the t\nspecial:3: the a\nspecial:4: the t'
+  equal "$(tool alias list)" $'good@example.com\tann@example.com\nh@example.com\tbob@example.com'
+  run -0 --separate-stderr tool mask import pairs --format native --skip-bad --json
+  equal "$output" '{"added":2,"changed":0,"left":0,"removed":0,"skipped":[{"line":2,"reason":"the public address A@out is in line 1 already"},{"line":3,"reason":"the private address a@IN is in line 1 already"},{"line":5,"reason":"there is no colon after an address"}]}'
+  equal "$(tool mask list)" $'a@in\ta@out\nc@in\tb@out'
+  # Rows whose lines are bad would be removed.
+  run -64 tool alias import special --domain example.com --skip-bad --replace
+  # A long list is shown to its end.
+  seq 150 >numbers
+  run -0 --separate-stderr tool alias import numbers --skip-bad
+  equal "$(grep -c '^tsl-address-map: numbers:' <<<"$stderr")" 150
 }
 
 # Fails unless the alias file with the lines of standard input in the format $1 is refused for $2.

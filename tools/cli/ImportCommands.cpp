@@ -30,12 +30,23 @@ void s_forEachChange(const TableImport& import, Visit visit) {
   for (const FileEntry* entry : import.added()) visit("+", entry->line());
 }
 
-void s_answer(Session& session, const TableImport& import, bool dryRun) {
+Json s_jsonOf(const std::vector<LineFaults::Fault>& faults) {
+  Json list = Json::array();
+  for (const LineFaults::Fault& fault : faults) {
+    list.push_back(Json{{"line", fault.line}, {"reason", printable(fault.reason)}});
+  }
+  return list;
+}
+
+// `skipped` is null where bad lines are not left out.
+void s_answer(Session& session, const TableImport& import,
+              const std::vector<LineFaults::Fault>* skipped, bool dryRun) {
   if (session.isJson()) {
     Json document{{"added", import.added().size()},
                   {"changed", import.changed().size()},
                   {"left", import.left()},
                   {"removed", import.removed().size()}};
+    if (skipped != nullptr) document["skipped"] = s_jsonOf(*skipped);
     Json rows = Json::array();
     if (dryRun) {
       s_forEachChange(import, [&rows](const char* sign, const std::string& line) {
@@ -51,10 +62,11 @@ void s_answer(Session& session, const TableImport& import, bool dryRun) {
       session.output().line(std::string(sign) + " " + printable(line));
     });
   }
-  session.output().line(std::to_string(import.added().size()) + " added, " +
-                        std::to_string(import.changed().size()) + " changed, " +
-                        std::to_string(import.left()) + " left, " +
-                        std::to_string(import.removed().size()) + " removed");
+  session.output().line(
+      std::to_string(import.added().size()) + " added, " + std::to_string(import.changed().size()) +
+      " changed, " + std::to_string(import.left()) + " left, " +
+      std::to_string(import.removed().size()) + " removed" +
+      (skipped != nullptr ? ", " + std::to_string(skipped->size()) + " skipped" : ""));
 }
 
 void s_commit(TableImport& import, const std::string& subject) {
@@ -99,7 +111,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
   s_carryOut(change, "importing " + file.name() + " into table " + table, arguments.dryRun,
              progress);
   progress.end();
-  s_answer(session, change, arguments.dryRun);
+  s_answer(session, change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);
   return ExitCode::Done;
 }
 
@@ -130,6 +142,10 @@ void addImportCommand(Command& group, const TableFormat& format) {
       "Remove the rows that the file does not mention, so that the table equals the file");
   import.flag("--force", arguments->force, "With --replace: also when the file is empty")
       .needs(replace);
+  import
+      .flag("--skip-bad", arguments->options.skipBad,
+            "Leave bad lines out, and of two lines for one address the second; import the rest")
+      .excludes(replace);
   import.option("--format", arguments->options.format, formatNames(format),
                 "The format of the file; by default recognised from its first lines");
   if (format.hasPublic) return;

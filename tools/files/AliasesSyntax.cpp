@@ -11,6 +11,7 @@ namespace {
 // What aliases(5) does with the target `text` instead of delivering to an address; null when it is
 // one.
 const char* s_specialUse(std::string_view text) {
+  if (text.starts_with("error:")) return "it refuses the mail";
   if (text.starts_with('"')) text.remove_prefix(1);
   if (text.starts_with('|')) return "it delivers to a command";
   if (text.starts_with('/')) return "it delivers to a file";

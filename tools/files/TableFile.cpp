@@ -2,7 +2,9 @@
 #include "files/TableFile.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
+#include <set>
 #include <string_view>
 
 #include "base/stringCompareNoCase.h"
@@ -13,8 +15,6 @@
 namespace Tessel::Tool {
 
 namespace {
-
-constexpr std::size_t s_faultsShown = 100;
 
 // Why a good line must not be written; nothing when it may.
 std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
@@ -32,34 +32,41 @@ std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
 void LineFaults::add(std::size_t line, const std::string& reason) {
   ++m_count;
   // What is kept of the later ones is a number: the file may be of another kind altogether.
-  if (m_faults.size() < 2 * s_faultsShown) m_faults.push_back({line, reason});
+  if (m_faults.size() / 2 < m_shown) m_faults.push_back({line, reason});
 }
 
-void LineFaults::refuse(const std::string& why) {
-  if (m_faults.empty()) return;
+void LineFaults::report() {
   std::stable_sort(m_faults.begin(), m_faults.end(),
                    [](const Fault& a, const Fault& b) { return a.line < b.line; });
-  const std::size_t shown = std::min(m_faults.size(), s_faultsShown);
+  const std::size_t shown = std::min(m_faults.size(), m_shown);
   for (std::size_t i = 0; i < shown; ++i) {
     say(m_file + ":" + std::to_string(m_faults[i].line) + ": " + m_faults[i].reason);
   }
   if (m_count > shown) say("and " + std::to_string(m_count - shown) + " more");
+}
+
+void LineFaults::refuse(const std::string& why) {
+  if (m_faults.empty()) return;
+  report();
   throw Failure(ExitCode::BadData, m_file, why,
                 "nothing was written; correct the lines and try again");
 }
 
 TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,
                      Progress& progress)
-    : m_name(path == "-" ? "standard input" : path) {
+    : m_name(path == "-" ? "standard input" : path), m_skipBad(options.skipBad) {
   progress.beginReading(path);
   Lines lines(path, m_name);
   const auto syntax = options.format.empty()
                           ? FileSyntax::detected(lines, m_name, format, options.domain)
                           : FileSyntax::named(options.format, format, options.domain);
-  LineFaults faults(m_name);
+  LineFaults faults = m_skipBad ? LineFaults(m_name, SIZE_MAX) : LineFaults(m_name);
   read(lines, *syntax, faults, progress, options.localNames);
   findDoubles(format, faults);
-  faults.refuse("it has bad lines");
+  if (!m_skipBad) faults.refuse("it has bad lines");
+  faults.report();
+  m_skipped = faults.all();
+  index(format);
 }
 
 void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
@@ -93,29 +100,41 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
 }
 
 void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
+  Places keys;
+  Places publics;
+  std::set<std::size_t> doubles;
+  for (const FileEntry& entry : m_entries) {
+    const bool isBad =
+        isDouble(keys, entry, entry.key, format.hasPublic ? "private address" : "alias", faults) ||
+        (format.hasPublic &&
+         isDouble(publics, entry, entry.values.front(), "public address", faults));
+    if (isBad) doubles.insert(entry.number);
+  }
+  if (m_skipBad) {
+    std::erase_if(m_entries, [&](const FileEntry& one) { return doubles.contains(one.number); });
+  }
   std::stable_sort(m_entries.begin(), m_entries.end(),
                    [](const FileEntry& a, const FileEntry& b) { return a.key < b.key; });
-  const char* const key = format.hasPublic ? "private address" : "alias";
-  for (std::size_t i = 0; i < m_entries.size(); ++i) {
-    const FileEntry& entry = m_entries[i];
-    note(m_byKey, i, entry.key, key, faults);
-    if (format.hasPublic) note(m_byPublic, i, entry.values.front(), "public address", faults);
-  }
 }
 
-// Reports `address` of the entry at `entry`, which is called `what`, when another one has it.
-void TableFile::note(Places& places, std::size_t entry, const EmailAddress& address,
-                     const char* what, LineFaults& faults) const {
-  const AddressIndex::Added added = places.addresses.add(address.address());
-  if (added.isNew) return places.entries.push_back(entry);
-  const std::size_t line = m_entries[entry].number;
-  const std::size_t other = m_entries[places.entries[added.id]].number;
+// True when an entry before `entry` has `address`, which is called `what`, too; that is reported.
+bool TableFile::isDouble(Places& places, const FileEntry& entry, const EmailAddress& address,
+                         const char* what, LineFaults& faults) {
+  const AddressIndex::Added added = places.add(address, entry.number);
+  if (added.isNew) return false;
   const std::string_view first = places.addresses.text(added.id);
   const bool isAlike = stringCompareNoCase(first, address.address(), 0);
-  faults.add(std::max(line, other), std::string("the ") + what + " " + address.address() +
-                                        " is in line " + std::to_string(std::min(line, other)) +
-                                        " already" +
-                                        (isAlike ? "" : ", spelled " + std::string(first)));
+  faults.add(entry.number, std::string("the ") + what + " " + address.address() + " is in line " +
+                               std::to_string(places.numbers[added.id]) + " already" +
+                               (isAlike ? "" : ", spelled " + std::string(first)));
+  return true;
+}
+
+void TableFile::index(const TableFormat& format) {
+  for (std::size_t i = 0; i < m_entries.size(); ++i) {
+    m_byKey.add(m_entries[i].key, i);
+    if (format.hasPublic) m_byPublic.add(m_entries[i].values.front(), i);
+  }
 }
 
 const FileEntry* TableFile::withKey(const EmailAddress& key) const {
@@ -128,7 +147,7 @@ const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
 
 const FileEntry* TableFile::with(const Places& places, const EmailAddress& address) const {
   const SpellingIndex::Id id = places.addresses.find(address.address());
-  return id != SpellingIndex::s_none ? &m_entries[places.entries[id]] : nullptr;
+  return id != SpellingIndex::s_none ? &m_entries[places.numbers[id]] : nullptr;
 }
 
 }  // namespace Tessel::Tool

@@ -3,6 +3,7 @@
 #define TSL_TOOLS_FILES_TABLEFILE_H
 
 #include <cstddef>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,21 +23,27 @@ struct FileEntry : TableEntry {
 // What is wrong with lines of a file, each with its place: "FILE:LINE: reason".
 class LineFaults {
  public:
-  explicit LineFaults(std::string file) : m_file(std::move(file)) {}
-
-  void add(std::size_t line, const std::string& reason);
-  [[nodiscard]] bool isEmpty() const { return m_faults.empty(); }
-  // Reports the first hundred in the order of the lines, and how many there are beyond them. Throws
-  // Failure, `BadData`, when there is any: `why` says what came of it.
-  void refuse(const std::string& why);
-
- private:
   struct Fault {
     std::size_t line;
     std::string reason;
   };
 
+  // `shown` is how many of them are reported.
+  explicit LineFaults(std::string file, std::size_t shown = 100)
+      : m_file(std::move(file)), m_shown(shown) {}
+
+  void add(std::size_t line, const std::string& reason);
+  [[nodiscard]] bool isEmpty() const { return m_faults.empty(); }
+  // Reports them in the order of the lines, and how many there are beyond those that are shown.
+  void report();
+  // The same. Throws Failure, `BadData`, when there is any: `why` says what came of it.
+  void refuse(const std::string& why);
+  // At least those that are shown; in the order of the lines after report().
+  [[nodiscard]] const std::vector<Fault>& all() const { return m_faults; }
+
+ private:
   std::string m_file;
+  std::size_t m_shown;
   std::vector<Fault> m_faults;
   std::size_t m_count = 0;
 };
@@ -49,11 +56,13 @@ class TableFile {
     std::string format;
     std::string domain;
     LocalNames localNames = LocalNames::Refuse;
+    bool skipBad = false;  // Leave bad lines out, and the later of two lines of one address.
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
-  // looks like; `progress` counts its lines. Throws Failure, `BadData`, when it cannot be read or a
-  // line is bad, after each was reported; and what FileSyntax::named() and detected() throw.
+  // looks like; `progress` counts its lines. Reports bad lines. Throws Failure, `BadData`, when it
+  // cannot be read, or a line is bad and not to be left out; and what FileSyntax::named() and
+  // detected() throw.
   TableFile(const TableFormat& format, const std::string& path, const Options& options,
             Progress& progress);
 
@@ -62,26 +71,37 @@ class TableFile {
   // The lines in the order of their keys. No two keys are spellings of one address, nor are two
   // public addresses.
   [[nodiscard]] const std::vector<FileEntry>& entries() const { return m_entries; }
+  // The bad lines that were left out.
+  [[nodiscard]] const std::vector<LineFaults::Fault>& skipped() const { return m_skipped; }
   // The entry with this key in any spelling, or null.
   [[nodiscard]] const FileEntry* withKey(const EmailAddress& key) const;
   // The entry with this public address in any spelling, or null.
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  // Where the entries of some addresses are, in any spelling.
+  // Numbers for some addresses, in any spelling: the lines or places of their entries.
   struct Places {
+    AddressIndex::Added add(const EmailAddress& address, std::size_t number) {
+      const AddressIndex::Added added = addresses.add(address.address());
+      if (added.isNew) numbers.push_back(number);
+      return added;
+    }
+
     SpellingIndex addresses;
-    std::vector<std::size_t> entries;  // By the number of the address.
+    std::vector<std::size_t> numbers;  // By that of the address.
   };
 
   void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
             LocalNames localNames);
   void findDoubles(const TableFormat& format, LineFaults& faults);
-  void note(Places& places, std::size_t entry, const EmailAddress& address, const char* what,
-            LineFaults& faults) const;
+  static bool isDouble(Places& places, const FileEntry& entry, const EmailAddress& address,
+                       const char* what, LineFaults& faults);
+  void index(const TableFormat& format);
   [[nodiscard]] const FileEntry* with(const Places& places, const EmailAddress& address) const;
 
   std::string m_name;
+  bool m_skipBad;
+  std::vector<LineFaults::Fault> m_skipped;
   std::vector<FileEntry> m_entries;
   Places m_byKey;
   Places m_byPublic;  // Of masks only.
