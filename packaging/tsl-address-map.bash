@@ -26,11 +26,11 @@ _tsl_address_map_options() {
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export") echo --domain --format ;;
-    "alias import") echo --allow-cycle --domain --dry-run --force --format --local-names --replace --skip-bad ;;
+    "alias import") echo --allow-cycle --columns --domain --dry-run --force --format --local-names --replace --skip-bad ;;
     "mask set") echo --dry-run --force ;;
     "mask remove") echo --domain --dry-run ;;
     "mask export") echo --format ;;
-    "mask import") echo --dry-run --force --format --replace --skip-bad ;;
+    "mask import") echo --columns --dry-run --force --format --replace --skip-bad ;;
     serve)
       echo --delimiter --drain-timeout --extension --idle-timeout --listen --local-names \
         --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \

@@ -150,8 +150,8 @@ TEST(FileSyntax, WhatAFormatCannotReadItNames) {
       {s_alias, "jsonl", R"({"address":"t@d","members":[]})", empty, "the members are empty"},
       {s_mask, "jsonl", R"({"private":"a@in","public":["a@out"]})", format,
        "'public' is not a string"},
-      {s_alias, "csv", "t@d", format, "there is one field, not two"},
-      {s_alias, "csv", "t@d,a@x,b@x", format, "there are more than two fields"},
+      {s_alias, "csv", "t@d", format, "its number of fields is 1, and not 2 as in the header"},
+      {s_alias, "csv", "t@d,a@x,b@x", format, "its number of fields is 3, and not 2"},
       {s_alias, "csv", R"(t"@d,a@x)", format, "a field without quotes contains a quote"},
       {s_alias, "csv", R"("t@d,a@x)", format, "a field has no closing quote in its line"},
       {s_alias, "csv", R"("t@d"x,a@x)", format, "there is text after a closing quote"},
@@ -231,6 +231,37 @@ TEST(FileSyntax, OnlyCsvHasAHeader) {
   }
   EXPECT_EQ(s_syntax("csv", s_alias)->header(), "address,members\r");
   EXPECT_EQ(s_syntax("csv", s_mask)->header(), "private,public\r");
+}
+
+TEST(FileSyntax, ColumnsOfCsvAreFoundByTheirNames) {
+  struct Case {
+    const char* columns;
+    const char* header;
+    const char* record;
+  };
+  const Case cases[] = {
+      {"", "address,members", R"(t@d,"a@x,b@x")"},
+      {"", R"(No;"Members"; Address )", "1;a@x,b@x;t@d"},
+      {"", "ADDRESS\tMEMBERS\tnote", "t@d\ta@x,b@x\t"},
+      {"E-Mail, Ziel", "Name;Ziel;E-Mail", R"("T; U";"b@x,a@x";"t@d")"},
+      {"a,b;c", R"("b;c",a)", R"("b@x,a@x",t@d)"},
+  };
+  for (const Case& one : cases) {
+    const auto syntax = s_syntax("csv", s_alias);
+    if (*one.columns != '\0') syntax->setColumns(one.columns);
+    EXPECT_EQ(syntax->readHeader(one.header), std::nullopt) << one.header;
+    TableEntry got;
+    EXPECT_FALSE(syntax->read(one.record, got)) << one.record;
+    EXPECT_EQ(got.line(), "t@d:a@x,b@x");
+  }
+  const auto csv = s_syntax("csv", s_mask);
+  EXPECT_EQ(csv->readHeader("private"), "the header does not have the column 'public' once");
+  EXPECT_EQ(csv->readHeader("private,public,Public"),
+            "the header does not have the column 'public' once");
+  EXPECT_EQ(csv->readHeader("\"private,public"), "a field has no closing quote in its line");
+  for (const char* const names : {"", "a", "a,", " ,b"})
+    EXPECT_THROW(csv->setColumns(names), Failure);
+  EXPECT_THROW(s_syntax("native", s_alias)->setColumns("a,b"), Failure);
 }
 
 ExitCode s_codeOfNamed(const char* name, const TableFormat& table, const char* domain) {

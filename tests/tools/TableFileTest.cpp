@@ -126,8 +126,20 @@ TEST(TableFile, AddressesThatAreThereTwiceAreReportedWithBothLines) {
 
 TEST(TableFile, ACsvFileBeginsWithItsHeader) {
   EXPECT_EQ(s_faults(TableFormat::alias(), "address,members\nt@d,a@x\n"), "");
-  EXPECT_EQ(s_faults(TableFormat::alias(), "t@d,a@x\nu@d,a@x\n", {"csv", ""}),
-            "tsl-address-map: FILE:1: it is not the header 'address,members'\n");
+  EXPECT_EQ(s_faults(TableFormat::alias(), "Members;Id;Address\na@x;1;t@d\n\na@x;t@d\n"),
+            "tsl-address-map: FILE:4: its number of fields is 2, and not 3 as in the header\n");
+  const ScratchFile file;
+  file.write("\nt@d,a@x\nu@d,a@x\n");
+  Progress progress;
+  try {
+    const TableFile read(TableFormat::alias(), file.path(), {"csv", ""}, progress);
+    ADD_FAILURE() << "it was read";
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.code(), ExitCode::BadData);
+    EXPECT_EQ(failure.subject(), file.path() + ":2");
+    EXPECT_EQ(failure.why(), "the header does not have the column 'address' once");
+    EXPECT_THAT(failure.hint(), HasSubstr("--columns"));
+  }
 }
 
 TEST(LineFaults, OfManyTheFirstHundredAreShownInOrder) {

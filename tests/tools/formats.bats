@@ -281,6 +281,21 @@ END
   equal "$(grep -c '^tsl-address-map: numbers:' <<<"$stderr")" 150
 }
 
+@test "a CSV file of another program" {
+  printf '\xef\xbb\xbf"Name";"E-Mail";"Ziel"\r\n"T; U";"t@example.com";"ann@example.com,bob@example.com"\r\n' >excel.csv
+  run -65 tool alias import excel.csv
+  run -65 --separate-stderr tool alias import excel.csv --format csv
+  contains "$stderr" "excel.csv:1: the header does not have the column 'address' once"
+  contains "$stderr" "hint: nothing was written; --columns"
+  run -64 tool alias import excel.csv --columns e-mail
+  run -64 tool alias import excel.csv --columns e-mail,ziel --format virtual
+  run -0 tool alias import excel.csv --columns e-mail,ziel
+  equal "$(tool alias list)" $'t@example.com\tann@example.com,bob@example.com'
+  printf 'Public;Note;Private\na@example.com;;a@in.example\n' >masks.csv
+  run -0 tool mask import masks.csv
+  equal "$(tool mask list)" $'a@in.example\ta@example.com'
+}
+
 # Fails unless the alias file with the lines of standard input in the format $1 is refused for $2.
 bad() {
   run -65 --separate-stderr tool "${KIND:-alias}" import - --format "$1"
@@ -300,9 +315,9 @@ bad() {
   bad jsonl "1: it contains a NUL" <<<'{"address":"a@example.com","members":["b\u0000@example.com"]}'
   bad jsonl "1: bad alias: it contains a NUL" <<<'{"address":"a\u0000@example.com","members":["b@example.com"]}'
   bad jsonl "1: the members are empty" <<<'{"address":"a@example.com","members":[]}'
-  bad csv "1: it is not the header 'address,members'" <<<'a@example.com,b@example.com'
-  bad csv "2: there is one field" <<<$'address,members\na@example.com'
-  bad csv "2: there are more than two" <<<$'address,members\na@example.com,b@example.com,c@example.com'
+  bad csv "1: the header does not have the column 'address' once" <<<'a@example.com,b@example.com'
+  bad csv "2: its number of fields is 1, and not 2" <<<$'address,members\na@example.com'
+  bad csv "2: its number of fields is 3, and not 2" <<<$'address,members\na@example.com,b@example.com,c@example.com'
   bad csv "2: a field has no closing quote" <<<$'address,members\na@example.com,"b@example.com'
   bad csv "2: there is text after a closing" <<<$'address,members\n"a@example.com"x,b@example.com'
   bad csv "2: a field without quotes contains a quote" <<<$'address,members\na@example.com,b"@example.com'
@@ -316,7 +331,7 @@ bad() {
   bad aliases "1: bad members: 'b' has no domain" <<<'a@example.com: b'
   KIND=mask
   bad jsonl "1: 'public' is not a string" <<<'{"private":"a@example.com","public":["b@example.com"]}'
-  bad csv "1: it is not the header 'private,public'" <<<'address,members'
+  bad csv "1: the header does not have the column 'private' once" <<<'address,members'
   bad virtual "1: a whole domain can be shown as" <<<'@inner.example b@example.com'
   bad virtual "1: a '*' would make it" <<<'*@inner.example *@example.com'
   equal "$(aliases; masks)" ""

@@ -148,6 +148,9 @@ void addImportCommand(Command& group, const TableFormat& format) {
       .excludes(replace);
   import.option("--format", arguments->options.format, formatNames(format),
                 "The format of the file; by default recognised from its first lines");
+  import.option("--columns", arguments->options.columns, "NAME,NAME",
+                std::string("The columns of a CSV file to read; by default ") +
+                    (format.hasPublic ? "private,public" : "address,members"));
   if (format.hasPublic) return;
   import.option("--domain", arguments->options.domain, "DOMAIN",
                 "With the format aliases: the domain of names that have none");

@@ -96,14 +96,14 @@ std::unique_ptr<FileSyntax> FileSyntax::named(const std::string& name, const Tab
 std::unique_ptr<FileSyntax> FileSyntax::detected(Lines& lines, const std::string& file,
                                                  const TableFormat& table,
                                                  const std::string& domain) {
-  const std::string csvHeader = makeCsvSyntax(table)->header();
   std::set<FileFormat> seen;
   bool hasComments = false;
   for (const std::string& line : lines.ahead(s_linesAhead)) {
     if (isBlank(line)) continue;
     FileFormat format{};
     // What follows the header of a CSV file may look like anything.
-    if (seen.empty() && line + "\r" == csvHeader) return s_make(FileFormat::Csv, table, domain);
+    const bool isHeader = seen.empty() && !makeCsvSyntax(table)->readHeader(line);
+    if (isHeader) return s_make(FileFormat::Csv, table, domain);
     // A key may begin with "#"; what is read as a comment is none then.
     if (s_looksLike(line, table, format)) {
       seen.insert(format);
@@ -119,6 +119,15 @@ std::unique_ptr<FileSyntax> FileSyntax::detected(Lines& lines, const std::string
                   "nothing was written; give --format " + formatNames(table));
   }
   return s_make(seen.empty() ? FileFormat::Native : *seen.begin(), table, domain);
+}
+
+std::optional<std::string> FileSyntax::readHeader(std::string_view /*record*/) {
+  return std::nullopt;
+}
+
+void FileSyntax::setColumns(const std::string& /*names*/) {
+  throw Failure(ExitCode::Usage, "--columns", std::string("the format ") + name() + " has none",
+                "leave it out, or give --format csv");
 }
 
 const char* FileSyntax::name() const noexcept {

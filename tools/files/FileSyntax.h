@@ -54,6 +54,11 @@ class FileSyntax {
   }
   // The line before the rows, with the CR it ends with, if any; empty when there is none.
   [[nodiscard]] virtual std::string header() const { return ""; }
+  // Reads the header as another program may have written it. Returns why it is not one, if so.
+  [[nodiscard]] virtual std::optional<std::string> readHeader(std::string_view record);
+  // Has the columns NAME,NAME of the header be read: that of the keys, and that of the values.
+  // Throws Failure, `Usage`, for a format without a header, and for what is not two names.
+  virtual void setColumns(const std::string& names);
   // Writes the line of a good row, without its LF. Returns why the format cannot express it, if it
   // cannot.
   virtual std::optional<Fault> write(const TableEntry& entry, std::string& line) const = 0;

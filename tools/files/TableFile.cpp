@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include "base/stringCompareNoCase.h"
 #include "failure/Failure.h"
@@ -57,9 +58,11 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
     : m_name(path == "-" ? "standard input" : path), m_skipBad(options.skipBad) {
   progress.beginReading(path);
   Lines lines(path, m_name);
-  const auto syntax = options.format.empty()
-                          ? FileSyntax::detected(lines, m_name, format, options.domain)
-                          : FileSyntax::named(options.format, format, options.domain);
+  const std::string name =
+      options.format.empty() && !options.columns.empty() ? "csv" : options.format;
+  const auto syntax = name.empty() ? FileSyntax::detected(lines, m_name, format, options.domain)
+                                   : FileSyntax::named(name, format, options.domain);
+  if (!options.columns.empty()) syntax->setColumns(options.columns);
   LineFaults faults = m_skipBad ? LineFaults(m_name, SIZE_MAX) : LineFaults(m_name);
   read(lines, *syntax, faults, progress, options.localNames);
   findDoubles(format, faults);
@@ -72,14 +75,15 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
 void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
                      LocalNames localNames) {
   Records records(lines, syntax.isLogical());
-  std::string header = syntax.header();
-  if (!header.empty()) header.pop_back();  // The CR, which `Lines` takes off too.
+  bool isHeader = !syntax.header().empty();
   std::string_view record;
   while (records.next(record)) {
     progress.set(lines.number());
-    if (!header.empty()) {
-      if (record != header) faults.add(records.number(), "it is not the header '" + header + "'");
-      header.clear();
+    if (std::exchange(isHeader, false)) {
+      if (const auto why = syntax.readHeader(record)) {
+        throw Failure(ExitCode::BadData, m_name + ":" + std::to_string(records.number()), *why,
+                      "nothing was written; --columns names the columns to read");
+      }
       continue;
     }
     if (record.starts_with(s_byteOrderMark)) {

@@ -51,12 +51,14 @@ class LineFaults {
 // One thread.
 class TableFile {
  public:
-  // How --format and --domain say that the file is written; empty texts where they say nothing.
+  // How --format and the other options say that the file is written; empty texts where they say
+  // nothing.
   struct Options {
     std::string format;
     std::string domain;
     LocalNames localNames = LocalNames::Refuse;
-    bool skipBad = false;  // Leave bad lines out, and the later of two lines of one address.
+    std::string columns{};  // As --columns has them; for csv, which they mean without a format.
+    bool skipBad = false;   // Leave bad lines out, and the later of two lines of one address.
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
