@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -225,6 +226,22 @@ TEST(FileSyntax, NamesWithoutADomainAskForOne) {
   EXPECT_EQ(fault->why, "bad name: 't' has no domain; --domain gives one to such names");
 }
 
+TEST(FileSyntax, NamesOfAVirtualMapGetTheDomainThatIsGiven) {
+  const auto syntax = FileSyntax::named("virtual", s_alias, "d.example");
+  for (const auto& [record, want] : std::vector<std::pair<const char*, const char*>>{
+           {"t ann, bob@x", "t@d.example:ann@d.example,bob@x"},
+           {"t@e.example ann", "t@e.example:ann@d.example"},
+           {R"("t,u" "a b")", R"("t,u"@d.example:"a b"@d.example)"}}) {
+    TableEntry got;
+    EXPECT_FALSE(syntax->read(record, got)) << record;
+    EXPECT_EQ(got.line(), want);
+  }
+  TableEntry got;
+  EXPECT_EQ(syntax->read("@d.example ann", got)->why, "an alias cannot mean a whole domain");
+  EXPECT_EQ(syntax->read("t@ ann", got)->kind, RowFault::BadKey);
+  EXPECT_EQ(syntax->read("t ann@", got)->kind, RowFault::BadValue);
+}
+
 TEST(FileSyntax, OnlyCsvHasAHeader) {
   for (const char* const name : {"native", "jsonl", "virtual", "aliases"}) {
     EXPECT_EQ(s_syntax(name, s_alias)->header(), "") << name;
@@ -279,8 +296,12 @@ TEST(FileSyntax, OnlyFormatsOfTheTableHaveNames) {
   for (const char* const name : {"native", "jsonl", "csv", "virtual"}) {
     EXPECT_EQ(s_codeOfNamed(name, s_alias, ""), ExitCode::Done) << name;
     EXPECT_EQ(s_codeOfNamed(name, s_mask, ""), ExitCode::Done) << name;
+    EXPECT_EQ(s_codeOfNamed(name, s_mask, "d.example"), ExitCode::Usage) << name;
+  }
+  for (const char* const name : {"native", "jsonl", "csv"}) {
     EXPECT_EQ(s_codeOfNamed(name, s_alias, "d.example"), ExitCode::Usage) << name;
   }
+  EXPECT_EQ(s_codeOfNamed("virtual", s_alias, "d.example"), ExitCode::Done);
   EXPECT_EQ(s_codeOfNamed("aliases", s_alias, "d.example"), ExitCode::Done);
   EXPECT_EQ(s_codeOfNamed("aliases", s_mask, ""), ExitCode::Usage);
   EXPECT_EQ(s_codeOfNamed("", s_alias, ""), ExitCode::Usage);

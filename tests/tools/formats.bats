@@ -345,6 +345,9 @@ bad() {
   run -65 tool alias import - <<<$'# comment\na@example.com:b@example.com'
   run -0 tool alias import - <<<$'# comment\na@example.com b@example.com'
   run -0 tool alias import - --domain example.com <<<$'# comment\n\nroot: ann'
+  run -0 tool alias import - --format virtual --domain example.com <<<$'info ann, bob@example.net'
+  equal "$(tool alias show info@example.com)" $'ann@example.com\nbob@example.net'
+  run -0 tool alias remove info@example.com
   run -0 tool alias import - --format native <<<$'#a@example.com:b@example.com'
   run -0 tool alias import - <<<$'\xef\xbb\xbfaddress,members\r\nc@example.com,d@example.com\r'
   equal "$(tool alias list | cut -f1)" $'#a@example.com\na@example.com\nc@example.com\nroot@example.com'

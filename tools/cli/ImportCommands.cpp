@@ -153,7 +153,7 @@ void addImportCommand(Command& group, const TableFormat& format) {
                     (format.hasPublic ? "private,public" : "address,members"));
   if (format.hasPublic) return;
   import.option("--domain", arguments->options.domain, "DOMAIN",
-                "With the format aliases: the domain of names that have none");
+                "With the formats aliases and virtual: the domain of names that have none");
   import.flag("--local-names", arguments->localNames,
               "Also import members without a domain, such as root");
   import.flag("--allow-cycle", arguments->allowCycle,

@@ -32,10 +32,12 @@ const char* s_nameOf(FileFormat format) {
 
 std::unique_ptr<FileSyntax> s_make(FileFormat format, const TableFormat& table,
                                    const std::string& domain) {
-  if (!domain.empty() && format != FileFormat::Aliases) {
+  const bool takesDomain =
+      format == FileFormat::Aliases || (format == FileFormat::Virtual && !table.hasPublic);
+  if (!domain.empty() && !takesDomain) {
     throw Failure(ExitCode::Usage, "--domain",
                   std::string("the format ") + s_nameOf(format) + " takes none",
-                  "leave it out, or give --format aliases");
+                  "leave it out, or give --format aliases or virtual");
   }
   switch (format) {
     case FileFormat::Native:
@@ -45,7 +47,7 @@ std::unique_ptr<FileSyntax> s_make(FileFormat format, const TableFormat& table,
     case FileFormat::Csv:
       return makeCsvSyntax(table);
     case FileFormat::Virtual:
-      return makeVirtualSyntax(table);
+      return makeVirtualSyntax(table, domain);
     case FileFormat::Aliases:
       return makeAliasesSyntax(table, domain);
   }

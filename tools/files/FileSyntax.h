@@ -85,7 +85,7 @@ class FileSyntax {
 std::unique_ptr<FileSyntax> makeNativeSyntax(const TableFormat& table);
 std::unique_ptr<FileSyntax> makeJsonSyntax(const TableFormat& table);
 std::unique_ptr<FileSyntax> makeCsvSyntax(const TableFormat& table);
-std::unique_ptr<FileSyntax> makeVirtualSyntax(const TableFormat& table);
+std::unique_ptr<FileSyntax> makeVirtualSyntax(const TableFormat& table, std::string domain);
 std::unique_ptr<FileSyntax> makeAliasesSyntax(const TableFormat& table, std::string domain);
 
 // What it means that the format has no such line, or cannot express the row.

@@ -1,4 +1,8 @@
 // The tables of Postfix: virtual(5) for aliases, canonical(5) for masks.
+#include <set>
+#include <string>
+#include <utility>
+
 #include "files/FileSyntax.h"
 
 namespace Tessel::Tool {
@@ -11,7 +15,8 @@ bool s_hasStar(const std::string& text) {
 
 class VirtualSyntax : public FileSyntax {
  public:
-  explicit VirtualSyntax(const TableFormat& table) : FileSyntax(FileFormat::Virtual, table) {}
+  VirtualSyntax(const TableFormat& table, std::string domain)
+      : FileSyntax(FileFormat::Virtual, table), m_domain(std::move(domain)) {}
 
   std::optional<Fault> write(const TableEntry& entry, std::string& line) const override {
     std::string key = entry.key.address();
@@ -50,12 +55,26 @@ class VirtualSyntax : public FileSyntax {
 
   std::optional<Fault> readAlias(std::string_view key, std::string_view value, TableEntry& entry) {
     if (key.starts_with('@')) return formatFault("an alias cannot mean a whole domain");
+    const bool mayLack = !m_domain.empty();
     std::set<EmailAddress> members;
-    const auto why =
-        addressFault([&] { members = EmailAddress::rfc5322ParseSet(value, false, false); });
+    const auto why = addressFault([&] {
+      for (const EmailAddress& member : EmailAddress::rfc5322ParseSet(value, mayLack, false)) {
+        members.insert(withDomain(member));
+      }
+    });
     if (why) return Fault{RowFault::BadValue, "bad members: " + *why};
-    if (auto fault = readKey(key, entry)) return fault;
+    EmailAddress alias;
+    const bool isRead = mayLack && !addressFault([&] {
+                          alias = withDomain(EmailAddress::rfc5321Parse(key, true));
+                        });
+    if (auto fault = readKey(isRead ? alias.address() : key, entry)) return fault;
     return setMembers(members, entry);
+  }
+
+  // `address` with the domain that is given for names without one.
+  [[nodiscard]] EmailAddress withDomain(const EmailAddress& address) const {
+    if (!address.domain().empty()) return address;
+    return EmailAddress::create(address.local(), m_domain, false);
   }
 
   std::optional<Fault> readPair(std::string key, std::string value, TableEntry& entry) {
@@ -70,12 +89,14 @@ class VirtualSyntax : public FileSyntax {
     if (isDomain) value.insert(0, 1, '*');
     return readEntry(m_reader, key, value, entry);
   }
+
+  std::string m_domain;
 };
 
 }  // namespace
 
-std::unique_ptr<FileSyntax> makeVirtualSyntax(const TableFormat& table) {
-  return std::make_unique<VirtualSyntax>(table);
+std::unique_ptr<FileSyntax> makeVirtualSyntax(const TableFormat& table, std::string domain) {
+  return std::make_unique<VirtualSyntax>(table, std::move(domain));
 }
 
 }  // namespace Tessel::Tool
