@@ -242,6 +242,21 @@ TEST(FileSyntax, NamesOfAVirtualMapGetTheDomainThatIsGiven) {
   EXPECT_EQ(syntax->read("t ann@", got)->kind, RowFault::BadValue);
 }
 
+TEST(FileSyntax, TheLinesOfAJsonListAreObjects) {
+  const auto syntax = s_syntax("jsonl", s_mask);
+  const std::string object = R"({"private":"a@in","public":"a@out"})";
+  for (const std::string& record :
+       {"[" + object + ",", object + ",", object + "]", "[ " + object + " ]", ", " + object}) {
+    TableEntry got;
+    EXPECT_FALSE(syntax->isFiller(record));
+    EXPECT_FALSE(syntax->read(record, got)) << record;
+    EXPECT_EQ(got.line(), "a@in:a@out");
+  }
+  for (const char* const record : {"[", "]", "[]", " , "}) EXPECT_TRUE(syntax->isFiller(record));
+  TableEntry got;
+  EXPECT_EQ(syntax->read("[" + object + "," + object + "]", got)->why, "it is not a JSON object");
+}
+
 TEST(FileSyntax, OnlyCsvHasAHeader) {
   for (const char* const name : {"native", "jsonl", "virtual", "aliases"}) {
     EXPECT_EQ(s_syntax(name, s_alias)->header(), "") << name;
@@ -329,6 +344,8 @@ TEST(FileSyntax, AFileIsDetectedByItsFirstLines) {
   EXPECT_EQ(s_detected("", s_alias), "native");
   EXPECT_EQ(s_detected("t@d:a@x\n", s_alias), "native");
   EXPECT_EQ(s_detected("\n{\"address\":\"t@d\",\"members\":[]}\n", s_alias), "jsonl");
+  EXPECT_EQ(s_detected("[{\"address\":\"t@d\",\"members\":[]},\n", s_alias), "jsonl");
+  EXPECT_EQ(s_detected("[]\n", s_alias), "jsonl");
   EXPECT_EQ(s_detected("address,members\nt@d,a@x\n", s_alias), "csv");
   EXPECT_EQ(s_detected("private,public\n", s_alias), "native");
   EXPECT_EQ(s_detected("# comment\nt@d a@x\n", s_alias), "virtual");

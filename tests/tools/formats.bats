@@ -281,6 +281,26 @@ END
   equal "$(grep -c '^tsl-address-map: numbers:' <<<"$stderr")" 150
 }
 
+@test "what list --json writes can be imported" {
+  tool alias set team@example.com ann@example.com bob@example.com
+  tool alias set '"a,]"@example.com' allusers_example.com
+  tool mask set ann@inner.example ann@example.com
+  before=$(aliases; masks)
+  tool alias list --json >alias.json
+  tool mask list --json >mask.json
+  empty_tables
+  run -0 tool alias import alias.json
+  equal "$output" "2 added, 0 changed, 0 left, 0 removed"
+  run -0 tool mask import mask.json
+  equal "$(aliases; masks)" "$before"
+  empty_tables
+  tool alias list --json >alias.json
+  run -0 tool alias import alias.json
+  equal "$output" "0 added, 0 changed, 0 left, 0 removed"
+  run -65 --separate-stderr tool alias import alias.json --replace
+  contains "$stderr" "it is empty"
+}
+
 @test "a CSV file of another program" {
   printf '\xef\xbb\xbf"Name";"E-Mail";"Ziel"\r\n"T; U";"t@example.com";"ann@example.com,bob@example.com"\r\n' >excel.csv
   run -65 tool alias import excel.csv

@@ -65,7 +65,8 @@ bool s_isAddress(std::string_view text, bool bare) {
 bool s_looksLike(std::string_view line, const TableFormat& table, FileFormat& format) {
   // An address would end there.
   if (line.find('\0') != std::string_view::npos) return false;
-  if (line.starts_with('{') && nlohmann::json::accept(line)) {
+  const std::string_view object = jsonObjectIn(line);
+  if (object.empty() || (object.starts_with('{') && nlohmann::json::accept(object))) {
     format = FileFormat::JsonLines;
     return true;
   }
@@ -130,6 +131,10 @@ std::optional<std::string> FileSyntax::readHeader(std::string_view /*record*/) {
 void FileSyntax::setColumns(const std::string& /*names*/) {
   throw Failure(ExitCode::Usage, "--columns", std::string("the format ") + name() + " has none",
                 "leave it out, or give --format csv");
+}
+
+bool FileSyntax::isFiller(std::string_view /*record*/) const {
+  return false;
 }
 
 const char* FileSyntax::name() const noexcept {

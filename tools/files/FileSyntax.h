@@ -59,6 +59,8 @@ class FileSyntax {
   // Has the columns NAME,NAME of the header be read: that of the keys, and that of the values.
   // Throws Failure, `Usage`, for a format without a header, and for what is not two names.
   virtual void setColumns(const std::string& names);
+  // True for a record that is part of the format and has no row.
+  [[nodiscard]] virtual bool isFiller(std::string_view record) const;
   // Writes the line of a good row, without its LF. Returns why the format cannot express it, if it
   // cannot.
   virtual std::optional<Fault> write(const TableEntry& entry, std::string& line) const = 0;
@@ -87,6 +89,10 @@ std::unique_ptr<FileSyntax> makeJsonSyntax(const TableFormat& table);
 std::unique_ptr<FileSyntax> makeCsvSyntax(const TableFormat& table);
 std::unique_ptr<FileSyntax> makeVirtualSyntax(const TableFormat& table, std::string domain);
 std::unique_ptr<FileSyntax> makeAliasesSyntax(const TableFormat& table, std::string domain);
+
+// The JSON object in a line of one, or of a list with one object per line as 'list --json' writes
+// it; empty when the line only begins or ends such a list.
+std::string_view jsonObjectIn(std::string_view line);
 
 // What it means that the format has no such line, or cannot express the row.
 Fault formatFault(std::string why);

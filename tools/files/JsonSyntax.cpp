@@ -1,4 +1,4 @@
-// One JSON object per line.
+// One JSON object per line, also as the lines of a list.
 #include <set>
 #include <string>
 
@@ -16,6 +16,10 @@ class JsonSyntax : public FileSyntax {
       : FileSyntax(FileFormat::JsonLines, table),
         m_key(table.hasPublic ? "private" : "address"),
         m_value(table.hasPublic ? "public" : "members") {}
+
+  [[nodiscard]] bool isFiller(std::string_view record) const override {
+    return jsonObjectIn(record).empty();
+  }
 
   std::optional<Fault> write(const TableEntry& entry, std::string& line) const override {
     nlohmann::ordered_json object;
@@ -40,7 +44,7 @@ class JsonSyntax : public FileSyntax {
       if (isKey && !keys.insert(parsed).second) twice = parsed;
       return true;
     };
-    const auto object = nlohmann::json::parse(record, checkKey, false);
+    const auto object = nlohmann::json::parse(jsonObjectIn(record), checkKey, false);
     if (!twice.empty()) return formatFault("the key '" + twice + "' is there twice");
     if (!object.is_object()) return formatFault("it is not a JSON object");
     if (object.size() != 2 || !object.contains(m_key) || !object.contains(m_value)) {
@@ -85,6 +89,13 @@ class JsonSyntax : public FileSyntax {
 };
 
 }  // namespace
+
+std::string_view jsonObjectIn(std::string_view line) {
+  line = trimmed(line);
+  if (line.starts_with('[') || line.starts_with(',')) line.remove_prefix(1);
+  if (line.ends_with(']') || line.ends_with(',')) line.remove_suffix(1);
+  return trimmed(line);
+}
 
 std::unique_ptr<FileSyntax> makeJsonSyntax(const TableFormat& table) {
   return std::make_unique<JsonSyntax>(table);

@@ -91,6 +91,7 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
                  "it begins with a byte order mark, which only the start of a file may have");
       continue;
     }
+    if (syntax.isFiller(record)) continue;
     FileEntry entry;
     entry.number = records.number();
     if (const auto fault = syntax.read(record, entry)) {
