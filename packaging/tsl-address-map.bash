@@ -25,11 +25,10 @@ _tsl_address_map_options() {
     "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
-    "alias export") echo --domain --format ;;
+    "alias export" | "mask export") echo --domain --format ;;
     "alias import") echo --allow-cycle --columns --domain --dry-run --force --format --local-names --replace --skip-bad ;;
     "mask set") echo --dry-run --force ;;
     "mask remove") echo --domain --dry-run ;;
-    "mask export") echo --format ;;
     "mask import") echo --columns --dry-run --force --format --replace --skip-bad ;;
     serve)
       echo --delimiter --drain-timeout --extension --idle-timeout --listen --local-names \

@@ -168,9 +168,6 @@ refused() {
     refused aliases "the member '$member' means something else" alias
   done
   empty_tables
-  tool alias set a@example.net b@example.com
-  refused aliases "names have no domain there" alias
-  empty_tables
   tool alias set '""@example.com' b@example.com
   refused aliases "a name cannot be empty" alias
   empty_tables
@@ -281,6 +278,26 @@ END
   equal "$(grep -c '^tsl-address-map: numbers:' <<<"$stderr")" 150
 }
 
+@test "one domain is exported" {
+  # More rows than one statement reads, and names that a pattern would match.
+  { seq -f 'a%04g@my_domain.example:x@example.com' 1500; seq -f 'b%04g@myxdomain.example:x@example.com' 1500; } |
+    tool alias import - >/dev/null
+  tool alias set z@MY_domain.example y@example.com
+  tool alias set z@sub.my_domain.example y@example.com
+  sql "insert into alias ( name, members ) values( 'bad@myxdomain.example', 'a b' )"
+  run -0 tool alias export --domain My_Domain.example
+  equal "${#lines[@]} ${lines[0]} ${lines[1500]}" \
+    "1501 a0001@my_domain.example:x@example.com z@MY_domain.example:y@example.com"
+  run -0 tool alias export out.txt --domain sub.my_domain.example --json
+  equal "$(cat out.txt)" z@sub.my_domain.example:y@example.com
+  equal "$(tool alias export --format aliases --domain sub.my_domain.example)" "z: y@example.com"
+  equal "$(tool alias export --domain none.example)" ""
+  run -65 tool alias export --domain myxdomain.example
+  tool mask set ann@inner.example ann@example.com
+  tool mask set '*@other.example' '*@example.com'
+  equal "$(tool mask export --domain other.example)" '*@other.example:*@example.com'
+}
+
 @test "what list --json writes can be imported" {
   tool alias set team@example.com ann@example.com bob@example.com
   tool alias set '"a,]"@example.com' allusers_example.com
@@ -378,10 +395,9 @@ bad() {
   run -64 tool alias import - --format xml </dev/null
   run -64 tool mask export --format aliases
   run -64 tool mask import - --format aliases </dev/null
-  run -64 tool mask export --domain example.com
+  run -65 tool mask export --domain 'a b'
   run -64 --separate-stderr tool alias export --format aliases
   contains "$stderr" "give --domain DOMAIN"
-  run -64 tool alias export --domain example.com
   run -64 tool alias import - --format csv --domain example.com <<<address,members
   run -64 tool alias export --format csv --json
 }

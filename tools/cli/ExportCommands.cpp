@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/stringCompareNoCase.h"
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "database/Connection.h"
 #include "database/Transaction.h"
@@ -34,12 +36,15 @@ struct Arguments {
 // The rows of a table as they are at one moment, read some at a time. One thread.
 class TableReader {
  public:
-  // Both formats must outlive the reader; `table` must be known to be safe in SQL.
-  TableReader(const TableFormat& format, const FileSyntax& syntax, std::string table)
+  // Both formats must outlive the reader; `table` must be known to be safe in SQL, and `domain`, to
+  // which the rows are limited unless it is empty, in a pattern.
+  TableReader(const TableFormat& format, const FileSyntax& syntax, std::string table,
+              const std::string& domain)
       : m_format(format),
         m_syntax(syntax),
         m_reader(format.kind),
         m_table(std::move(table)),
+        m_end(domain.empty() ? "" : "@" + domain),
         m_connection(std::string(s_database)),
         m_snapshot(isolated(m_connection)) {}
 
@@ -49,7 +54,9 @@ class TableReader {
   std::size_t read(Progress& progress, Take take) {
     progress.begin("exporting", "rows");
     // Counting costs a walk over the key.
-    if (Progress::isWatched()) progress.setTotal(countRows(m_connection, m_table));
+    if (Progress::isWatched() && m_end.empty()) {
+      progress.setTotal(countRows(m_connection, m_table));
+    }
     m_seen = {};
     m_public = {};
     m_good = true;
@@ -64,7 +71,7 @@ class TableReader {
         progress.add(1);
         last = key;
         std::string text;
-        if (!check(key, value, text)) return;
+        if (!isWanted(key) || !check(key, value, text)) return;
         ++good;
         take(text);
       });
@@ -84,9 +91,16 @@ class TableReader {
 
   [[nodiscard]] std::string page(bool first, const std::string& last) const {
     const std::string key = m_format.key;
-    return "select " + key + ", " + m_format.value + " from " + m_table +
-           (first ? "" : " where " + key + " > " + literal(last)) + " order by " + key + " limit " +
-           std::to_string(s_rowsPerStatement) + ";";
+    std::string conditions = m_end.empty() ? "" : " where " + key + " like '%" + m_end + "'";
+    if (!first) conditions += (m_end.empty() ? " where " : " and ") + key + " > " + literal(last);
+    return "select " + key + ", " + m_format.value + " from " + m_table + conditions +
+           " order by " + key + " limit " + std::to_string(s_rowsPerStatement) + ";";
+  }
+
+  // "_" in a pattern matches anything, and the collation may fold more than letter case.
+  [[nodiscard]] bool isWanted(std::string_view key) const {
+    return key.size() >= m_end.size() &&
+           stringCompareNoCase(key.substr(key.size() - m_end.size()), m_end, 0);
   }
 
   bool check(std::string_view key, std::string_view value, std::string& text) {
@@ -124,6 +138,7 @@ class TableReader {
   const FileSyntax& m_syntax;
   RowReader m_reader;
   std::string m_table;
+  std::string m_end;  // Of the keys that are wanted.
   Database::Connection m_connection;
   Database::Transaction m_snapshot;
   AddressIndex m_seen;
@@ -183,7 +198,9 @@ void s_exportToFile(Session& session, TableReader& reader, const std::string& he
 }
 
 std::unique_ptr<FileSyntax> s_syntax(const Arguments& arguments, const TableFormat& format) {
-  auto syntax = FileSyntax::named(arguments.format, format, arguments.domain);
+  // The other formats have the domain in each address.
+  const std::string domain = arguments.format == "aliases" ? arguments.domain : "";
+  auto syntax = FileSyntax::named(arguments.format, format, domain);
   if (syntax->format() != FileFormat::Aliases || !arguments.domain.empty()) return syntax;
   throw Failure(ExitCode::Usage, "--format aliases", "its names are those of one domain",
                 "give --domain DOMAIN");
@@ -191,9 +208,10 @@ std::unique_ptr<FileSyntax> s_syntax(const Arguments& arguments, const TableForm
 
 ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
   const auto syntax = s_syntax(arguments, format);
+  const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
-  TableReader reader(format, *syntax, table);
+  TableReader reader(format, *syntax, table, domain);
   if (arguments.path.empty() || arguments.path == "-") {
     s_exportToOutput(session, reader, syntax->header(), table);
   } else {
@@ -209,9 +227,9 @@ void addExportCommand(Command& group, const TableFormat& format) {
   const std::string words = textOf(format.kind) + " export";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command command = group.command(
-      "export", "Write all rows of the table to a file, or to standard output",
-      "  tsl-address-map " + words + " table.txt\n  tsl-address-map " + words + " >table.txt\n" +
-          "Each line is " + line +
+      "export", "Write the rows of the table to a file, or to standard output",
+      "  tsl-address-map " + words + " table.txt\n  tsl-address-map " + words +
+          " --domain example.com >table.txt\n" + "Each line is " + line +
           ", or what --format says, in the order of the table's key. A file is replaced as a whole "
           "or not at\nall. A"
           " table with broken rows is not exported; they are named on standard error, and the exit"
@@ -220,10 +238,11 @@ void addExportCommand(Command& group, const TableFormat& format) {
       [arguments, &format](Session& session) { return s_export(session, *arguments, format); });
   command.optionalArgument("FILE", arguments->path, "The file; none, or -, for standard output");
   command.option("--format", arguments->format, formatNames(format), "The format");
-  if (format.hasPublic) return;
-  command.option(
-      "--domain", arguments->domain, "DOMAIN",
-      "With the format aliases: the domain of all aliases, which the file does not have");
+  command.option("--domain", arguments->domain, "DOMAIN",
+                 format.hasPublic
+                     ? "Only the pairs with private addresses of this domain"
+                     : "Only the aliases of this domain; the format aliases needs it, since its"
+                       " names have none");
 }
 
 }  // namespace Tessel::Tool
