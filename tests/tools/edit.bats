@@ -40,6 +40,20 @@ at_terminal() {
   contains "$output" '"added":[]}'
 }
 
+@test "members from standard input" {
+  run -0 tool alias add team@example.com carl@example.com - <<<$'ann@example.com\r\n\nbob@example.net\n'
+  equal "$(aliases)" "team@example.com:ann@example.com,bob@example.net,carl@example.com"
+  run -65 --separate-stderr tool alias add team@example.com - <<<$'dan@example.com\n\nno domain'
+  contains "$stderr" "standard input, line 3: address 'no domain'"
+  run -65 --separate-stderr tool alias set team@example.com - </dev/null
+  contains "$stderr" "standard input: it has no members"
+  equal "$(aliases)" "team@example.com:ann@example.com,bob@example.net,carl@example.com"
+  run -0 tool alias set team@example.com - < <(seq -f 'm%04g@example.com' 2000)
+  equal "$(tool alias show team@example.com | wc -l)" 2000
+  run -0 tool alias drop team@example.com - < <(seq -f 'm%04g@example.com' 3 2000)
+  equal "$(aliases)" "team@example.com:m0001@example.com,m0002@example.com"
+}
+
 @test "alias add refuses what alias set refuses" {
   tool alias set a@example.com b@example.com
   sql "insert into alias (name, members) values ('broken@example.com', 'a b c')"

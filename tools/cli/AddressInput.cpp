@@ -33,6 +33,21 @@ bool s_readLine(std::string& line) {
   return true;
 }
 
+// Calls `take` for each line of standard input that is not blank, with its place for messages.
+template <class Take>
+void s_forEachLine(Take take) {
+  std::string line;
+  for (std::size_t number = 1; s_readLine(line); ++number) {
+    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+    take(line, "standard input, line " + std::to_string(number) + ": ");
+  }
+}
+
+// `failure`, which is about what is at `place`.
+Failure s_at(const std::string& place, const Failure& failure) {
+  return {failure.code(), place + failure.subject(), failure.why(), failure.hint()};
+}
+
 // Answers the text of a list. False when it is not an address, which is reported with `place`
 // before the message.
 bool s_answer(const std::string& text, const std::string& place, const Answer& answer) {
@@ -40,7 +55,7 @@ bool s_answer(const std::string& text, const std::string& place, const Answer& a
   try {
     address = parseAddress(text, false);
   } catch (const Failure& failure) {
-    report(Failure(failure.code(), place + failure.subject(), failure.why(), failure.hint()));
+    report(s_at(place, failure));
     return false;
   }
   answer(address);
@@ -49,11 +64,9 @@ bool s_answer(const std::string& text, const std::string& place, const Answer& a
 
 bool s_answerInput(const Answer& answer) {
   bool good = true;
-  std::string line;
-  for (std::size_t number = 1; s_readLine(line); ++number) {
-    if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-    good = s_answer(line, "standard input, line " + std::to_string(number) + ": ", answer) && good;
-  }
+  s_forEachLine([&](const std::string& line, const std::string& place) {
+    good = s_answer(line, place, answer) && good;
+  });
   return good;
 }
 
@@ -88,6 +101,23 @@ std::string parseDomain(const std::string& text) {
     return EmailAddress::create("x", text, false).domain();
   } catch (const Exception& exception) {
     throw refuse(reasonOf(exception));
+  }
+}
+
+void forEachText(const std::vector<std::string>& arguments,
+                 const std::function<void(const std::string&)>& take) {
+  for (const std::string& text : arguments) {
+    if (text != "-") {
+      take(text);
+      continue;
+    }
+    s_forEachLine([&](const std::string& line, const std::string& place) {
+      try {
+        take(line);
+      } catch (const Failure& failure) {
+        throw s_at(place, failure);
+      }
+    });
   }
 }
 

@@ -20,6 +20,12 @@ EmailAddress parseAddress(const std::string& text, bool allowNoDomain);
 // `BadData`, when it is none or not fit.
 std::string parseDomain(const std::string& text);
 
+// Calls `take` for each argument, and where it is "-" for each line of standard input that is not
+// blank. A Failure that `take` throws for a line gets its place. Throws Failure when standard input
+// cannot be read.
+void forEachText(const std::vector<std::string>& arguments,
+                 const std::function<void(const std::string&)>& take);
+
 // True when one address is asked for on the command line: its answer needs no address in front.
 bool isSingle(const std::vector<std::string>& arguments);
 

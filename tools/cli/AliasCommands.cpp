@@ -153,7 +153,7 @@ void addAliasCommands(Command& top) {
       "Programs that have the alias in memory keep its old members until they reopen the table.\n",
       Preparation::Database, withArguments(s_set, arguments));
   set.argument("ADDRESS", arguments->address, "The alias");
-  set.arguments("MEMBER", arguments->members, "A member");
+  set.arguments("MEMBER", arguments->members, "A member, or - for standard input");
   set.flag("--local-names", arguments->localNames,
            "Also take members without a domain, such as root");
   addNewSpelling(set, arguments->newSpelling);

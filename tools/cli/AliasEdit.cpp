@@ -34,8 +34,12 @@ std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                   "write the literal without it");
   }
   std::set<EmailAddress> members;
-  for (const std::string& text : texts) members.insert(s_parseMember(text, alias, localNames));
-  return members;
+  forEachText(texts, [&](const std::string& text) {
+    members.insert(s_parseMember(text, alias, localNames));
+  });
+  if (!members.empty()) return members;
+  throw Failure(ExitCode::BadData, "standard input", "it has no members",
+                "nothing was changed; write one address per line");
 }
 
 void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias) {

@@ -15,8 +15,9 @@
 
 namespace Tessel::Tool {
 
-// The members of `alias` that the arguments `texts` are. Throws Failure, `BadData`, for what is not
-// an address, and for what is not to be written, see WriteRule.h.
+// The members of `alias` that the arguments `texts` are, "-" being standard input with one per
+// line. There is at least one. Throws Failure, `BadData`, for what is not an address, and for what
+// is not to be written, see WriteRule.h.
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                                     const EmailAddress& alias, LocalNames localNames);
 

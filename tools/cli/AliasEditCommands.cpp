@@ -84,7 +84,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
 Members s_parseDropped(const std::vector<std::string>& texts) {
   Members members;
   // Whatever is in a table may be removed.
-  for (const std::string& text : texts) members.insert(parseAddress(text, true));
+  forEachText(texts, [&](const std::string& text) { members.insert(parseAddress(text, true)); });
   return members;
 }
 
@@ -281,7 +281,8 @@ void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
       " \"removed\"}; exit 1 when there is none.\n",
       Preparation::Database, withArguments(s_drop, arguments));
   drop.argument("ADDRESS", arguments->address, "The alias; with --everywhere the member");
-  drop.optionalArguments("MEMBER", arguments->members, "A member to remove");
+  drop.optionalArguments("MEMBER", arguments->members,
+                         "A member to remove, or - for standard input");
   Option everywhere =
       drop.flag("--everywhere", arguments->everywhere, "Remove the member from all aliases");
   drop.flag("--remove-empty", arguments->removeEmpty,
@@ -300,11 +301,12 @@ void addAliasEditCommands(Command& group) {
   Command add = group.command(
       "add", "Add members to an alias, which is created if it is missing",
       "  tsl-address-map alias add team@example.com carl@example.com\n"
+      "  tsl-address-map alias add team@example.com - <addresses.txt\n"
       "Prints nothing; with --json {\"address\", \"members\", \"added\"}, the members being those"
       " that it has then.\n",
       Preparation::Database, withArguments(s_add, arguments));
   add.argument("ADDRESS", arguments->address, "The alias");
-  add.arguments("MEMBER", arguments->members, "An address to add");
+  add.arguments("MEMBER", arguments->members, "An address to add, or - for standard input");
   add.flag("--local-names", arguments->localNames,
            "Also take members without a domain, such as root");
   addNewSpelling(add, arguments->newSpelling);
