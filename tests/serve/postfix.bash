@@ -85,7 +85,8 @@ start_postfix() {
   chown nobody "$POSTFIX/mail"
   cp /etc/postfix/dynamicmaps.cf "$MAIL_CONFIG"
   deliver_program >"$POSTFIX/deliver"
-  chmod 755 "$POSTFIX/deliver"
+  resend_program >"$POSTFIX/resend"
+  chmod 755 "$POSTFIX/deliver" "$POSTFIX/resend"
   start_sink
   main_cf >"$MAIL_CONFIG/main.cf"
   SMTP_PORT=$(start_on_free_port start_master)
@@ -134,6 +135,27 @@ deliver_program() {
 file=\$(mktemp "$POSTFIX/mail/XXXXXXXX") || exit 75
 { printf 'X-Rcpt-Args: <%s>\n' "\$@"; cat; } >"\$file" || exit 75
 mv "\$file" "\$file.mail"
+END
+}
+
+# What sends the mail of a list once more: sendmail(1) takes no other directory of settings from pipe(8).
+# Arguments: the port, and those of sendmail in the document.
+resend_program() {
+  cat <<'END'
+#!/bin/bash
+port=$1 from=$5 to=$7
+exec 9<>"/dev/tcp/127.0.0.1/$port" || exit 75
+reply() {
+  while IFS= read -r -t 60 -u 9 line && [[ $line == ???-* ]]; do :; done
+  [[ $line == [23]* ]] || exit 75
+}
+reply
+for line in "EHLO client.example" "MAIL FROM:<$from>" "RCPT TO:<$to>" DATA; do
+  printf '%s\r\n' "$line" >&9
+  reply
+done
+sed 's/^\./../; s/\r*$/\r/; $a .\r' >&9
+reply
 END
 }
 
@@ -193,6 +215,8 @@ mailbox unix - n n - - pipe user=nobody argv=$POSTFIX/deliver \${recipient}
 anvil unix - - n - 1 anvil
 postlog unix-dgram n - n - 1 postlogd
 END
+  sed -n '/^```master.cf$/,/^```$/{/^```/!p}' "$POSTFIX_DOCUMENT" |
+    sed "s|/usr/sbin/sendmail|$POSTFIX/resend $1|" >>"$MAIL_CONFIG/master.cf"
   postfix start 3>&- || return
   wait_for "Postfix" greets "$1"
 }

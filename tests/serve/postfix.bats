@@ -285,6 +285,25 @@ members() { printf "m%d$1@example.net\n" {1..3000} | LC_ALL=C sort | paste -s -d
   equal "$(delivered "a whole domain, in")" "kim@narrow.example"
 }
 
+@test "a list with an owner: members get its mail from the owner, who can be reached" {
+  tool domain add lists.example.com
+  tool user add team@lists.example.com --kind shared
+  tool alias set team@expand.lists.example.com ann@example.com bob@example.net team@example.com
+  tool alias set owner-team@lists.example.com cid@example.com
+  tool alias set team@example.com team@lists.example.com
+  seen mailbox team@lists.example.com team@lists.example.com
+  seen alias team@example.com team@lists.example.com
+  send me@away.example "an owned list" team@example.com
+  run -1 send me@away.example "no list" none@lists.example.com
+  equal "${output%%>*}" "550 5.1.1 <none@lists.example.com"
+  queue_empties
+  # The list is one of its own members: the owner gets a notice of the mail loop, which quotes the mail.
+  equal "$(delivered "Undelivered Mail Returned to Sender")" "cid@example.com"
+  equal "$(delivered "an owned list")" "ann@example.com bob@example.net cid@example.com"
+  contains "$(grep -h -B 20 "^Subject: an owned list" "$POSTFIX"/sink/mail)" \
+    "X-Mail-Args: <owner-team@lists.example.com>"
+}
+
 @test "an outage of the database: mail goes on with the last rows" {
   tool alias set outage@example.com ann@example.com out@example.net
   seen alias outage@example.com ann@example.com,out@example.net
