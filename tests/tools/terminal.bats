@@ -254,7 +254,7 @@ interrupt() {
   contains "$shown" $'\e[31merror\e[39m'
   contains "$shown" $'\e[33mwarning\e[39m'
   contains "$shown" $'\e[33mcycle\e[39m'
-  contains "$shown" $'tsl-address-map: \e[31moption file \'/nowhere\'\e[39m: '
+  contains "$shown" $'tsl-address-map: \e[31m--option-file\e[39m: '
   # Into a pipe none.
   contains "$(<plain.txt)" $'error\tbroken-row'
   [[ "$(<plain.txt)" != *$'\e'* ]]
