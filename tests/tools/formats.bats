@@ -293,6 +293,9 @@ END
   equal "$(tool alias export --format aliases --domain sub.my_domain.example)" "z: y@example.com"
   equal "$(tool alias export --domain none.example)" ""
   run -65 tool alias export --domain myxdomain.example
+  tool alias set a@bücher.example x@example.com
+  tool alias set b@xn--bcher-kva.example x@example.com
+  equal "$(tool alias export --domain BÜCHER.example | cut -c 1)" $'a\nb'
   tool mask set ann@inner.example ann@example.com
   tool mask set '*@other.example' '*@example.com'
   equal "$(tool mask export --domain other.example)" '*@other.example:*@example.com'

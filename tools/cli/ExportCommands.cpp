@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "database/Connection.h"
@@ -15,6 +14,9 @@
 #include "files/ExportFile.h"
 #include "files/FileSyntax.h"
 #include "tables/AddressIndex.h"
+#include "tables/AddressKey.h"
+#include "tables/AliasGraph.h"
+#include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Progress.h"
@@ -36,15 +38,15 @@ struct Arguments {
 // The rows of a table as they are at one moment, read some at a time. One thread.
 class TableReader {
  public:
-  // Both formats must outlive the reader; `table` must be known to be safe in SQL, and `domain`, to
-  // which the rows are limited unless it is empty, in a pattern.
+  // Both formats must outlive the reader; `table` must be known to be safe in SQL. The rows are
+  // limited to those of `domain`, in any spelling, unless it is empty.
   TableReader(const TableFormat& format, const FileSyntax& syntax, std::string table,
-              const std::string& domain)
+              std::string domain)
       : m_format(format),
         m_syntax(syntax),
         m_reader(format.kind),
         m_table(std::move(table)),
-        m_end(domain.empty() ? "" : "@" + domain),
+        m_domain(std::move(domain)),
         m_connection(std::string(s_database)),
         m_snapshot(isolated(m_connection)) {}
 
@@ -54,7 +56,7 @@ class TableReader {
   std::size_t read(Progress& progress, Take take) {
     progress.begin("exporting", "rows");
     // Counting costs a walk over the key.
-    if (Progress::isWatched() && m_end.empty()) {
+    if (Progress::isWatched() && m_domain.empty()) {
       progress.setTotal(countRows(m_connection, m_table));
     }
     m_seen = {};
@@ -91,16 +93,18 @@ class TableReader {
 
   [[nodiscard]] std::string page(bool first, const std::string& last) const {
     const std::string key = m_format.key;
-    std::string conditions = m_end.empty() ? "" : " where " + key + " like '%" + m_end + "'";
-    if (!first) conditions += (m_end.empty() ? " where " : " and ") + key + " > " + literal(last);
+    std::string conditions = m_domain.empty() ? "" : " where " + domainCondition(key, m_domain);
+    if (!first) {
+      conditions += conditions.empty() ? " where " : " and ";
+      conditions += key + " > " + literal(last);
+    }
     return "select " + key + ", " + m_format.value + " from " + m_table + conditions +
            " order by " + key + " limit " + std::to_string(s_rowsPerStatement) + ";";
   }
 
-  // "_" in a pattern matches anything, and the collation may fold more than letter case.
+  // The statement gives more rows than those of the domain.
   [[nodiscard]] bool isWanted(std::string_view key) const {
-    return key.size() >= m_end.size() &&
-           stringCompareNoCase(key.substr(key.size() - m_end.size()), m_end, 0);
+    return m_domain.empty() || comparisonDomain(domainOf(key)) == m_key;
   }
 
   bool check(std::string_view key, std::string_view value, std::string& text) {
@@ -138,7 +142,8 @@ class TableReader {
   const FileSyntax& m_syntax;
   RowReader m_reader;
   std::string m_table;
-  std::string m_end;  // Of the keys that are wanted.
+  std::string m_domain;
+  std::string m_key = comparisonDomain(m_domain);
   Database::Connection m_connection;
   Database::Transaction m_snapshot;
   AddressIndex m_seen;
