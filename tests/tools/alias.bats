@@ -162,8 +162,32 @@ setup() { empty_tables; }
   run -65 --separate-stderr tool alias set all@example.com allusers_example.net
   contains "$stderr" "another domain has no effect"
   run -65 tool alias set all@example.com postmaster
-  run -0 --separate-stderr tool alias set all@example.com allusers_example.com ann@example.com
-  contains "$stderr" "warning: 'allusers_example.com' means all users only when"
+}
+
+@test "an all-users alias gets no other members, and is led to by nothing else" {
+  tool alias set all@example.com allusers_example.com
+  run -65 --separate-stderr tool alias add all@example.com ext@partner.example
+  contains "$stderr" "alias all@example.com: its member 'allusers_example.com' means all users only when it is reached alone"
+  contains "$stderr" "make two lists side by side"
+  run -65 tool alias set all@example.com allusers_example.com ann@example.com
+  run -65 --separate-stderr tool alias set team@example.com all@example.com bob@example.com
+  contains "$stderr" "it leads to all@example.com, whose member 'allusers_example.com' means"
+  run -65 tool alias set team@other.example all@example.com
+  run -0 --separate-stderr tool alias set team@example.com all@example.com
+  equal "$stderr" ""
+  run -65 tool alias add team@example.com bob@example.com
+  # What is so already is a warning: other changes must be possible.
+  sql "insert into alias ( name, members ) values ( 'mixed@example.com', 'allusers_example.com,x@example.com' );"
+  run -0 --separate-stderr tool alias add mixed@example.com y@example.com
+  contains "$stderr" "warning: alias mixed@example.com: its member 'allusers_example.com' means"
+  run -65 --separate-stderr tool alias import - <<<'mix@example.com:allusers_example.com,ann@example.com'
+  contains "$stderr" "standard input:1: 'allusers_example.com' means all users only when it is the only member"
+  equal "$(sql "select members from alias where name='all@example.com'")" allusers_example.com
+}
+
+@test "an alias for a whole domain is an ordinary address, which is said" {
+  run -0 --separate-stderr tool alias set '*@example.com' ann@example.com
+  contains "$stderr" "warning: to alias tables '*@example.com' is an ordinary address"
 }
 
 @test "list of a domain takes neither patterns nor other domains" {

@@ -55,15 +55,14 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members members =
       parseMembers(arguments.members, alias, localNamesOf(arguments.localNames));
-  warnOfMixedMarker(members, alias);
+  warnOfWildcard(alias);
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   bool present = false;
   table.transact([&] {
     const AliasLook look =
         lookToWrite(table, alias, session, arguments.dryRun, newSpellingOf(arguments.newSpelling));
-    if (!arguments.allowCycle)
-      refuseCycle(table, alias, members, pickMembers(members, look.row.members, false));
+    refuseHarm(table, alias, members, look.row.members, arguments.allowCycle);
     present = look.kind == AliasLook::Kind::Present;
     if (!arguments.dryRun) table.set(alias, members);
     return !arguments.dryRun;

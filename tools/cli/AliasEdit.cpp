@@ -42,14 +42,10 @@ std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                 "nothing was changed; write one address per line");
 }
 
-void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias) {
-  const bool marker = std::any_of(members.begin(), members.end(), [&](const EmailAddress& member) {
-    return isMarkerOf(member, alias);
-  });
-  if (!marker || members.size() == 1) return;
-  say("warning: 'allusers_" + alias.domain() +
-      "' means all users only when it is the only member; among others it is taken for an"
-      " address");
+void warnOfWildcard(const EmailAddress& alias) {
+  if (alias.local() != "*") return;
+  say("warning: to alias tables '" + alias.address() +
+      "' is an ordinary address: it catches no mail for other names of " + alias.domain());
 }
 
 NewSpelling newSpellingOf(bool isAllowed) {
@@ -89,9 +85,10 @@ void tellSpelling(const EmailAddress& alias, const AliasLook& look) {
   say("alias " + alias.address() + " has the spelling " + look.row.name);
 }
 
-void refuseCycle(AliasTable& table, const EmailAddress& alias,
-                 const std::set<EmailAddress>& members, const std::set<EmailAddress>& added) {
-  const auto cycle = cycleOf(table, alias, {members, added});
+namespace {
+
+void s_refuseCycle(const EmailAddress& alias, const ReachedAliases& reached) {
+  const auto cycle = reached.cycle();
   if (!cycle) return;
   if (!cycle->isNew) {
     return say("warning: alias " + alias.address() +
@@ -100,6 +97,33 @@ void refuseCycle(AliasTable& table, const EmailAddress& alias,
   throw Failure(ExitCode::BadData, "alias " + alias.address(),
                 "it would lead back to itself: " + textOf(cycle->path),
                 "nothing was changed; leave one of these members out, or give --allow-cycle");
+}
+
+void s_refuseLostMarker(AliasTable& table, const EmailAddress& alias, const ReachedAliases& reached,
+                        const std::set<EmailAddress>& before) {
+  const auto lost = reached.lostMarker();
+  if (!lost) return;
+  const bool isOwn = lost->holder == alias;
+  const std::string why =
+      (isOwn ? "its member '" : "it leads to " + lost->holder.address() + ", whose member '") +
+      lost->marker +
+      "' means all users only when it is reached alone, from its own domain;"
+      " otherwise it is taken for an address, and mail waits";
+  if (ReachedAliases(table, alias, {before, {}}).lostMarker()) {
+    return say("warning: alias " + alias.address() + ": " + why);
+  }
+  throw Failure(ExitCode::BadData, "alias " + alias.address(), why,
+                "nothing was changed; make two lists side by side, each addressed by the sender or"
+                " by a mask");
+}
+
+}  // namespace
+
+void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<EmailAddress>& members,
+                const std::set<EmailAddress>& before, bool allowCycle) {
+  const ReachedAliases reached(table, alias, {members, pickMembers(members, before, false)});
+  if (!allowCycle) s_refuseCycle(alias, reached);
+  s_refuseLostMarker(table, alias, reached, before);
 }
 
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,

@@ -21,8 +21,8 @@ namespace Tessel::Tool {
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                                     const EmailAddress& alias, LocalNames localNames);
 
-// Warns when the all-users marker of `alias` has other members next to it.
-void warnOfMixedMarker(const std::set<EmailAddress>& members, const EmailAddress& alias);
+// Warns when `alias` looks like one for a whole domain.
+void warnOfWildcard(const EmailAddress& alias);
 
 // Whether an alias may get a row of its own next to one of another spelling.
 enum class NewSpelling { Refuse, Allow };
@@ -45,10 +45,11 @@ AliasLook lookToRemove(AliasTable& table, const EmailAddress& alias, const Sessi
 // Reports that the row of `alias` has another spelling, if that is so.
 void tellSpelling(const EmailAddress& alias, const AliasLook& look);
 
-// Refuses `members` when one of `added`, those that are not there yet, leads back to `alias`, and
-// warns when `alias` is in an alias loop already. Throws Failure, `BadData`.
-void refuseCycle(AliasTable& table, const EmailAddress& alias,
-                 const std::set<EmailAddress>& members, const std::set<EmailAddress>& added);
+// Refuses `members`, in place of `before`, when a new one leads back to `alias`, unless
+// `allowCycle`, or an all-users marker would be taken for an address; warns when that is so
+// already. Throws Failure, `BadData`.
+void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<EmailAddress>& members,
+                const std::set<EmailAddress>& before, bool allowCycle);
 
 // The addresses of `some` that are not in `members` in any spelling, or, with `has`, those that
 // are.

@@ -67,13 +67,14 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
     present = look.kind == AliasLook::Kind::Present;
     added = pickMembers(wanted, members, false);
     if (added.empty()) return false;
+    const Members before = members;
     members.insert(added.begin(), added.end());
-    if (!arguments.allowCycle) refuseCycle(table, alias, members, added);
+    refuseHarm(table, alias, members, before, arguments.allowCycle);
     if (arguments.dryRun) return false;
     table.set(alias, members);
     return true;
   });
-  warnOfMixedMarker(members, alias);
+  warnOfWildcard(alias);
   if (!arguments.dryRun) session.detail("added " + joined(added) + " to " + alias.address());
   answerChange(session, s_document(alias, members, "added", added),
                added.empty() ? "" : changeLine(present ? "~" : "+", alias, members),

@@ -21,6 +21,7 @@ namespace {
 std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
                                      LocalNames localNames) {
   auto why = refusalOf(entry.key);
+  if (!why && hasMembers) why = refusalOfMarker(entry.values, entry.key);
   for (const EmailAddress& value : entry.values) {
     if (why) break;
     why = hasMembers ? refusalOfMember(value, entry.key, localNames) : refusalOf(value);

@@ -1,12 +1,13 @@
-// Alias loops that a change of alias tables would leave behind.
+// What a change of an alias table would leave behind.
 #include "tables/AliasCycles.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <map>
 #include <utility>
 
+#include "base/stringCompareNoCase.h"
 #include "tables/AddressKey.h"
-#include "tables/DirectedGraph.h"
+#include "tables/AliasGraph.h"
 
 namespace Tessel::Tool {
 
@@ -15,66 +16,73 @@ namespace {
 // Longer paths are shown without their middle.
 constexpr std::size_t s_longestPath = 20;
 
-// The aliases that a change leads to, numbered, the changed one first.
-class Reached {
- public:
-  Reached(AliasTable& table, const EmailAddress& alias, const AliasChange& change) {
-    number(alias);
-    addMembers(s_changed, change.members);
-    while (!m_unasked.empty()) ask(table);
-    for (const EmailAddress& member : change.added) {
-      const DirectedGraph::Node node = number(member);
-      if (node != s_changed) m_added.push_back({s_changed, node});
-    }
-  }
-
-  [[nodiscard]] std::optional<AliasCycle> cycle() const {
-    const DirectedGraph links(m_addresses.size(), m_links);
-    const std::vector<Cycle> cycles = cyclesOf(links, {s_changed}, m_added);
-    if (cycles.empty()) return std::nullopt;
-    AliasCycle cycle{{}, cycles.front().isNew};
-    for (const DirectedGraph::Node node : cycles.front().path)
-      cycle.path.push_back(m_addresses[node]);
-    return cycle;
-  }
-
- private:
-  static constexpr DirectedGraph::Node s_changed = 0;
-
-  DirectedGraph::Node number(const EmailAddress& address) {
-    const auto next = static_cast<DirectedGraph::Node>(m_addresses.size());
-    const auto [known, isNew] = m_numbers.emplace(comparisonKey(address.address()), next);
-    if (isNew) m_addresses.push_back(address);
-    return known->second;
-  }
-
-  void addMembers(DirectedGraph::Node alias, const std::set<EmailAddress>& members) {
-    for (const EmailAddress& member : members) {
-      const std::size_t known = m_addresses.size();
-      const DirectedGraph::Node node = number(member);
-      if (node == known) m_unasked.insert(member);
-      if (node != alias) m_links.push_back({alias, node});
-    }
-  }
-
-  void ask(AliasTable& table) {
-    for (const auto& [alias, row] : table.lookSpelled(std::exchange(m_unasked, {}))) {
-      addMembers(number(alias), row.members);
-    }
-  }
-
-  std::map<std::string, DirectedGraph::Node> m_numbers;  // By comparisonKey().
-  std::vector<EmailAddress> m_addresses;
-  std::vector<Link> m_links;
-  std::vector<Link> m_added;
-  std::set<EmailAddress> m_unasked;
-};
+constexpr DirectedGraph::Node s_changed = 0;
 
 }  // namespace
 
-std::optional<AliasCycle> cycleOf(AliasTable& table, const EmailAddress& alias,
-                                  const AliasChange& change) {
-  return Reached(table, alias, change).cycle();
+ReachedAliases::ReachedAliases(AliasTable& table, const EmailAddress& alias,
+                               const AliasChange& change) {
+  number(alias);
+  addMembers(s_changed, change.members);
+  while (!m_unasked.empty()) {
+    for (const auto& [found, row] : table.lookSpelled(std::exchange(m_unasked, {}))) {
+      addMembers(number(found), row.members);
+    }
+  }
+  for (const EmailAddress& member : change.added) {
+    const Node node = number(member);
+    if (node != s_changed) m_added.push_back({s_changed, node});
+  }
+}
+
+std::optional<AliasCycle> ReachedAliases::cycle() const {
+  const DirectedGraph links(m_addresses.size(), m_links);
+  const std::vector<Cycle> cycles = cyclesOf(links, {s_changed}, m_added);
+  if (cycles.empty()) return std::nullopt;
+  AliasCycle cycle{{}, cycles.front().isNew};
+  for (const Node node : cycles.front().path) cycle.path.push_back(m_addresses[node]);
+  return cycle;
+}
+
+std::optional<LostMarker> ReachedAliases::lostMarker() const {
+  std::optional<Node> marker;
+  std::size_t finals = m_namesItself ? 1 : 0;
+  for (Node node = 0; node < m_addresses.size(); ++node) {
+    if (m_areAliases[node]) continue;
+    ++finals;
+    if (isMarker(m_addresses[node].address())) marker = node;
+  }
+  if (!marker) return std::nullopt;
+  const std::string text = m_addresses[*marker].address();
+  const bool isOwn = stringCompareNoCase(markerDomain(text), m_addresses[s_changed].domain(), 0);
+  if (finals == 1 && isOwn) return std::nullopt;
+  const auto link = std::find_if(m_links.begin(), m_links.end(),
+                                 [&](const Link& one) { return one.to == *marker; });
+  return LostMarker{text, m_addresses[link->from]};
+}
+
+ReachedAliases::Node ReachedAliases::number(const EmailAddress& address) {
+  const auto next = static_cast<Node>(m_addresses.size());
+  const auto [known, isNew] = m_numbers.emplace(comparisonKey(address.address()), next);
+  if (isNew) {
+    m_addresses.push_back(address);
+    m_areAliases.push_back(false);
+  }
+  return known->second;
+}
+
+void ReachedAliases::addMembers(Node alias, const std::set<EmailAddress>& members) {
+  if (!members.empty()) m_areAliases[alias] = true;
+  for (const EmailAddress& member : members) {
+    const std::size_t known = m_addresses.size();
+    const Node node = number(member);
+    if (node == known) m_unasked.insert(member);
+    if (node != alias) {
+      m_links.push_back({alias, node});
+    } else {
+      m_namesItself = true;
+    }
+  }
 }
 
 std::string textOf(const std::vector<std::string>& path) {

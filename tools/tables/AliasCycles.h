@@ -1,7 +1,8 @@
-// Alias loops that a change of alias tables would leave behind.
+// What a change of an alias table would leave behind: alias loops, and markers without effect.
 #ifndef TSL_TOOLS_TABLES_ALIASCYCLES_H
 #define TSL_TOOLS_TABLES_ALIASCYCLES_H
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "address/EmailAddress.h"
 #include "tables/AliasTable.h"
+#include "tables/DirectedGraph.h"
 
 namespace Tessel::Tool {
 
@@ -24,12 +26,40 @@ struct AliasCycle {
   bool isNew;  // One of the added members closes it.
 };
 
-// The alias loop that `alias` would be in after `change` was written; nothing when there is none. A
-// loop that an added member closes takes precedence. An alias that names itself is not a loop: it
-// is delivered to. Asks for the rows that the change leads to and no others. Throws Exception when
-// the database cannot answer.
-std::optional<AliasCycle> cycleOf(AliasTable& table, const EmailAddress& alias,
-                                  const AliasChange& change);
+// An all-users marker that is taken for an address, and the alias that has it.
+struct LostMarker {
+  std::string marker;
+  EmailAddress holder;
+};
+
+// The aliases that a change leads to.
+class ReachedAliases {
+ public:
+  // Asks for the rows that `alias` leads to after `change`, and no others. Throws Exception when
+  // the database cannot answer.
+  ReachedAliases(AliasTable& table, const EmailAddress& alias, const AliasChange& change);
+
+  // The alias loop that the alias would be in; nothing when there is none. A loop that an added
+  // member closes takes precedence. An alias that names itself is not a loop: it is delivered to.
+  [[nodiscard]] std::optional<AliasCycle> cycle() const;
+  // The marker that the alias would reach beside other addresses, or from another domain: the
+  // library replaces it only when it is alone, and of the domain of the alias.
+  [[nodiscard]] std::optional<LostMarker> lostMarker() const;
+
+ private:
+  using Node = DirectedGraph::Node;
+
+  Node number(const EmailAddress& address);
+  void addMembers(Node alias, const std::set<EmailAddress>& members);
+
+  std::map<std::string, Node> m_numbers;  // By comparisonKey().
+  std::vector<EmailAddress> m_addresses;
+  std::vector<bool> m_areAliases;
+  std::vector<Link> m_links;
+  std::vector<Link> m_added;
+  std::set<EmailAddress> m_unasked;
+  bool m_namesItself = false;
+};
 
 // The addresses of a loop as "a -> b -> a", the middle of a long one left out.
 std::string textOf(const std::vector<std::string>& path);

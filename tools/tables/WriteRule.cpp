@@ -1,6 +1,8 @@
 // What the tool does not write into a table.
 #include "tables/WriteRule.h"
 
+#include <algorithm>
+
 #include "base/stringCompareNoCase.h"
 
 namespace Tessel::Tool {
@@ -29,6 +31,16 @@ std::optional<std::string> refusalOfMember(const EmailAddress& member, const Ema
   return "the member '" + member.address() +
          "' has no domain, and it is not the all-users marker of this alias (that of another"
          " domain has no effect)";
+}
+
+std::optional<std::string> refusalOfMarker(const std::vector<EmailAddress>& members,
+                                           const EmailAddress& alias) {
+  const bool isAlone = members.size() < 2;
+  const auto isMarker = [&](const EmailAddress& member) { return isMarkerOf(member, alias); };
+  if (isAlone || std::none_of(members.begin(), members.end(), isMarker)) return std::nullopt;
+  return "'allusers_" + alias.domain() +
+         "' means all users only when it is the only member; among others it is taken for an"
+         " address, and mail waits";
 }
 
 }  // namespace Tessel::Tool

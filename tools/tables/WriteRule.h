@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "address/EmailAddress.h"
 
@@ -31,6 +32,10 @@ std::optional<std::string> refusalOf(const EmailAddress& address);
 // and deliver to whoever has that name.
 std::optional<std::string> refusalOfMember(const EmailAddress& member, const EmailAddress& alias,
                                            LocalNames localNames);
+
+// The same for the all-users marker among `members` of `alias`, which has an effect only alone.
+std::optional<std::string> refusalOfMarker(const std::vector<EmailAddress>& members,
+                                           const EmailAddress& alias);
 
 }  // namespace Tessel::Tool
 
