@@ -1,12 +1,12 @@
 // Extensions of addresses: where they begin, and what gets one.
-#include "serve/answer/Extension.h"
+#include "tables/Extension.h"
 
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 namespace {
 
 // What `address` is cut into, with a bar between.
@@ -104,4 +104,4 @@ TEST(Extension, IsPutToEachAddressOfAListAsToOne) {
 }
 
 }  // namespace
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool

@@ -64,6 +64,16 @@ finds() {
   tool user remove ann@users.example
 }
 
+@test "members with an extension, and members and masks of disabled users" {
+  tool user add ann@users.example
+  tool user add gone@users.example --kind disabled
+  rows team@x.example:ann+books@users.example,team2+x@users.example,ghost+x@users.example,gone@users.example \
+    team2@users.example:ann@users.example
+  masks ann@users.example:a@out.example TEAM2@users.example:t@out.example gone@users.example:g@out.example \
+    nobody@users.example:n@out.example x@elsewhere.example:x@out.example
+  finds 65 $'warning\tdangling-member\talias\tghost+x@users.example\nwarning\tdisabled-member\talias\tgone@users.example\nwarning\tmask-nobody\tmask\tgone@users.example\nwarning\tmask-nobody\tmask\tnobody@users.example'
+}
+
 @test "without a configuration the members are not compared, which is a notice" {
   mkdir "$BATS_TEST_TMPDIR/none"
   rows a@x.example:ghost@users.example all@y.example:allusers_y.example

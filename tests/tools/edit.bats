@@ -66,8 +66,7 @@ at_terminal() {
   run -78 tool --table missing alias add b@example.com c@example.com
   equal "$(aliases)" $'a@example.com:b@example.com\nbroken@example.com:a b c'
   run -0 tool alias add b@example.com a@example.com --allow-cycle
-  run -0 --separate-stderr tool alias add c@example.com d@example.com allusers_example.com
-  contains "$stderr" "only when it is the only member"
+  run -65 tool alias add c@example.com d@example.com allusers_example.com
 }
 
 @test "alias add and set refuse what closes a loop, and warn of one that is there" {
@@ -217,7 +216,7 @@ at_terminal() {
   equal "$output" "- ann@inner.example:ann@example.com"
   run -1 tool mask remove bob@inner.example ann@example.com --dry-run
   run -0 tool mask remove --domain inner.example --dry-run
-  equal "$output" $'- ann@inner.example:ann@example.com\n1 removed'
+  equal "$output" $'- ann@inner.example:ann@example.com\n1 would be removed'
   run -0 tool mask remove --domain inner.example --dry-run --json
   equal "$output" '{"domain":"inner.example","removed":1,"dryRun":true}'
   equal "$(aliases; tool mask list)" "$before"

@@ -251,6 +251,11 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   equal "$(rows)" ""
 }
 
+@test "a domain without a name is refused with the right spelling" {
+  run -65 --separate-stderr tool mask set @inner.example @example.com
+  contains "$stderr" "in a mask, '*@inner.example' is the whole domain"
+}
+
 @test "a mask is found in any spelling, and a second spelling is refused" {
   tool mask set ann@büro.example ann@käse.example
   for spelling in ann@xn--bro-hoa.example ANN@BÜRO.example; do

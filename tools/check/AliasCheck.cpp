@@ -8,6 +8,7 @@
 #include "base/stringCompareNoCase.h"
 #include "tables/AliasCycles.h"
 #include "tables/AliasGraph.h"
+#include "tables/Extension.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
@@ -17,6 +18,9 @@ namespace {
 
 // Part of the members column that may be in use before it is worth a warning, in percent.
 constexpr std::size_t s_fullPercent = 90;
+
+// With what extensions begin, unless the mail server is told otherwise.
+constexpr std::string_view s_delimiters = "+";
 
 // Finds what single rows show.
 class RowCheck : public AliasVisitor {
@@ -56,14 +60,27 @@ class RowCheck : public AliasVisitor {
           "is a member without a domain: mail for it cannot be delivered", selectMembers(member));
       return;
     }
-    if (m_users.failure() || m_users.kindOf(member) != MailUsers::Kind::Nobody) return;
+    const MailUsers::Kind kind = m_users.failure() ? MailUsers::Kind::Unknown : kindOf(member);
+    const bool isDisabled = kind == MailUsers::Kind::Disabled;
+    if (!isDisabled && kind != MailUsers::Kind::Nobody) return;
     if (!m_reported.add(member).isNew) return;
-    add(Severity::Warning, "dangling-member", member,
-        "is a member, but neither an alias nor a mail user of its domain, which is served here",
+    add(Severity::Warning, isDisabled ? "disabled-member" : "dangling-member", member,
+        isDisabled
+            ? "is a member, and a disabled mail user: mail for the list reaches it, or is refused"
+            : "is a member, but neither an alias nor a mail user of its domain, which is served"
+              " here",
         commandOn(m_table, "alias who " + shellWord(member)));
   }
 
  private:
+  // What the configuration says about `member`, or about what it is without its extension.
+  MailUsers::Kind kindOf(std::string_view member) {
+    const MailUsers::Kind kind = m_users.kindOf(member);
+    if (kind != MailUsers::Kind::Nobody) return kind;
+    const ExtendedAddress address = cutExtension(member, s_delimiters);
+    return address.extension.empty() ? kind : m_users.kindOf(address.base);
+  }
+
   void add(Severity severity, const char* kind, std::string_view address, const std::string& what,
            const std::string& command) {
     m_findings.add({severity, kind, m_table, std::string(address), what, command, {}});

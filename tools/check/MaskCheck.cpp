@@ -9,6 +9,7 @@
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
 #include "tables/AliasGraph.h"
+#include "tables/AliasTable.h"
 #include "tables/RowReader.h"
 #include "tables/SpellingIndex.h"
 #include "tables/TableNames.h"
@@ -20,7 +21,8 @@ namespace {
 
 class MaskCheck {
  public:
-  MaskCheck(const std::string& table, Findings& findings) : m_table(table), m_findings(findings) {}
+  MaskCheck(const std::string& table, MailUsers& users, Findings& findings)
+      : m_table(table), m_users(users), m_findings(findings) {}
 
   std::uint64_t run(Database::Connection& connection, const CountRows& count) {
     const std::string statement = "select private, public from " + quotedName(m_table) + ";";
@@ -33,6 +35,29 @@ class MaskCheck {
     for (const Pair& pair : m_pairs) checkPair(pair);
     checkWildcards();
     return m_rows;
+  }
+
+  // Reports private addresses to which no mail can be delivered.
+  void checkPrivate(const std::vector<std::string>& aliasTables) {
+    std::set<EmailAddress> nobody;
+    for (const Pair& pair : m_pairs) {
+      const std::string_view address = m_private.text(pair.privateAddress);
+      const MailUsers::Kind kind = m_users.kindOf(address);
+      const bool isNobody = kind == MailUsers::Kind::Nobody || kind == MailUsers::Kind::Disabled;
+      if (isNobody) nobody.insert(EmailAddress::rfc5321Parse(address, false));
+    }
+    if (m_users.failure()) return;
+    for (const std::string& table : aliasTables) {
+      for (const auto& [alias, row] : AliasTable(table).lookSpelled(nobody)) nobody.erase(alias);
+    }
+    for (const EmailAddress& address : nobody) {
+      const bool isDisabled = m_users.kindOf(address.address()) == MailUsers::Kind::Disabled;
+      add(Severity::Warning, "mask-nobody", address.address(),
+          isDisabled ? "is a disabled mail user: mail for its public address is accepted, and"
+                       " refused or lost later"
+                     : "is neither an alias nor a mail user of its domain, which is served here:"
+                       " mail for its public address reaches nobody");
+    }
   }
 
  private:
@@ -119,6 +144,7 @@ class MaskCheck {
   }
 
   const std::string& m_table;
+  MailUsers& m_users;
   Findings& m_findings;
   std::uint64_t m_rows = 0;
   RowReader m_reader{TableKind::Mask};
@@ -131,8 +157,12 @@ class MaskCheck {
 }  // namespace
 
 std::uint64_t checkMaskTable(Database::Connection& connection, const std::string& table,
+                             const std::vector<std::string>& aliasTables, MailUsers& users,
                              Findings& findings, const CountRows& count) {
-  return MaskCheck(table, findings).run(connection, count);
+  MaskCheck check(table, users, findings);
+  const std::uint64_t rows = check.run(connection, count);
+  check.checkPrivate(aliasTables);
+  return rows;
 }
 
 }  // namespace Tessel::Tool

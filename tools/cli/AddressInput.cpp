@@ -75,7 +75,9 @@ bool s_answerInput(const Answer& answer) {
 EmailAddress parseAddress(const std::string& text, bool allowNoDomain) {
   const auto refuse = [&text](const std::string& why) {
     return Failure(ExitCode::BadData, "address '" + text.substr(0, 100) + "'", why,
-                   "write it as NAME@DOMAIN");
+                   text.starts_with('@') ? "write it as NAME@DOMAIN; in a mask, '*" +
+                                               text.substr(0, 100) + "' is the whole domain"
+                                         : "write it as NAME@DOMAIN");
   };
   // The parser stops at a NUL, which standard input may hold.
   if (text.find('\0') != std::string::npos) throw refuse("it contains a NUL character");

@@ -73,6 +73,14 @@ class Check {
     const std::set<std::string> wanted{aliasTableName(name), maskTableName(name)};
     if (name.empty()) checkBases(schema);
     m_progress.endForPager();
+    for (const std::string& table : schema.tables) {
+      const auto known = readTableName(table);
+      const bool isAlias = known && known->kind == TableKind::Alias;
+      // Other names are safe for no statement.
+      if (isAlias && (known->name.empty() || isTableName(known->name))) {
+        m_aliasTables.push_back(table);
+      }
+    }
     bool any = false;
     for (const std::string& table : schema.tables) {
       if (!name.empty() && wanted.count(table) == 0) continue;
@@ -124,7 +132,8 @@ class Check {
     m_progress.begin("checking " + table, "rows");
     if (!checkSchema(table, kind == Kind::Mask)) return;
     const std::uint64_t rows =
-        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_findings, m_progress.counter())
+        kind == Kind::Mask ? checkMaskTable(m_connection, table, m_aliasTables, m_users, m_findings,
+                                            m_progress.counter())
                            : checkAliasTable(m_connection, table, s_widest(m_connection, table),
                                              m_users, m_findings, m_progress.counter());
     m_session.detail("table " + table + ": " + std::to_string(rows) + " rows");
@@ -165,6 +174,7 @@ class Check {
   Session& m_session;
   Database::Connection m_connection;
   MailUsers m_users;
+  std::vector<std::string> m_aliasTables;
   Findings m_findings;
   Progress m_progress;
 };

@@ -5,6 +5,7 @@
 #include "database/Query.h"
 #include "database/RowParser.h"
 #include "database/db_result.h"
+#include "tables/Extension.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Tool {
@@ -86,7 +87,7 @@ class AliasGraph::Parser : public Database::AllRowParser {
 
   void addMember(Id alias, std::string_view member) {
     const Id id = m_graph.m_names.find(member);
-    m_visitor.member(alias, member, id != AddressIndex::s_none);
+    m_visitor.member(alias, member, id != AddressIndex::s_none || hasAliasedBase(member));
     if (id != AddressIndex::s_none && id != alias) {
       m_links.push_back({alias, id});
     } else if (isMarker(member)) {
@@ -94,6 +95,14 @@ class AliasGraph::Parser : public Database::AllRowParser {
     } else {
       m_graph.m_own[alias].add(Reach::addresses());
     }
+  }
+
+  // True when the service would answer for `member` with the alias that it is without its
+  // extension.
+  bool hasAliasedBase(std::string_view member) {
+    if (member.find('+') == std::string_view::npos) return false;
+    const ExtendedAddress address = cutExtension(member, "+");
+    return !address.extension.empty() && m_graph.m_names.find(address.base) != AddressIndex::s_none;
   }
 
   AliasGraph& m_graph;

@@ -64,7 +64,7 @@ class AliasVisitor {
   // A row with `size` bytes of members.
   virtual void row(std::string_view name, std::size_t size);
   // The member `member` of `alias`, as `EmailAddress::address()` has it. `isAlias` is true if it is
-  // an alias itself.
+  // an alias itself, or without its extension.
   virtual void member(AddressIndex::Id alias, std::string_view member, bool isAlias);
 };
 

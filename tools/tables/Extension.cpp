@@ -1,5 +1,5 @@
 // Address extensions.
-#include "serve/answer/Extension.h"
+#include "tables/Extension.h"
 
 #include <algorithm>
 
@@ -9,7 +9,7 @@
 #include "base/stringCompareNoCase.h"
 #include "tables/AddressKey.h"
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 
 namespace {
 
@@ -78,7 +78,7 @@ std::size_t s_endOfFirst(std::string_view list) {
 ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters) {
   std::string_view local;
   std::string_view domain;
-  if (!Tool::splitAddress(text, local, domain)) return {std::string(text), ""};
+  if (!splitAddress(text, local, domain)) return {std::string(text), ""};
   const std::size_t start = s_start(local, delimiters);
   if (start == std::string_view::npos) return {std::string(text), ""};
   return {std::string(local.substr(0, start)).append("@").append(domain),
@@ -116,4 +116,4 @@ std::string allWithExtension(std::string_view list, std::string_view extension,
   return extended;
 }
 
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool

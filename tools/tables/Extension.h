@@ -1,11 +1,11 @@
 // Address extensions: the "+tag" of "user+tag@domain" (RFC 5233 calls it the detail).
-#ifndef TSL_TOOLS_SERVE_ANSWER_EXTENSION_H
-#define TSL_TOOLS_SERVE_ANSWER_EXTENSION_H
+#ifndef TSL_TOOLS_TABLES_EXTENSION_H
+#define TSL_TOOLS_TABLES_EXTENSION_H
 
 #include <string>
 #include <string_view>
 
-namespace Tessel::Serve {
+namespace Tessel::Tool {
 
 // An address cut at its extension.
 struct ExtendedAddress {
@@ -28,6 +28,6 @@ std::string withExtension(const std::string& address, std::string_view extension
 std::string allWithExtension(std::string_view list, std::string_view extension,
                              std::string_view delimiters);
 
-}  // namespace Tessel::Serve
+}  // namespace Tessel::Tool
 
 #endif

@@ -214,7 +214,7 @@ std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view t
   if (Pages::isPage(key)) return page(route, key, now);
   std::optional<Answer> answer = expansion(route, key, now);
   if (!answer || answer->result != Result::NotFound) return answer;
-  const ExtendedAddress cutAddress = cut(text);
+  const Tool::ExtendedAddress cutAddress = cut(text);
   if (cutAddress.extension.empty() || !Tool::addressKey(cutAddress.base, key)) return answer;
   answer = Pages::isPage(key) ? page(route, key, now) : expansion(route, key, now);
   if (!answer) return answer;
@@ -305,11 +305,11 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   }
   if (image.isBroken(direction, key)) return Answer::temp(broken);
   // Before the wildcard rows: an address with a mask of its own must not be shown without it.
-  const ExtendedAddress address = cut(text);
+  const Tool::ExtendedAddress address = cut(text);
   std::string base;
   if (!address.extension.empty() && Tool::addressKey(address.base, base)) {
     if (const auto found = image.find(direction, base)) {
-      Answer answer = Answer::ok(withExtension(*found, kept(address), m_settings.delimiter));
+      Answer answer = Answer::ok(Tool::withExtension(*found, kept(address), m_settings.delimiter));
       answer.validity = Validity::Once;
       return answer;
     }
@@ -335,7 +335,7 @@ Answer Lookup::mailboxAnswer(std::string_view text, Clock::time_point now) {
   const ConfigurationPointer configuration = this->configuration(now);
   if (configuration == nullptr) return Answer::temp(s_noConfiguration);
   if (configuration->hasUser(key)) return Answer::ok(key);
-  const ExtendedAddress address = cut(text);
+  const Tool::ExtendedAddress address = cut(text);
   if (address.extension.empty() || !Tool::addressKey(address.base, key)) return Answer::notFound();
   return configuration->hasUser(key) ? Answer::ok(key) : Answer::notFound();
 }
@@ -356,19 +356,19 @@ ConfigurationPointer Lookup::configuration(Clock::time_point now) {
   return image;
 }
 
-ExtendedAddress Lookup::cut(std::string_view text) const {
+Tool::ExtendedAddress Lookup::cut(std::string_view text) const {
   if (m_settings.extension == ExtensionRule::Off) return {std::string(text), ""};
-  return cutExtension(text, m_settings.delimiter);
+  return Tool::cutExtension(text, m_settings.delimiter);
 }
 
-std::string_view Lookup::kept(const ExtendedAddress& address) const {
+std::string_view Lookup::kept(const Tool::ExtendedAddress& address) const {
   if (m_settings.extension == ExtensionRule::Keep) return address.extension;
   return {};
 }
 
 Answer Lookup::extended(Answer answer, std::string_view extension) const {
   if (answer.result != Result::Ok || extension.empty()) return answer;
-  std::string all = allWithExtension(answer.data, extension, m_settings.delimiter);
+  std::string all = Tool::allWithExtension(answer.data, extension, m_settings.delimiter);
   if (all.size() <= m_tables.pages().maxSize()) answer.data = std::move(all);
   return answer;
 }

@@ -12,13 +12,13 @@
 #include <string_view>
 
 #include "serve/answer/AnswerCache.h"
-#include "serve/answer/Extension.h"
 #include "serve/base/Answer.h"
 #include "serve/base/Background.h"
 #include "serve/base/Log.h"
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
 #include "serve/image/Table.h"
+#include "tables/Extension.h"
 
 namespace Tessel::Serve {
 
@@ -97,9 +97,9 @@ class Lookup {
   Answer domainAnswer(std::string_view text, Clock::time_point now);
   ConfigurationPointer configuration(Clock::time_point now);
   // Cuts `text` at its extension, if the settings want that.
-  [[nodiscard]] ExtendedAddress cut(std::string_view text) const;
+  [[nodiscard]] Tool::ExtendedAddress cut(std::string_view text) const;
   // The extension that the addresses of an answer get.
-  [[nodiscard]] std::string_view kept(const ExtendedAddress& address) const;
+  [[nodiscard]] std::string_view kept(const Tool::ExtendedAddress& address) const;
   // `answer` with `extension` in its addresses, unless it would become too long for that.
   [[nodiscard]] Answer extended(Answer answer, std::string_view extension) const;
 
