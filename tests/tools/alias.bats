@@ -185,7 +185,7 @@ setup() { empty_tables; }
   equal "$(sql "select members from alias where name='all@example.com'")" allusers_example.com
 }
 
-@test "an alias for a whole domain is an ordinary address, which is said" {
+@test "an alias for a whole domain is an ordinary address, and gives a warning" {
   run -0 --separate-stderr tool alias set '*@example.com' ann@example.com
   contains "$stderr" "warning: to alias tables '*@example.com' is an ordinary address"
 }

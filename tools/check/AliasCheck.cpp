@@ -19,7 +19,7 @@ namespace {
 // Part of the members column that may be in use before it is worth a warning, in percent.
 constexpr std::size_t s_fullPercent = 90;
 
-// With what extensions begin, unless the mail server is told otherwise.
+// With what extensions begin, unless the mail server has other settings.
 constexpr std::string_view s_delimiters = "+";
 
 // Finds what single rows show.

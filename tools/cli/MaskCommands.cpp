@@ -116,7 +116,8 @@ ExitCode s_removeDomain(Session& session, const std::string& domain, bool dryRun
       dryRun ? s_showDomain(session, domain, table) : MaskTable(table).removeDomain(domain);
   if (count == 0) say("no mask of a private address in " + domain + " in table " + table);
   answerChange(session, Json{{"domain", domain}, {"removed", count}}, "", dryRun);
-  if (!session.isJson()) session.output().line(std::to_string(count) + (dryRun ? " would be removed" : " removed"));
+  if (!session.isJson())
+    session.output().line(std::to_string(count) + (dryRun ? " would be removed" : " removed"));
   return count != 0 ? ExitCode::Done : ExitCode::NotFound;
 }
 

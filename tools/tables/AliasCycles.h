@@ -42,7 +42,7 @@ class ReachedAliases {
   // The alias loop that the alias would be in; nothing when there is none. A loop that an added
   // member closes takes precedence. An alias that names itself is not a loop: it is delivered to.
   [[nodiscard]] std::optional<AliasCycle> cycle() const;
-  // The marker that the alias would reach beside other addresses, or from another domain: the
+  // The marker that the alias would reach with other addresses, or from another domain: the
   // library replaces it only when it is alone, and of the domain of the alias.
   [[nodiscard]] std::optional<LostMarker> lostMarker() const;
 
