@@ -95,6 +95,14 @@ foreign_headers() {
   systemd-analyze verify --man=no "$prefix/lib/systemd/system/"tsl-address-map.{service,socket}
 }
 
+@test "the socket is not in a directory that systemd gives to the service and removes with it" {
+  cd "$prefix/lib/systemd/system"
+  directory=$(dirname "$(sed -n 's/^ListenStream=//p' tsl-address-map.socket)")
+  [ "$directory" = /run/tsl-address-map ]
+  run grep -E "^RuntimeDirectory=.*${directory##*/}" tsl-address-map.service
+  [ "$status" -eq 1 ]
+}
+
 @test "the manual pages are well formed" {
   pages=0
   for page in "$prefix"/share/man/man*/*; do

@@ -364,8 +364,10 @@ TEST_F(PeerTest, BetweenRequestsThereIsTheTimeOfTheIdle) {
 
 TEST_F(PeerTest, AnEndAnswersAllThatHasArrived) {
   const auto idle = connect();
+  const auto fresh = connect();
   const auto half = connect();
   const auto busy = connect();
+  EXPECT_EQ(idle->ask("alias " + name(1)), answer(1));
   std::string requests;
   for (int i = 0; i < 4000; ++i) requests += request(i);
   half->send(request(1) + request(2).substr(0, 5));
@@ -373,14 +375,16 @@ TEST_F(PeerTest, AnEndAnswersAllThatHasArrived) {
   busy->send(framed("alias big@d.example") + requests);
   worker().drain();
   EXPECT_TRUE(idle->isAtEnd());
-  // Half a request is waited for.
+  // The first request of a new connection is waited for, and the rest of one.
+  EXPECT_EQ(fresh->ask("alias " + name(3)), answer(3));
+  EXPECT_TRUE(fresh->isAtEnd());
   half->send(request(2).substr(5));
   EXPECT_EQ(half->reply(), answer(2));
   EXPECT_TRUE(half->isAtEnd());
   EXPECT_GT(busy->reply().size(), 20000U);
   for (int i = 0; i < 4000; ++i) ASSERT_EQ(busy->reply(), answer(i)) << i;
   EXPECT_TRUE(busy->isAtEnd());
-  EXPECT_TRUE(waitFor([this] { return m_closed == 3; }));
+  EXPECT_TRUE(waitFor([this] { return m_closed == 4; }));
 }
 
 TEST_F(PeerTest, AnEndAnswersMoreThanIsReadAtOnce) {

@@ -47,6 +47,15 @@ start_service_unready() {
   wait_for "the service" test -S "$SOCKET"
 }
 
+# The same, behind a socket that stays open while the service restarts, at SIGHUP.
+start_service_behind_socket() {
+  TSL_DATABASE_OPTION_FILE=$SERVER/client.cnf TSL_CMF_PATH=$SERVER/cmf setsid \
+    python3 "$BATS_TEST_DIRNAME/activate.py" "$SOCKET" postfix "$TSL_TOOL" serve --refresh 100ms \
+    >>"$POSTFIX/service.log" 2>&1 3>&- &
+  echo $! >"$POSTFIX/service.pid"
+  wait_for "the tables" service_has_tables
+}
+
 service_has_tables() {
   local table
   for table in alias mask_public; do

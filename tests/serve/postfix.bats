@@ -389,3 +389,27 @@ has_sent() { grep -qx "$1" "$BATS_TEST_TMPDIR/progress"; }
   done | LC_ALL=C sort >"$BATS_TEST_TMPDIR/want"
   diff "$BATS_TEST_TMPDIR/got" "$BATS_TEST_TMPDIR/want"
 }
+
+@test "restarts behind a socket that stays open: no mail is refused, and nothing waits" {
+  tool alias set steady@example.com ann@example.com out@example.net
+  seen alias steady@example.com ann@example.com,out@example.net
+  stop_service
+  start_service_behind_socket
+  local before
+  before=$(wc -l <"$POSTFIX/log")
+  smtp_open
+  for i in {1..60}; do
+    ((i % 20 != 0)) || kill -HUP "$(<"$POSTFIX/service.pid")"
+    transmit me@away.example "steady $i" steady@example.com
+  done
+  smtp_close
+  queue_empties
+  equal "$(deliveries "steady [0-9]*" | wc -l)" 120
+  run tail -n "+$((before + 1))" "$POSTFIX/log"
+  [[ $output != *"warning: "* && $output != *"fatal: "* && $output != *"status=deferred"* ]] || {
+    grep -E "warning: |fatal: |deferred" <<<"$output"
+    return 1
+  }
+  stop_service
+  start_service
+}

@@ -267,7 +267,7 @@ client = socket.socket(socket.AF_UNIX)
 client.settimeout(20)
 client.connect(directory + "/handed")
 client.sendall(b"8:alias x@,")
-assert client.recv(100) in (b"9:NOTFOUND ,", b"38:TEMP the table could not be read yet,"), "reply"
+assert client.recv(100) == b"9:NOTFOUND ,", "reply"
 os.kill(child, 1)
 until(b"RELOADING=1")
 until(b"READY=1")
@@ -276,6 +276,52 @@ until(b"STOPPING=1")
 print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
 PYTHON
   equal "$(tail -1 <<<"$output")" 0
+}
+
+@test "restarts behind a socket that stays open answer every request" {
+  python3 "$BATS_TEST_DIRNAME/activate.py" "$socket" nogroup "$TSL_TOOL" --local="$SERVER" serve \
+    2>>"$directory/log" 3>&- &
+  service=$!
+  wait_for test -S "$socket"
+  # As Postfix does, it asks once more when a connection that it had kept is closed. Nothing else is
+  # forgiven, from the first request on.
+  python3 - "$socket" "$directory/count" "$found" <<'PYTHON' 2>"$directory/wrong" 3>&- &
+import os, signal, socket, sys
+def ask(connection, request):
+    data = request.encode()
+    connection.sendall(b"%d:%s," % (len(data), data))
+    return connection.recv(4096).decode()
+wanted = {"alias team@example.com": sys.argv[3], "mailbox ann@users.example": "OK ann@users.example"}
+count = 0
+connection = None
+while True:
+    for request, want in wanted.items():
+        reply = ""
+        if connection:
+            try:
+                reply = ask(connection, request)
+            except ConnectionError:
+                pass
+        if not reply:
+            connection = socket.socket(socket.AF_UNIX)
+            connection.connect(sys.argv[1])
+            reply = ask(connection, request)
+        if reply.split(":", 1)[-1].rstrip(",") != want:
+            sys.exit(f"{request}: {reply}")
+        count += 1
+    open(sys.argv[2] + ".new", "w").write(str(count))
+    os.rename(sys.argv[2] + ".new", sys.argv[2])
+PYTHON
+  load=$!
+  wait_for test -s "$directory/count"
+  for i in 1 2 3; do
+    kill -HUP "$service"
+    wait_for bash -c "(( \$(grep -c 'listening on' '$directory/log') > $i ))"
+    before=$(<"$directory/count")
+    wait_for bash -c "(( \$(<'$directory/count') > $before + 100 ))"
+  done
+  kill -0 "$load"
+  equal "$(<"$directory/wrong")" ""
 }
 
 @test "metrics, health and readiness are served over HTTP, without an address" {

@@ -45,6 +45,10 @@ using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream
 
 // Wait before the next connection is accepted when there are no descriptors left.
 constexpr std::chrono::milliseconds s_acceptPause{100};
+// How long connections wait at the start until all that can be read is read, and how often that is
+// looked at.
+constexpr std::chrono::milliseconds s_startPatience{5000};
+constexpr std::chrono::milliseconds s_startStep{5};
 // How long the end waits for the database: it reads only, so nothing is lost.
 constexpr std::chrono::milliseconds s_databasePatience{200};
 // Descriptors for other things than connections.
@@ -107,11 +111,10 @@ class Service {
     m_configurationWatch = std::make_unique<ConfigurationWatch>(
         m_settings, m_tables.configuration(), m_log,
         ConfigurationWatch::Helper{{"/proc/self/exe", s_helperCommand}});
-    for (Listener& listener : m_listeners) accept(listener);
     waitForSignal();
     watch();
     report();
-    sd_notify(0, "READY=1");
+    begin(Clock::now() + s_startPatience);
     m_context.run();
     end();
   }
@@ -160,6 +163,20 @@ class Service {
     return count;
   }
 
+  // Takes connections as soon as all that can be read is read, at `limit` at the latest. They wait
+  // meanwhile: to be answered TEMP right after a restart would delay mail for much longer.
+  void begin(Clock::time_point limit) {
+    const bool isSettled = m_watch->isSettled() && m_configurationWatch->hasLooked();
+    if (isSettled || Clock::now() >= limit) {
+      sd_notify(0, "READY=1");
+      return acceptAll();
+    }
+    m_pause.expires_after(s_startStep);
+    m_pause.async_wait([this, limit](const error_code& cancelled) {
+      if (!cancelled) begin(limit);
+    });
+  }
+
   // Takes connections from `listener`.
   void accept(Listener& listener) {
     if (m_isEnding || listener.isWaiting) return;
@@ -171,7 +188,7 @@ class Service {
         [this, &listener, &worker](const error_code& error,
                                    boost::asio::generic::stream_protocol::socket socket) {
           listener.isWaiting = false;
-          if (m_isEnding) return;
+          if (m_isEnding && error) return;
           if (!error) {
             const bool isOneTooMany = connections() >= m_mostConnections;
             worker.take(socket.release(), listener.socket.isLineProtocol(), isOneTooMany);

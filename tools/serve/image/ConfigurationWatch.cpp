@@ -94,6 +94,7 @@ void ConfigurationWatch::run() {
       m_helper.reset();
     }
     const milliseconds pause = look();
+    m_hasLooked = true;
     m_state.waitFor(m_wake, pause,
                     [](const State& state) { return state.isStopping || state.isReloading; });
   }

@@ -25,7 +25,7 @@ namespace Tessel::Serve {
 // Asks the helper several times per `refresh` of the settings whether the configuration that
 // TSL_CMF_PATH names has changed. A helper that dies, is silent for too long or sends what is no
 // answer is replaced by a new one, after a pause that grows from 100 ms to 10 s. Any thread may
-// call `reload` and `helper`.
+// call `reload`, `hasLooked` and `helper`.
 class ConfigurationWatch {
  public:
   // The helper: a program that calls helpWithConfiguration(0).
@@ -44,6 +44,8 @@ class ConfigurationWatch {
 
   // Reads the configuration again, with a new helper.
   void reload();
+  // True when the configuration was read once, or could not be.
+  [[nodiscard]] bool hasLooked() const noexcept { return m_hasLooked; }
   // The process id of the helper; 0 while there is none.
   [[nodiscard]] pid_t helper() const noexcept { return m_pid; }
 
@@ -76,6 +78,7 @@ class ConfigurationWatch {
   Guarded<State> m_state;
   std::condition_variable_any m_wake;
   std::atomic<pid_t> m_pid = 0;
+  std::atomic<bool> m_hasLooked = false;
 
   // Of the thread alone.
   std::unique_ptr<HelperProcess> m_helper;

@@ -132,6 +132,15 @@ void TableWatch::reload() {
   m_wake.notify_all();
 }
 
+bool TableWatch::isSettled() {
+  return m_state.with([](const State& state) {
+    return state.hasLooked &&
+           std::none_of(state.watched.begin(), state.watched.end(), [](const auto& entry) {
+             return entry.second.isBusy && entry.second.table->generation() == 0;
+           });
+  });
+}
+
 bool TableWatch::stop(milliseconds patience) {
   m_state.with([](State& state) { state.isStopping = true; });
   m_wake.notify_all();
@@ -157,6 +166,7 @@ void TableWatch::run() {
     });
     if (isReloading) m_connection.reset();
     look(Clock::now());
+    m_state.with([](State& state) { state.hasLooked = true; });
     m_state.waitFor(m_wake, interval,
                     [](const State& state) { return state.isStopping || state.isReloading; });
   }

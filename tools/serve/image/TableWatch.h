@@ -38,7 +38,7 @@ namespace Tessel::Serve {
 // again or an administrator confirms with a reload that it is as it should be. The server does not
 // list tables that the SQL user may not read: those are not missing, and their last images answer.
 //
-// Any thread may call `reload` and `stop`.
+// Any thread may call `reload`, `isSettled` and `stop`.
 class TableWatch {
  public:
   // Loads the images of the snapshot directory. All references must outlive the object.
@@ -52,6 +52,8 @@ class TableWatch {
   void start();
   // Rereads all tables, over new connections, and takes the tables that are in doubt as they are.
   void reload();
+  // True when the database was asked once, and all tables that it has were read, or could not be.
+  bool isSettled();
   // Stops watching. False when something still runs after `patience`, which waits for the database
   // then; it must not be destroyed before that ends.
   bool stop(std::chrono::milliseconds patience);
@@ -105,6 +107,7 @@ class TableWatch {
     bool isStopping = false;
     bool isReloading = false;
     bool isRunning = false;
+    bool hasLooked = false;
     std::map<std::string, Watched> watched;  // By SQL name. Only grows.
   };
 

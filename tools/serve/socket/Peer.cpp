@@ -103,7 +103,7 @@ void Peer::endIfLate(Clock::time_point now) {
 }
 
 // A mail server that keeps asking must not delay the exit, nor one that is silent: from now on only
-// the rest of a request is waited for, and for a moment only.
+// the rest of a request is waited for, and the first one of a new connection, for a moment only.
 void Peer::drain() {
   int waiting = 0;
   if (!isOpen()) return;
@@ -255,7 +255,9 @@ void Peer::settle() {
     m_shared.queue.push_back(this);
   }
   const bool isBusy = !isSent || m_isQueued || m_isWaiting;
-  if (m_isDraining && !isBusy && m_arrived == 0 && m_input.empty()) return close();
+  // Who has just connected is about to ask.
+  const bool isNew = !m_wasUsed && m_shared.now < m_lastUse + s_drainPatience;
+  if (m_isDraining && !isBusy && m_arrived == 0 && m_input.empty() && !isNew) return close();
   setDeadline(std::exchange(m_hadProgress, false));
   const std::uint32_t wanted = isSent ? EPOLLIN : EPOLLOUT;
   waitFor(isSent && isBusy ? 0 : wanted);

@@ -101,6 +101,7 @@ void Worker::open(int descriptor, bool isLineProtocol, bool isOneTooMany) {
     m_closed();
   });
   added.start();
+  if (m_isDraining) added.drain();
   if (!isOneTooMany) return;
   Peer* idlest = &added;
   for (Peer& peer : m_peers) {
