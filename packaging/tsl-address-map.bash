@@ -19,7 +19,7 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
-    answer) echo --delimiter --extension --from --local-names ;;
+    answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;
@@ -31,7 +31,7 @@ _tsl_address_map_options() {
     "mask remove") echo --domain --dry-run ;;
     "mask import") echo --columns --dry-run --force --format --replace --skip-bad ;;
     serve)
-      echo --delimiter --drain-timeout --extension --idle-timeout --listen --local-names \
+      echo --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
         --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \
         --request-timeout --snapshot --stale --workers
       ;;

@@ -35,6 +35,7 @@ struct Arguments {
   std::string extension = extensionRuleText(s_default.extension);
   std::string delimiter = s_default.delimiter;
   bool localNames = false;
+  bool leaveOutDisabled = false;
 };
 
 Settings s_settings(const Arguments& arguments) {
@@ -42,6 +43,7 @@ Settings s_settings(const Arguments& arguments) {
   settings.extension = parseExtensionRule("--extension", arguments.extension);
   settings.delimiter = arguments.delimiter;
   settings.localNames = arguments.localNames;
+  settings.leaveOutDisabled = arguments.leaveOutDisabled;
   // Without pages: nobody waits for a reply that is too long.
   settings.page = std::numeric_limits<std::size_t>::max();
   settings.maxReply = std::numeric_limits<std::size_t>::max();
@@ -172,6 +174,7 @@ void addAnswerCommand(Tool::Command& top) {
                 "As the service has it: 'keep' the tag of user+tag, 'drop' it, or 'off'");
   answer.option("--delimiter", arguments->delimiter, "TEXT", "As the service has it");
   answer.flag("--local-names", arguments->localNames, "As the service has it");
+  answer.flag("--leave-out-disabled", arguments->leaveOutDisabled, "As the service has it");
 }
 
 }  // namespace Tessel::Serve

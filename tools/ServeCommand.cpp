@@ -51,6 +51,7 @@ struct Arguments {
   std::string drainTimeout = timeText(s_default.drain);
   std::string logLevel = "info";
   bool localNames = false;
+  bool leaveOutDisabled = false;
 };
 
 ListenAddress s_metricsAddress(const std::string& text) {
@@ -101,6 +102,7 @@ Settings s_settings(const Arguments& arguments) {
   s_checkDelimiter(arguments.delimiter);
   settings.delimiter = arguments.delimiter;
   settings.localNames = arguments.localNames;
+  settings.leaveOutDisabled = arguments.leaveOutDisabled;
   settings.maxReply = limit("--max-reply", arguments.maxReply, 1024, 100000000);
   settings.page = limit("--page", arguments.page, 2, 1000000);
   settings.maxRequest = limit("--max-request", arguments.maxRequest, 1024, 100000000);
@@ -161,6 +163,8 @@ void addServeCommand(Tool::Command& top) {
                "Characters that an extension may begin with");
   serve.flag("--local-names", arguments->localNames,
              "Also answer with members without a domain, to which mail servers add their own");
+  serve.flag("--leave-out-disabled", arguments->leaveOutDisabled,
+             "Leave disabled users out of the answers for aliases and masks");
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
   serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
   serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");

@@ -136,6 +136,78 @@ TEST_F(LookupTest, ATableThatIsNotServedIsATemporaryFailure) {
   EXPECT_EQ(ask("alias:other a@d.example"), "OK b@d.example");
 }
 
+TEST_F(LookupTest, DisabledUsersAreLeftOutOfAliasesOnlyWhenThatIsWanted) {
+  const Rows rows = {{"team@d.example", "bob@d.example,gone@d.example,x@out.example"},
+                     {"list@d.example", "Gone+tag@d.example,team@d.example"},
+                     {"left@d.example", "gone@d.example"},
+                     {"names@d.example", "gone@d.example,root"}};
+  serve("alias", rows);
+  serveDomains();
+  EXPECT_EQ(ask("alias team@d.example"), "OK bob@d.example,gone@d.example,x@out.example");
+  EXPECT_EQ(ask("alias left@d.example"), "OK gone@d.example");
+  m_lookup.reset();
+  m_settings.leaveOutDisabled = true;
+  EXPECT_EQ(ask("alias team@d.example"), "OK bob@d.example,x@out.example");
+  EXPECT_EQ(ask("alias list@d.example"), "OK bob@d.example,x@out.example");
+  // "Not found" would let the mail server deliver to a mailbox of that name.
+  EXPECT_EQ(ask("alias left@d.example"), "PERM this alias reaches nobody");
+  EXPECT_EQ(ask("alias names@d.example"), "TEMP this alias has members without a domain only");
+}
+
+TEST_F(LookupTest, ADisabledUserWhoseMailAnAliasForwardsIsNotLeftOut) {
+  m_settings.leaveOutDisabled = true;
+  serve("alias", {{"gone@d.example", "bob@d.example,gone@d.example"},
+                  {"team@d.example", "gone@d.example,x@out.example"}});
+  serve("alias_second", {{"list@d.example", "gone@d.example"}});
+  serve("mask", {{"gone@d.example", "public@d.example"}});
+  serveDomains();
+  EXPECT_EQ(ask("alias gone@d.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("alias team@d.example"), "OK bob@d.example,x@out.example");
+  EXPECT_EQ(ask("alias.second list@d.example"), "OK gone@d.example");
+  EXPECT_EQ(ask("mask_private public@d.example"), "OK gone@d.example");
+  // The answers do not outlive the alias.
+  serve("alias", {});
+  EXPECT_EQ(ask("mask_private public@d.example"), "NOTFOUND ");
+}
+
+TEST_F(LookupTest, DisabledUsersAreLeftOutOfMasksOnTheWayInOnly) {
+  m_settings.leaveOutDisabled = true;
+  serve("alias", {});
+  serve("mask", {{"gone@d.example", "public@out.example"},
+                 {"bob@d.example", "bobby@out.example"},
+                 {"*@d.example", "*@wide.example"}});
+  serveDomains();
+  EXPECT_EQ(ask("mask_private public@out.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_private public+tag@out.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_private gone@wide.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("mask_private bobby@out.example"), "OK bob@d.example");
+  // Nobody is shown without his mask because he is disabled.
+  EXPECT_EQ(ask("mask_public gone@d.example"), "OK public@out.example");
+}
+
+TEST_F(LookupTest, AnswersWithoutDisabledUsersFollowTheConfigurationAndNeedIt) {
+  m_settings.leaveOutDisabled = true;
+  serve("alias", {{"team@d.example", "bob@d.example,gone@d.example"}});
+  serve("mask", {{"bob@d.example", "bobby@out.example"}});
+  const std::string unknown = "TEMP the configuration of domains and mail users cannot be read";
+  EXPECT_EQ(ask("alias team@d.example"), unknown);
+  EXPECT_EQ(ask("mask_private bobby@out.example"), unknown);
+  EXPECT_EQ(ask("mask_public bob@d.example"), "OK bobby@out.example");
+  serveDomains();
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(ask("alias team@d.example"), "OK bob@d.example");
+  EXPECT_EQ(hits(), "1") << "an answer is kept while neither table nor configuration changes";
+  {
+    const ServedDomains served;
+    CMF::Writer writer;
+    writer.addUser("d.example", "gone", CMF::MailUserMailbox);
+    writer.commit();
+    tables().configuration().publish(ServedDomains::image(), Clock::now());
+  }
+  EXPECT_EQ(ask("alias team@d.example"), "OK bob@d.example,gone@d.example");
+  serveDomains(Clock::now() - hours(2));
+  EXPECT_EQ(ask("alias team@d.example"), unknown) << "the configuration is too old";
+}
+
 TEST_F(LookupTest, ATableWithoutAnImageIsATemporaryFailure) {
   tables().add("alias");
   tables().add("mask");

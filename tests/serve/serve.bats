@@ -206,6 +206,19 @@ PYTHON
   load=$!
 }
 
+@test "disabled users are left out of aliases and masks with --leave-out-disabled, at once" {
+  tool user add gone@users.example
+  tool alias set left@example.com ann@users.example gone@users.example
+  tool mask set gone@users.example public@example.com
+  start_service --leave-out-disabled
+  wait_for answers 'alias left@example.com' 'OK ann@users.example,gone@users.example'
+  wait_for answers 'mask_private public@example.com' 'OK gone@users.example'
+  tool user add gone@users.example --kind disabled
+  wait_for answers 'alias left@example.com' 'OK ann@users.example'
+  answers 'mask_private public@example.com' "NOTFOUND$blank"
+  tool user remove gone@users.example
+}
+
 @test "SIGTERM stops it with status 0, answers what was asked, and removes the socket" {
   start_service
   wait_for answers 'alias team@example.com' "$found"

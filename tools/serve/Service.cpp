@@ -94,6 +94,7 @@ class Service {
         m_watchdog(m_context),
         m_reports(m_context),
         m_pause(m_context) {
+    if (settings.leaveOutDisabled) m_tables.configuration().setNeeded();
     // The base tables are known from the start: one that is not read yet is not "not there".
     m_tables.add(Tool::aliasTableName(""));
     m_tables.add(Tool::maskTableName(""));

@@ -1,6 +1,7 @@
 // The answer for an alias.
 #include "serve/answer/AliasAnswer.h"
 
+#include <algorithm>
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "base/Exception.h"
+#include "serve/answer/DisabledUser.h"
 #include "tables/WriteRule.h"
 
 namespace Tessel::Serve {
@@ -34,31 +36,68 @@ std::string s_joined(const std::vector<std::string>& addresses) {
   return text;
 }
 
+bool s_hasOtherAliases(const Tables& tables, const Table& table) {
+  const std::vector<TablePointer> all = tables.all();
+  return std::any_of(all.begin(), all.end(), [&](const TablePointer& other) {
+    return other->kind() == TableKind::Alias && other.get() != &table;
+  });
+}
+
+// The answer for an alias that no mail may be sent to.
+Answer s_nobodyAnswer(bool isShort) {
+  Answer answer = Answer::perm("this alias reaches nobody");
+  if (isShort) answer.validity = Validity::Moment;
+  return answer;
+}
+
 Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
                      const Expansion& found, Clock::time_point now, Log& log) {
+  const Settings& settings = tables.settings();
+  ConfigurationPointer users;
+  if (settings.leaveOutDisabled) {
+    users = tables.configuration().use(settings, now);
+    if (users == nullptr) return Answer::temp(s_noConfiguration);
+  }
   std::vector<std::string> addresses;
   addresses.reserve(found.addresses.size());
-  const bool areLocalNamesGiven = tables.settings().localNames;
+  bool hasLocalNames = false;
+  bool hasDisabled = false;
   for (const EmailAddress& address : found.addresses) {
-    if (!areLocalNamesGiven && address.domain().empty()) continue;
+    if (!settings.localNames && address.domain().empty()) {
+      hasLocalNames = true;
+      continue;
+    }
     addresses.push_back(address.address());
+    if (users != nullptr && isDisabledUser(*users, addresses.back(), settings)) {
+      hasDisabled = true;
+      if (!goesElsewhere(tables, addresses.back(), &table)) {
+        addresses.pop_back();
+        continue;
+      }
+    }
     if (Tool::hasCommaInLiteral(addresses.back())) {
       return Answer::temp("an address literal in this alias has a comma");
     }
   }
   // A mail server would give its own domain to them, and deliver to whoever has that name.
-  if (addresses.size() < found.addresses.size()) {
+  if (hasLocalNames) {
     log.warning("table " + table.sqlName() +
                 ": members without a domain are left out of answers; 'tsl-address-map check' names"
                 " them, --local-names gives them");
   }
-  if (addresses.empty()) return Answer::temp("this alias has members without a domain only");
+  if (addresses.empty() && hasLocalNames) {
+    return Answer::temp("this alias has members without a domain only");
+  }
+  // Not "not found", with which a mail server would look for a mailbox of the name of the alias.
+  // What becomes of disabled users also depends on the aliases of other tables.
+  const bool isShort = found.dependsOnUsers || (hasDisabled && s_hasOtherAliases(tables, table));
+  if (addresses.empty()) return s_nobodyAnswer(isShort);
   Pages& pages = tables.pages();
   const bool isDivided = !pages.fit(addresses);
   Answer answer = Answer::ok(isDivided ? pages.divide(table.number(), key, addresses, now)
                                        : s_joined(addresses));
   if (isDivided) answer.validity = Validity::Pages;
-  if (found.dependsOnUsers) answer.validity = Validity::Moment;
+  if (isShort) answer.validity = Validity::Moment;
   return answer;
 }
 
@@ -81,12 +120,9 @@ std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const Tabl
       return Answer::temp("the row of this alias cannot be read");
     case Expansion::Kind::NoUsers:
       return Answer::temp("this alias means all users of a domain, which could not be read");
-    case Expansion::Kind::Nobody: {
-      Answer answer = Answer::perm("this alias reaches nobody");
-      if (found.dependsOnUsers) answer.validity = Validity::Moment;
+    case Expansion::Kind::Nobody:
       if (!found.dependsOnUsers) s_reportLoop(table, image.alias(), key, log);
-      return answer;
-    }
+      return s_nobodyAnswer(found.dependsOnUsers);
     case Expansion::Kind::Found:
       break;
   }
@@ -100,7 +136,7 @@ Answer failureAnswer(Log& log) {
     return Answer::temp("out of memory");
   } catch (const Exception& exception) {
     log.debug(std::string("a request failed: ") + exception.what());
-    return Answer::temp("the configuration of domains and mail users cannot be read");
+    return Answer::temp(s_noConfiguration);
   } catch (const std::exception& exception) {
     log.debug(std::string("a request failed: ") + exception.what());
     return Answer::temp("the request could not be answered");

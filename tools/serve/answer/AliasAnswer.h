@@ -12,6 +12,10 @@
 
 namespace Tessel::Serve {
 
+// Why requests that need the configuration cannot be answered without it.
+inline constexpr char s_noConfiguration[] =
+    "the configuration of domains and mail users cannot be read";
+
 // What the alias with `key` expands to in `image`, an image of `table`; a long list gets pages.
 // Nothing when that takes more than `effort`. Failures are answers too. Any thread.
 std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,

@@ -9,6 +9,7 @@
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
 #include "serve/answer/AliasAnswer.h"
+#include "serve/answer/DisabledUser.h"
 #include "tables/AddressKey.h"
 #include "tables/TableNames.h"
 #include "tables/WriteRule.h"
@@ -24,9 +25,6 @@ constexpr std::size_t s_shortReply = 1024;
 
 // Longest time for which an answer is kept that may change while the tables do not.
 constexpr std::chrono::milliseconds s_longestMoment{1000};
-
-constexpr const char* s_noConfiguration =
-    "the configuration of domains and mail users cannot be read";
 
 bool s_hasTable(Map map) {
   return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;
@@ -46,6 +44,13 @@ std::string s_plainLocal(std::string_view text) {
   return EmailAddress::rfc5321Parse(text, false).local();
 }
 
+// Number of the users that are left out; 0 when nobody is.
+std::uint64_t s_usersNumber(const Tables& tables) {
+  if (!tables.settings().leaveOutDisabled) return 0;
+  const ConfigurationPointer users = tables.configuration().image();
+  return users == nullptr ? 0 : users->number();
+}
+
 // Replies of one table come from: its aliases or private addresses, its public addresses, and the
 // expansions of its aliases, which have keys instead of texts.
 constexpr std::uint64_t s_sources = 3;
@@ -57,7 +62,7 @@ std::uint64_t s_expansions(std::uint64_t table) {
 }  // namespace
 
 AnswerCache::Source Lookup::Route::source() const {
-  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0), generation};
+  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0), generation + users};
 }
 
 Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
@@ -182,6 +187,11 @@ std::string Lookup::refresh(Route& route, Clock::time_point now) {
     route.image = route.table->image();
     route.generation = generation;
   }
+  const bool needsUsers = route.map == Map::Alias || route.map == Map::MaskPrivate;
+  if (!m_settings.leaveOutDisabled || !needsUsers) return "";
+  const ConfigurationPointer users = configuration(now);
+  if (users == nullptr) return s_noConfiguration;
+  route.users = users->number();
   return "";
 }
 
@@ -192,8 +202,9 @@ std::optional<Answer> Lookup::answer(const Route& route, std::string_view key,
       case Map::Alias:
         return aliasAnswer(route, key, now);
       case Map::MaskPublic:
-      case Map::MaskPrivate:
         return maskAnswer(route, key);
+      case Map::MaskPrivate:
+        return maskAnswerWithoutDisabled(route, key, now);
       case Map::Mailbox:
         return mailboxAnswer(key, now);
       case Map::Domain:
@@ -231,7 +242,7 @@ std::optional<Answer> Lookup::expansion(const Route& route, const std::string& k
     m_since = made->second.since;
     return made->second.answer;
   }
-  const AnswerCache::Source source{s_expansions(job.table), route.generation};
+  const AnswerCache::Source source{s_expansions(job.table), route.source().image};
   const AnswerCache::Entry* const known = m_cache.find(source, key, now);
   if (known != nullptr && m_tables.pages().isWhole(known->reply(), now)) {
     m_metrics.cacheHit();
@@ -255,7 +266,7 @@ void Lookup::begin(const Route& route, const std::string& key, Clock::time_point
   m_helpers->threads.post([this, job, table = route.table, &tables = m_tables, &log = m_log,
                            onOwnThread = m_helpers->onOwnThread] {
     // The newest image: a job that waits must not keep an old one alive.
-    const std::uint64_t generation = table->generation();
+    const std::uint64_t generation = table->generation() + s_usersNumber(tables);
     const ImagePointer image = table->image();
     Answer answer;
     try {
@@ -327,6 +338,20 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
     // Too long in the other domain, or without a local part: not an address there.
     return Answer::notFound();
   }
+}
+
+// The private address, unless it is that of a disabled user: then the public one is no address.
+Answer Lookup::maskAnswerWithoutDisabled(const Route& route, std::string_view text,
+                                         Clock::time_point now) {
+  Answer answer = maskAnswer(route, text);
+  if (!m_settings.leaveOutDisabled || answer.result != Result::Ok) return answer;
+  const ConfigurationPointer users = configuration(now);
+  if (users == nullptr) return Answer::temp(s_noConfiguration);
+  if (!isDisabledUser(*users, answer.data, m_settings)) return answer;
+  if (!goesElsewhere(m_tables, answer.data, nullptr)) answer = Answer::notFound();
+  // Aliases change while masks and users do not.
+  answer.validity = Validity::Once;
+  return answer;
 }
 
 Answer Lookup::mailboxAnswer(std::string_view text, Clock::time_point now) {

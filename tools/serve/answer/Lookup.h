@@ -56,6 +56,8 @@ class Lookup {
     TablePointer table;
     ImagePointer image;
     std::uint64_t generation = 0;
+    std::uint64_t users =
+        0;  // Number of the image of the users that answers depend on; 0 for none.
 
     // What its replies come from; with a table.
     [[nodiscard]] AnswerCache::Source source() const;
@@ -93,6 +95,8 @@ class Lookup {
   [[nodiscard]] Clock::time_point moment(Clock::time_point now) const;
   Answer page(const Route& route, const std::string& key, Clock::time_point now);
   [[nodiscard]] Answer maskAnswer(const Route& route, std::string_view text) const;
+  Answer maskAnswerWithoutDisabled(const Route& route, std::string_view text,
+                                   Clock::time_point now);
   Answer mailboxAnswer(std::string_view text, Clock::time_point now);
   Answer domainAnswer(std::string_view text, Clock::time_point now);
   ConfigurationPointer configuration(Clock::time_point now);

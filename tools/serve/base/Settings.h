@@ -39,7 +39,8 @@ struct Settings {
   std::size_t maxMemory = 256U << 20U;  // Bytes for answers and pages.
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
-  bool localNames = false;  // Members without a domain are given.
+  bool localNames = false;        // Members without a domain are given.
+  bool leaveOutDisabled = false;  // Disabled users get no mail through aliases and masks.
   unsigned int workers = 1;
   std::size_t maxConnections = 10000;
   std::chrono::milliseconds idleTimeout{std::chrono::hours(1)};

@@ -138,6 +138,10 @@ bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
   });
 }
 
+bool AliasImage::isAlias(std::string_view key) const {
+  return m_keys.find(key) != AddressIndex::s_none || m_brokenRows.hasKey(std::string(key));
+}
+
 std::vector<std::string> AliasImage::loop(std::string_view key) const {
   const RowStore::Id first = m_keys.find(key);
   if (first == AddressIndex::s_none) return {};

@@ -53,6 +53,9 @@ class AliasImage {
   [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any,
                                  const ListUsers& listUsers = {}) const;
 
+  // True when the address with `key` is an alias, also one whose row cannot be read.
+  [[nodiscard]] bool isAlias(std::string_view key) const;
+
   // An alias loop that the alias with `key` leads into, its first address also at the end; empty
   // when there is none.
   [[nodiscard]] std::vector<std::string> loop(std::string_view key) const;

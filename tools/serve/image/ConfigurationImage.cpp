@@ -1,6 +1,7 @@
 // The configuration in memory, and the text that carries it between processes.
 #include "serve/image/ConfigurationImage.h"
 
+#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -51,6 +52,11 @@ void s_append(std::string& copy, char kind, std::string_view name) {
 // The local part of `address`, which ends in "@" and `domain`.
 std::string_view s_name(std::string_view address, std::string_view domain) {
   return address.substr(0, address.size() - domain.size() - 1);
+}
+
+std::uint64_t s_nextNumber() {
+  static std::atomic<std::uint64_t> s_last = 0;
+  return ++s_last;
 }
 
 [[noreturn]] void s_failMalformed() {
@@ -142,13 +148,19 @@ class ConfigurationImage::Reader {
   std::string m_key;
 };
 
-ConfigurationImage::ConfigurationImage(std::string_view copy) {
+ConfigurationImage::ConfigurationImage(std::string_view copy) : m_number(s_nextNumber()) {
   Reader(*this).read(copy);
+  m_hasDisabled = m_kinds.find(s_disabled) != std::string::npos;
 }
 
 bool ConfigurationImage::hasUser(std::string_view key) const {
   const Id user = m_users.find(key);
   return user != AddressIndex::s_none && m_kinds[user] != s_disabled;
+}
+
+bool ConfigurationImage::isDisabled(std::string_view key) const {
+  const Id user = m_users.find(key);
+  return user != AddressIndex::s_none && m_kinds[user] == s_disabled;
 }
 
 bool ConfigurationImage::hasDomain(std::string_view key) const {

@@ -3,6 +3,7 @@
 #define TSL_TOOLS_SERVE_IMAGE_CONFIGURATIONIMAGE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -41,11 +42,16 @@ class ConfigurationImage {
 
   // True when the address with `key` is a mail user that is not disabled.
   [[nodiscard]] bool hasUser(std::string_view key) const;
+  // True when the address with `key` is a mail user that is disabled.
+  [[nodiscard]] bool isDisabled(std::string_view key) const;
+  [[nodiscard]] bool hasDisabled() const noexcept { return m_hasDisabled; }
   // True when the domain with `key` is one of the configuration.
   [[nodiscard]] bool hasDomain(std::string_view key) const;
   // As `ListUsers` says; `domain` may have any spelling.
   bool listUsers(std::string_view domain, const TakeUser& take) const;
 
+  // A later image has a higher one.
+  [[nodiscard]] std::uint64_t number() const noexcept { return m_number; }
   [[nodiscard]] std::size_t users() const noexcept { return m_users.size(); }
   [[nodiscard]] std::size_t domains() const noexcept { return m_domains.size(); }
 
@@ -53,6 +59,8 @@ class ConfigurationImage {
   using Id = Tool::AddressIndex::Id;
   class Reader;
 
+  const std::uint64_t m_number;
+  bool m_hasDisabled = false;
   Tool::AddressIndex m_domains;  // Their keys.
   std::vector<Id> m_firstUsers;  // By the number of the domain; its users follow each other.
   Tool::AddressIndex m_users;    // Addresses, equal to their keys but for ASCII letter case.

@@ -197,8 +197,7 @@ void ConfigurationWatch::fail(const std::string& why) {
   m_failure = reason;
   const bool isKnown = m_configuration.age(Clock::now()).has_value();
   m_log.error(m_name + " cannot be read: " + reason + "; " +
-              (isKnown ? "what was read last still answers"
-                       : "mailbox, domain and aliases for all users are answered TEMP"));
+              (isKnown ? "what was read last still answers" : "what needs it is answered TEMP"));
 }
 
 // Ends the helper, which failed because of `why`. The pause before the next one.
