@@ -124,6 +124,27 @@ TEST(TableFile, AddressesThatAreThereTwiceAreReportedWithBothLines) {
             "tsl-address-map: FILE:4: the public address X@out is in line 1 already\n");
 }
 
+// A line that was left out does not keep a later one out.
+TEST(TableFile, OfLinesForOneAddressTheFirstGoodOneIsKept) {
+  const ScratchFile file;
+  file.write("c@in:z@out\nb@in:y@out\na@in:y@out\na@in:x@out\nA@in:w@out\n");
+  Progress progress;
+  TableFile::Options options;
+  options.skipBad = true;
+  testing::internal::CaptureStderr();
+  const TableFile read(TableFormat::mask(), file.path(), options, progress);
+  testing::internal::GetCapturedStderr();
+  std::vector<std::string> kept;
+  for (const FileEntry& entry : read.entries()) kept.push_back(entry.line());
+  EXPECT_THAT(kept, ElementsAre("a@in:x@out", "b@in:y@out", "c@in:z@out"));
+  ASSERT_EQ(read.skipped().size(), 2U);
+  EXPECT_EQ(read.skipped()[0].line, 3U);
+  EXPECT_EQ(read.skipped()[1].reason, "the private address A@in is in line 4 already");
+  EXPECT_EQ(read.withPublic(EmailAddress::rfc5321Parse("X@out", false)), &read.entries()[0]);
+  EXPECT_EQ(read.withKey(EmailAddress::rfc5321Parse("C@in", false)), &read.entries()[2]);
+  EXPECT_EQ(read.withPublic(EmailAddress::rfc5321Parse("w@out", false)), nullptr);
+}
+
 TEST(TableFile, ACsvFileBeginsWithItsHeader) {
   EXPECT_EQ(s_faults(TableFormat::alias(), "address,members\nt@d,a@x\n"), "");
   EXPECT_EQ(s_faults(TableFormat::alias(), "Members;Id;Address\na@x;1;t@d\n\na@x;t@d\n"),

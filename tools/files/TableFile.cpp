@@ -3,10 +3,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <optional>
-#include <set>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/stringCompareNoCase.h"
 #include "failure/Failure.h"
@@ -16,6 +17,9 @@
 namespace Tessel::Tool {
 
 namespace {
+
+// The place of an address whose entry was left out.
+constexpr std::size_t s_nowhere = SIZE_MAX;
 
 // Why a good line must not be written; nothing when it may.
 std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
@@ -56,7 +60,7 @@ void LineFaults::refuse(const std::string& why) {
 
 TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,
                      Progress& progress)
-    : m_name(path == "-" ? "standard input" : path), m_skipBad(options.skipBad) {
+    : m_name(path == "-" ? "standard input" : path) {
   progress.beginReading(path);
   Lines lines(path, m_name);
   const std::string name =
@@ -64,13 +68,13 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
   const auto syntax = name.empty() ? FileSyntax::detected(lines, m_name, format, options.domain)
                                    : FileSyntax::named(name, format, options.domain);
   if (!options.columns.empty()) syntax->setColumns(options.columns);
-  LineFaults faults = m_skipBad ? LineFaults(m_name, SIZE_MAX) : LineFaults(m_name);
+  LineFaults faults = options.skipBad ? LineFaults(m_name, SIZE_MAX) : LineFaults(m_name);
   read(lines, *syntax, faults, progress, options.localNames);
-  findDoubles(format, faults);
-  if (!m_skipBad) faults.refuse("it has bad lines");
+  leaveDoublesOut(format, faults);
+  if (!options.skipBad) faults.refuse("it has bad lines");
   faults.report();
   m_skipped = faults.all();
-  index(format);
+  sort();
 }
 
 void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
@@ -105,41 +109,57 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
   }
 }
 
-void TableFile::findDoubles(const TableFormat& format, LineFaults& faults) {
-  Places keys;
-  Places publics;
-  std::set<std::size_t> doubles;
-  for (const FileEntry& entry : m_entries) {
-    const bool isBad =
-        isDouble(keys, entry, entry.key, format.hasPublic ? "private address" : "alias", faults) ||
-        (format.hasPublic &&
-         isDouble(publics, entry, entry.values.front(), "public address", faults));
-    if (isBad) doubles.insert(entry.number);
+// Of several lines for one address, the first one is good.
+void TableFile::leaveDoublesOut(const TableFormat& format, LineFaults& faults) {
+  const char* const key = format.hasPublic ? "private address" : "alias";
+  std::vector<FileEntry> all = std::exchange(m_entries, {});
+  m_entries.reserve(all.size());
+  for (FileEntry& entry : all) {
+    std::size_t* const byKey = placeOf(m_byKey, entry, entry.key, key, faults);
+    std::size_t* const byPublic =
+        format.hasPublic
+            ? placeOf(m_byPublic, entry, entry.values.front(), "public address", faults)
+            : byKey;
+    if (byKey == nullptr || byPublic == nullptr) continue;
+    *byKey = *byPublic = m_entries.size();
+    m_entries.push_back(std::move(entry));
   }
-  if (m_skipBad) {
-    std::erase_if(m_entries, [&](const FileEntry& one) { return doubles.contains(one.number); });
-  }
-  std::stable_sort(m_entries.begin(), m_entries.end(),
-                   [](const FileEntry& a, const FileEntry& b) { return a.key < b.key; });
 }
 
-// True when an entry before `entry` has `address`, which is called `what`, too; that is reported.
-bool TableFile::isDouble(Places& places, const FileEntry& entry, const EmailAddress& address,
-                         const char* what, LineFaults& faults) {
-  const AddressIndex::Added added = places.add(address, entry.number);
-  if (added.isNew) return false;
-  const std::string_view first = places.addresses.text(added.id);
-  const bool isAlike = stringCompareNoCase(first, address.address(), 0);
+// Where the place of `entry` is to be noted by its `address`, which is called `what`. Reports it,
+// and returns null, when an entry before it has the address.
+std::size_t* TableFile::placeOf(Places& places, const FileEntry& entry, const EmailAddress& address,
+                                const char* what, LineFaults& faults) const {
+  const AddressIndex::Added added = places.addresses.add(address.address());
+  if (added.isNew) places.entries.push_back(s_nowhere);
+  std::size_t& place = places.entries[added.id];
+  if (place == s_nowhere) return &place;
+  const FileEntry& first = m_entries[place];
+  const EmailAddress& other = &places == &m_byKey ? first.key : first.values.front();
+  const bool isAlike = stringCompareNoCase(other.address(), address.address(), 0);
   faults.add(entry.number, std::string("the ") + what + " " + address.address() + " is in line " +
-                               std::to_string(places.numbers[added.id]) + " already" +
-                               (isAlike ? "" : ", spelled " + std::string(first)));
-  return true;
+                               std::to_string(first.number) + " already" +
+                               (isAlike ? "" : ", spelled " + other.address()));
+  return nullptr;
 }
 
-void TableFile::index(const TableFormat& format) {
-  for (std::size_t i = 0; i < m_entries.size(); ++i) {
-    m_byKey.add(m_entries[i].key, i);
-    if (format.hasPublic) m_byPublic.add(m_entries[i].values.front(), i);
+void TableFile::sort() {
+  std::vector<std::size_t> order(m_entries.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::sort(order.begin(), order.end(),
+            [this](std::size_t a, std::size_t b) { return m_entries[a].key < m_entries[b].key; });
+  std::vector<FileEntry> sorted;
+  sorted.reserve(order.size());
+  std::vector<std::size_t> moved(order.size());
+  for (const std::size_t place : order) {
+    moved[place] = sorted.size();
+    sorted.push_back(std::move(m_entries[place]));
+  }
+  m_entries = std::move(sorted);
+  for (Places* const places : {&m_byKey, &m_byPublic}) {
+    for (std::size_t& place : places->entries) {
+      if (place != s_nowhere) place = moved[place];
+    }
   }
 }
 
@@ -153,7 +173,8 @@ const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
 
 const FileEntry* TableFile::with(const Places& places, const EmailAddress& address) const {
   const SpellingIndex::Id id = places.addresses.find(address.address());
-  return id != SpellingIndex::s_none ? &m_entries[places.numbers[id]] : nullptr;
+  const std::size_t place = id != SpellingIndex::s_none ? places.entries[id] : s_nowhere;
+  return place != s_nowhere ? &m_entries[place] : nullptr;
 }
 
 }  // namespace Tessel::Tool

@@ -3,7 +3,6 @@
 #define TSL_TOOLS_FILES_TABLEFILE_H
 
 #include <cstddef>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -81,28 +80,21 @@ class TableFile {
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  // Numbers for some addresses, in any spelling: the lines or places of their entries.
+  // Where the entries of some addresses are, in any spelling.
   struct Places {
-    AddressIndex::Added add(const EmailAddress& address, std::size_t number) {
-      const AddressIndex::Added added = addresses.add(address.address());
-      if (added.isNew) numbers.push_back(number);
-      return added;
-    }
-
     SpellingIndex addresses;
-    std::vector<std::size_t> numbers;  // By that of the address.
+    std::vector<std::size_t> entries;  // By the number of the address.
   };
 
   void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
             LocalNames localNames);
-  void findDoubles(const TableFormat& format, LineFaults& faults);
-  static bool isDouble(Places& places, const FileEntry& entry, const EmailAddress& address,
-                       const char* what, LineFaults& faults);
-  void index(const TableFormat& format);
+  void leaveDoublesOut(const TableFormat& format, LineFaults& faults);
+  std::size_t* placeOf(Places& places, const FileEntry& entry, const EmailAddress& address,
+                       const char* what, LineFaults& faults) const;
+  void sort();
   [[nodiscard]] const FileEntry* with(const Places& places, const EmailAddress& address) const;
 
   std::string m_name;
-  bool m_skipBad;
   std::vector<LineFaults::Fault> m_skipped;
   std::vector<FileEntry> m_entries;
   Places m_byKey;
