@@ -370,7 +370,11 @@ END
   # Two rows of one address cannot come back either.
   sql "delete from alias where name != 'good@example.com'; insert into alias ( name, members ) values( '\"good\"@example.com', 'b@example.com' );"
   run -65 --separate-stderr tool alias export
-  contains "$stderr" "another row is that of the same address"
+  contains "$stderr" "another row is that of the same address, spelled 'good@example.com'"
+  tool alias set a@bücher.example b@example.com
+  tool alias set a@xn--bcher-kva.example b@example.com --new-spelling
+  run -65 --separate-stderr tool alias export --domain bücher.example
+  contains "$stderr" "another row is that of the same address, spelled 'a@b"
   # An import does not mind them, and replace removes them.
   run -0 tool mask import - <<<y@inner.example:y2@example.com
   equal "$output" "0 added, 1 changed, 1 left, 0 removed"

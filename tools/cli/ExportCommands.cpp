@@ -13,9 +13,9 @@
 #include "database/Transaction.h"
 #include "files/ExportFile.h"
 #include "files/FileSyntax.h"
-#include "tables/AddressIndex.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
+#include "tables/SpellingIndex.h"
 #include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -111,8 +111,10 @@ class TableReader {
     TableEntry entry;
     if (const auto fault = readEntry(m_reader, key, value, entry)) return refuse(key, fault->why);
     // Two spellings of one address would be two lines that no import accepts.
-    if (!m_seen.add(entry.key.address()).isNew) {
-      return refuse(key, "another row is that of the same address");
+    const AddressIndex::Added seen = m_seen.add(entry.key.address());
+    if (!seen.isNew) {
+      return refuse(key, "another row is that of the same address, spelled '" +
+                             std::string(m_seen.text(seen.id)) + "'");
     }
     // So would a public address that two rows show.
     if (m_format.hasPublic && !m_public.add(entry.value()).isNew) {
@@ -146,8 +148,8 @@ class TableReader {
   std::string m_key = comparisonDomain(m_domain);
   Database::Connection m_connection;
   Database::Transaction m_snapshot;
-  AddressIndex m_seen;
-  AddressIndex m_public;
+  SpellingIndex m_seen;
+  SpellingIndex m_public;
   bool m_good = true;
 };
 
