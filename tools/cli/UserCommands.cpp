@@ -30,7 +30,7 @@ struct Arguments {
 // Throws Failure when the configuration cannot be read.
 std::vector<StoredDomain> s_spellingsOf(const std::string& domain, const MailUsers& users) {
   users.require();
-  const std::vector<StoredDomain> spellings = users.spellingsOf(domain);
+  std::vector<StoredDomain> spellings = users.spellingsOf(domain);
   if (spellings.empty()) {
     say("no domain " + domain + " in the configuration in " + configurationDirectory() +
         "; add it with 'tsl-address-map domain add'");

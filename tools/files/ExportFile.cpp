@@ -37,7 +37,7 @@ void s_removeLeftover() {
 std::filesystem::path s_targetOf(std::filesystem::path path) {
   constexpr int s_mostLinks = 40;
   std::error_code error;
-  const auto target = std::filesystem::canonical(path, error);
+  auto target = std::filesystem::canonical(path, error);
   if (!error) return target;
   // What is there all the same is a pipe of this process: /dev/stdout.
   if (std::filesystem::exists(path)) return path;

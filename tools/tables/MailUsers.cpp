@@ -27,14 +27,16 @@ std::vector<StoredUser> MailUsers::Domain::at(SpellingIndex::Id user) const {
 
 // It is a mailbox if any of its spellings is, and disabled if all are.
 MailUsers::Kind MailUsers::Domain::kindOf(SpellingIndex::Id user) const {
-  const auto [first, end] = others.equal_range(user);
+  const auto range = others.equal_range(user);
   const auto any = [&](std::int32_t kind) {
-    return kinds[user] == kind ||
-           std::any_of(first, end, [kind](const auto& one) { return one.second.kind == kind; });
+    return kinds[user] == kind || std::any_of(range.first, range.second, [kind](const auto& one) {
+             return one.second.kind == kind;
+           });
   };
   const auto all = [&](std::int32_t kind) {
-    return kinds[user] == kind &&
-           std::all_of(first, end, [kind](const auto& one) { return one.second.kind == kind; });
+    return kinds[user] == kind && std::all_of(range.first, range.second, [kind](const auto& one) {
+             return one.second.kind == kind;
+           });
   };
   if (any(CMF::MailUserMailbox)) return Kind::Mailbox;
   return all(CMF::MailUserDisabled) ? Kind::Disabled : Kind::Other;
