@@ -17,13 +17,13 @@ using std::chrono::milliseconds;
 using std::chrono::minutes;
 using std::chrono::seconds;
 
-// What the failure of `call` says; empty when it does not fail as it must.
+// What the failure of `call` says to do; empty when it does not fail as it must.
 std::string s_refusal(const std::function<void()>& call) {
   try {
     call();
   } catch (const Tool::Failure& failure) {
     EXPECT_EQ(failure.code(), Tool::ExitCode::Usage);
-    return failure.what();
+    return failure.hint();
   }
   return "";
 }
@@ -93,6 +93,24 @@ TEST(SettingsText, RulesAndLevelsHaveNames) {
     EXPECT_NE(s_refusal([&] { parseExtensionRule("--extension", text); }), "") << text;
     EXPECT_NE(s_refusal([&] { parseLogLevel("--log-level", text); }), "") << text;
   }
+}
+
+TEST(SettingsText, ARefusalQuotesTheValueAndSaysWhatMayBeGiven) {
+  try {
+    s_time("soon");
+    ADD_FAILURE() << "taken";
+  } catch (const Tool::Failure& failure) {
+    EXPECT_EQ(failure.subject(), "--refresh");
+    EXPECT_EQ(failure.why(), "'soon' is not a value for it");
+  }
+  EXPECT_EQ(s_refusal([] { s_time("9ms", milliseconds(10)); }),
+            "give a number with its unit, as 250ms, 1s, 5m, 1h or 2d, and at least 10ms");
+  EXPECT_EQ(s_refusal([] { parseNumber("--page", "1", 2, 10); }), "give a number from 2 to 10");
+  EXPECT_EQ(s_refusal([] { parseSize("--max-memory", "1", 4096); }),
+            "give a size as 512M or 2G, and at least 4096");
+  EXPECT_EQ(s_refusal([] { parseExtensionRule("--extension", "x"); }), "give keep, drop or off");
+  EXPECT_EQ(s_refusal([] { parseLogLevel("--log-level", "x"); }),
+            "give error, warning, info or debug");
 }
 
 }  // namespace
