@@ -22,6 +22,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "failure/Failure.h"
@@ -96,17 +98,26 @@ class ListenSocketTest : public testing::Test {
   }
 
   // Why there is no listening on `address`; empty when there is.
-  static std::string refusal(const ListenAddress& address) {
+  static std::string refusal(const ListenAddress& address) { return refuse(address).why(); }
+  // The same with what to do.
+  static std::string advice(const ListenAddress& address) {
+    const Tool::Failure failure = refuse(address);
+    EXPECT_EQ(failure.subject(), "listening on " + address.path);
+    return failure.why() + "; " + failure.hint();
+  }
+
+  Testing::ScratchFile m_scratch;
+
+ private:
+  static Tool::Failure refuse(const ListenAddress& address) {
     try {
       const ListenSocket socket(address);
     } catch (const Tool::Failure& failure) {
       EXPECT_EQ(failure.code(), Tool::ExitCode::Configuration);
-      return failure.why();
+      return failure;
     }
-    return "";
+    return {Tool::ExitCode::Done, "", "", ""};
   }
-
-  Testing::ScratchFile m_scratch;
 };
 
 TEST_F(ListenSocketTest, AUnixSocketCanBeConnectedToAndGoesWithItsObject) {
@@ -153,7 +164,7 @@ TEST_F(ListenSocketTest, AGroupThatIsNotThereIsRefusedAndLeavesNothing) {
   grouped.group = "no-such-group";
   const int next = dup(STDIN_FILENO);
   close(next);
-  EXPECT_EQ(refusal(grouped), "there is no group 'no-such-group'");
+  EXPECT_EQ(advice(grouped), "there is no group 'no-such-group'; give one of 'getent group'");
   EXPECT_EQ(files(), 0U);
   const int after = dup(STDIN_FILENO);
   close(after);
@@ -172,7 +183,8 @@ TEST_F(ListenSocketTest, TheSocketOfAServiceThatCrashedIsReplaced) {
 
 TEST_F(ListenSocketTest, ASocketThatIsInUseIsRefused) {
   const ListenSocket first(address());
-  EXPECT_EQ(refusal(address()), "another service listens there");
+  EXPECT_EQ(advice(address()),
+            "another service listens there; stop it first, or give another path");
   EXPECT_TRUE(s_canConnect(path()));
   EXPECT_EQ(files(), 1U);
 }
@@ -195,7 +207,7 @@ TEST_F(ListenSocketTest, ASocketForDatagramsIsInUse) {
 
 TEST_F(ListenSocketTest, AnyOtherFileIsRefusedAndStays) {
   std::ofstream(path()) << "precious";
-  EXPECT_EQ(refusal(address()), "there is another file");
+  EXPECT_EQ(advice(address()), "there is another file; give another path, or remove the file");
   EXPECT_EQ(fs::file_size(path()), 8U);
   fs::remove(path());
   fs::create_directory(path());
@@ -309,7 +321,20 @@ TEST_F(ListenSocketTest, AServiceWaitsForAnotherThatIsStarting) {
 TEST_F(ListenSocketTest, ADirectoryThatIsNotThereIsRefused) {
   ListenAddress lost = address();
   lost.path = m_scratch.directory() + "/gone/socketmap";
-  EXPECT_NE(refusal(lost), "");
+  EXPECT_EQ(advice(lost),
+            "the directory cannot be written: No such file or directory; create the directory, "
+            "writable for the user of the service");
+}
+
+TEST_F(ListenSocketTest, ADirectoryThatLeavesNoRoomForAnotherNameIsRefused) {
+  // The path fits, the longer name that the socket has at first does not.
+  ListenAddress longest = address();
+  const std::size_t missing = sizeof(sockaddr_un::sun_path) - 4 - m_scratch.directory().size();
+  longest.path = m_scratch.directory() + "/" + std::string(missing, 'd');
+  fs::create_directory(longest.path);
+  longest.path += "/s";
+  EXPECT_EQ(advice(longest),
+            "the directory's name is too long: File name too long; give a shorter path");
 }
 
 TEST_F(ListenSocketTest, AMovedSocketKeepsItsFileAndAReleasedOneToo) {
@@ -340,24 +365,52 @@ TEST_F(ListenSocketTest, ANetworkSocketListensAtItsAddress) {
   const PlainSocket client(SOCK_STREAM, AF_INET);
   EXPECT_EQ(connect(client.descriptor(), reinterpret_cast<sockaddr*>(&bound), size), 0);
   inet.port = ntohs(bound.sin_port);
-  EXPECT_NE(refusal(inet), "");
+  EXPECT_EQ(refusal(inet), "bind: Address already in use");
+}
+
+TEST_F(ListenSocketTest, APortCanBeListenedOnAgainAtOnce) {
+  ListenAddress inet;
+  inet.kind = ListenAddress::Kind::Inet;
+  inet.host = "127.0.0.1";
+  {
+    const ListenSocket socket(inet);
+    sockaddr_in bound{};
+    socklen_t size = sizeof(bound);
+    ASSERT_EQ(getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&bound), &size), 0);
+    const PlainSocket client(SOCK_STREAM, AF_INET);
+    ASSERT_EQ(connect(client.descriptor(), reinterpret_cast<sockaddr*>(&bound), size), 0);
+    // Who closes first has the port in TIME_WAIT.
+    close(accept(socket.descriptor(), nullptr, nullptr));
+    inet.port = ntohs(bound.sin_port);
+  }
+  EXPECT_EQ(refusal(inet), "");
+}
+
+TEST_F(ListenSocketTest, ANetworkSocketOfIPv6HasBracketsInItsName) {
+  ListenAddress inet;
+  inet.kind = ListenAddress::Kind::Inet;
+  inet.host = "::1";
+  const ListenSocket socket(inet);
+  EXPECT_THAT(socket.name(), testing::MatchesRegex("\\[::1\\]:[1-9][0-9]*"));
 }
 
 // Calls `inheritedSockets` in a process that was given the socket `descriptor` as systemd does;
-// what it exits with: the number of sockets, or 99 for a refusal.
-int s_inherit(int descriptor, const char* name) {
+// with `count` as their number; what it exits with: the number of sockets, or 99 for a refusal,
+// whose reason goes to standard error.
+int s_inherit(int descriptor, const char* name, const char* count = "1") {
   const pid_t child = fork();
   if (child == 0) {
     // As systemd does: from descriptor 3 on, for this process only.
     if (descriptor != 3 && dup2(descriptor, 3) != 3) _exit(100);
     setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_FDS", count, 1);
     setenv("LISTEN_FDNAMES", name, 1);
     try {
       const auto sockets = inheritedSockets();
       const bool isLine = sockets.size() == 1 && sockets[0].isLineProtocol();
       _exit(static_cast<int>(sockets.size()) + (isLine ? 10 : 0));
-    } catch (const Tool::Failure&) {
+    } catch (const Tool::Failure& failure) {
+      std::cerr << failure.subject() << ": " << failure.why() << "; " << failure.hint();
       _exit(99);
     }
   }
@@ -373,11 +426,32 @@ TEST_F(ListenSocketTest, SocketsOfSystemdAreTakenOverWithTheirNames) {
   EXPECT_EQ(s_inherit(socket.descriptor(), "line"), 11);
 }
 
+TEST_F(ListenSocketTest, ASocketOfSystemdIsNeverWaitedOn) {
+  const ListenSocket socket(address());
+  // Blocking, as systemd makes them: a connection that is gone again would hold up all others.
+  ASSERT_EQ(fcntl(socket.descriptor(), F_SETFL, 0), 0);
+  EXPECT_EQ(s_inherit(socket.descriptor(), "socketmap"), 1);
+  EXPECT_EQ(fcntl(socket.descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+}
+
 TEST_F(ListenSocketTest, WhatIsNoListeningStreamSocketIsNotTakenOver) {
+  testing::internal::CaptureStderr();
   EXPECT_EQ(s_inherit(PlainSocket(SOCK_STREAM).descriptor(), "x"), 99);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "the sockets of systemd: one of them is not a listening stream socket; the socket unit "
+            "must use ListenStream=");
   const PlainSocket datagrams(SOCK_DGRAM);
   ASSERT_TRUE(datagrams.bindTo(path()));
+  testing::internal::CaptureStderr();
   EXPECT_EQ(s_inherit(datagrams.descriptor(), "x"), 99);
+  EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(ListenSocketTest, ANumberOfSocketsThatIsNoneIsReported) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(s_inherit(STDIN_FILENO, "x", "some"), 99);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "listening on the sockets of systemd: LISTEN_FDS: Invalid argument; ");
 }
 
 }  // namespace
