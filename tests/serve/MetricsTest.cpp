@@ -2,6 +2,9 @@
 #include "serve/base/Metrics.h"
 
 #include <chrono>
+#include <cstddef>
+#include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +42,42 @@ TEST(Metrics, AreAllThereFromTheStart) {
   EXPECT_THAT(text, HasSubstr("tsl_address_map_build_info{version=\"" TSL_VERSION "\"} 1\n"));
 }
 
+TEST(Metrics, AreExplained) {
+  const Settings settings;
+  Tables tables(settings);
+  publishRows(*tables.add("alias"), {});
+  Metrics metrics;
+  std::istringstream text(metricsText(metrics, tables, Clock::now()));
+  std::map<std::string, std::string> help;
+  const std::string start = "# HELP tsl_address_map_";
+  for (std::string line; std::getline(text, line);) {
+    if (!line.starts_with(start)) continue;
+    const std::size_t blank = line.find(' ', start.size());
+    help[line.substr(start.size(), blank - start.size())] = line.substr(blank + 1);
+  }
+  const std::map<std::string, std::string> expected = {
+      {"build_info", "The version, as a label"},
+      {"cache_hits_total", "Requests answered from the cache of answers"},
+      {"connections", "Connections of mail servers"},
+      {"connections_dropped_total", "Connections ended because there was no room for a new one"},
+      {"connections_total", "Connections accepted"},
+      {"data_age_seconds", "Time since the data was last known to be that of the table"},
+      {"database_errors_total", "Attempts to ask the database that failed"},
+      {"log_lines_lost", "Lines of the log that were lost because nobody read them"},
+      {"malformed_requests_total", "Connections ended because what they sent was no request"},
+      {"memory_bytes", "Memory of images, and of the answers and pages that are kept"},
+      {"rebuild_failures_total", "Tables that could not be read"},
+      {"rebuild_seconds", "Time that reading a whole table took"},
+      {"request_seconds", "Time from a whole request to its answer"},
+      {"requests_total", "Requests answered, by map and result"},
+      {"rows", "Rows that requests are answered from"},
+      {"rows_left_out", "Rows that cannot be read"},
+      {"stale_answers_total", "Requests answered while the table could not be compared"},
+      {"timeouts_total", "Connections ended because nothing came or went in time"},
+  };
+  EXPECT_EQ(help, expected);
+}
+
 TEST(Metrics, CountWhatHappens) {
   const Settings settings;
   const Tables tables(settings);
@@ -56,14 +95,29 @@ TEST(Metrics, CountWhatHappens) {
   metrics.connectionClosed();
   metrics.malformedRequest();
   metrics.timedOut();
+  metrics.madeRoom();
+  metrics.linesLost(4);
   const std::string text = metricsText(metrics, tables, Clock::now());
-  for (const char* line :
-       {"requests_total{map=\"alias\",result=\"ok\"} 2",
-        "requests_total{map=\"none\",result=\"perm\"} 1", "request_seconds_count 3",
-        "request_seconds_bucket{le=\"0.001\"} 0", "request_seconds_bucket{le=\"0.01\"} 3",
-        "cache_hits_total 1", "stale_answers_total 1", "database_errors_total 1",
-        "rebuild_failures_total 1", "rebuild_seconds_count 1", "connections 1",
-        "connections_total 2", "malformed_requests_total 1", "timeouts_total 1"}) {
+  for (const char* line : {"requests_total{map=\"alias\",result=\"ok\"} 2",
+                           "requests_total{map=\"none\",result=\"perm\"} 1",
+                           "request_seconds_count 3",
+                           "request_seconds_bucket{le=\"0.001\"} 0",
+                           "request_seconds_bucket{le=\"0.01\"} 3",
+                           "cache_hits_total 1",
+                           "stale_answers_total 1",
+                           "database_errors_total 1",
+                           "rebuild_failures_total 1",
+                           "rebuild_seconds_count 1",
+                           "connections 1",
+                           "connections_total 2",
+                           "malformed_requests_total 1",
+                           "timeouts_total 1",
+                           "connections_dropped_total 1",
+                           "log_lines_lost 4",
+                           "request_seconds_bucket{le=\"1e-06\"} 0",
+                           "rebuild_seconds_bucket{le=\"0.1\"} 0",
+                           "rebuild_seconds_bucket{le=\"0.5\"} 1",
+                           "rebuild_seconds_bucket{le=\"30\"} 1"}) {
     EXPECT_THAT(text, HasSubstr("\ntsl_address_map_" + std::string(line) + "\n"));
   }
 }
@@ -86,6 +140,31 @@ TEST(Metrics, TellTheStateOfEachTableWithoutAnyAddress) {
   publishRows(*tables.find("alias"), {}, now);
   EXPECT_THAT(metricsText(metrics, tables, now),
               HasSubstr("tsl_address_map_rows{table=\"alias\"} 0\n"));
+}
+
+TEST(Metrics, TellTheMemoryOfImagesAnswersAndPages) {
+  const Settings settings;
+  Tables tables(settings);
+  Metrics metrics;
+  const auto bytes = [&](const std::string& use) {
+    const std::string line = "tsl_address_map_memory_bytes{use=\"" + use + "\"} ";
+    const std::string text = metricsText(metrics, tables, Clock::now());
+    const std::size_t at = text.find(line);
+    return at == std::string::npos
+               ? "none"
+               : text.substr(at + line.size(), text.find('\n', at) - at - line.size());
+  };
+  for (const char* use : {"images", "answers", "pages"}) EXPECT_EQ(bytes(use), "0") << use;
+  std::size_t images = 0;
+  for (const char* name : {"alias", "mask", "alias_x"}) {
+    publishRows(*tables.add(name), {{"a@d", "b@d"}});
+    images += tables.find(name)->image()->bytes();
+  }
+  EXPECT_EQ(bytes("images"), std::to_string(images));
+  ASSERT_TRUE(tables.answerMemory().take(1000));
+  EXPECT_EQ(bytes("answers"), "1000");
+  EXPECT_EQ(bytes("pages"), "0");
+  tables.answerMemory().give(1000);
 }
 
 TEST(Metrics, AreCountedAndReadByManyThreads) {

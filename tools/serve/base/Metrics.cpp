@@ -103,7 +103,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                    .Register(registry),
                BuildGauge()
                    .Name("tsl_address_map_memory_bytes")
-                   .Help("Memory of answers and pages that are kept")
+                   .Help("Memory of images, and of the answers and pages that are kept")
                    .Register(registry)});
 }
 
