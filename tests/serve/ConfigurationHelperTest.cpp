@@ -4,9 +4,12 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,9 +25,13 @@ using testing::HasSubstr;
 
 class ConfigurationHelperTest : public testing::Test {
  protected:
-  // The answer to one question, without the signs of life before it.
+  // The answer to one question.
   Frame ask() {
     EXPECT_EQ(send(m_helper.descriptor(), "?", 1, MSG_NOSIGNAL), 1);
+    return answer();
+  }
+  // The next answer, without the signs of life before it.
+  Frame answer() {
     while (true) {
       if (const auto frame = m_frames.next()) {
         if (frame->kind != static_cast<char>(HelperFrame::Reading)) return *frame;
@@ -62,6 +69,33 @@ TEST_F(ConfigurationHelperTest, SaysWhyItCannotRead) {
   const Frame frame = ask();
   EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Failed));
   EXPECT_THAT(frame.text, HasSubstr("No configuration in"));
+}
+
+// As when a backup is copied over the file and then, not too late, what was there before.
+TEST_F(ConfigurationHelperTest, WaitsForWhoWritesIntoTheFile) {
+  const std::string data = m_served.directory() + "/data.mdb";
+  const Testing::ScratchFile backup;
+  std::filesystem::copy_file(data, backup.path(),
+                             std::filesystem::copy_options::overwrite_existing);
+  // Two commits: of the two states in a file, the old one must be where the newest is expected.
+  for (const char* name : {"cleo", "dora"}) {
+    CMF::Writer writer;
+    writer.addUser("d.example", name, CMF::MailUserMailbox);
+    writer.commit();
+  }
+  const Testing::ScratchFile newest;
+  std::filesystem::copy_file(data, newest.path(),
+                             std::filesystem::copy_options::overwrite_existing);
+  const auto overwrite = [&data](const std::string& content) {
+    std::fstream(data, std::ios::binary | std::ios::in | std::ios::out) << content;
+  };
+  overwrite(backup.text());
+  EXPECT_EQ(send(m_helper.descriptor(), "?", 1, MSG_NOSIGNAL), 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  overwrite(newest.text());
+  const Frame frame = answer();
+  EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Copy)) << frame.text;
+  EXPECT_THAT(frame.text, HasSubstr("mdora"));
 }
 
 TEST_F(ConfigurationHelperTest, EndsWithItsSocketAndNotBySignalsForTheService) {

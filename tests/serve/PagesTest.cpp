@@ -170,6 +170,15 @@ TEST(Pages, AnHourWithoutARequestEndsAPage) {
   EXPECT_EQ(s_divide(pages, "asked@d", s_list(4), s_start + hours(1)), asked);
 }
 
+TEST(Pages, ThoseOfTheNewestListStayTheSameWhenOlderOnesGo) {
+  Pages pages({2, 1000, 0}, s_budget);
+  const auto old = s_divide(pages, "list@d", s_list(4));
+  const auto newest = s_divide(pages, "list@d", s_list(4, "v"), s_start + minutes(30));
+  pages.sweep(s_start + hours(1));
+  EXPECT_FALSE(pages.find(old.at(0), s_start + hours(1)));
+  EXPECT_EQ(s_divide(pages, "list@d", s_list(4, "v"), s_start + hours(1)), newest);
+}
+
 TEST(Pages, TheOldestGoWhenThereIsNoMoreMemory) {
   MemoryBudget budget(256000);
   Pages pages({10, 100000, 0}, budget);
