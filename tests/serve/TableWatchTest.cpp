@@ -23,6 +23,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using Testing::TestServer;
@@ -180,7 +181,10 @@ TEST_F(TableWatchTest, TablesComeAndGoAndComeBack) {
   sql("create table ts_address_map.alias_new like ts_address_map.alias");
   add("a@d", "c@d", "alias_new");
   EXPECT_TRUE(becomes("a@d", "c@d", "alias_new"));
-  EXPECT_THAT(takeLog(), HasSubstr("table alias_new is missing in the database"));
+  EXPECT_THAT(
+      takeLog(),
+      HasSubstr("table alias_new is missing in the database: its requests are answered TEMP "
+                "until it is back; if it is gone for good, reload the service"));
 }
 
 TEST_F(TableWatchTest, AMissingTableIsNotAnsweredUntilItIsBack) {
@@ -224,6 +228,7 @@ TEST_F(TableWatchTest, AReloadConfirmsThatANamedTableIsGoneForGood) {
   sql("create table ts_address_map.alias_x like ts_address_map.alias");
   EXPECT_TRUE(s_waitFor([&] { return m_tables.find("alias_x") != nullptr; }));
   EXPECT_TRUE(becomesUnable("alias_x", ""));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias_x is gone for good"));
 }
 
 TEST_F(TableWatchTest, ABaseTableThatIsGoneForGoodIsStillExpected) {
@@ -263,7 +268,9 @@ TEST_F(TableWatchTest, ATableThatLosesAllRowsIsNotAnsweredUntilAReloadConfirmsIt
   m_watch->reload();
   EXPECT_TRUE(becomesUnable("alias", ""));
   EXPECT_EQ(find("a@d"), "none");
-  EXPECT_THAT(takeLog(), HasSubstr("table alias has 0 rows instead of 1"));
+  EXPECT_THAT(takeLog(),
+              HasSubstr("table alias has 0 rows instead of 1: its requests are answered TEMP until "
+                        "it has rows again; if it is to be empty, reload the service"));
 }
 
 TEST_F(TableWatchTest, AReloadConfirmsOnlyWhatWasReportedBefore) {
@@ -307,6 +314,9 @@ TEST_F(TableWatchTest, ATableThatIsRestoredRowByRowIsAnsweredWhenItIsQuiet) {
   EXPECT_GT(Clock::now() - added, seconds(1));
   EXPECT_EQ(find("b@d"), "y@d");
   EXPECT_EQ(find("c@d"), "none");
+  EXPECT_THAT(takeLog(),
+              HasSubstr("table alias has 1 rows instead of 3: these are not used until it has not "
+                        "changed for 1 s, or the service is reloaded"));
 }
 
 TEST_F(TableWatchTest, ATableThatLosesMostOfItsRowsAnswersWithTheOldOnesUntilItIsQuiet) {
@@ -360,13 +370,28 @@ TEST_F(TableWatchTest, ATableThatCannotBeReadKeepsItsLastImageUntilItCan) {
   EXPECT_THAT(log, HasSubstr("table alias can be read again"));
 }
 
+TEST_F(TableWatchTest, ATableThatCouldNeverBeReadIsReportedUntilItIs) {
+  sql("alter table ts_address_map.alias rename column members to moved");
+  watch();
+  EXPECT_TRUE(s_waitFor([this] { return count("rebuild_failures_total") > 0; }));
+  sql("alter table ts_address_map.alias rename column moved to members");
+  EXPECT_TRUE(becomesUnable("alias", ""));
+  m_watch.reset();
+  const std::string log = takeLog();
+  EXPECT_THAT(log, HasSubstr("table alias cannot be read: Unknown column 'members'"));
+  EXPECT_THAT(log, HasSubstr("table alias can be read again"));
+  EXPECT_THAT(log, ContainsRegex("info: table alias: 0 rows read in [0-9]+ ms\n"));
+  EXPECT_THAT(log, Not(HasSubstr("mask can")));
+}
+
 TEST_F(TableWatchTest, RowsThatCannotBeReadAreToldByTheirNumberOnly) {
   add("secret@d", "no address");
   add("a@d", "b@d");
   watch();
   ASSERT_TRUE(becomes("a@d", "b@d"));
   const std::string log = takeLog();
-  EXPECT_THAT(log, HasSubstr("table alias: 1 rows cannot be read and are left out"));
+  EXPECT_THAT(log, HasSubstr("table alias: 1 rows cannot be read and are left out; "
+                             "'tsl-address-map check' names them"));
   EXPECT_THAT(log, Not(HasSubstr("secret")));
 }
 
@@ -382,7 +407,11 @@ TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIs
   sql("update ts_address_map.alias set members = 'c@d'");
   EXPECT_TRUE(becomes("a@d", "c@d"));
   EXPECT_TRUE(s_waitFor([this] { return age() < milliseconds(500); }));
-  EXPECT_THAT(takeLog(), HasSubstr("the database is available again"));
+  const std::string log = takeLog();
+  EXPECT_THAT(log,
+              ContainsRegex("the database is unavailable: .+; table alias answers with rows of "
+                            "[0-9] s ago; table mask answers with rows of [0-9] s ago"));
+  EXPECT_THAT(log, HasSubstr("the database is available again"));
 }
 
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
@@ -413,6 +442,7 @@ TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
     const TestServer::OptionFile nowhere(TestServer::shared(),
                                          "[client]\nsocket=/nonexistent/socket\n");
     Tables tables(m_settings);
+    tables.add("mask_x");
     TableWatch later(m_settings, tables, m_metrics, m_log);
     const ImagePointer image = tables.find("alias")->image();
     ASSERT_NE(image, nullptr);
@@ -428,6 +458,9 @@ TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
   sql("update ts_address_map.alias set members = 'c@d' where name = 'a@d'");
   watch();
   EXPECT_TRUE(becomes("a@d", "c@d"));
+  const std::string log = takeLog();
+  EXPECT_THAT(log, ContainsRegex("info: table alias: 1 rows of the snapshot of [0-9] s ago\n"));
+  EXPECT_THAT(log, HasSubstr("; table mask_x cannot answer"));
 }
 
 TEST_F(TableWatchTest, ASnapshotThatIsDeletedOrReplacedIsWrittenAgain) {
@@ -448,6 +481,14 @@ TEST_F(TableWatchTest, ASnapshotThatIsDeletedOrReplacedIsWrittenAgain) {
   EXPECT_TRUE(s_waitFor(isSaved));
   fs::rename(scratch.directory() + "/backup", file);
   EXPECT_TRUE(s_waitFor(isSaved));
+  fs::permissions(scratch.directory(), fs::perms::all);
+  for (int looks = 0; looks < 3; ++looks) {
+    const Clock::time_point before = lookedAt();
+    EXPECT_TRUE(s_waitFor([&] { return lookedAt() > before; }));
+  }
+  m_watch.reset();
+  EXPECT_THAT(takeLog(), HasSubstr("table alias: no snapshot was written: " + scratch.directory() +
+                                   " can be written by other users"));
 }
 
 TEST_F(TableWatchTest, ATableThatTakesMoreMemoryThanExpectedIsReported) {
@@ -456,8 +497,9 @@ TEST_F(TableWatchTest, ATableThatTakesMoreMemoryThanExpectedIsReported) {
   watch();
   EXPECT_TRUE(becomes("a@d", "b@d"));
   EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()),
-              testing::ContainsRegex("memory_bytes.use=.images.. [1-9]"));
-  EXPECT_THAT(takeLog(), HasSubstr("table alias takes 0 MB of memory, more than --max-memory"));
+              ContainsRegex("memory_bytes.use=.images.. [1-9]"));
+  EXPECT_THAT(takeLog(), HasSubstr("table alias takes 0 MB of memory, more than --max-memory gives "
+                                   "to answers and pages"));
 }
 
 TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
@@ -469,7 +511,8 @@ TEST_F(TableWatchTest, ASnapshotThatIsDamagedIsNotUsed) {
   const TableWatch watch(m_settings, m_tables, m_metrics, m_log);
   EXPECT_EQ(m_tables.find("alias")->image(), nullptr);
   EXPECT_FALSE(m_tables.find("alias")->age(Clock::now()));
-  EXPECT_THAT(takeLog(), HasSubstr("the snapshot of table alias cannot be used"));
+  EXPECT_THAT(takeLog(),
+              HasSubstr("the snapshot of table alias cannot be used: the file is cut off"));
 }
 
 TEST_F(TableWatchTest, ADirectoryThatCannotBeUsedIsReportedAndStopsNothing) {
