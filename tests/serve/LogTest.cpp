@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -157,6 +158,37 @@ TEST_F(LogTest, AProblemIsWrittenOnceAMinute) {
   EXPECT_THAT(lines, SizeIs(103));
   EXPECT_EQ(lines.at(0), "tsl-address-map: warning: the same");
   EXPECT_EQ(lines.back(), "tsl-address-map: warning: another");
+}
+
+TEST_F(LogTest, AProblemThatGoesOnIsWrittenAgainWithItsNumber) {
+  const std::chrono::milliseconds quiet(200);
+  ErrorOutput output;
+  Log log(LogLevel::Info, quiet);
+  for (int i = 0; i < 4; ++i) log.error("the same");
+  std::this_thread::sleep_for(quiet);
+  for (int i = 0; i < 3; ++i) log.error("the same");
+  std::this_thread::sleep_for(quiet);
+  log.error("the same");
+  log.flush();
+  const std::string line = "tsl-address-map: error: the same";
+  const std::string more = " times more since the last such line)";
+  EXPECT_THAT(output.lines(), ElementsAre(line, line + " (3" + more, line + " (2" + more));
+}
+
+TEST_F(LogTest, AProblemThatCameAlsoWhileManyOthersDidIsCounted) {
+  const std::chrono::milliseconds quiet(200);
+  ErrorOutput output;
+  Log log(LogLevel::Info, quiet);
+  log.error("once");
+  for (int i = 0; i < 2; ++i) log.error("twice");
+  std::this_thread::sleep_for(quiet);
+  log.error("another");
+  for (const char* text : {"once", "twice"}) log.error(text);
+  log.flush();
+  const std::string start = "tsl-address-map: error: ";
+  EXPECT_THAT(output.lines(),
+              ElementsAre(start + "once", start + "twice", start + "another", start + "once",
+                          start + "twice (1 times more since the last such line)"));
 }
 
 TEST_F(LogTest, WhoLogsNeverWaitsForWhoeverReads) {

@@ -25,8 +25,7 @@ constexpr std::size_t s_mostLines = 1000;
 // Bytes of a line. A pipe takes as many as one (PIPE_BUF, see pipe(7)), so that a write to one that
 // has room does not wait.
 constexpr std::size_t s_longestLine = 4096;
-// How long the same message is not written again, and how many such are remembered.
-constexpr std::chrono::minutes s_quiet{1};
+// How many messages are remembered.
 constexpr std::size_t s_mostRecent = 1000;
 // How long the end waits for someone to read.
 constexpr std::chrono::milliseconds s_patience{500};
@@ -39,8 +38,9 @@ bool s_hasRoom(std::chrono::milliseconds patience) {
 
 }  // namespace
 
-Log::Log(LogLevel level)
+Log::Log(LogLevel level, std::chrono::milliseconds quiet)
     : m_level(level),
+      m_quiet(quiet),
       // NOLINTNEXTLINE(concurrency-mt-unsafe): the service does not change its environment
       m_hasPriorities(getenv("JOURNAL_STREAM") != nullptr),
       m_thread([this] { run(); }) {}
@@ -83,19 +83,19 @@ void Log::write(LogLevel level, std::string_view text) noexcept {
   }
 }
 
-std::string Log::again(State& state, std::string_view text) {
+std::string Log::again(State& state, std::string_view text) const {
   const Clock::time_point now = Clock::now();
   const auto known = state.recent.find(text);
   if (known == state.recent.end()) {
-    std::erase_if(state.recent, [now](const auto& entry) {
-      return now - entry.second.written >= s_quiet && entry.second.again == 0;
+    std::erase_if(state.recent, [this, now](const auto& entry) {
+      return now - entry.second.written >= m_quiet && entry.second.again == 0;
     });
     // With more than that nothing is repeated, but different.
     if (state.recent.size() < s_mostRecent) state.recent.emplace(text, Recent{now});
     return std::string(text);
   }
   Recent& recent = known->second;
-  if (now - recent.written < s_quiet) {
+  if (now - recent.written < m_quiet) {
     ++recent.again;
     return {};
   }

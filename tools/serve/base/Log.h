@@ -22,12 +22,13 @@ enum class LogLevel { Error, Warning, Info, Debug };
 
 // A thread of its own writes the lines: who logs never waits. If nobody reads them, lines are lost
 // and counted. An error or warning that comes again within a minute is only counted, too, so that
-// nobody fills the log from outside. Any thread may call any operation; each line is written whole.
+// nobody fills the log from outside; the next one after that says how many there were. Any thread
+// may call any operation; each line is written whole.
 class Log {
  public:
   // Writes lines up to `level`. Under systemd, which says so in the environment (JOURNAL_STREAM),
-  // each begins with its priority, see sd-daemon(3).
-  explicit Log(LogLevel level);
+  // each begins with its priority, see sd-daemon(3). What comes again within `quiet` is counted.
+  explicit Log(LogLevel level, std::chrono::milliseconds quiet = std::chrono::minutes(1));
   // Writes what is left, and waits a moment for someone to read it.
   ~Log();
   Log(const Log&) = delete;
@@ -64,11 +65,12 @@ class Log {
 
   void write(LogLevel level, std::string_view text) noexcept;
   // `text`, with how often it came again since it was last written; empty when it is too early.
-  static std::string again(State& state, std::string_view text);
+  [[nodiscard]] std::string again(State& state, std::string_view text) const;
   void run();
   void writeLine(const std::string& line);
 
   const LogLevel m_level;
+  const std::chrono::milliseconds m_quiet;
   const bool m_hasPriorities;
   std::atomic<std::uint64_t> m_lost = 0;
   std::atomic<bool> m_isEnding = false;
