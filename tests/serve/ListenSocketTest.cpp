@@ -318,6 +318,20 @@ TEST_F(ListenSocketTest, AServiceWaitsForAnotherThatIsStarting) {
   EXPECT_EQ(files(), 0U);
 }
 
+// Otherwise it might take the file of the other for its own.
+TEST_F(ListenSocketTest, AnEndWaitsForAnotherThatIsStarting) {
+  auto first = std::make_unique<ListenSocket>(address());
+  const std::string lock = path() + ".lock";
+  const int held = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  std::thread end([&] { first.reset(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_TRUE(fs::exists(path()));
+  close(held);
+  end.join();
+  EXPECT_EQ(files(), 0U);
+}
+
 TEST_F(ListenSocketTest, ADirectoryThatIsNotThereIsRefused) {
   ListenAddress lost = address();
   lost.path = m_scratch.directory() + "/gone/socketmap";

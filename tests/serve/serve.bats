@@ -226,7 +226,8 @@ PYTHON
   wait_for test -s "$directory/silent"
   ends_at_once
   [ ! -e "$socket" ]
-  contains "$(cat "$directory/log")" "ending"
+  contains "$(cat "$directory/log")" "info: listening on $socket"
+  contains "$(cat "$directory/log")" "info: ending"
 }
 
 @test "the socket of a service that was killed is replaced, that of a living one is not" {
@@ -396,7 +397,31 @@ PYTHON
   done
   run "$TSL_TOOL" --local="$SERVER" serve
   [ "$status" -eq 64 ]
-  contains "$output" "nothing to listen on"
+  contains "$output" "there is nothing to listen on"
+  contains "$output" "give --listen, as in --listen unix:/run/tsl-address-map/socketmap"
+}
+
+@test "without a descriptor for a connection it says so, and goes on when there is one" {
+  ulimit -n 70
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  contains "$(cat "$directory/log")" "the limit of open files allows 64 connections instead of 10000; raise LimitNOFILE= of the unit"
+  run python3 - "$socket" "$directory/log" <<'PYTHON'
+import socket, sys, time
+def connect():
+    connection = socket.socket(socket.AF_UNIX)
+    connection.settimeout(20)
+    connection.connect(sys.argv[1])
+    return connection
+connections = [connect() for i in range(60)]
+while "error: no connection can be accepted: Too many open files" not in open(sys.argv[2]).read():
+    time.sleep(0.01)
+for connection in connections:
+    connection.sendall(b"22:alias team@example.com,")
+    assert connection.recv(100) == b"34:OK ann@example.com,bob@example.net,", "reply"
+    connection.close()
+PYTHON
+  equal "$status" 0
 }
 
 resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
@@ -572,6 +597,7 @@ serve_own() {
   load_is_well
   kill "$load"
   ends_at_once
+  contains "$(cat "$directory/log")" "warning: ending without the answer of the database"
   kill -CONT "$pid"
   stop_server
   SERVER=$common
