@@ -22,7 +22,8 @@ _tsl_address_map_options() {
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
-    "alias remove" | "domain add" | "domain merge" | "domain remove" | "user remove") echo --dry-run ;;
+    "alias remove" | "domain add" | "domain merge" | "user remove") echo --dry-run ;;
+    "domain remove") echo --dry-run --yes ;;
     "alias list" | "mask list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export" | "mask export") echo --domain --format ;;

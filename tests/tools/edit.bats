@@ -272,9 +272,9 @@ at_terminal() {
   equal "$output" "- ann@example.com"
   run -1 cmf user remove bob@example.com --dry-run
   run -0 cmf domain remove example.com --dry-run
-  equal "$output" "- example.com"
+  equal "$output" $'- ann@example.com\n- example.com'
   run -1 cmf domain remove example.net --dry-run --json
-  contains "$output" '{"domain":"example.net","removed":false,"dryRun":true}'
+  contains "$output" '{"domain":"example.net","removed":false,"users":0,"dryRun":true}'
   run -0 cmf user list example.com
   equal "$output" $'ann@example.com\tuser'
 }

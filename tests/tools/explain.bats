@@ -75,7 +75,7 @@ depth 2, aliases: 2, final addresses: 2, repeated: 0, cycles: 0, dangling: 0"
   contains "$output" "  allusers_users.example: marker (the marker stays as it is"
   run -0 tool alias tree all@missing.example
   contains "$output" "  allusers_missing.example: missing-domain (the configuration has no such domain"
-  tool domain remove users.example
+  tool domain remove users.example --yes
 }
 
 @test "tree: a configuration that cannot be read is reported, and what is known is shown" {
@@ -101,7 +101,7 @@ depth 2, aliases: 2, final addresses: 2, repeated: 0, cycles: 0, dangling: 0"
   contains "$output" $'  cid@x.example: final\n'
   contains "$output" $'  old@users.example: final\n'
   contains "$output" "dangling: 1"
-  tool domain remove users.example
+  tool domain remove users.example --yes
 }
 
 @test "tree: rows that cannot be read" {
@@ -121,7 +121,7 @@ depth 2, aliases: 2, final addresses: 2, repeated: 0, cycles: 0, dangling: 0"
   rows all@x.example:ghost@users.example,team@x.example team@x.example:all@x.example,bob@x.example
   run -0 --separate-stderr tool alias tree all@x.example --json
   equal "${output//$'\n'/}" '{"address":"all@x.example","outcome":"found","totals":{"depth":2,"aliases":2,"finals":2,"repeated":0,"cycles":1,"dangling":1},"finals":["bob@x.example","ghost@users.example"],"tree":{"address":"all@x.example","kind":"alias","row":"ghost@users.example,team@x.example","note":null,"dangling":null,"users":null,"members":[{"address":"ghost@users.example","kind":"final","row":null,"note":"dangling: neither an alias nor a mail user of its domain","dangling":true,"users":null,"members":[]},{"address":"team@x.example","kind":"alias","row":"all@x.example,bob@x.example","note":null,"dangling":null,"users":null,"members":[{"address":"all@x.example","kind":"cycle","row":"ghost@users.example,team@x.example","note":"leads back to an alias above, and is left out","dangling":null,"users":null,"members":[]},{"address":"bob@x.example","kind":"final","row":null,"note":null,"dangling":false,"users":null,"members":[]}]}]}}'
-  tool domain remove users.example
+  tool domain remove users.example --yes
 }
 
 @test "tree: as a graph, with names that mean something to its language" {
@@ -263,7 +263,7 @@ top@users.example -> all@users.example -> allusers_users.example -> ann@users.ex
   mkdir "$BATS_TEST_TMPDIR/none"
   run -1 --separate-stderr tool alias who ann@users.example --cmf "$BATS_TEST_TMPDIR/none"
   contains "$stderr" "warning: aliases for all users of a domain are left out"
-  tool domain remove users.example
+  tool domain remove users.example --yes
 }
 
 @test "who: in any spelling" {

@@ -31,7 +31,7 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   contains "$stderr" "no domain example.com"
   run -1 cmf domain remove example.com --json
   run -0 cmf domain remove example.net --json
-  equal "$output" '{"domain":"example.net","removed":true}'
+  equal "$output" '{"domain":"example.net","removed":true,"users":0}'
   run -0 cmf domain list --json
   equal "$output" '[]'
 }
@@ -83,9 +83,23 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   run -0 cmf user remove JÜRGEN@büro.example --json
   equal "$output" '{"address":"jürgen@xn--bro-hoa.example","removed":true}'
   run -0 cmf domain remove büro.example --json
-  equal "$output" '{"domain":"xn--bro-hoa.example","removed":true}'
+  equal "$output" '{"domain":"xn--bro-hoa.example","removed":true,"users":0}'
   run -0 cmf domain list
   equal "$output" ""
+}
+
+@test "a domain with users is not removed without a yes" {
+  cmf domain add example.com
+  cmf user add ann@example.com
+  run -65 --separate-stderr cmf domain remove example.com
+  contains "$stderr" "domain remove example.com: it has 1 mail users"
+  contains "$stderr" "give --yes"
+  run -0 cmf domain remove example.com --dry-run
+  equal "$output" $'- ann@example.com\n- example.com'
+  run -0 cmf user list example.com
+  equal "$output" $'ann@example.com\tuser'
+  run -0 cmf domain remove example.com --yes --json
+  equal "$output" '{"domain":"example.com","removed":true,"users":1}'
 }
 
 @test "users of a domain that is not there" {

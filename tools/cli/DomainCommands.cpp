@@ -13,6 +13,7 @@
 #include "tables/Configuration.h"
 #include "tables/DomainMerge.h"
 #include "tables/MailUsers.h"
+#include "terminal/Confirm.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -21,6 +22,7 @@ namespace {
 
 struct Arguments {
   std::string domain;
+  bool yes = false;
   bool dryRun = false;
 };
 
@@ -80,13 +82,37 @@ std::string s_meant(const std::string& domain, const MailUsers& users) {
                 "name one of them, or join them with 'tsl-address-map domain merge'");
 }
 
+// Asks whether `domain` may be removed with its `count` users. Throws Failure when there is nobody
+// to ask.
+bool s_mayRemove(const std::string& domain, std::size_t count) {
+  const std::string users = std::to_string(count) + " mail users";
+  say("domain " + domain + " has " + users +
+      ", which go with it; 'alias list' and 'mask list' with --domain show what is left of it");
+  if (canAsk()) return confirm("Remove " + domain + "?");
+  throw Failure(ExitCode::BadData, "domain remove " + domain, "it has " + users,
+                "nothing was changed; look at them with --dry-run, and give --yes to remove them");
+}
+
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   // Checked first: a writer would create a missing configuration.
-  const MailUsers users;
+  MailUsers users;
   users.require();
   const std::string name = s_meant(domain, users);
   bool removed = !name.empty();
+  std::vector<std::string> gone;
+  for (const auto& found : users.usersOf(name)) {
+    for (const StoredUser& user : found) {
+      if (user.domain == name) gone.push_back(user.address());
+    }
+  }
+  if (!gone.empty() && !arguments.yes && !arguments.dryRun && !s_mayRemove(name, gone.size())) {
+    say("nothing was changed");
+    return ExitCode::Done;
+  }
+  if (arguments.dryRun && !session.isJson()) {
+    for (const std::string& user : gone) session.output().line("- " + printable(user));
+  }
   if (removed && !arguments.dryRun) {
     removed = withConfiguration([&] {
       CMF::Writer writer;
@@ -96,8 +122,10 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
     });
   }
   if (!removed) say("no domain " + domain + " in the configuration in " + configurationDirectory());
-  answerChange(session, Json{{"domain", removed ? name : domain}, {"removed", removed}},
-               removed ? "- " + name : "", arguments.dryRun);
+  answerChange(
+      session,
+      Json{{"domain", removed ? name : domain}, {"removed", removed}, {"users", gone.size()}},
+      removed ? "- " + name : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -153,9 +181,11 @@ void addDomainCommands(Command& top) {
   Command remove =
       group.command("remove", "Remove a domain with its mail users; exit 1 when there is none",
                     "  tsl-address-map domain remove example.com\n"
-                    "Prints nothing; with --json {\"domain\", \"removed\"}.\n",
+                    "Asks before it removes users. Prints nothing; with --json {\"domain\","
+                    " \"removed\", \"users\"}.\n",
                     Preparation::Database, withArguments(s_remove, arguments));
   remove.argument("DOMAIN", arguments->domain, "The domain");
+  remove.flag("--yes", arguments->yes, "Remove its mail users without asking");
   addDryRun(remove, arguments->dryRun);
 
   Command merge = group.command(
