@@ -154,6 +154,14 @@ at_terminal() {
   equal "$(aliases)" "b@example.com:bob@example.com"
   run -0 at_terminal y alias drop --everywhere bob@example.com
   equal "$(aliases)" ""
+  tool alias import - <<<$'a@example.com:x@x.example\nb@example.com:x@x.example\nc@example.com:x@x.example'
+  echo 'new@example.com:x@x.example' >"$BATS_TEST_TMPDIR/one.txt"
+  run -0 at_terminal n alias import "$BATS_TEST_TMPDIR/one.txt" --replace
+  contains "$output" "table alias: 3 rows would be removed, 1 added, 0 changed"
+  contains "$output" "Replace the table? [y/N]"
+  contains "$(aliases)" a@example.com
+  run -0 at_terminal y alias import "$BATS_TEST_TMPDIR/one.txt" --replace
+  equal "$(aliases)" "new@example.com:x@x.example"
   tool table create asked
   run -0 at_terminal n table drop asked
   contains "$output" "Drop alias_asked with 0 rows and mask_asked with 0 rows? [y/N]"

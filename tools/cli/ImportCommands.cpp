@@ -1,4 +1,5 @@
 // The commands `alias import` and `mask import`.
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -6,7 +7,9 @@
 #include "files/TableFile.h"
 #include "files/TableImport.h"
 #include "tables/TableNames.h"
+#include "terminal/Confirm.h"
 #include "terminal/Progress.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -93,6 +96,20 @@ void s_carryOut(TableImport& change, const std::string& subject, bool dryRun, Pr
   }
 }
 
+// True when fewer rows would go than come, or the person at the terminal agrees.
+bool s_mayReplace(const TableFormat& format, const std::string& table, const TableFile& file,
+                  Progress& progress) {
+  TableImport change(format, table, file, TableImport::Rest::Remove);
+  change.compare(false, progress);
+  progress.end();
+  const std::size_t added = change.added().size();
+  const std::size_t removed = change.removed().size();
+  if (removed <= added) return true;
+  say("table " + table + ": " + std::to_string(removed) + " rows would be removed, " +
+      std::to_string(added) + " added, " + std::to_string(change.changed().size()) + " changed");
+  return confirm("Replace the table?");
+}
+
 ExitCode s_import(Session& session, const Arguments& arguments, const TableFormat& format) {
   Progress progress;
   TableFile::Options options = arguments.options;
@@ -105,6 +122,11 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
   }
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
+  const bool asks = arguments.replace && !arguments.force && !arguments.dryRun && canAsk();
+  if (asks && !s_mayReplace(format, table, file, progress)) {
+    say("nothing was changed");
+    return ExitCode::Done;
+  }
   TableImport change(format, table, file,
                      arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);
   if (!format.hasPublic && !arguments.allowCycle) change.refuseCycles();
