@@ -31,7 +31,7 @@ class ReadinessTest : public testing::Test {
   // What was logged since the last call.
   std::string reported() {
     m_log.flush();
-    const std::string log = testing::internal::GetCapturedStderr();
+    std::string log = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     return log;
   }

@@ -275,8 +275,11 @@ void TableWatch::noteMissing(Clock::time_point start) {
       Watched& watched = state.watched.at(name);
       if (!denied.empty()) {
         if (watched.isMissing || std::exchange(watched.isDenied, true)) return;
-        m_log.error("table " + name + " cannot be read: " + denied +
-                    "; grant the SQL user the right to select");
+        m_log.error(std::string("table ")
+                        .append(name)
+                        .append(" cannot be read: ")
+                        .append(denied)
+                        .append("; grant the SQL user the right to select"));
         return;
       }
       watched.isDenied = false;
