@@ -135,6 +135,15 @@ grant() { sql "revoke all privileges, grant option from reader@localhost; grant 
   equal "$(sql "select count(*) from alias where name = 'evil@example.com'")" 0
 }
 
+@test "a configuration directory out of reach is not taken for a missing one" {
+  mkdir -p "$BATS_TEST_TMPDIR/closed/cmf"
+  chmod 700 "$BATS_TEST_TMPDIR/closed"
+  run bash -c "$(declare -f unprivileged); unprivileged '$TSL_TOOL' --cmf '$BATS_TEST_TMPDIR/closed/cmf' status"
+  [ "$status" -eq 78 ]
+  contains "$output" "configuration directory '$BATS_TEST_TMPDIR/closed/cmf': Permission denied"
+  contains "$output" "hint: let this user enter the directories above it (chmod +x)"
+}
+
 # The system calls that the unit allows, one per line.
 allowed_calls() {
   local word set

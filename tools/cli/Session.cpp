@@ -47,9 +47,12 @@ void s_requireUsable(const std::string& optionFile) {
 void s_requireDirectory(const std::string& directory) {
   std::error_code error;
   if (std::filesystem::is_directory(directory, error)) return;
+  const bool isDenied = error == std::errc::permission_denied;
   throw Failure(ExitCode::Configuration, "configuration directory '" + directory + "'",
                 error ? error.message() : "it is not a directory",
-                "create it with mkdir, or name the right one");
+                isDenied ? "let this user enter the directories above it (chmod +x), or run this as"
+                           " another user"
+                         : "create it with mkdir, or name the right one");
 }
 
 // `statement` on one line, fit to be shown; of a long one the beginning.
