@@ -589,7 +589,7 @@ serve_own() {
 @test "a database that hangs is not waited for, not even at the end" {
   common=$SERVER
   own_server
-  serve_own
+  serve_own --refresh 40ms
   wait_for answers 'alias team@example.com' "$found"
   pid=$(server_pid)
   kill -STOP "$pid"
