@@ -123,14 +123,14 @@ class Service {
  private:
   struct Listener {
     Listener(boost::asio::io_context& context, ListenSocket&& listenSocket)
-        : socket(std::move(listenSocket)), acceptor(context) {
+        : socket(std::move(listenSocket)), acceptor(context), pause(context) {
       const auto protocol = s_protocolOf(socket.descriptor());
       acceptor.assign(protocol, socket.release());
     }
 
     ListenSocket socket;  // Without the descriptor, which is the acceptor's.
     Acceptor acceptor;
-    bool isWaiting = false;  // For a connection.
+    boost::asio::steady_timer pause;
   };
 
   void openSockets() {
@@ -170,7 +170,8 @@ class Service {
     const bool isSettled = m_watch->isSettled() && m_configurationWatch->hasLooked();
     if (isSettled || Clock::now() >= limit) {
       sd_notify(0, "READY=1");
-      return acceptAll();
+      for (Listener& listener : m_listeners) accept(listener);
+      return;
     }
     m_pause.expires_after(s_startStep);
     m_pause.async_wait([this, limit](const error_code& cancelled) {
@@ -180,39 +181,27 @@ class Service {
 
   // Takes connections from `listener`.
   void accept(Listener& listener) {
-    if (m_isEnding || listener.isWaiting) return;
+    if (m_isEnding) return;
     Worker& worker = *std::min_element(
         m_workers.begin(), m_workers.end(),
         [](const Worker& a, const Worker& b) { return a.connections() < b.connections(); });
-    listener.isWaiting = true;
     listener.acceptor.async_accept(
         [this, &listener, &worker](const error_code& error,
                                    boost::asio::generic::stream_protocol::socket socket) {
-          listener.isWaiting = false;
           if (m_isEnding && error) return;
-          if (!error) {
-            const bool isOneTooMany = connections() >= m_mostConnections;
-            worker.take(socket.release(), listener.socket.isLineProtocol(), isOneTooMany);
-            return accept(listener);
-          }
-          pause(error);
+          if (error) return pause(listener, error);
+          const bool isOneTooMany = connections() >= m_mostConnections;
+          worker.take(socket.release(), listener.socket.isLineProtocol(), isOneTooMany);
+          accept(listener);
         });
   }
 
   // No connection can be accepted now: tries again in a moment.
-  void pause(const error_code& error) {
+  void pause(Listener& listener, const error_code& error) {
     m_log.error("no connection can be accepted: " + error.message());
-    m_isPausing = true;
-    m_pause.expires_after(s_acceptPause);
-    m_pause.async_wait([this](const error_code& cancelled) {
-      if (cancelled) return;
-      m_isPausing = false;
-      acceptAll();
-    });
-  }
-
-  void acceptAll() {
-    for (Listener& listener : m_listeners) accept(listener);
+    listener.pause.expires_after(s_acceptPause);
+    listener.pause.async_wait(
+        [this, &listener](const error_code& /*cancelled*/) { accept(listener); });
   }
 
   // A connection was closed, on the thread of a worker.
@@ -310,7 +299,6 @@ class Service {
   std::list<Worker> m_workers;
   std::list<Listener> m_listeners;
   bool m_isEnding = false;
-  bool m_isPausing = false;
 };
 
 }  // namespace
