@@ -5,10 +5,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "support/ScratchFile.h"
 
 namespace Tessel::Serve {
 namespace {
@@ -44,6 +48,42 @@ TEST(MemoryBudget, TheMemoryOfTheHostIsTheMost) {
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   EXPECT_GT(availableMemory(), std::size_t{1} << 20U);
   EXPECT_LE(availableMemory(), pages * size);
+}
+
+// A control group with a limit, in files like those of the system.
+class ControlGroup {
+ public:
+  explicit ControlGroup(const std::string& memberships) {
+    for (const char* directory : {"/proc/self", "/sys/fs/cgroup/a/b"}) {
+      std::filesystem::create_directories(root() + directory);
+    }
+    std::ofstream(root() + "/proc/self/cgroup") << memberships;
+  }
+
+  [[nodiscard]] const std::string& root() const { return m_scratch.directory(); }
+  void limit(const std::string& group, const std::string& memory) const {
+    std::ofstream(root() + "/sys/fs/cgroup" + group + "/memory.max") << memory << "\n";
+  }
+
+ private:
+  Testing::ScratchFile m_scratch;
+};
+
+TEST(MemoryBudget, TheLimitsOfTheControlGroupAndOfThoseAboveItHold) {
+  const std::size_t all = availableMemory("/nonexistent");
+  EXPECT_GE(all, availableMemory());
+  const ControlGroup group("1:name=other:/\n0::/a/b\n");
+  EXPECT_EQ(availableMemory(group.root()), all);
+  group.limit("/a/b", "max");
+  EXPECT_EQ(availableMemory(group.root()), all);
+  group.limit("/a/b", "3000000");
+  EXPECT_EQ(availableMemory(group.root()), 3000000U);
+  group.limit("/a", "2000000");
+  EXPECT_EQ(availableMemory(group.root()), 2000000U);
+  group.limit("/a", "4000000");
+  EXPECT_EQ(availableMemory(group.root()), 3000000U);
+  group.limit("", "1000000");
+  EXPECT_EQ(availableMemory(group.root()), 1000000U) << "of a container";
 }
 
 }  // namespace

@@ -33,15 +33,15 @@ void releaseFreeMemory() noexcept {
   malloc_trim(0);
 }
 
-std::size_t availableMemory() {
+std::size_t availableMemory(const std::string& root) {
   std::size_t least = static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) *
                       static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  std::ifstream groups("/proc/self/cgroup");
+  std::ifstream groups(root + "/proc/self/cgroup");
   for (std::string line; std::getline(groups, line);) {
     if (!line.starts_with("0::")) continue;
-    // Each group above it has a limit too.
-    for (std::string path = line.substr(3); !path.empty(); path.resize(path.rfind('/'))) {
-      least = std::min(least, s_limitIn("/sys/fs/cgroup" + path + "/memory.max", least));
+    // Each group above it has a limit too, also the highest, where it is that of a container.
+    for (std::string path = line.substr(3);; path.resize(path.rfind('/'))) {
+      least = std::min(least, s_limitIn(root + "/sys/fs/cgroup" + path + "/memory.max", least));
       if (path.find('/') == std::string::npos) break;
     }
   }

@@ -41,8 +41,8 @@ std::size_t blockSize(const std::string& text) noexcept;
 void releaseFreeMemory() noexcept;
 
 // Bytes of memory that this process may use: those of the machine, or of its control group if they
-// are fewer (memory.max, see cgroups(7)).
-std::size_t availableMemory();
+// are fewer (memory.max, see cgroups(7)). `root` is the directory of /proc and /sys.
+std::size_t availableMemory(const std::string& root = "");
 
 }  // namespace Tessel::Serve
 
