@@ -51,6 +51,24 @@ TEST_F(AliasAnswerTest, HoldsAsLongAsTheImageWhenTheTableDecidesItAlone) {
   EXPECT_EQ(ask("l@d.example")->validity, Validity::Image);
 }
 
+TEST_F(AliasAnswerTest, AnAliasLoopIsReportedAndShownAtTheLevelDebugOnly) {
+  serve({{"l@d.example", "m@d.example"}, {"m@d.example", "l@d.example"}});
+  const std::string report =
+      "tsl-address-map: warning: table alias: mail for an alias was rejected because it leads into "
+      "an alias loop and reaches nobody; 'tsl-address-map check' names it\n";
+  const std::string loop =
+      "tsl-address-map: debug: alias loop: l@d.example -> m@d.example -> l@d.example\n";
+  const TablePointer table = m_tables.find("alias");
+  for (const LogLevel level : {LogLevel::Info, LogLevel::Debug}) {
+    testing::internal::CaptureStderr();
+    Log log(level);
+    aliasAnswer(m_tables, *table, *table->image(), "l@d.example", Effort::Any, Clock::now(), log);
+    log.flush();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              level == LogLevel::Debug ? report + loop : report);
+  }
+}
+
 TEST_F(AliasAnswerTest, HoldsForAMomentWhenMailUsersDecideIt) {
   m_tables.configuration().publish(ServedDomains().image(), Clock::now());
   serve({{"all@d.example", "allusers_d.example"}, {"all@empty.example", "allusers_empty.example"}});

@@ -229,7 +229,10 @@ TEST_F(ConfigurationWatchTest, AnEmptiedLockFileIsMadeAgain) {
   std::filesystem::resize_file(files.lock(), 0);
   EXPECT_TRUE(hasOtherThan(pid));
   EXPECT_TRUE(isRead());
-  EXPECT_THAT(logged(), HasSubstr("lock.mdb is damaged, or was truncated"));
+  EXPECT_THAT(logged(),
+              HasSubstr("data.mdb or lock.mdb is damaged, or was truncated or overwritten while it "
+                        "was in use; restore the directory from a copy that mdb_copy made, or load "
+                        "the configuration again"));
 }
 
 TEST_F(ConfigurationWatchTest, TheMessageNamesTheDirectoryAndWhatIsWrongThere) {

@@ -233,7 +233,9 @@ TEST(Pages, AnAnswerIsWholeAsLongAsItsPagesAreThere) {
 
 TEST(Pages, ADomainThatLeavesNoRoomForThemIsRefused) {
   Pages pages({2, 1000, 0}, s_budget);
-  EXPECT_THROW(s_divide(pages, "list@" + std::string(240, 'd'), s_list(4)), std::length_error);
+  EXPECT_THAT(
+      [&] { s_divide(pages, "list@" + std::string(240, 'd'), s_list(4)); },
+      testing::ThrowsMessage<std::length_error>("the name of the domain is too long for pages"));
   EXPECT_THAT(s_divide(pages, "list@" + std::string(200, 'd'), s_list(4)), SizeIs(2));
 }
 

@@ -232,6 +232,9 @@ TEST_F(TableWatchTest, AReloadConfirmsThatANamedTableIsGoneForGood) {
 }
 
 TEST_F(TableWatchTest, ABaseTableThatIsGoneForGoodIsStillExpected) {
+  const Testing::ScratchFile scratch;
+  fs::create_directory(scratch.directory() + "/alias.image");
+  m_settings.snapshot = scratch.directory();
   add("a@d", "b@d");
   watch();
   ASSERT_TRUE(becomesUnable("alias", ""));
@@ -242,6 +245,11 @@ TEST_F(TableWatchTest, ABaseTableThatIsGoneForGoodIsStillExpected) {
   createAlias();
   EXPECT_TRUE(becomesUnable("alias", "")) << "another table, which may be empty";
   EXPECT_EQ(find("a@d"), "none");
+  const std::string log = takeLog();
+  EXPECT_THAT(log, HasSubstr("the snapshot of table alias cannot be used: " + scratch.directory() +
+                             "/alias.image is not a regular file"));
+  EXPECT_THAT(log, HasSubstr("table alias: its snapshot cannot be removed: " + scratch.directory() +
+                             "/alias.image: Is a directory"));
 }
 
 TEST_F(TableWatchTest, ADroppedDatabaseIsAnAnswerAlsoForANewConnection) {
@@ -393,6 +401,18 @@ TEST_F(TableWatchTest, RowsThatCannotBeReadAreToldByTheirNumberOnly) {
   EXPECT_THAT(log, HasSubstr("table alias: 1 rows cannot be read and are left out; "
                              "'tsl-address-map check' names them"));
   EXPECT_THAT(log, Not(HasSubstr("secret")));
+  testing::internal::CaptureStderr();
+  Tables tables(m_settings);
+  Log detailed(LogLevel::Debug);
+  TableWatch watch(m_settings, tables, m_metrics, detailed);
+  watch.start();
+  EXPECT_TRUE(s_waitFor([&] {
+    const TablePointer table = tables.find("alias");
+    return table != nullptr && table->image() != nullptr;
+  }));
+  EXPECT_TRUE(watch.stop(seconds(20)));
+  detailed.flush();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("debug: left out: secret@d: "));
 }
 
 TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIsSeen) {
