@@ -130,6 +130,12 @@ setup() { empty_tables; }
     run -0 --separate-stderr tool alias show "$spelling"
     equal "$output" $'ann@büro.example\nbob@x.example'
   done
+  for command in show expand; do
+    run -0 --separate-stderr tool alias $command team+news@xn--bro-hoa.example
+    equal "$output" $'ann@büro.example\nbob@x.example'
+    contains "$stderr" "alias team+news@xn--bro-hoa.example has no row; without its extension it is team@xn--bro-hoa.example"
+  done
+  run -1 tool alias show nobody+news@xn--bro-hoa.example
   run -65 --separate-stderr tool alias set team@xn--bro-hoa.example cid@x.example
   contains "$stderr" "table alias has it in the spelling 'team@büro.example'"
   run -65 --separate-stderr tool alias add team@xn--bro-hoa.example cid@x.example
@@ -154,6 +160,9 @@ setup() { empty_tables; }
   tool alias set b@x.example ANN@xn--bro-hoa.example bob@x.example
   run -0 tool alias drop --everywhere ann@BÜRO.example
   equal "$output" $'~ a@x.example:bob@x.example\n~ b@x.example:bob@x.example'
+  tool alias set c@x.example ann+news@büro.example bob@x.example
+  run -1 --separate-stderr tool alias drop --everywhere ann@BÜRO.example
+  contains "$stderr" "warning: alias c@x.example has the member ann+news@büro.example, which stays"
 }
 
 @test "a member without a domain is only the marker of the alias's own domain" {

@@ -281,6 +281,14 @@ up@x.example -> boss@xn--bro-hoa.example -> team@x.example -> $address"
   equal "$output" "all@xn--bro-hoa.example -> allusers_xn--bro-hoa.example -> cid@büro.example"
 }
 
+@test "who: with an extension" {
+  rows team@x.example:ann+news@x.example,x@x.example
+  run -0 tool alias who ann@x.example
+  equal "$output" "team@x.example -> ann@x.example"
+  run -0 tool alias who ann+news@x.example
+  run -1 tool alias who ann+other@x.example
+}
+
 @test "who: broken rows are named, the others searched" {
   rows team@x.example:bob@x.example 'bad@x.example:a@@b'
   run -65 --separate-stderr tool alias who bob@x.example

@@ -261,8 +261,10 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   for spelling in ann@xn--bro-hoa.example ANN@BÜRO.example; do
     run -0 --separate-stderr tool mask public "$spelling"
     equal "$output" ann@käse.example
-    equal "$stderr" "tsl-address-map: address $spelling has the spelling ann@büro.example"
+    equal "$stderr" "tsl-address-map: address $spelling has the row of ann@büro.example"
   done
+  run -0 --separate-stderr tool mask public ann+news@büro.example
+  equal "$output" ann@käse.example
   run -0 --separate-stderr tool mask private ann@xn--kse-qla.example
   equal "$output" ann@büro.example
   run -65 --separate-stderr tool mask set ann@xn--bro-hoa.example b@x.example

@@ -19,9 +19,6 @@ namespace {
 // Part of the members column that may be in use before it is worth a warning, in percent.
 constexpr std::size_t s_fullPercent = 90;
 
-// With what extensions begin, unless the mail server has other settings.
-constexpr std::string_view s_delimiters = "+";
-
 // Finds what single rows show.
 class RowCheck : public AliasVisitor {
  public:
@@ -77,8 +74,8 @@ class RowCheck : public AliasVisitor {
   MailUsers::Kind kindOf(std::string_view member) {
     const MailUsers::Kind kind = m_users.kindOf(member);
     if (kind != MailUsers::Kind::Nobody) return kind;
-    const ExtendedAddress address = cutExtension(member, s_delimiters);
-    return address.extension.empty() ? kind : m_users.kindOf(address.base);
+    const std::string base = withoutExtension(member);
+    return base.empty() ? kind : m_users.kindOf(base);
   }
 
   void add(Severity severity, const char* kind, std::string_view address, const std::string& what,

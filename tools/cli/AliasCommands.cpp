@@ -96,12 +96,14 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
 // The members of the row of another spelling than `alias`. Reports that there is none. Throws
 // Failure when the row is broken.
 Members s_membersElsewhere(const EmailAddress& alias, const Session& session) {
-  const AliasLook look = AliasTable(aliasTableName(session.tableName())).look(alias);
+  AliasTable table(aliasTableName(session.tableName()));
+  AliasLook look = table.look(alias);
+  const EmailAddress asked = baseOf(table, alias, look).value_or(alias);
   const bool isOwn = look.kind == AliasLook::Kind::Present || look.kind == AliasLook::Kind::Spelled;
   if (isOwn && look.row.fault != RowFault::None) {
     throw brokenRow(look.row, aliasTableName(session.tableName()));
   }
-  tellSpelling(alias, look);
+  tellSpelling(asked, look);
   if (isOwn) return look.row.members;
   say(noAlias(alias, session));
   if (look.kind == AliasLook::Kind::Other) {

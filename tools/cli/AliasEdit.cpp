@@ -8,6 +8,7 @@
 #include "cli/RowReport.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasCycles.h"
+#include "tables/Extension.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
 
@@ -78,6 +79,20 @@ AliasLook lookToRemove(AliasTable& table, const EmailAddress& alias, const Sessi
                 "the server takes it for the alias '" + look.row.name + "' of table " +
                     aliasTableName(session.tableName()) + ", which is another address",
                 "use the name of that alias, or remove that alias first");
+}
+
+std::optional<EmailAddress> baseOf(AliasTable& table, const EmailAddress& address,
+                                   AliasLook& look) {
+  const std::string text = withoutExtension(address.address());
+  if (look.kind != AliasLook::Kind::Absent || text.empty()) return std::nullopt;
+  const EmailAddress base = EmailAddress::rfc5321Parse(text, false);
+  look = table.look(base);
+  if (look.kind != AliasLook::Kind::Present && look.kind != AliasLook::Kind::Spelled) {
+    look = {};
+    return std::nullopt;
+  }
+  say("alias " + address.address() + " has no row; without its extension it is " + base.address());
+  return base;
 }
 
 void tellSpelling(const EmailAddress& alias, const AliasLook& look) {

@@ -3,6 +3,7 @@
 #ifndef TSL_TOOLS_CLI_ALIASEDIT_H
 #define TSL_TOOLS_CLI_ALIASEDIT_H
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,6 +42,10 @@ AliasLook lookToWrite(AliasTable& table, const EmailAddress& alias, const Sessio
 // spelling.
 AliasLook lookToRemove(AliasTable& table, const EmailAddress& alias, const Session& session,
                        bool dryRun);
+
+// The address without its extension when `look` found no row for `address`, and there is one for
+// that, which `look` becomes; reports it. Mail servers get that row from the service.
+std::optional<EmailAddress> baseOf(AliasTable& table, const EmailAddress& address, AliasLook& look);
 
 // Reports that the row of `alias` has another spelling, if that is so.
 void tellSpelling(const EmailAddress& alias, const AliasLook& look);

@@ -1,5 +1,6 @@
 // The commands on single members of aliases: add, drop.
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -12,6 +13,7 @@
 #include "cli/RowReport.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasTable.h"
+#include "tables/Extension.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Progress.h"
@@ -151,7 +153,8 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
 // What dropping a member everywhere does.
 struct Everywhere {
   std::vector<Change> changes;
-  std::vector<AliasRow> broken;  // Rows that may have the member too.
+  std::vector<AliasRow> broken;                   // Rows that may have the member too.
+  std::map<EmailAddress, EmailAddress> extended;  // A member with an extension, by its alias.
 
   [[nodiscard]] Members vanishing() const {
     Members aliases;
@@ -172,6 +175,10 @@ Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& m
     if (row.fault != RowFault::None) {
       if (row.fault != RowFault::EmptyValue) all.broken.push_back(row);
       continue;
+    }
+    for (const EmailAddress& one : row.members) {
+      const std::string base = withoutExtension(one.address());
+      if (!base.empty() && comparisonKey(base) == key) all.extended[row.alias] = one;
     }
     if (std::none_of(row.members.begin(), row.members.end(), isMember)) continue;
     all.changes.push_back({row.alias, row.name, pickMembers(row.members, {member}, false)});
@@ -254,6 +261,10 @@ ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
   }
   progress.end();
   for (const AliasRow& row : all.broken) report(brokenRow(row, name));
+  for (const auto& [alias, extended] : all.extended) {
+    say("warning: alias " + alias.address() + " has the member " + extended.address() +
+        ", which stays: drop it by that address");
+  }
   if (all.changes.empty()) say("no alias of table " + name + " has the member " + member.address());
   s_answerEverywhere(session, member, all, arguments.dryRun);
   if (!all.broken.empty()) return ExitCode::BadData;

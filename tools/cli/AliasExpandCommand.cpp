@@ -34,7 +34,8 @@ class Expander {
     if (found.empty()) {
       const std::string name = aliasTableName(m_session.tableName());
       if (!m_table) m_table.emplace(name);
-      const AliasLook look = m_table->look(address);
+      AliasLook look = m_table->look(address);
+      if (const auto base = baseOf(*m_table, address, look)) address = *base;
       if (look.kind == AliasLook::Kind::Absent || look.kind == AliasLook::Kind::Other) {
         return {"no-alias", ExitCode::NotFound, {}, noAlias(address, m_session)};
       }

@@ -7,6 +7,7 @@
 
 #include "cli/AddressLookup.h"
 #include "cli/Command.h"
+#include "tables/Extension.h"
 #include "tables/MaskTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -30,14 +31,19 @@ class Finder {
     // The library answers null both for no row and for a row with an empty column.
     if (found.isNull()) {
       if (!m_table) m_table.emplace(name);
-      for (const MaskRow& row : m_table->spelled(given, address)) {
+      std::vector<MaskRow> rows = m_table->spelled(given, address);
+      const std::string base = withoutExtension(address.address());
+      if (rows.empty() && !base.empty()) {
+        rows = m_table->spelled(given, EmailAddress::rfc5321Parse(base, false));
+      }
+      for (const MaskRow& row : rows) {
         if (row.fault != RowFault::None) {
           report(brokenRow(row, name));
           return {"broken-row", ExitCode::BadData, {}, ""};
         }
         const EmailAddress& stored = row.address(given);
         if (!(stored == address)) {
-          say("address " + address.address() + " has the spelling " + stored.address());
+          say("address " + address.address() + " has the row of " + stored.address());
         }
         m_store.close();
         found = m_store.find(m_wanted, stored);

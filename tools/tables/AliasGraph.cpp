@@ -100,9 +100,8 @@ class AliasGraph::Parser : public Database::AllRowParser {
   // True when the service would answer for `member` with the alias that it is without its
   // extension.
   bool hasAliasedBase(std::string_view member) {
-    if (member.find('+') == std::string_view::npos) return false;
-    const ExtendedAddress address = cutExtension(member, "+");
-    return !address.extension.empty() && m_graph.m_names.find(address.base) != AddressIndex::s_none;
+    const std::string base = withoutExtension(member);
+    return !base.empty() && m_graph.m_names.find(base) != AddressIndex::s_none;
   }
 
   AliasGraph& m_graph;

@@ -85,6 +85,13 @@ ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters)
           std::string(local.substr(start))};
 }
 
+std::string withoutExtension(std::string_view text) {
+  // Most addresses have none.
+  if (text.find_first_of(s_delimiters) == std::string_view::npos) return "";
+  const ExtendedAddress address = cutExtension(text, s_delimiters);
+  return address.extension.empty() ? "" : address.base;
+}
+
 std::string withExtension(const std::string& address, std::string_view extension,
                           std::string_view delimiters) {
   if (extension.empty() || !cutExtension(address, delimiters).extension.empty()) return address;

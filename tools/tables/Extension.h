@@ -18,6 +18,12 @@ struct ExtendedAddress {
 // "list-request" are names without an extension. Any thread.
 ExtendedAddress cutExtension(std::string_view text, std::string_view delimiters);
 
+// With what extensions begin, unless the mail server has other settings.
+inline constexpr std::string_view s_delimiters = "+";
+
+// The address `text` without its extension, by `s_delimiters`; empty when it has none.
+std::string withoutExtension(std::string_view text);
+
 // `address` with `extension` at the end of its local part. Unchanged if it has an extension of its
 // own or no domain, or would become too long or need quotes, in which no extension is found again.
 // `address` is as EmailAddress::address() gives it. Any thread.
