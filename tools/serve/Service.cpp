@@ -3,12 +3,12 @@
 
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <list>
 #include <memory>
 #include <optional>

@@ -41,7 +41,8 @@ std::size_t availableMemory(const std::string& root) {
     if (!line.starts_with("0::")) continue;
     // Each group above it has a limit too, also the highest, where it is that of a container.
     for (std::string path = line.substr(3);; path.resize(path.rfind('/'))) {
-      least = std::min(least, s_limitIn(root + "/sys/fs/cgroup" + path + "/memory.max", least));
+      const std::string group = std::string(root).append("/sys/fs/cgroup").append(path);
+      least = std::min(least, s_limitIn(group + "/memory.max", least));
       if (path.find('/') == std::string::npos) break;
     }
   }
