@@ -135,7 +135,9 @@ class MaskCheck {
     for (const auto& [publicDomain, domains] : byPublic) {
       if (domains.size() < 2) continue;
       std::string others;
-      for (std::size_t i = 1; i < domains.size(); ++i) others += (i == 1 ? "" : ", ") + domains[i];
+      for (std::size_t i = 1; i < domains.size(); ++i) {
+        others.append(i == 1 ? "" : ", ").append(domains[i]);
+      }
       add(Severity::Warning, "wildcard-ambiguous", "*@" + domains.front(),
           "of several private domains with the public domain " + publicDomain +
               " the first by byte order answers, " + domains.front() + "; never found: " + others,
