@@ -36,7 +36,7 @@ endmacro()
 tsl_package(
   debian_library ${tsl_package_library} libs "address maps of a mail server - shared libraries" ""
   "Where mail for an address goes, and what the address looks like from outside,
-answered from alias tables and address-mask tables in MariaDB or MySQL, with a
+answered from alias tables and address-mask tables in MariaDB, with a
 cache in front of each table.
 .
 This package has the libraries that programs are linked with.")
@@ -46,7 +46,7 @@ tsl_package(
   "address maps of a mail server - development files"
   "${tsl_package_library} (= ${tsl_package_version}), libc6-dev"
   "Where mail for an address goes, and what the address looks like from outside,
-answered from alias tables and address-mask tables in MariaDB or MySQL, with a
+answered from alias tables and address-mask tables in MariaDB, with a
 cache in front of each table.
 .
 This package has the headers for C++20 and C11, the CMake package
@@ -56,7 +56,7 @@ tsl_package(
   debian_tool tsl-address-map mail "address maps of a mail server - command-line tool"
   "${tsl_package_library} (= ${tsl_package_version})"
   "Where mail for an address goes, and what the address looks like from outside,
-answered from alias tables and address-mask tables in MariaDB or MySQL, with a
+answered from alias tables and address-mask tables in MariaDB, with a
 cache in front of each table.
 .
 This package has the program that prepares the database, manages the tables,

@@ -121,6 +121,12 @@ lock.mdb mailadmin:tsl-address-map 660"
   cd "$scratch/packages"
 }
 
+# The units, with what the page adds to them, as far as that can be seen without systemd.
+after_6() {
+  expect "$(systemd-analyze --man=no verify tsl-address-map.service tsl-address-map.socket 2>&1 | grep tsl-address-map)" ""
+  expect "$(stat -c '%U %a' /var/lib/tsl-address-map)" "tsl-address-map 700"
+}
+
 # What Postfix says to recipients.
 recipients() {
   python3 - "$@" <<'PYTHON'

@@ -155,11 +155,11 @@ void s_addSet(Command& group, const std::shared_ptr<Arguments>& arguments) {
       Preparation::Database, withArguments(s_set, arguments));
   set.argument("PRIVATE", arguments->privateText, "The private address");
   set.argument("PUBLIC", arguments->publicText, "The address that is shown in its place");
-  Option force =
-      set.flag("--force", arguments->force,
-               "Write as the library does: when a row has either address, that row gets the public"
-               " one. Prints the rows that have either then: PRIVATE<TAB>PUBLIC (with --json also"
-               " \"rows\")");
+  Option force = set.flag(
+      "--force", arguments->force,
+      "Write as the library does: if a row already has one of the two addresses, its public"
+      " address changes, and no row is added. Prints the rows that then have one of them:"
+      " PRIVATE<TAB>PUBLIC (with --json also \"rows\")");
   force.excludes(addDryRun(set, arguments->dryRun));
 }
 
