@@ -131,7 +131,7 @@ after_6() {
 recipients() {
   python3 - "$@" <<'PYTHON'
 import smtplib, sys
-client = smtplib.SMTP("127.0.0.1", 25)
+client = smtplib.SMTP("127.0.0.1", 25, timeout=20)
 client.ehlo()
 client.mail("friend@example.net")
 print(*(client.rcpt(address)[0] for address in sys.argv[1:]))
@@ -249,7 +249,10 @@ awk -v directory="$scratch/blocks" '
   /^```/ {file = sprintf("%s/%03d-%d.%s", directory, ++count, section, substr($0, 4)); inside = 1; next}
   inside {print > file}' "$page"
 
-run_hook() { ! declare -F "$1" >/dev/null || "$1"; }
+run_hook() {
+  declare -F "$1" || return 0
+  "$1"
+}
 run_block() {
   case $1 in
     *.sh) bash -e -o pipefail "$1" ;;
@@ -272,6 +275,8 @@ for block in "$scratch"/blocks/*; do
     section=$next
     run_hook "before_$section"
   fi
+  # Shows where it hangs, if it does.
+  echo "${block##*/}"
   if ! run_block "$block" >"$scratch/output" 2>&1 </dev/null; then
     echo "section $section, this block fails:"
     cat "$block"

@@ -11,7 +11,7 @@ setup() {
 }
 
 walk() {
-  unshare --mount --net --pid --fork --mount-proc --kill-child bash "$BATS_TEST_DIRNAME/production.bash" "$@" 3>&-
+  timeout 90 unshare --mount --net --pid --fork --mount-proc --kill-child bash "$BATS_TEST_DIRNAME/production.bash" "$@" 3>&-
 }
 
 @test "from an empty Debian to production: every block of the page works, and so does what it sets up" {
