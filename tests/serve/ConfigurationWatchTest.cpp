@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "serve/image/ConfigurationHelper.h"
+#include "support/ErrorOutput.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -28,14 +29,7 @@ using testing::Not;
 
 class ConfigurationWatchTest : public testing::Test {
  protected:
-  void SetUp() override {
-    testing::internal::CaptureStderr();
-    m_settings.refresh = milliseconds(40);
-  }
-  void TearDown() override {
-    m_watch.reset();
-    static_cast<void>(log());
-  }
+  void SetUp() override { m_settings.refresh = milliseconds(40); }
 
   // Begins to watch what TSL_CMF_PATH names.
   void watch(ConfigurationWatch::Helper helper = {{TSL_CONFIGURATION_PROGRAM}}) {
@@ -78,16 +72,16 @@ class ConfigurationWatchTest : public testing::Test {
     EXPECT_TRUE(becomes([this] {
       m_log.flush();
       m_logged += log();
-      testing::internal::CaptureStderr();
       return !m_logged.empty();
     }));
     return std::exchange(m_logged, "");
   }
   std::string log() {
     m_log.flush();
-    return testing::internal::GetCapturedStderr();
+    return m_error.take();
   }
 
+  Testing::ErrorOutput m_error;
   Settings m_settings;
   Configuration m_configuration;
   Log m_log{LogLevel::Warning};
@@ -253,7 +247,6 @@ TEST_F(ConfigurationWatchTest, AHostWithoutAConfigurationIsLeftInPeaceUntilSomeb
   std::this_thread::sleep_for(milliseconds(100));
   EXPECT_FALSE(m_configuration.isNeeded());
   EXPECT_EQ(log(), "");
-  testing::internal::CaptureStderr();
   EXPECT_EQ(m_configuration.use(m_settings, Clock::now()), nullptr);
   EXPECT_THAT(logged(), HasSubstr("No configuration in /nonexistent/configuration"));
 }
@@ -267,7 +260,6 @@ TEST_F(ConfigurationWatchTest, AReloadReadsWithANewHelper) {
   EXPECT_TRUE(hasOtherThan(pid));
   EXPECT_TRUE(isRead());
   EXPECT_EQ(log(), "");
-  testing::internal::CaptureStderr();
 }
 
 TEST_F(ConfigurationWatchTest, AReloadAndAnEndDoNotWaitForTheNextLook) {
@@ -321,9 +313,8 @@ TEST_F(ConfigurationWatchTest, WhatWasReadIsSaidOnce) {
     EXPECT_TRUE(becomes([this] { return hasUser("cleo@d.example"); }));
   }
   log.flush();
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+  EXPECT_THAT(m_error.take(),
               testing::EndsWith("the configuration: 3 domains and 5 mail users read\n"));
-  testing::internal::CaptureStderr();
 }
 
 }  // namespace

@@ -14,45 +14,38 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ErrorOutput.h"
+
 namespace Tessel::Serve {
 namespace {
 
 using testing::ElementsAre;
 using testing::SizeIs;
 
-// Takes what is written to standard error while in scope.
-class ErrorOutput {
+// The lines of what is written to standard error while in scope.
+class ErrorLines {
  public:
-  ErrorOutput() { testing::internal::CaptureStderr(); }
-  ~ErrorOutput() {
-    if (!m_isTaken) testing::internal::GetCapturedStderr();
-  }
-  ErrorOutput(const ErrorOutput&) = delete;
-  ErrorOutput& operator=(const ErrorOutput&) = delete;
-
-  // The lines, once.
-  std::vector<std::string> lines() {
-    m_isTaken = true;
-    std::istringstream stream(testing::internal::GetCapturedStderr());
+  std::vector<std::string> take() {
+    std::istringstream stream(m_output.take());
     std::vector<std::string> lines;
     for (std::string line; std::getline(stream, line);) lines.push_back(line);
     return lines;
   }
 
  private:
-  bool m_isTaken = false;
+  Testing::ErrorOutput m_output;
 };
 
 // The lines that a log of `level` has of one message of each level.
 std::vector<std::string> s_linesOf(LogLevel level) {
-  ErrorOutput output;
+  ErrorLines output;
   Log log(level);
   log.error("one");
   log.warning("two");
   log.info("three");
   log.debug("four");
   log.flush();
-  return output.lines();
+  return output.take();
 }
 
 class LogTest : public testing::Test {
@@ -90,21 +83,21 @@ TEST_F(LogTest, GivesTheJournalPriorities) {
 }
 
 TEST_F(LogTest, AMessageIsOneLineWithoutControlCharacters) {
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info);
   log.info(std::string("a\nb\x1b[2Jc\0d\xff\x7f", 12));
   log.flush();
-  EXPECT_THAT(output.lines(),
+  EXPECT_THAT(output.take(),
               ElementsAre("tsl-address-map: info: a\\x0ab\\x1b[2Jc\\x00d\\xff\\x7f"));
 }
 
 TEST_F(LogTest, AMessageShowsWhatIsInvisibleOrTurnsTheTextAround) {
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info);
   log.info("\u202eevil\u200b\u2028\u2066\ufeff\u061c\u00ad");
   log.info("Gr\u00fc\u00dfe\u2026\u20ac\u3042");
   log.flush();
-  EXPECT_THAT(output.lines(),
+  EXPECT_THAT(output.take(),
               ElementsAre("tsl-address-map: info: \\xe2\\x80\\xaeevil\\xe2\\x80\\x8b"
                           "\\xe2\\x80\\xa8\\xe2\\x81\\xa6\\xef\\xbb\\xbf\\xd8\\x9c\\xc2\\xad",
                           "tsl-address-map: info: Gr\u00fc\u00dfe\u2026\u20ac\u3042"));
@@ -119,13 +112,13 @@ TEST_F(LogTest, ALineThatCannotBeWrittenIsLost) {
   dup2(before, STDERR_FILENO);
   close(full);
   close(before);
-  ErrorOutput output;
+  ErrorLines output;
   Log(LogLevel::Info).error("but this");
-  EXPECT_THAT(output.lines(), ElementsAre("tsl-address-map: error: but this"));
+  EXPECT_THAT(output.take(), ElementsAre("tsl-address-map: error: but this"));
 }
 
 TEST_F(LogTest, LinesOfThreadsStayWhole) {
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info);
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
@@ -136,7 +129,7 @@ TEST_F(LogTest, LinesOfThreadsStayWhole) {
   }
   for (std::thread& thread : threads) thread.join();
   log.flush();
-  const std::vector<std::string> lines = output.lines();
+  const std::vector<std::string> lines = output.take();
   EXPECT_THAT(lines, SizeIs(200));
   for (const std::string& line : lines) {
     const std::string text = line.substr(line.size() - 200);
@@ -145,7 +138,7 @@ TEST_F(LogTest, LinesOfThreadsStayWhole) {
 }
 
 TEST_F(LogTest, AProblemIsWrittenOnceAMinute) {
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info);
   for (int i = 0; i < 100; ++i) {
     log.warning("the same");
@@ -154,7 +147,7 @@ TEST_F(LogTest, AProblemIsWrittenOnceAMinute) {
   }
   log.warning("another");
   log.flush();
-  const std::vector<std::string> lines = output.lines();
+  const std::vector<std::string> lines = output.take();
   EXPECT_THAT(lines, SizeIs(103));
   EXPECT_EQ(lines.at(0), "tsl-address-map: warning: the same");
   EXPECT_EQ(lines.back(), "tsl-address-map: warning: another");
@@ -162,7 +155,7 @@ TEST_F(LogTest, AProblemIsWrittenOnceAMinute) {
 
 TEST_F(LogTest, AProblemThatGoesOnIsWrittenAgainWithItsNumber) {
   const std::chrono::milliseconds quiet(200);
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info, quiet);
   for (int i = 0; i < 4; ++i) log.error("the same");
   std::this_thread::sleep_for(quiet);
@@ -172,12 +165,12 @@ TEST_F(LogTest, AProblemThatGoesOnIsWrittenAgainWithItsNumber) {
   log.flush();
   const std::string line = "tsl-address-map: error: the same";
   const std::string more = " times more since the last such line)";
-  EXPECT_THAT(output.lines(), ElementsAre(line, line + " (3" + more, line + " (2" + more));
+  EXPECT_THAT(output.take(), ElementsAre(line, line + " (3" + more, line + " (2" + more));
 }
 
 TEST_F(LogTest, AProblemThatCameAlsoWhileManyOthersDidIsCounted) {
   const std::chrono::milliseconds quiet(200);
-  ErrorOutput output;
+  ErrorLines output;
   Log log(LogLevel::Info, quiet);
   log.error("once");
   for (int i = 0; i < 2; ++i) log.error("twice");
@@ -186,7 +179,7 @@ TEST_F(LogTest, AProblemThatCameAlsoWhileManyOthersDidIsCounted) {
   for (const char* text : {"once", "twice"}) log.error(text);
   log.flush();
   const std::string start = "tsl-address-map: error: ";
-  EXPECT_THAT(output.lines(),
+  EXPECT_THAT(output.take(),
               ElementsAre(start + "once", start + "twice", start + "another", start + "once",
                           start + "twice (1 times more since the last such line)"));
 }

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ErrorOutput.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -19,23 +20,16 @@ using testing::HasSubstr;
 
 class ReadinessTest : public testing::Test {
  protected:
-  void SetUp() override {
-    testing::internal::CaptureStderr();
-    m_settings.stale = minutes(10);
-  }
-  void TearDown() override {
-    EXPECT_EQ(reported(), "");
-    static_cast<void>(testing::internal::GetCapturedStderr());
-  }
+  void SetUp() override { m_settings.stale = minutes(10); }
+  void TearDown() override { EXPECT_EQ(reported(), ""); }
 
   // What was logged since the last call.
   std::string reported() {
     m_log.flush();
-    std::string log = testing::internal::GetCapturedStderr();
-    testing::internal::CaptureStderr();
-    return log;
+    return m_error.take();
   }
 
+  Testing::ErrorOutput m_error;
   Settings m_settings;
   Tables m_tables{m_settings};
   Log m_log{LogLevel::Warning};
