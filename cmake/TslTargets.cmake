@@ -72,6 +72,16 @@ if(TSL_SANITIZE)
   target_link_options(tsl_build_settings INTERFACE -fsanitize=${TSL_SANITIZE})
 endif()
 
+# Has the sources of each target of this directory compiled together, some at a time, in half of the
+# time. SKIP_UNITY_BUILD_INCLUSION is for files with names that others have too.
+# -DCMAKE_UNITY_BUILD=OFF compiles each alone, as those who analyse single sources need.
+macro(tsl_compile_together)
+  if(NOT DEFINED CMAKE_UNITY_BUILD)
+    set(CMAKE_UNITY_BUILD ON)
+    set(CMAKE_UNITY_BUILD_BATCH_SIZE 10)
+  endif()
+endmacro()
+
 # The settings that library and program targets have in common: hidden symbols unless exported by
 # name, and our include roots.
 function(tsl_common_settings target)

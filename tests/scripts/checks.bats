@@ -269,11 +269,11 @@ drops_a_lock() {
   cp "$TSL_SOURCE/.clang-tidy" .
   printf 'int* nothing() { return nullptr; }\n' >platform/base/Null.cpp
   compile_commands platform/base/Null.cpp
-  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy"
+  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy" --build build/release
   echo "$output"
   [ "$status" -eq 0 ]
   printf 'int* nothing() { return 0; }\n' >platform/base/Null.cpp
-  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy"
+  TSL_SOURCE_ROOT=$tree run "$TSL_SOURCE/scripts/check-tidy" --build build/release
   [ "$status" -eq 1 ]
   [[ $output == *"clang-tidy finds faults: platform/base/Null.cpp"* ]]
 }

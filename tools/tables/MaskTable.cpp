@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned int s_duplicateEntry = 1062;
 // Keys of one delete statement.
-constexpr std::size_t s_keysPerStatement = 500;
+constexpr std::size_t s_deletedPerStatement = 500;
 
 MaskRow s_row(std::string_view privateText, std::string_view publicText) {
   RowReader reader(TableKind::Mask);
@@ -181,9 +181,9 @@ bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& p
 std::size_t MaskTable::removeDomain(const std::string& domain) {
   Database::Transaction transaction(m_connection);
   const std::vector<MaskRow> doomed = rows(domain);
-  for (std::size_t first = 0; first < doomed.size(); first += s_keysPerStatement) {
+  for (std::size_t first = 0; first < doomed.size(); first += s_deletedPerStatement) {
     std::string keys;
-    const std::size_t end = std::min(doomed.size(), first + s_keysPerStatement);
+    const std::size_t end = std::min(doomed.size(), first + s_deletedPerStatement);
     for (std::size_t i = first; i < end; ++i) {
       keys += (keys.empty() ? "" : ",") + literal(doomed[i].privateText);
     }

@@ -28,7 +28,7 @@ constexpr std::size_t s_longestLine = 4096;
 // How many messages are remembered.
 constexpr std::size_t s_mostRecent = 1000;
 // How long the end waits for someone to read.
-constexpr std::chrono::milliseconds s_patience{500};
+constexpr std::chrono::milliseconds s_readerPatience{500};
 
 // True when standard error takes a line within `patience`.
 bool s_hasRoom(std::chrono::milliseconds patience) {
@@ -54,7 +54,7 @@ Log::~Log() {
 }
 
 void Log::flush() {
-  m_state.waitFor(m_wake, s_patience,
+  m_state.waitFor(m_wake, s_readerPatience,
                   [](const State& state) { return state.lines.empty() && !state.isWriting; });
 }
 

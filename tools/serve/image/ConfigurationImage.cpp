@@ -27,7 +27,7 @@ constexpr char s_other = 'o';
 constexpr char s_disabled = 'x';
 
 // Users after which the reader reports that it is alive.
-constexpr std::size_t s_step = 10000;
+constexpr std::size_t s_usersPerReport = 10000;
 
 // Has the calling thread read one state while in scope.
 class OneState {
@@ -78,7 +78,7 @@ std::string copyConfiguration(const std::function<void()>& isAlive) {
     for (const __aps_mail_user& user : Users(server.domainId)) {
       if (++count > most) throw std::runtime_error("it lists more mail users than it can hold");
       s_append(copy, s_kindOf(user), user.user_name);
-      if (isAlive && count % s_step == 0) isAlive();
+      if (isAlive && count % s_usersPerReport == 0) isAlive();
     }
   }
   return copy;

@@ -30,7 +30,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds s_firstPause{100};
 constexpr milliseconds s_longestPause{10000};
 // How often a waiting thread looks whether it is to stop.
-constexpr milliseconds s_step{20};
+constexpr milliseconds s_lookStep{20};
 
 // Thrown instead of an answer when the watch, or the helper, ends.
 struct Stopped {};
@@ -148,7 +148,7 @@ Frame ConfigurationWatch::answer() {
 // Waits for bytes of the helper, until `limit`.
 void ConfigurationWatch::receive(Clock::time_point limit) {
   pollfd socket{m_helper->descriptor(), POLLIN, 0};
-  while (poll(&socket, 1, static_cast<int>(s_step.count())) == 0) {
+  while (poll(&socket, 1, static_cast<int>(s_lookStep.count())) == 0) {
     if (isStopping()) throw Stopped();
     if (Clock::now() < limit) continue;
     throw std::runtime_error("the process that reads it has not answered for " +

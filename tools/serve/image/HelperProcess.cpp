@@ -18,8 +18,8 @@ namespace Tessel::Serve {
 namespace {
 
 // How long the end of a process is waited for. One that the kernel holds up is left behind.
-constexpr std::chrono::milliseconds s_patience{1000};
-constexpr std::chrono::milliseconds s_step{5};
+constexpr std::chrono::milliseconds s_endPatience{1000};
+constexpr std::chrono::milliseconds s_endStep{5};
 
 [[noreturn]] void s_fail(int error, const char* what) {
   throw std::system_error(error, std::generic_category(), what);
@@ -74,9 +74,9 @@ HelperProcess::~HelperProcess() {
 int HelperProcess::end() {
   for (const bool isKilled : {false, true}) {
     if (isKilled && !m_hasEnded) kill(m_pid, SIGKILL);
-    const auto limit = std::chrono::steady_clock::now() + s_patience;
+    const auto limit = std::chrono::steady_clock::now() + s_endPatience;
     while (!hasEnded() && std::chrono::steady_clock::now() < limit) {
-      std::this_thread::sleep_for(s_step);
+      std::this_thread::sleep_for(s_endStep);
     }
   }
   return m_status;

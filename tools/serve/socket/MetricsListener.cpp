@@ -24,7 +24,7 @@ namespace http = boost::beast::http;
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr std::chrono::seconds s_patience{5};
+constexpr std::chrono::seconds s_requestPatience{5};
 constexpr std::size_t s_mostConnections = 64;
 constexpr std::size_t s_mostHeaderBytes = 8192;
 
@@ -84,7 +84,7 @@ class MetricsListener::Server {
   }
 
   void read(Place session) {
-    session->stream.expires_after(s_patience);
+    session->stream.expires_after(s_requestPatience);
     http::async_read(session->stream, session->buffer, session->parser,
                      [this, session](const error_code& error, std::size_t /*size*/) {
                        if (error) {

@@ -21,7 +21,7 @@ namespace Tessel::Serve {
 
 namespace {
 
-constexpr timeval s_patience{30, 0};
+constexpr timeval s_replyPatience{30, 0};
 // Longer replies are none: --max-reply allows no more.
 constexpr std::size_t s_longestReply = 100000000;
 
@@ -63,8 +63,8 @@ SocketmapClient::SocketmapClient(const ListenAddress& address) : m_name(s_nameOf
                         "name a socket of the service that begins with unix: or inet:");
   }
   m_descriptor = socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0);
-  setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &s_patience, sizeof(s_patience));
-  setsockopt(m_descriptor, SOL_SOCKET, SO_SNDTIMEO, &s_patience, sizeof(s_patience));
+  setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &s_replyPatience, sizeof(s_replyPatience));
+  setsockopt(m_descriptor, SOL_SOCKET, SO_SNDTIMEO, &s_replyPatience, sizeof(s_replyPatience));
   if (s_connect(m_descriptor, address) == 0) return;
   const std::string why = std::generic_category().message(errno);
   close(m_descriptor);
