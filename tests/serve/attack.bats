@@ -1,6 +1,7 @@
 #!/usr/bin/env bats
 # Attacks on the lookup service: its memory stays within --max-memory, and nobody keeps it from answering others.
-# With TSL_TEST_SECONDS (600 and more) the storm asks 1500 tables, and the times are compared strictly.
+# With TSL_TEST_SECONDS (600 and more) the storm asks 1500 tables, and the times are compared strictly, with a
+# processor for the service alone: run that on a quiet machine.
 
 load ../tools/helper
 
@@ -72,15 +73,20 @@ print(int(sum(float(n) for n in re.findall(r"^tsl_address_map_memory_bytes.use=.
 }
 
 @test "who asks for a long list with ever new extensions holds up nobody" {
-  start_service
+  start_service --workers 1
+  if [[ ${TSL_TEST_SECONDS:-} ]]; then
+    taskset -apc 0 "$service" >/dev/null
+    taskset -pc 1 $$ >/dev/null
+  fi
   idle=$(attack time "$socket" 1)
-  attack extensions "$socket" 3 3>&- &
+  # The attack is to hold up the service, not the processor of who measures.
+  nice -n 19 python3 "$BATS_TEST_DIRNAME/attack.py" extensions "$socket" 3 3>&- &
   attacker=$!
   sleep 1
   attacked=$(attack time "$socket" 1)
   wait "$attacker"
   echo "99th percentile: $idle us, $attacked us under attack"
-  # Others use the processors too, so only by hand the times are compared.
+  # Other tests use the processors too, so only by hand the times are compared.
   if [[ ${TSL_TEST_SECONDS:-} ]]; then ((attacked <= 3 * idle)); else ((attacked < 100000)); fi
 }
 
