@@ -80,18 +80,19 @@ void AnswerCache::keep(const Source& source, std::string_view key, std::string_v
 
 std::size_t AnswerCache::placeFor(const Group& group, const Source& source, std::string_view key,
                                   std::uint64_t hash) {
+  // When each was used; a free place never was.
+  const auto usedAt = [&group](std::size_t place) {
+    const Entry* const entry = group.entries[place].get();
+    return entry == nullptr ? Clock::time_point::min() : entry->m_used;
+  };
   std::size_t oldest = 0;
   for (std::size_t place = 0; place < s_places; ++place) {
     const Entry* const entry = group.entries[place].get();
-    if (entry == nullptr) {
-      oldest = place;
-    } else if (group.hashes[place] == hash && entry->m_source.table == source.table &&
-               entry->key() == key) {
+    if (entry != nullptr && group.hashes[place] == hash && entry->m_source.table == source.table &&
+        entry->key() == key) {
       return place;
-    } else if (const Entry* const other = group.entries[oldest].get();
-               other != nullptr && entry->m_used < other->m_used) {
-      oldest = place;
     }
+    if (usedAt(place) < usedAt(oldest)) oldest = place;
   }
   return oldest;
 }

@@ -68,7 +68,7 @@ class Lookup {
   struct Job {
     std::uint64_t table;
     std::string key;
-    auto operator<=>(const Job&) const = default;
+    auto operator<=>(const Job&) const = default;  // NOLINT(modernize-use-nullptr): it sees one
   };
   struct Made {
     Answer answer;

@@ -5,9 +5,6 @@
 #include <exception>
 #include <utility>
 
-#include <boost/asio/post.hpp>
-#include <boost/asio/thread_pool.hpp>
-
 #include "base/Exception.h"
 #include "database/Connection.h"
 #include "failure/Failure.h"
@@ -101,25 +98,20 @@ Clock::time_point TableWatch::Watched::nextRead() const {
   return seenSince + (isBefore ? s_midway : s_settled);
 }
 
-class TableWatch::Readers : public boost::asio::thread_pool {
- public:
-  Readers() : boost::asio::thread_pool(s_readers) {}
-};
-
 TableWatch::TableWatch(const Settings& settings, Tables& tables, Metrics& metrics, Log& log)
     : m_settings(settings),
       m_tables(tables),
       m_metrics(metrics),
       m_log(log),
       m_snapshots(settings.snapshot),
-      m_readers(std::make_unique<Readers>()) {
+      m_readers(s_readers) {
   loadSnapshots();
 }
 
 TableWatch::~TableWatch() {
   stop(milliseconds(0));
   if (m_thread.joinable()) m_thread.join();
-  m_readers->join();
+  m_readers.finish();
 }
 
 void TableWatch::start() {
@@ -327,7 +319,7 @@ void TableWatch::note(const Table& table, Change change) {
 // Has the table read by a thread of the pool.
 void TableWatch::read(Watched& watched, const std::string& print) {
   watched.isBusy = true;
-  boost::asio::post(*m_readers, [this, table = watched.table, print] {
+  m_readers.post([this, table = watched.table, print] {
     const Clock::time_point start = Clock::now();
     std::string why;
     try {
@@ -453,27 +445,27 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
   if (!m_snapshots.isWanted() || now < watched.saveAfter) return;
   watched.saveAfter = now + m_settings.snapshotInterval;
   watched.isBusy = true;
-  boost::asio::post(*m_readers, [this, table = watched.table, saved = watched.saved,
-                                 id = watched.savedAs, now]() mutable {
-    const std::uint64_t generation = table->generation();
-    std::string why;
-    try {
-      if (saved != generation || !m_snapshots.confirm(table->sqlName(), id, now)) {
-        id = m_snapshots.save(table->sqlName(), *table->image(), now);
-      }
-    } catch (const std::exception& exception) {
-      why = exception.what();
-    }
-    note(*table, [&](Watched& current) {
-      if (why.empty()) {
-        current.saved = generation;
-        current.savedAs = id;
-      } else {
-        m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
-      }
-      current.isBusy = false;
-    });
-  });
+  m_readers.post(
+      [this, table = watched.table, saved = watched.saved, id = watched.savedAs, now]() mutable {
+        const std::uint64_t generation = table->generation();
+        std::string why;
+        try {
+          if (saved != generation || !m_snapshots.confirm(table->sqlName(), id, now)) {
+            id = m_snapshots.save(table->sqlName(), *table->image(), now);
+          }
+        } catch (const std::exception& exception) {
+          why = exception.what();
+        }
+        note(*table, [&](Watched& current) {
+          if (why.empty()) {
+            current.saved = generation;
+            current.savedAs = id;
+          } else {
+            m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
+          }
+          current.isBusy = false;
+        });
+      });
 }
 
 void TableWatch::fail(const std::string& why) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/Guarded.h"
+#include "serve/base/Background.h"
 #include "serve/base/Log.h"
 #include "serve/base/Metrics.h"
 #include "serve/base/Settings.h"
@@ -59,8 +60,6 @@ class TableWatch {
   bool stop(std::chrono::milliseconds patience);
 
  private:
-  class Readers;
-
   // What is known about one table. A print is what the server notes about it.
   struct Watched {
     explicit Watched(TablePointer watchedTable);
@@ -138,7 +137,7 @@ class TableWatch {
   Metrics& m_metrics;
   Log& m_log;
   SnapshotDirectory m_snapshots;
-  std::unique_ptr<Readers> m_readers;
+  Background m_readers;
 
   Guarded<State> m_state;
   std::condition_variable_any m_wake;

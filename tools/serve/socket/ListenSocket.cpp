@@ -116,6 +116,7 @@ class PathLock {
 };
 
 gid_t s_group(const std::string& name, const std::string& path) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): asked before there are threads
   const group* const found = getgrnam(name.c_str());
   if (found != nullptr) return found->gr_gid;
   throw Failure(ExitCode::Configuration, "listening on " + path, "there is no group '" + name + "'",
