@@ -137,7 +137,9 @@ TEST_F(AnswerCacheTest, WhatIsAskedForStaysLongest) {
 TEST_F(AnswerCacheTest, GivesBackWhatIsNotUsed) {
   EXPECT_GT(fill(500), 400);
   keep("used", "OK", Clock::time_point::max(), s_now + minutes(4));
-  keep("late", "OK", s_now + minutes(4), s_now + minutes(4));
+  keep("late", "OK", s_now + minutes(4), s_now + minutes(3));
+  sweep(s_now + minutes(4));
+  EXPECT_EQ(find("late", s_now + minutes(3)), "none");
   sweep(s_now + minutes(6));
   EXPECT_EQ(find("used", s_now + minutes(6)), "OK");
   EXPECT_EQ(find("0"), "none");

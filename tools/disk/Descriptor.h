@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace Tessel::Tool {
 
 // Owns a descriptor; a negative one is none. One thread.
@@ -11,13 +13,14 @@ class Descriptor {
  public:
   explicit Descriptor(int number) noexcept : m_number(number) {}
   ~Descriptor() { reset(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
+  Descriptor& operator=(Descriptor&&) = delete;
 
   [[nodiscard]] int get() const noexcept { return m_number; }
-  void reset() noexcept {
+  // Closes it, and owns `number` from now on.
+  void reset(int number = -1) noexcept {
     if (m_number >= 0) ::close(m_number);
-    m_number = -1;
+    m_number = number;
   }
 
  private:

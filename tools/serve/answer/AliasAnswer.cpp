@@ -59,7 +59,6 @@ Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
     if (users == nullptr) return Answer::temp(s_noConfiguration);
   }
   std::vector<std::string> addresses;
-  addresses.reserve(found.addresses.size());
   bool hasLocalNames = false;
   bool hasDisabled = false;
   for (const EmailAddress& address : found.addresses) {

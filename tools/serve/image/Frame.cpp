@@ -39,7 +39,6 @@ Number s_number(std::string_view bytes) {
 
 std::string encoded(const Frame& frame) {
   std::string bytes;
-  bytes.reserve(s_header + frame.text.size() + sizeof(Checksum));
   bytes.push_back(frame.kind);
   s_append<Length>(bytes, frame.text.size());
   bytes.append(frame.text);

@@ -51,7 +51,6 @@ int s_spawn(pid_t& pid, std::vector<char*>& words, int socket) {
 HelperProcess::HelperProcess(const std::vector<std::string>& command) {
   std::vector<std::string> texts = command;
   std::vector<char*> words;
-  words.reserve(texts.size() + 1);
   for (std::string& text : texts) words.push_back(text.data());
   words.push_back(nullptr);
   int ends[2];

@@ -173,7 +173,6 @@ std::vector<std::string> Tables::unknown(Clock::time_point now) const {
 std::vector<TablePointer> Tables::all() const {
   return m_tables.with([](const auto& tables) {
     std::vector<TablePointer> all;
-    all.reserve(tables.size());
     for (const auto& [name, table] : tables) all.push_back(table);
     return all;
   });

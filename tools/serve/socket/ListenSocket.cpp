@@ -22,7 +22,6 @@
 #include <thread>
 #include <utility>
 
-#include "disk/Descriptor.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
@@ -143,18 +142,17 @@ ListenSocket::~ListenSocket() {
     // A failure of the constructor has the lock already.
     std::optional<PathLock> lock;
     if (m_isListening) lock.emplace(m_path);
-    if (s_isSameFile(m_file, m_path)) unlink(m_path.c_str());
+    if (s_isSameFile(m_file.get(), m_path)) unlink(m_path.c_str());
   } catch (const std::exception&) {
     // The file stays: the next service replaces it.
   }
-  ::close(m_file);
 }
 
 ListenSocket::ListenSocket(ListenSocket&& other) noexcept
     : m_descriptor(std::exchange(other.m_descriptor, -1)),
       m_isLineProtocol(other.m_isLineProtocol),
       m_path(std::exchange(other.m_path, {})),
-      m_file(std::exchange(other.m_file, -1)),
+      m_file(std::move(other.m_file)),
       m_isListening(other.m_isListening) {}
 
 // The socket is created under another name and renamed when it is ready, so that at any moment the
@@ -181,7 +179,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
            "create the directory, writable for the user of the service");
   }
   m_path = made;
-  m_file = open(made.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  m_file.reset(open(made.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!address.group.empty() &&
       chown(made.c_str(), static_cast<uid_t>(-1), s_group(address.group, path)) != 0) {
     s_fail(path, "the group cannot be set", errno, "the service's user must be a member of it");

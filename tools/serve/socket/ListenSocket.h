@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "disk/Descriptor.h"
 #include "serve/base/ListenAddress.h"
 
 namespace Tessel::Serve {
@@ -43,7 +44,7 @@ class ListenSocket {
   bool m_isLineProtocol = false;
   std::string m_path;  // Of a file to remove; empty for none.
   // Open on that file, so that no other file gets its inode number meanwhile.
-  int m_file = -1;
+  Tool::Descriptor m_file{-1};
   bool m_isListening = false;  // At the path, which was made under another name.
 };
 
