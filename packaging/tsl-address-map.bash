@@ -9,8 +9,8 @@ _tsl_address_map_commands() {
     alias) echo add drop expand export import list remove set show tree who ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
-    domain) echo add list merge remove ;;
-    user) echo add import list remove ;;
+    domain) echo add export import list merge remove ;;
+    user) echo add export import list remove ;;
     local) echo shell start status stop ;;
   esac
 }
@@ -22,9 +22,9 @@ _tsl_address_map_options() {
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
-    "alias remove" | "domain add" | "domain merge" | "user remove") echo --dry-run ;;
+    "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;
-    "alias list" | "mask list") echo --domain ;;
+    "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export" | "mask export") echo --domain --format ;;
     "alias import") echo --allow-cycle --columns --domain --dry-run --force --format --local-names --replace --skip-bad ;;

@@ -60,6 +60,23 @@ class TableQuery : public NonCopyable {
     std::int32_t m_index = 0;
   };
 
+  // Has the calling thread read one state while in scope, if that is wanted. Throws Exception when
+  // there is none.
+  class ReadLock {
+   public:
+    explicit ReadLock(bool wanted = true) : m_held(wanted) {
+      if (wanted && cmf_shm_read_lock() != 0) fail();
+    }
+    ~ReadLock() {
+      if (m_held) cmf_shm_read_unlock();
+    }
+    ReadLock(const ReadLock&) = delete;
+    ReadLock& operator=(const ReadLock&) = delete;
+
+   private:
+    bool m_held;
+  };
+
   // Opens the table of the domain with identifier `domainId`. With `takeReadLock` true the calling
   // thread reads one state as long as the query lives, which must then end on the same thread.
   // Throws Exception when there is no such table, its rows are no `Record`, or it cannot be read.
@@ -88,22 +105,6 @@ class TableQuery : public NonCopyable {
 
  private:
   static constexpr std::int32_t s_unknown = -1;
-
-  // Holds the calling thread's read lock, if it is wanted.
-  class ReadLock {
-   public:
-    explicit ReadLock(bool wanted) : m_held(wanted) {
-      if (wanted && cmf_shm_read_lock() != 0) fail();
-    }
-    ~ReadLock() {
-      if (m_held) cmf_shm_read_unlock();
-    }
-    ReadLock(const ReadLock&) = delete;
-    ReadLock& operator=(const ReadLock&) = delete;
-
-   private:
-    bool m_held;
-  };
 
   struct Free {
     void operator()(cmf_query* query) const noexcept { cmf_query_free(query); }

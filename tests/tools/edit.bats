@@ -341,7 +341,7 @@ at_terminal() {
   cmf user add ann@example.com --kind shared
   printf '\xef\xbb\xbfann@example.com\r\n\n  bob@EXAMPLE.com \ncarl@example.net' >users.txt
   run -0 cmf user import users.txt --dry-run
-  equal "$output" "2 added, 1 changed, 0 unchanged"
+  equal "$output" $'~ ann@example.com\tshared -> user\n+ bob@example.com\tuser\n+ carl@example.net\tuser\n2 added, 1 changed, 0 unchanged'
   equal "$(cmf user list example.com)" $'ann@example.com\tshared'
   run -0 --separate-stderr cmf user import users.txt
   equal "$output" "2 added, 1 changed, 0 unchanged"
@@ -350,7 +350,7 @@ at_terminal() {
   equal "$output" '{"kind":"user","added":0,"changed":0,"unchanged":3,"skipped":0}'
   run -0 cmf user import users.txt --kind disabled --json --dry-run
   equal "$output" \
-    '{"kind":"disabled","added":0,"changed":3,"unchanged":0,"skipped":0,"dryRun":true}'
+    '{"kind":"disabled","added":0,"changed":3,"unchanged":0,"skipped":0,"rows":[{"change":"~","address":"ann@example.com","kind":"disabled","former":"user"},{"change":"~","address":"bob@example.com","kind":"disabled","former":"user"},{"change":"~","address":"carl@example.net","kind":"disabled","former":"user"}],"dryRun":true}'
   equal "$(cmf user list example.com; cmf user list example.net)" \
     $'ann@example.com\tuser\nbob@example.com\tuser\ncarl@example.net\tuser'
   run -0 cmf user import /dev/null

@@ -133,6 +133,116 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   equal "$output" ""
 }
 
+# A configuration of domains, users of all kinds, and names that are not plain ASCII.
+fill() {
+  for domain in Example.com büro.example empty.example; do cmf domain add "$domain"; done
+  cmf user import - <<<$'Ann@example.com\nann+tag@example.com\nju\xcc\x88rg@büro.example'
+  cmf user add "o'brien@example.com" --kind disabled
+  cmf user add room@büro.example --kind shared
+} >/dev/null 2>&1
+
+@test "an export of all domains and users, imported, is exported as the same file" {
+  fill
+  cd "$BATS_TEST_TMPDIR"
+  run -0 cmf domain export file --json
+  equal "$output" '{"file":"file","domains":3,"users":5}'
+  run -0 --separate-stderr cmf domain export
+  equal "$output" "$(<file)"
+  equal "$output" "empty.example
+Example.com
+Ann@Example.com	user
+ann+tag@Example.com	user
+o'brien@Example.com	disabled
+xn--bro-hoa.example
+"$'ju\xcc\x88rg@xn--bro-hoa.example\tuser
+room@xn--bro-hoa.example\tshared'
+  mkdir new
+  restored() { "$TSL_TOOL" --cmf new "$@"; }
+  run -0 --separate-stderr restored domain import file --dry-run
+  equal "${lines[0]}" "+ Example.com"
+  equal "${lines[5]}" "+ o'brien@Example.com	disabled"
+  equal "${lines[8]}" "3 domains added; users: 5 added, 0 changed, 0 unchanged"
+  equal "$(ls new)" ""
+  run -0 --separate-stderr restored domain import - <file
+  equal "$output$stderr" "3 domains added; users: 5 added, 0 changed, 0 unchanged"
+  restored domain export again
+  cmp file again
+  restored user add ANN@example.com --kind shared
+  run -0 restored domain import file --dry-run --json
+  equal "$output" '{"domains":0,"added":0,"changed":1,"unchanged":4,"rows":[{"change":"~","address":"Ann@Example.com","kind":"user","former":"shared"}],"dryRun":true}'
+  run -0 restored domain import file
+  equal "$output" "0 domains added; users: 0 added, 1 changed, 4 unchanged"
+  restored domain export again
+  cmp file again
+}
+
+@test "an export of users, of one domain, and where it fails" {
+  fill
+  cd "$BATS_TEST_TMPDIR"
+  run -0 cmf user export --domain BÜRO.example
+  equal "$output" $'ju\xcc\x88rg@xn--bro-hoa.example\tuser\nroom@xn--bro-hoa.example\tshared'
+  cmf user export file
+  equal "$(<file)" "$(cmf domain export | grep @)"
+  cmf user add ann@example.com --kind disabled
+  run -0 cmf user import file --kind disabled
+  equal "$output" "0 added, 1 changed, 4 unchanged"
+  run -1 --separate-stderr cmf domain export --domain other.example
+  contains "$stderr" "no domain other.example"
+  run -64 cmf user export --json
+  run -74 cmf domain export missing/file
+  run -78 "$TSL_TOOL" --cmf missing domain export file
+  equal "$(<file)" "$(cmf domain export | grep @)"
+}
+
+@test "bad lines of an import of domains are named, and nothing is written" {
+  cd "$BATS_TEST_TMPDIR"
+  printf '%s\n' büro.example BÜRO.example $'ann@büro.example\tuser' $'Ann@BÜRO.example\tdisabled' \
+    x@other.example $'bob@büro.example\tboss' '"a b"@büro.example' a..b >file
+  run -65 --separate-stderr cmf domain import file
+  equal "$(sed 's/^tsl-address-map: //' <<<"$stderr")" "domain büro.example is stored as xn--bro-hoa.example
+file:4: a line above says that it is of the kind user
+file:5: there is no domain other.example in the configuration, nor in a line above
+file:6: there is no kind 'boss' of mail user
+file:7: a user name that needs quotes cannot be stored: the all-users alias of the whole domain would stop working
+file:8: bad domain: Two dots in a row in the domain: \"x@a..b\"
+file: it has bad lines
+hint: nothing was written; correct the lines and try again"
+  equal "$(ls "$CMF")" ""
+}
+
+# Has two domains and a user in spellings that only other programs store. The names have the length and the order of
+# those that take their place in the file.
+fill_spellings() {
+  for name in by1ro by2ro; do
+    cmf domain add $name.example
+    cmf user add ann@$name.example
+  done >/dev/null
+  LC_ALL=C sed -i 's/y1ro/\xc3\x9cro/g; s/y2ro/\xc3\xbcro/g' "$CMF/data.mdb"
+}
+
+@test "an import changes all stored spellings of a user" {
+  fill_spellings
+  run -0 cmf user import - --kind disabled --dry-run <<<ann@xn--bro-hoa.example
+  equal "$output" $'~ ann@bÜro.example\tuser -> disabled\n~ ann@büro.example\tuser -> disabled\n0 added, 2 changed, 0 unchanged'
+  run -0 cmf user import - --kind disabled <<<ann@xn--bro-hoa.example
+  equal "$output" "0 added, 2 changed, 0 unchanged"
+  run -0 --separate-stderr cmf user list büro.example
+  equal "$output" $'ann@bÜro.example\tdisabled\nann@büro.example\tdisabled'
+}
+
+@test "what is stored in several spellings is exported, and an import joins it" {
+  fill_spellings
+  cd "$BATS_TEST_TMPDIR"
+  cmf domain export file
+  equal "$(<file)" $'bÜro.example\nann@bÜro.example\tuser\nbüro.example\nann@büro.example\tuser'
+  mkdir new
+  run -0 --separate-stderr "$TSL_TOOL" --cmf new domain import file
+  equal "$output" "1 domains added; users: 1 added, 0 changed, 1 unchanged"
+  equal "$stderr" "tsl-address-map: domain bÜro.example is stored as xn--bro-hoa.example"
+  cmf domain merge büro.example
+  equal "$("$TSL_TOOL" --cmf new domain export)" "$(cmf domain export)"
+}
+
 @test "without a configuration" {
   run -78 --separate-stderr cmf domain list
   contains "$stderr" "domain add"

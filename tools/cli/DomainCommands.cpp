@@ -202,6 +202,9 @@ void addDomainCommands(Command& top) {
                 "  tsl-address-map domain list\n"
                 "One per line: DOMAIN<TAB>ID; with --json a list of {\"domain\", \"id\"}.\n",
                 Preparation::Database, s_list);
+
+  addDomainExportCommand(group);
+  addDomainImportCommand(group);
 }
 
 }  // namespace Tessel::Tool

@@ -164,6 +164,7 @@ void addUserCommands(Command& top) {
       Preparation::Database, withArguments(s_list, arguments));
   list.argument("DOMAIN", arguments->domain, "The domain");
 
+  addUserExportCommand(group);
   addUserImportCommand(group);
 }
 

@@ -32,10 +32,15 @@ bool s_isListable(const EmailAddress& address) {
 
 }  // namespace
 
-CMF::MailUserKind parseUserKind(const std::string& text) {
+std::optional<CMF::MailUserKind> userKindOf(const std::string& text) {
   for (const KindName& known : s_kinds) {
     if (text == known.name || text == known.number) return known.kind;
   }
+  return std::nullopt;
+}
+
+CMF::MailUserKind parseUserKind(const std::string& text) {
+  if (const auto kind = userKindOf(text)) return *kind;
   throw Failure(ExitCode::Usage, "--kind " + text, "there is no such kind of mail user",
                 "use user (1), disabled (0) or shared (2)");
 }

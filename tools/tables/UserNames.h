@@ -3,6 +3,7 @@
 #define TSL_TOOLS_TABLES_USERNAMES_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "address/EmailAddress.h"
@@ -15,7 +16,10 @@ namespace Tessel::Tool {
 inline constexpr char s_kindHelp[] =
     "user (1), disabled (0) or shared (2); only users belong to 'all users'";
 
-// The kind that `text`, a name or a number, is. Throws Failure, `Usage`.
+// The kind that `text`, a name or a number, is; nothing when it is none.
+std::optional<CMF::MailUserKind> userKindOf(const std::string& text);
+
+// The same for the value of --kind. Throws Failure, `Usage`.
 CMF::MailUserKind parseUserKind(const std::string& text);
 
 // The name of the kind, or its number where it has none.
