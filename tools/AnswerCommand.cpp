@@ -65,6 +65,10 @@ ExitCode s_codeOf(Fate fate) {
   return fate == Fate::Refused ? ExitCode::NotFound : ExitCode::Done;
 }
 
+Json s_orNull(const std::string& text) {
+  return text.empty() ? Json() : Json(text);
+}
+
 Json s_jsonOf(const std::string& address, const MailPath& path) {
   Json steps = Json::array();
   for (const MailStep& step : path.steps) {
@@ -72,11 +76,14 @@ Json s_jsonOf(const std::string& address, const MailPath& path) {
     steps.push_back(Json{{"map", step.map},
                          {"key", step.key},
                          {"result", step.reply.substr(0, blank)},
-                         {"data", step.reply.substr(blank + 1)}});
+                         {"data", step.reply.substr(blank + 1)},
+                         {"base", s_orNull(step.base)}});
   }
   Json recipients = Json::array();
   for (const MailRecipient& recipient : path.recipients) {
-    recipients.push_back(Json{{"address", recipient.address}, {"fate", textOf(recipient.fate)}});
+    recipients.push_back(Json{{"address", recipient.address},
+                              {"fate", textOf(recipient.fate)},
+                              {"base", s_orNull(recipient.base)}});
   }
   return Json{{"address", address},
               {"fate", textOf(path.fate)},
@@ -84,13 +91,23 @@ Json s_jsonOf(const std::string& address, const MailPath& path) {
               {"recipients", recipients}};
 }
 
+// The step from an address to the one without its tag, if there is one.
+void s_writeTag(Tool::Output& output, const std::string& address, const std::string& base,
+                const char* what) {
+  if (base.empty()) return;
+  const std::string text = printable(address);
+  output.line("tag\t" + text + "\tno " + what + " " + text + ", asked for " + printable(base));
+}
+
 void s_write(Tool::Output& output, const MailPath& path) {
   for (const MailStep& step : path.steps) {
     const std::size_t end = step.reply.find_last_not_of(' ');
     output.line(printable(step.map) + "\t" + printable(step.key) + "\t" +
                 printable(step.reply.substr(0, end + 1)));
+    s_writeTag(output, step.key, step.base, "row of");
   }
   for (const MailRecipient& recipient : path.recipients) {
+    s_writeTag(output, recipient.address, recipient.base, "user");
     output.line("recipient\t" + printable(recipient.address) + "\t" + textOf(recipient.fate));
   }
 }
@@ -113,11 +130,11 @@ std::unique_ptr<DatabaseLookup> s_database(const Settings& settings, const std::
 }
 
 void s_compare(const std::string& address, const MailPath& path, DatabaseLookup& database,
-               const std::string& table) {
+               const std::string& table, const std::string& delimiters) {
   const auto ask = [&](const std::string& map, const std::string& key) {
     return database.ask(map, key);
   };
-  const MailPath now = mailPathOf(address, table, ask);
+  const MailPath now = mailPathOf(address, table, delimiters, ask);
   // Pages are steps that the database has no need of.
   if (now.recipients == path.recipients && now.fate == path.fate) return;
   Tool::say("warning: the service answers for " + address +
@@ -130,6 +147,8 @@ void s_compare(const std::string& address, const MailPath& path, DatabaseLookup&
 
 ExitCode s_answer(Tool::Session& session, const Arguments& arguments) {
   const Settings settings = s_settings(arguments);
+  const bool hasTags = settings.extension != ExtensionRule::Off;
+  const std::string delimiters = hasTags ? settings.delimiter : "";
   const std::string table = session.tableName();
   std::optional<SocketmapClient> service;
   if (!arguments.from.empty()) service.emplace(s_service(arguments.from));
@@ -140,9 +159,11 @@ ExitCode s_answer(Tool::Session& session, const Arguments& arguments) {
   Tool::ItemList list(session.output());
   ExitCode worst = ExitCode::Done;
   const ExitCode read = Tool::forEachAddress(arguments.addresses, [&](const EmailAddress& address) {
-    const MailPath path = mailPathOf(address.address(), table, ask);
+    const MailPath path = mailPathOf(address.address(), table, delimiters, ask);
     worst = std::max(worst, s_codeOf(path.fate));
-    if (service && database != nullptr) s_compare(address.address(), path, *database, table);
+    if (service && database != nullptr) {
+      s_compare(address.address(), path, *database, table, delimiters);
+    }
     if (!session.isJson()) return s_write(session.output(), path);
     list.add("", [&] { return s_jsonOf(address.address(), path); });
   });
@@ -161,9 +182,10 @@ void addAnswerCommand(Tool::Command& top) {
       "  tsl-address-map answer - --json <addresses.txt\n"
       "One line per lookup, as the service answers it: MAP<TAB>KEY<TAB>REPLY; then"
       " recipient<TAB>ADDRESS<TAB>FATE, the\nfate being mailbox, elsewhere (another host), refused"
-      " (no such user) or waits (a lookup fails now). With --json\na list of {\"address\","
-      " \"fate\", \"steps\", \"recipients\"}. Exit 1 when a recipient is refused, 75 when mail"
-      " waits.\nThe tables are read whole: from a running service, --from is faster and shows what"
+      " (no such user) or waits (a lookup fails now). A line tag\nsays that user+tag was not found,"
+      " and user was. With --json a list of {\"address\", \"fate\", \"steps\",\n\"recipients\"}."
+      " Exit 1 when a recipient is refused, 75 when mail waits.\nThe tables are read whole: from a "
+      "running service, --from is faster and shows what"
       " it knows.\n",
       Tool::Preparation::Database, Tool::withArguments(s_answer, arguments));
   answer.arguments("ADDRESS", arguments->addresses, "An address, or - for standard input");

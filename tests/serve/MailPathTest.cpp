@@ -18,7 +18,7 @@ using testing::IsEmpty;
 class MailPathTest : public testing::Test {
  protected:
   MailPath pathOf(const std::string& address, const std::string& table = "") {
-    return mailPathOf(address, table, [this](const std::string& map, const std::string& key) {
+    return mailPathOf(address, table, "+", [this](const std::string& map, const std::string& key) {
       const auto known = m_replies.find(map + " " + key);
       return known != m_replies.end() ? known->second : "NOTFOUND ";
     });
@@ -45,6 +45,35 @@ TEST_F(MailPathTest, TheMaskComesBeforeTheAliasWhoseMembersFareEachInItsWay) {
                                            MailRecipient{"ann@d.example", Fate::Mailbox},
                                            MailRecipient{"gone@d.example", Fate::Refused}));
   EXPECT_EQ(path.fate, Fate::Refused);
+}
+
+TEST_F(MailPathTest, TheStepFromATagToTheAddressWithoutItIsShown) {
+  m_replies["mask_private team@out.example"] = "OK team@d.example";
+  m_replies["mask_private team+x@out.example"] = "OK team+x@d.example";
+  m_replies["alias team@d.example"] = "OK ann@d.example,b@far.example";
+  m_replies["alias team+x@d.example"] = "OK ann+x@d.example,b+x@far.example";
+  m_replies["mailbox ann+x@d.example"] = "OK ann@d.example";
+  const MailPath path = pathOf("team+x@out.example");
+  EXPECT_THAT(path.steps,
+              ElementsAre(MailStep{"mask_private", "team+x@out.example", "OK team+x@d.example",
+                                   "team@out.example"},
+                          MailStep{"alias", "team+x@d.example",
+                                   "OK ann+x@d.example,b+x@far.example", "team@d.example"}));
+  EXPECT_THAT(path.recipients,
+              ElementsAre(MailRecipient{"ann+x@d.example", Fate::Mailbox, "ann@d.example"},
+                          MailRecipient{"b+x@far.example", Fate::Elsewhere}));
+  // A service that drops the tag.
+  m_replies["alias team+x@d.example"] = m_replies["alias team@d.example"];
+  EXPECT_EQ(pathOf("team+x@d.example").steps[1].base, "team@d.example");
+}
+
+TEST_F(MailPathTest, ARowOfTheTagItselfIsNoStepFromIt) {
+  m_replies["alias team@d.example"] = "OK ann@d.example";
+  m_replies["alias team+x@d.example"] = "OK x@far.example";
+  EXPECT_EQ(pathOf("team+x@d.example").steps[1].base, "");
+  // Nor is a mailbox in another letter case.
+  m_replies["mailbox ANN@d.example"] = "OK ann@d.example";
+  EXPECT_EQ(pathOf("ANN@d.example").recipients[0].base, "");
 }
 
 TEST_F(MailPathTest, PagesAreFollowed) {

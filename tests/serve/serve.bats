@@ -128,7 +128,10 @@ OK ann+sport@example.com,bob+sport@example.net"
   tool mask set team@example.com team@out.example
   tool alias set team@example.com ann@users.example gone@users.example bob@far.example
   expected="$address"$'OK team+x@example.com
+tag\tTEAM+x@out.example\tno row of TEAM+x@out.example, asked for TEAM@out.example
 alias\tteam+x@example.com\tOK ann+x@users.example,bob+x@far.example,gone+x@users.example
+tag\tteam+x@example.com\tno row of team+x@example.com, asked for team@example.com
+tag\tann+x@users.example\tno user ann+x@users.example, asked for ann@users.example
 recipient\tann+x@users.example\tmailbox
 recipient\tbob+x@far.example\telsewhere
 recipient\tgone+x@users.example\trefused'
@@ -137,8 +140,11 @@ recipient\tgone+x@users.example\trefused'
   run -0 tool answer ann@users.example bob@far.example --json
   equal "$(python3 -c 'import json, sys
 for one in json.load(sys.stdin): print(one["address"], one["fate"], one["recipients"], one["steps"][1])' <<<"$output")" \
-    "ann@users.example mailbox [{'address': 'ann@users.example', 'fate': 'mailbox'}] {'map': 'alias', 'key': 'ann@users.example', 'result': 'NOTFOUND', 'data': ''}
-bob@far.example elsewhere [{'address': 'bob@far.example', 'fate': 'elsewhere'}] {'map': 'alias', 'key': 'bob@far.example', 'result': 'NOTFOUND', 'data': ''}"
+    "ann@users.example mailbox [{'address': 'ann@users.example', 'fate': 'mailbox', 'base': None}] {'map': 'alias', 'key': 'ann@users.example', 'result': 'NOTFOUND', 'data': '', 'base': None}
+bob@far.example elsewhere [{'address': 'bob@far.example', 'fate': 'elsewhere', 'base': None}] {'map': 'alias', 'key': 'bob@far.example', 'result': 'NOTFOUND', 'data': '', 'base': None}"
+  run -1 tool answer TEAM+x@out.example --json
+  contains "$output" '"data":"team+x@example.com","base":"TEAM@out.example"}'
+  contains "$output" '{"address":"ann+x@users.example","fate":"mailbox","base":"ann@users.example"}'
   start_service --refresh 1h
   wait_for answers 'mask_public team@example.com' 'OK team@out.example'
   wait_for answers 'domain users.example' 'OK users.example'

@@ -10,6 +10,7 @@
 #include "address/EmailAddress.h"
 #include "serve/image/Pages.h"
 #include "tables/AddressKey.h"
+#include "tables/Extension.h"
 
 namespace Tessel::Serve {
 
@@ -20,8 +21,8 @@ constexpr std::string_view s_notFound = "NOTFOUND ";
 
 class Follower {
  public:
-  Follower(const std::string& table, const AskMap& ask)
-      : m_suffix(table.empty() ? "" : "." + table), m_ask(ask) {}
+  Follower(const std::string& table, const std::string& delimiters, const AskMap& ask)
+      : m_suffix(table.empty() ? "" : "." + table), m_delimiters(delimiters), m_ask(ask) {}
 
   MailPath follow(const std::string& address) {
     const std::string masked = step("mask_private", address);
@@ -30,9 +31,8 @@ class Follower {
     if (!expand(recipient)) return std::move(m_path);
     m_path.fate = m_finals.empty() ? Fate::Refused : Fate::Mailbox;
     for (const EmailAddress& final : m_finals) {
-      const Fate fate = fateOf(final);
-      m_path.recipients.push_back({final.address(), fate});
-      m_path.fate = std::max(m_path.fate, fate);
+      m_path.recipients.push_back(recipientOf(final));
+      m_path.fate = std::max(m_path.fate, m_path.recipients.back().fate);
     }
     return std::move(m_path);
   }
@@ -44,8 +44,24 @@ class Follower {
 
   std::string step(const std::string& map, const std::string& key) {
     std::string reply = m_ask(map + m_suffix, key);
-    m_path.steps.push_back({map + m_suffix, key, reply});
+    m_path.steps.push_back({map + m_suffix, key, reply, baseOf(map + m_suffix, key, reply)});
     return reply;
+  }
+
+  // `key` without its tag, if `reply` is what the row of that makes of it; otherwise empty text.
+  // One reply does not tell, so the map is asked for that, too.
+  std::string baseOf(const std::string& map, const std::string& key, const std::string& reply) {
+    if (!reply.starts_with(s_ok)) return "";
+    const Tool::ExtendedAddress cut = Tool::cutExtension(key, m_delimiters);
+    if (cut.extension.empty()) return "";
+    const std::string other = m_ask(map, cut.base);
+    if (!other.starts_with(s_ok)) return "";
+    // A service may drop the tag, or keep it.
+    const bool isSame =
+        reply == other || reply.substr(s_ok.size()) ==
+                              Tool::allWithExtension(std::string_view(other).substr(s_ok.size()),
+                                                     cut.extension, m_delimiters);
+    return isSame ? cut.base : "";
   }
 
   // Adds the members of the alias `address`, or itself. False when a lookup fails.
@@ -66,20 +82,26 @@ class Follower {
     return true;
   }
 
-  Fate fateOf(const EmailAddress& address) {
-    if (address.domain().empty()) return Fate::Elsewhere;
+  MailRecipient recipientOf(const EmailAddress& address) {
+    const std::string text = address.address();
+    if (address.domain().empty()) return {text, Fate::Elsewhere};
     auto domain = m_domains.find(address.domain());
     if (domain == m_domains.end()) {
       domain = m_domains.emplace(address.domain(), m_ask("domain", address.domain())).first;
     }
-    if (isFailure(domain->second)) return Fate::Waits;
-    if (!domain->second.starts_with(s_ok)) return Fate::Elsewhere;
-    const std::string mailbox = m_ask("mailbox", address.address());
-    if (isFailure(mailbox)) return Fate::Waits;
-    return mailbox.starts_with(s_ok) ? Fate::Mailbox : Fate::Refused;
+    if (isFailure(domain->second)) return {text, Fate::Waits};
+    if (!domain->second.starts_with(s_ok)) return {text, Fate::Elsewhere};
+    const std::string reply = m_ask("mailbox", text);
+    if (isFailure(reply)) return {text, Fate::Waits};
+    if (!reply.starts_with(s_ok)) return {text, Fate::Refused};
+    // The reply is the key of the mailbox.
+    std::string mailbox = reply.substr(s_ok.size());
+    if (mailbox == Tool::comparisonKey(text)) mailbox.clear();
+    return {text, Fate::Mailbox, mailbox};
   }
 
   const std::string m_suffix;
+  const std::string& m_delimiters;
   const AskMap& m_ask;
   MailPath m_path;
   std::set<EmailAddress> m_finals;
@@ -102,8 +124,9 @@ const char* textOf(Fate fate) {
   return "";
 }
 
-MailPath mailPathOf(const std::string& address, const std::string& table, const AskMap& ask) {
-  return Follower(table, ask).follow(address);
+MailPath mailPathOf(const std::string& address, const std::string& table,
+                    const std::string& delimiters, const AskMap& ask) {
+  return Follower(table, delimiters, ask).follow(address);
 }
 
 }  // namespace Tessel::Serve

@@ -27,6 +27,7 @@ struct MailStep {
   std::string map;
   std::string key;
   std::string reply;
+  std::string base{};  // `key` without its tag, when the reply is made from the row of that.
 
   bool operator==(const MailStep&) const = default;
 };
@@ -34,6 +35,7 @@ struct MailStep {
 struct MailRecipient {
   std::string address;
   Fate fate;
+  std::string base{};  // The mailbox, when that has not the tag of the address.
 
   bool operator==(const MailRecipient&) const = default;
 };
@@ -48,9 +50,10 @@ struct MailPath {
 };
 
 // Follows `address` in the way of docs/postfix.md: its mask, its alias in the tables `table` (a
-// store name; empty for the base tables), and the users and domains of what that leads to.
-// Exceptions of `ask` pass.
-MailPath mailPathOf(const std::string& address, const std::string& table, const AskMap& ask);
+// store name; empty for the base tables), and the users and domains of what that leads to. Tags
+// begin with one of `delimiters`. Exceptions of `ask` pass.
+MailPath mailPathOf(const std::string& address, const std::string& table,
+                    const std::string& delimiters, const AskMap& ask);
 
 }  // namespace Tessel::Serve
 
