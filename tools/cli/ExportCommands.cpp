@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "database/Connection.h"
@@ -59,6 +60,7 @@ class TableReader {
     if (Progress::isWatched() && m_domain.empty()) {
       progress.setTotal(countRows(m_connection, m_table));
     }
+    m_isFirst = m_seen.size() == 0;
     m_seen = {};
     m_public = {};
     m_good = true;
@@ -110,16 +112,9 @@ class TableReader {
   bool check(std::string_view key, std::string_view value, std::string& text) {
     TableEntry entry;
     if (const auto fault = readEntry(m_reader, key, value, entry)) return refuse(key, fault->why);
-    // Two spellings of one address would be two lines that no import accepts.
-    const AddressIndex::Added seen = m_seen.add(entry.key.address());
-    if (!seen.isNew) {
-      return refuse(key, "another row is that of the same address, spelled '" +
-                             std::string(m_seen.text(seen.id)) + "'");
-    }
-    // So would a public address that two rows show.
-    if (m_format.hasPublic && !m_public.add(entry.value()).isNew) {
-      return refuse(key, "another row has the same public address");
-    }
+    // Two lines of one address are two that an import asks about.
+    warnOfSecond(key, m_seen, entry.key.address(), "address");
+    if (m_format.hasPublic) warnOfSecond(key, m_public, entry.value(), "public address");
     auto fault = m_syntax.write(entry, text);
     if (!fault && text.starts_with(s_byteOrderMark)) {
       fault = formatFault("its line would begin with a byte order mark");
@@ -130,6 +125,18 @@ class TableReader {
         ExitCode::BadData, "row '" + std::string(key) + "' of table " + m_table,
         std::string("the format ") + m_syntax.name() + " cannot express it: " + fault->why, ""));
     return false;
+  }
+
+  // Adds `address`, which is called `what`, of the row `key` to `seen`; reports it, once, if a row
+  // before has it.
+  void warnOfSecond(std::string_view key, SpellingIndex& seen, const std::string& address,
+                    const char* what) {
+    const AddressIndex::Added added = seen.add(address);
+    if (added.isNew || !m_isFirst) return;
+    const std::string other(seen.text(added.id));
+    say("warning: row '" + std::string(key) + "' of table " + m_table + " has the " + what +
+        " of another row, '" + other + "'; an import takes " +
+        (stringCompareNoCase(other, address, 0) ? "one of the two" : "both with --new-spelling"));
   }
 
   // Reports the broken row of `key`; false.
@@ -150,6 +157,7 @@ class TableReader {
   Database::Transaction m_snapshot;
   SpellingIndex m_seen;
   SpellingIndex m_public;
+  bool m_isFirst = true;  // The rows are read for the first time.
   bool m_good = true;
 };
 

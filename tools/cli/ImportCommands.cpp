@@ -168,6 +168,8 @@ void addImportCommand(Command& group, const TableFormat& format) {
       .flag("--skip-bad", arguments->options.skipBad,
             "Leave bad lines out, and of two lines for one address the second; import the rest")
       .excludes(replace);
+  import.flag("--new-spelling", arguments->options.newSpelling,
+              "Make a row of each spelling of an address, also if the table has another one");
   import.option("--format", arguments->options.format, formatNames(format),
                 "The format of the file; by default recognised from its first lines");
   import.option("--columns", arguments->options.columns, "NAME,NAME",

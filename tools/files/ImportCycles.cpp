@@ -7,7 +7,10 @@
 namespace Tessel::Tool {
 
 ImportCycles::ImportCycles(const TableFile& file) : m_file(file) {
-  for (const FileEntry& entry : file.entries()) m_names.add(entry.key.address());
+  m_nodes.reserve(file.entries().size());
+  for (const FileEntry& entry : file.entries()) {
+    m_nodes.push_back(m_names.add(entry.key.address()).id);
+  }
 }
 
 void ImportCycles::keep(std::string_view name, std::string_view members) {
@@ -18,25 +21,27 @@ void ImportCycles::keep(std::string_view name, std::string_view members) {
 }
 
 std::vector<ImportCycles::Cycle> ImportCycles::find(const std::vector<const FileEntry*>& written) {
-  const std::vector<FileEntry>& entries = m_file.entries();
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    addLinks(static_cast<DirectedGraph::Node>(i), aliasesIn(entries[i]));
-  }
+  for (const FileEntry& entry : m_file.entries()) addLinks(nodeOf(entry), aliasesIn(entry));
   std::size_t start = 0;
-  for (std::size_t i = 0; i < m_ends.size(); ++i) {
-    addLinks(static_cast<DirectedGraph::Node>(entries.size() + i),
-             aliasesIn(std::string_view(m_members).substr(start, m_ends[i] - start)));
-    start = m_ends[i];
+  // The kept rows come last.
+  auto kept = static_cast<DirectedGraph::Node>(m_names.size() - m_ends.size());
+  for (const std::size_t end : m_ends) {
+    addLinks(kept++, aliasesIn(std::string_view(m_members).substr(start, end - start)));
+    start = end;
   }
   // Mostly no alias is a member of another one.
   if (m_links.empty()) return {};
   std::vector<DirectedGraph::Node> nodes;
   nodes.reserve(written.size());
-  for (const FileEntry* entry : written) nodes.push_back(nodeOf(*entry));
+  std::map<DirectedGraph::Node, std::size_t> lines;
+  for (const FileEntry* entry : written) {
+    nodes.push_back(nodeOf(*entry));
+    lines.emplace(nodes.back(), entry->number);
+  }
   const DirectedGraph links(m_names.size(), m_links);
   std::vector<Cycle> cycles;
   for (const Tool::Cycle& found : cyclesOf(links, nodes, addedLinks(written))) {
-    Cycle cycle{entries[found.path.front()].number, {}, found.isNew};
+    Cycle cycle{lines.at(found.path.front()), {}, found.isNew};
     for (const DirectedGraph::Node node : found.path) cycle.path.emplace_back(m_names.text(node));
     cycles.push_back(std::move(cycle));
   }
@@ -48,7 +53,7 @@ void ImportCycles::replace(const FileEntry& entry, std::string_view members) {
 }
 
 DirectedGraph::Node ImportCycles::nodeOf(const FileEntry& entry) const {
-  return static_cast<DirectedGraph::Node>(&entry - m_file.entries().data());
+  return m_nodes[static_cast<std::size_t>(&entry - m_file.entries().data())];
 }
 
 // Links of entries to members that are new in their rows.

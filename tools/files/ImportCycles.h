@@ -50,8 +50,9 @@ class ImportCycles {
 
   const TableFile& m_file;
   RowReader m_reader{TableKind::Alias};
-  SpellingIndex m_names;            // The entries of the file first, in their order.
-  std::vector<std::size_t> m_ends;  // Of the members of kept rows in `m_members`.
+  SpellingIndex m_names;  // The aliases of the file first, in their order; all are nodes.
+  std::vector<DirectedGraph::Node> m_nodes;  // Of the entries. Spellings of one alias share one.
+  std::vector<std::size_t> m_ends;           // Of the members of kept rows in `m_members`.
   std::string m_members;
   std::map<DirectedGraph::Node, std::string> m_replaced;  // Members before, of entries that change.
   std::vector<Link> m_links;

@@ -12,6 +12,7 @@
 #include "base/stringCompareNoCase.h"
 #include "failure/Failure.h"
 #include "files/FileSyntax.h"
+#include "tables/AddressKey.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -60,7 +61,7 @@ void LineFaults::refuse(const std::string& why) {
 
 TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,
                      Progress& progress)
-    : m_name(path == "-" ? "standard input" : path) {
+    : m_name(path == "-" ? "standard input" : path), m_newSpelling(options.newSpelling) {
   progress.beginReading(path);
   Lines lines(path, m_name);
   const std::string name =
@@ -130,7 +131,7 @@ void TableFile::leaveDoublesOut(const TableFormat& format, LineFaults& faults) {
 // and returns null, when an entry before it has the address.
 std::size_t* TableFile::placeOf(Places& places, const FileEntry& entry, const EmailAddress& address,
                                 const char* what, LineFaults& faults) const {
-  const AddressIndex::Added added = places.addresses.add(address.address());
+  const AddressIndex::Added added = places.addresses.add(textOf(address));
   if (added.isNew) places.entries.push_back(s_nowhere);
   std::size_t& place = places.entries[added.id];
   if (place == s_nowhere) return &place;
@@ -139,7 +140,9 @@ std::size_t* TableFile::placeOf(Places& places, const FileEntry& entry, const Em
   const bool isAlike = stringCompareNoCase(other.address(), address.address(), 0);
   faults.add(entry.number, std::string("the ") + what + " " + address.address() + " is in line " +
                                std::to_string(first.number) + " already" +
-                               (isAlike ? "" : ", spelled " + other.address()));
+                               (isAlike ? ""
+                                        : ", spelled " + other.address() +
+                                              "; --new-spelling makes two rows of them"));
   return nullptr;
 }
 
@@ -163,6 +166,11 @@ void TableFile::sort() {
   }
 }
 
+std::string TableFile::textOf(const EmailAddress& address) const {
+  std::string text = address.address();
+  return m_newSpelling ? text : comparisonKey(text);
+}
+
 const FileEntry* TableFile::withKey(const EmailAddress& key) const {
   return with(m_byKey, key);
 }
@@ -172,8 +180,8 @@ const FileEntry* TableFile::withPublic(const EmailAddress& address) const {
 }
 
 const FileEntry* TableFile::with(const Places& places, const EmailAddress& address) const {
-  const SpellingIndex::Id id = places.addresses.find(address.address());
-  const std::size_t place = id != SpellingIndex::s_none ? places.entries[id] : s_nowhere;
+  const AddressIndex::Id id = places.addresses.find(textOf(address));
+  const std::size_t place = id != AddressIndex::s_none ? places.entries[id] : s_nowhere;
   return place != s_nowhere ? &m_entries[place] : nullptr;
 }
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "files/FileSyntax.h"
-#include "tables/SpellingIndex.h"
+#include "tables/AddressIndex.h"
 #include "tables/TableFormat.h"
 #include "tables/WriteRule.h"
 #include "terminal/Progress.h"
@@ -58,6 +58,8 @@ class TableFile {
     LocalNames localNames = LocalNames::Refuse;
     std::string columns{};  // As --columns has them; for csv, which they mean without a format.
     bool skipBad = false;   // Leave bad lines out, and the later of two lines of one address.
+    // Take two spellings of one address for two addresses, unless they differ in letter case only.
+    bool newSpelling = false;
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
@@ -69,20 +71,20 @@ class TableFile {
 
   // For messages.
   [[nodiscard]] const std::string& name() const { return m_name; }
-  // The lines in the order of their keys. No two keys are spellings of one address, nor are two
-  // public addresses.
+  // The lines in the order of their keys. No two keys are of one address, nor are two public
+  // addresses.
   [[nodiscard]] const std::vector<FileEntry>& entries() const { return m_entries; }
   // The bad lines that were left out.
   [[nodiscard]] const std::vector<LineFaults::Fault>& skipped() const { return m_skipped; }
-  // The entry with this key in any spelling, or null.
+  // The entry with this key, or null: in any spelling, unless the options say otherwise.
   [[nodiscard]] const FileEntry* withKey(const EmailAddress& key) const;
-  // The entry with this public address in any spelling, or null.
+  // The entry with this public address, or null, likewise.
   [[nodiscard]] const FileEntry* withPublic(const EmailAddress& address) const;
 
  private:
-  // Where the entries of some addresses are, in any spelling.
+  // Where the entries of some addresses are.
   struct Places {
-    SpellingIndex addresses;
+    AddressIndex addresses;            // What textOf() makes of them.
     std::vector<std::size_t> entries;  // By the number of the address.
   };
 
@@ -92,9 +94,12 @@ class TableFile {
   std::size_t* placeOf(Places& places, const FileEntry& entry, const EmailAddress& address,
                        const char* what, LineFaults& faults) const;
   void sort();
+  // What an address is found by.
+  [[nodiscard]] std::string textOf(const EmailAddress& address) const;
   [[nodiscard]] const FileEntry* with(const Places& places, const EmailAddress& address) const;
 
   std::string m_name;
+  bool m_newSpelling;
   std::vector<LineFaults::Fault> m_skipped;
   std::vector<FileEntry> m_entries;
   Places m_byKey;
