@@ -67,6 +67,21 @@ TEST_F(MailPathTest, TheStepFromATagToTheAddressWithoutItIsShown) {
   EXPECT_EQ(pathOf("team+x@d.example").steps[1].base, "team@d.example");
 }
 
+TEST_F(MailPathTest, AMemberWithATagIsFollowedToTheAliasWithoutIt) {
+  m_replies["alias team@d.example"] = "OK b+x@d.example";
+  m_replies["alias b+x@d.example"] = "OK b+x@d.example,ann+x@d.example";
+  m_replies["alias b@d.example"] = "OK b@d.example,ann@d.example";
+  m_replies["mailbox ann+x@d.example"] = "OK ann@d.example";
+  const MailPath path = pathOf("team@d.example");
+  EXPECT_EQ(path.steps.back(), (MailStep{"alias", "b+x@d.example",
+                                         "OK b+x@d.example,ann+x@d.example", "b@d.example"}));
+  EXPECT_THAT(path.recipients,
+              ElementsAre(MailRecipient{"ann+x@d.example", Fate::Mailbox, "ann@d.example"},
+                          MailRecipient{"b+x@d.example", Fate::Refused}));
+  m_replies["alias b+x@d.example"] = "TEMP the row cannot be read";
+  EXPECT_EQ(pathOf("team@d.example").fate, Fate::Waits);
+}
+
 TEST_F(MailPathTest, ARowOfTheTagItselfIsNoStepFromIt) {
   m_replies["alias team@d.example"] = "OK ann@d.example";
   m_replies["alias team+x@d.example"] = "OK x@far.example";

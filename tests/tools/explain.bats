@@ -266,6 +266,29 @@ top@users.example -> all@users.example -> allusers_users.example -> ann@users.ex
   tool domain remove users.example --yes
 }
 
+@test "tree: rows in another spelling, which the library does not follow" {
+  rows team@x.example:boss@BÜRO.example,boss@xn--bro-hoa.example,cid+news@x.example \
+    boss@büro.example:boss@xn--bro-hoa.example,eve@x.example cid@x.example:bob@x.example
+  run -0 --separate-stderr tool alias tree team@x.example
+  equal "$output" "team@x.example: alias [boss@BÜRO.example,boss@xn--bro-hoa.example,cid+news@x.example]
+  boss@BÜRO.example: alias [boss@xn--bro-hoa.example,eve@x.example] (the row of boss@büro.example, which the lookup service follows, and the library does not)
+    boss@xn--bro-hoa.example: self-delivery (the alias names itself, and is delivered to)
+    eve@x.example: final
+  boss@xn--bro-hoa.example: repeated (expanded above)
+  cid+news@x.example: final (mail servers find the alias cid@x.example here)
+depth 2, aliases: 2, final addresses: 3, repeated: 1, cycles: 0, dangling: 0"
+  equal "$stderr" ""
+  run -0 --separate-stderr tool alias expand team@x.example
+  equal "$output" $'boss@BÜRO.example\nboss@xn--bro-hoa.example\ncid+news@x.example'
+  contains "$stderr" "warning: mail servers find the alias boss@büro.example for boss@BÜRO.example, which is a final address to the library"
+  contains "$stderr" "warning: mail servers find the alias cid@x.example for cid@x.example with a tag, "
+  run -0 --separate-stderr tool alias tree boss@xn--bro-hoa.example
+  equal "${lines[0]}" "boss@xn--bro-hoa.example: alias [boss@xn--bro-hoa.example,eve@x.example]"
+  equal "$stderr" "tsl-address-map: alias boss@xn--bro-hoa.example has the spelling boss@büro.example"
+  run -0 --separate-stderr tool alias tree cid+x@x.example
+  equal "${lines[0]}" "cid@x.example: alias [bob@x.example]"
+}
+
 @test "who: in any spelling" {
   rows team@x.example:ann@büro.example,x@x.example boss@xn--bro-hoa.example:team@x.example up@x.example:BOSS@BÜRO.example
   for address in ann@xn--bro-hoa.example ANN@BÜRO.example; do

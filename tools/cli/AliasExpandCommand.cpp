@@ -12,6 +12,7 @@
 #include "cli/AliasEdit.h"
 #include "cli/Command.h"
 #include "tables/Configuration.h"
+#include "tables/Extension.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Tool {
@@ -55,6 +56,7 @@ class Expander {
       }
     }
     checkMarker(address, found);
+    tellDifference(found);
     return {"found", ExitCode::Done, std::move(found), ""};
   }
 
@@ -72,6 +74,26 @@ class Expander {
     throw Failure(ExitCode::Unavailable, "expanding " + address.address(),
                   "the mail users of " + address.domain() + " could not be read",
                   "look at them with 'tsl-address-map user list " + address.domain() + "'");
+  }
+
+  // To the library, a member in another spelling than its row, or with a tag, is a final address.
+  void tellDifference(const Addresses& found) {
+    if (!m_table) m_table.emplace(aliasTableName(m_session.tableName()));
+    for (const auto& [text, name] : m_table->spellingsOf(found)) tellFollowed(text, name);
+    Addresses bases;
+    for (const EmailAddress& one : found) {
+      const std::string base = withoutExtension(one.address());
+      if (!base.empty()) bases.insert(EmailAddress::rfc5321Parse(base, false));
+    }
+    if (bases.empty()) return;
+    for (const auto& [base, row] : m_table->lookSpelled(bases)) {
+      tellFollowed(base.address() + " with a tag", row.name);
+    }
+  }
+
+  static void tellFollowed(const std::string& text, const std::string& name) {
+    say("warning: mail servers find the alias " + name + " for " + text +
+        ", which is a final address to the library; 'alias tree' and 'answer' follow it");
   }
 
   const Session& m_session;

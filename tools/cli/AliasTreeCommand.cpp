@@ -7,10 +7,12 @@
 #include <vector>
 
 #include "cli/AddressInput.h"
+#include "cli/AliasEdit.h"
 #include "cli/Command.h"
 #include "cli/RowReport.h"
 #include "tables/AliasGraph.h"
 #include "tables/AliasTree.h"
+#include "tables/Extension.h"
 #include "tables/MailUsers.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -25,6 +27,8 @@ namespace {
 constexpr std::uint32_t s_deepestIndent = 30;
 // Longer members texts are cut for people.
 constexpr std::size_t s_longestRow = 200;
+
+constexpr char s_spelledNote[] = ", which the lookup service follows, and the library does not";
 
 constexpr char s_outcomeFound[] = "found";
 constexpr char s_outcomeNothing[] = "expands-to-nothing";
@@ -161,12 +165,20 @@ class Explanation {
   }
 
   bool isNobody(const AliasTree::Node& node) {
-    return m_users.kindOf(node.address->address()) == MailUsers::Kind::Nobody;
+    if (node.base != nullptr) return false;
+    const std::string text = node.address->address();
+    const std::string base = withoutExtension(text);
+    return m_users.kindOf(text) == MailUsers::Kind::Nobody &&
+           (base.empty() || m_users.kindOf(base) == MailUsers::Kind::Nobody);
   }
 
   [[nodiscard]] std::string noteOnAddress(const AliasTree::Node& node) const {
     std::string text;
     if (node.row != nullptr && node.kind != NodeKind::Alias) text = node.row->why;
+    if (node.isSpelled() && node.depth != 0)
+      text = "the row of " + printable(node.row->name) + s_spelledNote;
+    if (node.base != nullptr)
+      text = "mail servers find the alias " + node.base->address() + " here";
     if (m_dangling.count(*node.address) == 0) return text;
     return text + (text.empty() ? "" : "; ") +
            "dangling: neither an alias nor a mail user of its domain";
@@ -285,7 +297,9 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
   }
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
-  AliasTree tree(table, address);
+  AliasLook look = table.look(address);
+  AliasTree tree(table, baseOf(table, address, look).value_or(address));
+  tellSpelling(address, look);
   if (tree.row() == nullptr) {
     say(noAlias(address, session));
     if (session.isJson()) {

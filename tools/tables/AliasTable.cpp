@@ -36,6 +36,13 @@ AliasRow s_read(const TextRow& texts) {
   return row;
 }
 
+std::vector<std::string> s_textsOf(const std::set<EmailAddress>& addresses) {
+  std::vector<std::string> texts;
+  texts.reserve(addresses.size());
+  for (const EmailAddress& address : addresses) texts.push_back(address.address());
+  return texts;
+}
+
 }  // namespace
 
 AliasTable::AliasTable(std::string table)
@@ -84,10 +91,8 @@ void AliasTable::lookSpelled(const EmailAddress& address, const char* lock, Alia
 }
 
 std::map<EmailAddress, AliasRow> AliasTable::look(const std::set<EmailAddress>& addresses) {
-  std::vector<std::string> names;
-  for (const EmailAddress& address : addresses) names.push_back(address.address());
   std::map<EmailAddress, AliasRow> found;
-  for (AliasRow& row : rowsOf(names)) {
+  for (AliasRow& row : rowsOf(s_textsOf(addresses))) {
     // The collation may find more than was asked for.
     const EmailAddress alias = row.alias;
     if (addresses.count(alias) != 0) found.emplace(alias, std::move(row));
@@ -101,17 +106,24 @@ std::map<EmailAddress, AliasRow> AliasTable::lookSpelled(const std::set<EmailAdd
   for (const EmailAddress& address : addresses) {
     if (found.count(address) == 0) missing.push_back(address.address());
   }
-  std::map<std::string, std::string> asked;  // By the name of the row.
+  std::multimap<std::string, std::string> asked;  // By the name of the row.
   std::vector<std::string> names;
   for (const auto& [text, name] : m_spellings.spellingsOf(missing)) {
-    if (asked.emplace(name, text).second) names.push_back(name);
+    if (asked.count(name) == 0) names.push_back(name);
+    asked.emplace(name, text);
   }
-  for (AliasRow& row : rowsOf(names)) {
-    const auto text = asked.find(row.name);
-    if (text == asked.end()) continue;
-    found.emplace(EmailAddress::rfc5321Parse(text->second, true), std::move(row));
+  for (const AliasRow& row : rowsOf(names)) {
+    const auto [first, end] = asked.equal_range(row.name);
+    for (auto text = first; text != end; ++text) {
+      found.emplace(EmailAddress::rfc5321Parse(text->second, true), row);
+    }
   }
   return found;
+}
+
+std::multimap<std::string, std::string> AliasTable::spellingsOf(
+    const std::set<EmailAddress>& addresses) {
+  return m_spellings.spellingsOf(s_textsOf(addresses));
 }
 
 // The rows whose names the server considers equal to one of `names`.

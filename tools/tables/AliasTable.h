@@ -61,6 +61,9 @@ class AliasTable {
   // The same, also in other spellings.
   std::map<EmailAddress, AliasRow> lookSpelled(const std::set<EmailAddress>& addresses);
 
+  // The names of the rows of `addresses` in other spellings than these, by the address.
+  std::multimap<std::string, std::string> spellingsOf(const std::set<EmailAddress>& addresses);
+
   // All rows, or those of `domain` in any spelling where it is not empty. In the order of
   // addresses, rows without a readable name first.
   std::vector<AliasRow> rows(const std::string& domain);

@@ -5,6 +5,7 @@
 
 #include "base/stringCompareNoCase.h"
 #include "tables/AliasGraph.h"
+#include "tables/Extension.h"
 
 namespace Tessel::Tool {
 
@@ -41,15 +42,35 @@ void AliasTree::read(AliasTable& table, const EmailAddress& root) {
   std::set<EmailAddress> unasked{root};
   m_known[root];
   while (!unasked.empty()) {
-    for (auto& [alias, row] : table.look(std::exchange(unasked, {}))) {
-      Known& known = m_known[alias];
-      known.row = std::move(row);
-      known.hasRow = true;
-      for (const EmailAddress& member : known.row.members) {
+    for (auto& [address, row] : table.lookSpelled(std::exchange(unasked, {}))) {
+      auto& own = *m_known.try_emplace(row.alias == address ? address : row.alias).first;
+      if (!(own.first == address)) m_known[address].spelled = &own;
+      if (own.second.hasRow) continue;
+      own.second.row = std::move(row);
+      own.second.hasRow = true;
+      for (const EmailAddress& member : own.second.row.members) {
         if (m_known.try_emplace(member).second) unasked.insert(member);
       }
     }
   }
+  readBases(table);
+}
+
+void AliasTree::readBases(AliasTable& table) {
+  std::set<EmailAddress> bases;
+  const auto forEach = [this](auto visit) {
+    for (auto& [address, known] : m_known) {
+      if (known.hasRow || known.spelled != nullptr) continue;
+      const std::string text = withoutExtension(address.address());
+      if (!text.empty()) visit(known, EmailAddress::rfc5321Parse(text, false));
+    }
+  };
+  forEach([&bases](Known&, const EmailAddress& base) { bases.insert(base); });
+  if (bases.empty()) return;
+  const auto rows = table.lookSpelled(bases);
+  forEach([&rows](Known& known, const EmailAddress& base) {
+    if (rows.count(base) != 0) known.base = base;
+  });
 }
 
 // Follows the steps of the library's expansion, with an explicit stack like that.
@@ -62,11 +83,12 @@ void AliasTree::walk(const EmailAddress& root) {
   std::vector<Level> levels;
   const auto enter = [&](KnownAddresses::value_type& known, std::uint32_t parent) {
     const auto place = static_cast<std::uint32_t>(m_nodes.size());
-    const NodeKind kind = visit(known.second, known.first, m_nodes.empty());
+    auto& own = ownOf(known);
+    const NodeKind kind = visit(own.second, known.first, m_nodes.empty());
     add(known, kind, static_cast<std::uint32_t>(levels.size()), parent);
     if (kind != NodeKind::Alias) return;
-    known.second.isOpen = true;
-    levels.push_back({&known, known.second.row.members.begin(), place});
+    own.second.isOpen = true;
+    levels.push_back({&own, own.second.row.members.begin(), place});
   };
   enter(*m_known.find(root), 0);
   while (!levels.empty()) {
@@ -77,13 +99,12 @@ void AliasTree::walk(const EmailAddress& root) {
       levels.pop_back();
       continue;
     }
-    const EmailAddress& member = *level.next++;
-    if (member == level.known->first) {
-      m_finals.insert(member);
-      add(*level.known, NodeKind::SelfDelivery, static_cast<std::uint32_t>(levels.size()),
-          level.place);
+    auto& member = *m_known.find(*level.next++);
+    if (&ownOf(member) == level.known) {
+      m_finals.insert(member.first);
+      add(member, NodeKind::SelfDelivery, static_cast<std::uint32_t>(levels.size()), level.place);
     } else {
-      enter(*m_known.find(member), level.place);
+      enter(member, level.place);
     }
   }
 }
@@ -101,13 +122,16 @@ NodeKind AliasTree::visit(Known& known, const EmailAddress& address, bool isRoot
 
 void AliasTree::add(const KnownAddresses::value_type& known, NodeKind kind, std::uint32_t depth,
                     std::uint32_t parent) {
-  m_nodes.push_back(
-      {&known.first, known.second.hasRow ? &known.second.row : nullptr, kind, depth, parent});
+  const Known& own = known.second.spelled != nullptr ? known.second.spelled->second : known.second;
+  const EmailAddress* const base = own.base.isNull() ? nullptr : &own.base;
+  m_nodes.push_back({&known.first, own.hasRow ? &own.row : nullptr, kind, depth, parent, base});
 }
 
 bool AliasTree::isAllUsers() const {
   if (m_finals.size() != 1) return false;
-  const std::string marker = "allusers_" + m_nodes.front().address->domain();
+  const Node& root = m_nodes.front();
+  const std::string marker =
+      "allusers_" + (root.isSpelled() ? root.row->alias : *root.address).domain();
   return stringCompareNoCase(m_finals.begin()->address(), marker, 0);
 }
 

@@ -30,15 +30,20 @@ enum class NodeKind {
 const char* textOf(NodeKind kind);
 
 // The steps of the library's expansion, in its order: depth first, the members of each alias in
-// ascending order, each alias once.
+// ascending order, each alias once. Rows in another spelling are followed as the service does it;
+// to the library, such a member is a final address.
 class AliasTree {
  public:
   struct Node {
     const EmailAddress* address;
     const AliasRow* row;  // Null when it has none.
     NodeKind kind;
-    std::uint32_t depth;   // 0 for the root.
-    std::uint32_t parent;  // The place of the alias that it is a member of.
+    std::uint32_t depth;       // 0 for the root.
+    std::uint32_t parent;      // The place of the alias that it is a member of.
+    const EmailAddress* base;  // Without its tag, when it has no row and that has one; or null.
+
+    // True when its row has another spelling.
+    [[nodiscard]] bool isSpelled() const { return row != nullptr && !(row->alias == *address); }
   };
 
   // Reads the rows that `root` leads to, those of one depth with few statements. Throws Exception
@@ -59,16 +64,24 @@ class AliasTree {
   void setMarker(NodeKind kind);
 
  private:
+  struct Known;
+  using KnownAddresses = std::map<EmailAddress, Known>;
   struct Known {
     AliasRow row;
     bool hasRow = false;
     bool isVisited = false;
     bool isOpen = false;  // Is being expanded.
+    EmailAddress base;    // As in Node; or null.
+    // The address of the row, when that has another spelling; then the above is there.
+    KnownAddresses::value_type* spelled = nullptr;
   };
-  using KnownAddresses = std::map<EmailAddress, Known>;
 
+  static KnownAddresses::value_type& ownOf(KnownAddresses::value_type& known) {
+    return known.second.spelled != nullptr ? *known.second.spelled : known;
+  }
   void read(AliasTable& table, const EmailAddress& root);
   void walk(const EmailAddress& root);
+  void readBases(AliasTable& table);
   NodeKind visit(Known& known, const EmailAddress& address, bool isRoot);
   void add(const KnownAddresses::value_type& known, NodeKind kind, std::uint32_t depth,
            std::uint32_t parent);

@@ -66,20 +66,30 @@ class Follower {
 
   // Adds the members of the alias `address`, or itself. False when a lookup fails.
   bool expand(const std::string& address) {
+    m_followed.insert(Tool::comparisonKey(address));
     const std::string reply = step("alias", address);
     if (isFailure(reply)) return false;
     const bool isAlias = reply.starts_with(s_ok);
     const std::string list = isAlias ? reply.substr(s_ok.size()) : address;
     for (const EmailAddress& one : EmailAddress::rfc5322ParseSet(list, true, false)) {
-      std::string key;
-      const bool isPage = Tool::addressKey(one.address(), key) && Pages::isPage(key);
-      if (!isPage) {
+      if (!isFollowed(one)) {
         m_finals.insert(one);
       } else if (!expand(one.address())) {
         return false;
       }
     }
     return true;
+  }
+
+  // True if the mail server goes on from the member `address`: it asks for each, and finds what the
+  // service has not followed, pages and aliases without the tag.
+  bool isFollowed(const EmailAddress& address) {
+    const std::string text = address.address();
+    std::string key;
+    if (Tool::addressKey(text, key) && Pages::isPage(key)) return true;
+    if (Tool::cutExtension(text, m_delimiters).extension.empty()) return false;
+    return !m_ask("alias" + m_suffix, text).starts_with(s_notFound) &&
+           m_followed.insert(key).second;
   }
 
   MailRecipient recipientOf(const EmailAddress& address) {
@@ -105,6 +115,7 @@ class Follower {
   const AskMap& m_ask;
   MailPath m_path;
   std::set<EmailAddress> m_finals;
+  std::set<std::string> m_followed;              // Keys of the addresses with tags.
   std::map<std::string, std::string> m_domains;  // The replies for them.
 };
 
