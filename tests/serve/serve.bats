@@ -168,6 +168,26 @@ tsl-address-map:   by the database: ann@users.example, mailbox"
   contains "$stderr" "warning: the configuration cannot be read: "
 }
 
+@test "the tool says what the service answers where the library finds another mask" {
+  local request map address reply
+  tool mask set ann@inner.example a.smith@out.example
+  tool mask set '*@inner.example' '*@out.example'
+  tool mask set ann@büro.example a.jones@out.example
+  tool mask set '*@xn--bro-hoa.example' '*@other.example'
+  tool mask set '*@second.example' 'x*@other.example'
+  start_service
+  wait_for answers 'mask_public ann@second.example' 'OK ann@other.example'
+  for request in 'public ann+x@inner.example' 'private a.smith+x@out.example' 'public ANN+x@xn--bro-hoa.example' \
+    'public ann@xn--bro-hoa.example' 'public bob@Inner.example' 'private bob@OTHER.example' 'private bob@other.example' \
+    'public bob+x@inner.example' 'public ann@büro.example' 'public ann+x@büro.example'; do
+    read -r map address <<<"$request"
+    reply=$(ask "mask_$map $address")
+    run --separate-stderr tool mask "$map" "$address"
+    [[ $stderr == *"the lookup service answers ${reply#OK } for $address:"* || $output == "${reply#OK }" ]] ||
+      { echo "$request: $reply, the tool: $output $stderr"; return 1; }
+  done
+}
+
 @test "a change is seen within a second of its commit, each of a row of changes" {
   start_service
   wait_for answers 'alias team@example.com' "$found"

@@ -264,7 +264,8 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
     equal "$stderr" "tsl-address-map: address $spelling has the row of ann@büro.example"
   done
   run -0 --separate-stderr tool mask public ann+news@büro.example
-  equal "$output" ann@käse.example
+  equal "$output" ann+news@käse.example
+  equal "$stderr" "tsl-address-map: address ann+news@büro.example has the row of ann@büro.example"
   run -0 --separate-stderr tool mask private ann@xn--kse-qla.example
   equal "$output" ann@büro.example
   run -65 --separate-stderr tool mask set ann@xn--bro-hoa.example b@x.example
@@ -276,6 +277,30 @@ hostile=("o'brien@inner.example" "o'hara@example.com" '"back\\slash"@inner.examp
   tool mask set cid@xn--bro-hoa.example cid@x.example
   run -0 tool mask remove --domain BÜRO.example
   equal "$output" "2 removed"
+}
+
+@test "mask lookups report what the service answers where the library answers otherwise" {
+  tool mask set ann@inner.example a.smith@out.example
+  tool mask set '*@inner.example' '*@out.example'
+  tool mask set ann@büro.example a.jones@out.example
+  tool mask set '*@xn--bro-hoa.example' '*@other.example'
+  says() {
+    run --separate-stderr tool mask "$1" "$2"
+    equal "$output" "$3"
+    equal "$stderr" "$4"
+  }
+  end=": it compares spellings and tags otherwise than the library"
+  start="tsl-address-map: warning: to mail servers, the lookup service answers"
+  says public ann@inner.example a.smith@out.example ""
+  says public bob+x@inner.example bob+x@out.example ""
+  says public ann+x@inner.example ann+x@out.example "$start a.smith+x@out.example for ann+x@inner.example$end"
+  says private a.smith+x@out.example a.smith+x@inner.example "$start ann+x@inner.example for a.smith+x@out.example$end"
+  says public ann@xn--bro-hoa.example ann@other.example "$start a.jones@out.example for ann@xn--bro-hoa.example$end"
+  says private bob@other.example bob@xn--bro-hoa.example ""
+  says public bob@Inner.example "" "$start bob@out.example for bob@Inner.example$end
+tsl-address-map: no mask of the private address bob@Inner.example in table mask"
+  run -0 --separate-stderr tool mask public - --json <<<ann+x@inner.example
+  contains "$output" '"public":"ann+x@out.example"'
 }
 
 @test "a broken row is reported, never listed and never 'not found'" {

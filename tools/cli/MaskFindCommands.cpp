@@ -26,42 +26,66 @@ class Finder {
   // Throws Failure or Exception when there is no answer.
   LookupAnswer find(const EmailAddress& address) {
     const std::string name = maskTableName(m_session.tableName());
-    const MaskSide given = otherSide(m_wanted);
+    if (!m_table) m_table.emplace(name);
     EmailAddress found = m_store.find(m_wanted, address);
     // The library answers null both for no row and for a row with an empty column.
     if (found.isNull()) {
-      if (!m_table) m_table.emplace(name);
-      std::vector<MaskRow> rows = m_table->spelled(given, address);
       const std::string base = withoutExtension(address.address());
-      if (rows.empty() && !base.empty()) {
-        rows = m_table->spelled(given, EmailAddress::rfc5321Parse(base, false));
+      auto spelled = m_table->spelled(otherSide(m_wanted), address);
+      if (spelled.empty() && !base.empty()) {
+        spelled = m_table->spelled(otherSide(m_wanted), EmailAddress::rfc5321Parse(base, false));
       }
-      for (const MaskRow& row : rows) {
+      for (const MaskRow& row : spelled) {
         if (row.fault != RowFault::None) {
           report(brokenRow(row, name));
           return {"broken-row", ExitCode::BadData, {}, ""};
         }
-        const EmailAddress& stored = row.address(given);
-        if (!(stored == address)) {
-          say("address " + address.address() + " has the row of " + stored.address());
-        }
-        m_store.close();
-        found = m_store.find(m_wanted, stored);
+        found = findStored(row.address(otherSide(m_wanted)), address);
       }
     }
+    tellServed(address, found);
     if (!found.isNull()) return {"found", ExitCode::Done, {found}, ""};
     return {"no-mask",
             ExitCode::NotFound,
             {},
-            std::string("no mask of the ") + textOf(given) + " address " + address.address() +
-                " in table " + name};
+            std::string("no mask of the ") + textOf(otherSide(m_wanted)) + " address " +
+                address.address() + " in table " + name};
   }
 
  private:
+  // What the row of `stored`, another spelling of `address` or that without its tag, leads to.
+  EmailAddress findStored(const EmailAddress& stored, const EmailAddress& address) {
+    if (!(stored == address)) {
+      say("address " + address.address() + " has the row of " + stored.address());
+    }
+    m_store.close();
+    EmailAddress found = m_store.find(m_wanted, stored);
+    const ExtendedAddress cut = cutExtension(address.address(), s_delimiters);
+    const bool hasTag = !cutExtension(stored.address(), s_delimiters).extension.empty();
+    if (found.isNull() || hasTag) return found;
+    return EmailAddress::rfc5321Parse(withExtension(found.address(), cut.extension, s_delimiters),
+                                      false);
+  }
+
+  // Reports what the lookup service answers where that is not `found`: the library prefers a
+  // wildcard row to the row of another spelling, or of the address without its tag.
+  void tellServed(const EmailAddress& address, const EmailAddress& found) {
+    const bool hasTag = !withoutExtension(address.address()).empty();
+    // It is from a row of its own.
+    if (!hasTag && !found.isNull() && found.local() != address.local()) return;
+    if (!m_wildcards) m_wildcards = m_table->wildcards();
+    const auto served = m_table->served(m_wanted, address, *m_wildcards);
+    if (!served || *served == found) return;
+    say("warning: to mail servers, the lookup service answers " +
+        (served->isNull() ? "that there is none" : served->address()) + " for " +
+        address.address() + ": it compares spellings and tags otherwise than the library");
+  }
+
   const Session& m_session;
   MaskSide m_wanted;
   LookupStore m_store;
   std::optional<MaskTable> m_table;
+  std::optional<std::vector<MaskRow>> m_wildcards;  // As they were when they were first needed.
 };
 
 ExitCode s_find(Session& session, const std::vector<std::string>& addresses, MaskSide wanted) {

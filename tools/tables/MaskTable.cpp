@@ -2,12 +2,15 @@
 #include "tables/MaskTable.h"
 
 #include <algorithm>
+#include <map>
 #include <string_view>
 #include <utility>
 
+#include "base/Exception.h"
 #include "database/Transaction.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
+#include "tables/Extension.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -89,6 +92,50 @@ std::vector<MaskRow> MaskTable::wildcards() {
   std::vector<MaskRow> rows = select(" where private like '%*%' or public like '%*%'");
   std::erase_if(rows, [](const MaskRow& row) { return row.fault != RowFault::None; });
   return rows;
+}
+
+std::vector<MaskRow> MaskTable::plain(MaskSide side, const EmailAddress& address) {
+  std::vector<MaskRow> rows = spelled(side, address);
+  std::erase_if(rows, [](const MaskRow& row) {
+    return (row.privateText + row.publicText).find('*') != std::string::npos;
+  });
+  if (rows.size() > 1) rows.resize(1);
+  return rows;
+}
+
+std::optional<EmailAddress> MaskTable::served(MaskSide wanted, const EmailAddress& address,
+                                              const std::vector<MaskRow>& wildcards) {
+  for (const MaskRow& row : plain(otherSide(wanted), address)) {
+    if (row.fault != RowFault::None) return std::nullopt;
+    return row.address(wanted);
+  }
+  const ExtendedAddress cut = cutExtension(address.address(), s_delimiters);
+  if (!cut.extension.empty()) {
+    const EmailAddress base = EmailAddress::rfc5321Parse(cut.base, false);
+    for (const MaskRow& row : plain(otherSide(wanted), base)) {
+      if (row.fault != RowFault::None) return std::nullopt;
+      return EmailAddress::rfc5321Parse(
+          withExtension(row.address(wanted).address(), cut.extension, s_delimiters), false);
+    }
+  }
+  const std::string key = comparisonDomain(address.domain());
+  std::map<std::string, std::string> domains;  // Private to public, each by its last row.
+  std::string domain;
+  for (const MaskRow& row : wildcards) {
+    domains[row.privateAddress.domain()] = row.publicAddress.domain();
+    const bool isOf = comparisonDomain(row.privateAddress.domain()) == key;
+    if (wanted == MaskSide::Public && isOf) domain = row.publicAddress.domain();
+  }
+  for (const auto& [privateDomain, publicDomain] : domains) {
+    const bool isOf = domain.empty() && comparisonDomain(publicDomain) == key;
+    if (wanted == MaskSide::Private && isOf) domain = privateDomain;
+  }
+  if (domain.empty()) return EmailAddress();
+  try {
+    return EmailAddress::create(address.local(), domain, false);
+  } catch (const Exception&) {
+    return EmailAddress();  // Too long in that domain.
+  }
 }
 
 std::vector<MaskRow> MaskTable::rows(const std::string& domain) {

@@ -4,6 +4,7 @@
 #define TSL_TOOLS_TABLES_MASKTABLE_H
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,12 @@ class MaskTable {
   // The rows with a "*" in either address that are not broken, in the order of the server.
   std::vector<MaskRow> wildcards();
 
+  // The `wanted` address for `address` as the lookup service finds it with its usual options, if
+  // the wildcard rows are `wildcards`: by the row of any spelling, that of the address without its
+  // tag, or a wildcard row. Null for none; nothing when the row cannot be read.
+  std::optional<EmailAddress> served(MaskSide wanted, const EmailAddress& address,
+                                     const std::vector<MaskRow>& wildcards);
+
   // All rows, or those whose private address is of `domain` in any spelling where it is not empty.
   // In the order of private addresses, rows without a readable one first.
   std::vector<MaskRow> rows(const std::string& domain);
@@ -73,6 +80,8 @@ class MaskTable {
  private:
   bool setOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
   std::vector<MaskRow> select(const std::string& condition);
+  // The first of spelled() that is not a wildcard row; none when there is none.
+  std::vector<MaskRow> plain(MaskSide side, const EmailAddress& address);
 
   std::string m_table;
   Database::Connection m_connection;
