@@ -155,6 +155,33 @@ setup() { empty_tables; }
   equal "$(sql 'select name from alias')" team@büro.example
 }
 
+@test "a row is found in any letter case, whatever the collation" {
+  sql "create table alias_bin like alias; alter table alias_bin convert to character set utf8mb4 collate utf8mb4_bin;
+       create table mask_bin( private varchar( 255 ) primary key, public varchar( 255 ) unique ) collate utf8mb4_bin;
+       insert into alias_bin ( name, members ) values ( 'Team@X.example', 'bob@x.example' ), ( 'low@x.example', 'TEAM@x.example' );
+       insert into mask_bin values ( 'Ann@In.example', 'Ann.S@Out.example' ), ( 'low@in.example', 'low@out.example' );"
+  bin() { tool --table bin "$@"; }
+  for address in team@x.example TEAM@x.example low@X.example; do
+    run -0 bin alias show "$address"
+    run -0 --separate-stderr bin alias expand "$address"
+    run -65 --separate-stderr bin alias set "$address" eve@x.example
+    contains "$stderr" "table alias_bin has it in the spelling"
+    run -0 bin alias remove "$address" --dry-run
+  done
+  run -65 bin alias set bob@x.example LOW@x.example
+  run -0 bin alias list --domain x.EXAMPLE
+  equal "${#lines[@]}" 2
+  for address in ann@in.example LOW@in.example; do
+    run -0 bin mask public "$address"
+    run -65 --separate-stderr bin mask set "$address" eve@x.example
+    contains "$stderr" "table mask_bin has it in another spelling"
+  done
+  run -0 bin mask remove ANN@in.example ANN.s@out.example
+  run -75 --separate-stderr bin answer LOW@x.example
+  contains "$output" $'LOW@x.example\tOK bob@x.example'
+  tool table drop bin --yes
+}
+
 @test "drop everywhere finds the member in any spelling" {
   tool alias set a@x.example ann@büro.example bob@x.example
   tool alias set b@x.example ANN@xn--bro-hoa.example bob@x.example

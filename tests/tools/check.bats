@@ -133,7 +133,7 @@ finds() {
   rows team@x.example:ann@x.example TEAM@x.example:bob@x.example
   masks ann@in.example:a@out.example ANN@in.example:b@out.example bob@in.example:A@out.example
   run -65 --separate-stderr tool check
-  equal "$(cut -f1-3 <<<"$output" | sort | uniq -c | sed 's/^ *//')" $'1 error\tdouble-row\talias\n2 error\tdouble-row\tmask'
+  equal "$(cut -f1-3 <<<"$output" | sort | uniq -c | sed 's/^ *//')" $'1 error\tdouble-row\talias\n2 error\tdouble-row\tmask\n1 warning\tschema\talias\n2 warning\tschema\tmask'
 }
 
 @test "rows of one address in several spellings" {
@@ -194,6 +194,10 @@ finds() {
   finds 65 $'error\tschema\talias\t\nwarning\tschema\talias_old\t\nwarning\tschema\talias_old\t\nnotice\tmisnamed-table\taliasxtra\t\nwarning\tschema\tmask\t\nerror\tschema\tmask_half\t'
   contains "$output" "table alias has the unknown column colour"
   contains "$output" "table mask_half has no column public"
+  sql "create table mask_bin( private varchar( 255 ) primary key, public varchar( 255 ) unique ) collate utf8mb4_bin;
+       insert into mask_bin values( 'ann@x.example', 'bob@x.example' );"
+  run -65 --separate-stderr tool check --table bin
+  equal "$(grep -c $'warning\tschema\tmask_bin\t\tthe collation of column p.* regards letter case' <<<"$output")" 2
   sql 'drop table alias;'
   run -65 --separate-stderr tool check
   contains "$output" $'error\tmissing-base\talias\t\t'

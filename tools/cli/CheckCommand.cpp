@@ -15,6 +15,7 @@
 #include "tables/MailUsers.h"
 #include "tables/MaskTable.h"
 #include "tables/Schema.h"
+#include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
 #include "terminal/Progress.h"
 
@@ -56,6 +57,10 @@ std::size_t s_widest(Database::Connection& connection, const std::string& table)
   }
   return s_sizeOf("");
 }
+
+// The columns of addresses that are looked up.
+const std::vector<const char*> s_aliasColumns{"name"};
+const std::vector<const char*> s_maskColumns{"private", "public"};
 
 class Check {
  public:
@@ -157,7 +162,23 @@ class Check {
                       isBase ? "tsl-address-map init" : "",
                       {}});
     }
+    if (isReadable) checkCollation(table, isMask);
     return isReadable;
+  }
+
+  void checkCollation(const std::string& table, bool isMask) {
+    for (const char* const column : isMask ? s_maskColumns : s_aliasColumns) {
+      if (!isCaseSensitive(m_connection, quotedName(table), column)) continue;
+      m_findings.add({Severity::Warning,
+                      "schema",
+                      table,
+                      "",
+                      std::string("the collation of column ") + column +
+                          " regards letter case: the library does not find a row in another one,"
+                          " and the table can have one address twice; use one that ends in _ci",
+                      "",
+                      {}});
+    }
   }
 
   void addConfiguration() {

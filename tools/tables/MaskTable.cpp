@@ -165,12 +165,16 @@ bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& 
   // read is enough.
   const char* const lock = dryRun ? "" : " for update";
   const std::vector<MaskRow> present = select(privateIs + lock);
-  for (const std::vector<MaskRow>& rows :
-       {present, spelled(MaskSide::Private, privateAddress, lock)}) {
-    for (const MaskRow& row : rows) {
-      if (!(row.privateAddress == privateAddress))
-        throw s_otherSpelling(privateAddress, row, m_table);
-    }
+  for (const MaskRow& row : present) {
+    if (!(row.privateAddress == privateAddress))
+      throw s_otherSpelling(privateAddress, row, m_table);
+  }
+  for (const MaskRow& row : spelled(MaskSide::Private, privateAddress, lock)) {
+    // With a collation that does not ignore letter case, that is another spelling, too.
+    const bool isPresent = std::any_of(present.begin(), present.end(), [&row](const MaskRow& one) {
+      return one.privateText == row.privateText;
+    });
+    if (!isPresent) throw s_otherSpelling(privateAddress, row, m_table);
   }
   for (const std::vector<MaskRow>& rows :
        {select(std::string(" where public=").append(publicText).append(lock)),

@@ -14,9 +14,10 @@ namespace Tessel::Tool {
 
 namespace {
 
-// Of texts that may differ from their key in more than letter case: other characters than those of
-// plain addresses, and domains in Punycode.
-constexpr const char* s_unusual = "'[^a-zA-Z0-9@.+_=-]|[xX][nN]--'";
+// Of texts that may differ from their key in more than the collation ignores: other characters than
+// those of plain addresses, and domains in Punycode. The server compares by the collation here,
+// too, so capitals are among them where it does not ignore letter case.
+constexpr const char* s_unusual = "'[^a-z0-9@.+_=-]|xn--'";
 
 constexpr std::chrono::seconds s_kept{2};
 
@@ -67,8 +68,9 @@ std::multimap<std::string, std::string> SpellingSearch::spellingsOf(
                                   " in( " + std::exchange(keys, "") + " );";
     for (const TextRow& row : selectTexts(m_connection, statement, 1)) {
       const auto text = byKey.find(s_keyOf(row[0]));
-      if (text != byKey.end() && !m_unusual.contains(text->first))
+      if (text != byKey.end() && !isUnusual(text->first, row[0])) {
         found.emplace(text->second, row[0]);
+      }
     }
     byKey.clear();
   };
@@ -77,7 +79,7 @@ std::multimap<std::string, std::string> SpellingSearch::spellingsOf(
     if (!addressKey(text, key)) continue;
     const auto [first, end] = m_unusual.equal_range(key);
     for (auto unusual = first; unusual != end; ++unusual) found.emplace(text, unusual->second);
-    if (stringCompareNoCase(text, key, 0)) continue;
+    if (m_isCaseSensitive ? text == key : stringCompareNoCase(text, key, 0)) continue;
     byKey.emplace(key, text);
     keys += (keys.empty() ? "" : ",") + literal(key);
     if (byKey.size() == s_keysPerStatement) ask();
@@ -86,8 +88,14 @@ std::multimap<std::string, std::string> SpellingSearch::spellingsOf(
   return found;
 }
 
+bool SpellingSearch::isUnusual(const std::string& key, const std::string& text) const {
+  const auto [first, end] = m_unusual.equal_range(key);
+  return std::any_of(first, end, [&text](const auto& one) { return one.second == text; });
+}
+
 void SpellingSearch::readUnusual() {
   m_unusual.clear();
+  m_isCaseSensitive = isCaseSensitive(m_connection, m_table, m_column);
   const std::string statement = "select " + m_column + " from " + m_table + " where " + m_column +
                                 " regexp " + s_unusual + ";";
   for (TextRow& row : selectTexts(m_connection, statement, 1)) {
@@ -95,6 +103,16 @@ void SpellingSearch::readUnusual() {
     if (!key.empty()) m_unusual.emplace(std::move(key), std::move(row[0]));
   }
   m_read = std::chrono::steady_clock::now();
+}
+
+bool isCaseSensitive(Database::Connection& connection, const std::string& table,
+                     const std::string& column) {
+  // A view has no other way to say it. Without rows nothing is found anyhow.
+  const std::string statement = "select collation( " + column + " ) from " + table + " limit 1;";
+  for (const TextRow& row : selectTexts(connection, statement, 1)) {
+    return row[0].ends_with("bin") || row[0] == "binary" || row[0].ends_with("_cs");
+  }
+  return false;
 }
 
 std::string domainCondition(const std::string& column, const std::string& domain) {

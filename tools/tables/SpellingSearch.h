@@ -14,8 +14,9 @@
 namespace Tessel::Tool {
 
 // Finds texts of one column by the keys of their addresses (see AddressKey.h). The server finds
-// most: texts that equal their key but for letter case. The others, usually few, are read and kept
-// for a moment; that takes the server 0.2 s per million rows. One thread.
+// most: texts that equal their key but for letter case, if the collation ignores that. The others,
+// usually few, are read and kept for a moment; that takes the server 0.2 s per million rows. One
+// thread.
 class SpellingSearch {
  public:
   // `connection` must outlive the object. `column` is the key or the value column of `table`, an
@@ -34,14 +35,23 @@ class SpellingSearch {
   using Spellings = std::multimap<std::string, std::string, std::less<>>;
 
   void readUnusual();
+  // True if `text`, whose key is `key`, is among those that are kept.
+  [[nodiscard]] bool isUnusual(const std::string& key, const std::string& text) const;
 
   Database::Connection& m_connection;
   std::string m_table;
   std::string m_column;
-  // By their keys: the texts that differ from them in more than letter case, and some that do not.
+  // By their keys: the texts that differ from them in more than the collation ignores, and some
+  // that do not.
   Spellings m_unusual;
+  bool m_isCaseSensitive = false;                // The collation.
   std::chrono::steady_clock::time_point m_read;  // When; 0 for never.
 };
+
+// True if the collation of `column` of the table takes the letters of an address in another case
+// for others. False for a table without rows. Throws Exception when the database cannot answer.
+bool isCaseSensitive(Database::Connection& connection, const std::string& table,
+                     const std::string& column);
 
 // The condition of SQL for rows whose text in `column` may be an address of `domain` in any
 // spelling. It is true for others, too: the key decides.
