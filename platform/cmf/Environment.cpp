@@ -162,6 +162,11 @@ std::uint64_t Environment::lastTransaction() const noexcept {
   return info.me_last_txnid;
 }
 
+std::string Environment::overwritten() const {
+  return "data.mdb in " + m_path +
+         " was overwritten while programs use it: end them all, and try again";
+}
+
 int Environment::open(unsigned int flags) {
   MDB_env* env = nullptr;
   int result = mdb_env_create(&env);

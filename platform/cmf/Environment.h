@@ -54,6 +54,8 @@ class Environment {
   // in lock.mdb: where they differ, another data.mdb was written over one in use, and LMDB takes an
   // older state for the newest.
   [[nodiscard]] std::uint64_t lastTransaction() const noexcept;
+  // The reason of a failure then.
+  [[nodiscard]] std::string overwritten() const;
   // Frees what processes that died left in the table of readers. Failures do not matter here: the
   // slots stay in use until the next call.
   void clearDeadReaders() const noexcept;

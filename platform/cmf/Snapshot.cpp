@@ -39,10 +39,13 @@ Snapshot::Snapshot(std::shared_ptr<Environment> environment)
     failWith(s_place, "Cannot read the configuration", m_environment->path(), result);
   }
   m_transaction.reset(transaction);
-  if (m_environment->meta(transaction) == nullptr) {
-    fail(s_place,
-         "The configuration in " + m_environment->path() + " is empty: nothing was stored yet");
+  if (m_environment->meta(transaction) != nullptr) return;
+  // The lock file counts more commits than the data has: that is an older copy.
+  if (mdb_txn_id(transaction) > m_environment->lastTransaction()) {
+    fail(s_place, m_environment->overwritten());
   }
+  fail(s_place,
+       "The configuration in " + m_environment->path() + " is empty: nothing was stored yet");
 }
 
 Snapshot::~Snapshot() {

@@ -112,8 +112,7 @@ Writer::Transaction::Transaction() : m_environment(Environment::forWriting()) {
   m_transaction.reset(transaction);
   // Writing now would lose what the newest state has and an older one has not.
   if (mdb_txn_id(transaction) != m_environment->lastTransaction() + 1) {
-    fail(s_place, "data.mdb in " + m_environment->path() +
-                      " was overwritten while programs use it: end them all, and try again");
+    fail(s_place, m_environment->overwritten());
   }
   m_cursor = openCursor(*m_environment, transaction);
 

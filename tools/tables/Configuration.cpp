@@ -1,6 +1,7 @@
 // The configuration library as the commands use it.
 #include "tables/Configuration.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -13,6 +14,13 @@ namespace {
 
 constexpr char s_default[] = "/var/lib/tsl/cmf";
 constexpr char s_mapSizeVariable[] = "TSL_CMF_MAP_MIB";
+
+bool s_isForbidden(const std::string& why) {
+  const auto has = [&why](int error) {
+    return why.find(std::generic_category().message(error)) != std::string::npos;
+  };
+  return has(EACCES) || has(EPERM);
+}
 
 }  // namespace
 
@@ -36,8 +44,9 @@ void throwConfigurationFailure(const Exception& exception) {
                           "name the directory with --cmf or TSL_CMF_PATH, or create one with"
                           " 'tsl-address-map domain add'");
   }
+  // The other reasons say what to do.
   throw Failure(ExitCode::Unavailable, subject, why,
-                "check the permissions of the directory and its files");
+                s_isForbidden(why) ? "check the permissions of the directory and its files" : "");
 }
 
 CMF::RefApsGwServer findDomain(const std::string& domain) {
