@@ -197,7 +197,7 @@ finds() {
   sql "create table mask_bin( private varchar( 255 ) primary key, public varchar( 255 ) unique ) collate utf8mb4_bin;
        insert into mask_bin values( 'ann@x.example', 'bob@x.example' );"
   run -65 --separate-stderr tool check --table bin
-  equal "$(grep -c $'warning\tschema\tmask_bin\t\tthe collation of column p.* regards letter case' <<<"$output")" 2
+  equal "$(grep -c $'warning\tschema\tmask_bin\t\tthe collation of column p.* is case-sensitive' <<<"$output")" 2
   sql 'drop table alias;'
   run -65 --separate-stderr tool check
   contains "$output" $'error\tmissing-base\talias\t\t'

@@ -243,6 +243,18 @@ fill_spellings() {
   equal "$("$TSL_TOOL" --cmf new domain export)" "$(cmf domain export)"
 }
 
+@test "a user that only other programs store is exported, and the import says what is wrong with it" {
+  cmf domain add example.com
+  cmf user add axb@example.com
+  cmf user add bob@example.com
+  LC_ALL=C sed -i 's/axb/a b/g' "$CMF/data.mdb"
+  cd "$BATS_TEST_TMPDIR"
+  cmf domain export file
+  equal "$(<file)" $'example.com\n"a b"@example.com\tuser\nbob@example.com\tuser'
+  run -65 --separate-stderr cmf domain import file
+  contains "$stderr" "file:2: a user name that needs quotes cannot be stored"
+}
+
 @test "without a configuration" {
   run -78 --separate-stderr cmf domain list
   contains "$stderr" "domain add"

@@ -174,8 +174,9 @@ class Check {
                       table,
                       "",
                       std::string("the collation of column ") + column +
-                          " regards letter case: the library does not find a row in another one,"
-                          " and the table can have one address twice; use one that ends in _ci",
+                          " is case-sensitive: the library does not find a row in another letter"
+                          " case, and the table can have one address twice; use one that ends in"
+                          " _ci",
                       "",
                       {}});
     }
