@@ -221,6 +221,30 @@ setup() { empty_tables; }
   equal "$(sql "select members from alias where name='all@example.com'")" allusers_example.com
 }
 
+@test "an alias does not become one for all users under a list with others" {
+  tool alias set list@example.com All@example.com ann@example.com
+  tool alias set other@example.net list@example.com
+  run -65 --separate-stderr tool alias set all@EXAMPLE.com allusers_example.com
+  contains "$stderr" "alias all@EXAMPLE.com: alias list@example.com leads to all@EXAMPLE.com, whose member 'allusers_example.com' means"
+  contains "$stderr" "make two lists side by side"
+  run -65 tool alias set all@example.com allusers_example.com --dry-run
+  tool alias set everyone@example.com allusers_example.com
+  run -65 --separate-stderr tool alias add all@example.com everyone@example.com
+  contains "$stderr" "alias list@example.com leads to everyone@example.com, whose"
+  # One that reaches the marker alone may.
+  tool alias set list@example.com all@example.com
+  run -65 --separate-stderr tool alias set all@example.com allusers_example.com
+  contains "$stderr" "alias other@example.net leads to all@example.com"
+  tool alias remove other@example.net
+  run -0 --separate-stderr tool alias set all@example.com allusers_example.com
+  equal "$stderr" ""
+  # A list under two that mean all users gets no other members.
+  tool alias set list@example.com all@example.com everyone@example.com
+  run -65 --separate-stderr tool alias set everyone@example.com ann@example.com
+  contains "$stderr" "alias list@example.com leads to all@example.com, whose"
+  equal "$(tool alias show everyone@example.com)" allusers_example.com
+}
+
 @test "an alias for a whole domain is an ordinary address, and gives a warning" {
   run -0 --separate-stderr tool alias set '*@example.com' ann@example.com
   contains "$stderr" "warning: to alias tables '*@example.com' is an ordinary address"

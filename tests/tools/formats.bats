@@ -405,6 +405,36 @@ bad() {
   run -64 tool alias export --format csv --json
 }
 
+@test "an import refuses to lead to an all-users alias and to others" {
+  printf '%s\n' all@example.com:allusers_example.com top@example.com:all@example.com >in.txt
+  run -0 --separate-stderr tool alias import in.txt
+  equal "$stderr" ""
+  before=$(aliases)
+  for option in --dry-run --skip-bad --allow-cycle; do
+    run -65 --separate-stderr tool alias import "$option" - <<<$'x@example.com:y@example.com\nteam@example.com:top@example.com,x@example.com'
+    contains "$stderr" "standard input:2: it leads to all@example.com, whose member 'allusers_example.com' means"
+    contains "$stderr" "two lists side by side"
+  done
+  run -65 --separate-stderr tool alias import - <<<team@example.net:all@example.com
+  run -65 --separate-stderr tool alias import - <<<team@example.com:allusers_example.net --local-names
+  equal "$(aliases)" "$before"
+  # From below: the list is in the table.
+  tool alias import - <<<list@example.com:team@example.com,ann@example.com
+  run -65 --separate-stderr tool alias import - <<<team@example.com:all@example.com
+  contains "$stderr" "standard input:1: alias list@example.com leads to all@example.com, whose member"
+  # A row that goes leaves an address.
+  tool alias import - <<<list@example.com:all@example.com,top@example.com
+  printf '%s\n' all@example.com:allusers_example.com list@example.com:all@example.com,top@example.com >in.txt
+  run -65 --separate-stderr tool alias import --replace in.txt
+  contains "$stderr" "in.txt:2: it leads to all@example.com, whose member"
+  # What is so already is a warning in lines that change.
+  sql "insert into alias (name, members) values ('mixed@example.com', 'all@example.com,x@example.com')"
+  run -0 --separate-stderr tool alias import - <<<mixed@example.com:all@example.com,y@example.com
+  contains "$stderr" "warning: standard input:1: it leads to all@example.com, whose member"
+  run -0 --separate-stderr tool alias import - <<<$'mixed@example.com:all@example.com,y@example.com\nnew@example.com:x@example.com'
+  equal "$stderr" ""
+}
+
 @test "an import refuses to make a cycle" {
   printf '%s\n' a@example.com:b@example.com b@example.com:c@example.com >in.txt
   tool alias import in.txt

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
-#include "tables/AliasCycles.h"
+#include "tables/AliasChange.h"
 #include "tables/AliasGraph.h"
 #include "tables/Extension.h"
 #include "tables/TableNames.h"

@@ -2,13 +2,16 @@
 #include "cli/AliasEdit.h"
 
 #include <algorithm>
+#include <string_view>
 #include <unordered_set>
+#include <utility>
 
 #include "cli/AddressInput.h"
 #include "cli/RowReport.h"
 #include "tables/AddressKey.h"
-#include "tables/AliasCycles.h"
+#include "tables/AliasChange.h"
 #include "tables/Extension.h"
+#include "tables/SpellingIndex.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
 
@@ -102,43 +105,73 @@ void tellSpelling(const EmailAddress& alias, const AliasLook& look) {
 
 namespace {
 
-void s_refuseCycle(const EmailAddress& alias, const ReachedAliases& reached) {
-  const auto cycle = reached.cycle();
-  if (!cycle) return;
-  if (!cycle->isNew) {
-    return say("warning: alias " + alias.address() +
-               " is in an alias loop already: " + textOf(cycle->path));
-  }
-  throw Failure(ExitCode::BadData, "alias " + alias.address(),
-                "it would lead back to itself: " + textOf(cycle->path),
-                "nothing was changed; leave one of these members out, or give --allow-cycle");
+// The row `row`, which has the members `before` now.
+AliasChange s_written(const TableEntry& row, const std::set<EmailAddress>& before) {
+  AliasChange change;
+  change.write(row);
+  if (!before.empty()) change.setBefore(0, joined(before));
+  return change;
 }
 
-void s_refuseLostMarker(AliasTable& table, const EmailAddress& alias, const ReachedAliases& reached,
-                        const std::set<EmailAddress>& before) {
-  const auto lost = reached.lostMarker();
-  if (!lost) return;
-  const bool isOwn = lost->holder == alias;
-  const std::string why =
-      (isOwn ? "its member '" : "it leads to " + lost->holder.address() + ", whose member '") +
-      lost->marker +
-      "' means all users only when it is reached alone, from its own domain;"
-      " otherwise it is taken for an address, and mail waits";
-  if (ReachedAliases(table, alias, {before, {}}).lostMarker()) {
-    return say("warning: alias " + alias.address() + ": " + why);
+// The row `row`, which has the members `before` now, and the rows that it leads to then or now.
+AliasChange s_reached(AliasTable& table, const TableEntry& row,
+                      const std::set<EmailAddress>& before) {
+  AliasChange change = s_written(row, before);
+  SpellingIndex met;
+  met.add(row.key.address());
+  std::set<EmailAddress> unasked;
+  const auto meet = [&](const auto& members) {
+    for (const EmailAddress& member : members) {
+      if (met.add(member.address()).isNew) unasked.insert(member);
+    }
+  };
+  meet(row.values);
+  meet(before);
+  while (!unasked.empty()) {
+    for (const auto& [found, next] : table.lookSpelled(std::exchange(unasked, {}))) {
+      change.keep(next.name, next.text);
+      meet(next.members);
+    }
   }
-  throw Failure(ExitCode::BadData, "alias " + alias.address(), why,
-                "nothing was changed; make two lists side by side, each addressed by the sender or"
-                " by a mask");
+  return change;
+}
+
+void s_refuseLoops(const EmailAddress& alias, AliasChange& change) {
+  for (const AliasLoop& loop : change.loops()) {
+    if (!loop.isNew) {
+      return say("warning: alias " + alias.address() +
+                 " is in an alias loop already: " + textOf(loop.path));
+    }
+    throw Failure(ExitCode::BadData, "alias " + alias.address(),
+                  "it would lead back to itself: " + textOf(loop.path),
+                  "nothing was changed; leave one of these members out, or give --allow-cycle");
+  }
+}
+
+void s_refuseLostMarkers(const EmailAddress& alias, AliasChange& change) {
+  const std::vector<LostMarker> lost = change.lostMarkers();
+  const auto first =
+      std::find_if(lost.begin(), lost.end(), [](const LostMarker& marker) { return marker.isNew; });
+  if (first == lost.end()) {
+    if (!lost.empty()) say("warning: alias " + alias.address() + ": " + lost.front().why());
+    return;
+  }
+  throw Failure(ExitCode::BadData, "alias " + alias.address(), first->why(),
+                std::string("nothing was changed; ").append(s_sideBySide));
 }
 
 }  // namespace
 
 void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<EmailAddress>& members,
                 const std::set<EmailAddress>& before, bool allowCycle) {
-  const ReachedAliases reached(table, alias, {members, pickMembers(members, before, false)});
-  if (!allowCycle) s_refuseCycle(alias, reached);
-  s_refuseLostMarker(table, alias, reached, before);
+  const TableEntry row{alias, {members.begin(), members.end()}};
+  AliasChange reached = s_reached(table, row, before);
+  if (!allowCycle) s_refuseLoops(alias, reached);
+  if (!reached.changesReach()) return s_refuseLostMarkers(alias, reached);
+  // Only now do the aliases above matter. To find them takes the whole table.
+  AliasChange whole = s_written(row, before);
+  table.forEachRow([&](std::string_view name, std::string_view text) { whole.keep(name, text); });
+  s_refuseLostMarkers(alias, whole);
 }
 
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,

@@ -51,8 +51,8 @@ std::optional<EmailAddress> baseOf(AliasTable& table, const EmailAddress& addres
 void tellSpelling(const EmailAddress& alias, const AliasLook& look);
 
 // Refuses `members`, in place of `before`, when a new one leads back to `alias`, unless
-// `allowCycle`, or an all-users marker would be taken for an address; warns when that is so
-// already. Throws Failure, `BadData`.
+// `allowCycle`, or an all-users marker would be taken for an address, by `alias` or one above it;
+// warns when that is so already. Throws Failure, `BadData`.
 void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<EmailAddress>& members,
                 const std::set<EmailAddress>& before, bool allowCycle);
 

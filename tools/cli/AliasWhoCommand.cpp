@@ -10,7 +10,7 @@
 #include "cli/Command.h"
 #include "cli/RowReport.h"
 #include "tables/AddressKey.h"
-#include "tables/AliasCycles.h"
+#include "tables/AliasChange.h"
 #include "tables/AliasGraph.h"
 #include "tables/Extension.h"
 #include "tables/MailUsers.h"

@@ -129,7 +129,10 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
   }
   TableImport change(format, table, file,
                      arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);
-  if (!format.hasPublic && !arguments.allowCycle) change.refuseCycles();
+  if (!format.hasPublic) {
+    change.refuseHarm(arguments.allowCycle ? TableImport::Loops::Allow
+                                           : TableImport::Loops::Refuse);
+  }
   s_carryOut(change, "importing " + file.name() + " into table " + table, arguments.dryRun,
              progress);
   progress.end();

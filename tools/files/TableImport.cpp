@@ -10,7 +10,6 @@
 #include "base/bytes.h"
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
-#include "tables/AliasCycles.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Say.h"
@@ -124,26 +123,54 @@ void TableImport::compare(bool toWrite, Progress& progress) {
       progress.counter());
   faults.refuse("it would give a public address to two private ones");
   sortOut(matches);
-  if (m_cycles == nullptr) return;
+  if (!m_aliases || m_added.size() + m_changed.size() + m_removed.size() == 0) return;
   progress.begin("looking for alias loops", "rows");
-  checkCycles();
+  if (m_loops == Loops::Refuse) checkLoops();
+  checkMarkers();
+  m_aliases.reset();
 }
 
-void TableImport::checkCycles() {
-  Entries written = m_added;
-  for (const ChangedRow& row : m_changed) written.push_back(row.entry);
-  if (written.empty()) return;
+void TableImport::refuseHarm(Loops loops) {
+  m_loops = loops;
+  m_aliases.emplace();
+  for (const FileEntry& entry : m_file.entries()) m_aliases->write(entry);
+}
+
+void TableImport::checkLoops() {
   LineFaults faults(m_file.name());
-  for (const ImportCycles::Cycle& cycle : m_cycles->find(written)) {
-    if (cycle.isNew) {
-      faults.add(cycle.line, "it would lead back to itself: " + textOf(cycle.path));
+  for (const AliasLoop& loop : m_aliases->loops()) {
+    const std::size_t line = m_file.entries()[loop.row].number;
+    if (loop.isNew) {
+      faults.add(line, "it would lead back to itself: " + textOf(loop.path));
     } else {
-      say("warning: " + m_file.name() + ":" + std::to_string(cycle.line) +
-          ": it is in an alias loop already: " + textOf(cycle.path));
+      warn(line, "it is in an alias loop already: " + textOf(loop.path));
     }
   }
-  m_cycles.reset();
   faults.refuse("it would make aliases lead back to themselves, which only --allow-cycle permits");
+}
+
+void TableImport::checkMarkers() {
+  LineFaults faults(m_file.name());
+  for (const LostMarker& lost : m_aliases->lostMarkers()) {
+    // It may come from a row that goes.
+    if (!lost.row) throw Failure(ExitCode::BadData, m_file.name(), lost.why(), s_sideBySide);
+    const std::size_t line = m_file.entries()[*lost.row].number;
+    if (lost.isNew) {
+      faults.add(line, lost.why());
+    } else {
+      warn(line, lost.why());
+    }
+  }
+  faults.refuse(
+      std::string("it would have all-users aliases reached with others; ").append(s_sideBySide));
+}
+
+void TableImport::warn(std::size_t line, const std::string& why) const {
+  say("warning: " + m_file.name() + ":" + std::to_string(line) + ": " + why);
+}
+
+std::size_t TableImport::placeOf(const FileEntry& entry) const {
+  return static_cast<std::size_t>(&entry - m_file.entries().data());
 }
 
 void TableImport::meet(std::string_view key, std::string_view value, std::vector<Match>& matches,
@@ -152,8 +179,8 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   const FileEntry* const entry = address.isNull() ? nullptr : m_file.withKey(address);
   if (entry == nullptr) return meetUnmentioned(key, value, faults);
   const bool isSame = value == entry->value();
-  if (m_cycles != nullptr && !isSame) m_cycles->replace(*entry, value);
-  Match& match = matches[static_cast<std::size_t>(entry - m_file.entries().data())];
+  const std::size_t place = placeOf(*entry);
+  Match& match = matches[place];
   const bool exact = key == entry->key.address();
   if (match.present && !exact) {
     // A second row of one address: the one that is spelled as in the file stays.
@@ -163,6 +190,8 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   if (match.present) m_removed.push_back(std::move(match.other));
   match.present = true;
   match.equal = exact && isSame;
+  if (m_aliases && match.equal) m_aliases->leave(place);
+  if (m_aliases && !match.equal) m_aliases->setBefore(place, value);
   match.other = {};
   if (!exact) match.other = {std::string(key), std::string(value)};
 }
@@ -171,10 +200,11 @@ void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
                                   LineFaults& faults) {
   if (m_rest == Rest::Remove) {
     m_removed.push_back({std::string(key), std::string(value)});
+    if (m_aliases) m_aliases->remove(key, value);
     return;
   }
   ++m_left;
-  if (m_cycles != nullptr) m_cycles->keep(key, value);
+  if (m_aliases) m_aliases->keep(key, value);
   if (!m_format.hasPublic) return;
   const EmailAddress address = s_parse(value);
   const FileEntry* const taken = address.isNull() ? nullptr : m_file.withPublic(address);

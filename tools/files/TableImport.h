@@ -4,7 +4,6 @@
 #define TSL_TOOLS_FILES_TABLEIMPORT_H
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,8 +11,8 @@
 
 #include "database/Connection.h"
 #include "database/Transaction.h"
-#include "files/ImportCycles.h"
 #include "files/TableFile.h"
+#include "tables/AliasChange.h"
 #include "tables/TableFormat.h"
 #include "terminal/Progress.h"
 
@@ -42,12 +41,16 @@ class TableImport {
   // known to be safe.
   TableImport(const TableFormat& format, std::string table, const TableFile& file, Rest rest);
 
-  // Makes compare() refuse alias loops through a row that it would write. Must be called before it.
-  void refuseCycles() { m_cycles = std::make_unique<ImportCycles>(m_file); }
+  // Whether an import may make alias loops.
+  enum class Loops { Refuse, Allow };
+
+  // Makes compare() refuse, in a table of aliases, all-users markers that would be taken for
+  // addresses, and alias loops through a row that it would write. Must be called before it.
+  void refuseHarm(Loops loops);
 
   // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
   // until its end. Throws Failure, `BadData`, when an entry does not fit its column, or its public
-  // address is that of a row which the file does not mention, or there would be an alias loop.
+  // address is that of a row which the file does not mention, or there would be harm as above.
   void compare(bool toWrite, Progress& progress);
 
   [[nodiscard]] const std::vector<const FileEntry*>& added() const { return m_added; }
@@ -73,11 +76,14 @@ class TableImport {
   };
 
   void checkSizes();
+  void warn(std::size_t line, const std::string& why) const;
+  [[nodiscard]] std::size_t placeOf(const FileEntry& entry) const;
   void meet(std::string_view key, std::string_view value, std::vector<Match>& matches,
             LineFaults& faults);
   void meetUnmentioned(std::string_view key, std::string_view value, LineFaults& faults);
   void sortOut(std::vector<Match>& matches);
-  void checkCycles();
+  void checkLoops();
+  void checkMarkers();
   void deleteAll(const std::vector<std::string>& keys);
   void insertAll(const Entries& entries, const std::string& end);
   void insertBatch(const Entries& entries, std::size_t first, std::size_t last,
@@ -97,7 +103,8 @@ class TableImport {
   Entries m_added;
   std::vector<ChangedRow> m_changed;
   std::vector<StoredRow> m_removed;
-  std::unique_ptr<ImportCycles> m_cycles;  // Null when they are allowed.
+  std::optional<AliasChange> m_aliases;  // What becomes of them, unless nobody asks.
+  Loops m_loops = Loops::Allow;
   std::size_t m_left = 0;
   std::size_t m_bytes = 0;         // Of one statement, unless a single row is longer.
   Progress* m_progress = nullptr;  // While write() runs.

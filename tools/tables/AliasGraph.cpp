@@ -120,13 +120,14 @@ AliasGraph::AliasGraph(Database::Connection& connection, const std::string& tabl
   query.execute();
 }
 
-std::vector<Reach> AliasGraph::reach(const Components& components) const {
+std::vector<Reach> reachOf(const DirectedGraph& links, const Components& components,
+                           const std::vector<Reach>& own) {
   std::vector<Reach> reach(components.nodes.size());
   // Links lead to lower numbers, so what a component leads to is complete when its turn comes.
   for (std::uint32_t component = 0; component < reach.size(); ++component) {
-    for (const Id alias : components.nodes.of(component)) {
-      reach[component].add(m_own[alias]);
-      for (const Id member : m_links.of(alias)) {
+    for (const DirectedGraph::Node alias : components.nodes.of(component)) {
+      reach[component].add(own[alias]);
+      for (const DirectedGraph::Node member : links.of(alias)) {
         if (components.of[member] != component) reach[component].add(reach[components.of[member]]);
       }
     }

@@ -31,6 +31,7 @@ class Reach {
   [[nodiscard]] bool isMarker() const { return m_state >= s_firstMarker; }
   // Requires: isMarker().
   [[nodiscard]] std::uint32_t number() const { return m_state - s_firstMarker; }
+  friend bool operator==(Reach, Reach) = default;
 
   // What both together are.
   void add(Reach other) {
@@ -48,6 +49,11 @@ class Reach {
 
   std::uint32_t m_state = s_nothing;
 };
+
+// What each component of `components`, which are those of `links`, expands to; `own` is what the
+// members of each alias that are not aliases are.
+std::vector<Reach> reachOf(const DirectedGraph& links, const Components& components,
+                           const std::vector<Reach>& own);
 
 // Called with the content of the table while it is read. Texts are valid during the call only.
 class AliasVisitor {
@@ -91,7 +97,9 @@ class AliasGraph {
   [[nodiscard]] std::uint64_t rows() const { return m_rows; }
 
   // What each component of `components`, which are those of `links()`, expands to.
-  [[nodiscard]] std::vector<Reach> reach(const Components& components) const;
+  [[nodiscard]] std::vector<Reach> reach(const Components& components) const {
+    return reachOf(m_links, components, m_own);
+  }
 
  private:
   class Parser;

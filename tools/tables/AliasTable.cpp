@@ -12,7 +12,6 @@
 #include "tables/AliasGraph.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
-#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 
@@ -145,6 +144,10 @@ std::vector<AliasRow> AliasTable::rowsOf(const std::vector<std::string>& names) 
 
 std::vector<AliasRow> AliasTable::rows(const std::string& domain) {
   return select(domain, ";");
+}
+
+void AliasTable::forEachRow(const TakePair& take) {
+  selectPairs(m_connection, "select name, members from " + m_table + ";", take);
 }
 
 std::vector<AliasRow> AliasTable::rowsLocked() {

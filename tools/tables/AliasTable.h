@@ -14,6 +14,7 @@
 #include "database/Connection.h"
 #include "tables/RowReader.h"
 #include "tables/SpellingSearch.h"
+#include "tables/TextRows.h"
 
 namespace Tessel::Tool {
 
@@ -67,6 +68,9 @@ class AliasTable {
   // All rows, or those of `domain` in any spelling where it is not empty. In the order of
   // addresses, rows without a readable name first.
   std::vector<AliasRow> rows(const std::string& domain);
+
+  // Calls `take` with the name and the members of each row, as they are there.
+  void forEachRow(const TakePair& take);
 
   // All rows as rows() has them, locked until the end of the transaction.
   std::vector<AliasRow> rowsLocked();
