@@ -276,7 +276,7 @@ at_terminal() {
   equal "$output" "+ bob@example.com"
   run -0 cmf user add ann@example.com --dry-run
   equal "$output" ""
-  run -0 cmf user remove ann@example.com --dry-run
+  run -0 --separate-stderr cmf user remove ann@example.com --dry-run
   equal "$output" "- ann@example.com"
   run -1 cmf user remove bob@example.com --dry-run
   run -0 cmf domain remove example.com --dry-run

@@ -51,12 +51,14 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   equal "$output" $'bob@Example.com\tdisabled\no\'brien@Example.com\tuser\nroom@Example.com\tshared'
   run -0 cmf user list example.com --json
   contains "$output" '[{"address":"bob@Example.com","kind":"disabled"},'
+  # These commands need no server, so this one cannot know what leads to the user.
   run -0 --separate-stderr cmf user remove bob@example.com
-  equal "$output$stderr" ""
+  equal "$output" ""
+  contains "$stderr" "warning: which aliases and masks lead to bob@example.com is unknown: "
   run -1 --separate-stderr cmf user remove bob@example.com
   contains "$stderr" "no mail user bob@example.com"
-  run -0 cmf user remove room@example.com --json
-  equal "$output" '{"address":"room@example.com","removed":true}'
+  run -0 --separate-stderr cmf user remove room@example.com --json
+  equal "$output" '{"address":"room@example.com","removed":true,"aliases":null,"masks":null}'
 }
 
 @test "all spellings of a domain and of a user are one" {
@@ -81,11 +83,39 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   equal "$output" '{"domain":"xn--bro-hoa.example","merged":[],"users":1,"dryRun":true}'
   run -1 cmf domain merge other.example
   run -0 cmf user remove JÜRGEN@büro.example --json
-  equal "$output" '{"address":"jürgen@xn--bro-hoa.example","removed":true}'
+  contains "$output" '{"address":"jürgen@xn--bro-hoa.example","removed":true,'
   run -0 cmf domain remove büro.example --json
   equal "$output" '{"domain":"xn--bro-hoa.example","removed":true,"users":0}'
   run -0 cmf domain list
   equal "$output" ""
+}
+
+@test "a user who goes is named with the aliases and masks that lead to it" {
+  db() { tool --cmf "$CMF" "$@"; }
+  db domain add xn--bro-hoa.example
+  db user add ann@büro.example
+  run -0 --separate-stderr db user remove ann@BÜRO.example --dry-run --json
+  equal "$output" '{"address":"ann@xn--bro-hoa.example","removed":true,"aliases":[],"masks":[],"dryRun":true}'
+  equal "$stderr" ""
+  db table create sales
+  db alias set team@x.example Ann@büro.example bob@x.example
+  db alias set x@x.example annika@büro.example
+  db alias set zz@x.example ann@xn--bro-hoa.example
+  db --table sales alias set '"a b"@x.example' ann+news@xn--bro-hoa.example
+  db --table sales mask set ann@BÜRO.example ann.smith@x.example
+  sql "insert into alias (name, members) values ('broken@x.example', 'ann@büro.example,x y')"
+  run -0 --separate-stderr db user remove ann@büro.example --dry-run
+  equal "$output" "- ann@xn--bro-hoa.example"
+  contains "$stderr" "warning: in table alias, ann@xn--bro-hoa.example is a member of team@x.example, zz@x.example; 'tsl-address-map alias drop --everywhere ann@xn--bro-hoa.example' removes it"
+  contains "$stderr" "warning: in table alias_sales, ann+news@xn--bro-hoa.example is a member of \"a b\"@x.example; 'tsl-address-map --table sales alias drop --everywhere ann+news@xn--bro-hoa.example' removes it"
+  contains "$stderr" "warning: in table mask_sales, ann.smith@x.example is the public address of ann@BÜRO.example; 'tsl-address-map --table sales mask remove 'ann@BÜRO.example' ann.smith@x.example' removes it"
+  run -0 db user remove ann@büro.example --json
+  contains "$output" '{"table":"alias","alias":"team@x.example","member":"Ann@büro.example"}'
+  contains "$output" '"masks":[{"table":"mask_sales","private":"ann@BÜRO.example","public":"ann.smith@x.example"}]'
+  # The command that it names does it; broken rows are those of 'check'.
+  run -65 db alias drop --everywhere ann@xn--bro-hoa.example --yes
+  equal "$(sql "select group_concat(name order by name) from alias")" broken@x.example,team@x.example,x@x.example
+  sql 'drop table alias_sales, mask_sales'
 }
 
 @test "a domain with users is not removed without a yes" {

@@ -146,21 +146,11 @@ class GraphCheck {
       for (const AliasGraph::Id alias : aliases) finding.addresses.push_back(name(alias));
       std::sort(finding.addresses.begin(), finding.addresses.end());
       finding.what += "; mail for " + std::to_string(aliases.size()) +
-                      " addresses reaches nobody: " + shown(finding.addresses);
+                      " addresses reaches nobody: " + listed(finding.addresses);
     } else {
       finding.what += "; mail reaches the other members";
     }
     m_findings.add(finding);
-  }
-
-  static std::string shown(const std::vector<std::string>& addresses) {
-    constexpr std::size_t most = 10;
-    std::string text;
-    for (std::size_t i = 0; i < std::min(most, addresses.size()); ++i) {
-      text += (i == 0 ? "" : ", ") + addresses[i];
-    }
-    if (addresses.size() <= most) return text;
-    return text + " and " + std::to_string(addresses.size() - most) + " more";
   }
 
   void checkAlias(std::uint32_t component, AliasGraph::Id alias, bool isInCycle) {

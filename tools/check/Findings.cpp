@@ -102,6 +102,16 @@ std::string shellWord(std::string_view text) {
   return word + "'";
 }
 
+std::string listed(const std::vector<std::string>& addresses) {
+  constexpr std::size_t most = 10;
+  std::string text;
+  for (std::size_t i = 0; i < std::min(most, addresses.size()); ++i) {
+    text += (i == 0 ? "" : ", ") + addresses[i];
+  }
+  if (addresses.size() <= most) return text;
+  return text + " and " + std::to_string(addresses.size() - most) + " more";
+}
+
 std::string selectRow(const std::string& table, const std::string& column, std::string_view text) {
   return "select * from " + quotedName(table) + " where " + column + "=" + literal(text) + ";";
 }

@@ -57,6 +57,9 @@ std::string commandOn(const std::string& table, const std::string& words);
 // `text` as one word of a shell, safe to show.
 std::string shellWord(std::string_view text);
 
+// "a, b, c", of which the later ones are only counted when there are many.
+std::string listed(const std::vector<std::string>& addresses);
+
 // The statement that shows the row with `text` in `column`.
 std::string selectRow(const std::string& table, const std::string& column, std::string_view text);
 

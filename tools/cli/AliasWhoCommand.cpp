@@ -10,9 +10,9 @@
 #include "cli/Command.h"
 #include "cli/RowReport.h"
 #include "tables/AddressKey.h"
+#include "tables/AddressUse.h"
 #include "tables/AliasChange.h"
 #include "tables/AliasGraph.h"
-#include "tables/Extension.h"
 #include "tables/MailUsers.h"
 #include "tables/TableNames.h"
 #include "terminal/Progress.h"
@@ -47,11 +47,7 @@ class Holders : public AliasVisitor {
   }
 
   void member(Id alias, std::string_view member, bool /*isAlias*/) override {
-    // The mailbox of the address gets mail for it with an extension, too.
-    const std::string base = withoutExtension(member);
-    const bool isHolder =
-        comparisonKey(member) == m_key || (!base.empty() && comparisonKey(base) == m_key);
-    if (isHolder) m_holders.push_back(alias);
+    if (leadsTo(member, m_key)) m_holders.push_back(alias);
   }
 
   [[nodiscard]] const std::vector<Id>& holders() const { return m_holders; }

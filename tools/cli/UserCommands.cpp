@@ -1,17 +1,23 @@
 // The commands on the mail users of a domain: add, remove, list.
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
+#include "check/Findings.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cmf/MailUser.h"
 #include "cmf/TableQuery.h"
 #include "cmf/Writer.h"
+#include "database/QueryTableNames.h"
+#include "tables/AddressKey.h"
+#include "tables/AddressUse.h"
 #include "tables/Configuration.h"
 #include "tables/MailUsers.h"
+#include "tables/TableNames.h"
 #include "tables/UserNames.h"
 #include "terminal/Say.h"
 
@@ -88,6 +94,68 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   return ExitCode::Done;
 }
 
+// Says which aliases of `table` have `member`.
+void s_tellAliases(const std::string& table, const std::string& member,
+                   const std::vector<std::string>& aliases) {
+  const std::string command = commandOn(table, "alias drop --everywhere " + shellWord(member));
+  say("warning: in table " + table + ", " + member + " is a member of " + listed(aliases) +
+      (command.empty() ? "" : "; '" + command + "' removes it"));
+}
+
+void s_tellMask(const std::string& table, const AddressUse& use) {
+  const std::string command =
+      commandOn(table, "mask remove " + shellWord(use.key) + " " + shellWord(use.value));
+  say("warning: in table " + table + ", " + use.value + " is the public address of " + use.key +
+      (command.empty() ? "" : "; '" + command + "' removes it"));
+}
+
+// The rows of all tables that lead to mail user `address`, also as `document` has them.
+class UsesReport {
+ public:
+  explicit UsesReport(Json& document) : m_document(document) {
+    m_document["aliases"] = Json::array();
+    m_document["masks"] = Json::array();
+  }
+
+  // Says what leads to `address`. What cannot be read is a warning: the user is gone by then.
+  void tell(const std::string& address) {
+    try {
+      Database::Connection connection{std::string(s_database)};
+      const auto tables = Database::QueryTableNames(connection).names();
+      for (const std::string& table : tables) {
+        const auto known = readTableName(table);
+        if (known) tell(address, connection, table, known->kind);
+      }
+    } catch (const Exception& exception) {
+      say("warning: which aliases and masks lead to " + address +
+          " is unknown: " + failureOf(exception, "").why());
+      m_document["aliases"] = m_document["masks"] = nullptr;
+    }
+  }
+
+ private:
+  void tell(const std::string& address, Database::Connection& connection, const std::string& table,
+            TableKind kind) {
+    std::map<std::string, std::vector<std::string>> aliases;  // By the member.
+    for (const AddressUse& use : usesOf(address, connection, table, kind)) {
+      const std::string key = printable(use.key);
+      const std::string value = printable(use.value);
+      if (kind == TableKind::Alias) {
+        // One spelling drops them all.
+        const bool isSame = comparisonKey(use.value) == comparisonKey(address);
+        aliases[isSame ? address : use.value].push_back(use.key);
+        m_document["aliases"].push_back(Json{{"table", table}, {"alias", key}, {"member", value}});
+      } else {
+        s_tellMask(table, use);
+        m_document["masks"].push_back(Json{{"table", table}, {"private", key}, {"public", value}});
+      }
+    }
+    for (const auto& [member, names] : aliases) s_tellAliases(table, member, names);
+  }
+
+  Json& m_document;
+};
+
 ExitCode s_remove(Session& session, const Arguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
   MailUsers users;
@@ -105,8 +173,10 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
   }
   const bool removed = !found.empty();
   const std::string stored = removed ? s_shown(address, found.front()) : address.address();
-  answerChange(session, Json{{"address", stored}, {"removed", removed}},
-               removed ? "- " + stored : "", arguments.dryRun);
+  Json document{{"address", stored}, {"removed", removed}};
+  UsesReport uses(document);
+  if (removed) uses.tell(stored);
+  answerChange(session, document, removed ? "- " + stored : "", arguments.dryRun);
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
@@ -152,7 +222,9 @@ void addUserCommands(Command& top) {
 
   Command remove = group.command("remove", "Remove a mail user; exit 1 when there is none",
                                  "  tsl-address-map user remove ann@example.com\n"
-                                 "Prints nothing; with --json {\"address\", \"removed\"}.\n",
+                                 "Prints nothing; says on standard error which aliases and masks of"
+                                 " all tables still lead to\nthe user. With --json {\"address\","
+                                 " \"removed\", \"aliases\", \"masks\"}.\n",
                                  Preparation::Database, withArguments(s_remove, arguments));
   remove.argument("ADDRESS", arguments->address, "The address of the user");
   addDryRun(remove, arguments->dryRun);
