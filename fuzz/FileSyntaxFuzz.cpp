@@ -133,7 +133,7 @@ void s_checkEntries(const TableFormat& table, const TableFile& file) {
 // `isOwn` they were read from this format, which can express them all.
 void s_checkWritten(const TableFormat& table, const std::vector<FileEntry>& entries,
                     const TableFile::Options& options, bool isOwn) {
-  const auto syntax = FileSyntax::named(options.format, table, options.domain);
+  const auto syntax = FileSyntax::named(options.format, table, options.defaultDomain);
   std::string content = syntax->header();
   if (!content.empty()) content += '\n';
   std::vector<FileEntry> written;
@@ -165,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const TableFormat& table = data[0] % 2U == 0 ? TableFormat::alias() : TableFormat::mask();
   TableFile::Options options;
   options.format = s_formats.at(data[0] / 2U % 6U);
-  if (data[0] / 12U % 2U != 0) options.domain = s_domain;
+  if (data[0] / 12U % 2U != 0) options.defaultDomain = s_domain;
   if (data[0] / 24U % 2U != 0) options.localNames = LocalNames::Allow;
 
   const File file(asText(data, size).substr(1));
@@ -173,7 +173,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto first = file.read(table, options, refusal);
   if (options.format.empty()) {
     ExitCode detection{};
-    options.format = file.detected(table, options.domain, detection);
+    options.format = file.detected(table, options.defaultDomain, detection);
     require(!options.format.empty() || (first == nullptr && refusal == detection),
             "without a format nothing is read");
     if (options.format.empty()) return 0;

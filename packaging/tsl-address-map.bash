@@ -27,10 +27,10 @@ _tsl_address_map_options() {
     "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export" | "mask export") echo --domain --format ;;
-    "alias import") echo --allow-cycle --columns --domain --dry-run --force --format --local-names --new-spelling --replace --skip-bad ;;
+    "alias import") echo --allow-cycle --columns --default-domain --domain --dry-run --force --format --local-names --new-spelling --replace --skip-bad ;;
     "mask set") echo --dry-run --force ;;
     "mask remove") echo --domain --dry-run ;;
-    "mask import") echo --columns --dry-run --force --format --new-spelling --replace --skip-bad ;;
+    "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;
     serve)
       echo --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
         --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \

@@ -223,7 +223,7 @@ TEST(FileSyntax, NamesWithoutADomainAskForOne) {
   TableEntry entry;
   const auto fault = FileSyntax::named("aliases", s_alias, "")->read("t: a@x", entry);
   ASSERT_TRUE(fault);
-  EXPECT_EQ(fault->why, "bad name: 't' has no domain; --domain gives one to such names");
+  EXPECT_EQ(fault->why, "bad name: 't' has no domain; --default-domain gives one to such names");
 }
 
 TEST(FileSyntax, NamesOfAVirtualMapGetTheDomainThatIsGiven) {

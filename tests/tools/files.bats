@@ -100,6 +100,38 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   equal "$output" "0 added, 0 changed, 3 left, 1 removed"
 }
 
+@test "an import of one domain leaves the others alone" {
+  tool alias import - <<<$'a@x.example:m@y.example\na@y.example:m@y.example\nb@x.example:m@y.example'
+  tool alias set c@xn--bro-hoa.example m@y.example
+  run -0 tool alias import --replace --domain X.example --dry-run - <<<$'b@x.example:m@y.example\nd@x.EXAMPLE:m@y.example'
+  equal "$output" $'- a@x.example:m@y.example\n+ d@x.EXAMPLE:m@y.example\n1 added, 0 changed, 3 left, 1 removed'
+  run -0 tool alias import --replace --domain BÜRO.example - <<<d@büro.example:m@y.example
+  equal "$output" "1 added, 0 changed, 3 left, 1 removed"
+  run -65 --separate-stderr tool alias import --domain x.example - <<<$'e@x.example:m@y.example\ne@sub.x.example:m@y.example'
+  contains "$stderr" "standard input:2: e@sub.x.example is not of the domain x.example, to which --domain limits the import"
+  run -0 --separate-stderr tool alias import --domain x.example --skip-bad - <<<$'b@x.example:m@y.example\ne@y.example:m@y.example'
+  equal "$output" "0 added, 0 changed, 4 left, 0 removed, 1 skipped"
+  : >empty.txt
+  run -65 --separate-stderr tool alias import --replace --domain x.example empty.txt
+  contains "$stderr" "--replace would remove all rows of x.example"
+  run -65 tool alias import --domain 'x y' empty.txt
+  # What is exported of a domain is imported with the same options.
+  for format in native jsonl csv virtual aliases; do
+    tool alias export --domain x.example --format "$format" out.txt
+    run -0 tool alias import --domain x.example --replace --dry-run --format "$format" out.txt
+    equal "$output" "0 added, 0 changed, 4 left, 0 removed"
+  done
+  run -0 tool alias import --format aliases --domain x.example - <<<'f: g'
+  equal "$(tool alias show f@x.example)" g@x.example
+  run -65 tool alias import --format aliases --domain x.example --default-domain y.example - <<<'f: g'
+  run -65 tool alias import --format virtual --domain x.example - <<<'f g'
+  tool mask import - <<<$'a@in.example:a@out.example\n*@in.example:*@out.example\na@other.example:b@out.example'
+  run -0 tool mask import --replace --domain IN.example - <<<a@in.example:c@out.example
+  equal "$output" "0 added, 1 changed, 1 left, 1 removed"
+  run -65 --separate-stderr tool mask import --domain in.example - <<<x@out.example:x@in.example
+  contains "$stderr" "x@out.example is not of the domain in.example"
+}
+
 @test "the table takes the spelling of the file" {
   sql "insert into alias ( name, members, all_users ) values( 'ANN@Example.com', 'b@example.com,a@example.com', 1 ),
        ( '\"bob\"@example.com', 'Bob <b@example.com>', 1 );"
@@ -284,8 +316,12 @@ END
   equal "$(grep -c 'has a comma' <<<"$stderr")" 2
   run -65 tool alias import in.txt --local-names
   sed -i '/^[gh]/d' in.txt
+  # The marker of another domain is no local name: mail for it waits.
+  run -65 --separate-stderr tool alias import in.txt --local-names
+  contains "$stderr" "in.txt:6: its member 'allusers_other.example' means all users only"
+  sed -i '/^f/d' in.txt
   run -0 tool alias import in.txt --local-names
-  equal "$output" "6 added, 0 changed, 0 left, 0 removed"
+  equal "$output" "5 added, 0 changed, 0 left, 0 removed"
   run -65 tool alias add a@example.com daemon
   run -0 tool alias add a@example.com daemon --local-names
   run -65 tool alias set a@example.com 'a@[x:b,c]' --local-names

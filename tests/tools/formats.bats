@@ -221,16 +221,16 @@ team@example.net: ann@example.com
 END
   run -65 --separate-stderr tool alias import aliases
   contains "$stderr" "its format cannot be recognised"
-  run -0 tool alias import aliases --format aliases --domain example.com
+  run -0 tool alias import aliases --format aliases --default-domain example.com
   equal "$output" "5 added, 0 changed, 0 left, 0 removed"
   equal "$(tool alias list)" \
     $'MAILER-DAEMON@example.com\tpostmaster@example.com\npostmaster@example.com\troot@example.com\nroot@example.com\tann@example.com,carl@example.net,"joe smith"@example.com\nteam@example.net\tann@example.com\n"two words"@example.com\tann@example.com'
   sed -i '/team@/d' aliases
   empty_tables
-  run -0 tool alias import aliases --domain example.com --json
+  run -0 tool alias import aliases --default-domain example.com --json
   equal "$output" '{"added":4,"changed":0,"left":0,"removed":0}'
   run -65 --separate-stderr tool alias import aliases
-  contains "$stderr" "aliases:3: bad name: 'MAILER-DAEMON' has no domain; --domain gives one"
+  contains "$stderr" "aliases:3: bad name: 'MAILER-DAEMON' has no domain; --default-domain gives one"
   cat >special <<'END'
 good: ann
 a: :include:/etc/list
@@ -244,7 +244,7 @@ Good: bob
 h: ann
 END
   before=$(aliases)
-  run -65 --separate-stderr tool alias import special --domain example.com
+  run -65 --separate-stderr tool alias import special --default-domain example.com
   contains "$stderr" "special:2: the target ':include:/etc/list' is not an address: it includes a file"
   contains "$stderr" "special:3: the target '|/usr/bin/filter' is not an address: it delivers to a command"
   contains "$stderr" "special:4: the target '\"|/usr/bin/vacation ann, bob\"' is not an address"
@@ -259,10 +259,10 @@ END
 @test "bad lines are left out if asked, and listed" {
   printf 'good: ann\nbad: |/usr/bin/filter\nGood: bob\nlist: ann,\n  :include:/etc/list\nh: bob\n' >special
   printf 'a@in:a@out\nb@in:A@out\na@IN:b@out\nc@in:b@out\nno\n' >pairs
-  run -0 --separate-stderr tool alias import special --domain example.com --skip-bad --dry-run
+  run -0 --separate-stderr tool alias import special --default-domain example.com --skip-bad --dry-run
   equal "$output" $'+ good@example.com:ann@example.com\n+ h@example.com:bob@example.com\n2 added, 0 changed, 0 left, 0 removed, 3 skipped'
   equal "$(aliases)" ""
-  run -0 --separate-stderr tool alias import special --domain example.com --skip-bad
+  run -0 --separate-stderr tool alias import special --default-domain example.com --skip-bad
   equal "$output" "2 added, 0 changed, 0 left, 0 removed, 3 skipped"
   equal "$(grep -o 'special:[0-9]*: .....' <<<"$stderr")" \
     $'special:2: the t\nspecial:3: the a\nspecial:4: the t'
@@ -271,7 +271,7 @@ END
   equal "$output" '{"added":2,"changed":0,"left":0,"removed":0,"skipped":[{"line":2,"reason":"the public address A@out is in line 1 already"},{"line":3,"reason":"the private address a@IN is in line 1 already"},{"line":5,"reason":"there is no colon after an address"}]}'
   equal "$(tool mask list)" $'a@in\ta@out\nc@in\tb@out'
   # Rows whose lines are bad would be removed.
-  run -64 tool alias import special --domain example.com --skip-bad --replace
+  run -64 tool alias import special --default-domain example.com --skip-bad --replace
   # A long list is shown to its end.
   seq 150 >numbers
   run -0 --separate-stderr tool alias import numbers --skip-bad
@@ -385,7 +385,7 @@ bad() {
   run -65 tool alias import - <<<$'# comment\na@example.com:b@example.com'
   run -0 tool alias import - <<<$'# comment\na@example.com b@example.com'
   run -0 tool alias import - --domain example.com <<<$'# comment\n\nroot: ann'
-  run -0 tool alias import - --format virtual --domain example.com <<<$'info ann, bob@example.net'
+  run -0 tool alias import - --format virtual --default-domain example.com <<<$'info ann, bob@example.net'
   equal "$(tool alias show info@example.com)" $'ann@example.com\nbob@example.net'
   run -0 tool alias remove info@example.com
   run -0 tool alias import - --format native <<<$'#a@example.com:b@example.com'
@@ -401,7 +401,7 @@ bad() {
   run -65 tool mask export --domain 'a b'
   run -64 --separate-stderr tool alias export --format aliases
   contains "$stderr" "give --domain DOMAIN"
-  run -64 tool alias import - --format csv --domain example.com <<<address,members
+  run -64 tool alias import - --format csv --default-domain example.com <<<address,members
   run -64 tool alias export --format csv --json
 }
 

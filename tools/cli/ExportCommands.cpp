@@ -75,7 +75,8 @@ class TableReader {
         progress.add(1);
         last = key;
         std::string text;
-        if (!isWanted(key) || !check(key, value, text)) return;
+        // The statement gives more rows than those of the domain.
+        if (!isOfDomain(key, m_key) || !check(key, value, text)) return;
         ++good;
         take(text);
       });
@@ -102,11 +103,6 @@ class TableReader {
     }
     return "select " + key + ", " + m_format.value + " from " + m_table + conditions +
            " order by " + key + " limit " + std::to_string(s_rowsPerStatement) + ";";
-  }
-
-  // The statement gives more rows than those of the domain.
-  [[nodiscard]] bool isWanted(std::string_view key) const {
-    return m_domain.empty() || comparisonDomain(domainOf(key)) == m_key;
   }
 
   bool check(std::string_view key, std::string_view value, std::string& text) {

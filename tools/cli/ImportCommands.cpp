@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "files/TableFile.h"
 #include "files/TableImport.h"
@@ -98,8 +99,8 @@ void s_carryOut(TableImport& change, const std::string& subject, bool dryRun, Pr
 
 // True when fewer rows would go than come, or the person at the terminal agrees.
 bool s_mayReplace(const TableFormat& format, const std::string& table, const TableFile& file,
-                  Progress& progress) {
-  TableImport change(format, table, file, TableImport::Rest::Remove);
+                  const TableImport::Rest& rest, Progress& progress) {
+  TableImport change(format, table, file, rest);
   change.compare(false, progress);
   progress.end();
   const std::size_t added = change.added().size();
@@ -107,28 +108,31 @@ bool s_mayReplace(const TableFormat& format, const std::string& table, const Tab
   if (removed <= added) return true;
   say("table " + table + ": " + std::to_string(removed) + " rows would be removed, " +
       std::to_string(added) + " added, " + std::to_string(change.changed().size()) + " changed");
-  return confirm("Replace the table?");
+  return confirm(rest.domain.empty() ? "Replace the table?"
+                                     : "Replace the rows of " + rest.domain + "?");
 }
 
 ExitCode s_import(Session& session, const Arguments& arguments, const TableFormat& format) {
   Progress progress;
   TableFile::Options options = arguments.options;
   options.localNames = localNamesOf(arguments.localNames);
+  if (!options.domain.empty()) options.domain = parseDomain(options.domain);
+  const TableImport::Rest rest{arguments.replace, options.domain};
   const TableFile file(format, arguments.file, options, progress);
   if (arguments.replace && !arguments.force && file.entries().empty()) {
     throw Failure(ExitCode::BadData, file.name(),
-                  "it is empty, and --replace would empty the table",
-                  "nothing was written; add --force to empty the table");
+                  "it is empty, and --replace would remove all rows" +
+                      (rest.domain.empty() ? "" : " of " + rest.domain),
+                  "nothing was written; add --force to remove them");
   }
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
   const bool asks = arguments.replace && !arguments.force && !arguments.dryRun && canAsk();
-  if (asks && !s_mayReplace(format, table, file, progress)) {
+  if (asks && !s_mayReplace(format, table, file, rest, progress)) {
     say("nothing was changed");
     return ExitCode::Done;
   }
-  TableImport change(format, table, file,
-                     arguments.replace ? TableImport::Rest::Remove : TableImport::Rest::Keep);
+  TableImport change(format, table, file, rest);
   if (!format.hasPublic) {
     change.refuseHarm(arguments.allowCycle ? TableImport::Loops::Allow
                                            : TableImport::Loops::Refuse);
@@ -149,8 +153,9 @@ void addImportCommand(Command& group, const TableFormat& format) {
   Command import = group.command(
       "import", "Import the lines of a file into the table, all or none",
       "  tsl-address-map " + words + " table.txt --dry-run\n  tsl-address-map " + words +
-          " --replace table.txt\n  tsl-address-map " + words + " - <table.txt\n" + "Each line is " +
-          line +
+          " --replace table.txt\n  tsl-address-map " + words +
+          " --replace --domain example.com table.txt\n  tsl-address-map " + words +
+          " - <table.txt\n" + "Each line is " + line +
           ", or what --format says. The whole file is checked first: bad lines are reported "
           "as\nFILE:LINE: reason, nothing"
           " is written then, and the exit status is 65. Rows are added and changed; what the\nfile"
@@ -178,9 +183,16 @@ void addImportCommand(Command& group, const TableFormat& format) {
   import.option("--columns", arguments->options.columns, "NAME,NAME",
                 std::string("The columns of a CSV file to read; by default ") +
                     (format.hasPublic ? "private,public" : "address,members"));
+  import.option(
+      "--domain", arguments->options.domain, "DOMAIN",
+      format.hasPublic
+          ? "Refuse pairs with private addresses of other domains; --replace removes rows"
+            " of this domain only"
+          : "Refuse aliases of other domains; --replace removes rows of this domain only");
   if (format.hasPublic) return;
-  import.option("--domain", arguments->options.domain, "DOMAIN",
-                "With the formats aliases and virtual: the domain of names that have none");
+  import.option("--default-domain", arguments->options.defaultDomain, "DOMAIN",
+                "With the formats aliases and virtual: the domain of names that have none; with"
+                " aliases by default that of --domain");
   import.flag("--local-names", arguments->localNames,
               "Also import members without a domain, such as root");
   import.flag("--allow-cycle", arguments->allowCycle,

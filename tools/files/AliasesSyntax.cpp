@@ -97,7 +97,7 @@ class AliasesSyntax : public FileSyntax {
     if (address.isNull()) return "it is empty";
     if (!address.domain().empty()) return std::nullopt;
     if (m_domain.empty()) {
-      return "'" + std::string(item) + "' has no domain; --domain gives one to such names";
+      return "'" + std::string(item) + "' has no domain; --default-domain gives one to such names";
     }
     return addressFault([&] { address = EmailAddress::create(address.local(), m_domain, false); });
   }

@@ -35,7 +35,7 @@ std::unique_ptr<FileSyntax> s_make(FileFormat format, const TableFormat& table,
   const bool takesDomain =
       format == FileFormat::Aliases || (format == FileFormat::Virtual && !table.hasPublic);
   if (!domain.empty() && !takesDomain) {
-    throw Failure(ExitCode::Usage, "--domain",
+    throw Failure(ExitCode::Usage, "--default-domain",
                   std::string("the format ") + s_nameOf(format) + " takes none",
                   "leave it out, or give --format aliases or virtual");
   }

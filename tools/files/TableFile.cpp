@@ -13,6 +13,7 @@
 #include "failure/Failure.h"
 #include "files/FileSyntax.h"
 #include "tables/AddressKey.h"
+#include "tables/SpellingSearch.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -66,11 +67,14 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
   Lines lines(path, m_name);
   const std::string name =
       options.format.empty() && !options.columns.empty() ? "csv" : options.format;
-  const auto syntax = name.empty() ? FileSyntax::detected(lines, m_name, format, options.domain)
-                                   : FileSyntax::named(name, format, options.domain);
+  auto syntax = name.empty() ? FileSyntax::detected(lines, m_name, format, options.defaultDomain)
+                             : FileSyntax::named(name, format, options.defaultDomain);
+  if (syntax->format() == FileFormat::Aliases && options.defaultDomain.empty()) {
+    syntax = makeAliasesSyntax(format, options.domain);
+  }
   if (!options.columns.empty()) syntax->setColumns(options.columns);
   LineFaults faults = options.skipBad ? LineFaults(m_name, SIZE_MAX) : LineFaults(m_name);
-  read(lines, *syntax, faults, progress, options.localNames);
+  read(lines, *syntax, faults, progress, options);
   leaveDoublesOut(format, faults);
   if (!options.skipBad) faults.refuse("it has bad lines");
   faults.report();
@@ -79,7 +83,8 @@ TableFile::TableFile(const TableFormat& format, const std::string& path, const O
 }
 
 void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
-                     LocalNames localNames) {
+                     const Options& options) {
+  const std::string domain = comparisonDomain(options.domain);
   Records records(lines, syntax.isLogical());
   bool isHeader = !syntax.header().empty();
   std::string_view record;
@@ -102,8 +107,11 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
     entry.number = records.number();
     if (const auto fault = syntax.read(record, entry)) {
       faults.add(records.number(), fault->why);
-    } else if (const auto why = s_refusal(entry, syntax.hasMembers(), localNames)) {
+    } else if (const auto why = s_refusal(entry, syntax.hasMembers(), options.localNames)) {
       faults.add(records.number(), *why);
+    } else if (!isOfDomain(entry.key.address(), domain)) {
+      faults.add(records.number(), entry.key.address() + " is not of the domain " + options.domain +
+                                       ", to which --domain limits the import");
     } else {
       m_entries.push_back(std::move(entry));
     }

@@ -50,16 +50,19 @@ class LineFaults {
 // One thread.
 class TableFile {
  public:
-  // How --format and the other options say that the file is written; empty texts where they say
-  // nothing.
+  // How --format and the other options say that the file is written, and which of its lines are
+  // good; empty texts where they say nothing.
   struct Options {
     std::string format;
-    std::string domain;
+    std::string defaultDomain;  // Of names without one.
     LocalNames localNames = LocalNames::Refuse;
     std::string columns{};  // As --columns has them; for csv, which they mean without a format.
     bool skipBad = false;   // Leave bad lines out, and the later of two lines of one address.
     // Take two spellings of one address for two addresses, unless they differ in letter case only.
     bool newSpelling = false;
+    // A line of another domain than this, in any spelling, is bad. The format `aliases` also takes
+    // it for `defaultDomain`.
+    std::string domain{};
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it
@@ -89,7 +92,7 @@ class TableFile {
   };
 
   void read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progress& progress,
-            LocalNames localNames);
+            const Options& options);
   void leaveDoublesOut(const TableFormat& format, LineFaults& faults);
   std::size_t* placeOf(Places& places, const FileEntry& entry, const EmailAddress& address,
                        const char* what, LineFaults& faults) const;

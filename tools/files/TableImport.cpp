@@ -10,6 +10,8 @@
 #include "base/bytes.h"
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
+#include "tables/AddressKey.h"
+#include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Say.h"
@@ -70,11 +72,12 @@ std::string s_shown(std::string_view key, std::string_view value) {
 }  // namespace
 
 TableImport::TableImport(const TableFormat& format, std::string table, const TableFile& file,
-                         Rest rest)
+                         const Rest& rest)
     : m_format(format),
       m_table(std::move(table)),
       m_file(file),
-      m_rest(rest),
+      m_removes(rest.removes),
+      m_domain(comparisonDomain(rest.domain)),
       m_connection(std::string(s_database)) {}
 
 void TableImport::checkSizes() {
@@ -198,7 +201,7 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
 
 void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
                                   LineFaults& faults) {
-  if (m_rest == Rest::Remove) {
+  if (m_removes && isOfDomain(key, m_domain)) {
     m_removed.push_back({std::string(key), std::string(value)});
     if (m_aliases) m_aliases->remove(key, value);
     return;

@@ -34,12 +34,17 @@ struct ChangedRow {
 // transaction; the table is as before then.
 class TableImport {
  public:
-  // What to do with rows that the file does not mention.
-  enum class Rest { Keep, Remove };
+  // What to do with rows that the file does not mention: those of `domain` in any spelling, or all
+  // where it is empty, are removed if `removes`; the others stay.
+  struct Rest {
+    bool removes;
+    std::string domain;
+  };
 
   // Connects. `format` and `file` must outlive the import; `table` is the SQL name, which must be
   // known to be safe.
-  TableImport(const TableFormat& format, std::string table, const TableFile& file, Rest rest);
+  TableImport(const TableFormat& format, std::string table, const TableFile& file,
+              const Rest& rest);
 
   // Whether an import may make alias loops.
   enum class Loops { Refuse, Allow };
@@ -97,7 +102,8 @@ class TableImport {
   const TableFormat& m_format;
   std::string m_table;
   const TableFile& m_file;
-  Rest m_rest;
+  bool m_removes;
+  std::string m_domain;  // The comparisonDomain() of the rows to remove.
   Database::Connection m_connection;
   std::optional<Database::Transaction> m_transaction;
   Entries m_added;

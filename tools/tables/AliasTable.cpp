@@ -161,8 +161,7 @@ std::vector<AliasRow> AliasTable::select(const std::string& domain, const std::s
   std::vector<AliasRow> rows;
   for (const TextRow& texts : selectTexts(m_connection, statement + end, 2)) {
     AliasRow row = s_read(texts);
-    const bool wanted = domain.empty() || comparisonDomain(domainOf(row.name)) == key;
-    if (wanted) rows.push_back(std::move(row));
+    if (isOfDomain(row.name, key)) rows.push_back(std::move(row));
   }
   std::stable_sort(rows.begin(), rows.end(),
                    [](const AliasRow& a, const AliasRow& b) { return a.alias < b.alias; });

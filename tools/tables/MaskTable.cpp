@@ -142,9 +142,7 @@ std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
   std::vector<MaskRow> rows =
       select(domain.empty() ? "" : " where " + domainCondition("private", domain));
   const std::string key = comparisonDomain(domain);
-  std::erase_if(rows, [&](const MaskRow& row) {
-    return !domain.empty() && comparisonDomain(domainOf(row.privateText)) != key;
-  });
+  std::erase_if(rows, [&](const MaskRow& row) { return !isOfDomain(row.privateText, key); });
   std::stable_sort(rows.begin(), rows.end(), [](const MaskRow& a, const MaskRow& b) {
     return a.privateAddress < b.privateAddress;
   });

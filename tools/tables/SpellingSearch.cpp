@@ -7,6 +7,7 @@
 
 #include "base/stringCompareNoCase.h"
 #include "tables/AddressKey.h"
+#include "tables/AliasGraph.h"
 #include "tables/RowReader.h"
 #include "tables/TextRows.h"
 
@@ -126,6 +127,10 @@ std::string domainCondition(const std::string& column, const std::string& domain
   };
   return "( " + endsIn(domain) + " or " + endsIn(comparisonDomain(domain)) + " or " + column +
          " regexp " + s_unusual + " )";
+}
+
+bool isOfDomain(std::string_view text, std::string_view key) {
+  return key.empty() || comparisonDomain(domainOf(text)) == key;
 }
 
 }  // namespace Tessel::Tool

@@ -56,6 +56,9 @@ bool isCaseSensitive(Database::Connection& connection, const std::string& table,
 // The condition of SQL for rows whose text in `column` may be an address of `domain` in any
 // spelling. It is true for others, too: the key decides.
 std::string domainCondition(const std::string& column, const std::string& domain);
+// True when `text` is an address of the domain with this comparisonDomain(), and for all texts when
+// `key` is empty.
+bool isOfDomain(std::string_view text, std::string_view key);
 
 }  // namespace Tessel::Tool
 
