@@ -162,6 +162,16 @@ TEST_F(AliasChangeTest, AliasesThatLeadToEachOtherLoseAMarkerTogether) {
   EXPECT_THAT(lost(), ElementsAre("0 new a@d all@d", "0 new b@d all@d"));
 }
 
+TEST_F(AliasChangeTest, SpellingsOfOneAddressAreOneAlias) {
+  write({"a@d:b@d", "\"a\"@d:all@d", "b@d:x@d"});
+  m_change.keep("all@d", "allusers_d");
+  EXPECT_THAT(loops(), IsEmpty());
+  EXPECT_THAT(lost(), ElementsAre("0 new a@d all@d"));
+  m_change = {};
+  write({"x@d:y@d", "\"x\"@d:b@d", "b@d:x@d"});
+  EXPECT_THAT(loops(), ElementsAre("0 new x@d -> b@d -> x@d"));
+}
+
 TEST_F(AliasChangeTest, OtherAddressesChangeNothingAbove) {
   write({"a@d:b@d,x@d"});
   m_change.setBefore(0, "y@d,a@d");

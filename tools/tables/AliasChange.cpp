@@ -75,14 +75,16 @@ class AliasChange::StateBuilder {
 };
 
 void AliasChange::write(const TableEntry& row) {
-  m_names.add(row.key.address());
+  const AddressIndex::Added name = m_names.add(row.key.address());
+  if (name.isNew) m_rows.push_back(m_written.size());
+  m_nodes.push_back(name.id);
   m_written.push_back(&row);
   m_before.push_back(Before::Nothing);
 }
 
 void AliasChange::setBefore(std::size_t row, std::string_view members) {
   m_before[row] = Before::Members;
-  m_members[static_cast<Node>(row)] = members;
+  m_members[row] = members;
 }
 
 void AliasChange::add(std::string_view name, std::string_view members, bool stays) {
@@ -94,26 +96,27 @@ void AliasChange::add(std::string_view name, std::string_view members, bool stay
 }
 
 AliasChange::State AliasChange::stateOf(bool isAfter) {
-  const auto written = static_cast<Node>(m_written.size());
+  const std::size_t written = m_written.size();
+  const auto rests = static_cast<Node>(m_rows.size());
   std::vector<bool> areAliases(m_names.size());
-  for (Node row = 0; row < written; ++row) {
-    areAliases[row] = isAfter || m_before[row] != Before::Nothing;
+  for (std::size_t row = 0; row < written; ++row) {
+    if (isAfter || m_before[row] != Before::Nothing) areAliases[m_nodes[row]] = true;
   }
   for (std::size_t i = 0; i < m_rests.size(); ++i) {
-    areAliases[written + i] = !isAfter || m_rests[i].stays;
+    areAliases[rests + i] = !isAfter || m_rests[i].stays;
   }
   StateBuilder builder(*this, areAliases);
-  for (Node row = 0; row < written; ++row) {
+  for (std::size_t row = 0; row < written; ++row) {
     if (isAfter || m_before[row] == Before::Same) {
-      builder.addMembers(row, m_written[row]->values);
+      builder.addMembers(m_nodes[row], m_written[row]->values);
     } else if (m_before[row] == Before::Members) {
-      builder.addMembers(row, m_members[row]);
+      builder.addMembers(m_nodes[row], m_members[row]);
     }
   }
   std::size_t start = 0;
   for (Node i = 0; i < m_rests.size(); ++i) {
     const auto text = std::string_view(m_texts).substr(start, m_rests[i].end - start);
-    if (areAliases[written + i]) builder.addMembers(written + i, text);
+    if (areAliases[rests + i]) builder.addMembers(rests + i, text);
     start = m_rests[i].end;
   }
   return builder.end();
@@ -130,31 +133,35 @@ const AliasChange::State& AliasChange::after() {
 }
 
 std::vector<AliasLoop> AliasChange::loops() {
-  const std::vector<Node> rows = changedRows();
+  const std::vector<std::size_t> rows = changedRows();
+  std::vector<Node> nodes;
+  nodes.reserve(rows.size());
+  for (const std::size_t row : rows) nodes.push_back(m_nodes[row]);
   std::vector<AliasLoop> loops;
-  for (Cycle& found : cyclesOf(after().links, rows, addedLinks(rows))) {
-    AliasLoop loop{found.path.front(), {}, found.isNew};
+  for (Cycle& found : cyclesOf(after().links, nodes, addedLinks(rows))) {
+    AliasLoop loop{m_rows[found.path.front()], {}, found.isNew};
     for (const Node node : found.path) loop.path.emplace_back(m_names.text(node));
     loops.push_back(std::move(loop));
   }
   return loops;
 }
 
-std::vector<AliasChange::Node> AliasChange::changedRows() const {
-  std::vector<Node> rows;
-  for (Node row = 0; row < m_written.size(); ++row) {
+std::vector<std::size_t> AliasChange::changedRows() const {
+  std::vector<std::size_t> rows;
+  for (std::size_t row = 0; row < m_written.size(); ++row) {
     if (m_before[row] != Before::Same) rows.push_back(row);
   }
   return rows;
 }
 
 // Links of `rows` to members that are new in them.
-std::vector<Link> AliasChange::addedLinks(const std::vector<Node>& rows) {
+std::vector<Link> AliasChange::addedLinks(const std::vector<std::size_t>& rows) {
   std::vector<Link> added;
-  for (const Node alias : rows) {
+  for (const std::size_t row : rows) {
+    const Node alias = m_nodes[row];
     // Mostly no alias is a member of another one.
     if (after().links.of(alias).empty()) continue;
-    const auto old = m_members.find(alias);
+    const auto old = m_members.find(row);
     const Nodes members = old == m_members.end() ? Nodes() : aliasesIn(old->second);
     for (const Node member : after().links.of(alias)) {
       if (!members.contains(member)) added.push_back({alias, member});
@@ -180,7 +187,7 @@ std::vector<LostMarker> AliasChange::lostMarkers() {
   for (Node alias = 0; alias < m_names.size(); ++alias) {
     if (!isLost(after(), alias)) continue;
     const bool isNew = !isLost(before(), alias);
-    const bool isChanged = alias < m_written.size() && m_before[alias] != Before::Same;
+    const bool isChanged = alias < m_rows.size() && m_before[m_rows[alias]] != Before::Same;
     if (isNew ? !isLostByMember(alias) : isChanged) lost.push_back(lostMarker(alias, isNew));
   }
   return lost;
@@ -208,15 +215,16 @@ LostMarker AliasChange::lostMarker(Node alias, bool isNew) {
   const auto& holders = after().holders;
   const Node holder = *nearest(alias, [&](Node node) { return holders.contains(node); });
   const auto isCause = [&](Node node) {
-    return node < m_written.size() && before().of(node) != after().of(node);
+    return node < m_rows.size() && before().of(node) != after().of(node);
   };
-  std::optional<Node> row = nearest(alias, isCause);
-  if (alias < m_written.size() && (!row || m_before[alias] != Before::Same)) row = alias;
-  return {row,
+  std::optional<Node> cause = nearest(alias, isCause);
+  const bool isOfRow = alias < m_rows.size();
+  if (isOfRow && (!cause || m_before[m_rows[alias]] != Before::Same)) cause = alias;
+  return {cause ? std::optional(m_rows[*cause]) : std::nullopt,
           std::string(m_names.text(alias)),
           std::string(m_names.text(holder)),
           std::string(m_markers.text(holders.at(holder))),
-          row == alias,
+          cause == alias,
           isNew};
 }
 
@@ -235,9 +243,10 @@ std::optional<AliasChange::Node> AliasChange::nearest(Node start, Matches matche
 }
 
 bool AliasChange::changesReach() {
-  const std::vector<Node> rows = changedRows();
-  return std::any_of(rows.begin(), rows.end(),
-                     [this](Node row) { return before().of(row) != after().of(row); });
+  const std::vector<std::size_t> rows = changedRows();
+  return std::any_of(rows.begin(), rows.end(), [this](std::size_t row) {
+    return before().of(m_nodes[row]) != after().of(m_nodes[row]);
+  });
 }
 
 std::string textOf(const std::vector<std::string>& path) {

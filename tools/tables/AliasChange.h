@@ -48,7 +48,8 @@ struct LostMarker {
 class AliasChange {
  public:
   // Adds a row that will be in the table; it must outlive the object. The rows have the numbers 0,
-  // 1... All are added before anything else is called.
+  // 1... All are added before anything else is called. Rows of spellings of one address are one
+  // alias with the members of all.
   void write(const TableEntry& row);
   // The members that the row `row` has before; nothing when it is new.
   void setBefore(std::size_t row, std::string_view members);
@@ -100,8 +101,8 @@ class AliasChange {
   State stateOf(bool isAfter);
   const State& before();
   const State& after();
-  [[nodiscard]] std::vector<Node> changedRows() const;
-  [[nodiscard]] std::vector<Link> addedLinks(const std::vector<Node>& rows);
+  [[nodiscard]] std::vector<std::size_t> changedRows() const;
+  [[nodiscard]] std::vector<Link> addedLinks(const std::vector<std::size_t>& rows);
   Nodes aliasesIn(std::string_view members);
   [[nodiscard]] bool isLost(const State& state, Node alias) const;
   [[nodiscard]] bool isLostByMember(Node alias);
@@ -111,11 +112,13 @@ class AliasChange {
 
   RowReader m_reader{TableKind::Alias};
   std::vector<const TableEntry*> m_written;
-  std::vector<Before> m_before;           // Of the written rows.
-  std::map<Node, std::string> m_members;  // Before, where they differ.
+  std::vector<Node> m_nodes;                     // Of the written rows.
+  std::vector<std::size_t> m_rows;               // The first written row of each node that has one.
+  std::vector<Before> m_before;                  // Of the written rows.
+  std::map<std::size_t, std::string> m_members;  // Of written rows, before, where they differ.
   std::vector<Rest> m_rests;
   std::string m_texts;    // Of the members of `m_rests`.
-  SpellingIndex m_names;  // Those of `m_written`, then those of `m_rests`.
+  SpellingIndex m_names;  // All nodes: the aliases of `m_written`, then those of `m_rests`.
   AddressIndex m_markers;
   std::optional<State> m_stateBefore;
   std::optional<State> m_stateAfter;
