@@ -38,5 +38,33 @@ TEST(TableFormat, ABadRowHasAFaultAndItsWords) {
   EXPECT_EQ(fault->why, "the public address is empty");
 }
 
+// The change of the row KEY:VALUE to the row of the line `now`.
+std::string s_change(const char* key, const std::string& value, const std::string& now) {
+  RowReader reader(TableKind::Alias);
+  TableEntry entry;
+  const std::size_t colon = now.find(':');
+  EXPECT_FALSE(readEntry(reader, now.substr(0, colon), now.substr(colon + 1), entry));
+  return changeOf(key, value, entry);
+}
+
+TEST(TableFormat, AChangeShowsTheOldAndTheNewRow) {
+  EXPECT_EQ(s_change("a@x", "b@x", "a@x:b@x"), "");
+  EXPECT_EQ(s_change("a@x", "b@x", "a@x:c@x"), "a@x:b@x -> c@x");
+  EXPECT_EQ(s_change("A@x", "b@x", "a@x:b@x"), "A@x:b@x -> a@x:b@x");
+  EXPECT_EQ(s_change("a@x", "no address", "a@x:c@x"), "a@x:no address -> c@x");
+}
+
+TEST(TableFormat, OfManyMembersThoseThatStayAreCounted) {
+  std::string many = "m0@x";
+  for (int i = 1; i < 11; ++i) many += ",m" + std::to_string(i) + "@x";
+  EXPECT_EQ(s_change("a@x", many + ",old@x", "a@x:" + many + ",new@x,new2@x"),
+            "a@x:11 others,old@x -> 11 others,new@x,new2@x");
+  EXPECT_EQ(s_change("a@x", many, "a@x:" + many + ",new@x"), "a@x:11 others -> 11 others,new@x");
+  EXPECT_EQ(s_change("A@x", many + ",old@x", "a@x:" + many),
+            "A@x:11 others,old@x -> a@x:11 others");
+  // What differs in its spelling only is shown whole.
+  EXPECT_EQ(s_change("a@x", "M0@x" + many.substr(4), "a@x:" + many).substr(0, 9), "a@x:M0@x,");
+}
+
 }  // namespace
 }  // namespace Tessel::Tool

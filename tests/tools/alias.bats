@@ -186,7 +186,7 @@ setup() { empty_tables; }
   tool alias set a@x.example ann@büro.example bob@x.example
   tool alias set b@x.example ANN@xn--bro-hoa.example bob@x.example
   run -0 tool alias drop --everywhere ann@BÜRO.example
-  equal "$output" $'~ a@x.example:bob@x.example\n~ b@x.example:bob@x.example'
+  equal "$output" $'~ a@x.example:ann@büro.example,bob@x.example -> bob@x.example\n~ b@x.example:ANN@xn--bro-hoa.example,bob@x.example -> bob@x.example'
   tool alias set c@x.example ann+news@büro.example bob@x.example
   run -1 --separate-stderr tool alias drop --everywhere ann@BÜRO.example
   contains "$stderr" "warning: alias c@x.example has the member ann+news@büro.example, which stays"

@@ -120,7 +120,7 @@ at_terminal() {
   contains "$stderr" "--yes"
   equal "$(aliases)" "$before"
   run -0 tool alias drop --everywhere bob@example.com --dry-run
-  equal "$output" $'~ a@example.com:ann@example.com\n- b@example.com'
+  equal "$output" $'~ a@example.com:ann@example.com,bob@example.com -> ann@example.com\n- b@example.com'
   equal "$(aliases)" "$before"
   run -0 tool alias drop --everywhere Bob@example.com --yes --json
   equal "$output" '{"member":"Bob@example.com","changed":[{"address":"a@example.com","members":["ann@example.com"]}],"removed":["b@example.com"]}'
@@ -130,7 +130,7 @@ at_terminal() {
   # Nothing vanishes, so nobody is asked.
   tool alias add a@example.com dora@example.com
   run -0 tool alias drop --everywhere dora@example.com
-  equal "$output" "~ a@example.com:ann@example.com"
+  equal "$output" "~ a@example.com:ann@example.com,dora@example.com -> ann@example.com"
   sql "insert into alias (name, members) values ('broken@example.com', 'a b c')"
   run -65 --separate-stderr tool alias drop --everywhere ann@example.com --yes
   contains "$stderr" "broken@example.com"
@@ -197,7 +197,9 @@ at_terminal() {
   tool mask set ann@inner.example ann@example.com
   before=$(aliases; tool mask list)
   run -0 tool alias set team@example.com bob@example.com --dry-run
-  equal "$output" "~ team@example.com:bob@example.com"
+  equal "$output" "~ team@example.com:ann@example.com -> bob@example.com"
+  run -0 tool alias set team@example.com ann@example.com --dry-run
+  equal "$output" ""
   run -0 tool alias set new@example.com bob@example.com --dry-run
   equal "$output" "+ new@example.com:bob@example.com"
   run -0 tool alias set new@example.com bob@example.com --dry-run --json
@@ -209,13 +211,15 @@ at_terminal() {
   equal "$output" '{"address":"team@example.com","removed":true,"dryRun":true}'
   run -1 tool alias remove new@example.com --dry-run
   run -0 tool alias add team@example.com bob@example.com --dry-run
-  equal "$output" "~ team@example.com:ann@example.com,bob@example.com"
+  equal "$output" "~ team@example.com:ann@example.com -> ann@example.com,bob@example.com"
   run -0 tool alias add team@example.com ann@example.com --dry-run
   equal "$output" ""
   run -0 tool alias drop team@example.com ann@example.com --remove-empty --dry-run
   equal "$output" "- team@example.com"
   run -0 tool mask set ann@inner.example smith@example.com --dry-run
-  equal "$output" "~ ann@inner.example:smith@example.com"
+  equal "$output" "~ ann@inner.example:ann@example.com -> smith@example.com"
+  run -0 tool mask set ann@inner.example ann@example.com --dry-run
+  equal "$output" ""
   run -0 tool mask set bob@inner.example bob@example.com --dry-run
   equal "$output" "+ bob@inner.example:bob@example.com"
   run -65 tool mask set bob@inner.example ann@example.com --dry-run
@@ -271,7 +275,7 @@ at_terminal() {
   run -0 cmf domain add example.net --dry-run --json
   equal "$output" '{"domain":"example.net","id":null,"added":true,"dryRun":true}'
   run -0 cmf user add ann@example.com --kind shared --dry-run
-  equal "$output" "~ ann@example.com"
+  equal "$output" $'~ ann@example.com\tuser -> shared'
   run -0 cmf user add bob@example.com --dry-run
   equal "$output" "+ bob@example.com"
   run -0 cmf user add ann@example.com --dry-run

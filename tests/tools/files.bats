@@ -86,9 +86,9 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   sql "update alias set all_users = 1 where name = 'b@example.com'"
   printf 'b@example.com:y@example.com,q@example.com\nc@example.com:z@example.com\nd@example.com:z@example.com\n' >in.txt
   run -0 tool alias import --dry-run in.txt
-  equal "$output" $'~ b@example.com:q@example.com,y@example.com\n+ d@example.com:z@example.com\n1 added, 1 changed, 2 left, 0 removed'
+  equal "$output" $'~ b@example.com:y@example.com -> q@example.com,y@example.com\n+ d@example.com:z@example.com\n1 added, 1 changed, 2 left, 0 removed'
   run -0 tool alias import --dry-run --replace in.txt
-  equal "$output" $'- a@example.com:x@example.com\n~ b@example.com:q@example.com,y@example.com\n+ d@example.com:z@example.com\n1 added, 1 changed, 1 left, 1 removed'
+  equal "$output" $'- a@example.com:x@example.com\n~ b@example.com:y@example.com -> q@example.com,y@example.com\n+ d@example.com:z@example.com\n1 added, 1 changed, 1 left, 1 removed'
   equal "$(sql 'select count(*) from alias')" 3
   run -0 --separate-stderr tool alias import in.txt
   equal "$output" "1 added, 1 changed, 2 left, 0 removed"
@@ -140,6 +140,12 @@ content() { sql "select hex( name ), hex( members ) from alias order by binary n
   equal "$output" "0 added, 2 changed, 0 left, 0 removed"
   equal "$(sql 'select name, members, all_users from alias order by name')" \
     $'ann@example.com\ta@example.com,b@example.com\t1\nbob@example.com\tb@example.com\t1'
+  sql "update alias set name = '\"bob\"@example.com', members = 'Bob <b@example.com>' where name = 'bob@example.com'"
+  run -0 tool alias import --dry-run in.txt
+  equal "${lines[0]}" '~ "bob"@example.com:Bob <b@example.com> -> bob@example.com:b@example.com'
+  run -0 tool alias import --dry-run --json in.txt
+  contains "$output" '"rows":[{"change":"~","line":"bob@example.com:b@example.com","former":"\"bob\"@example.com:Bob <b@example.com>"}]'
+  run -0 tool alias import in.txt
   # Two rows of one address: that of the file's spelling stays.
   sql "insert into alias ( name, members ) values( '\"ann\"@example.com', 'x@example.com' );"
   run -0 tool alias import in.txt

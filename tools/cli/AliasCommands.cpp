@@ -58,17 +58,16 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   warnOfWildcard(alias);
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
-  bool present = false;
+  AliasLook look;
   table.transact([&] {
-    const AliasLook look =
+    look =
         lookToWrite(table, alias, session, arguments.dryRun, newSpellingOf(arguments.newSpelling));
     refuseHarm(table, alias, members, look.row.members, arguments.allowCycle);
-    present = look.kind == AliasLook::Kind::Present;
     if (!arguments.dryRun) table.set(alias, members);
     return !arguments.dryRun;
   });
   if (!arguments.dryRun) session.detail("set " + alias.address() + " to " + joined(members));
-  answerChange(session, s_jsonOf(alias, members), changeLine(present ? "~" : "+", alias, members),
+  answerChange(session, s_jsonOf(alias, members), changeLine(look, alias, members),
                arguments.dryRun);
   return ExitCode::Done;
 }

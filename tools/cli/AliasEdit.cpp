@@ -185,9 +185,12 @@ std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
   return picked;
 }
 
-std::string changeLine(const char* sign, const EmailAddress& alias,
+std::string changeLine(const AliasLook& look, const EmailAddress& alias,
                        const std::set<EmailAddress>& members) {
-  return std::string(sign) + " " + alias.address() + ":" + joined(members);
+  const TableEntry row{alias, {members.begin(), members.end()}};
+  if (look.kind == AliasLook::Kind::Absent) return "+ " + row.line();
+  const std::string change = changeOf(look.row.name, look.row.text, row);
+  return change.empty() ? "" : "~ " + change;
 }
 
 }  // namespace Tessel::Tool

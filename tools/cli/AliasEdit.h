@@ -61,8 +61,9 @@ void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<Ema
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
                                    const std::set<EmailAddress>& members, bool has);
 
-// "`alias`:`members`", as table files have it, with `sign` and a blank before.
-std::string changeLine(const char* sign, const EmailAddress& alias,
+// What becomes of the row that `look` has found, as --dry-run shows it: "+ ALIAS:MEMBERS" where
+// there is none, otherwise "~ " and changeOf(); empty when nothing changes.
+std::string changeLine(const AliasLook& look, const EmailAddress& alias,
                        const std::set<EmailAddress>& members);
 
 }  // namespace Tessel::Tool

@@ -61,12 +61,11 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   AliasTable table(aliasTableName(session.tableName()));
   Members members;
   Members added;
-  bool present = false;
+  AliasLook look;
   table.transact([&] {
-    const AliasLook look =
+    look =
         lookToWrite(table, alias, session, arguments.dryRun, newSpellingOf(arguments.newSpelling));
     members = s_membersOf(look, session);
-    present = look.kind == AliasLook::Kind::Present;
     added = pickMembers(wanted, members, false);
     if (added.empty()) return false;
     const Members before = members;
@@ -79,8 +78,7 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   warnOfWildcard(alias);
   if (!arguments.dryRun) session.detail("added " + joined(added) + " to " + alias.address());
   answerChange(session, s_document(alias, members, "added", added),
-               added.empty() ? "" : changeLine(present ? "~" : "+", alias, members),
-               arguments.dryRun);
+               added.empty() ? "" : changeLine(look, alias, members), arguments.dryRun);
   return ExitCode::Done;
 }
 
@@ -94,15 +92,15 @@ Members s_parseDropped(const std::vector<std::string>& texts) {
 // What becomes of one row.
 struct Change {
   EmailAddress alias;
-  std::string name;  // As it is in the table.
-  Members members;   // What is left; the alias is removed when nothing is.
+  AliasLook look;   // The row as it is in the table.
+  Members members;  // What is left; the alias is removed when nothing is.
 
   [[nodiscard]] std::string line() const {
-    return members.empty() ? "- " + alias.address() : changeLine("~", alias, members);
+    return members.empty() ? "- " + alias.address() : changeLine(look, alias, members);
   }
   void write(AliasTable& table) const {
     if (members.empty()) {
-      table.remove(name);
+      table.remove(look.row.name);
     } else {
       table.set(alias, members);
     }
@@ -129,7 +127,7 @@ ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
     present = look.kind != AliasLook::Kind::Absent;
     const Members members = s_membersOf(look, session);
     dropped = pickMembers(members, wanted, true);
-    change = {present ? look.row.alias : alias, look.row.name, pickMembers(members, wanted, false)};
+    change = {present ? look.row.alias : alias, look, pickMembers(members, wanted, false)};
     if (dropped.empty()) return false;
     s_refuseEmpty(change, arguments.removeEmpty);
     if (arguments.dryRun) return false;
@@ -181,7 +179,8 @@ Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& m
       if (!base.empty() && comparisonKey(base) == key) all.extended[row.alias] = one;
     }
     if (std::none_of(row.members.begin(), row.members.end(), isMember)) continue;
-    all.changes.push_back({row.alias, row.name, pickMembers(row.members, {member}, false)});
+    all.changes.push_back(
+        {row.alias, {AliasLook::Kind::Present, row}, pickMembers(row.members, {member}, false)});
   }
   return all;
 }

@@ -26,12 +26,34 @@ struct Arguments {
   bool force = false;
 };
 
-// Calls `visit` with the sign and the line of each row that changes.
-template <class Visit>
-void s_forEachChange(const TableImport& import, Visit visit) {
-  for (const StoredRow& row : import.removed()) visit("-", row.key + ":" + row.value);
-  for (const ChangedRow& row : import.changed()) visit("~", row.entry->line());
-  for (const FileEntry* entry : import.added()) visit("+", entry->line());
+// The key of the row as it was.
+std::string s_formerKey(const ChangedRow& row) {
+  return row.before.key.empty() ? row.entry->key.address() : row.before.key;
+}
+
+void s_show(Output& output, const TableImport& import) {
+  const auto show = [&output](const char* sign, const std::string& line) {
+    output.line(sign + printable(line));
+  };
+  for (const StoredRow& row : import.removed()) show("- ", row.key + ":" + row.value);
+  for (const ChangedRow& row : import.changed()) {
+    show("~ ", changeOf(s_formerKey(row), row.before.value, *row.entry));
+  }
+  for (const FileEntry* entry : import.added()) show("+ ", entry->line());
+}
+
+Json s_rowsOf(const TableImport& import) {
+  Json rows = Json::array();
+  const auto add = [&rows](const char* sign, const std::string& line) {
+    rows.push_back(Json{{"change", sign}, {"line", printable(line)}});
+  };
+  for (const StoredRow& row : import.removed()) add("-", row.key + ":" + row.value);
+  for (const ChangedRow& row : import.changed()) {
+    add("~", row.entry->line());
+    rows.back()["former"] = printable(s_formerKey(row) + ":" + row.before.value);
+  }
+  for (const FileEntry* entry : import.added()) add("+", entry->line());
+  return rows;
 }
 
 Json s_jsonOf(const std::vector<LineFaults::Fault>& faults) {
@@ -51,21 +73,11 @@ void s_answer(Session& session, const TableImport& import,
                   {"left", import.left()},
                   {"removed", import.removed().size()}};
     if (skipped != nullptr) document["skipped"] = s_jsonOf(*skipped);
-    Json rows = Json::array();
-    if (dryRun) {
-      s_forEachChange(import, [&rows](const char* sign, const std::string& line) {
-        rows.push_back(Json{{"change", sign}, {"line", printable(line)}});
-      });
-      document["rows"] = rows;
-    }
+    if (dryRun) document["rows"] = s_rowsOf(import);
     session.output().document(document);
     return;
   }
-  if (dryRun) {
-    s_forEachChange(import, [&session](const char* sign, const std::string& line) {
-      session.output().line(std::string(sign) + " " + printable(line));
-    });
-  }
+  if (dryRun) s_show(session.output(), import);
   session.output().line(
       std::to_string(import.added().size()) + " added, " + std::to_string(import.changed().size()) +
       " changed, " + std::to_string(import.left()) + " left, " +

@@ -77,12 +77,19 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   }
   session.tellTarget(TableKind::Mask);
   if (arguments.force) return s_force(session, pair);
-  const bool present = MaskTable(maskTableName(session.tableName()))
-                           .set(pair.privateAddress, pair.publicAddress, arguments.dryRun);
+  const std::optional<MaskRow> before =
+      MaskTable(maskTableName(session.tableName()))
+          .set(pair.privateAddress, pair.publicAddress, arguments.dryRun);
   if (!arguments.dryRun) {
     session.detail("set " + pair.privateAddress.address() + " to " + pair.publicAddress.address());
   }
-  answerChange(session, pair.json(), (present ? "~ " : "+ ") + pair.line(), arguments.dryRun);
+  std::string line = "+ " + pair.line();
+  if (before) {
+    line = changeOf(before->privateText, before->publicText,
+                    {pair.privateAddress, {pair.publicAddress}});
+    if (!line.empty()) line.insert(0, "~ ");
+  }
+  answerChange(session, pair.json(), line, arguments.dryRun);
   return ExitCode::Done;
 }
 

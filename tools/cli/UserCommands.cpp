@@ -1,4 +1,5 @@
 // The commands on the mail users of a domain: add, remove, list.
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -47,12 +48,15 @@ std::vector<StoredDomain> s_spellingsOf(const std::string& domain, const MailUse
   return spellings;
 }
 
+// The kind of a user who is not there yet.
+constexpr std::int32_t s_noKind = -1;
+
 // The mail user `address` as it is stored, in all spellings; as it would be in the first of
 // `spellings` when it is not there yet.
 std::vector<StoredUser> s_usersToWrite(const EmailAddress& address, MailUsers& users,
                                        const std::vector<StoredDomain>& spellings) {
   std::vector<StoredUser> found = users.find(address.address());
-  if (found.empty()) found.push_back({spellings.front().name, address.local(), -1});
+  if (found.empty()) found.push_back({spellings.front().name, address.local(), s_noKind});
   return found;
 }
 
@@ -60,6 +64,19 @@ std::vector<StoredUser> s_usersToWrite(const EmailAddress& address, MailUsers& u
 std::string s_shown(const EmailAddress& address, const StoredUser& stored) {
   const std::string text = stored.address();
   return stringCompareNoCase(text, address.address(), 0) ? address.address() : text;
+}
+
+// Shows what becomes of `users`, spellings of the mail user `address`, which may be of several
+// kinds.
+void s_showAdd(Output& output, const std::string& address, const std::vector<StoredUser>& users,
+               CMF::MailUserKind kind) {
+  const auto number = static_cast<std::int32_t>(kind);
+  const auto other = std::find_if(users.begin(), users.end(),
+                                  [&](const StoredUser& user) { return user.kind != number; });
+  if (other == users.end()) return;
+  const bool isNew = other->kind == s_noKind;
+  output.line((isNew ? "+ " : "~ ") + printable(address) +
+              (isNew ? "" : "\t" + userKindText(other->kind) + " -> " + userKindText(number)));
 }
 
 ExitCode s_add(Session& session, const Arguments& arguments) {
@@ -88,9 +105,9 @@ ExitCode s_add(Session& session, const Arguments& arguments) {
   const std::string text = userResultText(result);
   const std::string stored = s_shown(address, written.front());
   if (!arguments.dryRun) session.detail(stored + ": " + text);
-  const char* const sign = result == CMF::Writer::UserResult::Added ? "+ " : "~ ";
+  if (arguments.dryRun && !session.isJson()) s_showAdd(session.output(), stored, written, kind);
   answerChange(session, Json{{"address", stored}, {"kind", userKindText(kind)}, {"result", text}},
-               result == CMF::Writer::UserResult::Unchanged ? "" : sign + stored, arguments.dryRun);
+               "", arguments.dryRun);
   return ExitCode::Done;
 }
 

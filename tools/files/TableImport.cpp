@@ -190,13 +190,14 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
     m_removed.push_back({std::string(key), std::string(value)});
     return;
   }
-  if (match.present) m_removed.push_back(std::move(match.other));
+  if (match.present) m_removed.push_back(std::move(match.before));
   match.present = true;
   match.equal = exact && isSame;
   if (m_aliases && match.equal) m_aliases->leave(place);
   if (m_aliases && !match.equal) m_aliases->setBefore(place, value);
-  match.other = {};
-  if (!exact) match.other = {std::string(key), std::string(value)};
+  match.before = {};
+  if (!exact) match.before.key = key;
+  if (!match.equal && (!exact || !m_transaction)) match.before.value = value;
 }
 
 void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
@@ -225,7 +226,7 @@ void TableImport::sortOut(std::vector<Match>& matches) {
     } else if (matches[i].equal) {
       ++m_left;
     } else {
-      m_changed.push_back({&entry, std::move(matches[i].other.key)});
+      m_changed.push_back({&entry, std::move(matches[i].before)});
     }
   }
 }
@@ -237,10 +238,10 @@ void TableImport::write(Progress& progress) {
   for (const StoredRow& row : m_removed) doomed.push_back(row.key);
   Entries changed;
   for (const ChangedRow& row : m_changed) {
-    const bool respelled = !row.otherKey.empty();
+    const bool respelled = !row.before.key.empty();
     if (m_format.hasPublic) {
       // Public addresses may be swapped: all are removed before the first one is written.
-      doomed.push_back(respelled ? row.otherKey : row.entry->key.address());
+      doomed.push_back(respelled ? row.before.key : row.entry->key.address());
     }
     if (m_format.hasPublic || !respelled) changed.push_back(row.entry);
   }
@@ -250,7 +251,7 @@ void TableImport::write(Progress& progress) {
   } else {
     // The rows are there and locked; other columns keep what they hold.
     for (const ChangedRow& row : m_changed) {
-      if (!row.otherKey.empty()) respell(row);
+      if (!row.before.key.empty()) respell(row);
     }
     insertAll(changed, " on duplicate key update members=values( members )");
   }
@@ -322,7 +323,7 @@ void TableImport::respell(const ChangedRow& row) {
     runStatement(m_connection, "update " + m_table +
                                    " set name=" + literal(row.entry->key.address()) +
                                    ", members=" + literal(row.entry->value()) +
-                                   " where name=" + literal(row.otherKey) + ";");
+                                   " where name=" + literal(row.before.key) + ";");
   });
   m_progress->add(1);
 }

@@ -27,7 +27,8 @@ struct StoredRow {
 // An entry of the file whose row has other texts.
 struct ChangedRow {
   const FileEntry* entry;
-  std::string otherKey;  // The key as it is stored, where it is spelled differently.
+  // As it is stored: the key where it is spelled differently, the value where nothing is written.
+  StoredRow before;
 };
 
 // One thread. Failures of the database pass as Exception until the caller asks for the end of the
@@ -77,7 +78,7 @@ class TableImport {
   struct Match {
     bool present = false;
     bool equal = false;
-    StoredRow other;  // Where its key is spelled differently.
+    StoredRow before;  // As in ChangedRow.
   };
 
   void checkSizes();

@@ -149,13 +149,13 @@ std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
   return rows;
 }
 
-bool MaskTable::set(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
-                    bool dryRun) {
+std::optional<MaskRow> MaskTable::set(const EmailAddress& privateAddress,
+                                      const EmailAddress& publicAddress, bool dryRun) {
   return retryDeadlocks([&] { return setOnce(privateAddress, publicAddress, dryRun); });
 }
 
-bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
-                        bool dryRun) {
+std::optional<MaskRow> MaskTable::setOnce(const EmailAddress& privateAddress,
+                                          const EmailAddress& publicAddress, bool dryRun) {
   const std::string privateIs = " where private=" + literal(privateAddress.address());
   const std::string publicText = literal(publicAddress.address());
   Database::Transaction transaction(m_connection);
@@ -181,14 +181,15 @@ bool MaskTable::setOnce(const EmailAddress& privateAddress, const EmailAddress& 
       if (!(row.privateAddress == privateAddress)) throw s_taken(publicAddress, row, m_table);
     }
   }
-  if (dryRun) return !present.empty();
+  auto before = present.empty() ? std::nullopt : std::optional(present.front());
+  if (dryRun) return before;
   runStatement(m_connection,
                present.empty()
                    ? "insert into " + m_table + " ( private, public ) values( " +
                          literal(privateAddress.address()) + "," + publicText + " );"
                    : "update " + m_table + " set public=" + publicText + privateIs + ";");
   transaction.commit();
-  return !present.empty();
+  return before;
 }
 
 std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,

@@ -63,8 +63,9 @@ class MaskTable {
   // Adds the pair, or changes the public address of the row of its private one. Throws Failure,
   // `BadData`, when another row has the public address, or one of the two in another spelling, or
   // one that the server considers equal.
-  // With `dryRun` nothing is written. True when there was a row of the private address.
-  bool set(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
+  // With `dryRun` nothing is written. The row of the private address as it was, if there was one.
+  std::optional<MaskRow> set(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                             bool dryRun);
 
   // Adds the pair as the library does: a row that has either address gets the public one. Returns
   // the rows that have either then. Throws Failure, `BadData`, when two rows have one each.
@@ -78,7 +79,8 @@ class MaskTable {
   std::size_t removeDomain(const std::string& domain);
 
  private:
-  bool setOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress, bool dryRun);
+  std::optional<MaskRow> setOnce(const EmailAddress& privateAddress,
+                                 const EmailAddress& publicAddress, bool dryRun);
   std::vector<MaskRow> select(const std::string& condition);
   // The first of spelled() that is not a wildcard row; none when there is none.
   std::vector<MaskRow> plain(MaskSide side, const EmailAddress& address);

@@ -1,7 +1,17 @@
 // The two kinds of table as the table files see them.
 #include "tables/TableFormat.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace Tessel::Tool {
+
+namespace {
+
+// Members that stay, in a change that is shown with all of them.
+constexpr std::size_t s_mostShown = 10;
+
+}  // namespace
 
 const TableFormat& TableFormat::alias() {
   static constexpr TableFormat s_format{TableKind::Alias, "name", "members", false};
@@ -20,6 +30,30 @@ std::optional<Fault> readEntry(RowReader& reader, std::string_view key, std::str
   entry.key = reader.keyAddress();
   entry.values = reader.valueAddresses();
   return std::nullopt;
+}
+
+std::string changeOf(std::string_view key, std::string_view value, const TableEntry& now) {
+  const std::string newKey = now.key.address();
+  const std::string newValue = now.value();
+  if (key == newKey && value == newValue) return "";
+  std::string text = std::string(key) + ":";
+  const std::string second = " -> " + (key == newKey ? "" : newKey + ":");
+  RowReader reader(TableKind::Alias);
+  std::vector<EmailAddress> old;
+  if (reader.readValue(value) == RowFault::None) old = reader.valueAddresses();
+  std::vector<EmailAddress> gone;
+  std::vector<EmailAddress> come;
+  std::set_difference(old.begin(), old.end(), now.values.begin(), now.values.end(),
+                      std::back_inserter(gone));
+  std::set_difference(now.values.begin(), now.values.end(), old.begin(), old.end(),
+                      std::back_inserter(come));
+  const std::size_t same = old.size() - gone.size();
+  if (same <= s_mostShown || gone.size() + come.size() == 0) {
+    return text.append(value) + second + newValue;
+  }
+  const std::string others = std::to_string(same) + " others";
+  text += others + (gone.empty() ? "" : "," + joined(gone));
+  return text + second + others + (come.empty() ? "" : "," + joined(come));
 }
 
 std::size_t endOfKey(std::string_view line) {

@@ -41,6 +41,10 @@ struct TableFormat {
 std::optional<Fault> readEntry(RowReader& reader, std::string_view key, std::string_view value,
                                TableEntry& entry);
 
+// How a row with the texts `key` and `value` becomes `now`, for people: "KEY:OLD -> NEW". Where
+// there are many members, those that stay are only counted. Empty when nothing changes.
+std::string changeOf(std::string_view key, std::string_view value, const TableEntry& now);
+
 // Where the colon is that ends the key of `line`: the first one that is in neither a quoted local
 // part nor an address literal. npos when there is none.
 std::size_t endOfKey(std::string_view line);
