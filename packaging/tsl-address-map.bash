@@ -19,6 +19,7 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
+    check) echo --as-known --known ;;
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
@@ -76,7 +77,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|kind|format) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then
@@ -100,7 +101,7 @@ _tsl_address_map() {
   _tsl_address_map_read
   case $option in
     "") ;;
-    --option-file) _tsl_address_map_files -f ;;
+    --option-file | --known) _tsl_address_map_files -f ;;
     --cmf | --local | --snapshot) _tsl_address_map_files -d ;;
     *) _tsl_address_map_offer "$(_tsl_address_map_values "$command" "$option")" ;;
   esac

@@ -87,6 +87,10 @@ offers_nothing() {
   offers table.txt "table two.txt"
   typed --option-file ta
   offers table.txt "table two.txt"
+  typed check --known ta
+  offers table.txt "table two.txt"
+  typed alias import --default-domain example.com ta
+  offers table.txt "table two.txt"
   typed --cmf ""
   offers directory
   typed --local = d

@@ -212,6 +212,41 @@ finds() {
   contains "$stderr" "tsl-address-map init"
 }
 
+@test "known findings are counted, and not printed" {
+  cd "$BATS_TEST_TMPDIR"
+  rows team@x.example:ghost@users.example list@x.example:left@users.example all@x.example:root '#a@x.example:'
+  run -65 --separate-stderr tool check --as-known
+  equal "$(sort <<<"$output")" 'broken-row alias \x23a@x.example  #
+dangling-member alias ghost@users.example  #
+dangling-member alias left@users.example  #
+no-domain alias root  #'
+  run -65 --separate-stderr tool check --known - <<<"$output"
+  contains "$stderr" "standard input:1: it has no note"
+  run -64 tool check --as-known --json
+  tool check --as-known >lines || true
+  sed 's/$/ asked in 2024/' lines >known
+  run -0 --separate-stderr tool check --known known
+  equal "$output" ""
+  equal "$stderr" "tsl-address-map: 0 errors, 0 warnings, 0 notices, 4 known"
+  # What is new is all there is; the lines may also be those of 'check', which have tabs.
+  tool check | cut -f2-4 | grep -v left | sed 's/#a@/\\x23a@/; s/$/ # why/' >known
+  echo '# what is no more' >>known
+  echo 'dangling-member alias former@users.example # why' >>known
+  run -65 --separate-stderr tool check --known known
+  equal "$(cut -f1-4 <<<"$output")" $'warning\tdangling-member\talias\tleft@users.example'
+  equal "$stderr" "tsl-address-map: 0 errors, 1 warning, 0 notices, 3 known
+tsl-address-map: warning: known:5: no finding is 'dangling-member alias former@users.example' any more: remove the line"
+  run -65 --separate-stderr tool check --known known --json
+  contains "$output" '"address":"ghost@users.example"'
+  contains "$output" '"addresses":[],"known":true,"note":"why"}'
+  contains "$output" '"addresses":[],"known":false,"note":null}'
+  # Lines of other tables are no concern.
+  tool table create sales
+  run -0 --separate-stderr tool --table sales check --known known
+  equal "$stderr" "tsl-address-map: 0 errors, 0 warnings, 0 notices, 0 known"
+  run -65 tool check --known missing
+}
+
 @test "set refuses to close an alias loop, and names it" {
   rows b@x.example:c@x.example c@x.example:d@x.example
   run -65 --separate-stderr tool alias set d@x.example ann@x.example B@x.example

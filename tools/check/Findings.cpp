@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "check/KnownFindings.h"
 #include "tables/AliasGraph.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -61,12 +62,23 @@ bool s_isPlain(char c) {
 }  // namespace
 
 void Findings::add(const Finding& finding) {
-  ++m_counts.at(static_cast<std::size_t>(finding.severity));
-  const std::string line =
-      coloured(Stream::Output, s_toneOf(finding.severity), s_text(finding.severity)) + "\t" +
-      finding.kind + "\t" + printable(finding.table) + "\t" + printable(finding.address) + "\t" +
-      printable(finding.what) + "\t" + printable(finding.command);
-  m_list.add(line, [&finding] { return s_jsonOf(finding); });
+  const auto note = m_known == nullptr ? std::nullopt : m_known->noteOf(finding);
+  ++(note ? m_knownCount : m_counts.at(static_cast<std::size_t>(finding.severity)));
+  if (note && !m_output.isJson()) return;
+  m_list.add(lineOf(finding), [&] {
+    Json document = s_jsonOf(finding);
+    if (m_known == nullptr) return document;
+    document["known"] = note.has_value();
+    document["note"] = note ? Json(printable(*note)) : Json();
+    return document;
+  });
+}
+
+std::string Findings::lineOf(const Finding& finding) const {
+  if (m_style == FindingStyle::Known) return knownLineOf(finding) + "  #";
+  return coloured(Stream::Output, s_toneOf(finding.severity), s_text(finding.severity)) + "\t" +
+         finding.kind + "\t" + printable(finding.table) + "\t" + printable(finding.address) + "\t" +
+         printable(finding.what) + "\t" + printable(finding.command);
 }
 
 void Findings::end() {
@@ -77,7 +89,8 @@ void Findings::end() {
                     s_counted(number, s_text(severity)));
   };
   sayShown(counted(Severity::Error) + ", " + counted(Severity::Warning) + ", " +
-           counted(Severity::Notice));
+           counted(Severity::Notice) +
+           (m_known == nullptr ? "" : ", " + std::to_string(m_knownCount) + " known"));
 }
 
 ExitCode Findings::code() const {

@@ -29,16 +29,27 @@ struct Finding {
   std::vector<std::string> addresses;  // Others that it is about.
 };
 
+class KnownFindings;
+
+// How findings are written.
+enum class FindingStyle {
+  Whole,  // All there is to say.
+  Known,  // As lines of a file of known findings, to which a note must be added.
+};
+
 // Writes findings as they are made. One thread.
 class Findings {
  public:
-  // `output` must outlive the object.
-  explicit Findings(Output& output) : m_list(output) {}
+  // Both must outlive the object. The findings that `known` has, unless it is null, are in JSON
+  // only, and counted apart.
+  explicit Findings(Output& output, KnownFindings* known = nullptr,
+                    FindingStyle style = FindingStyle::Whole)
+      : m_output(output), m_list(output), m_known(known), m_style(style) {}
 
   void add(const Finding& finding);
   // Ends the list and reports how many there were.
   void end();
-  // `BadData` when there was an error or a warning.
+  // `BadData` when there was an error or a warning that is not known.
   [[nodiscard]] ExitCode code() const;
 
  private:
@@ -46,7 +57,13 @@ class Findings {
     return m_counts.at(static_cast<std::size_t>(severity));
   }
 
+  [[nodiscard]] std::string lineOf(const Finding& finding) const;
+
+  Output& m_output;
   ItemList m_list;
+  KnownFindings* m_known;  // May be null.
+  FindingStyle m_style;
+  std::size_t m_knownCount = 0;
   std::array<std::size_t, 3> m_counts{};
 };
 

@@ -1,6 +1,8 @@
 // The command `check`: what is wrong with the tables.
 #include <charconv>
 #include <cstdlib>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -8,6 +10,7 @@
 #include "check/AliasCheck.h"
 #include "check/DomainCheck.h"
 #include "check/Findings.h"
+#include "check/KnownFindings.h"
 #include "check/MaskCheck.h"
 #include "cli/Command.h"
 #include "database/QueryDescribeTable.h"
@@ -62,10 +65,19 @@ std::size_t s_widest(Database::Connection& connection, const std::string& table)
 const std::vector<const char*> s_aliasColumns{"name"};
 const std::vector<const char*> s_maskColumns{"private", "public"};
 
+struct Arguments {
+  std::optional<std::string> known;
+  bool asKnown = false;
+};
+
 class Check {
  public:
-  explicit Check(Session& session)
-      : m_session(session), m_connection(""), m_findings(session.output()) {}
+  // `known` may be null, and must outlive the object.
+  Check(Session& session, KnownFindings* known, FindingStyle style)
+      : m_session(session),
+        m_connection(""),
+        m_known(known),
+        m_findings(session.output(), known, style) {}
 
   ExitCode run() {
     const Schema schema = lookAtSchema(m_connection);
@@ -103,6 +115,11 @@ class Check {
     if (m_users.failure()) addConfiguration();
     m_progress.end();
     m_findings.end();
+    // Without the configuration, some findings are not made.
+    if (m_known != nullptr && !m_users.failure()) {
+      m_known->reportUnmet(
+          [&](const std::string& table) { return name.empty() || wanted.contains(table); });
+    }
     return m_findings.code();
   }
 
@@ -197,27 +214,43 @@ class Check {
   Database::Connection m_connection;
   MailUsers m_users;
   std::vector<std::string> m_aliasTables;
+  KnownFindings* m_known;
   Findings m_findings;
   Progress m_progress;
 };
 
-ExitCode s_check(Session& session) {
-  return Check(session).run();
+ExitCode s_check(Session& session, const Arguments& arguments) {
+  if (arguments.asKnown && session.isJson()) {
+    throw Failure(ExitCode::Usage, "--as-known", "its lines are no JSON", "leave --json out");
+  }
+  std::optional<KnownFindings> known;
+  if (arguments.known) known.emplace(*arguments.known);
+  return Check(session, known ? &*known : nullptr,
+               arguments.asKnown ? FindingStyle::Known : FindingStyle::Whole)
+      .run();
 }
 
 }  // namespace
 
 void addCheckCommand(Command& top) {
-  top.command(
+  const auto arguments = std::make_shared<Arguments>();
+  Command check = top.command(
       "check", "Find what is wrong with the tables; exit 65 if anything is",
       "  tsl-address-map check\n"
       "  tsl-address-map check --json | jq '.[] | select(.severity == \"error\")'\n"
+      "  tsl-address-map check --as-known >known.txt\n"
+      "  tsl-address-map check --known known.txt\n"
       "All tables are checked, with --table those of that name only. One finding per line:\n"
       "SEVERITY<TAB>FINDING<TAB>TABLE<TAB>ADDRESS<TAB>WHAT<TAB>COMMAND, the command being what to"
       " run next.\nExit 65 when there is an error or a warning; notices alone do not count.\n"
       "With --json a list of {\"severity\", \"finding\", \"table\", \"address\", \"what\","
-      " \"command\", \"addresses\"}.\n",
-      Preparation::Database, s_check);
+      " \"command\", \"addresses\"}, with --known also \"known\" and \"note\".\n",
+      Preparation::Database, withArguments(s_check, arguments));
+  check.option("--known", arguments->known, "FILE",
+               "Do not print findings of the file, which do not count either; its lines are"
+               " FINDING TABLE ADDRESS # NOTE");
+  check.flag("--as-known", arguments->asKnown,
+             "Print findings as lines for such a file; add a note to each");
 }
 
 }  // namespace Tessel::Tool

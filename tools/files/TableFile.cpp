@@ -53,11 +53,10 @@ void LineFaults::report() {
   if (m_count > shown) say("and " + std::to_string(m_count - shown) + " more");
 }
 
-void LineFaults::refuse(const std::string& why) {
+void LineFaults::refuse(const std::string& why, const char* hint) {
   if (m_faults.empty()) return;
   report();
-  throw Failure(ExitCode::BadData, m_file, why,
-                "nothing was written; correct the lines and try again");
+  throw Failure(ExitCode::BadData, m_file, why, hint);
 }
 
 TableFile::TableFile(const TableFormat& format, const std::string& path, const Options& options,

@@ -35,8 +35,10 @@ class LineFaults {
   [[nodiscard]] bool isEmpty() const { return m_faults.empty(); }
   // Reports them in the order of the lines, and how many there are beyond those that are shown.
   void report();
-  // The same. Throws Failure, `BadData`, when there is any: `why` says what came of it.
-  void refuse(const std::string& why);
+  // The same. Throws Failure, `BadData`, when there is any: `why` says what came of it, `hint` what
+  // to do.
+  void refuse(const std::string& why,
+              const char* hint = "nothing was written; correct the lines and try again");
   // At least those that are shown; in the order of the lines after report().
   [[nodiscard]] const std::vector<Fault>& all() const { return m_faults; }
 
