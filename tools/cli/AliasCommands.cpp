@@ -21,7 +21,7 @@ namespace {
 
 using Members = std::set<EmailAddress>;
 
-struct Arguments {
+struct AliasArguments {
   std::string address;
   std::vector<std::string> members;
   std::string domain;
@@ -51,7 +51,7 @@ Json s_jsonOf(const EmailAddress& alias, const Members& members) {
   return Json{{"address", alias.address()}, {"members", jsonOf(members)}};
 }
 
-ExitCode s_set(Session& session, const Arguments& arguments) {
+ExitCode s_set(Session& session, const AliasArguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members members =
       parseMembers(arguments.members, alias, localNamesOf(arguments.localNames));
@@ -72,7 +72,7 @@ ExitCode s_set(Session& session, const Arguments& arguments) {
   return ExitCode::Done;
 }
 
-ExitCode s_remove(Session& session, const Arguments& arguments) {
+ExitCode s_remove(Session& session, const AliasArguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
@@ -111,7 +111,7 @@ Members s_membersElsewhere(const EmailAddress& alias, const Session& session) {
   return {};
 }
 
-ExitCode s_show(Session& session, const Arguments& arguments) {
+ExitCode s_show(Session& session, const AliasArguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   session.tellTarget(TableKind::Alias);
   Members members;
@@ -129,7 +129,7 @@ ExitCode s_show(Session& session, const Arguments& arguments) {
   return found ? ExitCode::Done : ExitCode::NotFound;
 }
 
-ExitCode s_list(Session& session, const Arguments& arguments) {
+ExitCode s_list(Session& session, const AliasArguments& arguments) {
   return listRows<AliasTable>(session, TableKind::Alias, arguments.domain,
                               [](const AliasRow& row, ItemList& list) {
                                 list.add(row.alias.address() + "\t" + joined(row.members),
@@ -140,7 +140,7 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
 }  // namespace
 
 void addAliasCommands(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<AliasArguments>();
   Command group = top.group("alias", "Show and change alias tables");
 
   Command set = group.command(

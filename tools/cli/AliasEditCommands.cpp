@@ -25,7 +25,7 @@ namespace {
 
 using Members = std::set<EmailAddress>;
 
-struct Arguments {
+struct EditArguments {
   std::string address;
   std::vector<std::string> members;
   bool everywhere = false;
@@ -54,7 +54,7 @@ Json s_document(const EmailAddress& alias, const Members& members, const char* w
   return document;
 }
 
-ExitCode s_add(Session& session, const Arguments& arguments) {
+ExitCode s_add(Session& session, const EditArguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members wanted = parseMembers(arguments.members, alias, localNamesOf(arguments.localNames));
   session.tellTarget(TableKind::Alias);
@@ -113,7 +113,7 @@ void s_refuseEmpty(const Change& change, bool removeEmpty) {
                 "nothing was changed; give --remove-empty to remove the alias");
 }
 
-ExitCode s_dropFrom(Session& session, const Arguments& arguments) {
+ExitCode s_dropFrom(Session& session, const EditArguments& arguments) {
   const EmailAddress alias = parseAddress(arguments.address, false);
   const Members wanted = s_parseDropped(arguments.members);
   session.tellTarget(TableKind::Alias);
@@ -238,7 +238,7 @@ Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, cons
   return all;
 }
 
-ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
+ExitCode s_dropEverywhere(Session& session, const EditArguments& arguments) {
   const EmailAddress member = parseAddress(arguments.address, true);
   session.tellTarget(TableKind::Alias);
   const std::string name = aliasTableName(session.tableName());
@@ -270,7 +270,7 @@ ExitCode s_dropEverywhere(Session& session, const Arguments& arguments) {
   return all.changes.empty() ? ExitCode::NotFound : ExitCode::Done;
 }
 
-ExitCode s_drop(Session& session, const Arguments& arguments) {
+ExitCode s_drop(Session& session, const EditArguments& arguments) {
   if (arguments.everywhere != arguments.members.empty()) {
     throw Failure(ExitCode::Usage, "alias drop",
                   "it takes an alias and members, or --everywhere and one member",
@@ -280,7 +280,7 @@ ExitCode s_drop(Session& session, const Arguments& arguments) {
                               : s_dropFrom(session, arguments);
 }
 
-void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
+void s_addDrop(Command& group, const std::shared_ptr<EditArguments>& arguments) {
   Command drop = group.command(
       "drop", "Remove members from an alias, or one from all aliases",
       "  tsl-address-map alias drop team@example.com bob@example.net\n"
@@ -308,7 +308,7 @@ void s_addDrop(Command& group, const std::shared_ptr<Arguments>& arguments) {
 }  // namespace
 
 void addAliasEditCommands(Command& group) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<EditArguments>();
   Command add = group.command(
       "add", "Add members to an alias, which is created if it is missing",
       "  tsl-address-map alias add team@example.com carl@example.com\n"

@@ -34,7 +34,7 @@ constexpr char s_outcomeFound[] = "found";
 constexpr char s_outcomeNothing[] = "expands-to-nothing";
 constexpr char s_outcomeBroken[] = "broken-row";
 
-struct Arguments {
+struct TreeArguments {
   std::string address;
   bool dot = false;
 };
@@ -289,7 +289,7 @@ void s_writeDot(Output& output, const AliasTree& tree, const Explanation& explan
   output.line("}");
 }
 
-ExitCode s_tree(Session& session, const Arguments& arguments) {
+ExitCode s_tree(Session& session, const TreeArguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
   if (arguments.dot && session.isJson()) {
     throw Failure(ExitCode::Usage, "--json and --dot", "both say how to write the tree",
@@ -329,7 +329,7 @@ ExitCode s_tree(Session& session, const Arguments& arguments) {
 }  // namespace
 
 void addAliasTreeCommand(Command& alias) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<TreeArguments>();
   Command tree = alias.command(
       "tree", "Show how an alias expands, step by step; exit 1 when it is not an alias",
       "  tsl-address-map alias tree team@example.com\n"

@@ -65,7 +65,7 @@ std::size_t s_widest(Database::Connection& connection, const std::string& table)
 const std::vector<const char*> s_aliasColumns{"name"};
 const std::vector<const char*> s_maskColumns{"private", "public"};
 
-struct Arguments {
+struct CheckArguments {
   std::optional<std::string> known;
   bool asKnown = false;
 };
@@ -219,7 +219,7 @@ class Check {
   Progress m_progress;
 };
 
-ExitCode s_check(Session& session, const Arguments& arguments) {
+ExitCode s_check(Session& session, const CheckArguments& arguments) {
   if (arguments.asKnown && session.isJson()) {
     throw Failure(ExitCode::Usage, "--as-known", "its lines are no JSON", "leave --json out");
   }
@@ -233,7 +233,7 @@ ExitCode s_check(Session& session, const Arguments& arguments) {
 }  // namespace
 
 void addCheckCommand(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<CheckArguments>();
   Command check = top.command(
       "check", "Find what is wrong with the tables; exit 65 if anything is",
       "  tsl-address-map check\n"

@@ -20,7 +20,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct DomainArguments {
   std::string domain;
   bool yes = false;
   bool dryRun = false;
@@ -45,7 +45,7 @@ CMF::Writer::Domain s_write(const std::string& domain) {
   });
 }
 
-ExitCode s_add(Session& session, const Arguments& arguments) {
+ExitCode s_add(Session& session, const DomainArguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   const bool dryRun = arguments.dryRun;
   const auto stored = s_stored(domain);
@@ -93,7 +93,7 @@ bool s_mayRemove(const std::string& domain, std::size_t count) {
                 "nothing was changed; look at them with --dry-run, and give --yes to remove them");
 }
 
-ExitCode s_remove(Session& session, const Arguments& arguments) {
+ExitCode s_remove(Session& session, const DomainArguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   // Checked first: a writer would create a missing configuration.
   MailUsers users;
@@ -129,7 +129,7 @@ ExitCode s_remove(Session& session, const Arguments& arguments) {
   return removed ? ExitCode::Done : ExitCode::NotFound;
 }
 
-ExitCode s_merge(Session& session, const Arguments& arguments) {
+ExitCode s_merge(Session& session, const DomainArguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   MailUsers users;
   users.require();
@@ -167,7 +167,7 @@ ExitCode s_list(Session& session) {
 }  // namespace
 
 void addDomainCommands(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<DomainArguments>();
   Command group = top.group("domain", "Show and change the domains of the configuration");
 
   Command add =

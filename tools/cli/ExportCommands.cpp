@@ -30,7 +30,7 @@ namespace {
 // Rows that are held in memory at a time.
 constexpr std::size_t s_rowsPerStatement = 1000;
 
-struct Arguments {
+struct ExportArguments {
   std::string path;
   std::string format = "native";
   std::string domain;
@@ -208,7 +208,7 @@ void s_exportToFile(Session& session, TableReader& reader, const std::string& he
   if (session.isJson()) session.output().document(Json{{"file", printable(path)}, {"rows", rows}});
 }
 
-std::unique_ptr<FileSyntax> s_syntax(const Arguments& arguments, const TableFormat& format) {
+std::unique_ptr<FileSyntax> s_syntax(const ExportArguments& arguments, const TableFormat& format) {
   // The other formats have the domain in each address.
   const std::string domain = arguments.format == "aliases" ? arguments.domain : "";
   auto syntax = FileSyntax::named(arguments.format, format, domain);
@@ -217,7 +217,7 @@ std::unique_ptr<FileSyntax> s_syntax(const Arguments& arguments, const TableForm
                 "give --domain DOMAIN");
 }
 
-ExitCode s_export(Session& session, const Arguments& arguments, const TableFormat& format) {
+ExitCode s_export(Session& session, const ExportArguments& arguments, const TableFormat& format) {
   const auto syntax = s_syntax(arguments, format);
   const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
   session.tellTarget(format.kind);
@@ -234,7 +234,7 @@ ExitCode s_export(Session& session, const Arguments& arguments, const TableForma
 }  // namespace
 
 void addExportCommand(Command& group, const TableFormat& format) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ExportArguments>();
   const std::string words = textOf(format.kind) + " export";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command command = group.command(

@@ -16,7 +16,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct ImportArguments {
   std::string file;
   TableFile::Options options;
   bool allowCycle = false;
@@ -124,7 +124,7 @@ bool s_mayReplace(const TableFormat& format, const std::string& table, const Tab
                                      : "Replace the rows of " + rest.domain + "?");
 }
 
-ExitCode s_import(Session& session, const Arguments& arguments, const TableFormat& format) {
+ExitCode s_import(Session& session, const ImportArguments& arguments, const TableFormat& format) {
   Progress progress;
   TableFile::Options options = arguments.options;
   options.localNames = localNamesOf(arguments.localNames);
@@ -159,7 +159,7 @@ ExitCode s_import(Session& session, const Arguments& arguments, const TableForma
 }  // namespace
 
 void addImportCommand(Command& group, const TableFormat& format) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ImportArguments>();
   const std::string words = textOf(format.kind) + " import";
   const std::string line = format.hasPublic ? "PRIVATE:PUBLIC" : "ALIAS:MEMBER,MEMBER...";
   Command import = group.command(

@@ -16,7 +16,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct InitArguments {
   bool force = false;
   bool dryRun = false;
 };
@@ -59,7 +59,7 @@ ExitCode s_force(Session& session) {
   return ExitCode::Done;
 }
 
-ExitCode s_init(Session& session, const Arguments& arguments) {
+ExitCode s_init(Session& session, const InitArguments& arguments) {
   session.tellTarget();
   const bool dryRun = arguments.dryRun;
   if (arguments.force) return s_force(session);
@@ -86,7 +86,7 @@ ExitCode s_init(Session& session, const Arguments& arguments) {
 }  // namespace
 
 void addInitCommand(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<InitArguments>();
   Command init = top.command(
       "init", "Create the database, or complete an old or partial one; never drops anything",
       "  tsl-address-map init\n"

@@ -18,7 +18,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct MaskArguments {
   std::string privateText;
   std::string publicText;
   std::string domain;
@@ -68,7 +68,7 @@ ExitCode s_force(Session& session, const Pair& pair) {
   return ExitCode::Done;
 }
 
-ExitCode s_set(Session& session, const Arguments& arguments) {
+ExitCode s_set(Session& session, const MaskArguments& arguments) {
   const Pair pair = s_parsePair(arguments.privateText, arguments.publicText);
   for (const EmailAddress& address : {pair.privateAddress, pair.publicAddress}) {
     if (const auto why = refusalOf(address)) {
@@ -141,7 +141,7 @@ ExitCode s_remove(Session& session, const Removal& removal) {
                 "see 'tsl-address-map mask remove --help'");
 }
 
-ExitCode s_list(Session& session, const Arguments& arguments) {
+ExitCode s_list(Session& session, const MaskArguments& arguments) {
   return listRows<MaskTable>(
       session, TableKind::Mask, arguments.domain, [](const MaskRow& row, ItemList& list) {
         const Pair pair{row.privateAddress, row.publicAddress};
@@ -150,7 +150,7 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
       });
 }
 
-void s_addSet(Command& group, const std::shared_ptr<Arguments>& arguments) {
+void s_addSet(Command& group, const std::shared_ptr<MaskArguments>& arguments) {
   Command set = group.command(
       "set", "Show a public address in place of a private one",
       "  tsl-address-map mask set ann@inner.example ann.smith@example.com\n"
@@ -190,7 +190,7 @@ void s_addRemove(Command& group) {
 }  // namespace
 
 void addMaskCommands(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<MaskArguments>();
   Command group = top.group("mask", "Show and change mask tables");
   s_addSet(group, arguments);
   s_addRemove(group);

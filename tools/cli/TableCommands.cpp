@@ -20,7 +20,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct TableArguments {
   std::string name;
   std::string kind;
   bool yes = false;
@@ -52,7 +52,7 @@ void s_create(Database::Connection& connection, TableKind kind, const std::strin
   }
 }
 
-ExitCode s_runCreate(Session& session, const Arguments& arguments) {
+ExitCode s_runCreate(Session& session, const TableArguments& arguments) {
   s_requireName(arguments.name);
   const std::vector<TableKind> kinds = s_kinds(arguments.kind);
   session.tellTarget();
@@ -82,7 +82,7 @@ struct Doomed {
 };
 
 // The existing tables. Throws Failure when one has columns that no table of this library has.
-std::vector<Doomed> s_find(Database::Connection& connection, const Arguments& arguments) {
+std::vector<Doomed> s_find(Database::Connection& connection, const TableArguments& arguments) {
   const auto present = Database::QueryTableNames(connection).names();
   std::vector<Doomed> doomed;
   for (const TableKind kind : s_kinds(arguments.kind)) {
@@ -111,7 +111,7 @@ bool s_mayDrop(const std::vector<Doomed>& doomed) {
                 "nothing was dropped; give --yes to drop them");
 }
 
-ExitCode s_runDrop(Session& session, const Arguments& arguments) {
+ExitCode s_runDrop(Session& session, const TableArguments& arguments) {
   s_requireName(arguments.name);
   session.tellTarget();
   Database::Connection connection{std::string(s_database)};
@@ -155,7 +155,7 @@ ExitCode s_runList(Session& session) {
   return ExitCode::Done;
 }
 
-void s_addCommon(Command& command, Arguments& arguments) {
+void s_addCommon(Command& command, TableArguments& arguments) {
   command.argument("NAME", arguments.name, "The name, as --table takes it");
   command.option("--kind", arguments.kind, "KIND", "alias or mask; both without it");
   addDryRun(command, arguments.dryRun);
@@ -164,7 +164,7 @@ void s_addCommon(Command& command, Arguments& arguments) {
 }  // namespace
 
 void addTableCommands(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<TableArguments>();
   Command group = top.group("table", "Create, drop and list whole tables");
 
   Command create =

@@ -26,7 +26,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct UserArguments {
   std::string address;
   std::string domain;
   std::string kind = "user";
@@ -79,7 +79,7 @@ void s_showAdd(Output& output, const std::string& address, const std::vector<Sto
               (isNew ? "" : "\t" + userKindText(other->kind) + " -> " + userKindText(number)));
 }
 
-ExitCode s_add(Session& session, const Arguments& arguments) {
+ExitCode s_add(Session& session, const UserArguments& arguments) {
   const CMF::MailUserKind kind = parseUserKind(arguments.kind);
   const EmailAddress address = parseAddress(arguments.address, false);
   const std::string fault = userFault(address);
@@ -173,7 +173,7 @@ class UsesReport {
   Json& m_document;
 };
 
-ExitCode s_remove(Session& session, const Arguments& arguments) {
+ExitCode s_remove(Session& session, const UserArguments& arguments) {
   const EmailAddress address = parseAddress(arguments.address, false);
   MailUsers users;
   std::vector<StoredUser> found;
@@ -211,7 +211,7 @@ void s_writeUsers(const StoredDomain& domain, ItemList& list) {
   });
 }
 
-ExitCode s_list(Session& session, const Arguments& arguments) {
+ExitCode s_list(Session& session, const UserArguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   const std::vector<StoredDomain> spellings = s_spellingsOf(domain, MailUsers());
   ItemList list(session.output());
@@ -223,7 +223,7 @@ ExitCode s_list(Session& session, const Arguments& arguments) {
 }  // namespace
 
 void addUserCommands(Command& top) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<UserArguments>();
   Command group = top.group("user", "Show and change the mail users of the configuration");
 
   Command add = group.command(

@@ -25,7 +25,7 @@ namespace {
 
 using Users = CMF::TableQuery<__aps_mail_user, CMF::s_mailUserTable>;
 
-struct Arguments {
+struct UserExportArguments {
   std::string path;
   std::string domain;
   bool hasDomains = false;
@@ -58,7 +58,7 @@ std::string s_line(std::string text) {
 // The configuration as it is at one moment. One thread.
 class Reader {
  public:
-  explicit Reader(const Arguments& arguments)
+  explicit Reader(const UserExportArguments& arguments)
       : m_arguments(arguments),
         m_key(arguments.domain.empty() ? "" : comparisonDomain(parseDomain(arguments.domain))) {
     withConfiguration([this] {
@@ -91,7 +91,7 @@ class Reader {
   }
 
  private:
-  const Arguments& m_arguments;
+  const UserExportArguments& m_arguments;
   std::string m_key;
   std::optional<Users::ReadLock> m_state;
   std::vector<CMF::ApsGwServerRecord> m_domains;
@@ -127,7 +127,7 @@ void s_exportToFile(Session& session, const Reader& reader, const std::string& p
       Json{{"file", printable(path)}, {"domains", counts.domains}, {"users", counts.users}});
 }
 
-ExitCode s_export(Session& session, const Arguments& arguments) {
+ExitCode s_export(Session& session, const UserExportArguments& arguments) {
   const Reader reader(arguments);
   if (!arguments.domain.empty() && reader.isEmpty()) {
     say("no domain " + arguments.domain + " in the configuration in " + configurationDirectory());
@@ -143,7 +143,7 @@ ExitCode s_export(Session& session, const Arguments& arguments) {
 
 void s_add(Command& group, bool hasDomains, const std::string& description,
            const std::string& help) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<UserExportArguments>();
   arguments->hasDomains = hasDomains;
   Command command = group.command(
       "export", description,

@@ -21,7 +21,7 @@ namespace Tessel::Tool {
 
 namespace {
 
-struct Arguments {
+struct UserImportArguments {
   UserFile::Options options;
   std::string kind = "user";
   bool dryRun = false;
@@ -110,7 +110,7 @@ void s_show(Output& output, const Plan& plan) {
   }
 }
 
-void s_answer(Session& session, const Arguments& arguments, const UserFile& file,
+void s_answer(Session& session, const UserImportArguments& arguments, const UserFile& file,
               const Plan& plan) {
   const bool hasDomains = arguments.options.hasDomains;
   if (session.isJson()) {
@@ -131,8 +131,8 @@ void s_answer(Session& session, const Arguments& arguments, const UserFile& file
   session.output().line(counts.append(std::to_string(plan.unchanged)).append(" unchanged"));
 }
 
-ExitCode s_import(Session& session, const Arguments& given) {
-  Arguments arguments = given;
+ExitCode s_import(Session& session, const UserImportArguments& given) {
+  UserImportArguments arguments = given;
   arguments.options.kind = parseUserKind(given.kind);
   Progress progress;
   MailUsers stored;
@@ -150,7 +150,7 @@ ExitCode s_import(Session& session, const Arguments& given) {
 }  // namespace
 
 void addUserImportCommand(Command& group) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<UserImportArguments>();
   Command import = group.command(
       "import", "Add the mail users of a file, all or none",
       "  tsl-address-map user import users.txt\n"
@@ -172,7 +172,7 @@ void addUserImportCommand(Command& group) {
 }
 
 void addDomainImportCommand(Command& group) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<UserImportArguments>();
   arguments->options.hasDomains = true;
   Command import = group.command(
       "import", "Add the domains and mail users of a file, all or none",
