@@ -1,7 +1,7 @@
 #!/usr/bin/env bats
 # Attacks on the lookup service: its memory stays within --max-memory, and nobody keeps it from answering others.
-# With TSL_TEST_SECONDS (600 and more) the storm asks 1500 tables, and the times are compared strictly, with a
-# processor for the service alone: run that on a quiet machine.
+# With TSL_TEST_SECONDS (600 and more) the storm asks 1500 tables, and the times are compared strictly: run that on a
+# quiet machine.
 
 load ../tools/helper
 
@@ -72,18 +72,23 @@ print(int(sum(float(n) for n in re.findall(r"^tsl_address_map_memory_bytes.use=.
   (($(resident_kilobytes) - before < 250000))
 }
 
+# slowest_percent SECONDS: the 99th percentile of the time of a lookup, in microseconds. Where that is allowed, who measures
+# does not wait for a processor, as a mail server on another machine would not.
+slowest_percent() {
+  local first=()
+  ! chrt -r 1 true 2>/dev/null || first=(chrt -r 1)
+  "${first[@]}" python3 "$BATS_TEST_DIRNAME/attack.py" time "$socket" "$1"
+}
+
 @test "who asks for a long list with ever new extensions holds up nobody" {
-  start_service --workers 1
-  if [[ ${TSL_TEST_SECONDS:-} ]]; then
-    taskset -apc 0 "$service" >/dev/null
-    taskset -pc 1 $$ >/dev/null
-  fi
-  idle=$(attack time "$socket" 1)
-  # The attack is to hold up the service, not the processor of who measures.
-  nice -n 19 python3 "$BATS_TEST_DIRNAME/attack.py" extensions "$socket" 3 3>&- &
+  start_service --workers 1 --only t0
+  seconds=${TSL_TEST_SECONDS:+10}
+  idle=$(slowest_percent "${seconds:-1}")
+  # From another machine the attack would take no processor of the service.
+  nice -n 19 python3 "$BATS_TEST_DIRNAME/attack.py" extensions "$socket" $((${seconds:-1} + 2)) 3>&- &
   attacker=$!
   sleep 1
-  attacked=$(attack time "$socket" 1)
+  attacked=$(slowest_percent "${seconds:-1}")
   wait "$attacker"
   echo "99th percentile: $idle us, $attacked us under attack"
   # Other tests use the processors too, so only by hand the times are compared.
