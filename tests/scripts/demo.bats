@@ -68,7 +68,7 @@ shows() {
   shows check $'error\tcycle\talias\t'
   shows "alias export" "board@example.org:ann@example.com,fay@example.org,hal@example.org"
   shows "mask export --format csv" "*@workshop.example,*@example.com"
-  shows "alias import examples/tables/virtual --dry-run" "~ sales@example.com:ann@example.com,bob@example.com,eve@example.com"
+  shows "alias import examples/tables/virtual --dry-run" "~ sales@example.com:ann@example.com,bob@example.com -> ann@example.com,bob@example.com,eve@example.com"
   shows "alias import examples/tables/virtual --dry-run" "1 added, 1 changed, 10 left, 0 removed"
   grep -q '^\[{"address":"sales@example.com","outcome":"found"' out
   tail -1 out | grep -q 'stopped and removed'
