@@ -23,6 +23,7 @@ TEST(ListenAddress, AUnixSocketHasAPathAndNothingElseByDefault) {
   EXPECT_EQ(address.path, "/run/tsl/map.sock");
   EXPECT_FALSE(address.mode);
   EXPECT_EQ(address.group, "");
+  EXPECT_EQ(address.port, 0);
 }
 
 TEST(ListenAddress, AUnixSocketMayHaveAModeAndAGroupInAnyOrder) {

@@ -108,7 +108,12 @@ TEST_F(LogTest, ALineThatCannotBeWrittenIsLost) {
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_NE(full, -1);
   dup2(full, STDERR_FILENO);
-  Log(LogLevel::Info).error("nobody reads this");
+  {
+    Log log(LogLevel::Info);
+    log.error("nobody reads this");
+    log.flush();
+    EXPECT_EQ(log.lost(), 1U);
+  }
   dup2(before, STDERR_FILENO);
   close(full);
   close(before);
@@ -182,6 +187,20 @@ TEST_F(LogTest, AProblemThatCameAlsoWhileManyOthersDidIsCounted) {
   EXPECT_THAT(output.take(),
               ElementsAre(start + "once", start + "twice", start + "another", start + "once",
                           start + "twice (1 times more since the last such line)"));
+}
+
+TEST_F(LogTest, AThousandProblemsAreRememberedAndNotMore) {
+  ErrorLines output;
+  Log log(LogLevel::Info);
+  for (int i = 0; i < 1001; ++i) {
+    log.error(std::to_string(i));
+    if (i % 100 == 0) log.flush();
+  }
+  for (const char* text : {"999", "1000"}) log.error(text);
+  log.flush();
+  const std::vector<std::string> lines = output.take();
+  EXPECT_THAT(lines, SizeIs(1002));
+  EXPECT_EQ(lines.back(), "tsl-address-map: error: 1000");
 }
 
 TEST_F(LogTest, WhoLogsNeverWaitsForWhoeverReads) {

@@ -63,7 +63,7 @@ TEST(Metrics, AreExplained) {
       {"connections_total", "Connections accepted"},
       {"data_age_seconds", "Time since the data was last known to be that of the table"},
       {"database_errors_total", "Attempts to ask the database that failed"},
-      {"log_lines_lost", "Lines of the log that were lost because nobody read them"},
+      {"log_lines_lost", "Lines of the log that were lost because they could not be written"},
       {"malformed_requests_total", "Connections ended because what they sent was no request"},
       {"memory_bytes", "Memory of images, and of the answers and pages that are kept"},
       {"rebuild_failures_total", "Tables that could not be read"},

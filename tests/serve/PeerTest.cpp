@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -39,16 +40,18 @@ std::size_t s_memory() {
 class PeerTest : public WorkerFixture {
  protected:
   void SetUp() override {
-    std::string members;
-    for (int i = 0; i < 450; ++i) {
-      members += std::string(50, 'm') + std::to_string(i) + "@d.example,";
-    }
-    members.pop_back();
-    Rows rows = {{"big@d.example", members}};
+    Rows rows = {{"big@d.example", members(450, std::string(50, 'm'))}};
     for (int i = 0; i < 100; ++i) rows.emplace_back(name(i), "x" + name(i));
     serve(rows);
   }
 
+  // `count` members whose names begin with `name`.
+  static std::string members(int count, const std::string& name) {
+    std::string all;
+    for (int i = 0; i < count; ++i) all += name + std::to_string(i) + "@d.example,";
+    all.pop_back();
+    return all;
+  }
   static std::string name(int i) { return "a" + std::to_string(i % 100) + "@d.example"; }
   static std::string request(int i) { return framed("alias " + name(i)); }
   static std::string answer(int i) { return "OK x" + name(i); }
@@ -285,10 +288,7 @@ TEST_F(PeerTest, AFewRequestsOfOneAreAnsweredAtATime) {
 }
 
 TEST_F(PeerTest, AReplyThatTakesLongComesInItsTurnAndHoldsUpNobody) {
-  std::string members;
-  for (int i = 0; i < 20000; ++i) members += "member" + std::to_string(i) + "@d.example,";
-  members.pop_back();
-  serve({{"huge@d.example", members}, {"a@d.example", "b@d.example"}});
+  serve({{"huge@d.example", members(20000, "member")}, {"a@d.example", "b@d.example"}});
   const auto patient = connect();
   const auto other = connect();
   patient->send(framed("alias a@d.example") + framed("alias huge@d.example") +
@@ -305,11 +305,16 @@ TEST_F(PeerTest, AReplyThatTakesLongComesInItsTurnAndHoldsUpNobody) {
   EXPECT_THAT(patient->reply(), testing::HasSubstr("+tag@d.example,tslpage"));
 }
 
+TEST_F(PeerTest, TheTimeOfAReplyThatTakesLongBeginsWithItsRequest) {
+  serve({{"huge@d.example", members(20000, "member")}});
+  m_background.post([] { std::this_thread::sleep_for(milliseconds(101)); });
+  EXPECT_THAT(connect()->ask("alias huge@d.example"), StartsWith("OK tslpage"));
+  EXPECT_TRUE(counts("request_seconds_bucket{le=\"0.1\"} 0"));
+  EXPECT_TRUE(counts("request_seconds_count 1"));
+}
+
 TEST_F(PeerTest, WhoGoesAwayBeforeAReplyThatTakesLongIsForgotten) {
-  std::string members;
-  for (int i = 0; i < 20000; ++i) members += "member" + std::to_string(i) + "@d.example,";
-  members.pop_back();
-  serve({{"huge@d.example", members}});
+  serve({{"huge@d.example", members(20000, "member")}});
   connect()->send(framed("alias huge@d.example"));
   EXPECT_TRUE(waitFor([this] { return m_closed == 1; }));
   const auto next = connect();

@@ -364,6 +364,14 @@ PYTHON
   equal "$(<"$directory/wrong")" ""
 }
 
+@test "lines of the log that cannot be written are counted" {
+  choose_port
+  "$TSL_TOOL" --local="$SERVER" serve --listen "unix:$directory/s" --metrics "127.0.0.1:$port" 2>/dev/full 3>&- &
+  service=$!
+  lines_are_lost() { get metrics 2>/dev/null | grep -q '^tsl_address_map_log_lines_lost [1-9]'; }
+  wait_for lines_are_lost
+}
+
 @test "metrics, health and readiness are served over HTTP, without an address" {
   choose_port
   start_service --metrics "127.0.0.1:$port"

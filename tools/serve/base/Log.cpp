@@ -135,7 +135,10 @@ void Log::writeLine(const std::string& line) {
   while (!left.empty()) {
     const ssize_t written = ::write(STDERR_FILENO, left.data(), left.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
+    if (written <= 0) {
+      ++m_lost;
+      return;
+    }
     left.remove_prefix(static_cast<std::size_t>(written));
   }
 }

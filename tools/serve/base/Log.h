@@ -45,7 +45,7 @@ class Log {
 
   // Waits a moment until all lines are written.
   void flush();
-  // Number of lines that were lost because nobody read them.
+  // Number of lines that were lost because they could not be written.
   [[nodiscard]] std::uint64_t lost() const noexcept { return m_lost; }
 
  private:

@@ -79,7 +79,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                           "Connections ended because there was no room for a new one");
   m_linesLost = &BuildGauge()
                      .Name("tsl_address_map_log_lines_lost")
-                     .Help("Lines of the log that were lost because nobody read them")
+                     .Help("Lines of the log that were lost because they could not be written")
                      .Register(registry)
                      .Add({});
   BuildGauge()
