@@ -283,7 +283,7 @@ at_terminal() {
   run -0 --separate-stderr cmf user remove ann@example.com --dry-run
   equal "$output" "- ann@example.com"
   run -1 cmf user remove bob@example.com --dry-run
-  run -0 cmf domain remove example.com --dry-run
+  run -0 --separate-stderr cmf domain remove example.com --dry-run
   equal "$output" $'- ann@example.com\n- example.com'
   run -1 cmf domain remove example.net --dry-run --json
   contains "$output" '{"domain":"example.net","removed":false,"users":0,"dryRun":true}'

@@ -11,6 +11,8 @@ setup() {
 
 # Runs the tool on a configuration of the test's own; these commands need no server.
 cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
+# The same, with the server.
+db() { tool --cmf "$CMF" "$@"; }
 
 @test "domains" {
   run -0 --separate-stderr cmf domain add example.com
@@ -26,11 +28,12 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   run -0 cmf domain list --json
   equal "$output" $'[{"domain":"example.com","id":1},\n{"domain":"example.net","id":2}]'
   run -0 --separate-stderr cmf domain remove example.com
-  equal "$output$stderr" ""
+  equal "$output" ""
+  contains "$stderr" "warning: which aliases and masks example.com has is unknown"
   run -1 --separate-stderr cmf domain remove example.com
   contains "$stderr" "no domain example.com"
   run -1 cmf domain remove example.com --json
-  run -0 cmf domain remove example.net --json
+  run -0 --separate-stderr cmf domain remove example.net --json
   equal "$output" '{"domain":"example.net","removed":true,"users":0}'
   run -0 cmf domain list --json
   equal "$output" '[]'
@@ -84,14 +87,13 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   run -1 cmf domain merge other.example
   run -0 cmf user remove JÜRGEN@büro.example --json
   contains "$output" '{"address":"jürgen@xn--bro-hoa.example","removed":true,'
-  run -0 cmf domain remove büro.example --json
+  run -0 --separate-stderr cmf domain remove büro.example --json
   equal "$output" '{"domain":"xn--bro-hoa.example","removed":true,"users":0}'
   run -0 cmf domain list
   equal "$output" ""
 }
 
 @test "a user who goes is named with the aliases and masks that lead to it" {
-  db() { tool --cmf "$CMF" "$@"; }
   db domain add xn--bro-hoa.example
   db user add ann@büro.example
   run -0 --separate-stderr db user remove ann@BÜRO.example --dry-run --json
@@ -124,12 +126,27 @@ cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
   run -65 --separate-stderr cmf domain remove example.com
   contains "$stderr" "domain remove example.com: it has 1 mail users"
   contains "$stderr" "give --yes"
-  run -0 cmf domain remove example.com --dry-run
+  run -0 --separate-stderr cmf domain remove example.com --dry-run
   equal "$output" $'- ann@example.com\n- example.com'
   run -0 cmf user list example.com
   equal "$output" $'ann@example.com\tuser'
-  run -0 cmf domain remove example.com --yes --json
+  run -0 --separate-stderr cmf domain remove example.com --yes --json
   equal "$output" '{"domain":"example.com","removed":true,"users":1}'
+}
+
+@test "a domain with aliases or masks is not removed without a yes" {
+  cmf domain add büro.example
+  sql "insert into alias (name, members) values ('team@BÜRO.example', 'ann@x.example'), ('other@x.example', 'ann@büro.example');
+    create table mask_sales like mask;
+    insert into mask_sales (private, public) values ('*@in.example', '*@xn--bro-hoa.example')"
+  run -65 --separate-stderr db domain remove büro.example
+  contains "$stderr" "domain remove xn--bro-hoa.example: it has 1 aliases in table alias, 1 masks in table mask_sales"
+  run -0 --separate-stderr db domain remove büro.example --dry-run
+  equal "$output" "- xn--bro-hoa.example"
+  contains "$stderr" "1 masks in table mask_sales; rows of tables stay"
+  run -0 db domain remove büro.example --yes
+  equal "$(sql "select count(*) from alias")" 2
+  sql "delete from alias; drop table mask_sales"
 }
 
 @test "users of a domain that is not there" {

@@ -10,9 +10,13 @@
 #include "cli/DryRun.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
+#include "database/Connection.h"
+#include "database/QueryTableNames.h"
+#include "tables/AddressUse.h"
 #include "tables/Configuration.h"
 #include "tables/DomainMerge.h"
 #include "tables/MailUsers.h"
+#include "tables/TableNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Say.h"
 
@@ -82,14 +86,37 @@ std::string s_meant(const std::string& domain, const MailUsers& users) {
                 "name one of them, or join them with 'tsl-address-map domain merge'");
 }
 
-// Asks whether `domain` may be removed with its `count` users. Throws Failure when there is nobody
+// What is of a domain, as words: "3 mail users, 2 aliases in table alias_sales"; empty for nothing.
+// Tables that cannot be asked are a warning: the domain is removed from the configuration.
+std::string s_contents(const std::string& domain, std::size_t users) {
+  std::string contents = users == 0 ? "" : std::to_string(users) + " mail users";
+  const auto add = [&contents](std::size_t rows, const std::string& table, TableKind kind) {
+    if (rows == 0) return;
+    contents += (contents.empty() ? "" : ", ") + std::to_string(rows) +
+                (kind == TableKind::Alias ? " aliases" : " masks") + " in table " + table;
+  };
+  try {
+    Database::Connection connection{std::string(s_database)};
+    const auto tables = Database::QueryTableNames(connection).names();
+    for (const std::string& table : tables) {
+      const auto known = readTableName(table);
+      if (known) add(rowsOfDomain(domain, connection, table, known->kind), table, known->kind);
+    }
+  } catch (const Exception& exception) {
+    say("warning: which aliases and masks " + domain +
+        " has is unknown: " + failureOf(exception, "").why());
+  }
+  return contents;
+}
+
+// Asks whether `domain` may be removed, which has `contents`. Throws Failure when there is nobody
 // to ask.
-bool s_mayRemove(const std::string& domain, std::size_t count) {
-  const std::string users = std::to_string(count) + " mail users";
-  say("domain " + domain + " has " + users +
-      ", which go with it; 'alias list' and 'mask list' with --domain show what is left of it");
+bool s_mayRemove(const std::string& domain, const std::string& contents) {
+  say("domain " + domain + " has " + contents +
+      "; mail users go with it, rows of tables stay: 'alias list' and 'mask list' with --domain"
+      " show them");
   if (canAsk()) return confirm("Remove " + domain + "?");
-  throw Failure(ExitCode::BadData, "domain remove " + domain, "it has " + users,
+  throw Failure(ExitCode::BadData, "domain remove " + domain, "it has " + contents,
                 "nothing was changed; look at them with --dry-run, and give --yes to remove them");
 }
 
@@ -106,9 +133,14 @@ ExitCode s_remove(Session& session, const DomainArguments& arguments) {
       if (user.domain == name) gone.push_back(user.address());
     }
   }
-  if (!gone.empty() && !arguments.yes && !arguments.dryRun && !s_mayRemove(name, gone.size())) {
-    say("nothing was changed");
-    return ExitCode::Done;
+  if (removed && !arguments.yes) {
+    const std::string contents = s_contents(name, gone.size());
+    if (!contents.empty() && arguments.dryRun) {
+      say("domain " + name + " has " + contents + "; rows of tables stay");
+    } else if (!contents.empty() && !s_mayRemove(name, contents)) {
+      say("nothing was changed");
+      return ExitCode::Done;
+    }
   }
   if (arguments.dryRun && !session.isJson()) {
     for (const std::string& user : gone) session.output().line("- " + printable(user));
@@ -178,14 +210,14 @@ void addDomainCommands(Command& top) {
   add.argument("DOMAIN", arguments->domain, "The domain");
   addDryRun(add, arguments->dryRun);
 
-  Command remove =
-      group.command("remove", "Remove a domain with its mail users; exit 1 when there is none",
-                    "  tsl-address-map domain remove example.com\n"
-                    "Asks before it removes users. Prints nothing; with --json {\"domain\","
-                    " \"removed\", \"users\"}.\n",
-                    Preparation::Database, withArguments(s_remove, arguments));
+  Command remove = group.command(
+      "remove", "Remove a domain with its mail users; exit 1 when there is none",
+      "  tsl-address-map domain remove example.com\n"
+      "Asks when the domain has users, aliases or masks; rows of tables stay. Prints nothing;"
+      " with --json\n{\"domain\", \"removed\", \"users\"}.\n",
+      Preparation::Database, withArguments(s_remove, arguments));
   remove.argument("DOMAIN", arguments->domain, "The domain");
-  remove.flag("--yes", arguments->yes, "Remove its mail users without asking");
+  remove.flag("--yes", arguments->yes, "Remove it without asking");
   addDryRun(remove, arguments->dryRun);
 
   Command merge = group.command(

@@ -4,6 +4,7 @@
 #include "tables/AddressKey.h"
 #include "tables/Extension.h"
 #include "tables/RowReader.h"
+#include "tables/SpellingSearch.h"
 #include "tables/TableFormat.h"
 #include "tables/TextRows.h"
 
@@ -36,6 +37,23 @@ std::vector<AddressUse> usesOf(std::string_view address, Database::Connection& c
                   quotedName(table) + " order by " + format.key + ";",
               take);
   return uses;
+}
+
+std::size_t rowsOfDomain(const std::string& domain, Database::Connection& connection,
+                         const std::string& table, TableKind kind) {
+  const TableFormat& format = kind == TableKind::Alias ? TableFormat::alias() : TableFormat::mask();
+  const std::string key = comparisonDomain(domain);
+  std::string condition = domainCondition(format.key, domain);
+  if (format.hasPublic) condition += " or " + domainCondition(format.value, domain);
+  std::size_t count = 0;
+  selectPairs(connection,
+              std::string("select ") + format.key + ", " + format.value + " from " +
+                  quotedName(table) + " where " + condition + ";",
+              [&](std::string_view rowKey, std::string_view value) {
+                if (isOfDomain(rowKey, key) || (format.hasPublic && isOfDomain(value, key)))
+                  ++count;
+              });
+  return count;
 }
 
 }  // namespace Tessel::Tool

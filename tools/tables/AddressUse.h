@@ -2,6 +2,7 @@
 #ifndef TSL_TOOLS_TABLES_ADDRESSUSE_H
 #define TSL_TOOLS_TABLES_ADDRESSUSE_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,11 @@ struct AddressUse {
 // answer.
 std::vector<AddressUse> usesOf(std::string_view address, Database::Connection& connection,
                                const std::string& table, TableKind kind);
+
+// How many rows of the SQL table `table` are of `domain` in any spelling: aliases, or masks on
+// either side. Throws Exception when the database cannot answer.
+std::size_t rowsOfDomain(const std::string& domain, Database::Connection& connection,
+                         const std::string& table, TableKind kind);
 
 }  // namespace Tessel::Tool
 
