@@ -145,17 +145,19 @@ bob@far.example elsewhere [{'address': 'bob@far.example', 'fate': 'elsewhere', '
   run -1 tool answer TEAM+x@out.example --json
   contains "$output" '"data":"team+x@example.com","base":"TEAM@out.example"}'
   contains "$output" '{"address":"ann+x@users.example","fate":"mailbox","base":"ann@users.example"}'
-  start_service --refresh 1h
+  start_service
   wait_for answers 'mask_public team@example.com' 'OK team@out.example'
+  wait_for answers 'alias team@example.com' 'OK ann@users.example,bob@far.example,gone@users.example'
   wait_for answers 'domain users.example' 'OK users.example'
   run -1 --separate-stderr tool answer TEAM+x@out.example --from "unix:$socket"
   equal "$output$stderr" "$expected"
-  # What the service has not seen yet.
-  tool alias set team@example.com ann@users.example
-  run -1 --separate-stderr tool answer team@example.com --from "unix:$socket"
-  contains "$output" $'recipient\tgone@users.example\trefused'
-  equal "$stderr" "tsl-address-map: warning: the service answers for team@example.com otherwise than the database: its rows are older, or its options differ from those that were given here
-tsl-address-map:   by the database: ann@users.example, mailbox"
+  # What the service does not see.
+  mkdir "$directory/other"
+  tool --cmf "$directory/other" domain add users.example
+  run -0 --separate-stderr tool --cmf "$directory/other" answer ann@users.example --from "unix:$socket"
+  contains "$output" $'recipient\tann@users.example\tmailbox'
+  equal "$stderr" "tsl-address-map: warning: the service answers for ann@users.example otherwise than the database: its rows are older, or its options differ from those that were given here
+tsl-address-map:   by the database: ann@users.example, refused"
   run -75 --separate-stderr tool --table none answer ann@users.example --from "unix:$socket"
   contains "$stderr" "the answers of the service were not compared with the database: "
   contains "$output" "TEMP there is no such table"
