@@ -184,6 +184,15 @@ fails() {
   fails check-tests "a test is switched off: tests/base/ThingTest.cpp"
 }
 
+@test "check-tests finds a test that is skipped, wherever the command is" {
+  echo 'other.bats' >>tests/base/CMakeLists.txt
+  printf '@test "x" {\n  true --skip-bad || false\n}\n' >tests/base/other.bats
+  passes check-tests
+  off=skip
+  printf '@test "x" {\n  false || %s "not now"\n}\n' "$off" >tests/base/other.bats
+  fails check-tests "a test is switched off: tests/base/other.bats"
+}
+
 @test "check-tests finds a comment that names a test which is not there" {
   printf '// Test.\nTEST(Thing,\n     HasAName) {}\n' >tests/base/ThingTest.cpp
   printf '// Thing. Pinned by\n// Thing.HasAName. Pinned by the tests of Thing.\nint f();\n' \
