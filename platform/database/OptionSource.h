@@ -6,11 +6,9 @@
 #include <string>
 
 #include "base/Export.h"
+#include "database/OptionFile.h"
 
 namespace Tessel::Database {
-
-// The option group that is read in addition to [client].
-inline constexpr char s_optionGroup[] = "tsl-address-map";
 
 // An immutable value.
 struct OptionSource {
