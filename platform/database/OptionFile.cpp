@@ -31,7 +31,8 @@ constexpr int s_deepest = 64;
 // Files that include themselves twice would be read forever.
 constexpr int s_mostFiles = 1000;
 
-[[noreturn]] void s_fail(const std::string& file, const std::string& why, int line = sourceLine()) {
+[[noreturn]] void s_refuseFile(const std::string& file, const std::string& why,
+                               int line = sourceLine()) {
   throw Exception(Exception("Database::Connection", 4, "OptionFile", line)
                       .stringParameter("The database option file '" + file + "' " + why));
 }
@@ -242,7 +243,7 @@ class Reader {
   void readNamed(const std::string& file) {
     std::string fault;
     const std::string content = s_trusted(file, fault);
-    if (!fault.empty()) s_fail(file, fault);
+    if (!fault.empty()) s_refuseFile(file, fault);
     take(content, file, 0);
   }
 
@@ -272,24 +273,24 @@ class Reader {
     for (const int absent : {ENOENT, ENOTDIR, EACCES, ELOOP, ENAMETOOLONG}) {
       if (errno == absent) return;
     }
-    s_fail(file, s_unreadable());
+    s_refuseFile(file, s_unreadable());
   }
 
   void read(const Descriptor& descriptor, const std::string& file, int depth) {
     const auto content = s_contentOf(descriptor.number());
     if (content) return take(*content, file, depth);
     // A directory of that name has no options.
-    if (errno != EISDIR) s_fail(file, s_unreadable());
+    if (errno != EISDIR) s_refuseFile(file, s_unreadable());
   }
 
   void take(const std::string& content, const std::string& file, int depth) {
-    if (++m_files > s_mostFiles) s_fail(file, "and others include each other without end");
+    if (++m_files > s_mostFiles) s_refuseFile(file, "and others include each other without end");
     Lines lines(content);
     bool isRead = false;
     while (auto line = lines.next()) {
       switch (line->kind) {
         case Lines::Kind::Fault:
-          return s_fail(file, s_brokenIn(*line));
+          return s_refuseFile(file, s_brokenIn(*line));
         case Lines::Kind::Group:
           isRead = s_isGroupRead(line->name);
           break;
@@ -313,8 +314,8 @@ class Reader {
     if (isDirectory) return readIfThere(*line.value + "/my.cnf", depth);
     const Descriptor descriptor(*line.value);
     if (descriptor.number() >= 0) return read(descriptor, *line.value, depth);
-    s_fail(by, "includes in line " + std::to_string(line.number) + " '" + *line.value +
-                   "', which " + s_unreadable());
+    s_refuseFile(by, "includes in line " + std::to_string(line.number) + " '" + *line.value +
+                         "', which " + s_unreadable());
   }
 
   int m_files = 0;

@@ -109,7 +109,7 @@ TEST_F(OptionFileTest, AwkwardFilesAreReadAsTheClientLibraryReadsThem) {
       "[client]]\nhost=a\n[]\nuser=b\n[[client]\npassword=c\n",
       "host=a\vb\f\nuser=\v\n\vpassword=c\n",
       "host=\xc3\xa9\xa0\nuser=\xff\n\xa0password=c\n",
-      std::string("host=a\0b\nuser=c\0\n\0password=d\n", 33),
+      std::string("host=a\0b\nuser=c\0\n\0password=d\n", 29),
       "user=" + longLine + "host=a\nhost=b\n",
       "#" + longLine + "xxxhost=a\n",
       "#" + longLine + "xx\nhost=a\n",
