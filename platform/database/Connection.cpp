@@ -14,6 +14,7 @@
 #include "database/RowParser.h"
 #include "database/Statement.h"
 #include "database/StatementObserver.h"
+#include "database/Wait.h"
 
 namespace Tessel::Database {
 
@@ -67,6 +68,41 @@ Error s_notSent(const char* context, Error::Facts facts, int line = sourceLine()
   return {context, s_file, line, facts};
 }
 
+using Deadline = std::optional<Clock::time_point>;
+
+// The end of a statement that began at `start` and may take `limit`.
+Deadline s_end(Clock::time_point start, std::chrono::seconds limit) {
+  return limit.count() == 0 ? Deadline() : Deadline(start + limit);
+}
+
+// The calls of the client library for a statement, which wait until a time of ours or for as long
+// as the options say.
+int s_send(MYSQL* mysql, std::string_view text, const Deadline& until) {
+  if (!until) return mysql_send_query(mysql, text.data(), text.size());
+  return callUntil<int>(
+      mysql, *until,
+      [&](int* result) { return mysql_send_query_start(result, mysql, text.data(), text.size()); },
+      [&](int* result, int events) { return mysql_send_query_cont(result, mysql, events); });
+}
+
+my_bool s_readResult(MYSQL* mysql, const Deadline& until) {
+  if (!until) return mysql_read_query_result(mysql);
+  return callUntil<my_bool>(
+      mysql, *until, [&](my_bool* result) { return mysql_read_query_result_start(result, mysql); },
+      [&](my_bool* result, int events) {
+        return mysql_read_query_result_cont(result, mysql, events);
+      });
+}
+
+MYSQL_RES* s_storeResult(MYSQL* mysql, const Deadline& until) {
+  if (!until) return mysql_store_result(mysql);
+  return callUntil<MYSQL_RES*>(
+      mysql, *until, [&](MYSQL_RES** result) { return mysql_store_result_start(result, mysql); },
+      [&](MYSQL_RES** result, int events) {
+        return mysql_store_result_cont(result, mysql, events);
+      });
+}
+
 // Takes in and drops the results that are left, also when an exception passes.
 class Drain {
  public:
@@ -89,6 +125,11 @@ class Drain {
 
 struct Connection::Impl::Answer {
   bool lost = false;
+  // Lost because the host does not carry it out; another one may.
+  bool isRefused = false;
+  // Of a lost connection: how many hosts there are, and the time-out for reading; 0: none.
+  std::size_t hosts = 1;
+  std::chrono::seconds limit{};
   // Of a lost connection: the server may have had the statement.
   bool sent = false;
   bool timedOut = false;
@@ -101,9 +142,10 @@ Connection::Impl::Impl(Target target, std::unique_ptr<Handle> handle)
     : m_target(std::move(target)), m_handle(std::move(handle)) {}
 
 std::unique_ptr<Connection::Impl> Connection::Impl::at(const SocketAddress& server) {
-  Target target{OptionSource::current(), std::nullopt};
+  Target target{OptionSource::current(), std::nullopt, {}};
   try {
-    std::unique_ptr<Handle> handle = Handle::open(target, {});
+    Clock::duration spent{};
+    std::unique_ptr<Handle> handle = Handle::open(target, {}, spent);
     if (handle->peerAddress() == server) {
       return std::make_unique<Impl>(std::move(target), std::move(handle));
     }
@@ -116,7 +158,7 @@ std::unique_ptr<Connection::Impl> Connection::Impl::at(const SocketAddress& serv
 
 void Connection::Impl::begin(const std::string& database) {
   if (!m_handle) {
-    m_handle = Handle::open(m_target, database);
+    m_handle = Handle::open(m_target, database, m_connecting);
     m_database = database;
     return;
   }
@@ -139,6 +181,7 @@ bool Connection::Impl::isAlive() {
 }
 
 bool Connection::Impl::mustReopen(const char* context, std::string_view statement) {
+  m_connecting = {};
   const bool usable = m_handle && !m_handle->isForeign() && isAlive();
   const bool hadTransaction = m_guarded || inTransaction();
   if (usable && (!m_guarded || inTransaction())) return false;
@@ -154,7 +197,8 @@ Handle& Connection::Impl::ready(const char* context, std::string_view statement)
 
 void Connection::Impl::reopen(const std::string& database) {
   m_target.options = OptionSource::of(m_target.options.file);
-  m_handle = Handle::open(m_target, database);
+  m_isProven = false;
+  m_handle = Handle::open(m_target, database, m_connecting);
 }
 
 std::optional<Error> Connection::Impl::reopenSelecting(const std::string& name) {
@@ -192,7 +236,23 @@ void Connection::Impl::forget(const std::string& name) {
   if (m_database == name) m_database.clear();
 }
 
-Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const char* context) {
+// Whether the host that answered with the error `number` is to be left for another one, which may
+// carry the statement out; this one did not.
+bool Connection::Impl::isToLeave(unsigned int number) {
+  // A node of a cluster that is cut off from the others says this.
+  if (number == ER_UNKNOWN_COM_ERROR) {
+    HostHealth::failed(m_handle->host(), Clock::now());
+    return true;
+  }
+  const bool isReadOnly = number == ER_OPTION_PREVENTS_STATEMENT || number == ER_READ_ONLY_MODE;
+  if (!isReadOnly || m_handle->hosts() == 1) return false;
+  m_target.avoided.insert(m_handle->host());
+  if (m_target.avoided.size() == m_handle->hosts()) m_target.avoided = {m_handle->host()};
+  return true;
+}
+
+Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const char* context,
+                                                   const Deadline& until) {
   MYSQL* const mysql = m_handle->mysql();
   const Clock::time_point start = Clock::now();
   Answer answer;
@@ -200,12 +260,13 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
   {
     const PipeGuard guard(m_handle->usesTls());
     // A server that did not get the whole statement cannot carry it out.
-    answer.sent = mysql_send_query(mysql, text.data(), text.size()) == 0;
-    if (answer.sent && mysql_read_query_result(mysql) == 0) {
+    answer.sent = s_send(mysql, text, until) == 0;
+    if (answer.sent && s_readResult(mysql, until) == 0) {
+      m_isProven = true;
       // Asked first: a connection that breaks between two rows leaves no columns behind, and must
       // not be taken for a statement without a result.
       if (mysql_field_count(mysql) == 0) return answer;
-      answer.result = mysql_store_result(mysql);
+      answer.result = s_storeResult(mysql, until);
       if (answer.result != nullptr) return answer;
     }
   }
@@ -215,12 +276,21 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
     m_handle.reset();  // Rows that found no room are still on their way.
     throw;
   }
-  if (!isConnectionLoss(answer.facts.number)) refuse(context, text);
-  const std::chrono::seconds limit(mysql->options.read_timeout);
-  answer.timedOut = limit.count() != 0 && Clock::now() - start >= limit - s_timeoutSlack;
+  const unsigned int number = answer.facts.number;
+  answer.isRefused = isToLeave(number);
+  if (!answer.isRefused && !isConnectionLoss(number)) refuse(context, text);
+  answer.limit = std::chrono::seconds(mysql->options.read_timeout);
+  answer.timedOut =
+      until ? Clock::now() >= *until
+            : answer.limit.count() != 0 && Clock::now() - start >= answer.limit - s_timeoutSlack;
   // Sent by servers that stop waiting for a statement: ours was not read.
-  if (answer.facts.number == s_clientInteractionTimeout) answer.sent = false;
+  if (answer.isRefused || number == s_clientInteractionTimeout) answer.sent = false;
+  // One that was in use until now may only have been closed by its server.
+  if (answer.timedOut || !m_isProven || number == ER_SERVER_SHUTDOWN) {
+    HostHealth::failed(m_handle->host(), Clock::now());
+  }
   answer.lost = true;
+  answer.hosts = m_handle->hosts();
   m_handle.reset();
   return answer;
 }
@@ -240,6 +310,7 @@ void Connection::Impl::refuse(const char* context, std::string_view statement) {
 }
 
 MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const char* context) {
+  const Clock::time_point start = Clock::now();
   ready(context, text);
   const bool hadTransaction = inTransaction();
   const Answer answer = attempt(text, context);
@@ -250,22 +321,27 @@ MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const ch
   // A time-out is no reason to ask again: the server may still be at work on the first one.
   const bool repeatable = !hadTransaction && mayRepeat && !answer.timedOut && isRepeatable(text);
   if (answer.sent && !repeatable) throw s_unknownOutcome(context, answer.facts, answer.timedOut);
-  return runAgain(text, answer, context);
+  return runAgain(text, start, answer, context);
 }
 
-MYSQL_RES* Connection::Impl::runAgain(std::string_view text, const Answer& first,
-                                      const char* context) {
-  Answer answer;
-  try {
-    reopen(m_database);
-    answer = attempt(text, context);
-  } catch (const Exception& failure) {
-    // Whatever failed now, the first sending may have been carried out.
-    if (!first.sent) throw;
-    throw s_unknownOutcome(context, first.facts, first.timedOut, &failure);
+// Repetitions get what the first sending left of the time for reading.
+MYSQL_RES* Connection::Impl::runAgain(std::string_view text, Clock::time_point start,
+                                      const Answer& first, const char* context) {
+  Answer answer = first;
+  // Hosts that refuse do so at once.
+  for (std::size_t i = 0; i == 0 || (answer.isRefused && i < first.hosts); ++i) {
+    try {
+      reopen(m_database);
+      answer = attempt(text, context, s_end(start + m_connecting, first.limit));
+    } catch (const Exception& failure) {
+      // Whatever failed now, the first sending may have been carried out.
+      if (!first.sent) throw;
+      throw s_unknownOutcome(context, first.facts, first.timedOut, &failure);
+    }
+    if (!answer.lost) return answer.result;
   }
-  if (!answer.lost) return answer.result;
   if (first.sent || answer.sent) throw s_unknownOutcome(context, answer.facts, answer.timedOut);
+  if (answer.isRefused) throw Error(context, s_file, sourceLine(), answer.facts);
   throw s_notSent(context, answer.facts);
 }
 
@@ -296,7 +372,7 @@ void Connection::Impl::execute(std::string_view text, RowParser* parser, Connect
 }
 
 Connection::Connection(const std::string& database)
-    : m_impl(std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt})) {
+    : m_impl(std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt, {}})) {
   m_impl->begin(database);
 }
 
@@ -308,7 +384,8 @@ Connection::Connection(const SocketAddress& server, const std::string& database)
 Connection::~Connection() = default;
 
 SocketAddress Connection::defaultAddress() {
-  return Handle::open({OptionSource::current(), std::nullopt}, {})->peerAddress();
+  Clock::duration spent{};
+  return Handle::open({OptionSource::current(), std::nullopt, {}}, {}, spent)->peerAddress();
 }
 
 bool Connection::dbSelectIfExists(const std::string& name) {

@@ -54,14 +54,18 @@ class Connection::Impl {
   // What came of sending a statement once.
   struct Answer;
 
-  Answer attempt(std::string_view text, const char* context);
+  // `until`: when to stop waiting; without it, after the time-outs of the options.
+  Answer attempt(std::string_view text, const char* context,
+                 const std::optional<Handle::Clock::time_point>& until = std::nullopt);
   MYSQL_RES* run(std::string_view text, bool mayRepeat, const char* context);
-  MYSQL_RES* runAgain(std::string_view text, const Answer& first, const char* context);
+  MYSQL_RES* runAgain(std::string_view text, Handle::Clock::time_point start, const Answer& first,
+                      const char* context);
   void takeInResults(std::string_view text, const char* context);
   bool isAlive();
   bool mustReopen(const char* context, std::string_view statement);
   void reopen(const std::string& database);
   std::optional<Error> reopenSelecting(const std::string& name);
+  bool isToLeave(unsigned int number);
   // Throws the error that the server answered with.
   [[noreturn]] void refuse(const char* context, std::string_view statement);
 
@@ -69,6 +73,8 @@ class Connection::Impl {
   std::string m_database;            // Selected, or to be selected when it is opened again.
   std::unique_ptr<Handle> m_handle;  // Null before begin() and after a loss.
   bool m_guarded = false;
+  bool m_isProven = false;                            // The handle has carried out a statement.
+  Handle::Clock::duration m_connecting{};             // Time spent on it for the present statement.
   std::chrono::steady_clock::time_point m_lastAlive;  // When the handle was last found alive.
 };
 

@@ -7,15 +7,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <new>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/sourceLine.h"
 #include "database/StatementObserver.h"
+#include "database/Wait.h"
 
 namespace Tessel::Database {
 
@@ -26,9 +30,14 @@ constexpr char s_file[] = "Handle";
 
 // Seconds. An option file may change the first; the others bound how long a caller can hang on a
 // server that stopped answering.
-constexpr unsigned int s_connectTimeout = 10;
+constexpr std::chrono::seconds s_connectTimeout{10};
 constexpr unsigned int s_readTimeout = 30;
 constexpr unsigned int s_writeTimeout = 30;
+
+// What a host gets that failed some time ago, while another one works.
+constexpr std::chrono::milliseconds s_probe{300};
+// Room for what the client library does while it connects: encryption, name services.
+constexpr std::size_t s_stackSize = 256UL * 1024;
 
 // What every session runs with, whatever the server's settings. The strict modes make a text that
 // does not fit an error, backslash escapes are what our escaping writes, and the collation makes
@@ -41,11 +50,14 @@ constexpr std::string_view s_sessionSetUp =
     " /*!80000 , collation_server=utf8mb4_0900_as_ci*/";
 
 // Which server a failed connection was meant for. The password is in none of these fields.
-std::string s_destination(const MYSQL& mysql, const Target& target) {
+std::string s_destination(const MYSQL& mysql, const Target& target, const Host& host) {
   const auto& options = mysql.options;
   std::string text = "; server: ";
   if (target.address) {
     text += target.address->text();
+  } else if (!host.name.empty()) {
+    text += host.text();
+    if (host.port == 0 && options.port != 0) text += ", port " + std::to_string(options.port);
   } else if (options.host != nullptr && std::string_view(options.host) != "localhost") {
     text += options.host;
     if (options.port != 0) text += ", port " + std::to_string(options.port);
@@ -54,6 +66,49 @@ std::string s_destination(const MYSQL& mysql, const Target& target) {
   }
   if (options.user != nullptr) text += "; user: " + std::string(options.user);
   return text + "; from " + target.options.text();
+}
+
+// Adds the time from its construction to its destruction to a sum.
+class Stopwatch {
+ public:
+  explicit Stopwatch(Handle::Clock::duration& sum) : m_sum(sum) {}
+  ~Stopwatch() { m_sum += Handle::Clock::now() - m_start; }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
+
+ private:
+  Handle::Clock::duration& m_sum;
+  const Handle::Clock::time_point m_start = Handle::Clock::now();
+};
+
+// How long connecting may take.
+Handle::Clock::duration s_connectTime(const std::vector<Option>& options) {
+  const std::string text = lastValue(options, {"connect-timeout", "timeout"}).value_or("");
+  const int seconds = std::atoi(text.c_str());
+  return seconds > 0 ? std::chrono::seconds(seconds) : s_connectTimeout;
+}
+
+// The hosts to try for `target`.
+std::vector<Host> s_places(const Target& target, const std::vector<Option>& options) {
+  if (target.address) return {Host()};
+  // A certificate is checked against the name, which must be kept then.
+  return checksName(options) ? hostsOf(options) : resolved(hostsOf(options));
+}
+
+// What to say when no host could be used: the failure of the one host, or those of all.
+Error s_noneWorks(const std::vector<Error>& failures, std::size_t hosts, int line = sourceLine()) {
+  if (hosts == 1) return failures.front();
+  Error::Facts facts{failures.front().number(),
+                     failures.front().sqlState(),
+                     "None of the " + std::to_string(hosts) + " hosts can be used",
+                     {},
+                     false};
+  for (const Error& failure : failures) {
+    facts.message += "; " + failure.stringParameter();
+    // The answer of a server says more than its silence.
+    if (failure.number() < CR_MIN_ERROR) facts.number = failure.number();
+  }
+  return {s_context, s_file, line, facts};
 }
 
 sigset_t s_pipeSignal() {
@@ -147,21 +202,48 @@ Handle::~Handle() {
   mysql_close(m_mysql);
 }
 
-std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& database) {
+std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& database,
+                                     Clock::duration& spent) {
   s_initialiseLibrary();
   const PipeGuard guard(true);
-  std::unique_ptr<Handle> handle(new Handle(mysql_init(nullptr)));
-  handle->connect(target, database);
-  handle->enforceLimits(target);
-  handle->setUpSession();
-  return handle;
+  const Clock::time_point start = Clock::now();
+  const Stopwatch stopwatch(spent);
+  const std::vector<Option> options = readOptions(target.options.file);
+  const Clock::time_point end = start + s_connectTime(options) - spent;
+  const std::vector<Host> hosts = s_places(target, options);
+  const std::vector<Attempt> attempts = attemptsAt(hosts, target.avoided, start);
+  std::vector<Error> failures;
+  for (std::size_t i = 0; i < attempts.size(); ++i) {
+    const auto& [host, isProbe] = attempts[i];
+    const Clock::time_point now = Clock::now();
+    if (i > 0 && now >= end) break;
+    const Clock::duration share = (end - now) / static_cast<int>(attempts.size() - i);
+    std::unique_ptr<Handle> handle(new Handle(mysql_init(nullptr)));
+    handle->m_host = host->text();
+    handle->m_hosts = hosts.size();
+    try {
+      const auto until = now + (isProbe ? std::min<Clock::duration>(share, s_probe) : share);
+      handle->connect(target, *host, database, until);
+      handle->enforceLimits(target);
+      handle->setUpSession(until);
+      HostHealth::worked(handle->m_host);
+      return handle;
+    } catch (const Error& error) {
+      if (error.number() == ER_BAD_DB_ERROR) throw;
+      HostHealth::failed(handle->m_host, Clock::now());
+      failures.push_back(error);
+    }
+  }
+  throw s_noneWorks(failures, hosts.size());
 }
 
-void Handle::connect(const Target& target, const std::string& database) {
+void Handle::connect(const Target& target, const Host& listed, const std::string& database,
+                     Clock::time_point until) {
   // The library reads a whole int for this option, and one byte for others.
   const unsigned int noLocalInfile = 0;
   const std::string& file = target.options.file;
-  mysql_options(m_mysql, MYSQL_OPT_CONNECT_TIMEOUT, &s_connectTimeout);
+  const unsigned int connectTimeout = s_connectTimeout.count();
+  mysql_options(m_mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connectTimeout);
   mysql_options(m_mysql, MYSQL_OPT_READ_TIMEOUT, &s_readTimeout);
   mysql_options(m_mysql, MYSQL_OPT_WRITE_TIMEOUT, &s_writeTimeout);
   mysql_options(m_mysql, MYSQL_OPT_LOCAL_INFILE, &noLocalInfile);
@@ -169,9 +251,11 @@ void Handle::connect(const Target& target, const std::string& database) {
   mysql_options(m_mysql, MYSQL_READ_DEFAULT_GROUP, s_optionGroup);
   if (!file.empty()) mysql_options(m_mysql, MYSQL_READ_DEFAULT_FILE, file.c_str());
 
-  const char* host = nullptr;
+  if (mysql_options(m_mysql, MYSQL_OPT_NONBLOCK, &s_stackSize) != 0) throw std::bad_alloc();
+
+  const char* host = listed.name.empty() ? nullptr : listed.name.c_str();
   const char* path = nullptr;
-  unsigned int port = 0;
+  unsigned int port = listed.port;
   if (target.address && target.address->family() == SocketAddress::Family::Unix) {
     host = "localhost";
     path = target.address->host().c_str();
@@ -180,11 +264,19 @@ void Handle::connect(const Target& target, const std::string& database) {
     port = target.address->port();
   }
   // The options must outlive a failure, for the message.
-  if (mysql_real_connect(m_mysql, host, nullptr, nullptr,
-                         database.empty() ? nullptr : database.c_str(), port, path,
-                         CLIENT_REMEMBER_OPTIONS) == nullptr) {
+  const auto* const connected = callUntil<MYSQL*>(
+      m_mysql, until,
+      [&](MYSQL** result) {
+        return mysql_real_connect_start(result, m_mysql, host, nullptr, nullptr,
+                                        database.empty() ? nullptr : database.c_str(), port, path,
+                                        CLIENT_REMEMBER_OPTIONS);
+      },
+      [this](MYSQL** result, int events) {
+        return mysql_real_connect_cont(result, m_mysql, events);
+      });
+  if (connected == nullptr) {
     Error::Facts facts = lastError({});
-    facts.message += s_destination(*m_mysql, target);
+    facts.message += s_destination(*m_mysql, target, listed);
     throw Error(s_context, s_file, sourceLine(), facts);
   }
   m_tls = mysql_get_ssl_cipher(m_mysql) != nullptr;
@@ -205,7 +297,7 @@ void Handle::enforceLimits(const Target& target) {
                 {CR_CONNECTION_ERROR,
                  "HY000",
                  "The protocol that the options ask for does not fit the address" +
-                     s_destination(*m_mysql, target),
+                     s_destination(*m_mysql, target, Host()),
                  {},
                  false});
   }
@@ -215,9 +307,16 @@ void Handle::enforceLimits(const Target& target) {
   }
 }
 
-void Handle::setUpSession() {
+void Handle::setUpSession(Clock::time_point until) {
   tellStatement(s_sessionSetUp);
-  if (mysql_real_query(m_mysql, s_sessionSetUp.data(), s_sessionSetUp.size()) != 0) {
+  const int failed = callUntil<int>(
+      m_mysql, until,
+      [this](int* result) {
+        return mysql_real_query_start(result, m_mysql, s_sessionSetUp.data(),
+                                      s_sessionSetUp.size());
+      },
+      [this](int* result, int events) { return mysql_real_query_cont(result, m_mysql, events); });
+  if (failed != 0) {
     throw Error(s_context, s_file, sourceLine(), lastError(s_sessionSetUp));
   }
 }

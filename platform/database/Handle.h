@@ -6,12 +6,16 @@
 #include <mysql.h>
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "base/SocketAddress.h"
 #include "database/Error.h"
+#include "database/HostList.h"
 #include "database/OptionSource.h"
 
 namespace Tessel::Database {
@@ -22,6 +26,8 @@ struct Target {
   // None: the default server, as the options name it. Otherwise this address, with the user, the
   // password and everything else from the options.
   std::optional<SocketAddress> address;
+  // Hosts that do not carry out what this connection is for; they are tried last.
+  std::set<std::string> avoided;
 };
 
 // Keeps SIGPIPE from this thread while `active`: writing to a TLS connection whose server is gone
@@ -40,8 +46,14 @@ class PipeGuard {
 // An open connection. One thread at a time.
 class Handle {
  public:
-  // Connects, selects `database` (none when empty) and sets up the session. Throws Error.
-  static std::unique_ptr<Handle> open(const Target& target, const std::string& database);
+  using Clock = std::chrono::steady_clock;
+
+  // Connects to the first host that works, selects `database` (none when empty) and sets up the
+  // session. `spent` is the time that the caller spent on connecting already, and is added to: all
+  // hosts and all calls for one statement share the connect time-out. A missing database is the
+  // answer of a host that works; for any other failure the next host is tried. Throws Error.
+  static std::unique_ptr<Handle> open(const Target& target, const std::string& database,
+                                      Clock::duration& spent);
   // Closes the connection, sending nothing and waiting for nothing. In a forked child the parent's
   // connection stays unharmed.
   ~Handle();
@@ -50,6 +62,10 @@ class Handle {
 
   [[nodiscard]] MYSQL* mysql() const noexcept { return m_mysql; }
   [[nodiscard]] bool usesTls() const noexcept { return m_tls; }
+  // The host that this connection leads to, as HostHealth knows it.
+  [[nodiscard]] const std::string& host() const noexcept { return m_host; }
+  // How many hosts there are for this connection, this one included.
+  [[nodiscard]] std::size_t hosts() const noexcept { return m_hosts; }
   // True in a process that was forked after the connection was opened: the parent owns it.
   [[nodiscard]] bool isForeign() const noexcept;
   // True when nothing can come of sending a statement: the server closed the connection or said
@@ -65,14 +81,17 @@ class Handle {
 
  private:
   explicit Handle(MYSQL* mysql);
-  void connect(const Target& target, const std::string& database);
+  void connect(const Target& target, const Host& host, const std::string& database,
+               Clock::time_point until);
   void enforceLimits(const Target& target);
-  void setUpSession();
+  void setUpSession(Clock::time_point until);
   [[nodiscard]] int descriptor() const noexcept;
 
   MYSQL* m_mysql;  // Owned.
   pid_t m_owner;   // The process that opened it.
   bool m_tls = false;
+  std::string m_host;
+  std::size_t m_hosts = 1;
 };
 
 // Error of MySQL servers that gave up waiting for a statement; MariaDB's headers do not name it.

@@ -534,21 +534,5 @@ TEST_F(RelayedConnection, AServerThatDoesNotGreetIsGivenUpOnAfterTheConnectTimeO
   m_relay.hold(false);
 }
 
-TEST_F(RelayedConnection, AServerThatStopsAnsweringIsGivenUpOnAndNotAskedAgain) {
-  Connection connection(s_name);
-  Testing::GeneralLog log(server());
-  m_relay.hold(true);
-  const auto start = std::chrono::steady_clock::now();
-  const auto got = caughtError([&] { run(connection, "select 'slow'"); });
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  m_relay.hold(false);
-  ASSERT_TRUE(got);
-  EXPECT_TRUE(got->outcomeUnknown());
-  EXPECT_THAT(got->what(), HasSubstr("No answer came in time"));
-  EXPECT_GT(elapsed, std::chrono::seconds(29));
-  EXPECT_LT(elapsed, std::chrono::seconds(45));
-  EXPECT_THAT(log.statementsSince(), ElementsAre("select 'slow'"));
-}
-
 }  // namespace
 }  // namespace Tessel::Database

@@ -104,7 +104,9 @@ class DatabaseTest : public testing::Test {
     sql("create table tsl_test.t (name varchar(50) primary key, n int not null default 0) "
         "engine=InnoDB");
   }
-  static std::string count() { return sql("select count(*) from tsl_test.t").at(0).at(0); }
+  static std::string count(const std::string& table = "t") {
+    return sql("select count(*) from tsl_test." + table).at(0).at(0);
+  }
 };
 
 // A relay before the server, as the default server.

@@ -1,6 +1,7 @@
 // SocketRelay: one thread that accepts, one for each connection.
 #include "support/SocketRelay.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,6 +10,7 @@
 #include <array>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace Tessel::Testing {
 
@@ -43,12 +45,34 @@ SocketRelay::SocketRelay(const std::string& path, const std::string& serverPath)
   m_acceptor = std::thread([this] { accept(); });
 }
 
+SocketRelay::SocketRelay(const std::string& serverPath)
+    : m_serverPath(serverPath), m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+      getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+      listen(m_listener, SOMAXCONN) != 0) {
+    throw std::runtime_error("relay cannot listen on 127.0.0.1");
+  }
+  m_path = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  m_acceptor = std::thread([this] { accept(); });
+}
+
 SocketRelay::~SocketRelay() {
   m_stopping = true;
-  m_acceptor.join();
+  if (m_acceptor.joinable()) m_acceptor.join();
   for (std::thread& thread : m_relays) thread.join();
   close(m_listener);
   unlink(m_path.c_str());
+}
+
+void SocketRelay::goDown() {
+  m_stopping = true;
+  m_acceptor.join();
+  close(std::exchange(m_listener, -1));
+  for (std::thread& thread : std::exchange(m_relays, {})) thread.join();
 }
 
 void SocketRelay::cutAfter(Direction direction, std::size_t bytes, bool thenRefuse) {

@@ -11,8 +11,8 @@
 
 namespace Tessel::Testing {
 
-// Listens on a Unix socket and passes bytes between its clients and a server's socket. Its threads
-// end with it. One thread may call its operations.
+// Listens on a Unix socket, or on a port of 127.0.0.1, and passes bytes between its clients and a
+// server's socket. Its threads end with it. One thread may call its operations.
 class SocketRelay {
  public:
   // Where connections break.
@@ -20,6 +20,8 @@ class SocketRelay {
 
   // Listens on `path`, which must not exist, for the server on `serverPath`.
   SocketRelay(const std::string& path, const std::string& serverPath);
+  // Listens on a free port of 127.0.0.1; path() is "127.0.0.1:PORT".
+  explicit SocketRelay(const std::string& serverPath);
   ~SocketRelay();
   SocketRelay(const SocketRelay&) = delete;
   SocketRelay& operator=(const SocketRelay&) = delete;
@@ -32,6 +34,8 @@ class SocketRelay {
   bool endCut();
   // Keeps from now on what the server says, so that the client waits; false ends that.
   void hold(bool held) { m_held = held; }
+  // Closes its connections and refuses new ones, as a server that goes down.
+  void goDown();
 
   // The statements that passed so far, exactly as they were sent: the server cuts blanks and
   // semicolons at the end of a statement before it logs it. Not for encrypted or compressed
