@@ -437,13 +437,16 @@ PYTHON
   contains "$output" "give --listen, as in --listen unix:/run/tsl-address-map/socketmap"
 }
 
-@test "without a descriptor for a connection it says so, and goes on when there is one" {
+@test "without a descriptor for a connection it says so, waits without work, and goes on when there is one" {
   ulimit -n 70
   start_service
   wait_for answers 'alias team@example.com' "$found"
   contains "$(cat "$directory/log")" "the limit of open files allows 64 connections instead of 10000; raise LimitNOFILE= of the unit"
-  run python3 - "$socket" "$directory/log" <<'PYTHON'
+  run python3 - "$socket" "$directory/log" "$service" <<'PYTHON'
 import socket, sys, time
+def processor_seconds():
+    fields = open(f"/proc/{sys.argv[3]}/stat").read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / 100
 def connect():
     connection = socket.socket(socket.AF_UNIX)
     connection.settimeout(20)
@@ -452,11 +455,15 @@ def connect():
 connections = [connect() for i in range(60)]
 while "error: no connection can be accepted: Too many open files" not in open(sys.argv[2]).read():
     time.sleep(0.01)
+before = processor_seconds()
+time.sleep(0.5)
+assert processor_seconds() - before < 0.15, "it works while it waits"
 for connection in connections:
     connection.sendall(b"22:alias team@example.com,")
     assert connection.recv(100) == b"34:OK ann@example.com,bob@example.net,", "reply"
     connection.close()
 PYTHON
+  equal "$output" ""
   equal "$status" 0
 }
 
