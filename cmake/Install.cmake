@@ -101,6 +101,8 @@ function(tsl_install_files flavour development_doc tool_doc)
                 packaging/systemd/tsl-address-map.socket DESTINATION lib/systemd/system ${tool})
   install(FILES packaging/systemd/tsl-address-map.sysusers RENAME tsl-address-map.conf
           DESTINATION lib/sysusers.d ${tool})
+  install(FILES packaging/systemd/tsl-address-map.tmpfiles RENAME tsl-address-map.conf
+          DESTINATION lib/tmpfiles.d ${tool})
 
   install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
           FILES_MATCHING PATTERN "*.md" PATTERN contributing.md EXCLUDE)

@@ -95,10 +95,10 @@ foreign_headers() {
   systemd-analyze verify --man=no "$prefix/lib/systemd/system/"tsl-address-map.{service,socket}
 }
 
-@test "the socket is not in a directory that systemd gives to the service and removes with it" {
+@test "the directory of the socket comes from systemd-tmpfiles, and from no unit, which would remove it with the socket" {
   cd "$prefix/lib/systemd/system"
   directory=$(dirname "$(sed -n 's/^ListenStream=//p' tsl-address-map.socket)")
-  [ "$directory" = /run/tsl-address-map ]
+  grep -qF "d $directory 0755 tsl-address-map tsl-address-map" "$prefix/lib/tmpfiles.d/tsl-address-map.conf"
   run grep -E "^RuntimeDirectory=.*${directory##*/}" tsl-address-map.service
   [ "$status" -eq 1 ]
 }

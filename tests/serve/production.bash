@@ -38,8 +38,9 @@ program apt-get <<END
 #!/bin/bash
 set -euo pipefail
 [[ \$* == *.deb ]] || exit 0
-install -D -m 644 -t /usr/lib/sysusers.d "$source_root"/packaging/systemd/tsl-address-map.sysusers
-mv /usr/lib/sysusers.d/tsl-address-map.{sysusers,conf}
+for kind in sysusers tmpfiles; do
+  install -D -m 644 "$source_root/packaging/systemd/tsl-address-map.\$kind" "/usr/lib/\$kind.d/tsl-address-map.conf"
+done
 install -D -m 644 -t /usr/lib/systemd/system "$source_root"/packaging/systemd/tsl-address-map.socket
 sed 's|@tsl_program_dir@|/usr/bin|' "$source_root"/packaging/systemd/tsl-address-map.service.in \
   >/usr/lib/systemd/system/tsl-address-map.service
@@ -59,8 +60,7 @@ start() {
   export STATE_DIRECTORY=/var/lib/\$(setting service StateDirectory)
   install -d -o "\$user" -g "\$user" -m "\$(setting service StateDirectoryMode)" "\$STATE_DIRECTORY"
   eval "command=(\$(setting service ExecStart))"
-  mkdir -p /run/tsl-address-map
-  setsid python3 "$here/activate.py" "\$(setting socket ListenStream)" "\$(setting socket SocketGroup)" \
+  setsid python3 "$here/activate.py" "\$(setting socket ListenStream)" "\$(setting socket ExecStartPost | sed 's/.* :\([a-z]*\) .*/\1/')" \
     /usr/bin/setpriv --reuid="\$user" --regid="\$user" --init-groups --no-new-privs --bounding-set=-all --inh-caps=-all \
     "\${command[@]}" >>$scratch/log 2>&1 3>&- </dev/null &
   echo \$! >"\$pid_file"
