@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include "base/Exception.h"
 #include "base/sourceLine.h"
 #include "disk/Descriptor.h"
+#include "local/PrivateDirectory.h"
 #include "local/ServerProcess.h"
 
 namespace Tessel {
@@ -56,35 +56,6 @@ std::string s_environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-// One start or stop at a time for one directory, over all processes. The kernel releases the lock
-// when its holders have died.
-class DirectoryLock {
- public:
-  DirectoryLock(const char* context, const std::string& directory)
-      : m_descriptor(
-            open((directory + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR)) {
-    if (m_descriptor < 0) {
-      s_fail(context,
-             "Cannot write in " + directory + ": " + std::generic_category().message(errno));
-    }
-    while (flock(m_descriptor, LOCK_EX) != 0) {
-      if (errno == EINTR) continue;
-      const int error = errno;
-      close(m_descriptor);
-      s_fail(context, "Cannot lock " + directory + ": " + std::generic_category().message(error));
-    }
-  }
-  ~DirectoryLock() { close(m_descriptor); }
-  DirectoryLock(const DirectoryLock&) = delete;
-  DirectoryLock& operator=(const DirectoryLock&) = delete;
-
-  // A process that inherits it holds the lock until it ends.
-  [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
-
- private:
-  int m_descriptor;
-};
-
 std::string s_absolute(const std::string& directory) {
   if (directory.empty()) s_fail("LocalServer", "The name of the server's directory is empty");
   for (const char c : directory) {
@@ -101,25 +72,6 @@ std::string s_absolute(const std::string& directory) {
   return path.string();
 }
 
-// A directory that only its owner may enter. Throws when it is somebody else's.
-void s_makePrivate(const std::string& directory) {
-  std::error_code error;
-  fs::create_directories(fs::path(directory).parent_path(), error);
-  if (!error && mkdir(directory.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-    error.assign(errno, std::generic_category());
-  }
-  if (error) s_fail(s_startContext, "Cannot create " + directory + ": " + error.message());
-  struct stat status {};
-  if (stat(directory.c_str(), &status) != 0 || status.st_uid != geteuid()) {
-    s_fail(s_startContext,
-           directory + " belongs to another user; name another directory, or run as that user");
-  }
-  if (chmod(directory.c_str(), S_IRWXU) != 0) {
-    s_fail(s_startContext,
-           "Cannot close " + directory + " to others: " + std::generic_category().message(errno));
-  }
-}
-
 // True for a directory that nobody else can have put there or can look into.
 bool s_isOwnDirectory(const std::string& directory) {
   struct stat status {};
@@ -132,17 +84,6 @@ std::string s_firstLine(const std::string& file) {
   std::string line;
   std::getline(stream, line);
   return line;
-}
-
-void s_writeLine(const std::string& file, const std::string& line) {
-  const std::string fresh = file + ".new";
-  {
-    std::ofstream stream(fresh, std::ios::trunc);
-    stream << line << "\n";
-    if (!stream.flush()) s_fail(s_startContext, "Cannot write " + fresh);
-  }
-  fs::permissions(fresh, fs::perms::owner_read | fs::perms::owner_write);
-  fs::rename(fresh, file);
 }
 
 std::string s_newDirectoryFor(const std::string& name) {
@@ -251,18 +192,6 @@ bool LocalServer::isRunning() const {
   return pid() != 0;
 }
 
-void LocalServer::makeDirectory() const {
-  // Never take away the access of others to a directory with another purpose. Another start may be
-  // filling this one: it creates the lock file first, so this is looked for last.
-  std::error_code error;
-  if (fs::exists(m_directory) && !fs::is_empty(m_directory, error) &&
-      !fs::exists(m_directory + "/lock")) {
-    s_fail(s_startContext,
-           m_directory + " is in use for something else; name an empty or a new directory");
-  }
-  s_makePrivate(m_directory);
-}
-
 // The data files appear under their name only when they are complete.
 void LocalServer::setUpData(const Options& options, int lock) const {
   if (fs::exists(dataDirectory())) return;
@@ -301,7 +230,7 @@ void LocalServer::placeSocket() const {
   if (usual.size() > s_longestSocket) {
     const std::string record = runDirectory() + "/socket-directory";
     if (!s_isOwnDirectory(s_firstLine(record))) {
-      s_writeLine(record, s_newDirectoryFor(s_socketName));
+      writePrivateFile(record, s_newDirectoryFor(s_socketName));
     }
   }
   fs::remove(socketPath());
@@ -319,10 +248,11 @@ void LocalServer::removeSocketDirectory() const {
 }
 
 void LocalServer::writeOptionFile() const {
-  s_writeLine(optionFile(),
-              "# Leads clients to the private server of this directory. Written by each start.\n"
-              "[client]\nsocket=\"" +
-                  socketPath() + "\"\nuser=\"" + callerName() + "\"");
+  writePrivateFile(
+      optionFile(),
+      "# Leads clients to the private server of this directory. Written by each start.\n"
+      "[client]\nsocket=\"" +
+          socketPath() + "\"\nuser=\"" + callerName() + "\"");
 }
 
 std::vector<std::string> LocalServer::arguments(const Options& options) const {
@@ -372,10 +302,10 @@ bool LocalServer::start() {
 }
 
 bool LocalServer::start(const Options& options) try {
-  makeDirectory();
+  makeServerDirectory(m_directory);
   const DirectoryLock lock(s_startContext, m_directory);
   for (const std::string& inner : {runDirectory(), cmfDirectory(), m_directory + s_temporaryName}) {
-    s_makePrivate(inner);
+    makePrivateDirectory(inner);
   }
   // A server that runs may have been started a moment ago by a process that has ended.
   if (const pid_t running = pid(); running != 0) {

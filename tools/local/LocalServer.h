@@ -68,7 +68,6 @@ class LocalServer {
  private:
   [[nodiscard]] std::string runDirectory() const;
   [[nodiscard]] std::string pidFile() const;
-  void makeDirectory() const;
   void setUpData(const Options& options, int lock) const;
   void placeSocket() const;
   void removeSocketDirectory() const;
