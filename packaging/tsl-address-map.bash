@@ -37,6 +37,7 @@ _tsl_address_map_options() {
         --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \
         --request-timeout --snapshot --stale --workers
       ;;
+    "local start") echo --nodes ;;
     "table create") echo --dry-run --kind ;;
     "table drop") echo --dry-run --kind --yes ;;
     "user add") echo --dry-run --kind ;;
@@ -53,6 +54,7 @@ _tsl_address_map_values() {
     "--log-level serve") echo error warning info debug ;;
     "--kind table "*) echo alias mask ;;
     "--kind user "*) echo user disabled shared ;;
+    "--nodes local "*) echo 3 5 ;;
   esac
 }
 
@@ -77,7 +79,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then

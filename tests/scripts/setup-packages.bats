@@ -58,6 +58,37 @@ without() {
   [ "$(sed -n 3p "$calls")" = "apt-get install --yes --quiet --no-install-recommends postfix" ]
 }
 
+@test "the database server of the system is started neither now nor later" {
+  without mariadb-server
+  export TSL_POLICY_FILE=$BATS_TEST_TMPDIR/policy-rc.d
+  # What the scripts of packages learn while they are installed.
+  cat >>"$bin/apt-get" <<END
+[[ \$1 == update ]] && exit
+for service in mariadb postfix; do
+  status=0
+  "$TSL_POLICY_FILE" \$service start || status=\$?
+  echo "policy \$service \$status" >>"$calls"
+done
+exit \${APT_STATUS:-0}
+END
+  printf '#!/bin/bash\necho "update-rc.d $*" >>"%s"\n' "$calls" >"$bin/update-rc.d"
+  chmod +x "$bin/update-rc.d"
+  PATH=$bin:$PATH run "$setup_packages" test
+  echo "$output"
+  [ "$status" -eq 0 ]
+  [ "$(sed -n '3,$p' "$calls")" = $'policy mariadb 101\npolicy postfix 0\nupdate-rc.d mariadb disable' ]
+  [ ! -e "$TSL_POLICY_FILE" ]
+  APT_STATUS=100 PATH=$bin:$PATH run "$setup_packages" test
+  [ "$status" -eq 100 ]
+  [ ! -e "$TSL_POLICY_FILE" ]
+  # The rule of somebody else stays.
+  printf '#!/bin/sh\nexit 101\n' >"$TSL_POLICY_FILE"
+  chmod +x "$TSL_POLICY_FILE"
+  PATH=$bin:$PATH run "$setup_packages" test
+  [ "$status" -eq 0 ]
+  [ "$(sed -n 2p "$TSL_POLICY_FILE")" = "exit 101" ]
+}
+
 @test "another mail server stays" {
   without postfix
   printf 'Package: %s\nStatus: install ok installed\nMaintainer: x\nArchitecture: all\nVersion: 1\nProvides: mail-transport-agent\nDescription: x\n\n' \

@@ -338,6 +338,31 @@ TEST_F(LocalServerTest, AFailedFirstSetUpIsReportedWithItsLog) {
 TEST_F(LocalServerTest, AMissingProgramIsReportedWithThePackageToInstall) {
   const Exception got = caught([] { findServerProgram({"tsl-no-such-program"}); });
   EXPECT_THAT(got.stringParameter(), HasSubstr("mariadb-server-core"));
+  EXPECT_THAT(caught([] { findServerProgram({"tsl-no-such-program"}, "rsync"); }).stringParameter(),
+              HasSubstr("install the Debian package rsync"));
+}
+
+TEST_F(LocalServerTest, WorkInAChildThatIsAnotherUserReportsItsFailure) {
+  const Account account = geteuid() == 0 ? Account{65534, 65534} : Account{geteuid(), getegid()};
+  runAs(account, [] {});
+  const Exception got = caught([&] {
+    runAs(account, [] {
+      throw Exception(
+          Exception("", 4, "", 1)
+              .stringParameter(std::to_string(getuid()) + "," + std::to_string(getegid())));
+    });
+  });
+  EXPECT_EQ(got.stringParameter(),
+            std::to_string(account.user) + "," + std::to_string(account.group));
+  EXPECT_EQ(caught([&] { runAs(account, [] { raise(SIGKILL); }); }).stringParameter(),
+            "A child process was killed");
+}
+
+TEST_F(LocalServerTest, ASuspendedServerStopsToo) {
+  LocalServer server = make();
+  server.start(s_small());
+  kill(server.pid(), SIGSTOP);
+  EXPECT_TRUE(server.stop());
 }
 
 TEST_F(LocalServerTest, TheDefaultDirectoryFollowsTheEnvironment) {

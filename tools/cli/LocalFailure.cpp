@@ -15,7 +15,8 @@ bool s_isSetUp(const std::string& directory) {
   std::error_code error;
   try {
     findServerProgram({"mariadbd", "mysqld"});
-    return std::filesystem::exists(LocalServer(directory).dataDirectory(), error);
+    return LocalCluster::isIn(directory) ||
+           std::filesystem::exists(LocalServer(directory).dataDirectory(), error);
   } catch (const Exception&) {
     return false;
   }

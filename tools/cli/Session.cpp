@@ -116,7 +116,7 @@ void Session::checkTable() const {
 }
 
 void Session::startLocal() {
-  withLocalServer(localDirectory(), [this](LocalServer& server) {
+  withLocalServer(localDirectory(), [this](auto& server) {
     if (server.start()) {
       say("started the private server in " + server.directory() +
           "; 'tsl-address-map local stop --local=" + server.directory() + "' stops it");

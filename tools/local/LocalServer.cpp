@@ -195,6 +195,7 @@ bool LocalServer::isRunning() const {
 // The data files appear under their name only when they are complete.
 void LocalServer::setUpData(const Options& options, int lock) const {
   if (fs::exists(dataDirectory())) return;
+  if (options.joins) return makePrivateDirectory(dataDirectory());
   const std::string fresh = dataDirectory() + ".new";
   fs::remove_all(fresh);
   const PlainPath plain(m_directory);
@@ -322,6 +323,11 @@ bool LocalServer::start(const Options& options) try {
   s_fail(s_startContext, error.what());
 }
 
+int LocalServer::examine(const Options& options) {
+  const DirectoryLock lock(s_startContext, m_directory);
+  return runDetached(arguments(options), logFile(), lock.descriptor());
+}
+
 bool LocalServer::stop() {
   if (!fs::exists(m_directory)) return false;
   const DirectoryLock lock(s_stopContext, m_directory);
@@ -331,6 +337,8 @@ bool LocalServer::stop() {
     s_fail(s_stopContext, "Cannot end process " + std::to_string(server) + ": " +
                               std::generic_category().message(errno));
   }
+  // A process that is suspended sees no signal but this one.
+  kill(server, SIGCONT);
   const Clock::time_point limit = Clock::now() + s_patience;
   while (!hasEnded(server) && pid() == server) {
     if (Clock::now() >= limit) {

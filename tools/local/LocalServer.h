@@ -29,6 +29,8 @@ class LocalServer {
     // Further arguments for mariadbd. Those that begin with "--innodb-" are used for the set-up of
     // the data files too.
     std::vector<std::string> arguments;
+    // True: the first start makes an empty data directory, which the server fills from others.
+    bool joins = false;
   };
 
   // The first start creates `directory`. A relative one is taken from the current directory. Throws
@@ -44,6 +46,10 @@ class LocalServer {
   // The first start sets up the data files. Throws when it does not answer within 60 seconds.
   bool start(const Options& options);
   bool start();
+  // Runs the server as `options` say until it ends by itself, and returns its exit status: for a
+  // server that looks at its data files and says what they hold in its log. Requires: it was
+  // started before and does not run.
+  int examine(const Options& options);
   // Shuts the server down and waits for that: true when this call stopped it, false when none ran.
   // Throws when it still runs after 60 seconds.
   bool stop();

@@ -2,8 +2,10 @@
 #include "local/ServerProcess.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -112,7 +114,7 @@ int s_openForWriting(const std::string& file, int how) {
 
 }  // namespace
 
-std::string findServerProgram(const std::vector<std::string>& names) {
+std::string findServerProgram(const std::vector<std::string>& names, const std::string& package) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): read only; callers keep the environment still
   const char* path = std::getenv("PATH");
   const std::string directories = std::string(path != nullptr ? path : "") +
@@ -132,8 +134,8 @@ std::string findServerProgram(const std::vector<std::string>& names) {
   }
   s_fail("LocalServer::start",
          "The program " + names.front() +
-             " was not found in PATH, /usr/sbin or /usr/bin; install the Debian package "
-             "mariadb-server-core");
+             " was not found in PATH, /usr/sbin or /usr/bin; install the Debian package " +
+             package);
 }
 
 namespace {
@@ -244,6 +246,60 @@ std::string callerName() {
            "The user database has no name for user id " + std::to_string(geteuid()));
   }
   return entry.pw_name;
+}
+
+namespace {
+
+bool s_become(const Account& account) {
+  if (geteuid() == account.user) return true;
+  // The last call lets programs that it starts look into /proc for its descriptors again.
+  return setgroups(0, nullptr) == 0 &&
+         setresgid(account.group, account.group, account.group) == 0 &&
+         setresuid(account.user, account.user, account.user) == 0 && prctl(PR_SET_DUMPABLE, 1) == 0;
+}
+
+// Why `work` failed; empty when it did not.
+std::string s_outcome(const Account& account, const std::function<void()>& work) {
+  if (!s_become(account)) return "Cannot become another user: " + s_reason(errno);
+  try {
+    work();
+    return {};
+  } catch (const Exception& exception) {
+    return exception.stringParameter().empty() ? exception.what() : exception.stringParameter();
+  } catch (const std::exception& exception) {
+    return exception.what();
+  }
+}
+
+}  // namespace
+
+void runAs(const Account& account, const std::function<void()>& work) {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+    s_fail("LocalServer::start", "Cannot create a pipe: " + s_reason(errno));
+  }
+  const Descriptor readEnd(ends[0]);
+  Descriptor writeEnd(ends[1]);
+  const pid_t child = fork();
+  if (child < 0) s_fail("LocalServer::start", "Cannot fork: " + s_reason(errno));
+  if (child == 0) {
+    const std::string why = s_outcome(account, work);
+    // What does not fit into the pipe at once waits for the reader.
+    const bool told = write(writeEnd.get(), why.data(), why.size()) >= 0;
+    _exit(told && why.empty() ? 0 : 1);
+  }
+  writeEnd.reset();
+  std::string why;
+  std::array<char, 512> piece{};
+  for (ssize_t count = 0; (count = read(readEnd.get(), piece.data(), piece.size())) != 0;) {
+    if (count > 0) why.append(piece.data(), static_cast<std::size_t>(count));
+    if (count < 0 && errno != EINTR) break;
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (status == 0) return;
+  s_fail("LocalServer::start", why.empty() ? "A child process was killed" : why);
 }
 
 }  // namespace Tessel

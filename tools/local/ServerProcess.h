@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,8 @@ namespace Tessel {
 
 // Path of the first of `names` that PATH, /usr/sbin, /usr/bin, /usr/local/sbin or /usr/local/bin
 // holds as a program. Throws Exception, code 4, naming the Debian package to install.
-std::string findServerProgram(const std::vector<std::string>& names);
+std::string findServerProgram(const std::vector<std::string>& names,
+                              const std::string& package = "mariadb-server-core");
 
 // Starts a program in a session of its own, with its output appended to `logFile`, no other open
 // files and the default signals. With `pidFile` not empty it writes its process id there before it
@@ -36,6 +38,17 @@ bool greets(const std::string& path, int milliseconds);
 
 // The name of the user that this process runs as. Throws Exception, code 4, when there is none.
 std::string callerName();
+
+// A user of this machine.
+struct Account {
+  uid_t user = 0;
+  gid_t group = 0;
+};
+
+// Calls `work` in a child process that has become `account` for good, and waits for its end. Only
+// root can name another account than its own. Throws Exception, code 4, with the detail text of the
+// `Exception` that `work` threw. Requires: no other threads.
+void runAs(const Account& account, const std::function<void()>& work);
 
 }  // namespace Tessel
 
