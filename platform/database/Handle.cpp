@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <new>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "base/sourceLine.h"
+#include "database/ClientOptions.h"
 #include "database/StatementObserver.h"
 #include "database/Wait.h"
 
@@ -223,7 +225,7 @@ std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& da
     handle->m_hosts = hosts.size();
     try {
       const auto until = now + (isProbe ? std::min<Clock::duration>(share, s_probe) : share);
-      handle->connect(target, *host, database, until);
+      handle->connect(target, options, *host, database, until);
       handle->enforceLimits(target);
       handle->setUpSession(until);
       HostHealth::worked(handle->m_host);
@@ -237,19 +239,19 @@ std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& da
   throw s_noneWorks(failures, hosts.size());
 }
 
-void Handle::connect(const Target& target, const Host& listed, const std::string& database,
-                     Clock::time_point until) {
+void Handle::connect(const Target& target, const std::vector<Option>& options, const Host& listed,
+                     const std::string& database, Clock::time_point until) {
   // The library reads a whole int for this option, and one byte for others.
   const unsigned int noLocalInfile = 0;
-  const std::string& file = target.options.file;
-  const unsigned int connectTimeout = s_connectTimeout.count();
-  mysql_options(m_mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connectTimeout);
   mysql_options(m_mysql, MYSQL_OPT_READ_TIMEOUT, &s_readTimeout);
   mysql_options(m_mysql, MYSQL_OPT_WRITE_TIMEOUT, &s_writeTimeout);
   mysql_options(m_mysql, MYSQL_OPT_LOCAL_INFILE, &noLocalInfile);
   mysql_options(m_mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
-  mysql_options(m_mysql, MYSQL_READ_DEFAULT_GROUP, s_optionGroup);
-  if (!file.empty()) mysql_options(m_mysql, MYSQL_READ_DEFAULT_FILE, file.c_str());
+  applyOptions(m_mysql, options);
+  // For what the client library does without letting go, such as agreeing on encryption.
+  const auto seconds = std::chrono::ceil<std::chrono::seconds>(until - Clock::now()).count();
+  const auto connectTimeout = static_cast<unsigned int>(std::max<std::int64_t>(1, seconds));
+  mysql_options(m_mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connectTimeout);
 
   if (mysql_options(m_mysql, MYSQL_OPT_NONBLOCK, &s_stackSize) != 0) throw std::bad_alloc();
 

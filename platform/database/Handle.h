@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "base/SocketAddress.h"
 #include "database/Error.h"
@@ -81,8 +82,8 @@ class Handle {
 
  private:
   explicit Handle(MYSQL* mysql);
-  void connect(const Target& target, const Host& host, const std::string& database,
-               Clock::time_point until);
+  void connect(const Target& target, const std::vector<Option>& options, const Host& host,
+               const std::string& database, Clock::time_point until);
   void enforceLimits(const Target& target);
   void setUpSession(Clock::time_point until);
   [[nodiscard]] int descriptor() const noexcept;
