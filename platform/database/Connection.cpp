@@ -232,6 +232,11 @@ std::optional<Error> Connection::Impl::select(const std::string& name, const cha
   return reopenSelecting(name);
 }
 
+void Connection::Impl::leaveHost() noexcept {
+  if (m_handle) HostHealth::failed(m_handle->host(), Clock::now());
+  drop();
+}
+
 void Connection::Impl::forget(const std::string& name) {
   if (m_database == name) m_database.clear();
 }
@@ -400,6 +405,10 @@ void Connection::dbSelect(const std::string& name) {
 void Connection::dbDelete(const std::string& name) {
   m_impl->execute("drop database if exists " + quotedName(name), nullptr, this, true, s_delete);
   m_impl->forget(name);
+}
+
+void Connection::leaveHost() noexcept {
+  m_impl->leaveHost();
 }
 
 bool Connection::inTransaction() const noexcept {

@@ -17,8 +17,12 @@ namespace Tessel::Database {
 // the environment variable TSL_DATABASE_OPTION_FILE names one file to read instead of the standard
 // ones. Every session runs in utf8mb4, with autocommit, in a fixed strict SQL mode.
 //
-// A connection that is found dead when a statement starts is opened again by itself, to the server
-// that the same option file names, and its database selected again. Nothing else that a statement
+// The options may name several hosts: the first one that works is used. What a connection to one
+// takes, and a host that refuses to carry out a statement (cut off from its cluster, read-only), is
+// counted for the whole process, and such hosts are tried last for a while.
+//
+// A connection that is found dead when a statement starts is opened again by itself, to a host that
+// the same option file names, and its database selected again. Nothing else that a statement
 // set up in the session survives that: keep no user variables, temporary tables or table locks, and
 // select databases with dbSelect() only. Inside a transaction the statement fails instead.
 //
@@ -53,6 +57,11 @@ class TSL_EXPORT Connection {
   void dbSelect(const std::string& name);
   // Drops the database `name` with all its tables; does nothing when there is none. Throws Error.
   void dbDelete(const std::string& name);
+
+  // Closes the connection and counts its host as one that failed: the next statement goes to
+  // another one where the options name several. For a host that answers, but not as it should, such
+  // as a replica that is far behind. Never throws.
+  void leaveHost() noexcept;
 
   // True between the start of a transaction and its end, as of the last answer of the server.
   [[nodiscard]] bool inTransaction() const noexcept;

@@ -47,6 +47,8 @@ class Connection::Impl {
   // side makes every statement fail instead of being carried out on its own.
   void setGuarded(bool guarded) noexcept { m_guarded = guarded; }
   [[nodiscard]] bool isGuarded() const noexcept { return m_guarded; }
+  // Closes the connection and counts its host as failed.
+  void leaveHost() noexcept;
   // Closes the connection; the server undoes an open transaction.
   void drop() noexcept { m_handle.reset(); }
 

@@ -9,9 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <new>
 #include <string_view>
@@ -86,7 +86,8 @@ class Stopwatch {
 // How long connecting may take.
 Handle::Clock::duration s_connectTime(const std::vector<Option>& options) {
   const std::string text = lastValue(options, {"connect-timeout", "timeout"}).value_or("");
-  const int seconds = std::atoi(text.c_str());
+  int seconds = 0;
+  std::from_chars(text.data(), text.data() + text.size(), seconds);
   return seconds > 0 ? std::chrono::seconds(seconds) : s_connectTimeout;
 }
 

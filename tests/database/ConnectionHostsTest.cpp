@@ -68,8 +68,8 @@ class ConnectionHosts : public DatabaseTest {
 
   static std::unique_ptr<Testing::TestServer> s_other;
 
-  Testing::SocketRelay m_a{server().socketPath()};
-  Testing::SocketRelay m_b{s_other->socketPath()};
+  Testing::SocketRelay m_a{{server().socketPath()}};
+  Testing::SocketRelay m_b{{s_other->socketPath()}};
   Testing::TestServer::OptionFile m_options{server(), "[client]\n"};
 };
 
@@ -258,7 +258,7 @@ TEST_F(ConnectionHosts, AWriteIsRefusedWhenAllHostsAreReadOnly) {
 
 // Both wait for the whole time-out for reading, so they wait together.
 TEST_F(ConnectionHosts, ReadingEndsAfterItsTimeOutAlsoWhenTheStatementIsRepeated) {
-  Testing::SocketRelay alone(server().socketPath());
+  Testing::SocketRelay alone({server().socketPath()});
   Connection repeating(s_name);
   m_options.write("[client]\nhost=" + alone.path() + "\nuser=hosts\npassword=secret\n");
   Connection single(s_name);

@@ -12,7 +12,6 @@ namespace Tessel::Database {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 std::vector<std::string> s_hostTexts(const std::string& value) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -14,8 +15,10 @@
 #include <gtest/gtest.h>
 
 #include "AddressMapDb.h"
+#include "local/ServerProcess.h"
 #include "support/ErrorOutput.h"
 #include "support/ScratchFile.h"
+#include "support/SocketRelay.h"
 #include "support/TestServer.h"
 #include "tests/serve/ServeSupport.h"
 
@@ -436,6 +439,79 @@ TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIs
               ContainsRegex("the database is unavailable: .+; table alias answers with rows of "
                             "[0-9] s ago; table mask answers with rows of [0-9] s ago"));
   EXPECT_THAT(log, HasSubstr("the database is available again"));
+}
+
+// Two servers with other rows: x@d is a@d on the one, and b@d on the other.
+class TableWatchOnTwoServers : public TableWatchTest {
+ protected:
+  static void SetUpTestSuite() {
+    const std::string before = TestServer::shared().optionFile();
+    s_other = std::make_unique<TestServer>();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
+    setenv("TSL_DATABASE_OPTION_FILE", before.c_str(), 1);
+  }
+  static void TearDownTestSuite() { s_other.reset(); }
+
+  void SetUp() override {
+    TableWatchTest::SetUp();
+    for (const char* statement :
+         {"create or replace database ts_address_map",
+          "create table ts_address_map.alias (name varchar(255) primary key, members text)",
+          "create table ts_address_map.mask (private varchar(255), public varchar(255))",
+          "insert into ts_address_map.alias values('x@d', 'b@d')"}) {
+      s_other->sql(statement);
+    }
+    add("x@d", "a@d");
+  }
+
+  void use(const std::string& hosts) {
+    m_options.emplace(TestServer::shared(),
+                      "[client]\nhost=" + hosts + "\nuser=" + callerName() + "\n");
+  }
+
+  static std::unique_ptr<TestServer> s_other;
+
+  const std::string m_path = TestServer::shared().socketPath();
+  const std::string m_otherPath = s_other->socketPath();
+  std::optional<TestServer::OptionFile> m_options;
+};
+
+std::unique_ptr<TestServer> TableWatchOnTwoServers::s_other;
+
+TEST_F(TableWatchOnTwoServers, TheRowsAreThoseOfTheHostThatIsUsedAlsoWhenItChanges) {
+  Testing::SocketRelay first({m_path});
+  Testing::SocketRelay second({m_otherPath});
+  use(first.path() + "," + second.path());
+  watch();
+  EXPECT_TRUE(becomes("x@d", "a@d"));
+  first.cutAfter(Testing::SocketRelay::Direction::ToClient, 0, true);
+  EXPECT_TRUE(becomes("x@d", "b@d"));
+  // New connections go back to the first host; the one that finds the changes follows them.
+  first.endCut();
+  std::this_thread::sleep_for(seconds(1));
+  s_other->sql("update ts_address_map.alias set members = 'c@d'");
+  EXPECT_TRUE(becomes("x@d", "a@d"));
+  sql("update ts_address_map.alias set members = 'e@d'");
+  EXPECT_TRUE(becomes("x@d", "e@d"));
+  EXPECT_THAT(takeLog(), Not(HasSubstr("different servers")));
+}
+
+TEST_F(TableWatchOnTwoServers, BehindAProxyTheRowsAndTheChangesAreThoseOfOneServer) {
+  Testing::SocketRelay proxy({m_path, m_otherPath, m_otherPath});
+  use(proxy.path());
+  watch();
+  EXPECT_TRUE(s_waitFor([this] { return find("x@d") != "none"; }));
+  ASSERT_TRUE(becomesUnable("mask", ""));
+  for (int i = 0; i < 20; ++i) {
+    const std::string member = std::to_string(i) + "@d";
+    for (TestServer* server : {&TestServer::shared(), s_other.get()}) {
+      server->sql("update ts_address_map.alias set members = '" + member + "'");
+    }
+    EXPECT_TRUE(becomes("x@d", member));
+  }
+  expectLogged(
+      "connections to the database lead to different servers: tables are read one after "
+      "the other, over one connection");
 }
 
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {

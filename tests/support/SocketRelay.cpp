@@ -35,7 +35,7 @@ std::size_t s_index(SocketRelay::Direction direction) {
 
 SocketRelay::SocketRelay(const std::string& path, const std::string& serverPath)
     : m_path(path),
-      m_serverPath(serverPath),
+      m_serverPaths{serverPath},
       m_listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   const sockaddr_un address = s_address(path);
   if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -45,8 +45,9 @@ SocketRelay::SocketRelay(const std::string& path, const std::string& serverPath)
   m_acceptor = std::thread([this] { accept(); });
 }
 
-SocketRelay::SocketRelay(const std::string& serverPath)
-    : m_serverPath(serverPath), m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+SocketRelay::SocketRelay(std::vector<std::string> serverPaths)
+    : m_serverPaths(std::move(serverPaths)),
+      m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -103,18 +104,19 @@ void SocketRelay::accept() {
     if (poll(&waiting, 1, s_look) != 1) continue;
     const int client = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0) continue;
-    ++m_connections;
+    const std::string& path =
+        m_serverPaths[static_cast<std::size_t>(m_connections++) % m_serverPaths.size()];
     if (m_hasCut && m_thenRefuse) {
       close(client);
       continue;
     }
-    m_relays.emplace_back([this, client] { relay(client); });
+    m_relays.emplace_back([this, client, &path] { relay(client, path); });
   }
 }
 
-void SocketRelay::relay(int client) {
+void SocketRelay::relay(int client, const std::string& serverPath) {
   const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = s_address(m_serverPath);
+  const sockaddr_un address = s_address(serverPath);
   bool open = connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
   std::string packets;  // From the client, as far as they are not looked at.
   while (open && !m_stopping) {

@@ -20,8 +20,9 @@ class SocketRelay {
 
   // Listens on `path`, which must not exist, for the server on `serverPath`.
   SocketRelay(const std::string& path, const std::string& serverPath);
-  // Listens on a free port of 127.0.0.1; path() is "127.0.0.1:PORT".
-  explicit SocketRelay(const std::string& serverPath);
+  // Listens on a free port of 127.0.0.1; path() is "127.0.0.1:PORT". Each further connection leads
+  // to the next one of the servers.
+  explicit SocketRelay(std::vector<std::string> serverPaths);
   ~SocketRelay();
   SocketRelay(const SocketRelay&) = delete;
   SocketRelay& operator=(const SocketRelay&) = delete;
@@ -50,7 +51,7 @@ class SocketRelay {
 
  private:
   void accept();
-  void relay(int client);
+  void relay(int client, const std::string& serverPath);
   bool pass(int from, int to, Direction direction, std::string& packets);
   void recordStatements(std::string& packets);
   std::size_t allowed(Direction direction, std::size_t size, bool& cut);
@@ -58,7 +59,7 @@ class SocketRelay {
   static constexpr std::size_t s_noCut = static_cast<std::size_t>(-1);
 
   std::string m_path;
-  std::string m_serverPath;
+  std::vector<std::string> m_serverPaths;
   int m_listener = -1;
   std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_held{false};

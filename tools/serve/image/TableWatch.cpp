@@ -7,6 +7,7 @@
 
 #include "base/Exception.h"
 #include "database/Connection.h"
+#include "database/Transaction.h"
 #include "failure/Failure.h"
 #include "tables/AliasGraph.h"
 #include "tables/TableNames.h"
@@ -43,22 +44,23 @@ constexpr int s_doubts = 3;
 // A table that had this many rows does not lose more than half of them in one step of daily work.
 constexpr std::size_t s_manyRows = 10;
 
-// MySQL keeps what it answers here for a day unless this hint says otherwise; to MariaDB the hint
-// is a comment.
-constexpr const char s_lookStatement[] =
+// After this many readings in a row that met another server, connections lead to different ones on
+// purpose, as behind a proxy.
+constexpr int s_mostMismatches = 3;
+
+// What is asked about tables, for `Mark`. MySQL keeps what it answers here for a day unless this
+// hint says otherwise; to MariaDB the hint is a comment.
+constexpr const char s_marksStatement[] =
     "select /*+ SET_VAR(information_schema_stats_expiry=0) */ table_name,"
-    " concat_ws(' ', connection_id(), create_time, ifnull(update_time, '-')),"
-    " create_time, ifnull(timestampdiff(second, update_time, now()) > ";
+    " concat_ws(' ', @@hostname, @@port, @@datadir), connection_id(),"
+    " concat_ws(' ', create_time, ifnull(update_time, '-')), create_time,"
+    " ifnull(timestampdiff(second, update_time, now()) > ";
+constexpr unsigned int s_markColumns = 6;
 
-std::string s_statement() {
-  return std::string(s_lookStatement) + s_longAgo +
+std::string s_marks(const std::string& condition) {
+  return std::string(s_marksStatement) + s_longAgo +
          ", 1) from information_schema.tables where table_schema = '" + Tool::s_database +
-         "' and table_type = 'BASE TABLE';";
-}
-
-std::string s_createdStatement(const Table& table) {
-  return std::string("select create_time from information_schema.tables where table_schema = '") +
-         Tool::s_database + "' and table_name = '" + table.sqlName() + "';";
+         "' and " + condition + ";";
 }
 
 std::size_t s_count(const TableImage& image) {
@@ -156,7 +158,10 @@ void TableWatch::run() {
       }
       return std::exchange(state.isReloading, false);
     });
-    if (isReloading) m_connection.reset();
+    const bool isReconnecting =
+        m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); });
+    if (isReloading || isReconnecting) disconnect();
+    if (isReloading) m_mismatches = 0;
     look(Clock::now());
     m_state.with([](State& state) { state.hasLooked = true; });
     m_state.waitFor(m_wake, interval,
@@ -168,10 +173,10 @@ void TableWatch::run() {
 
 void TableWatch::look(Clock::time_point start) {
   try {
-    const std::vector<Tool::TextRow> rows = listTables();
-    for (const Tool::TextRow& row : rows) compare(row, start);
+    const std::vector<Mark> marks = listTables();
+    for (const Mark& mark : marks) compare(mark, start);
     noteMissing(start);
-    noteNames(rows);
+    noteNames(marks);
     if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
   } catch (const std::exception& exception) {
@@ -179,27 +184,39 @@ void TableWatch::look(Clock::time_point start) {
   }
 }
 
-// Name, print, time of creation, and "1" when the last change is long ago, of each table.
-std::vector<Tool::TextRow> TableWatch::listTables() try {
-  if (m_connection == nullptr) {
-    m_connection = std::make_unique<Database::Connection>(Tool::s_database);
-  } else if (m_isIncomplete) {
-    // Rights on a database that were granted meanwhile count from now on.
-    m_connection->dbSelect(Tool::s_database);
-  }
-  return Tool::selectTexts(*m_connection, s_statement(), 4);
-} catch (const Exception& exception) {
-  m_connection.reset();
-  // An answer, as if the database were there without tables.
-  if (Tool::isDatabaseError(exception, s_unknownDatabase)) return {};
-  throw;
+TableWatch::Mark::Mark(const Tool::TextRow& row)
+    : sqlName(row[0]),
+      server(row[1]),
+      connection(row[2]),
+      times(row[3]),
+      created(row[4]),
+      isLongAgo(row[5] == "1") {}
+
+// What the database notes about each table.
+std::vector<TableWatch::Mark> TableWatch::listTables() {
+  return m_connection.with([this](ConnectionPointer& connection) -> std::vector<Mark> {
+    try {
+      if (connection == nullptr) {
+        connection = std::make_unique<Database::Connection>(Tool::s_database);
+      } else if (m_isIncomplete) {
+        // Rights on a database that were granted meanwhile count from now on.
+        connection->dbSelect(Tool::s_database);
+      }
+      const auto rows =
+          Tool::selectTexts(*connection, s_marks("table_type = 'BASE TABLE'"), s_markColumns);
+      return {rows.begin(), rows.end()};
+    } catch (const Exception& exception) {
+      connection.reset();
+      // An answer, as if the database were there without tables.
+      if (Tool::isDatabaseError(exception, s_unknownDatabase)) return {};
+      throw;
+    }
+  });
 }
 
-void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
-  const std::string& sqlName = row[0];
-  const std::string& print = row[1];
-  const std::string& created = row[2];
-  const bool isLongAgo = row[3] == "1";
+void TableWatch::compare(const Mark& mark, Clock::time_point start) {
+  const std::string& sqlName = mark.sqlName;
+  const std::string print = mark.print();
   const TablePointer table = m_tables.add(sqlName);
   if (table == nullptr) return;
   m_state.with([&](State& state) {
@@ -207,14 +224,14 @@ void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
     watched.lastLook = start;
     // What was confirmed is that it is gone, not what it is now.
     if (watched.isMissing) watched.isConfirmed = false;
-    if (watched.isMissing || watched.created != created) watched.isReplaced = true;
+    if (watched.isMissing || watched.created != mark.created) watched.isReplaced = true;
     watched.isMissing = false;
     if (std::exchange(watched.isDenied, false)) {
       m_log.warning("table " + sqlName + " can be read again");
     }
-    watched.created = created;
+    watched.created = mark.created;
     if (watched.seen != print) {
-      watched.isRecent = !watched.seen.empty() || !isLongAgo;
+      watched.isRecent = !watched.seen.empty() || !mark.isLongAgo;
       watched.seen = print;
       watched.seenSince = start;
     }
@@ -224,16 +241,16 @@ void TableWatch::compare(const Tool::TextRow& row, Clock::time_point start) {
     if (isInUse) table->confirm(start);
     Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
     if (watched.read == TableState::Filling) next = std::min(next, watched.seenSince + quiet());
-    if (start >= std::max(next, watched.readAfter)) return read(watched, print);
+    if (start >= std::max(next, watched.readAfter)) return read(watched, mark);
     if (isInUse) save(watched, start);
   });
 }
 
 // Notes which tables there are, for who must know that one is not there.
-void TableWatch::noteNames(const std::vector<Tool::TextRow>& rows) {
+void TableWatch::noteNames(const std::vector<Mark>& marks) {
   std::set<std::string> names;
-  for (const Tool::TextRow& row : rows) {
-    if (Tool::readTableName(row[0])) names.insert(row[0]);
+  for (const Mark& mark : marks) {
+    if (Tool::readTableName(mark.sqlName)) names.insert(mark.sqlName);
   }
   if (m_tables.names() && names == m_names) return;
   m_names = names;
@@ -242,9 +259,11 @@ void TableWatch::noteNames(const std::vector<Tool::TextRow>& rows) {
 
 // Why the SQL user may not read the table, which was not listed; empty when he may.
 std::string TableWatch::whyDenied(const Table& table) try {
-  if (m_connection == nullptr) return "";
-  Tool::selectTexts(*m_connection,
-                    "select 1 from " + Tool::quotedName(table.sqlName()) + " limit 0", 1);
+  m_connection.with([&table](ConnectionPointer& connection) {
+    if (connection == nullptr) return;
+    Tool::selectTexts(*connection,
+                      "select 1 from " + Tool::quotedName(table.sqlName()) + " limit 0", 1);
+  });
   return "";
 } catch (const Exception& exception) {
   return Tool::isDatabaseError(exception, s_tableDenied) ? Tool::reasonOf(exception) : "";
@@ -317,13 +336,13 @@ void TableWatch::note(const Table& table, Change change) {
 }
 
 // Has the table read by a thread of the pool.
-void TableWatch::read(Watched& watched, const std::string& print) {
+void TableWatch::read(Watched& watched, const Mark& mark) {
   watched.isBusy = true;
-  m_readers.post([this, table = watched.table, print] {
+  m_readers.post([this, table = watched.table, mark] {
     const Clock::time_point start = Clock::now();
     std::string why;
     try {
-      readNow(*table, print, start);
+      readNow(*table, mark, start);
     } catch (const std::exception& exception) {
       m_metrics.rebuildFailed();
       why = Tool::failureOf(exception, "reading").why();
@@ -343,16 +362,61 @@ void TableWatch::read(Watched& watched, const std::string& print) {
   });
 }
 
-void TableWatch::readNow(Table& table, const std::string& print, Clock::time_point start) {
-  const auto image =
-      std::make_shared<const TableImage>(table.kind(), [&table](const TakeRow& take) {
-        Database::Connection connection{std::string(Tool::s_database)};
-        Tool::selectPairs(connection, s_select(table), take);
-      });
+// Reads the rows of a table, and before them, in the same transaction, what the database notes
+// about it: rows of one server must not be kept under the mark of another one, which may be ahead
+// of it. Nothing when the connection leads to another server than the one of `mark`.
+std::optional<TableWatch::Reading> TableWatch::readRows(Database::Connection& connection,
+                                                        const Table& table, const Mark& mark) {
+  Database::Transaction transaction(connection);
+  const auto marks = Tool::selectTexts(
+      connection, s_marks("table_name = " + Tool::literal(table.sqlName())), s_markColumns);
+  Reading reading{nullptr, mark};
+  if (!marks.empty()) {
+    const Mark here(marks[0]);
+    if (here.server != mark.server) return std::nullopt;
+    reading.mark.times = here.times;
+    reading.mark.created = here.created;
+  }
+  reading.image = std::make_shared<const TableImage>(table.kind(), [&](const TakeRow& take) {
+    Tool::selectPairs(connection, s_select(table), take);
+  });
+  transaction.rollback();
+  return reading;
+}
+
+// Reads a table on a connection of its own; or on the connection that finds the changes, when
+// others lead to other servers.
+std::optional<TableWatch::Reading> TableWatch::readAnywhere(const Table& table, const Mark& mark) {
+  if (m_mismatches >= s_mostMismatches) {
+    return m_connection.with([&](ConnectionPointer& connection) {
+      return connection == nullptr ? std::nullopt : readRows(*connection, table, mark);
+    });
+  }
+  Database::Connection connection{std::string(Tool::s_database)};
+  std::optional<Reading> reading = readRows(connection, table, mark);
+  if (reading) {
+    m_mismatches = 0;
+    return reading;
+  }
+  // The connection that finds the changes may have stayed with a host while the others went on.
+  m_state.with([](State& state) { state.isReconnecting = true; });
+  if (++m_mismatches == s_mostMismatches) {
+    m_log.warning(
+        "connections to the database lead to different servers: tables are read one after the "
+        "other, over one connection");
+  }
+  return reading;
+}
+
+void TableWatch::readNow(Table& table, const Mark& found, Clock::time_point start) {
+  const std::optional<Reading> reading = readAnywhere(table, found);
+  if (!reading) return;
+  const ImagePointer& image = reading->image;
+  const Mark& mark = reading->mark;
   const Clock::duration took = Clock::now() - start;
   m_metrics.rebuilt(took);
   const bool isFirst = table.generation() == 0;
-  const bool isAccepted = accept(table, *image, print, start);
+  const bool isAccepted = accept(table, *image, mark, start);
   if (isAccepted) {
     report(table, *image);
     table.publish(image);
@@ -364,7 +428,7 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
                 " rows read in " +
                 std::to_string(std::chrono::duration_cast<milliseconds>(took).count()) + " ms");
   note(table, [&](Watched& watched) {
-    watched.readPrint = print;
+    watched.readPrint = mark.print();
     watched.readStart = start;
     watched.readTime = took;
     // It may have vanished meanwhile.
@@ -377,20 +441,14 @@ void TableWatch::readNow(Table& table, const std::string& print, Clock::time_poi
 }
 
 // Decides whether the table, which has the rows of `image` now, is answered from.
-bool TableWatch::accept(Table& table, const TableImage& image, const std::string& print,
+bool TableWatch::accept(Table& table, const TableImage& image, const Mark& mark,
                         Clock::time_point start) {
   const std::size_t count = s_count(image);
-  std::string created;
-  if (m_state.with([&](State& state) { return count < state.watched.at(table.sqlName()).rows; })) {
-    // It may have been replaced between the last look and the reading.
-    Database::Connection connection{std::string(Tool::s_database)};
-    const auto rows = Tool::selectTexts(connection, s_createdStatement(table), 1);
-    created = rows.empty() ? "" : rows[0][0];
-  }
   return m_state.with([&](State& state) {
     Watched& watched = state.watched.at(table.sqlName());
     if (watched.isMissing) return false;
-    if (count < watched.rows && created != watched.created) watched.isReplaced = true;
+    // Between the last look and the reading.
+    if (count < watched.rows && mark.created != watched.created) watched.isReplaced = true;
     const TableState before = std::exchange(watched.read, watched.judge(count, start, quiet()));
     const std::string counts =
         std::to_string(count) + " rows instead of " + std::to_string(watched.rows);
@@ -416,7 +474,7 @@ bool TableWatch::accept(Table& table, const TableImage& image, const std::string
         watched.rows = count;
         watched.isConfirmed = false;
         // Otherwise the next reading is the one of the table that was seen meanwhile.
-        if (print == watched.seen) watched.isReplaced = false;
+        if (mark.print() == watched.seen) watched.isReplaced = false;
         return true;
     }
   });
@@ -470,7 +528,7 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
 
 void TableWatch::fail(const std::string& why) {
   m_metrics.databaseError();
-  m_connection.reset();
+  disconnect();
   if (m_isFailing) return;
   m_isFailing = true;
   const Clock::time_point now = Clock::now();
@@ -482,6 +540,10 @@ void TableWatch::fail(const std::string& why) {
                     : " cannot answer");
   }
   m_log.error(text);
+}
+
+void TableWatch::disconnect() {
+  m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
 }
 
 Clock::duration TableWatch::quiet() const {

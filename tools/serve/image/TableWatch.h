@@ -3,10 +3,12 @@
 #ifndef TSL_TOOLS_SERVE_IMAGE_TABLEWATCH_H
 #define TSL_TOOLS_SERVE_IMAGE_TABLEWATCH_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -60,6 +62,27 @@ class TableWatch {
   bool stop(std::chrono::milliseconds patience);
 
  private:
+  using ConnectionPointer = std::unique_ptr<Database::Connection>;
+
+  // What the database notes about a table, on one server.
+  struct Mark {
+    explicit Mark(const Tool::TextRow& row);
+    // Differs after each change that the server notes, and for each connection that finds them.
+    [[nodiscard]] std::string print() const { return connection + " " + times; }
+
+    std::string sqlName;
+    std::string server;      // Which one it is.
+    std::string connection;  // Number of the connection.
+    std::string times;       // Of the creation and of the last change.
+    std::string created;
+    bool isLongAgo;  // The last change.
+  };
+  // The rows of a table, and what was noted about it before they were read.
+  struct Reading {
+    ImagePointer image;
+    Mark mark;
+  };
+
   // What is known about one table. A print is what the server notes about it.
   struct Watched {
     explicit Watched(TablePointer watchedTable);
@@ -105,6 +128,7 @@ class TableWatch {
   struct State {
     bool isStopping = false;
     bool isReloading = false;
+    bool isReconnecting = false;
     bool isRunning = false;
     bool hasLooked = false;
     std::map<std::string, Watched> watched;  // By SQL name. Only grows.
@@ -112,22 +136,25 @@ class TableWatch {
 
   void run();
   void look(Clock::time_point start);
-  std::vector<Tool::TextRow> listTables();
-  void compare(const Tool::TextRow& row, Clock::time_point start);
-  void noteNames(const std::vector<Tool::TextRow>& rows);
+  std::vector<Mark> listTables();
+  void compare(const Mark& mark, Clock::time_point start);
+  void noteNames(const std::vector<Mark>& marks);
   void noteMissing(Clock::time_point start);
   std::string whyDenied(const Table& table);
   void forget(Watched& watched);
-  void read(Watched& watched, const std::string& print);
-  void readNow(Table& table, const std::string& print, Clock::time_point start);
-  bool accept(Table& table, const TableImage& image, const std::string& print,
-              Clock::time_point start);
+  void read(Watched& watched, const Mark& mark);
+  void readNow(Table& table, const Mark& found, Clock::time_point start);
+  std::optional<Reading> readAnywhere(const Table& table, const Mark& mark);
+  static std::optional<Reading> readRows(Database::Connection& connection, const Table& table,
+                                         const Mark& mark);
+  bool accept(Table& table, const TableImage& image, const Mark& mark, Clock::time_point start);
   void report(const Table& table, const TableImage& image);
   void save(Watched& watched, Clock::time_point now);
   // Changes what is known of `table`, and notifies those who wait.
   template <class Change>
   void note(const Table& table, Change change);
   void fail(const std::string& why);
+  void disconnect();
   // How long a table that is being filled may pause.
   [[nodiscard]] Clock::duration quiet() const;
   void loadSnapshots();
@@ -142,8 +169,10 @@ class TableWatch {
   Guarded<State> m_state;
   std::condition_variable_any m_wake;
 
+  Guarded<ConnectionPointer> m_connection;  // Finds the changes.
+  std::atomic<int> m_mismatches = 0;        // Readings in a row on another server than that.
+
   // Of the watching thread alone.
-  std::unique_ptr<Database::Connection> m_connection;
   bool m_isFailing = false;
   bool m_isIncomplete = false;  // The last look did not see all tables.
   std::set<std::string> m_names;
