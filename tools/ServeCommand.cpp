@@ -10,11 +10,13 @@
 #include "cli/Session.h"
 #include "failure/Failure.h"
 #include "serve/Service.h"
+#include "serve/SettingsCheck.h"
 #include "serve/base/ListenAddress.h"
 #include "serve/base/Log.h"
 #include "serve/base/MemoryBudget.h"
 #include "serve/base/Settings.h"
 #include "serve/base/SettingsText.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Serve {
 
@@ -52,6 +54,7 @@ struct Arguments {
   std::string logLevel = "info";
   bool localNames = false;
   bool leaveOutDisabled = false;
+  bool checkConfig = false;
 };
 
 ListenAddress s_metricsAddress(const std::string& text) {
@@ -118,13 +121,25 @@ Settings s_settings(const Arguments& arguments) {
   return settings;
 }
 
+ExitCode s_check(const Settings& settings) {
+  ExitCode code = ExitCode::Done;
+  for (const Failure& fault : faultsOf(settings)) {
+    Tool::report(fault);
+    code = fault.code();
+  }
+  return code;
+}
+
 ExitCode s_serve(Tool::Session& session, const Arguments& arguments) {
   if (!session.tableName().empty()) {
     throw Failure(ExitCode::Usage, "--table", "the service has all tables",
                   "mail servers name one as in alias.NAME; --only NAME leaves out the others");
   }
   const Settings settings = s_settings(arguments);
-  Log log(parseLogLevel("--log-level", arguments.logLevel));
+  const LogLevel level = parseLogLevel("--log-level", arguments.logLevel);
+  if (arguments.checkConfig) return s_check(settings);
+  session.prepare(Tool::Preparation::Database);
+  Log log(level);
   serve(settings, log);
   return ExitCode::Done;
 }
@@ -138,13 +153,14 @@ void addServeCommand(Tool::Command& top) {
       "  tsl-address-map serve --listen unix:/run/tsl-address-map/socketmap,group=postfix\n"
       "  tsl-address-map serve --listen inet:127.0.0.1:7321 --metrics 127.0.0.1:9321\n"
       "  tsl-address-map --local serve --listen unix:/tmp/socketmap\n"
+      "  tsl-address-map serve --check-config --listen inet:127.0.0.1:7321 --stale 4h\n"
       "  postmap -q team@example.com socketmap:unix:/run/tsl-address-map/socketmap:alias\n"
       "The maps are alias, mask_public (private to public), mask_private (public to private),"
       " mailbox and\n"
       "domain; alias.NAME and so on ask the tables that --table NAME would. SIGHUP rereads"
       " all tables.\n"
       "tsl-address-map-serve(8) has the details.\n",
-      Tool::Preparation::Database, Tool::withArguments(s_serve, arguments));
+      Tool::Preparation::Nothing, Tool::withArguments(s_serve, arguments));
   serve.optionList("--listen", arguments->listen, "ADDRESS",
                    "Where to listen: unix:/PATH[,mode=0660][,group=NAME] or inet:HOST:PORT;"
                    " unix-line: and inet-line: for the line protocol; may be repeated");
@@ -184,6 +200,10 @@ void addServeCommand(Tool::Command& top) {
                "At exit, longest time to answer what was asked");
   serve.option("--log-level", arguments->logLevel, "LEVEL",
                "error, warning, info or debug; only debug names addresses");
+  serve.flag(
+      "--check-config", arguments->checkConfig,
+      "Only check the options, files and rights: nothing is changed, and neither the database"
+      " nor a running service is asked");
 }
 
 }  // namespace Tessel::Serve

@@ -97,6 +97,18 @@ has_all() { [ "$(answers 2>/dev/null)" == "$expected" ]; }
 
 grant() { sql "revoke all privileges, grant option from reader@localhost; grant select on $1 to reader@localhost"; }
 
+@test "--check-config names the rights that the user of the service does not have" {
+  chmod 640 "$SERVER/cmf/lock.mdb"
+  chmod 500 "$directory/state"
+  run -78 bash -c "$(declare -f unprivileged); unprivileged \"\$@\"" - "$TSL_TOOL" --option-file "$directory/client.cnf" \
+    --cmf "$SERVER/cmf" serve --check-config --listen "unix:$SERVER/s" --listen "unix:$directory/s,group=root" \
+    --snapshot "$directory/state"
+  contains "$output" "listening on $SERVER/s: the directory cannot be written: Permission denied"
+  contains "$output" "listening on $directory/s: the group cannot be set: Operation not permitted"
+  contains "$output" "--snapshot $directory/state: it cannot be written: Permission denied"
+  contains "$output" "the configuration in $SERVER/cmf: the user nobody (groups: nogroup) may not read and write $SERVER/cmf/lock.mdb"
+}
+
 @test "a table that the SQL user may not read is not missing, and is read as soon as he may" {
   choose_port
   options=(--metrics "127.0.0.1:$port")

@@ -437,6 +437,40 @@ PYTHON
   contains "$output" "give --listen, as in --listen unix:/run/tsl-address-map/socketmap"
 }
 
+@test "--check-config names all that is wrong, needs no database, and leaves a running service alone" {
+  start_service
+  wait_for answers 'alias team@example.com' "$found"
+  mkdir -m 700 "$directory/state" "$directory/cmf"
+  printf '[client]\nsocket=/nonexistent/socket\n' >"$directory/client.cnf"
+  before=$(stat -c %i "$socket")
+  check=("$TSL_TOOL" --cmf "$directory/cmf" serve --check-config)
+  export TSL_DATABASE_OPTION_FILE=$directory/client.cnf
+  run -0 "${check[@]}" --listen "unix:$socket" --snapshot "$directory/state" --metrics 127.0.0.1:0
+  equal "$output" ""
+  run -0 "${check[@]}"
+  echo nonsense >"$directory/client.cnf"
+  chmod 777 "$directory/state"
+  run -78 "${check[@]}" --listen "unix:$directory/log" --listen unix:/nonexistent/socket --listen inet:192.0.2.1:7321 --metrics 192.0.2.1:9321 --snapshot "$directory/state"
+  equal "$output" "tsl-address-map: listening on $directory/log: there is another file
+tsl-address-map: hint: give another path, or remove the file
+tsl-address-map: listening on /nonexistent/socket: the directory cannot be written: No such file or directory
+tsl-address-map: hint: create the directory, writable for the user of the service
+tsl-address-map: listening on 192.0.2.1 port 7321: bind: Cannot assign requested address
+tsl-address-map: hint: give a free port on an address of this host
+tsl-address-map: listening on 192.0.2.1 port 9321: bind: Cannot assign requested address
+tsl-address-map: hint: give a free port on an address of this host
+tsl-address-map: --snapshot $directory/state: $directory/state can be written by other users
+tsl-address-map: hint: make it readable and writable for the user of the service only
+tsl-address-map: TSL_DATABASE_OPTION_FILE: The database option file '$directory/client.cnf' is broken in line 1: an option before the first group, such as [client]
+tsl-address-map: hint: correct the file, or name another one"
+  run -64 "${check[@]}" --page 1
+  run -0 env -u TSL_DATABASE_OPTION_FILE "$TSL_TOOL" --local="$directory/nowhere" serve --check-config
+  equal "$(ls -A "$directory")" "$(printf 'client.cnf\ncmf\nlog\nsocketmap\nstate')"
+  equal "$(ls -A "$directory/state" "$directory/cmf" | grep -v :)" ""
+  equal "$(stat -c %i "$socket")" "$before"
+  answers 'alias team@example.com' "$found"
+}
+
 @test "without a descriptor for a connection it says so, waits without work, and goes on when there is one" {
   ulimit -n 70
   start_service

@@ -80,7 +80,8 @@ database=$(sed -n 's/^socket="\(.*\)"$/\1/p' /run/database/client.cnf)
 chmod 777 "$database"
 mariadb --no-defaults --socket="$database" -e "create user 'tsl-address-map'@localhost identified via unix_socket;
   grant select on ts_address_map.* to 'tsl-address-map'@localhost"
-printf '[client]\nsocket=%s\nuser=tsl-address-map\n' "$database" >/etc/tsl.cnf
+options="[client]\nsocket=$database\nuser=tsl-address-map\n"
+printf "$options" >/etc/tsl.cnf
 echo TSL_DATABASE_OPTION_FILE=/etc/tsl.cnf >/etc/default/tsl-address-map
 
 check "a group that does not exist does not keep the socket from being opened"
@@ -193,6 +194,17 @@ before=$(pid)
 mark
 systemctl reload "$service"
 wait_for has_logged 'rereading all tables'
+expect "$(pid)" "$before"
+goes_on
+right
+
+check "a reload with wrong settings fails, and the service goes on"
+echo nonsense >/etc/tsl.cnf
+mark
+if systemctl reload "$service" 2>/dev/null; then false; fi
+has_logged "option file '/etc/tsl.cnf' is broken in line 1"
+if has_logged 'rereading'; then false; fi
+printf "$options" >/etc/tsl.cnf
 expect "$(pid)" "$before"
 goes_on
 right

@@ -15,7 +15,7 @@ boot() { timeout 120 bash "$BATS_TEST_DIRNAME/boot.bash" "$@" 3>&-; }
 
 @test "under systemd the units start, stop, restart, reload and are watched without a lost lookup, in their sandbox" {
   run -0 boot "$BATS_TEST_DIRNAME/units.bash"
-  equal "$(grep -c '^ok: ' <<<"$output")" 11
+  equal "$(grep -c '^ok: ' <<<"$output")" 12
 }
 
 @test "a script that fails under systemd is a failure, and what it writes and removes stays there" {

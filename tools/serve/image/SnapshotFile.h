@@ -45,6 +45,8 @@ class SnapshotDirectory {
   explicit SnapshotDirectory(std::string path) : m_path(std::move(path)) {}
 
   [[nodiscard]] bool isWanted() const noexcept { return !m_path.empty(); }
+  // Throws when the directory is not there, or others than its owner may write it.
+  void check() const;
   // The SQL names of the tables that have a file.
   [[nodiscard]] std::vector<std::string> names() const;
   // Writes the file of the table, which was as `image` at `time`, in the place of an older one.
@@ -60,7 +62,6 @@ class SnapshotDirectory {
   [[nodiscard]] Snapshot load(const std::string& sqlName, TableKind kind) const;
 
  private:
-  void check() const;
   [[nodiscard]] std::string fileOf(const std::string& sqlName) const;
 
   const std::string m_path;

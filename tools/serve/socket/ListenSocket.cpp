@@ -12,6 +12,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -54,14 +55,23 @@ const sockaddr* s_generic(const Address& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
+[[noreturn]] void s_failToWrite(const std::string& path, int error) {
+  s_fail(path, "the directory cannot be written", error,
+         "create the directory, writable for the user of the service");
+}
+
+// True when there is a socket at `path`. Refuses any other file.
+bool s_isSocket(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return false;
+  if (S_ISSOCK(status.st_mode)) return true;
+  throw Failure(ExitCode::Configuration, "listening on " + path, "there is another file",
+                "give another path, or remove the file");
+}
+
 // Refuses a path that somebody listens on, or that is not a socket.
 void s_checkPath(const std::string& path) {
-  struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) return;
-  if (!S_ISSOCK(status.st_mode)) {
-    throw Failure(ExitCode::Configuration, "listening on " + path, "there is another file",
-                  "give another path, or remove the file");
-  }
+  if (!s_isSocket(path)) return;
   // Non-blocking: connecting to a service whose queue is full would not return.
   const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (probe == -1) s_fail(path, "no socket", errno, "");
@@ -92,10 +102,7 @@ class PathLock {
     for (int i = 0; i < s_lockTries; ++i) {
       m_file.emplace(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                           S_IRUSR | S_IWUSR));
-      if (m_file->get() < 0) {
-        s_fail(path, "the directory cannot be written", errno,
-               "create the directory, writable for the user of the service");
-      }
+      if (m_file->get() < 0) s_failToWrite(path, errno);
       // The one that had it removes the file at its end.
       if (flock(m_file->get(), LOCK_EX | LOCK_NB) == 0 && s_isSameFile(m_file->get(), m_path)) {
         return;
@@ -122,7 +129,83 @@ gid_t s_group(const std::string& name, const std::string& path) {
                 "give one of 'getent group'");
 }
 
+[[noreturn]] void s_failToSetGroup(const std::string& path, int error) {
+  s_fail(path, "the group cannot be set", error, "the service's user must be a member of it");
+}
+
+// True when this process may give files to `group`.
+bool s_mayGiveTo(gid_t group) {
+  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+  groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+  return geteuid() == 0 || getegid() == group ||
+         std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
+// The name in the directory of `path` under which its socket is created.
+std::string s_madeName(const std::string& path) {
+  std::string made =
+      path.substr(0, path.rfind('/') + 1) + ".tsl" + std::to_string(getpid() % 1000000);
+  if (made.size() < sizeof(sockaddr_un::sun_path)) return made;
+  s_fail(path, "the directory's name is too long", ENAMETOOLONG, "give a shorter path");
+}
+
+std::string s_inetName(const ListenAddress& address) {
+  return address.host + " port " + std::to_string(address.port);
+}
+
+// The caller's socket, which is bound to the network address unless `error` says why it is not.
+int s_bindInet(const ListenAddress& address, int& error) {
+  const std::string where = s_inetName(address);
+  sockaddr_in inet{};
+  sockaddr_in6 inet6{};
+  inet.sin_family = AF_INET;
+  inet.sin_port = htons(address.port);
+  inet6.sin6_family = AF_INET6;
+  inet6.sin6_port = htons(address.port);
+  const bool isInet = inet_pton(AF_INET, address.host.c_str(), &inet.sin_addr) == 1;
+  if (!isInet && inet_pton(AF_INET6, address.host.c_str(), &inet6.sin6_addr) != 1) {
+    s_fail(where, "no network address", EINVAL, "");
+  }
+  const int descriptor =
+      socket(isInet ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (descriptor == -1) {
+    s_fail(where, "no socket", errno,
+           "the unit of systemd must allow the network, as its comment says");
+  }
+  const int on = 1;
+  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const int result = isInet ? bind(descriptor, s_generic(inet), sizeof(inet))
+                            : bind(descriptor, s_generic(inet6), sizeof(inet6));
+  error = result == 0 ? 0 : errno;
+  return descriptor;
+}
+
+[[noreturn]] void s_failToBind(const ListenAddress& address, int error) {
+  s_fail(s_inetName(address), "bind", error, "give a free port on an address of this host");
+}
+
 }  // namespace
+
+void ListenSocket::check(const ListenAddress& address) {
+  if (address.kind == ListenAddress::Kind::Inet) {
+    int error = 0;
+    const Tool::Descriptor bound(s_bindInet(address, error));
+    // Most likely by the service that runs.
+    if (error != 0 && error != EADDRINUSE) s_failToBind(address, error);
+    return;
+  }
+  const std::string& path = address.path;
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  s_madeName(path);
+  s_isSocket(path);
+  if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+    s_failToWrite(path, errno);
+  }
+  if (!address.group.empty() && !s_mayGiveTo(s_group(address.group, path))) {
+    s_failToSetGroup(path, EPERM);
+  }
+}
 
 ListenSocket::ListenSocket(const ListenAddress& address) : ListenSocket(address.isLineProtocol) {
   if (address.kind == ListenAddress::Kind::Unix) {
@@ -161,12 +244,8 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   const std::string& path = address.path;
   const PathLock lock(path);
   s_checkPath(path);
-  const std::size_t slash = path.rfind('/');
-  const std::string made = path.substr(0, slash + 1) + ".tsl" + std::to_string(getpid() % 1000000);
+  const std::string made = s_madeName(path);
   const sockaddr_un bound = s_unixAddress(made);
-  if (made.size() >= sizeof(bound.sun_path)) {
-    s_fail(path, "the directory's name is too long", ENAMETOOLONG, "give a shorter path");
-  }
   m_descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (m_descriptor == -1) s_fail(path, "no socket", errno, "");
   unlink(made.c_str());
@@ -174,15 +253,12 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   const int result = bind(m_descriptor, s_generic(bound), sizeof(bound));
   const int error = errno;
   umask(old);
-  if (result != 0) {
-    s_fail(path, "the directory cannot be written", error,
-           "create the directory, writable for the user of the service");
-  }
+  if (result != 0) s_failToWrite(path, error);
   m_path = made;
   m_file.reset(open(made.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!address.group.empty() &&
       chown(made.c_str(), static_cast<uid_t>(-1), s_group(address.group, path)) != 0) {
-    s_fail(path, "the group cannot be set", errno, "the service's user must be a member of it");
+    s_failToSetGroup(path, errno);
   }
   if (chmod(made.c_str(), address.mode.value_or(0660)) != 0) {
     s_fail(path, "the mode cannot be set", errno, "");
@@ -194,25 +270,10 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
 }
 
 void ListenSocket::listenInet(const ListenAddress& address) {
-  const std::string where = address.host + " port " + std::to_string(address.port);
-  sockaddr_in inet{};
-  sockaddr_in6 inet6{};
-  inet.sin_family = AF_INET;
-  inet.sin_port = htons(address.port);
-  inet6.sin6_family = AF_INET6;
-  inet6.sin6_port = htons(address.port);
-  const bool isInet = inet_pton(AF_INET, address.host.c_str(), &inet.sin_addr) == 1;
-  if (!isInet && inet_pton(AF_INET6, address.host.c_str(), &inet6.sin6_addr) != 1) {
-    s_fail(where, "no network address", EINVAL, "");
-  }
-  m_descriptor = socket(isInet ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (m_descriptor == -1) s_fail(where, "no socket", errno, "");
-  const int on = 1;
-  setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  const int result = isInet ? bind(m_descriptor, s_generic(inet), sizeof(inet))
-                            : bind(m_descriptor, s_generic(inet6), sizeof(inet6));
-  if (result != 0) s_fail(where, "bind", errno, "give a free port on an address of this host");
-  if (listen(m_descriptor, s_backlog) != 0) s_fail(where, "listen", errno, "");
+  int error = 0;
+  m_descriptor = s_bindInet(address, error);
+  if (error != 0) s_failToBind(address, error);
+  if (listen(m_descriptor, s_backlog) != 0) s_fail(s_inetName(address), "listen", errno, "");
 }
 
 std::string ListenSocket::name() const {

@@ -20,6 +20,9 @@ class ListenSocket {
   // file has its mode and group before anybody can connect. Throws Tool::Failure, ExitCode::Usage
   // or Configuration, when it cannot listen there.
   explicit ListenSocket(const ListenAddress& address);
+  // Throws what the constructor would, as far as that can be known without listening. Creates no
+  // file. A service that listens there already is no fault.
+  static void check(const ListenAddress& address);
   // Takes over the socket `descriptor`, which systemd created, and its file.
   ListenSocket(int descriptor, bool isLineProtocol);
   ~ListenSocket();
