@@ -529,6 +529,28 @@ TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
   }));
 }
 
+TEST_F(TableWatchTest, AReloadWithSettingsThatDoNotWorkKeepsTheConnection) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  ASSERT_TRUE(becomesUnable("mask", ""));
+  const std::string good = "[client]\nsocket=" + TestServer::shared().socketPath() + "\n";
+  const TestServer::OptionFile file(TestServer::shared(), "nonsense\n");
+  m_watch->reload();
+  expectLogged("error: the service goes on with the connection to the database that it has: ");
+  file.write(good + "user=nobody-of-this-name\n");
+  m_watch->reload();
+  expectLogged("there is no new one: Access denied for user");
+  const Clock::time_point before = lookedAt();
+  EXPECT_TRUE(s_waitFor([&] { return lookedAt() > before + milliseconds(100); }));
+  EXPECT_EQ(whyUnable("alias"), "");
+  EXPECT_EQ(count("database_errors_total"), 0);
+  file.write(good + "user=root\n");
+  m_watch->reload();
+  add("c@d", "d@d");
+  EXPECT_TRUE(becomes("c@d", "d@d"));
+}
+
 TEST_F(TableWatchTest, ASnapshotAnswersWhileTheServerIsAway) {
   const Testing::ScratchFile scratch;
   m_settings.snapshot = scratch.directory();

@@ -148,20 +148,12 @@ void TableWatch::run() {
   const milliseconds interval =
       std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
   while (!m_state.with([](const State& state) { return state.isStopping; })) {
-    const bool isReloading = m_state.with([](State& state) {
-      if (state.isReloading) {
-        for (auto& [name, watched] : state.watched) {
-          watched.readPrint.clear();
-          // Only what the log has said: a table that is emptied now is not what was meant.
-          if (watched.isInDoubt()) watched.isConfirmed = true;
-        }
-      }
-      return std::exchange(state.isReloading, false);
-    });
-    const bool isReconnecting =
-        m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); });
-    if (isReloading || isReconnecting) disconnect();
-    if (isReloading) m_mismatches = 0;
+    if (m_state.with([](State& state) { return std::exchange(state.isReloading, false); })) {
+      prepareReload();
+    }
+    if (m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); })) {
+      disconnect();
+    }
     look(Clock::now());
     m_state.with([](State& state) { state.hasLooked = true; });
     m_state.waitFor(m_wake, interval,
@@ -169,6 +161,41 @@ void TableWatch::run() {
   }
   m_state.with([](State& state) { state.isRunning = false; });
   m_wake.notify_all();
+}
+
+// Has all tables reread over new connections.
+void TableWatch::prepareReload() {
+  m_state.with([](State& state) {
+    for (auto& [name, watched] : state.watched) {
+      // Only what the log has said: a table that is emptied now is not what was meant.
+      if (!watched.isInDoubt()) continue;
+      watched.isConfirmed = true;
+      watched.readPrint.clear();
+    }
+  });
+  if (!reconnect()) return;
+  m_mismatches = 0;
+  m_state.with([](State& state) {
+    for (auto& [name, watched] : state.watched) watched.readPrint.clear();
+  });
+}
+
+// Connects as the settings are now. False when they do not work: then the connection that there is
+// goes on, and rows that were right are not read again.
+bool TableWatch::reconnect() try {
+  m_connection.with([](ConnectionPointer& connection) {
+    if (connection == nullptr) return;
+    connection = std::make_unique<Database::Connection>(Tool::s_database);
+  });
+  return true;
+} catch (const Exception& exception) {
+  // The look says that the database is missing.
+  if (Tool::isDatabaseError(exception, s_unknownDatabase)) return true;
+  m_log.error(
+      "the service goes on with the connection to the database that it has: there is no new"
+      " one: " +
+      Tool::reasonOf(exception) + "; correct that, and reload the service again");
+  return false;
 }
 
 void TableWatch::look(Clock::time_point start) {

@@ -54,6 +54,8 @@ class TableWatch {
   // Begins to watch, on threads of its own.
   void start();
   // Rereads all tables, over new connections, and takes the tables that are in doubt as they are.
+  // With settings that do not work, which are reported, the old connection stays, and what is known
+  // of the other tables too.
   void reload();
   // True when the database was asked once, and all tables that it has were read, or could not be.
   bool isSettled();
@@ -136,6 +138,8 @@ class TableWatch {
 
   void run();
   void look(Clock::time_point start);
+  void prepareReload();
+  bool reconnect();
   std::vector<Mark> listTables();
   void compare(const Mark& mark, Clock::time_point start);
   void noteNames(const std::vector<Mark>& marks);
