@@ -411,16 +411,24 @@ std::optional<TableWatch::Reading> TableWatch::readRows(Database::Connection& co
   return reading;
 }
 
-// Reads a table on a connection of its own; or on the connection that finds the changes, when
-// others lead to other servers.
+// A connection for reading a table; null when there is none to be had.
+TableWatch::ConnectionPointer TableWatch::newConnection() const try {
+  if (m_mismatches >= s_mostMismatches) return nullptr;
+  return std::make_unique<Database::Connection>(Tool::s_database);
+} catch (const Exception&) {
+  return nullptr;
+}
+
+// Reads a table on a connection of its own; or on the connection that finds the changes, when there
+// is no other, such as with settings that do not work any more, or others lead to other servers.
 std::optional<TableWatch::Reading> TableWatch::readAnywhere(const Table& table, const Mark& mark) {
-  if (m_mismatches >= s_mostMismatches) {
+  const ConnectionPointer own = newConnection();
+  if (own == nullptr) {
     return m_connection.with([&](ConnectionPointer& connection) {
       return connection == nullptr ? std::nullopt : readRows(*connection, table, mark);
     });
   }
-  Database::Connection connection{std::string(Tool::s_database)};
-  std::optional<Reading> reading = readRows(connection, table, mark);
+  std::optional<Reading> reading = readRows(*own, table, mark);
   if (reading) {
     m_mismatches = 0;
     return reading;

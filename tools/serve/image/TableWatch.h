@@ -148,6 +148,7 @@ class TableWatch {
   void forget(Watched& watched);
   void read(Watched& watched, const Mark& mark);
   void readNow(Table& table, const Mark& found, Clock::time_point start);
+  [[nodiscard]] ConnectionPointer newConnection() const;
   std::optional<Reading> readAnywhere(const Table& table, const Mark& mark);
   static std::optional<Reading> readRows(Database::Connection& connection, const Table& table,
                                          const Mark& mark);
