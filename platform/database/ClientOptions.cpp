@@ -7,12 +7,11 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "base/Exception.h"
-#include "base/sourceLine.h"
-
 namespace Tessel::Database {
 
 namespace {
+
+constexpr char s_source[] = "ClientOptions";
 
 enum class Type { None, Flag, Number, Size, Text };
 
@@ -79,12 +78,6 @@ const Known* s_find(std::string_view key) {
   return found == s_known.end() ? nullptr : found;
 }
 
-[[noreturn]] void s_refuse(const Option& option, const std::string& why, int line = sourceLine()) {
-  throw Exception(Exception("Database::Connection", 4, "ClientOptions", line)
-                      .stringParameter("The database option file '" + option.file + "', line " +
-                                       std::to_string(option.line) + ": " + why));
-}
-
 void s_apply(MYSQL* mysql, const Known& known, const Option& option) {
   const char* const text = option.value && !option.value->empty() ? option.value->c_str() : nullptr;
   // NOLINTBEGIN(cert-err34-c): as the client library does; what is no number is 0
@@ -110,7 +103,8 @@ void s_apply(MYSQL* mysql, const Known& known, const Option& option) {
     }
     case Type::Text:
       if (text == nullptr && known.number == MYSQL_INIT_COMMAND) {
-        s_refuse(option, "'init-command' has no value: write one, or remove the line");
+        refuseOption(option, "'init-command' has no value: write one, or remove the line",
+                     s_source);
       }
       mysql_optionsv(mysql, known.number, text);
       break;
@@ -123,8 +117,9 @@ void s_apply(MYSQL* mysql, const Known& known, const Option& option) {
 void applyOptions(MYSQL* mysql, const std::vector<Option>& options) {
   for (const Option& option : options) {
     if (option.key == "connection") {
-      s_refuse(option,
-               "'connection' is not supported: write each of its options on a line of its own");
+      refuseOption(option,
+                   "'connection' is not supported: write each of its options on a line of its own",
+                   s_source);
     }
     if (const Known* known = s_find(option.key)) s_apply(mysql, *known, option);
   }

@@ -21,6 +21,8 @@
 #include "base/sourceLine.h"
 #include "database/ClientOptions.h"
 #include "database/StatementObserver.h"
+#include "database/TlsOptions.h"
+#include "database/TlsSession.h"
 #include "database/Wait.h"
 
 namespace Tessel::Database {
@@ -112,6 +114,14 @@ Error s_noneWorks(const std::vector<Error>& failures, std::size_t hosts, int lin
     if (failure.number() < CR_MIN_ERROR) facts.number = failure.number();
   }
   return {s_context, s_file, line, facts};
+}
+
+// True when the client library will connect to `host`, or to what the options name where it is
+// null, over a Unix socket.
+bool s_usesUnixSocket(const MYSQL& mysql, const char* host) {
+  if (host == nullptr) host = mysql.options.host;
+  const bool isLocal = host == nullptr || std::string_view(host) == "localhost";
+  return isLocal && mysql.options.protocol != MYSQL_PROTOCOL_TCP;
 }
 
 sigset_t s_pipeSignal() {
@@ -266,6 +276,13 @@ void Handle::connect(const Target& target, const std::vector<Option>& options, c
     host = target.address->host().c_str();
     port = target.address->port();
   }
+  TlsDemand demand;
+  if (s_usesUnixSocket(*m_mysql, host)) {
+    excuseTls(m_mysql);
+  } else {
+    demand = tlsDemand(options);
+    demandTls(m_mysql, demand);
+  }
   // The options must outlive a failure, for the message.
   const auto* const connected = callUntil<MYSQL*>(
       m_mysql, until,
@@ -282,6 +299,7 @@ void Handle::connect(const Target& target, const std::vector<Option>& options, c
     facts.message += s_destination(*m_mysql, target, listed);
     throw Error(s_context, s_file, sourceLine(), facts);
   }
+  checkTls(m_mysql, demand, until);
   m_tls = mysql_get_ssl_cipher(m_mysql) != nullptr;
 }
 

@@ -323,6 +323,12 @@ class Reader {
 
 }  // namespace
 
+void refuseOption(const Option& option, const std::string& why, const char* source, int line) {
+  throw Exception(Exception("Database::Connection", 4, source, line)
+                      .stringParameter("The database option file '" + option.file + "', line " +
+                                       std::to_string(option.line) + ": " + why));
+}
+
 std::string optionFileFault(const std::string& file) {
   std::string fault;
   s_trusted(file, fault);

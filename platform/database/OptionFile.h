@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/sourceLine.h"
+
 namespace Tessel::Database {
 
 // The option group that is read in addition to [client].
@@ -24,6 +26,10 @@ struct Option {
   std::string file;
   int line;
 };
+
+// Throws Exception, code 4, which names the place of `option`; `source` is who refuses it.
+[[noreturn]] void refuseOption(const Option& option, const std::string& why, const char* source,
+                               int line = sourceLine());
 
 // What keeps `file` from being used as the one option file; empty when nothing does.
 std::string optionFileFault(const std::string& file);

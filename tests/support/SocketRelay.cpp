@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace Tessel::Testing {
@@ -25,6 +27,28 @@ sockaddr_un s_address(const std::string& path) {
   if (path.size() >= sizeof(address.sun_path)) throw std::runtime_error("socket path too long");
   std::memcpy(address.sun_path, path.c_str(), path.size());
   return address;
+}
+
+// An address of 127.0.0.1; port 0 stands for any that is free.
+sockaddr_in s_loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+// A connection to the server at `place`, a path or "127.0.0.1:PORT", or -1.
+int s_connected(const std::string& place) {
+  const auto open = [](const auto& address) {
+    const auto* const any = reinterpret_cast<const sockaddr*>(&address);
+    const int made = socket(any->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(made, any, sizeof(address)) == 0) return made;
+    close(made);
+    return -1;
+  };
+  if (place.starts_with('/')) return open(s_address(place));
+  return open(s_loopback(std::stoi(place.substr(place.find(':') + 1))));
 }
 
 std::size_t s_index(SocketRelay::Direction direction) {
@@ -45,12 +69,11 @@ SocketRelay::SocketRelay(const std::string& path, const std::string& serverPath)
   m_acceptor = std::thread([this] { accept(); });
 }
 
-SocketRelay::SocketRelay(std::vector<std::string> serverPaths)
-    : m_serverPaths(std::move(serverPaths)),
+SocketRelay::SocketRelay(std::vector<std::string> servers, Forger forger)
+    : m_serverPaths(std::move(servers)),
+      m_forger(std::move(forger)),
       m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = s_loopback(0);
   socklen_t size = sizeof(address);
   if (bind(m_listener, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
       getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
@@ -94,6 +117,11 @@ std::vector<std::string> SocketRelay::statements() const {
   return m_statements;
 }
 
+std::string SocketRelay::said() const {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  return m_said;
+}
+
 std::size_t SocketRelay::passed(Direction direction) const {
   return m_passed[s_index(direction)];
 }
@@ -114,39 +142,44 @@ void SocketRelay::accept() {
   }
 }
 
-void SocketRelay::relay(int client, const std::string& serverPath) {
-  const int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = s_address(serverPath);
-  bool open = connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+void SocketRelay::relay(int client, const std::string& place) {
+  const int server = s_connected(place);
+  bool open = server >= 0;
+  bool isFirst = true;
   std::string packets;  // From the client, as far as they are not looked at.
   while (open && !m_stopping) {
     std::array<pollfd, 2> waiting{{{client, POLLIN, 0}, {server, POLLIN, 0}}};
     // What is held stays in the server's socket.
     if (poll(waiting.data(), m_held ? 1 : 2, s_look) <= 0) continue;
     if (waiting[0].revents != 0) open = pass(client, server, Direction::ToServer, packets);
-    if (open && waiting[1].revents != 0) open = pass(server, client, Direction::ToClient, packets);
+    if (!open || waiting[1].revents == 0) continue;
+    open = pass(server, client, Direction::ToClient, packets, isFirst);
+    isFirst = false;
   }
   close(client);
-  close(server);
+  if (server >= 0) close(server);
 }
 
-bool SocketRelay::pass(int from, int to, Direction direction, std::string& packets) {
-  std::array<char, 16384> bytes{};
+bool SocketRelay::pass(int from, int to, Direction direction, std::string& packets, bool isFirst) {
+  std::string bytes(16384, '\0');
   const ssize_t count = recv(from, bytes.data(), bytes.size(), 0);
   if (count <= 0) return false;
+  bytes.resize(static_cast<std::size_t>(count));
+  if (isFirst && m_forger) m_forger(bytes);
   bool cut = false;
-  std::size_t size = allowed(direction, static_cast<std::size_t>(count), cut);
-  m_passed[s_index(direction)] += size;
+  bytes.resize(allowed(direction, bytes.size(), cut));
+  m_passed[s_index(direction)] += bytes.size();
   if (direction == Direction::ToServer) {
-    packets.append(bytes.data(), size);
+    packets += bytes;
     recordStatements(packets);
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    m_said += bytes;
   }
-  const char* at = bytes.data();
-  while (size > 0) {
-    const ssize_t sent = send(to, at, size, MSG_NOSIGNAL);
+  std::string_view rest = bytes;
+  while (!rest.empty()) {
+    const ssize_t sent = send(to, rest.data(), rest.size(), MSG_NOSIGNAL);
     if (sent <= 0) return false;
-    at += sent;
-    size -= static_cast<std::size_t>(sent);
+    rest.remove_prefix(static_cast<std::size_t>(sent));
   }
   return !cut;
 }

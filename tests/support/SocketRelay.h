@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,11 +19,14 @@ class SocketRelay {
   // Where connections break.
   enum class Direction { ToServer, ToClient };
 
+  // Changes the first bytes that the server says on a connection.
+  using Forger = std::function<void(std::string&)>;
+
   // Listens on `path`, which must not exist, for the server on `serverPath`.
   SocketRelay(const std::string& path, const std::string& serverPath);
-  // Listens on a free port of 127.0.0.1; path() is "127.0.0.1:PORT". Each further connection leads
-  // to the next one of the servers.
-  explicit SocketRelay(std::vector<std::string> serverPaths);
+  // Listens on a free port of 127.0.0.1; path() is "127.0.0.1:PORT", and so may be the places of
+  // the servers. Each further connection leads to the next one of the servers.
+  explicit SocketRelay(std::vector<std::string> servers, Forger forger = nullptr);
   ~SocketRelay();
   SocketRelay(const SocketRelay&) = delete;
   SocketRelay& operator=(const SocketRelay&) = delete;
@@ -43,6 +47,8 @@ class SocketRelay {
   // connections, nor for statements of 16 MiB and more.
   [[nodiscard]] std::vector<std::string> statements() const;
 
+  // Everything that clients said so far.
+  [[nodiscard]] std::string said() const;
   // Bytes that passed so far.
   [[nodiscard]] std::size_t passed(Direction direction) const;
   // Connections accepted so far.
@@ -51,8 +57,8 @@ class SocketRelay {
 
  private:
   void accept();
-  void relay(int client, const std::string& serverPath);
-  bool pass(int from, int to, Direction direction, std::string& packets);
+  void relay(int client, const std::string& place);
+  bool pass(int from, int to, Direction direction, std::string& packets, bool isFirst = false);
   void recordStatements(std::string& packets);
   std::size_t allowed(Direction direction, std::size_t size, bool& cut);
 
@@ -60,6 +66,7 @@ class SocketRelay {
 
   std::string m_path;
   std::vector<std::string> m_serverPaths;
+  const Forger m_forger;
   int m_listener = -1;
   std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_held{false};
@@ -70,6 +77,7 @@ class SocketRelay {
   std::atomic<bool> m_thenRefuse{false};
   mutable std::mutex m_mutex;
   std::vector<std::string> m_statements;  // Guarded by m_mutex.
+  std::string m_said;                     // Guarded by m_mutex.
   std::vector<std::thread> m_relays;      // Used by the accepting thread, and after its end.
   std::thread m_acceptor;
 };
