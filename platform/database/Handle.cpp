@@ -96,8 +96,10 @@ Handle::Clock::duration s_connectTime(const std::vector<Option>& options) {
 // The hosts to try for `target`.
 std::vector<Host> s_places(const Target& target, const std::vector<Option>& options) {
   if (target.address) return {Host()};
+  const std::vector<Host> hosts = hostsOf(options);
+  const bool isDefault = hosts.size() == 1 && hosts[0].name.empty();
   // A certificate is checked against the name, which must be kept then.
-  return checksName(options) ? hostsOf(options) : resolved(hostsOf(options));
+  return isDefault || tlsDemand(options).checksName ? hosts : resolved(hosts);
 }
 
 // What to say when no host could be used: the failure of the one host, or those of all.
@@ -276,6 +278,9 @@ void Handle::connect(const Target& target, const std::vector<Option>& options, c
     host = target.address->host().c_str();
     port = target.address->port();
   }
+  // In a list, "localhost" is a host with a port like the others.
+  const unsigned int tcp = MYSQL_PROTOCOL_TCP;
+  if (listed.name == "localhost") mysql_options(m_mysql, MYSQL_OPT_PROTOCOL, &tcp);
   TlsDemand demand;
   if (s_usesUnixSocket(*m_mysql, host)) {
     excuseTls(m_mysql);

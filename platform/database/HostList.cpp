@@ -92,12 +92,6 @@ std::vector<Host> resolved(const std::vector<Host>& hosts) {
   return places;
 }
 
-bool checksName(const std::vector<Option>& options) {
-  return std::any_of(options.begin(), options.end(), [](const Option& option) {
-    return option.key.starts_with("ssl") || option.key.starts_with("tls");
-  });
-}
-
 std::vector<Attempt> attemptsAt(const std::vector<Host>& hosts,
                                 const std::set<std::string>& avoided,
                                 HostHealth::Clock::time_point now) {

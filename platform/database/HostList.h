@@ -39,9 +39,6 @@ struct Attempt {
   bool isProbe;
 };
 
-// True when the options have the name of a host checked against its certificate.
-bool checksName(const std::vector<Option>& options);
-
 // The order of tries among `hosts`, which must outlive the result: a host that failed some time ago
 // gets a short chance, then come those that work, in the order of the list, then all others, and
 // that host once more. Those in `avoided` (by their text) come last.
