@@ -34,7 +34,7 @@ _tsl_address_map_options() {
     "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;
     serve)
       echo --check-config --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
-        --log-level --max-connections --max-memory --max-reply --max-request --metrics --only --page --refresh \
+        --log-level --max-connections --max-lag --max-memory --max-reply --max-request --metrics --only --page --refresh \
         --request-timeout --snapshot --stale --workers
       ;;
     "local start") echo --nodes ;;

@@ -39,6 +39,7 @@ struct Arguments {
   std::vector<std::string> only;
   std::string refresh = timeText(s_default.refresh);
   std::string stale = timeText(*s_default.stale);
+  std::string maxLag;
   std::string snapshot;
   std::string extension = extensionRuleText(s_default.extension);
   std::string delimiter = s_default.delimiter;
@@ -98,6 +99,9 @@ Settings s_settings(const Arguments& arguments) {
   settings.stale.reset();
   if (arguments.stale != "forever") {
     settings.stale = parseTime("--stale", arguments.stale, milliseconds(0));
+  }
+  if (!arguments.maxLag.empty()) {
+    settings.maxLag = parseTime("--max-lag", arguments.maxLag, milliseconds(1000));
   }
   s_checkSnapshot(arguments.snapshot);
   settings.snapshot = arguments.snapshot;
@@ -171,6 +175,8 @@ void addServeCommand(Tool::Command& top) {
   serve.option("--refresh", arguments->refresh, "TIME", "A change is seen within this time");
   serve.option("--stale", arguments->stale, "TIME",
                "How long to answer while the database is unavailable, or 'forever'");
+  serve.option("--max-lag", arguments->maxLag, "TIME",
+               "Ask a replica how far it is behind, and do not read one that is further behind");
   serve.option("--snapshot", arguments->snapshot, "DIR",
                "Keep the tables in this directory, for starts while the database is unavailable");
   serve.option("--extension", arguments->extension, "RULE",

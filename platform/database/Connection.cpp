@@ -142,7 +142,7 @@ Connection::Impl::Impl(Target target, std::unique_ptr<Handle> handle)
     : m_target(std::move(target)), m_handle(std::move(handle)) {}
 
 std::unique_ptr<Connection::Impl> Connection::Impl::at(const SocketAddress& server) {
-  Target target{OptionSource::current(), std::nullopt, {}};
+  Target target{OptionSource::current(), std::nullopt, std::nullopt, {}};
   try {
     Clock::duration spent{};
     std::unique_ptr<Handle> handle = Handle::open(target, {}, spent);
@@ -377,7 +377,8 @@ void Connection::Impl::execute(std::string_view text, RowParser* parser, Connect
 }
 
 Connection::Connection(const std::string& database)
-    : m_impl(std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt, {}})) {
+    : m_impl(
+          std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt, std::nullopt, {}})) {
   m_impl->begin(database);
 }
 
@@ -386,11 +387,26 @@ Connection::Connection(const SocketAddress& server, const std::string& database)
   m_impl->begin(database);
 }
 
+Connection::Connection(const Host& host, const std::string& database)
+    : m_impl(std::make_unique<Impl>(Target{OptionSource::current(), std::nullopt, host.name, {}})) {
+  m_impl->begin(database);
+}
+
 Connection::~Connection() = default;
+
+std::vector<Connection::Host> Connection::hosts() {
+  std::vector<Host> hosts;
+  for (const auto& host :
+       Handle::hostsFor({OptionSource::current(), std::nullopt, std::nullopt, {}})) {
+    hosts.push_back({host.text()});
+  }
+  return hosts;
+}
 
 SocketAddress Connection::defaultAddress() {
   Clock::duration spent{};
-  return Handle::open({OptionSource::current(), std::nullopt, {}}, {}, spent)->peerAddress();
+  return Handle::open({OptionSource::current(), std::nullopt, std::nullopt, {}}, {}, spent)
+      ->peerAddress();
 }
 
 bool Connection::dbSelectIfExists(const std::string& name) {
@@ -421,6 +437,10 @@ std::string Connection::serverVersion() {
 
 unsigned long Connection::id() {
   return mysql_thread_id(m_impl->ready(s_open, {}).mysql());
+}
+
+Connection::Host Connection::host() {
+  return {m_impl->ready(s_open, {}).host()};
 }
 
 SocketAddress Connection::peerAddress() {

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/Export.h"
 #include "base/SocketAddress.h"
@@ -34,6 +35,12 @@ namespace Tessel::Database {
 // changed.
 class TSL_EXPORT Connection {
  public:
+  // One of the hosts that the options name.
+  struct Host {
+    // "db1.example:3306", "[2001:db8::1]"; empty for a socket, or what else is the default.
+    std::string name;
+  };
+
   // Connects to the default server and selects `database`; none when it is empty. Throws Error,
   // number 1049, when the database does not exist.
   explicit Connection(const std::string& database);
@@ -41,12 +48,17 @@ class TSL_EXPORT Connection {
   // option files. The address of the default server is reached in the default way, by the name that
   // its certificate may be bound to.
   Connection(const SocketAddress& server, const std::string& database);
+  // The same at one host alone, also if it counts as failed.
+  Connection(const Host& host, const std::string& database);
   // Closes the connection; the server undoes an open transaction. Sends nothing and waits for
   // nothing, also when the server hangs. Never throws.
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  // All hosts that the options name, in their order; at least one. Throws Exception, code 4, for
+  // options that cannot be used.
+  static std::vector<Host> hosts();
   // Address of the default server, as seen by connecting to it. Throws when it cannot be reached.
   static SocketAddress defaultAddress();
 
@@ -69,6 +81,8 @@ class TSL_EXPORT Connection {
   std::string serverVersion();
   // Number that the server gave to this connection. Opens a dead connection again.
   unsigned long id();
+  // The host that this connection leads to. Opens a dead connection again.
+  Host host();
   // Address of the server that this connection leads to. Opens a dead connection again.
   SocketAddress peerAddress();
 

@@ -99,7 +99,14 @@ std::vector<Host> s_places(const Target& target, const std::vector<Option>& opti
   const std::vector<Host> hosts = hostsOf(options);
   const bool isDefault = hosts.size() == 1 && hosts[0].name.empty();
   // A certificate is checked against the name, which must be kept then.
-  return isDefault || tlsDemand(options).checksName ? hosts : resolved(hosts);
+  const bool isKept = isDefault || tlsDemand(options).checksName;
+  std::vector<Host> places = isKept ? hosts : resolved(hosts);
+  if (target.only) {
+    std::erase_if(places, [&target](const Host& host) { return host.text() != *target.only; });
+    // Its name has other addresses now.
+    if (places.empty()) places.push_back(parseHost(*target.only));
+  }
+  return places;
 }
 
 // What to say when no host could be used: the failure of the one host, or those of all.
@@ -250,6 +257,10 @@ std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& da
     }
   }
   throw s_noneWorks(failures, hosts.size());
+}
+
+std::vector<Host> Handle::hostsFor(const Target& target) {
+  return s_places(target, readOptions(target.options.file));
 }
 
 void Handle::connect(const Target& target, const std::vector<Option>& options, const Host& listed,

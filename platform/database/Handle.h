@@ -27,6 +27,8 @@ struct Target {
   // None: the default server, as the options name it. Otherwise this address, with the user, the
   // password and everything else from the options.
   std::optional<SocketAddress> address;
+  // The only host to connect to, by its text.
+  std::optional<std::string> only;
   // Hosts that do not carry out what this connection is for; they are tried last.
   std::set<std::string> avoided;
 };
@@ -55,6 +57,8 @@ class Handle {
   // answer of a host that works; for any other failure the next host is tried. Throws Error.
   static std::unique_ptr<Handle> open(const Target& target, const std::string& database,
                                       Clock::duration& spent);
+  // The hosts to try for `target`, at least one. Throws Exception for options that cannot be used.
+  static std::vector<Host> hostsFor(const Target& target);
   // Closes the connection, sending nothing and waiting for nothing. In a forked child the parent's
   // connection stays unharmed.
   ~Handle();

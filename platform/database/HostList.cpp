@@ -17,25 +17,6 @@ namespace {
 
 constexpr char s_localhost[] = "localhost";
 
-// "name", "name:port", "[address]", "[address]:port", or an IPv6 address without brackets.
-Host s_host(std::string_view text) {
-  Host host;
-  std::string_view port;
-  const std::size_t colon = text.rfind(':');
-  const std::size_t end = text.starts_with('[') ? text.find(']') : std::string_view::npos;
-  if (end != std::string_view::npos) {
-    host.name = text.substr(1, end - 1);
-    if (text.substr(end + 1).starts_with(':')) port = text.substr(end + 2);
-  } else if (colon != std::string_view::npos && text.find(':') == colon) {
-    host.name = text.substr(0, colon);
-    port = text.substr(colon + 1);
-  } else {
-    host.name = text;
-  }
-  std::from_chars(port.data(), port.data() + port.size(), host.port);
-  return host;
-}
-
 std::string_view s_trimmed(std::string_view text) {
   constexpr std::string_view blanks = " \t";
   const std::size_t first = text.find_first_not_of(blanks);
@@ -59,13 +40,31 @@ std::string Host::text() const {
   return port == 0 ? shown : shown + ":" + std::to_string(port);
 }
 
+Host parseHost(std::string_view text) {
+  Host host;
+  std::string_view port;
+  const std::size_t colon = text.rfind(':');
+  const std::size_t end = text.starts_with('[') ? text.find(']') : std::string_view::npos;
+  if (end != std::string_view::npos) {
+    host.name = text.substr(1, end - 1);
+    if (text.substr(end + 1).starts_with(':')) port = text.substr(end + 2);
+  } else if (colon != std::string_view::npos && text.find(':') == colon) {
+    host.name = text.substr(0, colon);
+    port = text.substr(colon + 1);
+  } else {
+    host.name = text;
+  }
+  std::from_chars(port.data(), port.data() + port.size(), host.port);
+  return host;
+}
+
 std::vector<Host> hostsOf(const std::vector<Option>& options) {
   const std::string list = lastValue(options, {"host", "servername"}).value_or("");
   std::vector<Host> hosts;
   for (std::string_view rest = list; !rest.empty();) {
     const std::string_view item = rest.substr(0, rest.find(','));
     rest.remove_prefix(std::min(rest.size(), item.size() + 1));
-    if (!s_trimmed(item).empty()) hosts.push_back(s_host(s_trimmed(item)));
+    if (!s_trimmed(item).empty()) hosts.push_back(parseHost(s_trimmed(item)));
   }
   // Over which way "localhost" is reached depends on further options.
   const bool isLocal = hosts.size() == 1 && hosts[0].port == 0 && hosts[0].name == s_localhost;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "database/HostHealth.h"
@@ -24,6 +25,9 @@ struct Host {
   // "name:port", with brackets around an IPv6 address; empty for the default place.
   [[nodiscard]] std::string text() const;
 };
+
+// Reads "name", "name:port", "[address]", "[address]:port", or an IPv6 address without brackets.
+Host parseHost(std::string_view text);
 
 // The hosts of the option `host`, which may be a list: "a:3306,b,[::1]:3307". Never empty.
 std::vector<Host> hostsOf(const std::vector<Option>& options);

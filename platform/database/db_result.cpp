@@ -18,6 +18,12 @@ unsigned int db_result_column_num(void* result) {
   return result != nullptr ? static_cast<DbResult*>(result)->columns : 0;
 }
 
+const char* db_result_column_name(void* result, unsigned int column) {
+  const auto* const self = static_cast<const DbResult*>(result);
+  if (self == nullptr || column >= self->columns) return "";
+  return mysql_fetch_field_direct(self->result, column)->name;
+}
+
 void* db_result_fetch_row(void* result, int64_t index) {
   auto* const self = static_cast<DbResult*>(result);
   if (self == nullptr || index < 0 || index >= self->rows) return nullptr;

@@ -19,6 +19,10 @@ __attribute__((visibility("default"))) int64_t db_result_row_num(void* result);
 /* Number of columns. */
 __attribute__((visibility("default"))) unsigned int db_result_column_num(void* result);
 
+/* Name of a column, ended by a NUL character; an empty text for a column number out of range. */
+__attribute__((visibility("default"))) const char* db_result_column_name(void* result,
+                                                                         unsigned int column);
+
 /* Row number `index`, counted from 0, or NULL when there is no such row. Going through the rows in
  * order is cheap; any other row is looked for from the first one on. */
 __attribute__((visibility("default"))) void* db_result_fetch_row(void* result, int64_t index);

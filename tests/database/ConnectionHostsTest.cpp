@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "database/DatabaseTest.h"
@@ -24,12 +25,12 @@ class ConnectionHosts : public DatabaseTest {
  protected:
   static void SetUpTestSuite() {
     DatabaseTest::SetUpTestSuite();
+    if (s_other) return;
     const std::string before = server().optionFile();
     s_other = std::make_unique<Testing::TestServer>();
     // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
     setenv("TSL_DATABASE_OPTION_FILE", before.c_str(), 1);
   }
-  static void TearDownTestSuite() { s_other.reset(); }
 
   void SetUp() override {
     DatabaseTest::SetUp();
@@ -79,6 +80,27 @@ TEST_F(ConnectionHosts, TheFirstOneIsUsedWhileItWorks) {
   EXPECT_EQ(nodeNow(), "a");
   EXPECT_EQ(nodeNow(), "a");
   EXPECT_EQ(m_b.connections(), 0);
+}
+
+TEST_F(ConnectionHosts, EachCanBeNamedAndAskedAlone) {
+  const auto hosts = Connection::hosts();
+  ASSERT_EQ(hosts.size(), 2U);
+  for (const auto& [host, node] : {std::pair(hosts[0], "a"), std::pair(hosts[1], "b")}) {
+    Connection connection(host, s_name);
+    EXPECT_EQ(nodeOf(connection), node);
+    EXPECT_EQ(connection.host().name, host.name);
+  }
+  m_a.goDown();
+  EXPECT_THAT(caughtError([&] { const Connection connection(hosts[0], s_name); })->what(),
+              HasSubstr(m_a.path()));
+}
+
+TEST_F(ConnectionHosts, OneThatIsToBeLeftIsPassedOverForAWhile) {
+  Connection connection(s_name);
+  EXPECT_EQ(nodeOf(connection), "a");
+  connection.leaveHost();
+  EXPECT_EQ(nodeOf(connection), "b");
+  EXPECT_EQ(nodeNow(), "b");
 }
 
 TEST_F(ConnectionHosts, OneThatIsDownIsPassedOver) {

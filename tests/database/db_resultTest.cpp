@@ -38,6 +38,9 @@ TEST_F(DbResult, AResultWithoutRowsHasColumnsAndNothingElse) {
     EXPECT_EQ(db_result_row_num(result), 0);
     EXPECT_EQ(db_result_row_num(connection, result), 0);
     EXPECT_EQ(db_result_column_num(result), 2U);
+    EXPECT_STREQ(db_result_column_name(result, 1), "2");
+    EXPECT_STREQ(db_result_column_name(result, 2), "");
+    EXPECT_STREQ(db_result_column_name(nullptr, 0), "");
     EXPECT_EQ(db_result_fetch_row(result, 0), nullptr);
     EXPECT_STREQ(db_result_get_value(connection, result, nullptr, 0), "");
     EXPECT_EQ(db_result_field_length(result, 0), 0U);

@@ -84,7 +84,8 @@ class MetricsListenerTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     const MetricsListener::Pages pages{[] { return "a_metric 1\n"; },
-                                       [] { return s_isReady ? "" : "no table"; }};
+                                       [] { return s_isReady ? "" : "no table"; },
+                                       [] { return s_isReady ? "db1:3306" : ""; }};
     // Another program may take the port between the two steps.
     for (int attempt = 0; s_listener == nullptr; ++attempt) {
       s_port = TcpSocket().bindAnywhere();
@@ -129,11 +130,11 @@ TEST_F(MetricsListenerTest, TellsThatItIsAliveAndWhetherItIsReady) {
   EXPECT_THAT(health, EndsWith("\r\n\r\nok\n"));
   const std::string ready = get("/ready");
   EXPECT_THAT(ready, StartsWith("HTTP/1.1 200 OK\r\n"));
-  EXPECT_THAT(ready, EndsWith("\r\n\r\nready\n"));
+  EXPECT_THAT(ready, EndsWith("\r\n\r\nready\ndatabase: db1:3306\n"));
   s_isReady = false;
   const std::string reply = get("/ready");
   EXPECT_THAT(reply, StartsWith("HTTP/1.1 503 Service Unavailable\r\n"));
-  EXPECT_THAT(reply, HasSubstr("\r\n\r\nno table\n"));
+  EXPECT_THAT(reply, HasSubstr("\r\n\r\nno table\ndatabase: none can be asked\n"));
   s_isReady = true;
   EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
 }

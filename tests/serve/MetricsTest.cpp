@@ -186,5 +186,16 @@ TEST(Metrics, AreCountedAndReadByManyThreads) {
               HasSubstr("requests_total{map=\"alias\",result=\"notfound\"} 400\n"));
 }
 
+TEST(Metrics, OneHostIsNamedAtATime) {
+  Metrics metrics;
+  EXPECT_THAT(metrics.text(), Not(HasSubstr("database_host{")));
+  metrics.databaseHost("db1:3306");
+  metrics.databaseHost("db2:3306");
+  EXPECT_THAT(metrics.text(), HasSubstr("database_host{host=\"db2:3306\"} 1\n"));
+  EXPECT_THAT(metrics.text(), Not(HasSubstr("db1")));
+  metrics.databaseHost("");
+  EXPECT_THAT(metrics.text(), Not(HasSubstr("database_host{")));
+}
+
 }  // namespace
 }  // namespace Tessel::Serve

@@ -445,12 +445,13 @@ TEST_F(TableWatchTest, WhileTheServerIsAwayTheLastImageStaysAndWhatChangesThenIs
 class TableWatchOnTwoServers : public TableWatchTest {
  protected:
   static void SetUpTestSuite() {
+    if (s_other) return;
     const std::string before = TestServer::shared().optionFile();
-    s_other = std::make_unique<TestServer>();
+    s_other = std::make_unique<TestServer>(
+        std::vector<std::string>{"--log-bin=changes", "--server-id=7"});
     // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
     setenv("TSL_DATABASE_OPTION_FILE", before.c_str(), 1);
   }
-  static void TearDownTestSuite() { s_other.reset(); }
 
   void SetUp() override {
     TableWatchTest::SetUp();
@@ -512,6 +513,76 @@ TEST_F(TableWatchOnTwoServers, BehindAProxyTheRowsAndTheChangesAreThoseOfOneServ
   expectLogged(
       "connections to the database lead to different servers: tables are read one after "
       "the other, over one connection");
+}
+
+// The server that is watched replicates the other one.
+class TableWatchOnReplica : public TableWatchOnTwoServers {
+ protected:
+  void SetUp() override {
+    TableWatchOnTwoServers::SetUp();
+    s_other->sql("create or replace user replica@localhost identified by 'secret'");
+    s_other->sql("grant replication slave on *.* to replica@localhost");
+    const TestServer::Rows place = s_other->sql("show master status");
+    const std::string& path = m_primary.path();
+    sql("change master to master_host = '127.0.0.1', master_port = " +
+        path.substr(path.find(':') + 1) +
+        ", master_user = 'replica', master_password = 'secret', master_use_gtid = no,"
+        " master_log_file = '" +
+        place.at(0).at(0) + "', master_log_pos = " + place.at(0).at(1) + ", master_delay = 600");
+    sql("start slave");
+    EXPECT_TRUE(s_waitFor([] { return sql("show slave status").at(0).at(10) == "Yes"; }));
+    m_settings.maxLag = std::chrono::minutes(2);
+  }
+  void TearDown() override {
+    m_watch.reset();
+    sql("stop slave");
+    sql("reset slave all");
+    TableWatchOnTwoServers::TearDown();
+  }
+
+  // Has the replica be so far behind.
+  static void changeOnPrimary(int lag) {
+    s_other->sql("set timestamp = unix_timestamp() - " + std::to_string(lag));
+    s_other->sql("insert into ts_address_map.alias values('y@d', 'z@d')");
+    s_other->sql("set timestamp = default");
+  }
+
+  Testing::SocketRelay m_primary{{m_otherPath}};
+};
+
+TEST_F(TableWatchOnReplica, ItsLagIsAgeOfTheRows) {
+  watch();
+  EXPECT_TRUE(becomes("x@d", "a@d"));
+  EXPECT_LT(age(), seconds(30));
+  changeOnPrimary(60);
+  EXPECT_TRUE(s_waitFor([this] { return age() > seconds(59); }));
+  EXPECT_LT(age(), seconds(90));
+  EXPECT_EQ(count("database_errors_total"), 0);
+}
+
+TEST_F(TableWatchOnReplica, OneThatIsFarBehindOrStoppedIsNotRead) {
+  watch();
+  EXPECT_TRUE(becomes("x@d", "a@d"));
+  sql("stop slave");
+  expectLogged("does not replicate, and must for --max-lag 2m");
+  sql("start slave");
+  expectLogged("the database is available again");
+  changeOnPrimary(200);
+  expectLogged("s behind, more than --max-lag 2m");
+  sql("update ts_address_map.alias set members = 'c@d'");
+  EXPECT_EQ(find("x@d"), "a@d");
+  sql("stop slave");
+  sql("reset slave all");
+  EXPECT_TRUE(becomes("x@d", "c@d"));
+}
+
+TEST_F(TableWatchOnReplica, OneThatIsFarBehindIsLeftForAnotherHost) {
+  Testing::SocketRelay replica({m_path});
+  use(replica.path() + "," + m_primary.path());
+  changeOnPrimary(200);
+  watch();
+  EXPECT_TRUE(becomes("y@d", "z@d"));
+  EXPECT_EQ(m_watch->host(), m_primary.path());
 }
 
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {

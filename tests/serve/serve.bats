@@ -405,12 +405,12 @@ PYTHON
   sql 'drop table if exists alias_sales; create table alias_sales like alias;'
   start_service --only sales --only nosuch --metrics "127.0.0.1:$port"
   wait_for log_has "error: --only nosuch: there is no table alias_nosuch or mask_nosuch, and its requests are answered TEMP; the named tables are alias_sales"
-  equal "$(get ready)" "503 --only nosuch: there is no such table"
+  contains "$(get ready)" "503 --only nosuch: there is no such table"
   sql 'create table alias_nosuch like alias;'
   wait_for is_ready
   answers 'alias.slaes team@example.com' 'TEMP there is no such table'
   wait_for log_has "mail servers ask for table alias_slaes and are answered TEMP: there is no such table; the named tables are alias_nosuch, alias_sales"
-  equal "$(get ready)" "503 alias_slaes: mail servers ask for it, and it is not served"
+  contains "$(get ready)" "503 alias_slaes: mail servers ask for it, and it is not served"
   sql 'drop table alias_nosuch; drop table alias_sales;'
 }
 

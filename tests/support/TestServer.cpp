@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -107,9 +108,11 @@ void TestServer::startGuard() {
   if (m_guard == 0) {
     // Out of reach of what is meant for the test program.
     setsid();
-    close(ends[1]);
+    // Nor may it keep open what the guard of another server waits for.
+    dup2(ends[0], STDIN_FILENO);
+    close_range(STDERR_FILENO + 1, UINT_MAX, 0);
     char byte = 0;
-    while (read(ends[0], &byte, 1) < 0 && errno == EINTR) {
+    while (read(STDIN_FILENO, &byte, 1) < 0 && errno == EINTR) {
     }
     const pid_t server = pid();
     if (server != 0) ::kill(server, SIGKILL);

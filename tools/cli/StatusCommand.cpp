@@ -1,4 +1,7 @@
 // The command `status`: what the tool would work on, and in which state it is.
+#include <chrono>
+#include <cmath>
+#include <ratio>
 #include <string>
 #include <vector>
 
@@ -9,6 +12,7 @@
 #include "database/QueryTableNames.h"
 #include "tables/Configuration.h"
 #include "tables/Schema.h"
+#include "tables/ServerRole.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 #include "terminal/Say.h"
@@ -41,10 +45,53 @@ void s_askTables(Database::Connection& connection, Json& status, std::vector<Fai
   }
 }
 
+// What is known of one of the hosts that the options name.
+Json s_askHost(const Database::Connection::Host& host) {
+  Json known{{"host", printable(host.name)},
+             {"used", false},
+             {"reachable", false},
+             {"why", nullptr},
+             {"server", nullptr},
+             {"version", nullptr},
+             {"role", nullptr},
+             {"readOnly", nullptr},
+             {"lag", nullptr},
+             {"milliseconds", nullptr}};
+  try {
+    Database::Connection connection(host, "");
+    known["reachable"] = true;
+    known["server"] = printable(connection.peerAddress().text());
+    known["version"] = printable(connection.serverVersion());
+    const auto start = std::chrono::steady_clock::now();
+    const ServerRole role = roleOf(connection);
+    const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
+    known["milliseconds"] = std::round(time.count() * 100) / 100;
+    known["role"] = printable(roleText(role));
+    known["readOnly"] = role.isReadOnly;
+    if (role.replica && role.replica->lag) known["lag"] = role.replica->lag->count();
+  } catch (const Exception& exception) {
+    known["why"] = printable(reasonOf(exception));
+  }
+  return known;
+}
+
+// Fills in what is known of each host; `used` is the one that the connections of this program use.
+void s_askHosts(Json& status, std::vector<Failure>& failures, const std::string& used) {
+  s_try(failures, "reading the options", [&] {
+    for (const Database::Connection::Host& host : Database::Connection::hosts()) {
+      status["hosts"].push_back(s_askHost(host));
+      Json& known = status["hosts"].back();
+      known["used"] = known.at("reachable") == true && host.name == used;
+    }
+  });
+}
+
 // Fills in what is known of the database.
 void s_askDatabase(Json& status, std::vector<Failure>& failures) {
+  std::string used;
   s_try(failures, "asking the database", [&] {
     Database::Connection connection("");
+    used = connection.host().name;
     status["server"] = printable(connection.peerAddress().text());
     status["version"] = printable(connection.serverVersion());
     const bool isPresent = connection.dbSelectIfExists(s_database);
@@ -52,6 +99,7 @@ void s_askDatabase(Json& status, std::vector<Failure>& failures) {
     if (!isPresent) status["schema"] = summaryOf(Schema());
     if (isPresent) s_askTables(connection, status, failures);
   });
+  s_askHosts(status, failures, used);
 }
 
 std::string s_text(const Json& value) {
@@ -59,10 +107,26 @@ std::string s_text(const Json& value) {
   return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
-  for (const char* key : {"server", "version", "database", "schema"}) {
-    output.line(key + (": " + s_text(status.at(key))));
+std::string s_hostText(const Json& host) {
+  const std::string& name = host.at("host").get_ref<const std::string&>();
+  std::string text = name.empty() ? s_text(host.at("server")) : name;
+  if (host.at("reachable") == true) {
+    text += host.at("used") == true ? ", used" : ", not used";
+    text += ", " + s_text(host.at("version"));
+    if (!host.at("role").is_null()) {
+      text += ", " + s_text(host.at("role")) + ", " + s_text(host.at("milliseconds")) + " ms";
+    }
   }
+  return host.at("why").is_null() ? text : text + ": " + s_text(host.at("why"));
+}
+
+void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
+  const auto line = [&](const char* key) { output.line(key + (": " + s_text(status.at(key)))); };
+  line("server");
+  line("version");
+  for (const Json& host : status.at("hosts")) output.line("host: " + s_hostText(host));
+  line("database");
+  line("schema");
   for (const Json& table : status.at("tables")) {
     output.line("table: " + s_text(table.at("table")) + ", rows: " + s_text(table.at("rows")));
   }
@@ -72,13 +136,10 @@ void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
 }
 
 ExitCode s_status(Session& session) {
-  Json status{{"server", nullptr},
-              {"version", nullptr},
-              {"database", s_database},
-              {"present", nullptr},
-              {"schema", nullptr},
-              {"tables", Json::array()},
-              {"cmf", printable(configurationDirectory())},
+  Json status{{"server", nullptr},       {"version", nullptr},
+              {"hosts", Json::array()},  {"database", s_database},
+              {"present", nullptr},      {"schema", nullptr},
+              {"tables", Json::array()}, {"cmf", printable(configurationDirectory())},
               {"domains", nullptr}};
   std::vector<Failure> failures;
   s_askDatabase(status, failures);
@@ -105,14 +166,21 @@ ExitCode s_status(Session& session) {
 }  // namespace
 
 void addStatusCommand(Command& top) {
-  top.command("status", "Show the server, the database, its tables and the configuration",
-              "  tsl-address-map status\n"
-              "  tsl-address-map --local status --json\n"
-              "Shows what is known even if the rest is not; the exit status is 75 (or 78)"
-              " then.\n"
-              "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
-              " \"tables\", \"cmf\", \"domains\"},\nnull where it is not known.\n",
-              Preparation::Server, s_status);
+  top.command(
+      "status", "Show the server, the database, its tables and the configuration",
+      "  tsl-address-map status\n"
+      "  tsl-address-map --local status --json\n"
+      "Shows what is known even if the rest is not; the exit status is 75 (or 78)"
+      " then.\n"
+      "A host is one of those that the option file names: whether it can be reached and is"
+      " used, its\nversion, whether it is a node of a cluster, a replica and how far behind,"
+      " or read-only, and how\nlong the answer took. To see replication, the SQL user needs"
+      " the right REPLICA MONITOR.\n"
+      "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
+      " \"hosts\", \"tables\", \"cmf\",\n\"domains\"}, null where it is not known; each of"
+      " \"hosts\" {\"host\", \"used\", \"reachable\", \"why\",\n\"server\", \"version\","
+      " \"role\", \"readOnly\", \"lag\", \"milliseconds\"}.\n",
+      Preparation::Server, s_status);
 }
 
 }  // namespace Tessel::Tool

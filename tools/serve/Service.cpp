@@ -150,7 +150,8 @@ class Service {
     m_metricsListener = std::make_unique<MetricsListener>(
         address.host, address.port,
         MetricsListener::Pages{[this] { return metrics(); },
-                               [this] { return m_readiness.whyNot(Clock::now()); }});
+                               [this] { return m_readiness.whyNot(Clock::now()); },
+                               [this] { return m_watch->host(); }});
   }
 
   std::string metrics() {

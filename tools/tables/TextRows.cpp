@@ -17,9 +17,14 @@ namespace {
 
 class TextParser : public Database::AllRowParser {
  public:
+  // Takes the first `columns` columns, or all where that is 0.
   explicit TextParser(unsigned int columns) : m_columns(columns) {}
 
   void parse(void* connection, void* result) override {
+    if (m_columns == 0) m_columns = db_result_column_num(result);
+    for (unsigned int column = 0; column < m_columns; ++column) {
+      m_names.emplace_back(db_result_column_name(result, column));
+    }
     const std::int64_t count = db_result_row_num(result);
     for (std::int64_t i = 0; i < count; ++i) {
       void* const row = db_result_fetch_row(result, i);
@@ -33,9 +38,11 @@ class TextParser : public Database::AllRowParser {
   }
 
   std::vector<TextRow> take() { return std::move(m_rows); }
+  [[nodiscard]] const TextRow& names() const { return m_names; }
 
  private:
   unsigned int m_columns;
+  TextRow m_names;
   std::vector<TextRow> m_rows;
 };
 
@@ -72,6 +79,20 @@ std::vector<TextRow> selectTexts(Database::Connection& connection, const std::st
   query << statement;
   query.execute();
   return parser.take();
+}
+
+std::vector<std::map<std::string, std::string>> selectNamed(Database::Connection& connection,
+                                                            const std::string& statement) {
+  TextParser parser(0);
+  Database::Query query(connection, &parser, true);
+  query << statement;
+  query.execute();
+  std::vector<std::map<std::string, std::string>> named;
+  for (const TextRow& row : parser.take()) {
+    auto& columns = named.emplace_back();
+    for (std::size_t i = 0; i < row.size(); ++i) columns.emplace(parser.names()[i], row[i]);
+  }
+  return named;
 }
 
 void selectPairs(Database::Connection& connection, const std::string& statement,

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,10 @@ using TextRow = std::vector<std::string>;
 // database cannot answer.
 std::vector<TextRow> selectTexts(Database::Connection& connection, const std::string& statement,
                                  unsigned int columns);
+
+// The rows of `statement`, each by the names of its columns. Throws Exception as above.
+std::vector<std::map<std::string, std::string>> selectNamed(Database::Connection& connection,
+                                                            const std::string& statement);
 
 // Called with the progress of reading a result: before its first row, and after each step.
 using CountRows = std::function<void(std::uint64_t read, std::uint64_t total)>;

@@ -29,6 +29,8 @@ struct Metrics::Families {
   prometheus::Family<prometheus::Gauge>& leftOut;
   prometheus::Family<prometheus::Gauge>& age;
   prometheus::Family<prometheus::Gauge>& memory;
+  prometheus::Family<prometheus::Gauge>& host;
+  prometheus::Gauge* presentHost = nullptr;
 };
 
 Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
@@ -104,6 +106,10 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                BuildGauge()
                    .Name("tsl_address_map_memory_bytes")
                    .Help("Memory of images, and of the answers and pages that are kept")
+                   .Register(registry),
+               BuildGauge()
+                   .Name("tsl_address_map_database_host")
+                   .Help("The host whose database is read, as a label")
                    .Register(registry)});
 }
 
@@ -171,6 +177,14 @@ void Metrics::forgetTable(const std::string& sqlName) {
     for (auto* family : {&families.rows, &families.leftOut, &families.age}) {
       if (family->Has(labels)) family->Remove(&family->Add(labels));
     }
+  });
+}
+
+void Metrics::databaseHost(const std::string& host) {
+  m_families->with([&host](Families& families) {
+    if (families.presentHost != nullptr) families.host.Remove(families.presentHost);
+    families.presentHost = host.empty() ? nullptr : &families.host.Add({{"host", host}});
+    if (families.presentHost != nullptr) families.presentHost->Set(1);
   });
 }
 

@@ -36,6 +36,8 @@ class Metrics {
   void cacheHit();
   // An answer came from an image that cannot be compared with its table now.
   void staleAnswer();
+  // The database of this host is read from now on; empty: none can be asked.
+  void databaseHost(const std::string& host);
   // The database did not answer.
   void databaseError();
   // A table was reread, or could not be.

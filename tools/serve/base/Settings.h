@@ -30,6 +30,8 @@ struct Settings {
   std::vector<std::string> tables;  // Store names; empty for all tables.
   std::chrono::milliseconds refresh{1000};
   std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: forever.
+  // A replica that is further behind is not read; nothing: none is asked for that.
+  std::optional<std::chrono::milliseconds> maxLag;
   std::string snapshot;  // Directory; empty for none.
   // Shortest time between two snapshots of a table. Not an option.
   std::chrono::milliseconds snapshotInterval{10000};

@@ -9,7 +9,9 @@
 #include "database/Connection.h"
 #include "database/Transaction.h"
 #include "failure/Failure.h"
+#include "serve/base/SettingsText.h"
 #include "tables/AliasGraph.h"
+#include "tables/ServerRole.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Serve {
@@ -61,6 +63,12 @@ std::string s_marks(const std::string& condition) {
   return std::string(s_marksStatement) + s_longAgo +
          ", 1) from information_schema.tables where table_schema = '" + Tool::s_database +
          "' and " + condition + ";";
+}
+
+// The host of a connection, for people.
+std::string s_nameOf(Database::Connection& connection) {
+  const std::string name = connection.host().name;
+  return name.empty() ? connection.peerAddress().text() : name;
 }
 
 std::size_t s_count(const TableImage& image) {
@@ -124,6 +132,10 @@ void TableWatch::start() {
 void TableWatch::reload() {
   m_state.with([](State& state) { state.isReloading = true; });
   m_wake.notify_all();
+}
+
+std::string TableWatch::host() {
+  return m_state.with([](const State& state) { return state.host; });
 }
 
 bool TableWatch::isSettled() {
@@ -231,6 +243,8 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
       }
       const auto rows =
           Tool::selectTexts(*connection, s_marks("table_type = 'BASE TABLE'"), s_markColumns);
+      m_lag = askLag(*connection).count();
+      noteHost(s_nameOf(*connection));
       return {rows.begin(), rows.end()};
     } catch (const Exception& exception) {
       connection.reset();
@@ -239,6 +253,29 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
       throw;
     }
   });
+}
+
+// How far the database is behind the one that it replicates; nothing unless --max-lag asks for it.
+std::chrono::seconds TableWatch::askLag(Database::Connection& connection) {
+  if (!m_settings.maxLag) return {};
+  const auto replica = Tool::replicaOf(connection);
+  if (!replica) return {};
+  if (replica->lag && *replica->lag <= *m_settings.maxLag) return *replica->lag;
+  const std::string host = s_nameOf(connection);
+  connection.leaveHost();
+  throw Tool::Failure(
+      Tool::ExitCode::Unavailable, "asking " + host,
+      "the replica " + host +
+          (replica->lag ? " is " + std::to_string(replica->lag->count()) + " s behind, more than"
+                        : " does not replicate, and must for") +
+          " --max-lag " + timeText(*m_settings.maxLag),
+      "");
+}
+
+void TableWatch::noteHost(const std::string& name) {
+  const bool isNew =
+      m_state.with([&name](State& state) { return std::exchange(state.host, name) != name; });
+  if (isNew) m_metrics.databaseHost(name);
 }
 
 void TableWatch::compare(const Mark& mark, Clock::time_point start) {
@@ -265,7 +302,7 @@ void TableWatch::compare(const Mark& mark, Clock::time_point start) {
     if (watched.isBusy) return;
     const bool isSame = watched.hasPrint(print) && !watched.isFailing;
     const bool isInUse = isSame && watched.read == TableState::Good;
-    if (isInUse) table->confirm(start);
+    if (isInUse) table->confirm(start - lag());
     Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
     if (watched.read == TableState::Filling) next = std::min(next, watched.seenSince + quiet());
     if (start >= std::max(next, watched.readAfter)) return read(watched, mark);
@@ -455,7 +492,7 @@ void TableWatch::readNow(Table& table, const Mark& found, Clock::time_point star
   if (isAccepted) {
     report(table, *image);
     table.publish(image);
-    table.confirm(start);
+    table.confirm(start - lag());
   }
   // Reported once at this level: a busy table would fill the log.
   const auto tell = isFirst ? &Log::info : &Log::debug;
@@ -538,31 +575,32 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
   if (!m_snapshots.isWanted() || now < watched.saveAfter) return;
   watched.saveAfter = now + m_settings.snapshotInterval;
   watched.isBusy = true;
-  m_readers.post(
-      [this, table = watched.table, saved = watched.saved, id = watched.savedAs, now]() mutable {
-        const std::uint64_t generation = table->generation();
-        std::string why;
-        try {
-          if (saved != generation || !m_snapshots.confirm(table->sqlName(), id, now)) {
-            id = m_snapshots.save(table->sqlName(), *table->image(), now);
-          }
-        } catch (const std::exception& exception) {
-          why = exception.what();
-        }
-        note(*table, [&](Watched& current) {
-          if (why.empty()) {
-            current.saved = generation;
-            current.savedAs = id;
-          } else {
-            m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
-          }
-          current.isBusy = false;
-        });
-      });
+  m_readers.post([this, table = watched.table, saved = watched.saved, id = watched.savedAs,
+                  now = now - lag()]() mutable {
+    const std::uint64_t generation = table->generation();
+    std::string why;
+    try {
+      if (saved != generation || !m_snapshots.confirm(table->sqlName(), id, now)) {
+        id = m_snapshots.save(table->sqlName(), *table->image(), now);
+      }
+    } catch (const std::exception& exception) {
+      why = exception.what();
+    }
+    note(*table, [&](Watched& current) {
+      if (why.empty()) {
+        current.saved = generation;
+        current.savedAs = id;
+      } else {
+        m_log.error("table " + table->sqlName() + ": no snapshot was written: " + why);
+      }
+      current.isBusy = false;
+    });
+  });
 }
 
 void TableWatch::fail(const std::string& why) {
   m_metrics.databaseError();
+  noteHost("");
   disconnect();
   if (m_isFailing) return;
   m_isFailing = true;
@@ -575,6 +613,10 @@ void TableWatch::fail(const std::string& why) {
                     : " cannot answer");
   }
   m_log.error(text);
+}
+
+std::chrono::seconds TableWatch::lag() const {
+  return std::chrono::seconds(m_lag);
 }
 
 void TableWatch::disconnect() {

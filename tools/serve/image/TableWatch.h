@@ -57,6 +57,8 @@ class TableWatch {
   // With settings that do not work, which are reported, the old connection stays, and what is known
   // of the other tables too.
   void reload();
+  // The host whose database is read; empty while none can be asked.
+  std::string host();
   // True when the database was asked once, and all tables that it has were read, or could not be.
   bool isSettled();
   // Stops watching. False when something still runs after `patience`, which waits for the database
@@ -133,6 +135,7 @@ class TableWatch {
     bool isReconnecting = false;
     bool isRunning = false;
     bool hasLooked = false;
+    std::string host;                        // Where the changes are looked for.
     std::map<std::string, Watched> watched;  // By SQL name. Only grows.
   };
 
@@ -142,6 +145,9 @@ class TableWatch {
   bool reconnect();
   std::vector<Mark> listTables();
   void compare(const Mark& mark, Clock::time_point start);
+  std::chrono::seconds askLag(Database::Connection& connection);
+  [[nodiscard]] std::chrono::seconds lag() const;
+  void noteHost(const std::string& name);
   void noteNames(const std::vector<Mark>& marks);
   void noteMissing(Clock::time_point start);
   std::string whyDenied(const Table& table);
@@ -176,6 +182,8 @@ class TableWatch {
 
   Guarded<ConnectionPointer> m_connection;  // Finds the changes.
   std::atomic<int> m_mismatches = 0;        // Readings in a row on another server than that.
+
+  std::atomic<std::chrono::seconds::rep> m_lag = 0;  // Of the database, at the last look.
 
   // Of the watching thread alone.
   bool m_isFailing = false;

@@ -122,7 +122,9 @@ class MetricsListener::Server {
     } else if (request.target() == "/ready") {
       const std::string why = m_pages.unready();
       if (!why.empty()) response.result(http::status::service_unavailable);
-      response.body() = why.empty() ? "ready\n" : why + "\n";
+      const std::string host = m_pages.host();
+      response.body() = (why.empty() ? "ready" : why) +
+                        "\ndatabase: " + (host.empty() ? "none can be asked" : host) + "\n";
     } else {
       response.result(http::status::not_found);
       response.body() = "there are /metrics, /health and /ready\n";

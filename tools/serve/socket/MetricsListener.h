@@ -17,6 +17,7 @@ class MetricsListener {
   struct Pages {
     std::function<std::string()> metrics;
     std::function<std::string()> unready;  // Why the service is not ready; empty when it is.
+    std::function<std::string()> host;     // Whose database it reads; empty for none.
   };
 
   // Listens on a port of the address or name `host`. Throws Tool::Failure,
