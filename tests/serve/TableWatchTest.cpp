@@ -36,7 +36,6 @@ namespace fs = std::filesystem;
 
 constexpr char s_missing[] = "the table is missing in the database";
 constexpr char s_empty[] = "the table has lost all its rows";
-constexpr char s_filling[] = "the table is being filled again";
 
 // Waits for `condition`, twenty seconds at most; what it was at the end.
 bool s_waitFor(const std::function<bool()>& condition) {
@@ -194,50 +193,6 @@ TEST_F(TableWatchTest, TablesComeAndGoAndComeBack) {
       "until it is back; if it is gone for good, reload the service");
 }
 
-TEST_F(TableWatchTest, AMissingTableIsNotAnsweredUntilItIsBack) {
-  const Testing::ScratchFile scratch;
-  m_settings.snapshot = scratch.directory();
-  sql("create table ts_address_map.alias_x like ts_address_map.alias");
-  for (const char* table : {"alias", "alias_x"}) add("a@d", "b@d", table);
-  watch();
-  ASSERT_TRUE(becomesUnable("alias_x", ""));
-  ASSERT_TRUE(becomesUnable("alias", ""));
-  ASSERT_TRUE(s_waitFor([&] { return fs::exists(scratch.directory() + "/alias_x.image"); }));
-  sql("drop table ts_address_map.alias_x");
-  EXPECT_TRUE(becomesUnable("alias_x", s_missing));
-  EXPECT_EQ(whyUnable("alias"), "");
-  EXPECT_TRUE(fs::exists(scratch.directory() + "/alias_x.image"));
-  sql("create table ts_address_map.alias_x like ts_address_map.alias");
-  EXPECT_TRUE(becomesUnable("alias_x", s_empty));
-  add("a@d", "c@d", "alias_x");
-  EXPECT_TRUE(becomesUnable("alias_x", ""));
-  EXPECT_EQ(find("a@d", "alias_x"), "c@d");
-  expectLogged("table alias_x answers again");
-}
-
-TEST_F(TableWatchTest, AReloadConfirmsThatANamedTableIsGoneForGood) {
-  const Testing::ScratchFile scratch;
-  m_settings.snapshot = scratch.directory();
-  sql("create table ts_address_map.alias_x like ts_address_map.alias");
-  add("a@d", "b@d", "alias_x");
-  watch();
-  ASSERT_TRUE(s_waitFor([&] { return fs::exists(scratch.directory() + "/alias_x.image"); }));
-  EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()), HasSubstr("\"alias_x\""));
-  const TablePointer table = m_tables.find("alias_x");
-  sql("drop table ts_address_map.alias_x");
-  ASSERT_TRUE(becomesUnable("alias_x", s_missing));
-  m_watch->reload();
-  EXPECT_TRUE(s_waitFor([&] { return m_tables.find("alias_x") == nullptr; }));
-  EXPECT_EQ(table->whyUnable(Clock::now(), m_settings), "there is no such table");
-  EXPECT_TRUE(s_waitFor([&] { return !fs::exists(scratch.directory() + "/alias_x.image"); }));
-  EXPECT_THAT(metricsText(m_metrics, m_tables, Clock::now()), Not(HasSubstr("\"alias_x\"")));
-  // Another table of that name later has nothing to do with it: it may be empty.
-  sql("create table ts_address_map.alias_x like ts_address_map.alias");
-  EXPECT_TRUE(s_waitFor([&] { return m_tables.find("alias_x") != nullptr; }));
-  EXPECT_TRUE(becomesUnable("alias_x", ""));
-  expectLogged("table alias_x is gone for good");
-}
-
 TEST_F(TableWatchTest, ABaseTableThatIsGoneForGoodIsStillExpected) {
   const Testing::ScratchFile scratch;
   fs::create_directory(scratch.directory() + "/alias.image");
@@ -310,52 +265,6 @@ TEST_F(TableWatchTest, ASnapshotTellsThatATableHadRows) {
   watch();
   EXPECT_TRUE(becomesUnable("alias", s_empty));
   EXPECT_TRUE(becomesUnable("alias_x", s_missing));
-}
-
-// No row is used before all are there: a part of the addresses would be "not found".
-TEST_F(TableWatchTest, ATableThatIsRestoredRowByRowIsAnsweredWhenItIsQuiet) {
-  for (const char* name : {"a@d", "b@d", "c@d"}) add(name, "x@d");
-  watch();
-  ASSERT_TRUE(becomes("a@d", "x@d"));
-  dropAlias();
-  ASSERT_TRUE(becomesUnable("alias", s_missing));
-  createAlias();
-  add("a@d", "y@d");
-  EXPECT_TRUE(becomesUnable("alias", s_filling));
-  EXPECT_EQ(find("b@d"), "x@d");
-  const Clock::time_point added = Clock::now();
-  add("b@d", "y@d");
-  EXPECT_TRUE(becomesUnable("alias", ""));
-  EXPECT_GT(Clock::now() - added, seconds(1));
-  EXPECT_EQ(find("b@d"), "y@d");
-  EXPECT_EQ(find("c@d"), "none");
-  expectLogged(
-      "table alias has 1 rows instead of 3: these are not used until it has not "
-      "changed for 1 s, or the service is reloaded");
-}
-
-TEST_F(TableWatchTest, ATableThatLosesMostOfItsRowsAnswersWithTheOldOnesUntilItIsQuiet) {
-  for (int i = 0; i < 20; ++i) add("a" + std::to_string(i) + "@d", "x@d");
-  watch();
-  ASSERT_TRUE(becomes("a1@d", "x@d"));
-  sql("delete from ts_address_map.alias where name != 'a0@d'");
-  const Clock::time_point deleted = Clock::now();
-  EXPECT_TRUE(becomes("a1@d", "none"));
-  EXPECT_GT(Clock::now() - deleted, seconds(1));
-  EXPECT_EQ(whyUnable("alias"), "");
-}
-
-TEST_F(TableWatchTest, ATableThatLosesMostOfItsRowsAndChangesOnAndOnIsReadAllTheSame) {
-  for (int i = 0; i < 12; ++i) add("a" + std::to_string(i) + "@d", "b@d");
-  watch();
-  ASSERT_TRUE(becomes("a11@d", "b@d"));
-  sql("delete from ts_address_map.alias where name != 'a0@d'");
-  int change = 0;
-  EXPECT_TRUE(s_waitFor([&] {
-    sql("update ts_address_map.alias set members = 'm" + std::to_string(++change) + "@d'");
-    return find("a11@d") == "none";
-  }));
-  EXPECT_GT(change, 5);
 }
 
 TEST_F(TableWatchTest, ATableThatIsExchangedForAnotherIsRead) {

@@ -680,29 +680,6 @@ serve_own() {
   SERVER=$common
 }
 
-@test "what is known is answered for the time of --stale, and then nothing is" {
-  common=$SERVER
-  own_server
-  choose_port
-  serve_own --stale 6s --metrics "127.0.0.1:$port"
-  wait_for answers 'alias team@example.com' "$found"
-  # It hangs, so that whoever reads the tables waits.
-  pid=$(server_pid)
-  kill -STOP "$pid"
-  answers 'alias nobody@example.com' 'NOTFOUND '
-  wait_for answers 'alias team@example.com' 'TEMP the database is unavailable, and the rows in memory are too old'
-  answers 'alias nobody@example.com' 'TEMP the database is unavailable, and the rows in memory are too old'
-  wait_for grep -qE "error: table alias was last known to be right [67] s ago, longer than --stale" "$directory/log"
-  contains "$(get ready)" "503 alias: the database is unavailable, and the rows in memory are too old (last known to be right"
-  kill -CONT "$pid"
-  wait_for log_has "table alias is not too old any more"
-  wait_for is_ready
-  answers 'alias team@example.com' "$found"
-  end_service
-  stop_server
-  SERVER=$common
-}
-
 @test "a service that starts while the database is unavailable answers from its snapshot, or TEMP" {
   common=$SERVER
   own_server

@@ -76,9 +76,9 @@ Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
 
 Lookup::~Lookup() = default;
 
-const std::string* Lookup::reply(std::string_view request) {
-  m_since = Clock::now();
-  if (!replyAt(request, m_since)) return nullptr;
+const std::string* Lookup::reply(std::string_view request, Clock::time_point now) {
+  m_since = now;
+  if (!replyAt(request, now)) return nullptr;
   m_metrics.answered(m_map, m_result, Clock::now() - m_since);
   return &m_reply;
 }

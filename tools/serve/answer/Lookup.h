@@ -41,10 +41,10 @@ class Lookup {
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  // The reply to `request`, "MAP KEY": any bytes, which come from outside. Counts it. The reply
-  // reports failures; throws nothing but std::bad_alloc. Valid until the next call. Null when it
-  // takes longer: then it is to be asked for again when the helpers say so.
-  const std::string* reply(std::string_view request);
+  // The reply to `request`, "MAP KEY", at `now`: any bytes, which come from outside. Counts it. The
+  // reply reports failures; throws nothing but std::bad_alloc. Valid until the next call. Null when
+  // it takes longer: then it is to be asked for again when the helpers say so.
+  const std::string* reply(std::string_view request, Clock::time_point now = Clock::now());
 
   // Gives back what was not used lately. To be called once a second.
   void sweep(Clock::time_point now);

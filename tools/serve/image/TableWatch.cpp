@@ -150,29 +150,43 @@ bool TableWatch::isSettled() {
 bool TableWatch::stop(milliseconds patience) {
   m_state.with([](State& state) { state.isStopping = true; });
   m_wake.notify_all();
+  return isIdleWithin(patience);
+}
+
+bool TableWatch::isIdleWithin(milliseconds patience) {
   return m_state.waitFor(m_wake, patience, [](const State& state) {
     return !state.isRunning && std::none_of(state.watched.begin(), state.watched.end(),
                                             [](const auto& entry) { return entry.second.isBusy; });
   });
 }
 
+void TableWatch::testOnlyLook(Clock::time_point now) {
+  m_shift = now - Clock::now();
+  look();
+  isIdleWithin(std::chrono::minutes(1));
+}
+
 void TableWatch::run() {
   const milliseconds interval =
       std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
   while (!m_state.with([](const State& state) { return state.isStopping; })) {
-    if (m_state.with([](State& state) { return std::exchange(state.isReloading, false); })) {
-      prepareReload();
-    }
-    if (m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); })) {
-      disconnect();
-    }
-    look(Clock::now());
-    m_state.with([](State& state) { state.hasLooked = true; });
+    look();
     m_state.waitFor(m_wake, interval,
                     [](const State& state) { return state.isStopping || state.isReloading; });
   }
   m_state.with([](State& state) { state.isRunning = false; });
   m_wake.notify_all();
+}
+
+void TableWatch::look() {
+  if (m_state.with([](State& state) { return std::exchange(state.isReloading, false); })) {
+    prepareReload();
+  }
+  if (m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); })) {
+    disconnect();
+  }
+  compareAll(now());
+  m_state.with([](State& state) { state.hasLooked = true; });
 }
 
 // Has all tables reread over new connections.
@@ -210,7 +224,7 @@ bool TableWatch::reconnect() try {
   return false;
 }
 
-void TableWatch::look(Clock::time_point start) {
+void TableWatch::compareAll(Clock::time_point start) {
   try {
     const std::vector<Mark> marks = listTables();
     for (const Mark& mark : marks) compare(mark, start);
@@ -303,7 +317,7 @@ void TableWatch::compare(const Mark& mark, Clock::time_point start) {
     const bool isSame = watched.hasPrint(print) && !watched.isFailing;
     const bool isInUse = isSame && watched.read == TableState::Good;
     if (isInUse) table->confirm(start - lag());
-    Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point();
+    Clock::time_point next = isSame ? watched.nextRead() : Clock::time_point::min();
     if (watched.read == TableState::Filling) next = std::min(next, watched.seenSince + quiet());
     if (start >= std::max(next, watched.readAfter)) return read(watched, mark);
     if (isInUse) save(watched, start);
@@ -403,7 +417,7 @@ void TableWatch::note(const Table& table, Change change) {
 void TableWatch::read(Watched& watched, const Mark& mark) {
   watched.isBusy = true;
   m_readers.post([this, table = watched.table, mark] {
-    const Clock::time_point start = Clock::now();
+    const Clock::time_point start = now();
     std::string why;
     try {
       readNow(*table, mark, start);
@@ -411,17 +425,17 @@ void TableWatch::read(Watched& watched, const Mark& mark) {
       m_metrics.rebuildFailed();
       why = Tool::failureOf(exception, "reading").why();
     }
-    const Clock::time_point end = Clock::now();
-    note(*table, [&](Watched& now) {
-      if (!why.empty() && !now.isFailing) {
+    const Clock::time_point end = now();
+    note(*table, [&](Watched& current) {
+      if (!why.empty() && !current.isFailing) {
         m_log.error("table " + table->sqlName() + " cannot be read: " + why);
-      } else if (why.empty() && now.isFailing) {
+      } else if (why.empty() && current.isFailing) {
         m_log.warning("table " + table->sqlName() + " can be read again");
       }
-      now.isFailing = !why.empty();
+      current.isFailing = !why.empty();
       // At most half of the time is spent rereading a busy table.
-      now.readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
-      now.isBusy = false;
+      current.readAfter = end + (why.empty() ? end - start : Clock::duration(s_retry));
+      current.isBusy = false;
     });
   });
 }
@@ -485,7 +499,7 @@ void TableWatch::readNow(Table& table, const Mark& found, Clock::time_point star
   if (!reading) return;
   const ImagePointer& image = reading->image;
   const Mark& mark = reading->mark;
-  const Clock::duration took = Clock::now() - start;
+  const Clock::duration took = now() - start;
   m_metrics.rebuilt(took);
   const bool isFirst = table.generation() == 0;
   const bool isAccepted = accept(table, *image, mark, start);
@@ -604,12 +618,12 @@ void TableWatch::fail(const std::string& why) {
   disconnect();
   if (m_isFailing) return;
   m_isFailing = true;
-  const Clock::time_point now = Clock::now();
+  const Clock::time_point failed = now();
   std::string text = "the database is unavailable: " + why;
   for (const TablePointer& table : m_tables.all()) {
-    const bool isAble = table->whyUnable(now, m_settings).empty();
+    const bool isAble = table->whyUnable(failed, m_settings).empty();
     text += "; table " + table->sqlName() +
-            (isAble ? " answers with rows of " + secondsText(*table->age(now)) + " ago"
+            (isAble ? " answers with rows of " + secondsText(*table->age(failed)) + " ago"
                     : " cannot answer");
   }
   m_log.error(text);

@@ -53,6 +53,8 @@ class TableWatch {
 
   // Begins to watch, on threads of its own.
   void start();
+  // Instead of start(): one look as if it were `now`, with all that it has read. One thread.
+  void testOnlyLook(Clock::time_point now);
   // Rereads all tables, over new connections, and takes the tables that are in doubt as they are.
   // With settings that do not work, which are reported, the old connection stays, and what is known
   // of the other tables too.
@@ -110,8 +112,9 @@ class TableWatch {
     std::string seen;             // The newest print.
     Clock::time_point seenSince;  // When it was first seen.
     bool isRecent = false;        // More may have changed in the second of the print.
-    Clock::time_point lastLook;   // When the table was last seen to be there.
-    std::string created;          // When the table was created, as the server says.
+    Clock::time_point lastLook =
+        Clock::time_point::min();  // When the table was last seen to be there.
+    std::string created;           // When the table was created, as the server says.
     bool isMissing = false;
     bool isDenied = false;     // It may be there: the SQL user may not know.
     bool isReplaced = false;   // This may be another table than the one that was read before.
@@ -121,13 +124,13 @@ class TableWatch {
     std::size_t rows = 0;                // Of the image, with those that cannot be read.
     bool isBusy = false;                 // It is being read or saved.
     bool isFailing = false;
-    std::string readPrint;        // Of the image.
-    Clock::time_point readStart;  // Of the image.
-    Clock::duration readTime{};   // What reading the image took.
-    Clock::time_point readAfter;  // Not again before.
-    std::uint64_t saved = 0;      // Generation of the snapshot.
+    std::string readPrint;                                   // Of the image.
+    Clock::time_point readStart;                             // Of the image.
+    Clock::duration readTime{};                              // What reading the image took.
+    Clock::time_point readAfter = Clock::time_point::min();  // Not again before.
+    std::uint64_t saved = 0;                                 // Generation of the snapshot.
     SnapshotId savedAs;
-    Clock::time_point saveAfter;
+    Clock::time_point saveAfter = Clock::time_point::min();
   };
   struct State {
     bool isStopping = false;
@@ -140,7 +143,10 @@ class TableWatch {
   };
 
   void run();
-  void look(Clock::time_point start);
+  void look();
+  bool isIdleWithin(std::chrono::milliseconds patience);
+  [[nodiscard]] Clock::time_point now() const { return Clock::now() + m_shift; }
+  void compareAll(Clock::time_point start);
   void prepareReload();
   bool reconnect();
   std::vector<Mark> listTables();
@@ -175,6 +181,7 @@ class TableWatch {
   Metrics& m_metrics;
   Log& m_log;
   SnapshotDirectory m_snapshots;
+  Clock::duration m_shift{};  // Of the time that tests set. No reader runs when it changes.
   Background m_readers;
 
   Guarded<State> m_state;
