@@ -16,14 +16,14 @@ using Checksum = std::uint32_t;
 
 constexpr std::size_t s_header = 1 + sizeof(Length);
 
-Checksum s_checksum(std::string_view bytes) {
+Checksum s_frameChecksum(std::string_view bytes) {
   boost::crc_32_type crc;
   crc.process_bytes(bytes.data(), bytes.size());
   return crc.checksum();
 }
 
 template <class Number>
-void s_append(std::string& bytes, Number number) {
+void s_appendNumber(std::string& bytes, Number number) {
   bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
 }
 
@@ -40,9 +40,9 @@ Number s_number(std::string_view bytes) {
 std::string encoded(const Frame& frame) {
   std::string bytes;
   bytes.push_back(frame.kind);
-  s_append<Length>(bytes, frame.text.size());
+  s_appendNumber<Length>(bytes, frame.text.size());
   bytes.append(frame.text);
-  s_append<Checksum>(bytes, s_checksum(bytes));
+  s_appendNumber<Checksum>(bytes, s_frameChecksum(bytes));
   return bytes;
 }
 
@@ -53,7 +53,7 @@ std::optional<Frame> FrameReader::next() {
   if (length > m_longest) throw std::runtime_error("a message is too long");
   const std::size_t end = s_header + length;
   if (bytes.size() < end + sizeof(Checksum)) return std::nullopt;
-  if (s_number<Checksum>(bytes.substr(end)) != s_checksum(bytes.substr(0, end))) {
+  if (s_number<Checksum>(bytes.substr(end)) != s_frameChecksum(bytes.substr(0, end))) {
     throw std::runtime_error("a message is damaged");
   }
   Frame frame{bytes.front(), std::string(bytes.substr(s_header, length))};
