@@ -447,4 +447,8 @@ SocketAddress Connection::peerAddress() {
   return m_impl->ready(s_open, {}).peerAddress();
 }
 
+std::optional<Encryption> Connection::encryption() {
+  return m_impl->ready(s_open, {}).encryption();
+}
+
 }  // namespace Tessel::Database

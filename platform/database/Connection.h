@@ -3,11 +3,13 @@
 #define TSL_DATABASE_CONNECTION_H
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Export.h"
 #include "base/SocketAddress.h"
+#include "database/Encryption.h"
 
 namespace Tessel::Database {
 
@@ -85,6 +87,8 @@ class TSL_EXPORT Connection {
   Host host();
   // Address of the server that this connection leads to. Opens a dead connection again.
   SocketAddress peerAddress();
+  // How this connection is encrypted; nothing when it is not. Opens a dead connection again.
+  std::optional<Encryption> encryption();
 
  private:
   friend class Query;

@@ -214,7 +214,7 @@ Handle::Handle(MYSQL* mysql) : m_mysql(mysql), m_owner(getpid()) {
 // of mysql_close() and of TLS then fail at once. The server sees the end of the stream, undoes what
 // was not committed and counts an aborted client.
 Handle::~Handle() {
-  const PipeGuard guard(m_tls);
+  const PipeGuard guard(usesTls());
   if (!isForeign()) {
     shutdown(descriptor(), SHUT_RDWR);
   } else if (!s_turnAway(descriptor())) {
@@ -316,7 +316,7 @@ void Handle::connect(const Target& target, const std::vector<Option>& options, c
     throw Error(s_context, s_file, sourceLine(), facts);
   }
   checkTls(m_mysql, demand, until);
-  m_tls = mysql_get_ssl_cipher(m_mysql) != nullptr;
+  m_encryption = encryptionOf(m_mysql, demand);
 }
 
 // An option file may turn on what this library rests on being off, or, by naming a protocol, lead

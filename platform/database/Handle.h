@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/SocketAddress.h"
+#include "database/Encryption.h"
 #include "database/Error.h"
 #include "database/HostList.h"
 #include "database/OptionSource.h"
@@ -66,7 +67,10 @@ class Handle {
   Handle& operator=(const Handle&) = delete;
 
   [[nodiscard]] MYSQL* mysql() const noexcept { return m_mysql; }
-  [[nodiscard]] bool usesTls() const noexcept { return m_tls; }
+  [[nodiscard]] bool usesTls() const noexcept { return m_encryption.has_value(); }
+  [[nodiscard]] const std::optional<Encryption>& encryption() const noexcept {
+    return m_encryption;
+  }
   // The host that this connection leads to, as HostHealth knows it.
   [[nodiscard]] const std::string& host() const noexcept { return m_host; }
   // How many hosts there are for this connection, this one included.
@@ -94,7 +98,7 @@ class Handle {
 
   MYSQL* m_mysql;  // Owned.
   pid_t m_owner;   // The process that opened it.
-  bool m_tls = false;
+  std::optional<Encryption> m_encryption;
   std::string m_host;
   std::size_t m_hosts = 1;
 };

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "base/Exception.h"
 #include "database/Connection.h"
 #include "database/DatabaseTest.h"
+#include "database/Encryption.h"
 #include "database/Error.h"
 #include "local/LocalServer.h"
 #include "local/ServerProcess.h"
@@ -310,6 +312,44 @@ TEST_F(TlsSessionTest, AClientCertificateIsShown) {
   const auto between = relay();
   EXPECT_THAT(attempt(*between, authority(), "tls_x509"), HasSubstr("Access denied"));
   EXPECT_THAT(attempt(*between, authority() + own, "tls_x509"), HasSubstr("TLS_"));
+}
+
+TEST_F(TlsSessionTest, AConnectionSaysHowItIsEncryptedAndWithWhom) {
+  const std::string print = "ssl-fp=" + s_files->fingerprint("good") + "\n";
+  const auto between = relay();
+  const auto encryption = [&](const std::string& lines) {
+    const Testing::TestServer::OptionFile options(
+        *s_server, "[client]\nhost=" + between->path() +
+                       "\nuser=tls_native\npassword=" + s_password + "\n" + lines);
+    return Connection("").encryption();
+  };
+  EXPECT_EQ(encryption(""), std::nullopt);
+  for (const auto& [lines, want] : std::vector<std::pair<std::string, Encryption::Check>>{
+           {authority(), Encryption::Check::Name},
+           {authority() + "ssl-verify-server-cert=1\n" + print, Encryption::Check::Name},
+           {print, Encryption::Check::Fingerprint},
+           {authority() + print, Encryption::Check::Fingerprint},
+           {authority() + "ssl-verify-server-cert=0\n", Encryption::Check::Authority},
+           {"ssl-verify-server-cert=0\n", Encryption::Check::None}}) {
+    SCOPED_TRACE(lines);
+    const auto got = encryption(lines);
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->check, want);
+    EXPECT_EQ(got->version, "TLSv1.3");
+    EXPECT_THAT(got->cipher, testing::StartsWith("TLS_"));
+    EXPECT_EQ(got->subject, "CN=db server,O=Test");
+  }
+  EXPECT_EQ(encryption(authority() + "tls-version=TLSv1.2\n")->version, "TLSv1.2");
+
+  // Over a Unix socket, if the server offers it.
+  const std::string local =
+      "[client]\nsocket=" + s_server->socketPath() + "\nuser=" + callerName() + "\n";
+  const Testing::TestServer::OptionFile options(*s_server, local + authority() + print);
+  EXPECT_EQ(Connection("").encryption()->check, Encryption::Check::Authority);
+  options.write(local + print);
+  EXPECT_EQ(Connection("").encryption()->check, Encryption::Check::None);
+  options.write(local);
+  EXPECT_EQ(Connection("").encryption(), std::nullopt);
 }
 
 // MariaDB has it from 11.4 on, as a plugin; what the client library would do is tested above.

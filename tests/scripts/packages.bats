@@ -86,7 +86,7 @@ tsl-address-map_${version}_$architecture.deb" ]
   [[ "$(field tsl-address-map Depends)" == "libtsladdressmap1 (= $version), "*libstdc++6* ]]
   [ "$(field tsl-address-map Recommends)" = mariadb-server-core ]
   depends=$(field libtsladdressmap1 Depends)
-  for needed in libboost-thread libc6 liblmdb0 libmariadb3 libstdc++6; do
+  for needed in libboost-thread libc6 liblmdb0 libmariadb3 libssl3 libstdc++6; do
     [[ $depends == *"$needed"* ]]
   done
   [[ $depends != *-dev* ]]
