@@ -185,7 +185,7 @@ void s_checkTogether(const std::vector<Option>& options, const TlsDemand& demand
   const Option* const list = s_last(options, "ssl-fplist");
   if (list != nullptr && s_last(options, "ssl-fp") != nullptr) {
     s_refuse(*list, "the client library ignores '" + list->key +
-                        "' where there is a single fingerprint too: remove one of the two");
+                        "' next to a single fingerprint: remove one of the two");
   }
   const Option* const revoked = s_last(options, "ssl-crl", "ssl-crlpath");
   if (revoked != nullptr && !demand.checksIssuer) {

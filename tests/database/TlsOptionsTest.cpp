@@ -82,8 +82,7 @@ TEST(TlsOptions, AValueThatTheClientLibraryWouldMisreadIsRefused) {
            {"ssl-fp=aa:" + std::string(56, 'a') + "\n", "is no SHA-1 fingerprint"},
            {"ssl-fp=SHA1:" + print + "\n", "is no SHA-1 fingerprint"},
            {"ssl-fplist=/etc/hostname\nssl-fp=" + print + "\n",
-            "line 2: the client library ignores 'ssl-fplist' where there is a single fingerprint "
-            "too"},
+            "line 2: the client library ignores 'ssl-fplist' next to a single fingerprint"},
            {"ssl-fp=" + print + "\nssl-crl=/etc/hostname\n", "line 3: the client library ignores"},
            {"ssl-verify-server-cert=0\ntls-crlpath=/etc\n", "write 'ssl-ca=...' or"},
            {"ssl-ca=/nowhere/ca.pem\n", "'/nowhere/ca.pem', which cannot be read (No such file"},

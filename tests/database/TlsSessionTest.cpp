@@ -263,7 +263,7 @@ TEST_F(TlsSessionTest, AServerWithoutTlsIsRefused) {
   s_server->restart();
 }
 
-// What follows the greeting without encryption was said by nobody knows whom.
+// What follows the greeting unencrypted may come from anybody.
 TEST_F(TlsSessionTest, AnswersThatWerePutBehindTheGreetingAreNotTaken) {
   const std::string ok{"\x07\0\0\x03\0\0\0\x02\0\0\0", 11};
   const std::string next{"\x07\0\0\x01\0\0\0\x02\0\0\0", 11};

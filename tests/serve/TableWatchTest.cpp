@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "AddressMapDb.h"
+#include "database/Error.h"
 #include "local/ServerProcess.h"
 #include "support/ErrorOutput.h"
 #include "support/ScratchFile.h"
@@ -292,6 +293,33 @@ TEST_F(TableWatchTest, ATableThatCannotBeReadKeepsItsLastImageUntilItCan) {
   const std::string log = takeLog();
   EXPECT_THAT(log, HasSubstr("table alias cannot be read"));
   EXPECT_THAT(log, HasSubstr("table alias can be read again"));
+}
+
+TEST_F(TableWatchTest, EachConnectionIsReportedOnceWithHowItIsEncrypted) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  for (const auto& row : sql("select id from information_schema.processlist where id <> "
+                             "connection_id()")) {
+    try {
+      sql("kill " + row.at(0));
+    } catch (const Database::Error&) {
+      // It was gone.
+    }
+  }
+  sql("update ts_address_map.alias set members = 'c@d'");
+  ASSERT_TRUE(becomes("a@d", "c@d"));
+  m_watch.reset();
+  const std::string log = takeLog();
+  const std::string line =
+      "info: connected to the database at " + TestServer::shared().socketPath() + ", connection ";
+  const std::size_t first = log.find(line);
+  ASSERT_NE(first, std::string::npos) << log;
+  const std::size_t second = log.find(line, first + 1);
+  ASSERT_NE(second, std::string::npos) << log;
+  EXPECT_EQ(log.find(line, second + 1), std::string::npos) << log;
+  EXPECT_THAT(log, ContainsRegex("connection [0-9]+, not encrypted\n"));
+  EXPECT_EQ(count("database_encrypted"), 0);
 }
 
 TEST_F(TableWatchTest, ATableThatCouldNeverBeReadIsReportedUntilItIs) {

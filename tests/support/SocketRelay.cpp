@@ -29,7 +29,7 @@ sockaddr_un s_address(const std::string& path) {
   return address;
 }
 
-// An address of 127.0.0.1; port 0 is any that is free.
+// An address of 127.0.0.1; port 0 means any that is free.
 sockaddr_in s_loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;

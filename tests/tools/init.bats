@@ -124,6 +124,7 @@ old_schema() {
   run -0 --separate-stderr tool status
   contains "$output" "server: $(socket)"
   [[ "$output" =~ version:\ [0-9]+\.[0-9]+ ]]
+  contains "$output" $'\nencryption: none\n'
   contains "$output" $'database: ts_address_map\nschema: complete\ntable: alias, rows: 1\ntable: alias_sales, rows: 0\ntable: mask, rows: 0\nconfiguration: '"$SERVER/cmf"$'\ndomains: 1'
   run -0 tool status --json
   contains "$output" '"database":"ts_address_map","present":true,"schema":"complete","tables":[{"table":"alias","rows":1},{"table":"alias_sales","rows":0},{"table":"mask","rows":0}]'
@@ -161,5 +162,5 @@ old_schema() {
   contains "$output" "version: unknown"
   contains "$output" "configuration: /var/lib/tsl/cmf"
   run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" status --json
-  contains "$output" '"version":null,"database":"ts_address_map","present":null'
+  contains "$output" '"version":null,"encryption":null,"database":"ts_address_map","present":null'
 }

@@ -1,6 +1,7 @@
 // The command `status`: what the tool would work on, and in which state it is.
 #include <chrono>
 #include <cmath>
+#include <optional>
 #include <ratio>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "cli/Command.h"
 #include "cmf/ApsGwServerCache.h"
 #include "database/Connection.h"
+#include "database/Encryption.h"
 #include "database/QueryTableNames.h"
 #include "tables/Configuration.h"
 #include "tables/Schema.h"
@@ -86,14 +88,30 @@ void s_askHosts(Json& status, std::vector<Failure>& failures, const std::string&
   });
 }
 
-// Fills in what is known of the database.
-void s_askDatabase(Json& status, std::vector<Failure>& failures) {
+Json s_describe(const std::optional<Database::Encryption>& encryption) {
+  const Database::Encryption none;
+  const Database::Encryption& known = encryption ? *encryption : none;
+  const auto text = [](const std::string& value) {
+    return value.empty() ? Json() : Json(printable(value));
+  };
+  return {{"version", text(known.version)},
+          {"cipher", text(known.cipher)},
+          {"subject", text(known.subject)},
+          {"checked", known.checkText()},
+          {"verified", known.isVerified()}};
+}
+
+// Fills in what is known of the database, and in words how it is reached.
+void s_askDatabase(Json& status, std::string& encryption, std::vector<Failure>& failures) {
   std::string used;
   s_try(failures, "asking the database", [&] {
     Database::Connection connection("");
     used = connection.host().name;
     status["server"] = printable(connection.peerAddress().text());
     status["version"] = printable(connection.serverVersion());
+    const auto found = connection.encryption();
+    status["encryption"] = s_describe(found);
+    encryption = found ? printable(found->text()) : "none";
     const bool isPresent = connection.dbSelectIfExists(s_database);
     status["present"] = isPresent;
     if (!isPresent) status["schema"] = summaryOf(Schema());
@@ -120,10 +138,12 @@ std::string s_hostText(const Json& host) {
   return host.at("why").is_null() ? text : text + ": " + s_text(host.at("why"));
 }
 
-void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
+void s_writeLines(const Json& status, const std::string& encryption, bool hasConfiguration,
+                  Output& output) {
   const auto line = [&](const char* key) { output.line(key + (": " + s_text(status.at(key)))); };
   line("server");
   line("version");
+  output.line("encryption: " + encryption);
   for (const Json& host : status.at("hosts")) output.line("host: " + s_hostText(host));
   line("database");
   line("schema");
@@ -136,13 +156,19 @@ void s_writeLines(const Json& status, bool hasConfiguration, Output& output) {
 }
 
 ExitCode s_status(Session& session) {
-  Json status{{"server", nullptr},       {"version", nullptr},
-              {"hosts", Json::array()},  {"database", s_database},
-              {"present", nullptr},      {"schema", nullptr},
-              {"tables", Json::array()}, {"cmf", printable(configurationDirectory())},
+  Json status{{"server", nullptr},
+              {"version", nullptr},
+              {"encryption", nullptr},
+              {"hosts", Json::array()},
+              {"database", s_database},
+              {"present", nullptr},
+              {"schema", nullptr},
+              {"tables", Json::array()},
+              {"cmf", printable(configurationDirectory())},
               {"domains", nullptr}};
   std::vector<Failure> failures;
-  s_askDatabase(status, failures);
+  std::string encryption = "unknown";
+  s_askDatabase(status, encryption, failures);
   bool hasConfiguration = true;
   try {
     status["domains"] = withConfiguration(
@@ -156,7 +182,7 @@ ExitCode s_status(Session& session) {
   if (session.isJson()) {
     session.output().document(status);
   } else {
-    s_writeLines(status, hasConfiguration, session.output());
+    s_writeLines(status, encryption, hasConfiguration, session.output());
   }
   session.output().flush();
   for (const Failure& failure : failures) report(failure);
@@ -176,8 +202,8 @@ void addStatusCommand(Command& top) {
       " used, its\nversion, whether it is a node of a cluster, a replica and how far behind,"
       " or read-only, and how\nlong the answer took. To see replication, the SQL user needs"
       " the right REPLICA MONITOR.\n"
-      "With --json {\"server\", \"version\", \"database\", \"present\", \"schema\","
-      " \"hosts\", \"tables\", \"cmf\",\n\"domains\"}, null where it is not known; each of"
+      "With --json {\"server\", \"version\", \"encryption\", \"hosts\", \"database\", \"present\","
+      " \"schema\",\n\"tables\", \"cmf\", \"domains\"}, null where it is not known; each of"
       " \"hosts\" {\"host\", \"used\", \"reachable\", \"why\",\n\"server\", \"version\","
       " \"role\", \"readOnly\", \"lag\", \"milliseconds\"}.\n",
       Preparation::Server, s_status);

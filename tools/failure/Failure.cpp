@@ -21,6 +21,7 @@ constexpr unsigned int s_columnDenied = 1143;
 constexpr unsigned int s_noSuchTable = 1146;
 constexpr unsigned int s_privilegeMissing = 1227;
 constexpr unsigned int s_socketDenied = 1698;
+constexpr unsigned int s_encryptionFailed = 2026;
 
 // Length of the UTF-8 character at the start of `text`, or 0 when it starts with none.
 std::size_t s_characterSize(std::string_view text) {
@@ -155,6 +156,9 @@ std::string s_databaseHint(const Database::Error& error) {
       return "use the option file of a database user with the right that the server names";
     case s_unknownDatabase:
       return "create the database with 'tsl-address-map init'";
+    case s_encryptionFailed:
+      return "check that the server offers TLS and that its certificate fits the options about TLS"
+             " (ssl-..., tls-...) in the option file";
     case s_noSuchTable:
       return s_missingTableHint(error.stringParameter());
     default:

@@ -21,6 +21,10 @@ prometheus::Counter& s_counter(prometheus::Registry& registry, const char* name,
   return prometheus::BuildCounter().Name(name).Help(help).Register(registry).Add({});
 }
 
+prometheus::Gauge& s_gauge(prometheus::Registry& registry, const char* name, const char* help) {
+  return prometheus::BuildGauge().Name(name).Help(help).Register(registry).Add({});
+}
+
 }  // namespace
 
 // Kept for the values of each table. Under a lock, as values can be removed.
@@ -60,6 +64,11 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                               "Requests answered while the table could not be compared");
   m_databaseErrors = &s_counter(registry, "tsl_address_map_database_errors_total",
                                 "Attempts to ask the database that failed");
+  m_databaseEncrypted = &s_gauge(registry, "tsl_address_map_database_encrypted",
+                                 "1 while the connection to the database is encrypted, or else 0");
+  m_databaseVerified =
+      &s_gauge(registry, "tsl_address_map_database_verified",
+               "1 while the certificate of the database server is checked, or else 0");
   m_rebuildFailures = &s_counter(registry, "tsl_address_map_rebuild_failures_total",
                                  "Tables that could not be read");
   m_rebuilds = &BuildHistogram()
@@ -67,11 +76,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                     .Help("Time that reading a whole table took")
                     .Register(registry)
                     .Add({}, prometheus::Histogram::BucketBoundaries{0.01, 0.1, 0.5, 1, 5, 30});
-  m_connections = &BuildGauge()
-                       .Name("tsl_address_map_connections")
-                       .Help("Connections of mail servers")
-                       .Register(registry)
-                       .Add({});
+  m_connections = &s_gauge(registry, "tsl_address_map_connections", "Connections of mail servers");
   m_accepted = &s_counter(registry, "tsl_address_map_connections_total", "Connections accepted");
   m_malformed = &s_counter(registry, "tsl_address_map_malformed_requests_total",
                            "Connections ended because what they sent was no request");
@@ -79,11 +84,8 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                           "Connections ended because nothing came or went in time");
   m_madeRoom = &s_counter(registry, "tsl_address_map_connections_dropped_total",
                           "Connections ended because there was no room for a new one");
-  m_linesLost = &BuildGauge()
-                     .Name("tsl_address_map_log_lines_lost")
-                     .Help("Lines of the log that were lost because they could not be written")
-                     .Register(registry)
-                     .Add({});
+  m_linesLost = &s_gauge(registry, "tsl_address_map_log_lines_lost",
+                         "Lines of the log that were lost because they could not be written");
   BuildGauge()
       .Name("tsl_address_map_build_info")
       .Help("The version, as a label")
@@ -130,6 +132,11 @@ void Metrics::staleAnswer() {
 
 void Metrics::databaseError() {
   m_databaseErrors->Increment();
+}
+
+void Metrics::databaseConnected(bool isEncrypted, bool isVerified) {
+  m_databaseEncrypted->Set(isEncrypted ? 1 : 0);
+  m_databaseVerified->Set(isVerified ? 1 : 0);
 }
 
 void Metrics::rebuilt(Clock::duration took) {

@@ -40,6 +40,8 @@ class Metrics {
   void databaseHost(const std::string& host);
   // The database did not answer.
   void databaseError();
+  // How the connection to the database is: `isEncrypted`, and with a server that is known for sure.
+  void databaseConnected(bool isEncrypted, bool isVerified);
   // A table was reread, or could not be.
   void rebuilt(Clock::duration took);
   void rebuildFailed();
@@ -77,6 +79,8 @@ class Metrics {
   prometheus::Counter* m_cacheHits;
   prometheus::Counter* m_staleAnswers;
   prometheus::Counter* m_databaseErrors;
+  prometheus::Gauge* m_databaseEncrypted;
+  prometheus::Gauge* m_databaseVerified;
   prometheus::Counter* m_rebuildFailures;
   prometheus::Histogram* m_rebuilds;
   prometheus::Gauge* m_connections;

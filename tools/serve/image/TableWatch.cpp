@@ -259,6 +259,7 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
           Tool::selectTexts(*connection, s_marks("table_type = 'BASE TABLE'"), s_markColumns);
       m_lag = askLag(*connection).count();
       noteHost(s_nameOf(*connection));
+      logConnection(*connection);
       return {rows.begin(), rows.end()};
     } catch (const Exception& exception) {
       connection.reset();
@@ -290,6 +291,16 @@ void TableWatch::noteHost(const std::string& name) {
   const bool isNew =
       m_state.with([&name](State& state) { return std::exchange(state.host, name) != name; });
   if (isNew) m_metrics.databaseHost(name);
+}
+
+void TableWatch::logConnection(Database::Connection& connection) {
+  const std::string which = "connected to the database at " + connection.peerAddress().text() +
+                            ", connection " + std::to_string(connection.id());
+  if (which == m_logged) return;
+  m_logged = which;
+  const auto encryption = connection.encryption();
+  m_metrics.databaseConnected(encryption.has_value(), encryption && encryption->isVerified());
+  m_log.info(which + (encryption ? ", encrypted with " + encryption->text() : ", not encrypted"));
 }
 
 void TableWatch::compare(const Mark& mark, Clock::time_point start) {

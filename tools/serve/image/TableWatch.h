@@ -172,6 +172,8 @@ class TableWatch {
   void note(const Table& table, Change change);
   void fail(const std::string& why);
   void disconnect();
+  // Logs how the connection is encrypted, unless it is the one of the last call.
+  void logConnection(Database::Connection& connection);
   // How long a table that is being filled may pause.
   [[nodiscard]] Clock::duration quiet() const;
   void loadSnapshots();
@@ -196,6 +198,7 @@ class TableWatch {
   bool m_isFailing = false;
   bool m_isIncomplete = false;  // The last look did not see all tables.
   std::set<std::string> m_names;
+  std::string m_logged;  // The connection that was logged last.
   std::thread m_thread;
 };
 
