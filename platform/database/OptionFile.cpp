@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -276,6 +277,31 @@ class Reader {
     s_refuseFile(file, s_unreadable());
   }
 
+  void readDirectory(const std::string& directory, int depth) {
+    constexpr char s_onlyFile[] = "my.cnf";
+    readIfThere(directory + "/" + s_onlyFile, depth);
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+      const std::filesystem::path& path = entry->path();
+      if (path.extension() == ".cnf" && path.filename() != s_onlyFile) overlook(path.string());
+    }
+  }
+
+  // Takes the options of a file that is not read, for who must know that they do not count.
+  void overlook(const std::string& file) {
+    const Descriptor descriptor(file);
+    const auto content = descriptor.number() < 0 ? std::nullopt : s_contentOf(descriptor.number());
+    if (!content) return;
+    Lines lines(*content);
+    bool isRead = false;
+    while (auto line = lines.next()) {
+      if (line->kind == Lines::Kind::Group) isRead = s_isGroupRead(line->name);
+      if (line->kind != Lines::Kind::Option || !isRead) continue;
+      options.push_back({"!" + line->name, std::move(line->value), file, line->number});
+    }
+  }
+
   void read(const Descriptor& descriptor, const std::string& file, int depth) {
     const auto content = s_contentOf(descriptor.number());
     if (content) return take(*content, file, depth);
@@ -311,7 +337,7 @@ class Reader {
     if (!line.value || depth >= s_deepest || (!isDirectory && line.name != "include")) return;
     // So does the client library.
     if (line.value->empty()) return readStandard(depth);
-    if (isDirectory) return readIfThere(*line.value + "/my.cnf", depth);
+    if (isDirectory) return readDirectory(*line.value, depth);
     const Descriptor descriptor(*line.value);
     if (descriptor.number() >= 0) return read(descriptor, *line.value, depth);
     s_refuseFile(by, "includes in line " + std::to_string(line.number) + " '" + *line.value +

@@ -19,7 +19,8 @@ inline constexpr char s_optionGroup[] = "tsl-address-map";
 struct Option {
   // With '-' for every '_', as the client library compares it. It takes the rest of the line for
   // the key of an option without '=', the newline included: such a key is none that it knows,
-  // unless the file ends with it. So it is here.
+  // unless the file ends with it. So it is here. With a '!' before it the key is in a file of a
+  // directory of `!includedir` that other programs read and the client library does not.
   std::string key;
   // Without its quotes and escapes. None: there is no '='.
   std::optional<std::string> value;

@@ -46,6 +46,11 @@ constexpr char s_simplest[] = "'ssl-verify-server-cert=1'";
 
 // For a key that the client library leaves out.
 [[noreturn]] void s_refuseUnknown(const Option& option, const std::string& key) {
+  if (key.front() == '!') {
+    s_refuse(option, "the client library ignores '" + key.substr(1) +
+                         "' in this file: of a directory it reads only the file my.cnf; write the"
+                         " line there, or remove it");
+  }
   const std::string_view name = optionName(key);
   const std::string why = "the client library ignores '" + key + "'";
   if (!name.empty() && option.value) {

@@ -1,4 +1,5 @@
 // TlsOptions: options about encryption that would be ignored or misread are refused.
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -94,6 +95,23 @@ TEST(TlsOptions, AValueThatTheClientLibraryWouldMisreadIsRefused) {
   EXPECT_THAT(s_refusal("ssl-passphrase=" + std::string(s_phrase)), "accepted");
   EXPECT_THAT(s_refusal("ssl-pasphrase=" + std::string(s_phrase) + "\n"),
               AllOf(HasSubstr("ssl-pasphrase"), Not(HasSubstr(s_phrase))));
+}
+
+// MariaDB's own programs read it, on Debian from /etc/mysql/mariadb.conf.d.
+TEST(TlsOptions, AKeyInAFileThatOnlyOtherProgramsReadIsRefused) {
+  const Testing::ScratchFile file;
+  const std::string other = file.directory() + "/50-client.cnf";
+  std::ofstream(other) << "[mysqld]\nssl-ca=x\n[client]\nhost=x\n\nssl_ca=/etc/hostname\n";
+  file.write("[client]\nuser=x\n!includedir " + file.directory() + "\n");
+  const std::vector<Option> options = readOptions(file.path());
+  EXPECT_EQ(lastValue(options, {"host"}), std::nullopt);
+  try {
+    tlsDemand(options);
+    ADD_FAILURE() << "accepted";
+  } catch (const Exception& refusal) {
+    EXPECT_THAT(refusal.stringParameter(),
+                HasSubstr("'" + other + "', line 6: the client library ignores 'ssl_ca' in this"));
+  }
 }
 
 TEST(TlsOptions, AFileThatThisUserMayNotReadIsRefused) {

@@ -408,6 +408,15 @@ END
   fails check-docs "environment variable not documented: TSL_THING"
 }
 
+@test "check-docs finds a key of option files that is not documented, and one that there is not" {
+  write_documents
+  mkdir -p platform/database
+  printf '    Known{{"host", "place"}, 1},\n' >platform/database/ClientOptions.cpp
+  printf '### Every option\n\n| `host`, `site` | `x` |\n' >>docs/configuration.md
+  fails check-docs "docs/configuration.md: key of option files not documented: place"
+  [[ $output == *"documented, but no key of option files: site"* ]]
+}
+
 @test "check-docs finds an error whose line differs" {
   write_documents
   sed -i 's/"Thing", 7/"Thing", 8/' src/map/Thing.cpp
