@@ -228,8 +228,11 @@ class Trial:
 
     def run(self, name):
         time.sleep(random.uniform(0, 1))
-        self.scenarios[name](self.servers, self.servers.used_by(self.services[0].pid))
-        self.servers.heal()
+        try:
+            self.scenarios[name](self.servers, self.servers.used_by(self.services[0].pid))
+            self.servers.heal()
+        except SystemExit as exit:
+            sys.exit("%s: %s" % (name, exit))
         time.sleep(1)
         return [name, *self.take_counts()]
 

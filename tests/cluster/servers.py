@@ -141,11 +141,12 @@ class Cluster(Servers):
         # A node that was left out for long may end by itself when it notices.
         if any(not node["pid"] for node in self.nodes()):
             self.local("start")
+        whole = [str(len(self.ports)), "Synced", "ON"]
         for node in range(len(self.ports)):
             state = dict(self.sql(node, "show status like 'wsrep_%'"))
-            size, synced = state["wsrep_cluster_size"], state["wsrep_local_state"]
-            if (size, synced, state["wsrep_ready"]) != (str(len(self.ports)), "4", "ON"):
-                return False
+            names = ("wsrep_cluster_size", "wsrep_local_state_comment", "wsrep_ready")
+            if [state[name] for name in names] != whole:
+                raise OSError("node %d: %s" % (node + 1, [state[name] for name in names]))
         return True
 
     def catch_up(self):
