@@ -184,7 +184,7 @@ void AliasTable::remove(const std::string& name) {
 }
 
 void AliasTable::transact(const std::function<bool()>& edit) {
-  retryDeadlocks([&] {
+  retryLost([&] {
     Database::Transaction transaction(m_connection);
     if (edit()) transaction.commit();
   });

@@ -82,8 +82,8 @@ class AliasTable {
   void remove(const std::string& name);
 
   // Calls `edit` in a transaction, which is committed when it returns true and rolled back
-  // otherwise. Repeats this when the server rolls the transaction back in favour of another one, so
-  // `edit` must start from scratch each time. Exceptions of `edit` pass.
+  // otherwise. Repeats this when the server rolls the transaction back in favour of another one, or
+  // the host fails, so `edit` must start from scratch each time. Exceptions of `edit` pass.
   void transact(const std::function<bool()>& edit);
 
  private:

@@ -151,7 +151,7 @@ std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
 
 std::optional<MaskRow> MaskTable::set(const EmailAddress& privateAddress,
                                       const EmailAddress& publicAddress, bool dryRun) {
-  return retryDeadlocks([&] { return setOnce(privateAddress, publicAddress, dryRun); });
+  return retryLost([&] { return setOnce(privateAddress, publicAddress, dryRun); });
 }
 
 std::optional<MaskRow> MaskTable::setOnce(const EmailAddress& privateAddress,
@@ -213,6 +213,11 @@ std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
 
 bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
                        bool dryRun) {
+  return retryLost([&] { return removeOnce(privateAddress, publicAddress, dryRun); });
+}
+
+bool MaskTable::removeOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                           bool dryRun) {
   Database::Transaction transaction(m_connection);
   const std::string key = comparisonKey(publicAddress.address());
   bool present = false;
@@ -229,6 +234,10 @@ bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& p
 }
 
 std::size_t MaskTable::removeDomain(const std::string& domain) {
+  return retryLost([&] { return removeDomainOnce(domain); });
+}
+
+std::size_t MaskTable::removeDomainOnce(const std::string& domain) {
   Database::Transaction transaction(m_connection);
   const std::vector<MaskRow> doomed = rows(domain);
   for (std::size_t first = 0; first < doomed.size(); first += s_deletedPerStatement) {

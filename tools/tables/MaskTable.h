@@ -81,6 +81,9 @@ class MaskTable {
  private:
   std::optional<MaskRow> setOnce(const EmailAddress& privateAddress,
                                  const EmailAddress& publicAddress, bool dryRun);
+  bool removeOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
+                  bool dryRun);
+  std::size_t removeDomainOnce(const std::string& domain);
   std::vector<MaskRow> select(const std::string& condition);
   // The first of spelled() that is not a wildcard row; none when there is none.
   std::vector<MaskRow> plain(MaskSide side, const EmailAddress& address);
