@@ -254,7 +254,7 @@ class Trial:
             "update ts_address_map.alias set members='wrong@example.com' where name like 's2%'",
             "delete from ts_address_map.alias where name like 'wa-_@example.com'",
             "update ts_address_map.alias set members=concat(members, ',', members)"
-            " where name='shared@example.com'",
+            " where name='shared-0@example.com'",
         ):
             self.servers.sql(0, statement)
         time.sleep(3)

@@ -59,7 +59,8 @@ class Writer(threading.Thread):
         while not self.stopping.wait(0.02):
             number += 1
             self.write("set", "w%s-%d" % (self.name_, number), "v%s-%d" % (self.name_, number))
-            self.write("add", "shared", "a%s-%d" % (self.name_, number))
+            # Another one now and then, so that it does not grow as long as the run.
+            self.write("add", "shared-%d" % (number // 100), "a%s-%d" % (self.name_, number))
 
     def write(self, command, alias, member):
         alias, member = alias + "@example.com", member + "@example.com"
