@@ -96,6 +96,8 @@ old_schema() {
   equal "$(sql 'show tables')" alias
   DATABASE= sql 'drop database ts_address_map;'
   run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" init
+  contains "$stderr" "GRANT CREATE ON ts_address_map.* TO 'mail'@'localhost'"
+  run -78 --separate-stderr "$TSL_TOOL" --option-file "$file" init --force
   contains "$stderr" "GRANT SELECT ON mysql.help_topic TO 'mail'@'localhost'"
 }
 
@@ -162,5 +164,6 @@ old_schema() {
   contains "$output" "version: unknown"
   contains "$output" "configuration: /var/lib/tsl/cmf"
   run -75 --separate-stderr "$TSL_TOOL" --option-file "$BATS_TEST_TMPDIR/nowhere.cnf" status --json
-  contains "$output" '"version":null,"encryption":null,"database":"ts_address_map","present":null'
+  contains "$output" '"version":null,"encryption":null,"hosts":[{"host":"","used":false,"reachable":false,"why":"Can'
+  contains "$output" ',"database":"ts_address_map","present":null'
 }

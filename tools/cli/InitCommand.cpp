@@ -1,5 +1,6 @@
 // The command `init`: prepares the database without ever dropping it. The library's own preparation
-// answers every failure by dropping the whole database; so it is called only where there is none.
+// answers every failure by dropping the whole database; so it is called by --force only. On a
+// cluster, one refusal by a node at the wrong moment would empty all nodes.
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,7 +68,7 @@ ExitCode s_init(Session& session, const InitArguments& arguments) {
   const PreparationLock lock(connection);
   const Schema schema = s_look(connection);
   if (!schema.present) {
-    if (!dryRun) AddressMapDb::initialize(AddressMapDb::MySQL, false);
+    if (!dryRun) createDatabase(connection);
     s_answer(session, !dryRun, {"create the database with tables alias and mask"}, dryRun);
     return ExitCode::Done;
   }

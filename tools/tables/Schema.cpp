@@ -161,6 +161,13 @@ Schema lookAtTable(Database::Connection& connection, const std::string& table, b
   return schema;
 }
 
+void createDatabase(Database::Connection& connection) {
+  runStatement(connection, std::string("create database ") + s_database + ";");
+  connection.dbSelect(s_database);
+  carryOut(connection, SchemaStep::CreateMask);
+  carryOut(connection, SchemaStep::CreateAlias);
+}
+
 void carryOut(Database::Connection& connection, SchemaStep step) {
   switch (step) {
     case SchemaStep::CreateMask:

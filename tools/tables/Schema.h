@@ -49,6 +49,10 @@ Schema lookAtSchema(Database::Connection& connection);
 // Throws Exception as above.
 Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
 
+// Creates the database with its base tables, as the library prepares one, and selects it. Drops
+// nothing when it fails, so that lookAtSchema() finds what is missing. Throws Exception.
+void createDatabase(Database::Connection& connection);
+
 // Carries out one step on the selected database. Throws Exception; only this step is missing then.
 void carryOut(Database::Connection& connection, SchemaStep step);
 
