@@ -7,6 +7,7 @@
 #include "cli/Command.h"
 #include "files/TableFile.h"
 #include "files/TableImport.h"
+#include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Progress.h"
@@ -96,12 +97,33 @@ void s_commit(TableImport& import, const std::string& subject) {
   }
 }
 
-void s_carryOut(TableImport& change, const std::string& subject, bool dryRun, Progress& progress) {
+// What an import works with.
+struct ImportTask {
+  const TableFormat& format;
+  const std::string table;
+  const TableFile& file;
+  const TableImport::Rest rest;
+  const bool refusesLoops;
+  const bool dryRun;
+};
+
+std::unique_ptr<TableImport> s_importOnce(const ImportTask& task, const std::string& subject,
+                                          Progress& progress) {
+  auto change = std::make_unique<TableImport>(task.format, task.table, task.file, task.rest);
+  if (!task.format.hasPublic) {
+    change->refuseHarm(task.refusesLoops ? TableImport::Loops::Refuse : TableImport::Loops::Allow);
+  }
+  change->compare(!task.dryRun, progress);
+  if (task.dryRun) return change;
+  change->write(progress);
+  s_commit(*change, subject);
+  return change;
+}
+
+std::unique_ptr<TableImport> s_carryOut(const ImportTask& task, Progress& progress) {
+  const std::string subject = "importing " + task.file.name() + " into table " + task.table;
   try {
-    change.compare(!dryRun, progress);
-    if (dryRun) return;
-    change.write(progress);
-    s_commit(change, subject);
+    return retryLost([&] { return s_importOnce(task, subject, progress); });
   } catch (const Exception& exception) {
     const Failure failure = failureOf(exception, subject);
     throw Failure(failure.code(), failure.subject(), failure.why(),
@@ -144,15 +166,10 @@ ExitCode s_import(Session& session, const ImportArguments& arguments, const Tabl
     say("nothing was changed");
     return ExitCode::Done;
   }
-  TableImport change(format, table, file, rest);
-  if (!format.hasPublic) {
-    change.refuseHarm(arguments.allowCycle ? TableImport::Loops::Allow
-                                           : TableImport::Loops::Refuse);
-  }
-  s_carryOut(change, "importing " + file.name() + " into table " + table, arguments.dryRun,
-             progress);
+  const auto change =
+      s_carryOut({format, table, file, rest, !arguments.allowCycle, arguments.dryRun}, progress);
   progress.end();
-  s_answer(session, change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);
+  s_answer(session, *change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);
   return ExitCode::Done;
 }
 
