@@ -20,6 +20,7 @@
 
 #include "base/sourceLine.h"
 #include "database/ClientOptions.h"
+#include "database/SessionSetting.h"
 #include "database/StatementObserver.h"
 #include "database/TlsOptions.h"
 #include "database/TlsSession.h"
@@ -52,6 +53,8 @@ constexpr std::string_view s_sessionSetUp =
     "NO_ZERO_IN_DATE,NO_ZERO_DATE,ERROR_FOR_DIVISION_BY_ZERO,NO_ENGINE_SUBSTITUTION'"
     " /*M!101000 , collation_server=utf8mb4_uca1400_nopad_as_ci*/"
     " /*!80000 , collation_server=utf8mb4_0900_as_ci*/";
+
+constexpr std::string_view s_clusterSetUp = "set session wsrep_sync_wait=7";
 
 // Which server a failed connection was meant for. The password is in none of these fields.
 std::string s_destination(const MYSQL& mysql, const Target& target, const Host& host) {
@@ -344,18 +347,26 @@ void Handle::enforceLimits(const Target& target) {
   }
 }
 
-void Handle::setUpSession(Clock::time_point until) {
-  tellStatement(s_sessionSetUp);
+// Returns the number of the error, 0 for none.
+unsigned int Handle::runUntil(std::string_view statement, Clock::time_point until) {
+  tellStatement(statement);
   const int failed = callUntil<int>(
       m_mysql, until,
-      [this](int* result) {
-        return mysql_real_query_start(result, m_mysql, s_sessionSetUp.data(),
-                                      s_sessionSetUp.size());
+      [&](int* result) {
+        return mysql_real_query_start(result, m_mysql, statement.data(), statement.size());
       },
       [this](int* result, int events) { return mysql_real_query_cont(result, m_mysql, events); });
-  if (failed != 0) {
+  return failed == 0 ? 0 : mysql_errno(m_mysql);
+}
+
+void Handle::setUpSession(Clock::time_point until) {
+  if (runUntil(s_sessionSetUp, until) != 0) {
     throw Error(s_context, s_file, sourceLine(), lastError(s_sessionSetUp));
   }
+  if (!waitsForOtherNodes()) return;
+  const unsigned int number = runUntil(s_clusterSetUp, until);
+  if (number == 0 || number == ER_UNKNOWN_SYSTEM_VARIABLE) return;
+  throw Error(s_context, s_file, sourceLine(), lastError(s_clusterSetUp));
 }
 
 int Handle::descriptor() const noexcept {

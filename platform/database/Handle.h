@@ -94,6 +94,7 @@ class Handle {
                const std::string& database, Clock::time_point until);
   void enforceLimits(const Target& target);
   void setUpSession(Clock::time_point until);
+  unsigned int runUntil(std::string_view statement, Clock::time_point until);
   [[nodiscard]] int descriptor() const noexcept;
 
   MYSQL* m_mysql;  // Owned.

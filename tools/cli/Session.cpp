@@ -10,11 +10,11 @@
 #include <system_error>
 #include <utility>
 
-#include "AddressMapDb.h"
 #include "base/bytes.h"
 #include "cli/LocalFailure.h"
 #include "database/Connection.h"
 #include "database/OptionSource.h"
+#include "database/SessionSetting.h"
 #include "database/StatementObserver.h"
 #include "failure/Failure.h"
 #include "local/LocalServer.h"
@@ -75,7 +75,7 @@ void s_createMissingDatabase() {
   Database::Connection connection("");
   const PreparationLock lock(connection);
   if (connection.dbSelectIfExists(s_database)) return;
-  AddressMapDb::initialize(AddressMapDb::MySQL, false);
+  createDatabase(connection);
 }
 
 }  // namespace
@@ -84,6 +84,7 @@ Session::Session(GlobalOptions options) : m_options(std::move(options)), m_outpu
 
 void Session::prepare(Preparation preparation) {
   if (m_options.verbose) Database::setStatementObserver(&s_tellStatement);
+  Database::waitForOtherNodes(true);
   checkTable();
   if (m_options.local && m_options.optionFile) {
     throw Failure(ExitCode::Usage, "--local and --option-file", "both name a server",
