@@ -145,8 +145,10 @@ class Trial:
             status, message = run_tool(tool, files[0], *words, text=text)
             if status:
                 sys.exit(message)
-        self.services = [Service(tool, directory, "one", files[0])]
-        self.services.append(Service(tool, directory, "two", files[1]))
+        self.services = [
+            Service(tool, directory, name, file, *self.servers.SERVICE_OPTIONS)
+            for name, file in zip(("one", "two"), files)
+        ]
         sockets = [service.socket for service in self.services]
         for service in self.services:
             want = ("s0@example.com", "m0@example.com")

@@ -60,6 +60,8 @@ def write_option_file(path, ports, user):
 class Servers:
     """Servers on this machine, by their ports."""
 
+    SERVICE_OPTIONS = ()
+
     def __init__(self, tool, directory, ports, user):
         self.tool = tool
         self.directory = directory
@@ -138,12 +140,15 @@ class Cluster(Servers):
         self.sql(node, "set global wsrep_provider_options = '%s'" % option)
 
     def is_whole(self):
-        # A node that was left out for long may end by itself when it notices.
+        # A node that was left out for long may end by itself when it notices, or stay alone.
         if any(not node["pid"] for node in self.nodes()):
             self.local("start")
         whole = [str(len(self.ports)), "Synced", "ON"]
         for node in range(len(self.ports)):
             state = dict(self.sql(node, "show status like 'wsrep_%'"))
+            if state["wsrep_connected"] == "OFF":
+                print("node %d has left for good, and is restarted" % (node + 1))
+                self.shut_down(node)
             names = ("wsrep_cluster_size", "wsrep_local_state_comment", "wsrep_ready")
             if [state[name] for name in names] != whole:
                 raise OSError("node %d: %s" % (node + 1, [state[name] for name in names]))
@@ -164,6 +169,8 @@ class Cluster(Servers):
 
 class Pair(Servers):
     """A primary and a replica, made of two private servers that get a port."""
+
+    SERVICE_OPTIONS = ("--max-lag", "2s")
 
     def __init__(self, tool, directory):
         self.tool = tool
