@@ -3,8 +3,9 @@
 # Usage: faults.py [--scenario NAME]... [--seconds N] [--spoil]
 # TSL_TOOL and TSL_LOOKUPS are the paths of tsl-address-map and of cluster_lookups. Without --seconds
 # each scenario runs once; with it, all are repeated in random order until that time is over. Prints a
-# table, a line for each run. Exit status 1: an answer was wrong, or a write was lost or doubled. With
-# --spoil the tables are broken at the end, to see that this would be noticed.
+# table, a line for each run, and then one for all runs of a scenario. With --spoil the tables are broken
+# at the end, to see that this would be noticed. Exit status 1: an answer was wrong, or a write was lost,
+# doubled, or done although it was refused.
 import argparse
 import collections
 import os
@@ -126,7 +127,7 @@ COLUMNS = (
     "scenario", "service 50%", "99.9%", "longest", "TEMP", "library 50%", "99.9%", "longest", "failed",
     "writes", "failed", "gap", "change", "wrong", "not there", "lost", "doubled", "untold",
 )
-WIDTHS = ("suspend-long", *(title.rjust(7) for title in COLUMNS[1:]))
+WIDTHS = ("99 suspend-long", *(title.rjust(7) for title in COLUMNS[1:]))
 # Of lookups and of writes; "untold": refused, and done all the same.
 FAULTS = ("wrong", "not there", "lost", "doubled", "untold")
 # How the tool says that a write may have been done.
@@ -280,6 +281,15 @@ def show(row):
     print(" ".join("%*s" % (len(title), cell) for title, cell in zip(WIDTHS, row)), flush=True)
 
 
+def summary(runs):
+    """A line for all runs of a scenario: the sums of what is counted, and the largest times."""
+    name, *columns = zip(*runs)
+    cells = (
+        sum(cells) if isinstance(cells[0], int) else max(cells, key=float) for cells in columns
+    )
+    return ["%d %s" % (len(name), name[0]), *cells]
+
+
 def try_out(kind, names, seconds, spoil):
     """Runs the scenarios on servers of the type `kind`. How often each fault was seen."""
     with tempfile.TemporaryDirectory(prefix="tsl-cluster-", dir="/tmp") as directory:
@@ -292,11 +302,16 @@ def try_out(kind, names, seconds, spoil):
             time.sleep(3)
             show(["idle", *trial.take_counts()])
             end = time.monotonic() + seconds
+            runs = {name: [] for name in names}
             while True:
                 for name in random.sample(names, len(names)):
-                    show(trial.run(name))
+                    runs[name].append(trial.run(name))
+                    show(runs[name][-1])
                 if time.monotonic() >= end:
                     break
+            if seconds:
+                for name in names:
+                    show(summary(runs[name]))
             trial.tell()
             faults = trial.faults.copy()
             if spoil:
