@@ -106,6 +106,12 @@ void s_apply(MYSQL* mysql, const Known& known, const Option& option) {
         refuseOption(option, "'init-command' has no value: write one, or remove the line",
                      s_source);
       }
+      // Given as the host to connect to, it would be taken for further options.
+      if (known.number == MARIADB_OPT_HOST && option.value &&
+          option.value->find_first_of(";=/") != std::string::npos) {
+        refuseOption(option, "'" + option.key + "' is not the name or the address of a host",
+                     s_source);
+      }
       mysql_optionsv(mysql, known.number, text);
       break;
   }

@@ -13,7 +13,7 @@ namespace Tessel::Database {
 
 // Sets `options` on `mysql`, as the client library would if it read the files itself, where it
 // would read them a second time: what was checked is what counts. Keys that it does not know are
-// left out. Throws Exception, code 4, for two keys that it cannot take: "connection", which holds
+// left out. Throws Exception, code 4, for what it cannot take: "connection" and hosts that hold
 // other options, and "init-command" without a value, for which it would end the process.
 void applyOptions(MYSQL* mysql, const std::vector<Option>& options);
 

@@ -399,4 +399,15 @@ Error::Facts Handle::lastError(std::string_view statement) const {
   return {mysql_errno(m_mysql), mysql_sqlstate(m_mysql), mysql_error(m_mysql), statement, false};
 }
 
+void checkOptions(const OptionSource& source) {
+  s_initialiseLibrary();
+  const std::vector<Option> options = readOptions(source.file);
+  const std::unique_ptr<MYSQL, decltype(&mysql_close)> scratch(mysql_init(nullptr), &mysql_close);
+  if (scratch == nullptr) throw std::bad_alloc();
+  applyOptions(scratch.get(), options);
+  const std::vector<Host> hosts = hostsOf(options);
+  const bool isDefault = hosts.size() == 1 && hosts[0].name.empty();
+  if (!isDefault || !s_usesUnixSocket(*scratch, nullptr)) tlsDemand(options);
+}
+
 }  // namespace Tessel::Database

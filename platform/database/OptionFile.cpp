@@ -229,11 +229,10 @@ std::string s_trusted(const std::string& file, std::string& fault) {
     fault = "is not a regular file; name a file with a [client] group";
   } else if ((status.st_mode & S_IWOTH) != 0) {
     fault = "may be written by everyone, who could name another server; chmod o-w it";
-  } else if (auto content = s_contentOf(descriptor.number())) {
-    fault = s_contentFault(*content);
-    return *std::move(content);
   } else {
-    fault = s_unreadable();
+    auto content = s_contentOf(descriptor.number());
+    fault = content ? s_contentFault(*content) : s_unreadable();
+    if (content) return *std::move(content);
   }
   return {};
 }

@@ -27,6 +27,10 @@ struct OptionSource {
   [[nodiscard]] std::string text() const;
 };
 
+// Throws Exception, code 4, for options with which no connection could be opened, whatever the
+// server says. Connections check that themselves; this is for who wants to know beforehand.
+TSL_EXPORT void checkOptions(const OptionSource& source);
+
 }  // namespace Tessel::Database
 
 #endif

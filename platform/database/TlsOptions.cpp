@@ -28,9 +28,10 @@ constexpr char s_file[] = "TlsOptions";
   refuseOption(option, why, s_file, line);
 }
 
-// The key as a person reads it, in lower case.
+// The key as a person reads it, in lower case: its first word. Where the '=' is missing, a secret
+// may follow.
 std::string s_plain(const std::string& key) {
-  std::string plain = key.substr(0, key.find_last_not_of(" \t\r\n\v\f") + 1);
+  std::string plain = key.substr(0, key.find_first_of(" \t\r\n\v\f:"));
   for (char& letter : plain) {
     if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
   }

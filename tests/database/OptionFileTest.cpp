@@ -90,8 +90,8 @@ TEST_F(OptionFileTest, AwkwardFilesAreReadAsTheClientLibraryReadsThem) {
       "host=a\nhost=\nuser=\"\"\npassword=''\n",
       "host='a b'\nuser=\"it's\"\npassword='open\nssl-ca=shut'\nssl-ca='\n",
       "host='a\"\nuser=\" a \"\npassword=a\"b\"\n",
-      R"(password=a\nb\tc\rd\be\sf\"g\'h\\i\xj\)"
-      "\nhost=\"a\\\"\nuser='\\'\nssl-ca=\\\n",
+      R"(password=a\nb\tc\rd\be\sf\"g\'h\\i\xj\)",
+      "host=\"a\\\"\nuser='\\'\nssl-ca=\\\n",
       "host=a # no comment\nuser=b;c\n#host=x\n;user=y\n  # host=z\n",
       "\"host=a\n'user=b\nhost=c\n",
       "\\x=1\n\"host\"=a\n\\x=1\n'host=b\nhost=c\n",

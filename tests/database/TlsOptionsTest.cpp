@@ -95,6 +95,10 @@ TEST(TlsOptions, AValueThatTheClientLibraryWouldMisreadIsRefused) {
   EXPECT_THAT(s_refusal("ssl-passphrase=" + std::string(s_phrase)), "accepted");
   EXPECT_THAT(s_refusal("ssl-pasphrase=" + std::string(s_phrase) + "\n"),
               AllOf(HasSubstr("ssl-pasphrase"), Not(HasSubstr(s_phrase))));
+  for (const std::string between : {" ", ": ", "\t"}) {
+    EXPECT_THAT(s_refusal("ssl_passphrase" + between + s_phrase + "\n"),
+                AllOf(HasSubstr("'ssl-passphrase' without a value"), Not(HasSubstr(s_phrase))));
+  }
 }
 
 // MariaDB's own programs read it, on Debian from /etc/mysql/mariadb.conf.d.

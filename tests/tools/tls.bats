@@ -74,6 +74,15 @@ over_tls() {
   contains "$stderr" "'ssl-ca' names '/nowhere', which cannot be read (No such file or directory): correct the path"
 }
 
+@test "the check of the settings of the service finds it, too" {
+  for line in ssl-mode=REQUIRED ssl-ca=/nowhere; do
+    run -78 --separate-stderr over_tls "$line" serve --check-config --listen "unix:$BATS_TEST_TMPDIR/socketmap"
+    contains "$stderr" "$BATS_TEST_TMPDIR/tls.cnf', line 6: "
+  done
+  run over_tls "ssl-ca=$SERVER/ca.pem" serve --check-config --listen "unix:$BATS_TEST_TMPDIR/socketmap"
+  [[ $output != *tls.cnf* ]]
+}
+
 @test "the service logs how its connection is encrypted, and has it as metrics" {
   directory=$BATS_TEST_TMPDIR
   server_port=$port

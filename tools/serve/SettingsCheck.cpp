@@ -37,7 +37,7 @@ void s_checkSnapshots(const std::string& directory) try {
 void s_checkOptionFile() try {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread
   const char* const file = std::getenv("TSL_DATABASE_OPTION_FILE");
-  Database::OptionSource::of(file == nullptr ? "" : file);
+  Database::checkOptions(Database::OptionSource::of(file == nullptr ? "" : file));
 } catch (const Exception& exception) {
   throw Failure(ExitCode::Configuration, "TSL_DATABASE_OPTION_FILE", Tool::reasonOf(exception),
                 "correct the file, or name another one");
