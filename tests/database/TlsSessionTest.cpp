@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -263,6 +264,29 @@ TEST_F(TlsSessionTest, AServerWithoutTlsIsRefused) {
   s_server->restart();
 }
 
+TEST_F(TlsSessionTest, OfSeveralHostsTheFirstThatShowsWhoItIsIsUsed) {
+  const auto stripped = relay(&s_takeEncryptionAway);
+  const auto good = relay();
+  const Testing::TestServer::OptionFile options(
+      *s_server, "[client]\nhost=" + stripped->path() + "," + good->path() +
+                     "\nuser=tls_native\npassword=" + s_password + "\n" + authority());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THAT(Connection("").encryption()->cipher, HasSubstr("TLS_"));
+  }
+  EXPECT_EQ(good->connections(), 3);
+  EXPECT_GE(stripped->connections(), 1);
+  EXPECT_EQ(stripped->said(), "");
+}
+
+TEST_F(TlsSessionTest, AServerThatFallsSilentBeforeTheEncryptionIsLeftWithTheConnectTimeout) {
+  std::unique_ptr<Testing::SocketRelay> between;
+  between = relay([&between](std::string&) { between->hold(true); });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_THAT(attempt(*between, authority() + "connect-timeout=1\n"), HasSubstr("2026"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
+  EXPECT_THAT(between->said(), Not(HasSubstr("tls_native")));
+}
+
 // What follows the greeting unencrypted may come from anybody.
 TEST_F(TlsSessionTest, AnswersThatWerePutBehindTheGreetingAreNotTaken) {
   const std::string ok{"\x07\0\0\x03\0\0\0\x02\0\0\0", 11};
@@ -352,7 +376,7 @@ TEST_F(TlsSessionTest, AConnectionSaysHowItIsEncryptedAndWithWhom) {
   EXPECT_EQ(Connection("").encryption(), std::nullopt);
 }
 
-// MariaDB has it from 11.4 on, as a plugin; what the client library would do is tested above.
+// MariaDB 10.11 has none; what the client library would do without encryption is tested above.
 TEST_F(TlsSessionTest, UsersOfCachingSha2LogInWhereTheServerHasThem) {
   const bool has = !s_server
                         ->sql(
