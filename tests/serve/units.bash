@@ -177,6 +177,7 @@ goes_on() {
 }
 
 check "stop, start and restart under load lose no lookup"
+: >/run/load
 load &
 load=$!
 goes_on
