@@ -9,8 +9,9 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../serve"))
 from attack import Client  # noqa: E402
 
-# Aliases that nobody changes while the load runs.
-STEADY = 500
+# Aliases that nobody changes while the load runs. More than are made between two checks, which then
+# remove those: a service does not believe that a table has lost half of its rows.
+STEADY = 1500
 
 
 def run_tool(tool, option_file, *words, text=None):
@@ -48,7 +49,8 @@ class Writer(threading.Thread):
         super().__init__(daemon=True)
         self.tool, self.name_, self.option_file = tool, name, option_file
         self.stopping = threading.Event()
-        self.acknowledged = []  # (alias, member)
+        self.acknowledged = []  # (alias, member), since the last check.
+        self.total = 0  # How many have been acknowledged.
         self.failed = []  # (alias, member, seconds, message)
         self.gap = 0  # The longest time between two acknowledgements since the last report.
         self.last = time.monotonic()
@@ -69,6 +71,7 @@ class Writer(threading.Thread):
         end = time.monotonic()
         if status == 0:
             self.acknowledged.append((alias, member))
+            self.total += 1
             self.gap = max(self.gap, end - self.last)
             self.last = end
         else:

@@ -61,6 +61,7 @@ class Servers:
     """Servers on this machine, by their ports."""
 
     SERVICE_OPTIONS = ()
+    primary = 0  # Where to write.
 
     def __init__(self, tool, directory, ports, user):
         self.tool = tool
@@ -93,6 +94,11 @@ class Servers:
         """The aliases of the server, with their members."""
         statement = "select name, members from ts_address_map.alias order by name"
         return [(name, members.split(",")) for name, members in self.sql(server, statement, 30)]
+
+    def remove(self, names):
+        """Removes the aliases."""
+        texts = ",".join("'%s'" % name for name in names)
+        self.sql(self.primary, "delete from ts_address_map.alias where name in (%s)" % texts, 60)
 
 
 class Cluster(Servers):
