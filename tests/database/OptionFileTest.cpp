@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,6 +24,7 @@
 namespace Tessel::Database {
 namespace {
 
+using testing::AnyOf;
 using testing::HasSubstr;
 
 using Values = std::vector<std::string>;
@@ -136,6 +138,67 @@ TEST_F(OptionFileTest, AwkwardFilesAreReadAsTheClientLibraryReadsThem) {
     ++compared;
   }
   EXPECT_EQ(compared, static_cast<int>(texts.size()) - 1);
+}
+
+TEST_F(OptionFileTest, RandomFilesAreReadAsTheClientLibraryReadsThem) {
+  const std::string other = write("a", "[client]\nhost=from-a\n");
+  const Values pieces = {"\n",
+                         "\n",
+                         "\n[client]\n",
+                         "\n[mysqld]\n",
+                         "[",
+                         "]",
+                         "=",
+                         "=",
+                         " ",
+                         "\t",
+                         "\r",
+                         "\f",
+                         "'",
+                         "\"",
+                         "\\",
+                         "\\n",
+                         "\\s",
+                         "#",
+                         ";",
+                         "!",
+                         "\nhost=",
+                         "\nuser",
+                         "password",
+                         "\npassword = ",
+                         "\nssl_ca=",
+                         "tls-ca",
+                         "\nport=",
+                         "servername",
+                         "a",
+                         "b c",
+                         "7",
+                         std::string(1, '\0'),
+                         "_",
+                         "\xc3",
+                         std::string(2000, 'x'),
+                         "\n!include " + other + "\n"};
+  const unsigned int seed = std::random_device()();
+  std::mt19937 random(seed);
+  int compared = 0;
+  for (int i = 0; i < 200; ++i) {
+    std::string text = "[client]\n";
+    for (std::size_t left = random() % 30; left > 0; --left)
+      text += pieces[random() % pieces.size()];
+    const std::string file = write("options", text);
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", file " + std::to_string(i) + ":\n" + text);
+    Values ours;
+    try {
+      ours = ourValues(file);
+    } catch (const Exception& refusal) {
+      EXPECT_THAT(refusal.stringParameter(),
+                  AnyOf(HasSubstr("is broken"), HasSubstr("includes in")));
+      continue;
+    }
+    ASSERT_EQ(ours, clientValues(file));
+    ++compared;
+  }
+  EXPECT_GT(compared, 40);
 }
 
 TEST_F(OptionFileTest, AnOptionKnowsItsFileAndLine) {
