@@ -301,7 +301,14 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
 }
 
 void Connection::Impl::refuse(const char* context, std::string_view statement) {
-  const Error::Facts facts = m_handle->lastError(statement);
+  Error::Facts facts = m_handle->lastError(statement);
+  // A node of a cluster that is cut off while it commits may have passed the change on.
+  if (facts.number == ER_ERROR_DURING_COMMIT) {
+    leaveHost();
+    facts.outcomeUnknown = true;
+    facts.message = "Whether it was carried out is unknown: " + facts.message;
+    throw Error(context, s_file, sourceLine(), facts);
+  }
   // An error says nothing of the transaction, which it may have ended (a deadlock does). A
   // statement that does nothing brings the answer, so that the next one is not carried out on its
   // own.

@@ -239,6 +239,18 @@ TEST_F(CutOffNode, LosesTheTransaction) {
   EXPECT_THROW(transaction.commit(), Error);
 }
 
+TEST_F(CutOffNode, HasAnUnknownOutcomeWhenThatHappensDuringACommit) {
+  sql("drop function tsl_test.f");
+  sql("create procedure tsl_test.p() signal sqlstate 'HY000' set mysql_errno=1180,"
+      " message_text='Not connected to Primary Component'");
+  Connection connection(s_name);
+  const auto got = caughtError([&] { run(connection, "call p()", false); });
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->number(), 1180U);
+  EXPECT_TRUE(got->outcomeUnknown());
+  EXPECT_EQ(nodeOf(connection), "b");
+}
+
 TEST_F(CutOffNode, IsNamedWhenAllAreCutOff) {
   s_other->sql("drop function tsl_test.f");
   makeFunction(*s_other, true);
