@@ -248,8 +248,9 @@ class Trial:
 
     def tell(self):
         """Prints why writes failed, and what was wrong."""
-        failed = [failure for writer in self.writers for failure in writer.failed]
-        reasons = collections.Counter(failure[3].split("; statement")[0] for failure in failed)
+        failed = [failure[3] for writer in self.writers for failure in writer.failed]
+        failed += self.changes.failed
+        reasons = collections.Counter(message.split("; statement")[0] for message in failed)
         for reason, count in reasons.most_common():
             print("%d write(s) failed: %s" % (count, reason))
         for message, count in collections.Counter(self.messages).most_common(20):

@@ -98,6 +98,7 @@ class Changes(threading.Thread):
         self.attempted = 0
         self.seen = [0] * len(sockets)
         self.delays = []  # Seconds until a change was served everywhere.
+        self.failed = []  # What the tool said.
         self.wrong = []  # What a service answered that was never so, or is not so any more.
         self.start()
 
@@ -107,9 +108,11 @@ class Changes(threading.Thread):
             self.attempted += 1
             value = "v%d@example.com" % self.attempted
             option_file = self.option_files[self.attempted % len(self.option_files)]
-            status, _ = run_tool(self.tool, option_file, "alias", "set", self.ALIAS, value)
+            status, message = run_tool(self.tool, option_file, "alias", "set", self.ALIAS, value)
             written = time.monotonic()
-            if status == 0:
+            if status:
+                self.failed.append(message)
+            else:
                 for index, client in enumerate(clients):
                     while self.ask(index, client) < self.attempted:
                         time.sleep(0.01)
