@@ -30,4 +30,4 @@ except urllib.error.HTTPError as error:
 print(page.status, page.read().decode())
 PYTHON
 }
-is_ready() { [ "$(get ready)" == "200 ready" ]; }
+is_ready() { [[ "$(get ready)" == "200 ready"$'\ndatabase: '* ]]; }
