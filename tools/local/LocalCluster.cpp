@@ -41,6 +41,8 @@ constexpr char s_context[] = "LocalCluster::start";
 // How long a node that answers may take until it has caught up with the others.
 constexpr std::chrono::seconds s_patience{60};
 constexpr std::chrono::milliseconds s_pause{50};
+// How long a process that is ending may keep its ports: on a busy machine, to clear its memory.
+constexpr std::chrono::seconds s_release{5};
 // Memory for table pages of one node, in bytes: several share the machine.
 constexpr std::uint64_t s_pool = 64ULL * 1024 * 1024;
 
@@ -115,6 +117,16 @@ bool s_areFree(const std::vector<int>& ports) {
     }
     return true;
   });
+}
+
+// The same, with time for servers that were killed a moment ago to let go of them.
+bool s_becomeFree(const std::vector<int>& ports) {
+  const Clock::time_point limit = Clock::now() + s_release;
+  while (!s_areFree(ports)) {
+    if (Clock::now() >= limit) return false;
+    std::this_thread::sleep_for(s_pause);
+  }
+  return true;
 }
 
 std::vector<int> s_choosePorts(std::size_t count) {
@@ -408,7 +420,7 @@ bool LocalCluster::complete() try {
   const auto missing =
       std::count_if(before.begin(), before.end(), [](const Node& node) { return node.pid == 0; });
   // Programs that know the ports keep them, unless another program took one meanwhile.
-  if (!isRunning() && !s_areFree(ports)) {
+  if (!isRunning() && !s_becomeFree(ports)) {
     ports = s_choosePorts(ports.size());
     s_writeOptionFile(optionFile(), ports, s_valueIn(optionFile(), "password="));
   }
