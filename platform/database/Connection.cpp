@@ -4,8 +4,10 @@
 #include <errmsg.h>
 #include <mysqld_error.h>
 
+#include <algorithm>
 #include <chrono>
 #include <new>
+#include <thread>
 #include <utility>
 
 #include "base/sourceLine.h"
@@ -27,6 +29,8 @@ using ResultOwner = std::unique_ptr<MYSQL_RES, decltype(&mysql_free_result)>;
 constexpr std::size_t s_largeStatement = 1024UL * 1024UL;
 // How long a connection that was found alive is taken for alive.
 constexpr std::chrono::milliseconds s_trusted{1};
+// Pause before a cluster whose nodes all refuse is asked again.
+constexpr std::chrono::milliseconds s_clusterPause{100};
 // A wait that ends this much before the time-out still counts as one.
 constexpr std::chrono::milliseconds s_timeoutSlack{50};
 
@@ -130,6 +134,7 @@ struct Connection::Impl::Answer {
   // Of a lost connection: how many hosts there are, and the time-out for reading; 0: none.
   std::size_t hosts = 1;
   std::chrono::seconds limit{};
+  Clock::duration connectTime{};
   // Of a lost connection: the server may have had the statement.
   bool sent = false;
   bool timedOut = false;
@@ -270,9 +275,12 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
       m_isProven = true;
       // Asked first: a connection that breaks between two rows leaves no columns behind, and must
       // not be taken for a statement without a result.
-      if (mysql_field_count(mysql) == 0) return answer;
-      answer.result = s_storeResult(mysql, until);
-      if (answer.result != nullptr) return answer;
+      const bool hasRows = mysql_field_count(mysql) != 0;
+      if (hasRows) answer.result = s_storeResult(mysql, until);
+      if (!hasRows || answer.result != nullptr) {
+        HostHealth::allWork();
+        return answer;
+      }
     }
   }
   try {
@@ -296,6 +304,7 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
   }
   answer.lost = true;
   answer.hosts = m_handle->hosts();
+  answer.connectTime = m_handle->connectTime();
   m_handle.reset();
   return answer;
 }
@@ -336,12 +345,25 @@ MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const ch
   return runAgain(text, start, answer, context);
 }
 
+// Waits a little if all hosts have refused, as cut off from their cluster, for no longer than
+// connecting may take; false when there is nothing to wait for. When a node dies, the others refuse
+// until they have agreed to go on without it.
+bool Connection::Impl::awaitCluster(const Answer& answer) {
+  if (answer.facts.number != ER_UNKNOWN_COM_ERROR) return false;
+  const Clock::duration refusing = HostHealth::allRefuse(Clock::now());
+  if (std::max(refusing, m_connecting) + s_clusterPause > answer.connectTime) return false;
+  std::this_thread::sleep_for(s_clusterPause);
+  m_connecting += s_clusterPause;
+  return true;
+}
+
 // Repetitions get what the first sending left of the time for reading.
 MYSQL_RES* Connection::Impl::runAgain(std::string_view text, Clock::time_point start,
                                       const Answer& first, const char* context) {
   Answer answer = first;
   // Hosts that refuse do so at once.
-  for (std::size_t i = 0; i == 0 || (answer.isRefused && i < first.hosts); ++i) {
+  for (std::size_t i = 0; i == 0 || answer.isRefused; ++i) {
+    if (i >= first.hosts && !awaitCluster(answer)) break;
     try {
       reopen(m_database);
       answer = attempt(text, context, s_end(start + m_connecting, first.limit));

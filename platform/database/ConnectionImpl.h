@@ -68,6 +68,7 @@ class Connection::Impl {
   void reopen(const std::string& database);
   std::optional<Error> reopenSelecting(const std::string& name);
   bool isToLeave(unsigned int number);
+  bool awaitCluster(const Answer& answer);
   // Throws the error that the server answered with.
   [[noreturn]] void refuse(const char* context, std::string_view statement);
 

@@ -234,7 +234,8 @@ std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& da
   const Clock::time_point start = Clock::now();
   const Stopwatch stopwatch(spent);
   const std::vector<Option> options = readOptions(target.options.file);
-  const Clock::time_point end = start + s_connectTime(options) - spent;
+  const Clock::duration connectTime = s_connectTime(options);
+  const Clock::time_point end = start + connectTime - spent;
   const std::vector<Host> hosts = s_places(target, options);
   const std::vector<Attempt> attempts = attemptsAt(hosts, target.avoided, start);
   std::vector<Error> failures;
@@ -246,6 +247,7 @@ std::unique_ptr<Handle> Handle::open(const Target& target, const std::string& da
     std::unique_ptr<Handle> handle(new Handle(mysql_init(nullptr)));
     handle->m_host = host->text();
     handle->m_hosts = hosts.size();
+    handle->m_connectTime = connectTime;
     try {
       const auto until = now + (isProbe ? std::min<Clock::duration>(share, s_probe) : share);
       handle->connect(target, options, *host, database, until);

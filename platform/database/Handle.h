@@ -71,6 +71,8 @@ class Handle {
   [[nodiscard]] const std::optional<Encryption>& encryption() const noexcept {
     return m_encryption;
   }
+  // How long connecting may take, for all hosts together.
+  [[nodiscard]] Clock::duration connectTime() const noexcept { return m_connectTime; }
   // The host that this connection leads to, as HostHealth knows it.
   [[nodiscard]] const std::string& host() const noexcept { return m_host; }
   // How many hosts there are for this connection, this one included.
@@ -102,6 +104,7 @@ class Handle {
   std::optional<Encryption> m_encryption;
   std::string m_host;
   std::size_t m_hosts = 1;
+  Clock::duration m_connectTime{};
 };
 
 // Error of MySQL servers that gave up waiting for a statement; MariaDB's headers do not name it.

@@ -28,6 +28,9 @@ struct Record {
 
 std::array<Record, 64> s_records;
 
+// Since when all hosts refuse; 0: they do not.
+std::atomic<Clock::rep> s_refusing{0};
+
 // The record of `host`, or null when there is no room for it.
 Record* s_find(const std::string& host) {
   const std::size_t key = std::max<std::size_t>(1, std::hash<std::string>()(host));
@@ -56,6 +59,11 @@ HostHealth::State HostHealth::stateOf(const std::string& host, Clock::time_point
   return now.time_since_epoch().count() < until ? State::Bad : State::Due;
 }
 
+Clock::time_point HostHealth::dueTime(const std::string& host) {
+  const Record* const record = s_find(host);
+  return Clock::time_point(Clock::duration(record == nullptr ? 0 : record->until.load()));
+}
+
 void HostHealth::worked(const std::string& host) {
   Record* const record = s_find(host);
   if (record == nullptr) return;
@@ -71,7 +79,18 @@ void HostHealth::failed(const std::string& host, Clock::time_point now) {
   record->until = (now + s_varied(pause, now)).time_since_epoch().count();
 }
 
+Clock::duration HostHealth::allRefuse(Clock::time_point now) {
+  Clock::rep since = 0;
+  if (s_refusing.compare_exchange_strong(since, now.time_since_epoch().count())) return {};
+  return now.time_since_epoch() - Clock::duration(since);
+}
+
+void HostHealth::allWork() {
+  if (s_refusing != 0) s_refusing = 0;
+}
+
 void HostHealth::forgetAll() {
+  s_refusing = 0;
   for (Record& record : s_records) {
     record.key = 0;
     record.until = 0;

@@ -107,6 +107,10 @@ std::vector<Attempt> attemptsAt(const std::vector<Host>& hosts,
     (state == HostHealth::State::Good ? good : others).push_back({&host, false});
     if (state == HostHealth::State::Due && !probe) probe = Attempt{&host, true};
   }
+  // Turn by turn, where all fail again and again.
+  std::stable_sort(others.begin(), others.end(), [](const Attempt& one, const Attempt& other) {
+    return HostHealth::dueTime(one.host->text()) < HostHealth::dueTime(other.host->text());
+  });
   std::vector<Attempt> attempts;
   // Where no other one works, it is worth the whole time.
   if (probe && !good.empty()) attempts.push_back(*probe);

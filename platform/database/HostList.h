@@ -44,8 +44,9 @@ struct Attempt {
 };
 
 // The order of tries among `hosts`, which must outlive the result: a host that failed some time ago
-// gets a short chance, then come those that work, in the order of the list, then all others, and
-// that host once more. Those in `avoided` (by their text) come last.
+// gets a short chance, then come those that work, in the order of the list, then all others, that
+// host once more among them, the one first whose time is over first. Those in `avoided` (by their
+// text) come last.
 std::vector<Attempt> attemptsAt(const std::vector<Host>& hosts,
                                 const std::set<std::string>& avoided,
                                 HostHealth::Clock::time_point now);

@@ -251,14 +251,44 @@ TEST_F(CutOffNode, HasAnUnknownOutcomeWhenThatHappensDuringACommit) {
   EXPECT_EQ(nodeOf(connection), "b");
 }
 
+// They are while they agree on going on without a node that died.
+TEST_F(CutOffNode, IsWaitedForWhenAllAreForAMoment) {
+  for (Testing::TestServer* one : {&server(), s_other.get()}) {
+    one->sql("create table tsl_test.agreed (n int)");
+    one->sql(
+        "create or replace function tsl_test.f() returns int begin"
+        " if not exists (select 1 from tsl_test.agreed) then"
+        " signal sqlstate '08S01' set mysql_errno=1047; end if; return 7; end");
+  }
+  Connection connection(s_name);
+  const auto time = timeOf([&] {
+    const std::jthread later([] {
+      std::this_thread::sleep_for(milliseconds(600));
+      s_other->sql("insert into tsl_test.agreed values(1)");
+    });
+    EXPECT_EQ(value(connection, "select f()"), "7");
+  });
+  EXPECT_GT(time, milliseconds(590));
+  EXPECT_LT(time, milliseconds(2500));
+  EXPECT_EQ(nodeOf(connection), "b");
+}
+
 TEST_F(CutOffNode, IsNamedWhenAllAreCutOff) {
+  use("connect-timeout=1\n");
   s_other->sql("drop function tsl_test.f");
   makeFunction(*s_other, true);
   Connection connection(s_name);
-  const auto got = caughtError([&] { run(connection, "select f()"); });
-  ASSERT_TRUE(got);
-  EXPECT_EQ(got->number(), 1047U);
-  EXPECT_FALSE(got->outcomeUnknown());
+  const auto refused = [&connection] {
+    const auto got = caughtError([&] { run(connection, "select f()"); });
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->number(), 1047U);
+    EXPECT_FALSE(got->outcomeUnknown());
+  };
+  const auto time = timeOf(refused);
+  EXPECT_GT(time, milliseconds(800));
+  EXPECT_LT(time, milliseconds(1800));
+  // Whoever asks later need not wait again.
+  EXPECT_LT(timeOf(refused), milliseconds(500));
 }
 
 TEST_F(ConnectionHosts, AWriterLeavesAHostThatIsReadOnlyAndReadersStay) {
