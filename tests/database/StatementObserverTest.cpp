@@ -18,7 +18,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::SizeIs;
 
 std::mutex s_mutex;
 std::vector<std::string> s_seen;

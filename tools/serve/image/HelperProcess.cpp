@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -50,9 +51,10 @@ int s_spawn(pid_t& pid, std::vector<char*>& words, int socket) {
 
 HelperProcess::HelperProcess(const std::vector<std::string>& command) {
   std::vector<std::string> texts = command;
-  std::vector<char*> words;
-  for (std::string& text : texts) words.push_back(text.data());
-  words.push_back(nullptr);
+  // The last one stays null, which ends the list.
+  std::vector<char*> words(texts.size() + 1);
+  std::transform(texts.begin(), texts.end(), words.begin(),
+                 [](std::string& text) { return text.data(); });
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) s_fail(errno, "socketpair");
   const int error = s_spawn(m_pid, words, ends[1]);

@@ -172,8 +172,9 @@ std::vector<std::string> Tables::unknown(Clock::time_point now) const {
 
 std::vector<TablePointer> Tables::all() const {
   return m_tables.with([](const auto& tables) {
-    std::vector<TablePointer> all;
-    for (const auto& [name, table] : tables) all.push_back(table);
+    std::vector<TablePointer> all(tables.size());
+    std::transform(tables.begin(), tables.end(), all.begin(),
+                   [](const auto& entry) { return entry.second; });
     return all;
   });
 }
