@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "cli/Session.h"
-#include "database/SessionSetting.h"
 #include "failure/Failure.h"
 #include "serve/Service.h"
 #include "serve/SettingsCheck.h"
@@ -140,16 +139,10 @@ ExitCode s_serve(Tool::Session& session, const Arguments& arguments) {
     throw Failure(ExitCode::Usage, "--table", "the service has all tables",
                   "mail servers name one as in alias.NAME; --only NAME leaves out the others");
   }
-  // The images are those of one node; to wait for the others at each look would not make them
-  // newer.
-  Database::waitForOtherNodes(false);
   const Settings settings = s_settings(arguments);
   const LogLevel level = parseLogLevel("--log-level", arguments.logLevel);
   if (arguments.checkConfig) return s_check(settings);
   session.prepare(Tool::Preparation::Database);
-  // The images are those of one node; to wait for the others at each look would not make them
-  // newer.
-  Database::waitForOtherNodes(false);
   Log log(level);
   serve(settings, log);
   return ExitCode::Done;

@@ -14,6 +14,7 @@
 #include "database/ConnectionImpl.h"
 #include "database/DbResult.h"
 #include "database/RowParser.h"
+#include "database/SessionSetting.h"
 #include "database/Statement.h"
 #include "database/StatementObserver.h"
 #include "database/Wait.h"
@@ -249,8 +250,9 @@ void Connection::Impl::forget(const std::string& name) {
 // Whether the host that answered with the error `number` is to be left for another one, which may
 // carry the statement out; this one did not.
 bool Connection::Impl::isToLeave(unsigned int number) {
-  // A node of a cluster that is cut off from the others says this.
-  if (number == ER_UNKNOWN_COM_ERROR) {
+  // A node of a cluster that is cut off from the others says this; or that it cannot wait for them.
+  const bool cannotWait = number == ER_LOCK_WAIT_TIMEOUT && waitsForOtherNodes();
+  if (number == ER_UNKNOWN_COM_ERROR || cannotWait) {
     HostHealth::failed(m_handle->host(), Clock::now());
     return true;
   }

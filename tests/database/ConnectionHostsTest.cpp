@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "database/DatabaseTest.h"
+#include "database/SessionSetting.h"
 #include "database/Transaction.h"
 
 namespace Tessel::Database {
@@ -249,6 +250,17 @@ TEST_F(CutOffNode, HasAnUnknownOutcomeWhenThatHappensDuringACommit) {
   EXPECT_EQ(got->number(), 1180U);
   EXPECT_TRUE(got->outcomeUnknown());
   EXPECT_EQ(nodeOf(connection), "b");
+}
+
+TEST_F(CutOffNode, IsOneThatCannotWaitForTheOthers) {
+  server().sql(
+      "create or replace function tsl_test.f() returns varchar(9) begin"
+      " signal sqlstate 'HY000' set mysql_errno=1205; return 'a'; end");
+  Connection connection(s_name);
+  EXPECT_EQ(caughtError([&] { run(connection, "select f()"); })->number(), 1205U);
+  waitForOtherNodes(true);
+  EXPECT_EQ(value(connection, "select f()", false), "b");
+  waitForOtherNodes(false);
 }
 
 // They are while they agree on going on without a node that died.

@@ -18,9 +18,9 @@ namespace Tessel::Tool {
 inline constexpr unsigned int s_deadlock = 1213;
 // In each round, at least one of those that meet completes.
 inline constexpr int s_deadlockRounds = 100;
-// What ends a transaction when its host is cut off from its cluster, shut down, read-only or gone.
-// The next attempt asks another host.
-inline constexpr std::initializer_list<unsigned int> s_hostErrors{1047, 1053, 1290,
+// What ends a transaction when its host is cut off from its cluster, shut down, read-only or gone,
+// or cannot wait for the other nodes. The next attempt asks another host.
+inline constexpr std::initializer_list<unsigned int> s_hostErrors{1047, 1053, 1205, 1290,
                                                                   1836, 2006, 2013};
 inline constexpr int s_hostRounds = 3;
 
