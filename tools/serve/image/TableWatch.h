@@ -73,8 +73,9 @@ class TableWatch {
   // What the database notes about a table, on one server.
   struct Mark {
     explicit Mark(const Tool::TextRow& row);
-    // Differs after each change that the server notes, and for each connection that finds them.
-    [[nodiscard]] std::string print() const { return connection + " " + times; }
+    // Differs after each change that the server notes, and for each connection that finds them: two
+    // servers may give the same number to one.
+    [[nodiscard]] std::string print() const { return server + " " + connection + " " + times; }
 
     std::string sqlName;
     std::string server;      // Which one it is.
