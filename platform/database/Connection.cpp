@@ -108,6 +108,11 @@ MYSQL_RES* s_storeResult(MYSQL* mysql, const Deadline& until) {
       });
 }
 
+// True for the answers of a server that takes no writes.
+bool s_isReadOnly(unsigned int number) {
+  return number == ER_OPTION_PREVENTS_STATEMENT || number == ER_READ_ONLY_MODE;
+}
+
 // Takes in and drops the results that are left, also when an exception passes.
 class Drain {
  public:
@@ -250,14 +255,12 @@ void Connection::Impl::forget(const std::string& name) {
 // Whether the host that answered with the error `number` is to be left for another one, which may
 // carry the statement out; this one did not.
 bool Connection::Impl::isToLeave(unsigned int number) {
-  // A node of a cluster that is cut off from the others says this; or that it cannot wait for them.
-  const bool cannotWait = number == ER_LOCK_WAIT_TIMEOUT && waitsForOtherNodes();
-  if (number == ER_UNKNOWN_COM_ERROR || cannotWait) {
-    HostHealth::failed(m_handle->host(), Clock::now());
-    return true;
-  }
-  const bool isReadOnly = number == ER_OPTION_PREVENTS_STATEMENT || number == ER_READ_ONLY_MODE;
-  if (!isReadOnly || m_handle->hosts() == 1) return false;
+  // A node of a cluster that is cut off from the others says this.
+  if (number == ER_UNKNOWN_COM_ERROR) return true;
+  if (m_handle->hosts() == 1) return false;
+  // And this when it cannot wait for them.
+  if (number == ER_LOCK_WAIT_TIMEOUT) return waitsForOtherNodes();
+  if (!s_isReadOnly(number)) return false;
   m_target.avoided.insert(m_handle->host());
   if (m_target.avoided.size() == m_handle->hosts()) m_target.avoided = {m_handle->host()};
   return true;
@@ -300,8 +303,11 @@ Connection::Impl::Answer Connection::Impl::attempt(std::string_view text, const 
             : answer.limit.count() != 0 && Clock::now() - start >= answer.limit - s_timeoutSlack;
   // Sent by servers that stop waiting for a statement: ours was not read.
   if (answer.isRefused || number == s_clientInteractionTimeout) answer.sent = false;
-  // One that was in use until now may only have been closed by its server.
-  if (answer.timedOut || !m_isProven || number == ER_SERVER_SHUTDOWN) {
+  // One that was in use until now may only have been closed by its server, and one that is
+  // read-only is good for readers.
+  const bool isBad =
+      answer.isRefused || answer.timedOut || !m_isProven || number == ER_SERVER_SHUTDOWN;
+  if (isBad && !s_isReadOnly(number)) {
     HostHealth::failed(m_handle->host(), Clock::now());
   }
   answer.lost = true;
