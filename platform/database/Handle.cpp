@@ -100,9 +100,8 @@ Handle::Clock::duration s_connectTime(const std::vector<Option>& options) {
 std::vector<Host> s_places(const Target& target, const std::vector<Option>& options) {
   if (target.address) return {Host()};
   const std::vector<Host> hosts = hostsOf(options);
-  const bool isDefault = hosts.size() == 1 && hosts[0].name.empty();
   // A certificate is checked against the name, which must be kept then.
-  const bool isKept = isDefault || tlsDemand(options).checksName;
+  const bool isKept = isDefault(hosts) || tlsDemand(options).checksName;
   std::vector<Host> places = isKept ? hosts : resolved(hosts);
   if (target.only) {
     std::erase_if(places, [&target](const Host& host) { return host.text() != *target.only; });
@@ -352,13 +351,7 @@ void Handle::enforceLimits(const Target& target) {
 // Returns the number of the error, 0 for none.
 unsigned int Handle::runUntil(std::string_view statement, Clock::time_point until) {
   tellStatement(statement);
-  const int failed = callUntil<int>(
-      m_mysql, until,
-      [&](int* result) {
-        return mysql_real_query_start(result, m_mysql, statement.data(), statement.size());
-      },
-      [this](int* result, int events) { return mysql_real_query_cont(result, m_mysql, events); });
-  return failed == 0 ? 0 : mysql_errno(m_mysql);
+  return queryUntil(m_mysql, statement, until) == 0 ? 0 : mysql_errno(m_mysql);
 }
 
 void Handle::setUpSession(Clock::time_point until) {
@@ -408,8 +401,7 @@ void checkOptions(const OptionSource& source) {
   if (scratch == nullptr) throw std::bad_alloc();
   applyOptions(scratch.get(), options);
   const std::vector<Host> hosts = hostsOf(options);
-  const bool isDefault = hosts.size() == 1 && hosts[0].name.empty();
-  if (!isDefault || !s_usesUnixSocket(*scratch, nullptr)) tlsDemand(options);
+  if (!isDefault(hosts) || !s_usesUnixSocket(*scratch, nullptr)) tlsDemand(options);
 }
 
 }  // namespace Tessel::Database

@@ -72,6 +72,10 @@ std::vector<Host> hostsOf(const std::vector<Option>& options) {
   return hosts;
 }
 
+bool isDefault(const std::vector<Host>& hosts) {
+  return hosts.size() == 1 && hosts[0].name.empty();
+}
+
 std::vector<Host> resolved(const std::vector<Host>& hosts) {
   std::vector<Host> places;
   for (const Host& host : hosts) {

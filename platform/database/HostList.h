@@ -32,6 +32,9 @@ Host parseHost(std::string_view text);
 // The hosts of the option `host`, which may be a list: "a:3306,b,[::1]:3307". Never empty.
 std::vector<Host> hostsOf(const std::vector<Option>& options);
 
+// True when the options name no host, or "localhost" alone: the client library chooses the way.
+bool isDefault(const std::vector<Host>& hosts);
+
 // `hosts` with each name replaced by its addresses, in the order of the resolver. A name that
 // cannot be resolved stays. May wait for the name service.
 std::vector<Host> resolved(const std::vector<Host>& hosts);

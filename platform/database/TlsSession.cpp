@@ -94,21 +94,8 @@ void checkTls(MYSQL* mysql, const TlsDemand& demand, std::chrono::steady_clock::
   tellStatement(statement);
   // Bytes that somebody put behind the server's greeting, before the encryption began, count as its
   // first answers. Nobody can put this one there.
-  const int failed = callUntil<int>(
-      mysql, until,
-      [&](int* result) {
-        return mysql_real_query_start(result, mysql, statement.data(), statement.size());
-      },
-      [mysql](int* result, int events) { return mysql_real_query_cont(result, mysql, events); });
-  if (failed == 0) {
-    const ResultOwner result(
-        callUntil<MYSQL_RES*>(
-            mysql, until,
-            [mysql](MYSQL_RES** stored) { return mysql_store_result_start(stored, mysql); },
-            [mysql](MYSQL_RES** stored, int events) {
-              return mysql_store_result_cont(stored, mysql, events);
-            }),
-        &mysql_free_result);
+  if (queryUntil(mysql, statement, until) == 0) {
+    const ResultOwner result(storeUntil(mysql, until), &mysql_free_result);
     const MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
     if (row != nullptr && row[0] != nullptr && row[0] == want) return;
   }

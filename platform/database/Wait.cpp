@@ -46,4 +46,21 @@ int awaitEvents(MYSQL* mysql, int wanted, Clock::time_point until) {
   return events;
 }
 
+int queryUntil(MYSQL* mysql, std::string_view statement, Clock::time_point until) {
+  return callUntil<int>(
+      mysql, until,
+      [&](int* result) {
+        return mysql_real_query_start(result, mysql, statement.data(), statement.size());
+      },
+      [mysql](int* result, int events) { return mysql_real_query_cont(result, mysql, events); });
+}
+
+MYSQL_RES* storeUntil(MYSQL* mysql, Clock::time_point until) {
+  return callUntil<MYSQL_RES*>(
+      mysql, until, [mysql](MYSQL_RES** result) { return mysql_store_result_start(result, mysql); },
+      [mysql](MYSQL_RES** result, int events) {
+        return mysql_store_result_cont(result, mysql, events);
+      });
+}
+
 }  // namespace Tessel::Database

@@ -5,6 +5,7 @@
 #include <mysql.h>
 
 #include <chrono>
+#include <string_view>
 
 namespace Tessel::Database {
 
@@ -24,6 +25,12 @@ Result callUntil(MYSQL* mysql, std::chrono::steady_clock::time_point until, Star
   while (wanted != 0) wanted = proceed(&result, awaitEvents(mysql, wanted, until));
   return result;
 }
+
+// mysql_real_query() and mysql_store_result() with such an end. Zero is success; the result is the
+// caller's to free, null after a failure and for a statement without rows.
+int queryUntil(MYSQL* mysql, std::string_view statement,
+               std::chrono::steady_clock::time_point until);
+MYSQL_RES* storeUntil(MYSQL* mysql, std::chrono::steady_clock::time_point until);
 
 }  // namespace Tessel::Database
 
