@@ -100,12 +100,7 @@ my_bool s_readResult(MYSQL* mysql, const Deadline& until) {
 }
 
 MYSQL_RES* s_storeResult(MYSQL* mysql, const Deadline& until) {
-  if (!until) return mysql_store_result(mysql);
-  return callUntil<MYSQL_RES*>(
-      mysql, *until, [&](MYSQL_RES** result) { return mysql_store_result_start(result, mysql); },
-      [&](MYSQL_RES** result, int events) {
-        return mysql_store_result_cont(result, mysql, events);
-      });
+  return until ? storeUntil(mysql, *until) : mysql_store_result(mysql);
 }
 
 // True for the answers of a server that takes no writes.
@@ -342,13 +337,17 @@ MYSQL_RES* Connection::Impl::run(std::string_view text, bool mayRepeat, const ch
   const Clock::time_point start = Clock::now();
   ready(context, text);
   const bool hadTransaction = inTransaction();
-  const Answer answer = attempt(text, context);
+  const bool isImpatient = m_patience && m_handle->hosts() > 1 && !hadTransaction && mayRepeat &&
+                           onlyReads(text) && isRepeatable(text);
+  const Answer answer =
+      attempt(text, context, isImpatient ? Deadline(Clock::now() + *m_patience) : Deadline());
   if (!answer.lost) return answer.result;
   if (hadTransaction && (!answer.sent || staysInTransaction(text))) {
     s_throwLostTransaction(context, answer.facts);
   }
   // A time-out is no reason to ask again: the server may still be at work on the first one.
-  const bool repeatable = !hadTransaction && mayRepeat && !answer.timedOut && isRepeatable(text);
+  const bool repeatable =
+      isImpatient || (!hadTransaction && mayRepeat && !answer.timedOut && isRepeatable(text));
   if (answer.sent && !repeatable) throw s_unknownOutcome(context, answer.facts, answer.timedOut);
   return runAgain(text, start, answer, context);
 }
@@ -462,6 +461,10 @@ void Connection::dbDelete(const std::string& name) {
 
 void Connection::leaveHost() noexcept {
   m_impl->leaveHost();
+}
+
+void Connection::setPatience(std::chrono::milliseconds patience) noexcept {
+  m_impl->setPatience(patience);
 }
 
 bool Connection::inTransaction() const noexcept {

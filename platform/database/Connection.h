@@ -2,6 +2,7 @@
 #ifndef TSL_DATABASE_CONNECTION_H
 #define TSL_DATABASE_CONNECTION_H
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -76,6 +77,12 @@ class TSL_EXPORT Connection {
   // another one where the options name several. For a host that answers, but not as it should, such
   // as a replica that is far behind. Never throws.
   void leaveHost() noexcept;
+
+  // From now on, where the options name several hosts, asks another one when the first takes longer
+  // than `patience` for a statement that only reads or starts a transaction, outside of one; the
+  // host counts as failed, and may still be at work on it. For short statements, to which one of
+  // the hosts answers at once.
+  void setPatience(std::chrono::milliseconds patience) noexcept;
 
   // True between the start of a transaction and its end, as of the last answer of the server.
   [[nodiscard]] bool inTransaction() const noexcept;

@@ -47,6 +47,7 @@ class Connection::Impl {
   // side makes every statement fail instead of being carried out on its own.
   void setGuarded(bool guarded) noexcept { m_guarded = guarded; }
   [[nodiscard]] bool isGuarded() const noexcept { return m_guarded; }
+  void setPatience(Handle::Clock::duration patience) noexcept { m_patience = patience; }
   // Closes the connection and counts its host as failed.
   void leaveHost() noexcept;
   // Closes the connection; the server undoes an open transaction.
@@ -76,6 +77,7 @@ class Connection::Impl {
   std::string m_database;            // Selected, or to be selected when it is opened again.
   std::unique_ptr<Handle> m_handle;  // Null before begin() and after a loss.
   bool m_guarded = false;
+  std::optional<Handle::Clock::duration> m_patience;  // For the first host that is to read.
   bool m_isProven = false;                            // The handle has carried out a statement.
   Handle::Clock::duration m_connecting{};             // Time spent on it for the present statement.
   std::chrono::steady_clock::time_point m_lastAlive;  // When the handle was last found alive.

@@ -54,6 +54,10 @@ Token s_tokenAt(std::string_view text, std::size_t at) {
     return {Kind::Literal, text.substr(at, s_quotedEnd(text, at) - at)};
   }
   if (c == '`') return {Kind::Name, text.substr(at, s_quotedEnd(text, at) - at)};
+  // A hint changes how a statement is carried out, and not what it does.
+  if (const std::size_t end = rest.find("*/"); rest.starts_with("/*+") && end != rest.npos) {
+    return {Kind::Symbol, rest.substr(0, end + 2)};
+  }
   // What a comment hides, or makes the server execute, is not judged: it takes in the rest.
   if (c == '#' || rest.starts_with("--") || rest.starts_with("/*")) return {Kind::Comment, rest};
   std::size_t end = at;
@@ -167,6 +171,8 @@ bool isRepeatable(std::string_view text) {
   for (const char* harmless : {"select", "show", "describe", "explain", "replace"}) {
     if (s_isWord(first, harmless)) return true;
   }
+  // The other connection is closed, and its transaction undone.
+  if (s_isWord(first, "start")) return s_isWord(tokens[1], "transaction");
   // MariaDB's "set statement ... for" carries any statement inside it.
   if (s_isWord(first, "set")) return !s_isWord(tokens[1], "statement");
   // With a limit each repetition deletes other rows; with "returning" the second answer is empty.
@@ -177,6 +183,14 @@ bool isRepeatable(std::string_view text) {
   if (s_isWord(first, "create")) return s_isRepeatableCreate(tokens);
   if (s_isWord(first, "drop")) return s_isRepeatableDrop(tokens);
   return false;
+}
+
+bool onlyReads(std::string_view text) {
+  const std::vector<Token> tokens = s_tokens(text);
+  if (tokens.size() < 2) return false;
+  const Token& first = tokens.front();
+  return s_isWord(first, "select") || s_isWord(first, "show") ||
+         (s_isWord(first, "start") && s_isWord(tokens[1], "transaction"));
 }
 
 bool staysInTransaction(std::string_view text) {

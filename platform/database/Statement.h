@@ -10,11 +10,15 @@
 namespace Tessel::Database {
 
 // True when carrying out `text` twice in a row leaves the same data and gives the same answer as
-// once, judged by its words alone. Anything not known to be harmless is false. The judgement takes
-// the tables for granted: an insert counts as harmless because of its "on duplicate key update",
-// which holds only where a key covers the row. Functions that a select calls are not looked at.
-// Any thread.
+// once, where the first time may have been on another connection, judged by its words alone.
+// Anything not known to be harmless is false. The judgement takes the tables for granted: an insert
+// counts as harmless because of its "on duplicate key update", which holds only where a key covers
+// the row. Functions that a select calls are not looked at. Any thread.
 bool isRepeatable(std::string_view text);
+
+// True when `text` is a statement that reads, or starts a transaction. Anything not known to be one
+// is false; functions that a select calls are not looked at. Any thread.
+bool onlyReads(std::string_view text);
 
 // True when `text` is a statement that reads or changes rows without ending the open transaction,
 // so that a lost connection undoes it with the rest. Anything not known to be one is false. Any

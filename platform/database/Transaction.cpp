@@ -20,7 +20,7 @@ Transaction::Transaction(Connection& connection) : m_connection(connection) {
                  {},
                  false});
   }
-  impl.execute("start transaction", nullptr, &connection, false, "Database::Transaction");
+  impl.execute("start transaction", nullptr, &connection, true, "Database::Transaction");
   impl.setGuarded(true);
   m_open = true;
 }

@@ -340,6 +340,50 @@ TEST_F(ConnectionHosts, AWriteIsRefusedWhenAllHostsAreReadOnly) {
   EXPECT_THAT(connection.peerAddress().text(), HasSubstr("127.0.0.1"));
 }
 
+class ImpatientConnection : public ConnectionHosts {
+ protected:
+  void SetUp() override {
+    ConnectionHosts::SetUp();
+    m_connection = std::make_unique<Connection>(s_name);
+    m_connection->setPatience(milliseconds(500));
+    m_a.hold(true);
+  }
+
+  std::unique_ptr<Connection> m_connection;
+};
+
+TEST_F(ImpatientConnection, AsksAnotherHostWhenTheFirstTakesLonger) {
+  EXPECT_LT(timeOf([&] { EXPECT_EQ(nodeOf(*m_connection), "b"); }), seconds(5));
+  // The first one counts as failed, and is not even asked.
+  EXPECT_LT(timeOf([&] { EXPECT_EQ(nodeNow(), "b"); }), milliseconds(500));
+}
+
+TEST_F(ImpatientConnection, GivesTheOtherHostAllTheTime) {
+  EXPECT_EQ(value(*m_connection, "select sleep(1) + 5"), "5");
+}
+
+TEST_F(ImpatientConnection, StartsATransactionElsewhereAndThenWaitsForItsAnswers) {
+  const Transaction transaction(*m_connection);
+  EXPECT_EQ(nodeOf(*m_connection), "b");
+  EXPECT_EQ(value(*m_connection, "select sleep(1) + 5"), "5");
+}
+
+TEST_F(ImpatientConnection, WaitsForAWriteAsLongAsOthersDo) {
+  const std::jthread later([this] {
+    std::this_thread::sleep_for(seconds(1));
+    m_a.hold(false);
+  });
+  run(*m_connection, "insert into node values('x')", false);
+  EXPECT_EQ(server().sql("select count(*) from tsl_test.node").at(0).at(0), "2");
+}
+
+TEST_F(ImpatientConnection, WaitsForTheOnlyHost) {
+  use("host=" + m_b.path() + "\n");
+  m_connection = std::make_unique<Connection>(s_name);
+  m_connection->setPatience(milliseconds(500));
+  EXPECT_EQ(value(*m_connection, "select sleep(1) + 5"), "5");
+}
+
 // Both wait for the whole time-out for reading, so they wait together.
 TEST_F(ConnectionHosts, ReadingEndsAfterItsTimeOutAlsoWhenTheStatementIsRepeated) {
   Testing::SocketRelay alone({server().socketPath()});

@@ -46,15 +46,28 @@ TEST(Statement, OnlyStatementsWhoseRepetitionChangesNothingAreRepeatable) {
       {"drop table t", false},
       {"update t set a=1", false},
       {"alter table t add b int", false},
-      {"start transaction", false},
+      {"start transaction", true},
+      {"start slave", false},
       {"commit", false},
       {"/* select */ update t set a=1", false},
       {"select 1 -- tail", false},
+      {"select /*+ SET_VAR(a=0) */ 1", true},
+      {"select /*+ SET_VAR(a=0) */ 1 /*! into outfile 'f' */", false},
+      {"select /*+ ", false},
       {"call p()", false},
       {"", false},
       {"select", false},
   };
   for (const Case& one : cases) EXPECT_EQ(isRepeatable(one.text), one.want) << one.text;
+}
+
+TEST(Statement, ReadingStatementsAreTold) {
+  EXPECT_TRUE(onlyReads("select 1"));
+  EXPECT_TRUE(onlyReads(" Show tables"));
+  EXPECT_TRUE(onlyReads("start transaction"));
+  EXPECT_FALSE(onlyReads("start slave"));
+  EXPECT_FALSE(onlyReads("replace into t values(1)"));
+  EXPECT_FALSE(onlyReads("select"));
 }
 
 TEST(Statement, OnlyStatementsThatEndNoTransactionStayInIt) {

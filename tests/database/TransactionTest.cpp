@@ -174,9 +174,22 @@ TEST_F(TransactionTest, AFailedStatementLeavesItOpen) {
 
 class RelayedTransaction : public RelayedTest {};
 
-TEST_F(RelayedTransaction, AStartWithoutAnswerIsAnErrorAndNoneIsOpen) {
-  Connection connection("");
+TEST_F(RelayedTransaction, AStartWithoutAnswerIsMadeAgainOnANewConnection) {
+  makeTable();
+  Connection connection("tsl_test");
   m_relay.cutAfter(Testing::SocketRelay::Direction::ToClient, 2);
+  {
+    const Transaction transaction(connection);
+    EXPECT_TRUE(m_relay.endCut());
+    EXPECT_TRUE(connection.inTransaction());
+    run(connection, "insert into t(name) values('a')");
+  }
+  EXPECT_EQ(value(connection, "select count(*) from t"), "0");
+}
+
+TEST_F(RelayedTransaction, AStartThatCannotBeMadeAgainIsAnErrorAndNoneIsOpen) {
+  Connection connection("");
+  m_relay.cutAfter(Testing::SocketRelay::Direction::ToClient, 2, true);
   const auto got = caughtError([&] { const Transaction transaction(connection); });
   ASSERT_TRUE(got);
   EXPECT_EQ(got->context(), "Database::Transaction");

@@ -434,6 +434,20 @@ TEST_F(TableWatchOnTwoServers, TheRowsAreThoseOfTheHostThatIsUsedAlsoWhenItChang
   EXPECT_THAT(takeLog(), Not(HasSubstr("different servers")));
 }
 
+// Such as a node that was suspended.
+TEST_F(TableWatchOnTwoServers, AHostThatFallsSilentIsSoonLeftForTheOther) {
+  Testing::SocketRelay first({m_path});
+  Testing::SocketRelay second({m_otherPath});
+  use(first.path() + "," + second.path());
+  watch();
+  EXPECT_TRUE(becomes("x@d", "a@d"));
+  first.hold(true);
+  const Clock::time_point start = Clock::now();
+  EXPECT_TRUE(becomes("x@d", "b@d"));
+  EXPECT_LT(Clock::now() - start, seconds(10));
+  EXPECT_THAT(takeLog(), Not(HasSubstr("unavailable")));
+}
+
 TEST_F(TableWatchOnTwoServers, BehindAProxyTheRowsAndTheChangesAreThoseOfOneServer) {
   Testing::SocketRelay proxy({m_path, m_otherPath, m_otherPath});
   use(proxy.path());

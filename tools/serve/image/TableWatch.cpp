@@ -36,6 +36,10 @@ constexpr const char* s_longAgo = "7200";
 constexpr unsigned int s_unknownDatabase = 1049;
 constexpr unsigned int s_tableDenied = 1142;
 
+// How long one of several hosts may take to say what has changed. One that was suspended, or cannot
+// catch up with its cluster, takes as long as the time-outs allow.
+constexpr milliseconds s_patience{2000};
+
 // Pause after a table could not be read.
 constexpr milliseconds s_retry{1000};
 // A table that is filled row by row is complete when it has not changed for this many times the
@@ -63,6 +67,12 @@ std::string s_marks(const std::string& condition) {
   return std::string(s_marksStatement) + s_longAgo +
          ", 1) from information_schema.tables where table_schema = '" + Tool::s_database +
          "' and " + condition + ";";
+}
+
+std::unique_ptr<Database::Connection> s_connect() {
+  auto connection = std::make_unique<Database::Connection>(Tool::s_database);
+  connection->setPatience(s_patience);
+  return connection;
 }
 
 // The host of a connection, for people.
@@ -211,7 +221,7 @@ void TableWatch::prepareReload() {
 bool TableWatch::reconnect() try {
   m_connection.with([](ConnectionPointer& connection) {
     if (connection == nullptr) return;
-    connection = std::make_unique<Database::Connection>(Tool::s_database);
+    connection = s_connect();
   });
   return true;
 } catch (const Exception& exception) {
@@ -250,7 +260,7 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
   return m_connection.with([this](ConnectionPointer& connection) -> std::vector<Mark> {
     try {
       if (connection == nullptr) {
-        connection = std::make_unique<Database::Connection>(Tool::s_database);
+        connection = s_connect();
       } else if (m_isIncomplete) {
         // Rights on a database that were granted meanwhile count from now on.
         connection->dbSelect(Tool::s_database);
@@ -476,7 +486,7 @@ std::optional<TableWatch::Reading> TableWatch::readRows(Database::Connection& co
 // A connection for reading a table; null when there is none to be had.
 TableWatch::ConnectionPointer TableWatch::newConnection() const try {
   if (m_mismatches >= s_mostMismatches) return nullptr;
-  return std::make_unique<Database::Connection>(Tool::s_database);
+  return s_connect();
 } catch (const Exception&) {
   return nullptr;
 }
