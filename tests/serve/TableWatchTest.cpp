@@ -434,6 +434,24 @@ TEST_F(TableWatchOnTwoServers, TheRowsAreThoseOfTheHostThatIsUsedAlsoWhenItChang
   EXPECT_THAT(takeLog(), Not(HasSubstr("different servers")));
 }
 
+// Nodes of a cluster have other times for the creation of one table.
+TEST_F(TableWatchOnTwoServers, FewerRowsOnAnotherHostAreNoSignOfAnotherTable) {
+  Testing::SocketRelay first({m_path});
+  Testing::SocketRelay second({m_otherPath});
+  use(first.path() + "," + second.path());
+  add("y@d", "a@d");
+  watch();
+  EXPECT_TRUE(becomes("y@d", "a@d"));
+  std::this_thread::sleep_for(seconds(1));
+  s_other->sql("alter table ts_address_map.alias force");
+  // The host is left while the table is being changed.
+  s_other->sql("update ts_address_map.alias set members = 'c@d'");
+  first.goDown();
+  EXPECT_TRUE(becomes("x@d", "c@d"));
+  EXPECT_EQ(find("y@d"), "none");
+  EXPECT_THAT(takeLog(), Not(HasSubstr("instead of")));
+}
+
 // Such as a node that was suspended.
 TEST_F(TableWatchOnTwoServers, AHostThatFallsSilentIsSoonLeftForTheOther) {
   Testing::SocketRelay first({m_path});

@@ -323,11 +323,12 @@ void TableWatch::compare(const Mark& mark, Clock::time_point start) {
     watched.lastLook = start;
     // What was confirmed is that it is gone, not what it is now.
     if (watched.isMissing) watched.isConfirmed = false;
-    if (watched.isMissing || watched.created != mark.created) watched.isReplaced = true;
+    if (watched.isMissing || watched.isExchanged(mark)) watched.isReplaced = true;
     watched.isMissing = false;
     if (std::exchange(watched.isDenied, false)) {
       m_log.warning("table " + sqlName + " can be read again");
     }
+    watched.server = mark.server;
     watched.created = mark.created;
     if (watched.seen != print) {
       watched.isRecent = !watched.seen.empty() || !mark.isLongAgo;
@@ -555,7 +556,7 @@ bool TableWatch::accept(Table& table, const TableImage& image, const Mark& mark,
     Watched& watched = state.watched.at(table.sqlName());
     if (watched.isMissing) return false;
     // Between the last look and the reading.
-    if (count < watched.rows && mark.created != watched.created) watched.isReplaced = true;
+    if (count < watched.rows && watched.isExchanged(mark)) watched.isReplaced = true;
     const TableState before = std::exchange(watched.read, watched.judge(count, start, quiet()));
     const std::string counts =
         std::to_string(count) + " rows instead of " + std::to_string(watched.rows);

@@ -98,6 +98,11 @@ class TableWatch {
     [[nodiscard]] bool hasPrint(const std::string& print) const {
       return table->generation() != 0 && readPrint == print;
     }
+    // True when `mark` is of another table than the one that was seen last. Each server has a time
+    // of its own for the creation of one table.
+    [[nodiscard]] bool isExchanged(const Mark& mark) const {
+      return server.empty() || (server == mark.server && created != mark.created);
+    }
     // When the table is to be read again, the image having its print; `max` when there is no need.
     [[nodiscard]] Clock::time_point nextRead() const;
     // True when `count` rows are so few that the table may be one that is being filled again.
@@ -115,6 +120,7 @@ class TableWatch {
     bool isRecent = false;        // More may have changed in the second of the print.
     Clock::time_point lastLook =
         Clock::time_point::min();  // When the table was last seen to be there.
+    std::string server;            // The one that has said so.
     std::string created;           // When the table was created, as the server says.
     bool isMissing = false;
     bool isDenied = false;     // It may be there: the SQL user may not know.
