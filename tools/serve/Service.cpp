@@ -44,13 +44,13 @@ using boost::system::error_code;
 using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::generic::stream_protocol>;
 
 // Wait before the next connection is accepted when there are no descriptors left.
-constexpr std::chrono::milliseconds s_acceptPause{100};
+constexpr std::chrono::milliseconds s_acceptPause = 100ms;
 // How long connections wait at the start until all that can be read is read, and how often that is
 // looked at.
-constexpr std::chrono::milliseconds s_startPatience{5000};
-constexpr std::chrono::milliseconds s_startStep{5};
+constexpr std::chrono::milliseconds s_startPatience = 5s;
+constexpr std::chrono::milliseconds s_startStep = 5ms;
 // How long the end waits for the database: it reads only, so nothing is lost.
-constexpr std::chrono::milliseconds s_databasePatience{200};
+constexpr std::chrono::milliseconds s_databasePatience = 200ms;
 // Descriptors for other things than connections.
 constexpr std::size_t s_otherDescriptors = 64;
 
@@ -261,7 +261,7 @@ class Service {
   // Logs once a second what has become too old, also while the database is waited for.
   void report() {
     m_readiness.report(Clock::now());
-    m_reports.expires_after(std::chrono::seconds(1));
+    m_reports.expires_after(1s);
     m_reports.async_wait([this](const error_code& error) {
       if (!error) report();
     });

@@ -20,7 +20,7 @@ constexpr int s_mostVictims = 64;
 constexpr int s_mostSearched = 256;
 // A larger part of the memory than this is not given to one entry.
 constexpr std::size_t s_largestPart = 16;
-constexpr std::chrono::minutes s_keptUnused{5};
+constexpr std::chrono::minutes s_keptUnused = 5min;
 
 std::uint64_t s_hash(const AnswerCache::Source& source, std::string_view key) {
   // The tables' numbers are small; multiplied by a large odd number they differ in all bits.

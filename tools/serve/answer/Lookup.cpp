@@ -24,7 +24,7 @@ constexpr std::size_t s_longestKey = 512;
 constexpr std::size_t s_shortReply = 1024;
 
 // Longest time for which an answer is kept that may change while the tables do not.
-constexpr std::chrono::milliseconds s_longestMoment{1000};
+constexpr std::chrono::milliseconds s_longestMoment = 1s;
 
 bool s_hasTable(Map map) {
   return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;

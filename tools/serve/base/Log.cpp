@@ -28,7 +28,7 @@ constexpr std::size_t s_longestLine = 4096;
 // How many messages are remembered.
 constexpr std::size_t s_mostRecent = 1000;
 // How long the end waits for someone to read.
-constexpr std::chrono::milliseconds s_readerPatience{500};
+constexpr std::chrono::milliseconds s_readerPatience = 500ms;
 
 // True when standard error takes a line within `patience`.
 bool s_hasRoom(std::chrono::milliseconds patience) {
@@ -113,7 +113,7 @@ void Log::run() {
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
   const auto isWanted = [](const State& state) { return state.isEnding || !state.lines.empty(); };
   while (!m_isEnding) {
-    m_state.waitFor(m_wake, std::chrono::hours(1), isWanted);
+    m_state.waitFor(m_wake, 1h, isWanted);
     const std::string line = m_state.with([](State& state) {
       state.isWriting = !state.lines.empty();
       if (!state.isWriting) return std::string();
@@ -128,7 +128,7 @@ void Log::run() {
 }
 
 void Log::writeLine(const std::string& line) {
-  while (!s_hasRoom(std::chrono::milliseconds(100))) {
+  while (!s_hasRoom(100ms)) {
     if (m_isEnding) return;
   }
   std::string_view left = line;

@@ -17,6 +17,8 @@
 
 namespace Tessel::Serve {
 
+using namespace std::chrono_literals;
+
 // In ascending order of detail. Addresses are named at `Debug` only.
 enum class LogLevel { Error, Warning, Info, Debug };
 
@@ -28,7 +30,7 @@ class Log {
  public:
   // Writes lines up to `level`. Under systemd, which says so in the environment (JOURNAL_STREAM),
   // each begins with its priority, see sd-daemon(3). What comes again within `quiet` is counted.
-  explicit Log(LogLevel level, std::chrono::milliseconds quiet = std::chrono::minutes(1));
+  explicit Log(LogLevel level, std::chrono::milliseconds quiet = 1min);
   // Writes what is left, and waits a moment for someone to read it.
   ~Log();
   Log(const Log&) = delete;

@@ -13,6 +13,8 @@
 
 namespace Tessel::Serve {
 
+using namespace std::chrono_literals;
+
 // The clock of ages and time-outs.
 using Clock = std::chrono::steady_clock;
 
@@ -28,13 +30,13 @@ struct Settings {
   std::vector<ListenAddress> listen;
   std::optional<ListenAddress> metrics;
   std::vector<std::string> tables;  // Store names; empty for all tables.
-  std::chrono::milliseconds refresh{1000};
-  std::optional<std::chrono::milliseconds> stale{std::chrono::hours(1)};  // Nothing: forever.
+  std::chrono::milliseconds refresh = 1s;
+  std::optional<std::chrono::milliseconds> stale = 1h;  // Nothing: forever.
   // A replica that is further behind is not read; nothing: none is asked for that.
   std::optional<std::chrono::milliseconds> maxLag;
   std::string snapshot;  // Directory; empty for none.
   // Shortest time between two snapshots of a table. Not an option.
-  std::chrono::milliseconds snapshotInterval{10000};
+  std::chrono::milliseconds snapshotInterval = 10s;
   std::size_t maxReply = 100000;
   std::size_t page = 500;
   std::size_t maxRequest = 65536;
@@ -45,9 +47,9 @@ struct Settings {
   bool leaveOutDisabled = false;  // Disabled users get no mail through aliases and masks.
   unsigned int workers = 1;
   std::size_t maxConnections = 10000;
-  std::chrono::milliseconds idleTimeout{std::chrono::hours(1)};
-  std::chrono::milliseconds requestTimeout{std::chrono::seconds(30)};
-  std::chrono::milliseconds drain{std::chrono::seconds(5)};
+  std::chrono::milliseconds idleTimeout = 1h;
+  std::chrono::milliseconds requestTimeout = 30s;
+  std::chrono::milliseconds drain = 5s;
 };
 
 }  // namespace Tessel::Serve

@@ -20,14 +20,10 @@ struct Unit {
   milliseconds length;
 };
 
-constexpr std::array<Unit, 5> s_units{{{"ms", milliseconds(1)},
-                                       {"s", std::chrono::seconds(1)},
-                                       {"m", std::chrono::minutes(1)},
-                                       {"h", std::chrono::hours(1)},
-                                       {"d", std::chrono::hours(24)}}};
+constexpr std::array<Unit, 5> s_units{{{"ms", 1ms}, {"s", 1s}, {"m", 1min}, {"h", 1h}, {"d", 24h}}};
 
 // So that no sum of times overflows.
-constexpr std::uint64_t s_longestTime = milliseconds(std::chrono::hours(24) * 10000).count();
+constexpr std::uint64_t s_longestTime = milliseconds(24h * 10000).count();
 
 [[noreturn]] void s_refuse(const std::string& option, const std::string& text,
                            const std::string& hint) {
@@ -62,7 +58,7 @@ milliseconds parseTime(const std::string& option, const std::string& text, milli
 
 std::string timeText(milliseconds time) {
   const auto unit = std::find_if(s_units.rbegin(), s_units.rend(), [time](const Unit& candidate) {
-    return time % candidate.length == milliseconds(0);
+    return time % candidate.length == 0ms;
   });
   return std::to_string(time / unit->length).append(unit->name);
 }

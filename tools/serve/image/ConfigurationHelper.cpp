@@ -29,7 +29,7 @@ namespace {
 
 // How often files that somebody writes into are read again, and the pause before that.
 constexpr int s_attempts = 20;
-constexpr std::chrono::milliseconds s_pause{20};
+constexpr std::chrono::milliseconds s_pause = 20ms;
 
 // What damaged files do to who reads them must not fill the disk with core dumps.
 void s_endDamaged(int /*signal*/) {

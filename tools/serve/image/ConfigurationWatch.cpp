@@ -27,10 +27,10 @@ namespace {
 using std::chrono::milliseconds;
 
 // The pause before a new helper: first, and longest.
-constexpr milliseconds s_firstPause{100};
-constexpr milliseconds s_longestPause{10000};
+constexpr milliseconds s_firstPause = 100ms;
+constexpr milliseconds s_longestPause = 10s;
 // How often a waiting thread looks whether it is to stop.
-constexpr milliseconds s_lookStep{20};
+constexpr milliseconds s_lookStep = 20ms;
 
 // Thrown instead of an answer when the watch, or the helper, ends.
 struct Stopped {};
@@ -108,9 +108,9 @@ milliseconds ConfigurationWatch::look() {
   try {
     ask(start);
     m_pause = s_firstPause;
-    return std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
+    return std::clamp(m_settings.refresh / 4, 10ms, 1000ms);
   } catch (const Stopped&) {
-    return milliseconds(0);
+    return 0ms;
   } catch (const Ended&) {
     return endHelper(s_ended(m_helper->end()));
   } catch (const std::exception& exception) {

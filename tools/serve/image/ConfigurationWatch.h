@@ -31,7 +31,7 @@ class ConfigurationWatch {
   // The helper: a program that calls helpWithConfiguration(0).
   struct Helper {
     std::vector<std::string> command;
-    std::chrono::milliseconds patience{5000};  // Until silence is too long.
+    std::chrono::milliseconds patience = 5s;  // Until silence is too long.
   };
 
   // Begins to watch, on a thread of its own. All references must outlive the object.

@@ -18,9 +18,11 @@ namespace Tessel::Serve {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // How long the end of a process is waited for. One that the kernel holds up is left behind.
-constexpr std::chrono::milliseconds s_endPatience{1000};
-constexpr std::chrono::milliseconds s_endStep{5};
+constexpr std::chrono::milliseconds s_endPatience = 1s;
+constexpr std::chrono::milliseconds s_endStep = 5ms;
 
 [[noreturn]] void s_fail(int error, const char* what) {
   throw std::system_error(error, std::generic_category(), what);

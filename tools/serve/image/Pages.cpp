@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::string_view s_prefix = "tslpage";
 constexpr std::size_t s_tokenSize = 24;
-constexpr std::chrono::hours s_keptUnused{1};
+constexpr std::chrono::hours s_keptUnused = 1h;
 // What a set of pages takes in the maps, about.
 constexpr std::size_t s_overhead = 512;
 // A number of a page that is as long as any.

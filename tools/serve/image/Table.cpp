@@ -14,7 +14,7 @@ constexpr Clock::rep s_never = std::numeric_limits<Clock::rep>::min();
 
 // How long a table counts as asked for that is not served, how many such are remembered, and the
 // longest name of a table that a database can have.
-constexpr std::chrono::minutes s_unknownTime{1};
+constexpr std::chrono::minutes s_unknownTime = 1min;
 constexpr std::size_t s_mostUnknown = 8;
 constexpr std::size_t s_longestName = 64;
 

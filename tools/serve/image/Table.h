@@ -104,7 +104,7 @@ class Table {
 };
 
 // If an image was not compared with its table for this long, the database is unavailable.
-inline constexpr Clock::duration s_outage = std::chrono::seconds(5);
+inline constexpr Clock::duration s_outage = 5s;
 
 // True when an image that is `age` old is too old to answer from.
 bool isTooOld(Clock::duration age, const Settings& settings);

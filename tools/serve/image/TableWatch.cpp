@@ -25,9 +25,9 @@ constexpr std::size_t s_readers = 2;
 
 // Until the second of a change is certainly over, later changes in it look the same. A small table
 // is reread each time, a larger one at these times after the change was found.
-constexpr milliseconds s_noTime{50};
-constexpr milliseconds s_midway{500};
-constexpr milliseconds s_settled{1250};
+constexpr milliseconds s_noTime = 50ms;
+constexpr milliseconds s_midway = 500ms;
+constexpr milliseconds s_settled = 1250ms;
 
 // A table whose last change is longer ago than clocks are ever set back is not in that second.
 constexpr const char* s_longAgo = "7200";
@@ -38,10 +38,10 @@ constexpr unsigned int s_tableDenied = 1142;
 
 // How long one of several hosts may take to say what has changed. One that was suspended, or cannot
 // catch up with its cluster, takes as long as the time-outs allow.
-constexpr milliseconds s_patience{2000};
+constexpr milliseconds s_patience = 2s;
 
 // Pause after a table could not be read.
-constexpr milliseconds s_retry{1000};
+constexpr milliseconds s_retry = 1s;
 // A table that is filled row by row is complete when it has not changed for this many times the
 // time in which changes are to be visible.
 constexpr int s_quietTimes = 10;
@@ -129,7 +129,7 @@ TableWatch::TableWatch(const Settings& settings, Tables& tables, Metrics& metric
 }
 
 TableWatch::~TableWatch() {
-  stop(milliseconds(0));
+  stop(0ms);
   if (m_thread.joinable()) m_thread.join();
   m_readers.finish();
 }
@@ -173,12 +173,11 @@ bool TableWatch::isIdleWithin(milliseconds patience) {
 void TableWatch::testOnlyLook(Clock::time_point now) {
   m_shift = now - Clock::now();
   look();
-  isIdleWithin(std::chrono::minutes(1));
+  isIdleWithin(1min);
 }
 
 void TableWatch::run() {
-  const milliseconds interval =
-      std::clamp(m_settings.refresh / 4, milliseconds(10), milliseconds(1000));
+  const milliseconds interval = std::clamp(m_settings.refresh / 4, 10ms, 1000ms);
   while (!m_state.with([](const State& state) { return state.isStopping; })) {
     look();
     m_state.waitFor(m_wake, interval,

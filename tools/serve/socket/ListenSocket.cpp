@@ -29,13 +29,15 @@ namespace Tessel::Serve {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 using Tool::ExitCode;
 using Tool::Failure;
 
 constexpr int s_backlog = 4096;
 // How often, and with which pause, the lock of a path is tried: five seconds in all.
 constexpr int s_lockTries = 1000;
-constexpr std::chrono::milliseconds s_lockPause{5};
+constexpr std::chrono::milliseconds s_lockPause = 5ms;
 
 [[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
                          const std::string& hint) {

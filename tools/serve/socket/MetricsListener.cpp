@@ -19,12 +19,14 @@ namespace Tessel::Serve {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr std::chrono::seconds s_requestPatience{5};
+constexpr std::chrono::seconds s_requestPatience = 5s;
 constexpr std::size_t s_mostConnections = 64;
 constexpr std::size_t s_mostHeaderBytes = 8192;
 
@@ -78,7 +80,7 @@ class MetricsListener::Server {
         return accept();
       }
       // No descriptor is left: there may be one later.
-      m_pause.expires_after(std::chrono::milliseconds(100));
+      m_pause.expires_after(100ms);
       m_pause.async_wait([this](const error_code& /*stopped*/) { accept(); });
     });
   }

@@ -24,11 +24,11 @@ constexpr std::size_t s_muchToSend = 262144;
 constexpr std::size_t s_smallOutput = 64;
 // Requests of one connection that are answered before others have their turn, and for how long.
 constexpr int s_requestsAtOnce = 16;
-constexpr std::chrono::microseconds s_timeAtOnce{200};
+constexpr std::chrono::microseconds s_timeAtOnce = 200us;
 // How long a mail server has to read why the connection ends.
-constexpr std::chrono::milliseconds s_lingering{2000};
+constexpr std::chrono::milliseconds s_lingering = 2s;
 // How long a mail server that is silent may delay the end of the service.
-constexpr std::chrono::milliseconds s_drainPatience{300};
+constexpr std::chrono::milliseconds s_drainPatience = 300ms;
 
 // True when the last call failed only because it would have had to wait.
 bool s_mustWait() {

@@ -18,8 +18,8 @@ namespace {
 
 constexpr int s_eventsAtOnce = 256;
 // How often connections are looked at whose time may be over; while they end.
-constexpr std::chrono::milliseconds s_sweepInterval{1000};
-constexpr std::chrono::milliseconds s_drainInterval{50};
+constexpr std::chrono::milliseconds s_sweepInterval = 1s;
+constexpr std::chrono::milliseconds s_drainInterval = 50ms;
 
 }  // namespace
 
@@ -117,7 +117,7 @@ void Worker::run() {
   Clock::time_point lastSweep = Clock::now();
   while (!m_isEnding) {
     const auto interval = m_isDraining ? s_drainInterval : s_sweepInterval;
-    const auto patience = m_shared.queue.empty() ? interval : std::chrono::milliseconds(0);
+    const auto patience = m_shared.queue.empty() ? interval : 0ms;
     const int count = epoll_wait(m_events.number(), events.data(), s_eventsAtOnce,
                                  static_cast<int>(patience.count()));
     m_shared.now = Clock::now();
