@@ -42,10 +42,24 @@ old_schema() {
 @test "an old and partial database is completed, its rows kept" {
   old_schema
   run -0 tool init --json
-  equal "$output" '{"database":"ts_address_map","created":false,"changes":["create table mask","add the column all_users to table alias","make the column members of table alias MEDIUMTEXT"]}'
+  equal "$output" '{"database":"ts_address_map","created":false,"changes":["create table mask","add the column all_users to table alias","make the column members of table alias MEDIUMTEXT","create table rules","create table history","create table history_rows"]}'
   equal "$(columns alias)" "name:varchar(255) members:mediumtext all_users:tinyint(4)"
   equal "$(sql 'select * from alias')" $'team@example.com\tann@example.com\t0'
   equal "$(sql 'select count(*) from information_schema.statistics where table_name="mask" and table_schema="ts_address_map" and non_unique=0')" 3
+}
+
+@test "the tables of the tool are added and upgraded, and nothing is incomplete without them" {
+  tool init
+  sql "alter table rules drop column contact; drop table history_rows;
+       insert into rules values( 'alias', 'team@example.com', 'members', '', '', null, 'kept' )"
+  run -0 tool status
+  contains "$output" "complete"
+  [[ $output != *incomplete* ]]
+  run -0 tool init
+  equal "$output" $'done: add the column contact to table rules\ndone: create table history_rows'
+  equal "$(sql 'select concat( note, contact ) from rules')" kept
+  run -0 tool init
+  equal "$output" "database ts_address_map is complete; nothing changed"
 }
 
 @test "an upgrade that was cut short is ended" {
@@ -53,7 +67,7 @@ old_schema() {
   sql 'alter table alias add all_users tinyint not null default 0;
        create table mask( private varchar( 255 ) primary key, public varchar( 255 ) not null );'
   run -0 tool init
-  equal "$output" $'done: add the unique index public to table mask\ndone: make the column members of table alias MEDIUMTEXT'
+  equal "$output" $'done: add the unique index public to table mask\ndone: make the column members of table alias MEDIUMTEXT\ndone: create table rules\ndone: create table history\ndone: create table history_rows'
   run -0 tool init
   equal "$output" "database ts_address_map is complete; nothing changed"
   equal "$(sql 'select count(*) from alias')" 1

@@ -11,6 +11,7 @@
 #include "database/Connection.h"
 #include "tables/Schema.h"
 #include "tables/TableNames.h"
+#include "tables/TextRows.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -79,6 +80,12 @@ ExitCode s_init(Session& session, const InitArguments& arguments) {
     if (dryRun) continue;
     carryOut(connection, step);
     session.detail("done: " + textOf(step));
+  }
+  for (const OwnStep& step : schema.offered) {
+    changes.push_back(step.text);
+    if (dryRun) continue;
+    runStatement(connection, step.statement);
+    session.detail("done: " + step.text);
   }
   s_answer(session, false, changes, dryRun);
   return ExitCode::Done;

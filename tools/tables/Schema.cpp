@@ -147,6 +147,7 @@ Schema lookAtSchema(Database::Connection& connection) {
   } else {
     s_lookAtAlias(connection, s_alias, schema);
   }
+  schema.offered = missingOwnTables(connection, schema.tables);
   return schema;
 }
 
@@ -166,6 +167,9 @@ void createDatabase(Database::Connection& connection) {
   connection.dbSelect(s_database);
   carryOut(connection, SchemaStep::CreateMask);
   carryOut(connection, SchemaStep::CreateAlias);
+  for (const OwnStep& step : missingOwnTables(connection, {})) {
+    runStatement(connection, step.statement);
+  }
 }
 
 void carryOut(Database::Connection& connection, SchemaStep step) {

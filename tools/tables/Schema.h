@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "database/Connection.h"
+#include "tables/OwnTables.h"
 
 namespace Tessel::Tool {
 
@@ -20,6 +21,7 @@ struct Schema {
   std::set<std::string> tables;        // All its tables.
   std::vector<SchemaStep> missing;     // In the order in which they must be carried out.
   std::vector<std::string> unfitting;  // What no step can repair, in words.
+  std::vector<OwnStep> offered;        // What the tool would add for itself. Complete without it.
 
   [[nodiscard]] bool isComplete() const { return present && missing.empty() && unfitting.empty(); }
 };
@@ -49,7 +51,8 @@ Schema lookAtSchema(Database::Connection& connection);
 // Throws Exception as above.
 Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
 
-// Creates the database with its base tables, as the library prepares one, and selects it. Drops
+// Creates the database with its base tables, as the library prepares one, and the tables of this
+// tool, and selects it. Drops
 // nothing when it fails, so that lookAtSchema() finds what is missing. Throws Exception.
 void createDatabase(Database::Connection& connection);
 
