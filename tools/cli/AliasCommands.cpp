@@ -77,15 +77,17 @@ ExitCode s_remove(Session& session, const AliasArguments& arguments) {
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   AliasLook look;
+  bool hadRule = false;
   table.transact([&] {
     look = lookToRemove(table, alias, session, arguments.dryRun);
     if (look.kind == AliasLook::Kind::Absent || arguments.dryRun) return false;
-    table.remove(look.row.name);
+    hadRule = table.remove(look.row.name);
     return true;
   });
   const bool present = look.kind != AliasLook::Kind::Absent;
   if (!present) say(noAlias(alias, session));
   tellSpelling(alias, look);
+  if (hadRule) say("the rule of " + look.row.name + " is removed, too");
   if (present && !arguments.dryRun) session.detail("removed " + alias.address());
   answerChange(session, Json{{"address", alias.address()}, {"removed", present}},
                present ? "- " + look.row.name + ":" + look.row.text : "", arguments.dryRun);
@@ -119,12 +121,16 @@ ExitCode s_show(Session& session, const AliasArguments& arguments) {
                        [&] { (*LibraryTable(session)).queryFindMembers(alias, members); });
   if (members.empty()) members = s_membersElsewhere(alias, session);
   const bool found = !members.empty();
+  const auto rule =
+      found ? AliasTable(aliasTableName(session.tableName())).rules().look(alias) : std::nullopt;
   if (session.isJson()) {
     Json document{{"address", alias.address()}, {"found", found}};
     document["members"] = jsonOf(members);
+    if (rule && rule->rule) document["rule"] = jsonOf(*rule->rule);
     session.output().document(document);
   } else {
     for (const EmailAddress& member : members) session.output().line(member.address());
+    if (rule) say(textOf(*rule));
   }
   return found ? ExitCode::Done : ExitCode::NotFound;
 }
@@ -188,6 +194,7 @@ void addAliasCommands(Command& top) {
   addAliasExpandCommand(group);
   addAliasTreeCommand(group);
   addAliasWhoCommand(group);
+  addRuleCommands(group);
   addExportCommand(group, TableFormat::alias());
   addImportCommand(group, TableFormat::alias());
 }

@@ -100,7 +100,7 @@ struct Change {
   }
   void write(AliasTable& table) const {
     if (members.empty()) {
-      table.remove(look.row.name);
+      if (table.remove(look.row.name)) say("the rule of " + look.row.name + " is removed, too");
     } else {
       table.set(alias, members);
     }

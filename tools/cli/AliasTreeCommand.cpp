@@ -1,15 +1,18 @@
 // The command `alias tree`: how an alias expands, step by step.
 #include <algorithm>
 #include <array>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/AddressInput.h"
 #include "cli/AliasEdit.h"
 #include "cli/Command.h"
 #include "cli/RowReport.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
 #include "tables/AliasTree.h"
 #include "tables/Extension.h"
@@ -59,8 +62,9 @@ std::string s_quoted(const std::string& text) {
 // A tree with what the configuration says about its addresses, and the answer that it comes to.
 class Explanation {
  public:
-  Explanation(const Session& session, AliasTree& tree)
-      : m_session(session), m_tree(tree), m_finals(tree.finals()) {
+  // `rules` by the comparisonKey() of the alias.
+  Explanation(const Session& session, AliasTree& tree, std::map<std::string, std::string> rules)
+      : m_session(session), m_tree(tree), m_finals(tree.finals()), m_rules(std::move(rules)) {
     for (const AliasTree::Node& node : tree.nodes()) m_depth = std::max(m_depth, node.depth);
     if (m_tree.isAllUsers()) replaceMarker();
     for (const AliasTree::Node& node : tree.nodes()) {
@@ -123,6 +127,8 @@ class Explanation {
 
   [[nodiscard]] Json jsonOf(const AliasTree::Node& node) const {
     Json document{{"address", node.address->address()}, {"kind", textOf(node.kind)}};
+    const std::string rule = ruleOf(node);
+    if (!rule.empty()) document["rule"] = rule;
     document["row"] = node.row == nullptr ? Json() : Json(printable(node.row->text));
     const std::string text = note(node);
     document["note"] = text.empty() ? Json() : Json(text);
@@ -150,6 +156,13 @@ class Explanation {
     text += ", cycles: " + std::to_string(count(NodeKind::Cycle));
     text += ", dangling: ";
     return text + (m_users.failure() ? "unknown" : std::to_string(m_dangling.size()));
+  }
+
+  // The rule of an alias whose members are shown; empty for none.
+  [[nodiscard]] std::string ruleOf(const AliasTree::Node& node) const {
+    if (node.kind != NodeKind::Alias) return "";
+    const auto rule = m_rules.find(comparisonKey(node.address->address()));
+    return rule == m_rules.end() ? "" : rule->second;
   }
 
  private:
@@ -189,6 +202,7 @@ class Explanation {
   MailUsers m_users;
   std::set<EmailAddress> m_finals;
   std::set<EmailAddress> m_dangling;
+  std::map<std::string, std::string> m_rules;
   std::array<std::size_t, static_cast<std::size_t>(NodeKind::Broken) + 1> m_counts{};
   std::uint32_t m_depth = 0;
 };
@@ -227,6 +241,8 @@ void s_writeLines(Output& output, const AliasTree& tree, const Explanation& expl
       const Tone tone = explanation.isDangling(node) ? Tone::Doubtful : Tone::Plain;
       line += " (" + coloured(Stream::Output, tone, note) + ")";
     }
+    const std::string rule = explanation.ruleOf(node);
+    if (!rule.empty()) line += " (rule: " + printable(rule) + ")";
     output.line(line);
   }
   output.line(explanation.summary());
@@ -314,7 +330,7 @@ ExitCode s_tree(Session& session, const TreeArguments& arguments) {
   if (tree.row()->fault == RowFault::EmptyValue) {
     throw brokenRow(*tree.row(), aliasTableName(session.tableName()));
   }
-  const Explanation explanation(session, tree);
+  const Explanation explanation(session, tree, table.rules().texts());
   if (arguments.dot) {
     s_writeDot(session.output(), tree, explanation);
   } else if (session.isJson()) {

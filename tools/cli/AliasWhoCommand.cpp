@@ -1,4 +1,5 @@
 // The command `alias who`: through which aliases mail reaches an address.
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "tables/AliasChange.h"
 #include "tables/AliasGraph.h"
 #include "tables/MailUsers.h"
+#include "tables/RuleTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Progress.h"
 #include "terminal/Say.h"
@@ -65,8 +67,10 @@ class Paths {
  public:
   // The paths to `ends`. None leads through `avoided`, which may be one of them. `graph` must
   // outlive the object.
-  Paths(const AliasGraph& graph, const std::vector<Id>& ends, Id avoided)
-      : m_graph(graph), m_aliases(ends), m_steps(graph.names().size()) {
+  // `rules` has the rules of aliases by their comparisonKey(), and must outlive the object, too.
+  Paths(const AliasGraph& graph, const std::map<std::string, std::string>& rules,
+        const std::vector<Id>& ends, Id avoided)
+      : m_graph(graph), m_rules(rules), m_aliases(ends), m_steps(graph.names().size()) {
     for (const Id end : ends) m_steps[end] = {end, 0};
     const DirectedGraph reversed = graph.links().reversed();
     for (std::size_t i = 0; i < m_aliases.size(); ++i) {
@@ -81,6 +85,7 @@ class Paths {
 
   // The aliases that have a path, the nearest first.
   [[nodiscard]] const std::vector<Id>& aliases() const { return m_aliases; }
+  [[nodiscard]] const std::map<std::string, std::string>& rules() const { return m_rules; }
   [[nodiscard]] bool has(Id alias) const { return m_steps[alias].next != AddressIndex::s_none; }
 
   // Adds the path of `alias`, with `last` behind its end.
@@ -98,8 +103,12 @@ class Paths {
       path.insert(path.end(), last.begin(), last.end());
       text = textOf(path);
     }
+    const auto rule = m_rules.find(comparisonKey(name));
+    if (rule != m_rules.end()) text += " (rule: " + printable(rule->second) + ")";
     list.add(text, [&] {
-      return Json{{"alias", name}, {"path", path.empty() ? Json() : Json(path)}};
+      Json document{{"alias", name}, {"path", path.empty() ? Json() : Json(path)}};
+      if (rule != m_rules.end()) document["rule"] = rule->second;
+      return document;
     });
   }
 
@@ -110,6 +119,7 @@ class Paths {
   };
 
   const AliasGraph& m_graph;
+  const std::map<std::string, std::string>& m_rules;
   std::vector<Id> m_aliases;
   std::vector<Step> m_steps;  // By the alias.
 };
@@ -131,7 +141,7 @@ bool s_writeAllUsers(const AliasGraph& graph, AddressIndex::Id marker, const Ema
     if (standsForAll(alias) && graph.own(alias).isMarker()) holders.push_back(alias);
   }
   bool any = false;
-  const Paths paths(graph, holders, AddressIndex::s_none);
+  const Paths paths(graph, direct.rules(), holders, AddressIndex::s_none);
   for (const Id alias : paths.aliases()) {
     const bool isOfDomain = stringCompareNoCase(domainOf(graph.names().text(alias)), domain, 0);
     if (!isOfDomain || !standsForAll(alias) || direct.has(alias)) continue;
@@ -165,7 +175,8 @@ ExitCode s_who(Session& session, const std::string& text) {
   const AliasGraph graph(connection, table, holders, progress.counter());
   progress.begin("looking for paths", "aliases");
   const AddressIndex::Id self = graph.names().find(address.address());
-  const Paths paths(graph, holders.holders(), self);
+  const auto rules = RuleTable(connection, table).texts();
+  const Paths paths(graph, rules, holders.holders(), self);
   progress.end();
   ItemList list(session.output());
   for (const Id alias : paths.aliases()) paths.write(alias, {address.address()}, list);

@@ -129,6 +129,7 @@ void addAliasEditCommands(Command& alias);
 void addAliasExpandCommand(Command& alias);
 void addAliasTreeCommand(Command& alias);
 void addAliasWhoCommand(Command& alias);
+void addRuleCommands(Command& alias);
 void addMaskCommands(Command& top);
 void addMaskExplainCommand(Command& mask);
 void addMaskFindCommands(Command& mask);

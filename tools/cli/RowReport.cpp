@@ -36,6 +36,17 @@ Json jsonOf(const MaskRow& row) {
   return Json{{"private", printable(row.privateText)}, {"public", printable(row.publicText)}};
 }
 
+Json jsonOf(const AliasRule& rule) {
+  const auto text = [](const std::string& value) { return value.empty() ? Json() : Json(value); };
+  Json document{{"writers", textOf(rule.writers)}};
+  document["listed"] = jsonOf(rule.listed);
+  document["owners"] = jsonOf(rule.owners);
+  document["expires"] = text(rule.expires ? timeText(*rule.expires) : "");
+  document["note"] = text(rule.note);
+  document["contact"] = text(rule.contact.address());
+  return document;
+}
+
 std::string noAlias(const EmailAddress& alias, const Session& session) {
   return "no alias " + alias.address() + " in table " + aliasTableName(session.tableName());
 }

@@ -23,6 +23,10 @@ Json jsonOf(const std::set<EmailAddress>& addresses);
 // The row as it is in the table.
 Json jsonOf(const MaskRow& row);
 
+// The rule as {"writers", "listed", "owners", "expires", "note", "contact"}; null for what it does
+// not say.
+Json jsonOf(const AliasRule& rule);
+
 // That the table has no alias `alias`, in words.
 std::string noAlias(const EmailAddress& alias, const Session& session);
 

@@ -47,7 +47,8 @@ std::vector<std::string> s_textsOf(const std::set<EmailAddress>& addresses) {
 AliasTable::AliasTable(std::string table)
     : m_table(std::move(table)),
       m_connection(std::string(s_database)),
-      m_spellings(m_connection, m_table, "name") {}
+      m_spellings(m_connection, m_table, "name"),
+      m_rules(m_connection, m_table) {}
 
 AliasLook AliasTable::look(const EmailAddress& address) {
   return look(address, "");
@@ -179,8 +180,9 @@ void AliasTable::set(const EmailAddress& alias, const std::set<EmailAddress>& me
                                  "' ) on duplicate key update members=values( members );");
 }
 
-void AliasTable::remove(const std::string& name) {
+bool AliasTable::remove(const std::string& name) {
   runStatement(m_connection, "delete from " + m_table + " where name=" + literal(name) + ";");
+  return m_rules.remove(name);
 }
 
 void AliasTable::transact(const std::function<bool()>& edit) {

@@ -13,6 +13,7 @@
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
 #include "tables/RowReader.h"
+#include "tables/RuleTable.h"
 #include "tables/SpellingSearch.h"
 #include "tables/TextRows.h"
 
@@ -78,8 +79,11 @@ class AliasTable {
   // Adds the alias, or replaces the members of an existing one. Both texts are escaped.
   void set(const EmailAddress& alias, const std::set<EmailAddress>& members);
 
-  // Removes the row whose name in the table is exactly `name`.
-  void remove(const std::string& name);
+  // Removes the row whose name in the table is exactly `name`, and its rule. True when it had one.
+  bool remove(const std::string& name);
+
+  // The rules of the aliases, over the same connection.
+  [[nodiscard]] RuleTable& rules() { return m_rules; }
 
   // Calls `edit` in a transaction, which is committed when it returns true and rolled back
   // otherwise. Repeats this when the server rolls the transaction back in favour of another one, or
@@ -95,6 +99,7 @@ class AliasTable {
   std::string m_table;
   Database::Connection m_connection;
   SpellingSearch m_spellings;
+  RuleTable m_rules;
 };
 
 }  // namespace Tessel::Tool

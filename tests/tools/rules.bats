@@ -1,0 +1,140 @@
+# The rules of aliases: who may write to one, send as it, and until when it is there.
+
+load helper
+
+setup_file() { start_server; }
+teardown_file() { stop_server; }
+setup() {
+  empty_tables
+  sql 'delete from rules'
+  tool alias set team@example.com ann@example.com bob@example.com
+}
+rule() { tool alias rule "$@"; }
+
+@test "a rule is set, changed, shown, listed and removed" {
+  run -0 --separate-stderr rule set team@example.com --writers members --note "ask Ann" --expires 2026-12-31
+  equal "$output$stderr" ""
+  rule set TEAM@example.com --owner bob@example.com --owner ann@example.com --contact carl@example.com
+  run -0 rule show team@example.com
+  equal "$output" "writers=members owners=ann@example.com,bob@example.com expires=2026-12-31T00:00:00Z contact=carl@example.com note=ask Ann"
+  run -0 rule list
+  equal "$output" $'team@example.com\twriters=members owners=ann@example.com,bob@example.com expires=2026-12-31T00:00:00Z contact=carl@example.com note=ask Ann'
+  run -0 rule show team@example.com --json
+  equal "$output" '{"address":"team@example.com","rule":{"writers":"members","listed":[],"owners":["ann@example.com","bob@example.com"],"expires":"2026-12-31 00:00:00","note":"ask Ann","contact":"carl@example.com"}}'
+  rule set team@example.com --owner none --note none --contact none --expires none
+  run -0 rule show team@example.com
+  equal "$output" "writers=members"
+  run -0 rule remove team@example.com --dry-run
+  equal "$output" "- team@example.com writers=members"
+  run -0 rule remove team@example.com
+  equal "$output" ""
+  run -1 --separate-stderr rule show team@example.com
+  equal "$stderr" "tsl-address-map: no rule of team@example.com"
+}
+
+@test "a dry run shows what would change" {
+  run -0 rule set team@example.com --writers domain --dry-run
+  equal "$output" "+ team@example.com writers=domain"
+  rule set team@example.com --writers domain
+  run -0 rule set team@example.com --writers members --dry-run
+  equal "$output" "~ team@example.com writers=members (was writers=domain)"
+  run -0 rule show team@example.com
+  equal "$output" "writers=domain"
+}
+
+@test "a rule needs an alias, unless it is that of the table" {
+  run -65 rule set nobody@example.com --writers domain
+  contains "$output" "add the alias first"
+  rule set default --writers authenticated
+  run -0 rule list
+  equal "$output" $'default\twriters=authenticated'
+  run -0 rule show default --json
+  contains "$output" '"address":null'
+}
+
+@test "what is no rule is refused and changes nothing" {
+  run -64 rule set team@example.com --writers everyone
+  contains "$output" "use anyone, authenticated, domain, members or listed"
+  run -64 rule set team@example.com --expires tomorrow
+  contains "$output" "write it as 2026-12-31"
+  run -65 rule set team@example.com --owner nobody
+  run -64 rule set team@example.com --list ann@example.com
+  contains "$output" "add --writers listed"
+  run -64 rule set team@example.com --note $'two\nlines'
+  run -0 rule list
+  equal "$output" ""
+}
+
+@test "a list of nobody is warned about" {
+  run -0 rule set team@example.com --writers listed
+  contains "$output" "nobody may write to it"
+  run -0 --separate-stderr rule set team@example.com --list ann@example.com
+  equal "$stderr" ""
+}
+
+@test "the rule of an alias goes with it" {
+  rule set team@example.com --writers members
+  run -0 --separate-stderr tool alias remove Team@example.com
+  equal "$stderr" "tsl-address-map: the rule of team@example.com is removed, too"
+  run -0 rule list
+  equal "$output" ""
+}
+
+@test "show, tree and who name rules" {
+  tool alias set all@example.com team@example.com
+  rule set team@example.com --writers members
+  run -0 --separate-stderr tool alias show team@example.com
+  equal "$output" $'ann@example.com\nbob@example.com'
+  equal "$stderr" "tsl-address-map: rule of team@example.com: writers=members"
+  run -0 tool alias show team@example.com --json
+  contains "$output" '"rule":{"writers":"members"'
+  run -0 tool alias tree all@example.com
+  contains "$output" "team@example.com: alias [ann@example.com,bob@example.com] (rule: writers=members)"
+  run -0 tool alias tree all@example.com --json
+  contains "$output" '"rule":"writers=members"'
+  run -0 tool alias who ann@example.com
+  equal "$output" $'team@example.com -> ann@example.com (rule: writers=members)\nall@example.com -> team@example.com -> ann@example.com'
+  run -0 tool alias who ann@example.com --json
+  contains "$output" '"rule":"writers=members"'
+}
+
+@test "rules are exported and imported, all or none" {
+  tool alias set board@example.com ann@example.com
+  rule set team@example.com --writers listed --list ann@example.com --note 'with, blanks = and %'
+  rule set default --writers authenticated
+  rule export "$BATS_TEST_TMPDIR/rules.txt"
+  cp "$BATS_TEST_TMPDIR/rules.txt" "$BATS_TEST_TMPDIR/more.txt"
+  sql 'delete from rules'
+  run -0 rule import "$BATS_TEST_TMPDIR/rules.txt" --dry-run
+  equal "${lines[2]}" "2 changed, 0 left"
+  run -0 rule import "$BATS_TEST_TMPDIR/rules.txt"
+  equal "$output" "2 changed, 0 left"
+  printf '# more\nboard@example.com\twriters=members\nteam@example.com\twriters=no-one\nx\n' >>"$BATS_TEST_TMPDIR/more.txt"
+  run -65 rule import "$BATS_TEST_TMPDIR/more.txt"
+  contains "$output" "more.txt:5: there are no such writers"
+  contains "$output" "more.txt:6: it has no tab"
+  run -0 rule list
+  equal "$output" "$(cat "$BATS_TEST_TMPDIR/rules.txt")"
+  printf 'gone@example.com\twriters=members\n' >"$BATS_TEST_TMPDIR/gone.txt"
+  run -65 rule import "$BATS_TEST_TMPDIR/gone.txt"
+  contains "$output" "gone@example.com"
+}
+
+@test "a rule that another program wrote and that cannot be read is named" {
+  sql "insert into rules values( 'alias', 'team@example.com', 'everyone', '', '', null, '', '' )"
+  run -65 rule list
+  contains "$output" "another program wrote it"
+  run -65 rule set team@example.com --writers members
+  run -0 rule remove team@example.com
+}
+
+@test "without the table there are no rules, and setting one says what to do" {
+  sql 'rename table rules to kept'
+  run -1 rule show team@example.com
+  run -0 --separate-stderr tool alias show team@example.com
+  equal "$stderr" ""
+  run -78 rule set team@example.com --writers members
+  contains "$output" "run 'tsl-address-map init'"
+  run -0 tool alias remove team@example.com
+  sql 'rename table kept to rules'
+}

@@ -1,0 +1,103 @@
+// The rules of the aliases of one table.
+#include "tables/RuleTable.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/Exception.h"
+#include "failure/Failure.h"
+#include "tables/AddressKey.h"
+#include "tables/OwnTables.h"
+#include "tables/RowReader.h"
+#include "tables/SpellingSearch.h"
+#include "tables/TextRows.h"
+
+namespace Tessel::Tool {
+
+namespace {
+
+constexpr unsigned int s_noSuchTable = 1146;
+constexpr unsigned int s_columns = 7;
+
+}  // namespace
+
+std::string textOf(const RuleRow& row) {
+  return "rule of " + row.name + ": " + (row.rule ? ruleText(*row.rule) : "unreadable");
+}
+
+RuleTable::RuleTable(Database::Connection& connection, std::string table)
+    : m_connection(connection), m_table(std::move(table)) {}
+
+std::string RuleTable::where(const std::string& name) const {
+  return " where table_name=" + literal(m_table) + " and name=" + literal(name);
+}
+
+std::vector<RuleRow> RuleTable::select(const std::string& condition) try {
+  std::vector<RuleRow> rows;
+  const std::string statement =
+      std::string("select name, ") + s_ruleColumns + " from " + s_rules + condition + ";";
+  for (const TextRow& row : selectTexts(m_connection, statement, s_columns)) {
+    rows.push_back({row[0], readRule(row, 1)});
+  }
+  return rows;
+} catch (const Exception& exception) {
+  if (!isDatabaseError(exception, s_noSuchTable)) throw;
+  return {};
+}
+
+std::optional<RuleRow> RuleTable::look(const EmailAddress& alias) {
+  const std::string key = comparisonKey(alias.address());
+  const auto isOfAlias = [&key](const RuleRow& row) { return comparisonKey(row.name) == key; };
+  // Most have the spelling that the server finds.
+  std::vector<RuleRow> rows = select(where(alias.address()));
+  auto found = std::find_if(rows.begin(), rows.end(), isOfAlias);
+  if (found == rows.end() && !alias.isNull()) {
+    rows = this->rows();
+    found = std::find_if(rows.begin(), rows.end(), isOfAlias);
+  }
+  return found == rows.end() ? std::nullopt : std::optional(std::move(*found));
+}
+
+std::vector<RuleRow> RuleTable::rows(const std::string& domain) {
+  std::vector<RuleRow> rows = select(" where table_name=" + literal(m_table) + " order by name");
+  const std::string key = comparisonDomain(domain);
+  if (!key.empty()) {
+    std::erase_if(rows, [&key](const RuleRow& row) { return !isOfDomain(row.name, key); });
+  }
+  return rows;
+}
+
+std::map<std::string, std::string> RuleTable::texts() {
+  std::map<std::string, std::string> texts;
+  for (const RuleRow& row : rows()) {
+    texts.emplace(comparisonKey(row.name), row.rule ? ruleText(*row.rule) : "unreadable");
+  }
+  return texts;
+}
+
+void RuleTable::set(const std::string& name, const AliasRule& rule) try {
+  const std::string expires = rule.expires ? literal(timeText(*rule.expires)) : "null";
+  std::string values;
+  for (const std::string& text :
+       {m_table, name, std::string(textOf(rule.writers)), joined(rule.listed), joined(rule.owners),
+        rule.note, rule.contact.address()}) {
+    values += literal(text) + ", ";
+  }
+  runStatement(
+      m_connection,
+      std::string("replace into ") + s_rules +
+          "( table_name, name, writers, listed, owners, note, contact, expires ) values( " +
+          values + expires + " );");
+} catch (const Exception& exception) {
+  if (!isDatabaseError(exception, s_noSuchTable)) throw;
+  throw Failure(ExitCode::Configuration, "rules", "the database has no table for them",
+                "run 'tsl-address-map init', which adds it");
+}
+
+bool RuleTable::remove(const std::string& name) {
+  if (select(where(name) + " for update").empty()) return false;
+  runStatement(m_connection, std::string("delete from ") + s_rules + where(name) + ";");
+  return true;
+}
+
+}  // namespace Tessel::Tool
