@@ -6,7 +6,8 @@
 _tsl_address_map_commands() {
   case $1 in
     "") echo alias answer check domain init local mask serve status table user ;;
-    alias) echo add drop expand export import list remove set show tree who ;;
+    alias) echo add drop expand export import list prune remove rule set show tree who ;;
+    "alias rule") echo export import list remove set show ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
     domain) echo add export import list merge remove ;;
@@ -26,6 +27,9 @@ _tsl_address_map_options() {
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;
     "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
+    "alias rule set") echo --contact --dry-run --expires --list --note --owner --writers ;;
+    "alias prune" | "alias rule import" | "alias rule remove") echo --dry-run ;;
+    "alias rule list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export" | "mask export") echo --domain --format ;;
     "alias import") echo --allow-cycle --columns --default-domain --domain --dry-run --force --format --local-names --new-spelling --replace --skip-bad ;;
@@ -50,6 +54,7 @@ _tsl_address_map_values() {
   case "$2 $1" in
     "--format alias "*) echo native jsonl csv virtual aliases ;;
     "--format mask "*) echo native jsonl csv virtual ;;
+    "--writers alias rule set") echo anyone authenticated domain listed members ;;
     "--extension serve") echo keep drop off ;;
     "--log-level serve") echo error warning info debug ;;
     "--kind table "*) echo alias mask ;;
@@ -79,7 +84,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then

@@ -80,6 +80,20 @@ rule() { tool alias rule "$@"; }
   equal "$output" ""
 }
 
+@test "rules go with the aliases that an import or drop removes" {
+  tool alias set other@example.com ann@example.com
+  for alias in team other; do rule set $alias@example.com --writers members; done
+  run -0 --separate-stderr tool alias import --replace - <<<'TEAM@example.com:ann@example.com'
+  equal "$output" "0 added, 1 changed, 0 left, 1 removed"
+  equal "$stderr" "tsl-address-map: the rules of removed aliases are removed, too: 1"
+  run -0 rule list
+  equal "$output" $'team@example.com\twriters=members'
+  run -0 tool alias drop team@example.com ann@example.com --remove-empty
+  contains "$output" "the rule of TEAM@example.com is removed, too"
+  run -0 rule list
+  equal "$output" ""
+}
+
 @test "show, tree and who name rules" {
   tool alias set all@example.com team@example.com
   rule set team@example.com --writers members
@@ -126,6 +140,58 @@ rule() { tool alias rule "$@"; }
   contains "$output" "another program wrote it"
   run -65 rule set team@example.com --writers members
   run -0 rule remove team@example.com
+}
+
+@test "check names what is worth a look" {
+  tool domain add example.com >/dev/null
+  tool user add ann@example.com >/dev/null
+  tool user add bob@example.com >/dev/null
+  tool alias set all@example.com allusers_example.com
+  tool alias set open@example.com team@example.com
+  tool alias set empty@example.com ann@example.com
+  tool alias set broken@example.com ann@example.com
+  tool alias set old@example.com ann@example.com
+  rule set team@example.com --writers members --expires "$(date -u -d '+20 days' +%F)"
+  rule set empty@example.com --writers listed
+  rule set old@example.com --expires 2020-01-01
+  sql "insert into rules values( 'alias', 'broken@example.com', 'everyone', '', '', null, '', '' ),
+       ( 'alias', 'gone@example.com', 'members', '', '', null, '', '' )"
+  run -65 --separate-stderr tool check
+  equal "$(cut -f1,2,4 <<<"$output" | tr '\t' ' ' | sort)" \
+    "$(sort <<'END'
+error rule-broken broken@example.com
+notice expired old@example.com
+notice expires-soon team@example.com
+notice open-all-users all@example.com
+notice open-into-closed open@example.com
+warning rule-of-nobody empty@example.com
+warning rule-without-alias gone@example.com
+END
+)"
+  rule set default --writers authenticated
+  run tool check
+  [[ $output != *open-all-users* && $output != *open-into-closed* ]]
+}
+
+@test "prune takes expired aliases out of everything" {
+  tool alias set old@example.com ann@example.com
+  tool alias set only@example.com OLD@example.com
+  tool alias set above@example.com only@example.com bob@example.com
+  tool alias set later@example.com ann@example.com
+  rule set old@example.com --expires 2020-01-01
+  rule set only@example.com --writers members
+  rule set later@example.com --expires 2099-01-01
+  run -64 rule set default --expires 2020-01-01
+  local want=$'~ above@example.com:bob@example.com,only@example.com -> bob@example.com\n- old@example.com:ann@example.com\n- only@example.com:OLD@example.com'
+  run -0 tool alias prune --dry-run
+  equal "$(sort <<<"$output")" "$(sort <<<"$want")"
+  run -0 tool alias prune
+  equal "$(sort <<<"$output")" "$(sort <<<"$want")"
+  equal "$(sql 'select name, members from alias order by name')" \
+    $'above@example.com\tbob@example.com\nlater@example.com\tann@example.com\nteam@example.com\tann@example.com,bob@example.com'
+  equal "$(sql 'select name from rules')" later@example.com
+  run -0 tool alias prune --json
+  equal "$output" '{"changes":[]}'
 }
 
 @test "without the table there are no rules, and setting one says what to do" {

@@ -2,10 +2,12 @@
 #include "check/AliasCheck.h"
 
 #include <algorithm>
+#include <chrono>
 #include <string_view>
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
+#include "check/RuleCheck.h"
 #include "tables/AliasChange.h"
 #include "tables/AliasGraph.h"
 #include "tables/Extension.h"
@@ -228,6 +230,8 @@ std::uint64_t checkAliasTable(Database::Connection& connection, const std::strin
   RowCheck rows(table, widest, users, findings);
   const AliasGraph graph(connection, table, rows, count);
   GraphCheck(table, graph, users, findings).run();
+  checkRules(connection, table, graph,
+             std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()), findings);
   return graph.rows();
 }
 

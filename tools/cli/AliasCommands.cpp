@@ -195,6 +195,7 @@ void addAliasCommands(Command& top) {
   addAliasTreeCommand(group);
   addAliasWhoCommand(group);
   addRuleCommands(group);
+  addAliasPruneCommand(group);
   addExportCommand(group, TableFormat::alias());
   addImportCommand(group, TableFormat::alias());
 }

@@ -127,6 +127,7 @@ class CommandLine {
 void addAliasCommands(Command& top);
 void addAliasEditCommands(Command& alias);
 void addAliasExpandCommand(Command& alias);
+void addAliasPruneCommand(Command& alias);
 void addAliasTreeCommand(Command& alias);
 void addAliasWhoCommand(Command& alias);
 void addRuleCommands(Command& alias);

@@ -169,6 +169,9 @@ ExitCode s_import(Session& session, const ImportArguments& arguments, const Tabl
   const auto change =
       s_carryOut({format, table, file, rest, !arguments.allowCycle, arguments.dryRun}, progress);
   progress.end();
+  if (change->removedRules() != 0) {
+    say("the rules of removed aliases are removed, too: " + std::to_string(change->removedRules()));
+  }
   s_answer(session, *change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);
   return ExitCode::Done;
 }

@@ -98,7 +98,11 @@ AliasRule s_changed(AliasRule rule, const RuleArguments& arguments) {
   return rule;
 }
 
-void s_requireListed(const AliasRule& rule) {
+void s_requireSense(const AliasRule& rule, const EmailAddress& alias) {
+  if (alias.isNull() && rule.expires) {
+    throw Failure(ExitCode::Usage, "--expires", "all aliases of the table would end",
+                  "give the alias that is to end");
+  }
   if (rule.writers == Writers::Listed || rule.listed.empty()) return;
   throw Failure(ExitCode::Usage, "--list",
                 std::string("the writers are ") + textOf(rule.writers) + ", not those in a list",
@@ -156,7 +160,7 @@ ExitCode s_set(Session& session, const RuleArguments& arguments) {
     before = table.rules().look(alias);
     if (before && !before->rule) throw s_broken(before->name);
     rule = s_changed(before ? *before->rule : AliasRule(), arguments);
-    s_requireListed(rule);
+    s_requireSense(rule, alias);
     if (arguments.dryRun) return false;
     if (before && before->name != name) table.rules().remove(before->name);
     table.rules().set(name, rule);

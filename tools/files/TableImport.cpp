@@ -11,6 +11,7 @@
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
 #include "tables/AddressKey.h"
+#include "tables/RuleTable.h"
 #include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -235,7 +236,13 @@ void TableImport::write(Progress& progress) {
   m_progress = &progress;
   progress.begin("writing", "rows", m_added.size() + m_changed.size() + m_removed.size());
   std::vector<std::string> doomed;
-  for (const StoredRow& row : m_removed) doomed.push_back(row.key);
+  std::vector<std::string> gone;
+  for (const StoredRow& row : m_removed) {
+    // A second spelling of an address that stays keeps its rule.
+    const EmailAddress address = s_parse(row.key);
+    if (address.isNull() || m_file.withKey(address) == nullptr) gone.push_back(row.key);
+    doomed.push_back(row.key);
+  }
   Entries changed;
   for (const ChangedRow& row : m_changed) {
     const bool respelled = !row.before.key.empty();
@@ -256,6 +263,7 @@ void TableImport::write(Progress& progress) {
     insertAll(changed, " on duplicate key update members=values( members )");
   }
   insertAll(m_added, "");
+  if (!m_format.hasPublic) m_removedRules = RuleTable(m_connection, m_table).removeAll(gone);
 }
 
 void TableImport::commit() {

@@ -63,6 +63,8 @@ class TableImport {
   [[nodiscard]] const std::vector<ChangedRow>& changed() const { return m_changed; }
   [[nodiscard]] const std::vector<StoredRow>& removed() const { return m_removed; }
   [[nodiscard]] std::size_t left() const { return m_left; }
+  // Rules that write() has removed with their aliases.
+  [[nodiscard]] std::size_t removedRules() const { return m_removedRules; }
 
   // Writes what compare() found; `progress` counts the rows. Throws Failure, `BadData`, when the
   // server takes the entry for another row.
@@ -113,6 +115,7 @@ class TableImport {
   std::optional<AliasChange> m_aliases;  // What becomes of them, unless nobody asks.
   Loops m_loops = Loops::Allow;
   std::size_t m_left = 0;
+  std::size_t m_removedRules = 0;
   std::size_t m_bytes = 0;         // Of one statement, unless a single row is longer.
   Progress* m_progress = nullptr;  // While write() runs.
 };

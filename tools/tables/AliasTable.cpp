@@ -182,7 +182,10 @@ void AliasTable::set(const EmailAddress& alias, const std::set<EmailAddress>& me
 
 bool AliasTable::remove(const std::string& name) {
   runStatement(m_connection, "delete from " + m_table + " where name=" + literal(name) + ";");
-  return m_rules.remove(name);
+  RowReader reader(TableKind::Alias);
+  if (reader.readKey(name) != RowFault::None) return false;
+  const std::optional<RuleRow> rule = m_rules.look(reader.keyAddress());
+  return rule && m_rules.remove(rule->name);
 }
 
 void AliasTable::transact(const std::function<bool()>& edit) {

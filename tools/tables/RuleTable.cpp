@@ -2,6 +2,7 @@
 #include "tables/RuleTable.h"
 
 #include <algorithm>
+#include <unordered_set>
 #include <utility>
 
 #include "base/Exception.h"
@@ -26,7 +27,9 @@ std::string textOf(const RuleRow& row) {
 }
 
 RuleTable::RuleTable(Database::Connection& connection, std::string table)
-    : m_connection(connection), m_table(std::move(table)) {}
+    : m_connection(connection),
+      m_table(std::move(table)),
+      m_spellings(connection, s_rules, "name") {}
 
 std::string RuleTable::where(const std::string& name) const {
   return " where table_name=" + literal(m_table) + " and name=" + literal(name);
@@ -45,17 +48,31 @@ std::vector<RuleRow> RuleTable::select(const std::string& condition) try {
   return {};
 }
 
+bool RuleTable::isThere() {
+  return !selectTexts(m_connection, std::string("show tables like '") + s_rules + "';", 1).empty();
+}
+
 std::optional<RuleRow> RuleTable::look(const EmailAddress& alias) {
   const std::string key = comparisonKey(alias.address());
   const auto isOfAlias = [&key](const RuleRow& row) { return comparisonKey(row.name) == key; };
   // Most have the spelling that the server finds.
-  std::vector<RuleRow> rows = select(where(alias.address()));
-  auto found = std::find_if(rows.begin(), rows.end(), isOfAlias);
-  if (found == rows.end() && !alias.isNull()) {
-    rows = this->rows();
-    found = std::find_if(rows.begin(), rows.end(), isOfAlias);
+  for (RuleRow& row : select(where(alias.address()))) {
+    if (isOfAlias(row)) return std::move(row);
   }
-  return found == rows.end() ? std::nullopt : std::optional(std::move(*found));
+  if (alias.isNull()) return std::nullopt;
+  for (const std::string& name : spellingsOf(alias)) {
+    for (RuleRow& row : select(where(name))) {
+      if (isOfAlias(row)) return std::move(row);
+    }
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> RuleTable::spellingsOf(const EmailAddress& alias) try {
+  return m_spellings.spellingsOf(alias.address());
+} catch (const Exception& exception) {
+  if (!isDatabaseError(exception, s_noSuchTable)) throw;
+  return {};
 }
 
 std::vector<RuleRow> RuleTable::rows(const std::string& domain) {
@@ -98,6 +115,16 @@ bool RuleTable::remove(const std::string& name) {
   if (select(where(name) + " for update").empty()) return false;
   runStatement(m_connection, std::string("delete from ") + s_rules + where(name) + ";");
   return true;
+}
+
+std::size_t RuleTable::removeAll(const std::vector<std::string>& aliases) {
+  std::unordered_set<std::string> keys;
+  for (const std::string& alias : aliases) keys.insert(comparisonKey(alias));
+  std::size_t count = 0;
+  for (const RuleRow& row : keys.empty() ? std::vector<RuleRow>() : rows()) {
+    if (keys.contains(comparisonKey(row.name)) && remove(row.name)) ++count;
+  }
+  return count;
 }
 
 }  // namespace Tessel::Tool

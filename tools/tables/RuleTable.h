@@ -10,6 +10,7 @@
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
 #include "tables/AliasRule.h"
+#include "tables/SpellingSearch.h"
 
 namespace Tessel::Tool {
 
@@ -30,6 +31,9 @@ class RuleTable {
   // `connection` must outlive the object; `table` is the SQL name of the table of aliases.
   RuleTable(Database::Connection& connection, std::string table);
 
+  // False when the database has no table of rules.
+  bool isThere();
+
   // The rule of `alias` in any spelling; of the table where `alias` is null.
   std::optional<RuleRow> look(const EmailAddress& alias);
 
@@ -45,13 +49,17 @@ class RuleTable {
 
   // Removes the rule with the name `name`. False when there is none.
   bool remove(const std::string& name);
+  // Removes the rules of `aliases`, whose rows have gone; how many there were.
+  std::size_t removeAll(const std::vector<std::string>& aliases);
 
  private:
   [[nodiscard]] std::string where(const std::string& name) const;
   std::vector<RuleRow> select(const std::string& condition);
+  std::vector<std::string> spellingsOf(const EmailAddress& alias);
 
   Database::Connection& m_connection;
   std::string m_table;
+  SpellingSearch m_spellings;
 };
 
 }  // namespace Tessel::Tool
