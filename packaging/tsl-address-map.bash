@@ -28,7 +28,8 @@ _tsl_address_map_options() {
     "domain remove") echo --dry-run --yes ;;
     "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
     "alias rule set") echo --contact --dry-run --expires --list --note --owner --writers ;;
-    "alias prune" | "alias rule import" | "alias rule remove") echo --dry-run ;;
+    "alias prune" | "alias rule remove") echo --dry-run ;;
+    "alias rule import") echo --dry-run --replace ;;
     "alias rule list") echo --domain ;;
     "alias tree") echo --dot ;;
     "alias export" | "mask export") echo --domain --format ;;

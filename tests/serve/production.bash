@@ -73,6 +73,7 @@ case "\$*" in
     kill -HUP "\$(<"\$pid_file")"
     sleep 0.5
     ;;
+  "enable --now mailmap-prune.timer") eval "\$(sed -n 's/^ExecStart=//p' /etc/systemd/system/mailmap-prune.service)" ;;
   "reload tsl-address-map") kill -HUP "\$(pgrep -P "\$(<"\$pid_file")")" ;;
   "restart postfix")
     postfix status 2>/dev/null && postfix stop

@@ -120,15 +120,22 @@ rule() { tool alias rule "$@"; }
   cp "$BATS_TEST_TMPDIR/rules.txt" "$BATS_TEST_TMPDIR/more.txt"
   sql 'delete from rules'
   run -0 rule import "$BATS_TEST_TMPDIR/rules.txt" --dry-run
-  equal "${lines[2]}" "2 changed, 0 left"
+  equal "${lines[2]}" "2 changed"
   run -0 rule import "$BATS_TEST_TMPDIR/rules.txt"
-  equal "$output" "2 changed, 0 left"
+  equal "$output" "2 changed"
+  equal "$(rule export)" "$(cat "$BATS_TEST_TMPDIR/rules.txt")"
   printf '# more\nboard@example.com\twriters=members\nteam@example.com\twriters=no-one\nx\n' >>"$BATS_TEST_TMPDIR/more.txt"
   run -65 rule import "$BATS_TEST_TMPDIR/more.txt"
   contains "$output" "more.txt:5: there are no such writers"
   contains "$output" "more.txt:6: it has no tab"
   run -0 rule list
   equal "$output" "$(cat "$BATS_TEST_TMPDIR/rules.txt")"
+  rule set board@example.com --writers members
+  run -0 rule import --replace --dry-run "$BATS_TEST_TMPDIR/rules.txt"
+  equal "${lines[0]}" "- board@example.com writers=members"
+  run -0 rule import --replace "$BATS_TEST_TMPDIR/rules.txt"
+  equal "$output" "1 changed"
+  equal "$(rule export)" "$(cat "$BATS_TEST_TMPDIR/rules.txt")"
   printf 'gone@example.com\twriters=members\n' >"$BATS_TEST_TMPDIR/gone.txt"
   run -65 rule import "$BATS_TEST_TMPDIR/gone.txt"
   contains "$output" "gone@example.com"

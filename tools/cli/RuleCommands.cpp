@@ -15,6 +15,7 @@
 #include "files/ExportFile.h"
 #include "files/Lines.h"
 #include "files/TableFile.h"
+#include "tables/AddressKey.h"
 #include "tables/AliasTable.h"
 #include "tables/RuleTable.h"
 #include "tables/TableNames.h"
@@ -38,6 +39,7 @@ struct RuleArguments {
   std::optional<std::string> contact;
   std::string domain;
   std::string file;
+  bool replace = false;
   bool dryRun = false;
 };
 
@@ -232,6 +234,10 @@ ExitCode s_export(Session& session, const RuleArguments& arguments) {
     if (!row.rule) throw s_broken(row.name);
     text += s_nameOf(row.name) + "\t" + ruleText(*row.rule) + "\n";
   }
+  if (arguments.file.empty()) {
+    if (!text.empty()) session.output().line(text.substr(0, text.size() - 1));
+    return ExitCode::Done;
+  }
   ExportFile file(arguments.file);
   file.write(text);
   file.finish();
@@ -266,13 +272,30 @@ std::vector<RuleLine> s_readFile(const std::string& path) {
   return rules;
 }
 
+// Removes the rules that the file does not mention; what becomes of them.
+std::vector<std::string> s_removeOthers(AliasTable& table, const std::vector<RuleLine>& rules,
+                                        bool dryRun) {
+  std::set<std::string> mentioned;
+  for (const RuleLine& line : rules) mentioned.insert(comparisonKey(line.alias.address()));
+  std::vector<std::string> changes;
+  for (const auto& [key, text] : table.rules().texts()) {
+    if (mentioned.contains(key)) continue;
+    changes.push_back("- " + s_nameOf(key) + " " + text);
+  }
+  for (const RuleRow& row : table.rules().rows()) {
+    if (!dryRun && !mentioned.contains(comparisonKey(row.name))) table.rules().remove(row.name);
+  }
+  return changes;
+}
+
 ExitCode s_import(Session& session, const RuleArguments& arguments) {
   const std::vector<RuleLine> rules = s_readFile(arguments.file);
   session.tellTarget(TableKind::Alias);
   AliasTable table(aliasTableName(session.tableName()));
   std::vector<std::string> changes;
   table.transact([&] {
-    changes.clear();
+    changes = arguments.replace ? s_removeOthers(table, rules, arguments.dryRun)
+                                : std::vector<std::string>();
     for (const auto& [alias, rule] : rules) {
       const std::string name = s_nameToWrite(table, alias, session);
       const auto before = table.rules().look(alias);
@@ -286,14 +309,13 @@ ExitCode s_import(Session& session, const RuleArguments& arguments) {
     return !arguments.dryRun && !changes.empty();
   });
   if (session.isJson()) {
-    session.output().document(Json{{"changed", changes.size()}, {"dryRun", arguments.dryRun}});
+    answerChange(session, Json{{"changed", changes.size()}}, "", arguments.dryRun);
     return ExitCode::Done;
   }
   if (arguments.dryRun) {
     for (const std::string& change : changes) session.output().line(printable(change));
   }
-  session.output().line(std::to_string(changes.size()) + " changed, " +
-                        std::to_string(rules.size() - changes.size()) + " left");
+  session.output().line(std::to_string(changes.size()) + " changed");
   return ExitCode::Done;
 }
 
@@ -332,14 +354,15 @@ void s_addFiles(Command& group, const std::shared_ptr<RuleArguments>& arguments)
                     "  tsl-address-map alias rule export rules.txt\n"
                     "One rule per line: ADDRESS<TAB>RULE, as 'alias rule list' shows them.\n",
                     Preparation::Database, withArguments(s_export, arguments));
-  exported.argument("FILE", arguments->file, "The file");
+  exported.optionalArgument("FILE", arguments->file, "The file; standard output without it");
   Command imported = group.command(
       "import", "Add the rules of a file, or change them, all or none",
       "  tsl-address-map alias rule import rules.txt --dry-run\n"
       "Each line is ADDRESS<TAB>RULE; '#' begins a comment. Rules that the file does not mention"
-      " stay.\n",
+      " stay, unless\n--replace is given. Prints how many changed; with --json {\"changed\"}.\n",
       Preparation::Database, withArguments(s_import, arguments));
   imported.argument("FILE", arguments->file, "The file, or - for standard input");
+  imported.flag("--replace", arguments->replace, "Remove the rules that the file does not mention");
   addDryRun(imported, arguments->dryRun);
 }
 
