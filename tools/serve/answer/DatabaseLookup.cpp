@@ -28,7 +28,7 @@ DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name
   for (const TableKind kind : {TableKind::Alias, TableKind::Mask}) {
     const Tool::TableFormat& format =
         kind == TableKind::Alias ? Tool::TableFormat::alias() : Tool::TableFormat::mask();
-    const TablePointer table = m_tables.add(Tool::sqlTableName(kind, name));
+    const TablePointer table = m_tables.add(sqlNameOf(kind, name));
     const auto rows = [&](const TakeRow& take) {
       Tool::selectPairs(connection, s_select(format, table->sqlName()), take);
     };

@@ -168,7 +168,7 @@ Lookup::Route* Lookup::routeOf(std::string_view name, Clock::time_point now) {
   route.map = m_map;
   if (s_hasTable(m_map)) {
     const TableKind kind = m_map == Map::Alias ? TableKind::Alias : TableKind::Mask;
-    const std::string sqlName = Tool::sqlTableName(kind, std::string(table));
+    const std::string sqlName = sqlNameOf(kind, std::string(table));
     route.table = m_tables.find(sqlName);
     if (route.table == nullptr) {
       m_tables.noteUnknown(sqlName, now);

@@ -1,10 +1,12 @@
 // A table that is served.
 #include "serve/image/Table.h"
-#include "tables/TableNames.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
+
+#include "tables/OwnTables.h"
+#include "tables/TableNames.h"
 
 namespace Tessel::Serve {
 
@@ -36,19 +38,44 @@ std::uint64_t s_nextNumber() {
   return ++s_last;
 }
 
+// What the table `sqlName` holds, and for which store name; nothing when it is not read.
+struct Read {
+  TableKind kind;
+  std::string name;
+};
+
+std::optional<Read> s_readName(const std::string& sqlName) {
+  if (sqlName == Tool::s_rules) return Read{TableKind::Rules, ""};
+  const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
+  if (!table || !s_isServable(table->name)) return std::nullopt;
+  const bool isAlias = table->kind == Tool::TableKind::Alias;
+  return Read{isAlias ? TableKind::Alias : TableKind::Mask, table->name};
+}
+
 }  // namespace
 
+std::string sqlNameOf(TableKind kind, const std::string& name) {
+  if (kind == TableKind::Rules) return Tool::s_rules;
+  return kind == TableKind::Alias ? Tool::aliasTableName(name) : Tool::maskTableName(name);
+}
+
 TableImage::TableImage(TableKind kind, const RowSource& source) {
-  if (kind == TableKind::Alias) {
-    m_alias = std::make_unique<AliasImage>(source);
-  } else {
-    m_mask = std::make_unique<MaskImage>(source);
+  switch (kind) {
+    case TableKind::Alias:
+      m_alias = std::make_unique<AliasImage>(source);
+      break;
+    case TableKind::Mask:
+      m_mask = std::make_unique<MaskImage>(source);
+      break;
+    case TableKind::Rules:
+      m_rules = std::make_unique<RuleImage>(source);
+      break;
   }
 }
 
 Table::Table(TableKind kind, const std::string& name)
     : m_kind(kind),
-      m_sqlName(Tool::sqlTableName(kind, name)),
+      m_sqlName(sqlNameOf(kind, name)),
       m_number(s_nextNumber()),
       m_confirmed(s_never) {}
 
@@ -113,8 +140,8 @@ TablePointer Tables::find(std::string_view sqlName) const {
 }
 
 TablePointer Tables::add(const std::string& sqlName) {
-  const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
-  if (!table || !s_isServable(table->name)) return nullptr;
+  const std::optional<Read> table = s_readName(sqlName);
+  if (!table) return nullptr;
   const std::vector<std::string>& wanted = m_settings.tables;
   const bool isWanted = table->name.empty() || wanted.empty() ||
                         std::find(wanted.begin(), wanted.end(), table->name) != wanted.end();
@@ -122,13 +149,18 @@ TablePointer Tables::add(const std::string& sqlName) {
   m_removed.with([&](auto& removed) { removed.erase(sqlName); });
   return m_tables.with([&](auto& tables) {
     TablePointer& known = tables[sqlName];
-    if (known == nullptr) known = std::make_shared<Table>(table->kind, table->name);
+    if (known != nullptr) return known;
+    known = std::make_shared<Table>(table->kind, table->name);
+    ++m_changes;
     return known;
   });
 }
 
 void Tables::remove(const std::string& sqlName) {
-  m_tables.with([&](auto& tables) { tables.erase(sqlName); });
+  m_tables.with([&](auto& tables) {
+    tables.erase(sqlName);
+    ++m_changes;
+  });
   m_removed.with([&](auto& removed) { removed.insert(sqlName); });
 }
 

@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "base/Guarded.h"
@@ -21,13 +22,19 @@
 #include "serve/image/ConfigurationImage.h"
 #include "serve/image/MaskImage.h"
 #include "serve/image/Pages.h"
+#include "serve/image/RuleImage.h"
 #include "tables/TableNames.h"
 
 namespace Tessel::Serve {
 
-using Tool::TableKind;
+// What is in a table that is read: of those of the library, aliases or masks, or the rules of
+// aliases, which mail servers cannot ask for.
+enum class TableKind { Alias, Mask, Rules };
 
-// The image of a table of either kind. Any thread.
+// The SQL name of the table of `kind` for the store name `name`; there is one of rules only.
+std::string sqlNameOf(TableKind kind, const std::string& name);
+
+// The image of a table of any kind. Any thread.
 class TableImage {
  public:
   // Reads all rows of `source`. Throws what it throws.
@@ -36,20 +43,30 @@ class TableImage {
   // Requires: the kind.
   [[nodiscard]] const AliasImage& alias() const { return *m_alias; }
   [[nodiscard]] const MaskImage& mask() const { return *m_mask; }
+  [[nodiscard]] const RuleImage& rules() const { return *m_rules; }
 
   [[nodiscard]] std::size_t bytes() const {
-    return m_alias != nullptr ? m_alias->bytes() : m_mask->bytes();
+    return with([](const auto& image) { return image.bytes(); });
   }
   [[nodiscard]] const RowStore& rows() const {
-    return m_alias != nullptr ? m_alias->rows() : m_mask->rows();
+    return with([](const auto& image) -> const RowStore& { return image.rows(); });
   }
   [[nodiscard]] const BrokenRows& brokenRows() const {
-    return m_alias != nullptr ? m_alias->brokenRows() : m_mask->brokenRows();
+    return with([](const auto& image) -> const BrokenRows& { return image.brokenRows(); });
   }
 
  private:
-  std::unique_ptr<AliasImage> m_alias;  // One of the two is there.
+  // What `use` returns for the image that is there.
+  template <class Use>
+  std::invoke_result_t<Use, const MaskImage&> with(Use use) const {
+    if (m_alias != nullptr) return use(*m_alias);
+    if (m_mask != nullptr) return use(*m_mask);
+    return use(*m_rules);
+  }
+
+  std::unique_ptr<AliasImage> m_alias;  // One of them is there.
   std::unique_ptr<MaskImage> m_mask;
+  std::unique_ptr<RuleImage> m_rules;
 };
 
 using ImagePointer = std::shared_ptr<const TableImage>;
@@ -67,7 +84,7 @@ enum class TableState : std::uint8_t {
 // Any thread may call any operation.
 class Table {
  public:
-  // The table of the store name `name`; empty for the base table.
+  // The table of the store name `name`; empty for the base table, and that of rules.
   Table(TableKind kind, const std::string& name);
 
   [[nodiscard]] TableKind kind() const noexcept { return m_kind; }
@@ -122,13 +139,15 @@ class Tables {
 
   // The table of the SQL name; null when it is not served.
   [[nodiscard]] TablePointer find(std::string_view sqlName) const;
-  // Makes sure that the table is served. Null for an SQL name that is not that of a table of the
-  // library, or that the settings leave out.
+  // Makes sure that the table is served, or read for the rules. Null for an SQL name that is not
+  // that of a table of the library or of the rules, or that the settings leave out.
   TablePointer add(const std::string& sqlName);
   // The table is gone for good, and not served any more. Those who have it keep it.
   void remove(const std::string& sqlName);
   // True when the table was removed, and has not been added since.
   [[nodiscard]] bool isRemoved(const std::string& sqlName) const;
+  // Changes whenever a table is added or removed.
+  [[nodiscard]] std::uint64_t changes() const noexcept { return m_changes; }
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
 
@@ -161,6 +180,7 @@ class Tables {
   Pages m_pages;
   Configuration m_configuration;
   Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
+  std::atomic<std::uint64_t> m_changes = 1;
   Guarded<std::set<std::string>> m_removed;
   Guarded<std::optional<std::set<std::string>>> m_names;
   Guarded<std::map<std::string, Clock::time_point>> m_unknown;  // When they were asked for last.

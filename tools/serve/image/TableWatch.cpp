@@ -85,7 +85,13 @@ std::size_t s_count(const TableImage& image) {
   return image.rows().size() + image.brokenRows().count();
 }
 
+// The requests that a table answers, for people.
+std::string s_requestsOf(const Table& table) {
+  return table.kind() == TableKind::Rules ? "requests for aliases" : "its requests";
+}
+
 std::string s_select(const Table& table) {
+  if (table.kind() == TableKind::Rules) return s_selectRules;
   const char* const columns =
       table.kind() == TableKind::Alias ? "name, members" : "private, public";
   return std::string("select ") + columns + " from " + Tool::quotedName(table.sqlName()) + ";";
@@ -105,7 +111,9 @@ bool TableWatch::Watched::isSuspicious(std::size_t count) const {
 TableState TableWatch::Watched::judge(std::size_t count, Clock::time_point start,
                                       Clock::duration quiet) const {
   if (count >= rows || isConfirmed) return TableState::Good;
-  if (count == 0) return TableState::Empty;
+  // Whoever has a few rules removes the last one without a second thought.
+  const bool isDailyWork = table->kind() == TableKind::Rules && rows < s_manyRows && !isReplaced;
+  if (count == 0 && !isDailyWork) return TableState::Empty;
   const bool isLongInDoubt = read == TableState::Filling && start >= doubtSince + s_doubts * quiet;
   const bool isStillChanging = isRecent && start < seenSince + quiet && !isLongInDoubt;
   return isSuspicious(count) && isStillChanging ? TableState::Filling : TableState::Good;
@@ -398,9 +406,9 @@ void TableWatch::noteMissing(Clock::time_point start) {
         watched.isMissing = true;
         watched.isConfirmed = false;
         table->setState(TableState::Missing);
-        m_log.warning("table " + name +
-                      " is missing in the database: its requests are answered TEMP until it is "
-                      "back; if it is gone for good, reload the service");
+        m_log.warning("table " + name + " is missing in the database: " + s_requestsOf(*table) +
+                      " are answered TEMP until it is back; if it is gone for good, reload the "
+                      "service");
       } else if (watched.isConfirmed && !watched.isBusy) {
         forget(watched);
         if (m_tables.find(name) == nullptr) state.watched.erase(name);
@@ -419,7 +427,8 @@ void TableWatch::forget(Watched& watched) {
   watched.read = TableState::Good;
   watched.rows = 0;
   watched.saved = 0;
-  if (!Tool::readTableName(name)->name.empty()) m_tables.remove(name);
+  const auto read = Tool::readTableName(name);
+  if (!read || !read->name.empty()) m_tables.remove(name);
   m_metrics.forgetTable(name);
   try {
     if (m_snapshots.isWanted()) m_snapshots.remove(name);
@@ -564,9 +573,9 @@ bool TableWatch::accept(Table& table, const TableImage& image, const Mark& mark,
         watched.isReplaced = true;
         table.setState(TableState::Empty);
         if (before == TableState::Empty) return false;
-        m_log.warning("table " + table.sqlName() + " has " + counts +
-                      ": its requests are answered TEMP until it has rows again; if it is to be "
-                      "empty, reload the service");
+        m_log.warning("table " + table.sqlName() + " has " + counts + ": " + s_requestsOf(table) +
+                      " are answered TEMP until it has rows again; if it is to be empty, reload "
+                      "the service");
         return false;
       case TableState::Filling:
         if (before != TableState::Filling) watched.doubtSince = start;
