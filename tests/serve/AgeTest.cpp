@@ -23,6 +23,7 @@
 #include "support/ErrorOutput.h"
 #include "support/ScratchFile.h"
 #include "support/TestServer.h"
+#include "tables/AliasRule.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
@@ -42,7 +43,8 @@ namespace fs = std::filesystem;
 // N": the table T is created, with N such rows. "away": the database cannot be reached, until
 // "back". "reload": SIGHUP. "restart": the service ends, and starts with its snapshots.
 // "configuration": it was read. "keep" and "put back": the snapshots are copied, and the copies put
-// in their place. "pause": the database's second is over. All else is SQL.
+// in their place. "list MEMBERS": the alias list@d has these. "rule ALIAS N": its rule is that it
+// expires at second N. "pause": the database's second is over. All else is SQL.
 constexpr std::string_view s_scenarios = R"(
 == the last rows answer for the time of --stale, and an outage is never "not found" | 1h
 0    | rows 1                    | alias u1@d   | OK x@d   | -
@@ -263,6 +265,47 @@ constexpr std::string_view s_scenarios = R"(
 4000 | configuration             | domain none.example | NOTFOUND | -
 > warning: the configuration of domains and mail users is not too old any more
 
+== an alias that has expired is not there, and not a member, also for stale rows and a snapshot | 1h
+0    | rows 1; list u1@d,y@d; rule u1@d 100 | alias u1@d | OK x@d | -
+10   |                           | alias list@d | OK x@d,y@d | -
+20   |                           | alias list@d | OK x@d,y@d | -
+30   | away                      | alias list@d | OK x@d,y@d | -
+> error: the database is unavailable: *; table alias answers with rows of * s ago; table rules answers with rows of * s ago
+98   |                           | alias u1@d   | OK x@d   | -
+98   |                           | alias list@d | OK x@d,y@d | -
+102  |                           | alias u1@d   | NOTFOUND | -
+102  |                           | alias u1+a@d | NOTFOUND | -
+102  |                           | alias list@d | OK y@d   | -
+103  | restart                   | alias list@d | OK y@d   | -
+> error: the database is unavailable: *
+104  |                           | alias u1@d   | NOTFOUND | -
+105  | back                      | alias u1@d   | NOTFOUND | -
+> warning: the database is available again
+106  | rule u1@d 900             | alias u1@d   | OK x@d   | -
+107  | list u1+a@d,y@d; rule u1@d 50 | alias list@d | OK y@d | -
+108  | list u1@d                 | alias list@d | PERM this alias reaches nobody | -
+
+== a rule that cannot be read makes its alias unknown, and those that lead to it | 1h
+0    | rows 2; list u1@d,y@d; rule u1@d 1; update rules set writers = 'x' | alias u1@d | TEMP the rule of this alias, or of one that it leads to, cannot be read | -
+> warning: table rules: 1 rows cannot be read and are left out; 'tsl-address-map check' names them
+1    |                           | alias list@d | TEMP the rule of this alias, or of one that it leads to, cannot be read | -
+2    |                           | alias u2@d   | OK x@d   | -
+
+== rules that are missing may have let an alias expire, until a reload confirms that there are none | 1h
+0    | rows 1; rule u2@d 1       | alias u1@d   | OK x@d   | -
+10   | drop table rules          | alias u1@d   | TEMP the rules of aliases: the table is missing in the database | rules: the table is missing in the database (last known to be right 10 s ago)
+> warning: table rules is missing in the database: requests for aliases are answered TEMP until it is back; if it is gone for good, reload the service
+20   | reload                    | alias u1@d   | OK x@d   | -
+> warning: table rules is gone for good
+30   | rule u1@d 25              | alias u1@d   | NOTFOUND | -
+
+== of a few rules the last one may be removed, of ten not all | 1h
+0    | rows 1; rule u1@d 1       | alias u1@d   | NOTFOUND | -
+10   | delete from rules         | alias u1@d   | OK x@d   | -
+20   | rule u0@d 1; rule u2@d 1; rule u3@d 1; rule u4@d 1; rule u5@d 1; rule u6@d 1; rule u7@d 1; rule u8@d 1; rule u9@d 1; rule u10@d 1 | alias u1@d | OK x@d | -
+30   | delete from rules         | alias u1@d   | TEMP the rules of aliases: the table has lost all its rows | rules: the table has lost all its rows (last known to be right 10 s ago)
+> warning: table rules has 0 rows instead of 10: requests for aliases are answered TEMP until it has rows again; if it is to be empty, reload the service
+
 == a table that nobody has is reported, and is in /ready for a minute after the last request | 1h
 0    | rows 1                    | alias.x u1@d | TEMP there is no such table | alias_x: mail servers ask for it, and it is not served
 > error: mail servers ask for table alias_x and are answered TEMP: there is no such table; there are no named tables
@@ -303,7 +346,7 @@ class AgeTest : public testing::Test {
 
   // Begins a scenario.
   void begin(const std::string& stale) {
-    sql("drop table if exists alias_x, other");
+    sql("drop table if exists alias_x, other, rules");
     sql("create table if not exists alias like kept");
     sql("delete from alias");
     m_options->write(m_good);
@@ -324,6 +367,13 @@ class AgeTest : public testing::Test {
       sql("delete from alias");
       words >> word;
       insert("alias", std::stoi(word));
+    } else if (word == "list") {
+      words >> word;
+      sql("replace into alias (name, members) values ('list@d', '" + word + "')");
+    } else if (word == "rule") {
+      std::string alias;
+      words >> alias >> word;
+      rule(alias, m_start + seconds(std::stoi(word)));
     } else if (word == "create") {
       std::string table;
       words >> table >> word;
@@ -361,6 +411,15 @@ class AgeTest : public testing::Test {
       values += (i == 1 ? "('u" : ", ('u") + std::to_string(i) + "@d', 'x@d')";
     }
     if (rows > 0) sql("insert into " + table + " (name, members) values " + values);
+  }
+  // The rule that the alias expires at `time`.
+  static void rule(const std::string& alias, Clock::time_point time) {
+    const auto wall = std::chrono::system_clock::now() + (time - Clock::now());
+    sql("create table if not exists rules( table_name varchar( 64 ), name varchar( 255 ),"
+        " writers varchar( 16 ) not null, listed text not null, owners text not null,"
+        " expires datetime, note text not null, primary key( table_name, name ) )");
+    sql("replace into rules values ('alias', '" + alias + "', 'anyone', '', '', '" +
+        Tool::timeText(std::chrono::floor<seconds>(wall)) + "', '')");
   }
   // What the server notes of a change is its second, by its own clock. For a new connection all
   // tables are other ones.
@@ -414,12 +473,12 @@ class AgeTest : public testing::Test {
   std::optional<TestServer::OptionFile> m_options;
   Settings m_settings;
   std::optional<Parts> m_service;
+  // Long ago: a snapshot of the future would be one of now.
+  const Clock::time_point m_start = Clock::now() - std::chrono::hours(10000);
   Clock::time_point m_now;
 };
 
 TEST_F(AgeTest, EveryRuleHoldsAtEachMoment) {
-  // Long ago: a snapshot of the future would be one of now.
-  const Clock::time_point start = Clock::now() - std::chrono::hours(10000);
   int moments = 0;
   std::string wanted;
   std::string log;
@@ -447,7 +506,7 @@ TEST_F(AgeTest, EveryRuleHoldsAtEachMoment) {
     }
     where = rule + "\nat " + parts.at(0);
     ++moments;
-    m_now = start + seconds(std::stoi(parts.at(0)));
+    m_now = m_start + seconds(std::stoi(parts.at(0)));
     for (const std::string& what : s_split(parts.at(1), ';')) {
       if (what.empty()) continue;
       happen(what);

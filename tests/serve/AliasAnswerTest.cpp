@@ -22,7 +22,7 @@ class AliasAnswerTest : public testing::Test {
 
   std::optional<Answer> ask(const std::string& key, Effort effort = Effort::Any) {
     const TablePointer table = m_tables.find("alias");
-    return aliasAnswer(m_tables, *table, *table->image(), key, effort, Clock::now(), m_log);
+    return aliasAnswer(m_tables, *table, *table->image(), {}, key, effort, Clock::now(), m_log);
   }
 
   // `count` addresses as the members of a row.
@@ -62,7 +62,8 @@ TEST_F(AliasAnswerTest, AnAliasLoopIsReportedAndShownAtTheLevelDebugOnly) {
   for (const LogLevel level : {LogLevel::Info, LogLevel::Debug}) {
     testing::internal::CaptureStderr();
     Log log(level);
-    aliasAnswer(m_tables, *table, *table->image(), "l@d.example", Effort::Any, Clock::now(), log);
+    aliasAnswer(m_tables, *table, *table->image(), {}, "l@d.example", Effort::Any, Clock::now(),
+                log);
     log.flush();
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               level == LogLevel::Debug ? report + loop : report);

@@ -54,6 +54,27 @@ Kind s_kind(const Rows& rows, const std::string& address) {
   return s_expand(AliasImage(sourceOf(rows)), address).kind;
 }
 
+TEST(AliasImage, WhatHasExpiredReachesNobodyAndIsNoFinalAddress) {
+  const AliasImage image(sourceOf({{"old@d", "old@d,x@d"},
+                                   {"a@d", "old@d,b@d,y@d"},
+                                   {"b@d", "OLD@d,z@d"},
+                                   {"only@d", "old@d"},
+                                   {"who@d", "x@d"},
+                                   {"asks@d", "who@d"}}));
+  const auto expand = [&image](const std::string& key) {
+    return image.expand(key, Effort::Any, {}, [](std::string_view alias) {
+      if (alias == "who@d") return RuleImage::Presence::Unknown;
+      return alias == "old@d" ? RuleImage::Presence::Expired : RuleImage::Presence::There;
+    });
+  };
+  EXPECT_EQ(expand("old@d").kind, Kind::NoAlias);
+  EXPECT_EQ(expand("a@d").addresses, EmailAddress::rfc5322ParseSet("y@d,z@d", false, false));
+  EXPECT_TRUE(expand("a@d").hasExpired);
+  EXPECT_EQ(expand("only@d").kind, Kind::Nobody);
+  EXPECT_EQ(expand("who@d").kind, Kind::NoRule);
+  EXPECT_EQ(expand("asks@d").kind, Kind::NoRule);
+}
+
 TEST(AliasImage, AnAddressWithoutARowIsNoAlias) {
   EXPECT_EQ(s_kind({}, "a@d.example"), Kind::NoAlias);
   EXPECT_EQ(s_kind({{"a@d.example", "b@d.example"}}, "b@d.example"), Kind::NoAlias);

@@ -16,7 +16,7 @@ class LeftOut : public testing::Test {
 
   [[nodiscard]] bool isOut(const std::string& address, const Table* expanded = nullptr) const {
     return isDisabledUser(*ServedDomains::image(), address, m_settings) &&
-           !goesElsewhere(m_tables, address, expanded);
+           !goesElsewhere(m_tables, address, expanded, {});
   }
 
   const ServedDomains m_served;

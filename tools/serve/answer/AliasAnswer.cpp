@@ -16,6 +16,8 @@ namespace Tessel::Serve {
 
 namespace {
 
+constexpr char s_noRule[] = "the rule of this alias, or of one that it leads to, cannot be read";
+
 // Reports that mail for an alias was rejected.
 void s_reportLoop(const Table& table, const AliasImage& image, const std::string& key, Log& log) {
   log.warning(
@@ -50,7 +52,24 @@ Answer s_nobodyAnswer(bool isShort) {
   return answer;
 }
 
-Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
+// The addresses without those that are aliases of `image` with an extension, which have expired.
+// Nothing when the rule of one cannot be read.
+std::optional<std::set<EmailAddress>> s_unexpired(const std::set<EmailAddress>& addresses,
+                                                  const Table& table, const AliasImage& image,
+                                                  const Rules& rules, const Settings& settings) {
+  std::set<EmailAddress> left;
+  for (const EmailAddress& address : addresses) {
+    const std::string base = baseKey(address.address(), settings);
+    const bool isTagged = !base.empty() && image.isAlias(base);
+    const auto presence =
+        isTagged ? rules.presence(table.sqlName(), base) : RuleImage::Presence::There;
+    if (presence == RuleImage::Presence::Unknown) return std::nullopt;
+    if (presence == RuleImage::Presence::There) left.insert(left.end(), address);
+  }
+  return left;
+}
+
+Answer s_foundAnswer(Tables& tables, const Table& table, const Rules& rules, const std::string& key,
                      const Expansion& found, Clock::time_point now, Log& log) {
   const Settings& settings = tables.settings();
   ConfigurationPointer users;
@@ -69,7 +88,7 @@ Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
     addresses.push_back(address.address());
     if (users != nullptr && isDisabledUser(*users, addresses.back(), settings)) {
       hasDisabled = true;
-      if (!goesElsewhere(tables, addresses.back(), &table)) {
+      if (!goesElsewhere(tables, addresses.back(), &table, rules)) {
         addresses.pop_back();
         continue;
       }
@@ -103,13 +122,17 @@ Answer s_foundAnswer(Tables& tables, const Table& table, const std::string& key,
 }  // namespace
 
 std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,
-                                  const std::string& key, Effort effort, Clock::time_point now,
-                                  Log& log) {
+                                  const Rules& rules, const std::string& key, Effort effort,
+                                  Clock::time_point now, Log& log) {
   const auto listUsers = [&](const std::string& domain, const auto& take) {
     const ConfigurationPointer configuration = tables.configuration().use(tables.settings(), now);
     return configuration != nullptr && configuration->listUsers(domain, take);
   };
-  const Expansion found = image.alias().expand(key, effort, listUsers);
+  PresenceOf presenceOf;
+  if (rules.hasExpiries()) {
+    presenceOf = [&](std::string_view alias) { return rules.presence(table.sqlName(), alias); };
+  }
+  Expansion found = image.alias().expand(key, effort, listUsers, presenceOf);
   switch (found.kind) {
     case Expansion::Kind::Unknown:
       return std::nullopt;
@@ -119,13 +142,20 @@ std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const Tabl
       return Answer::temp("the row of this alias cannot be read");
     case Expansion::Kind::NoUsers:
       return Answer::temp("this alias means all users of a domain, which could not be read");
+    case Expansion::Kind::NoRule:
+      return Answer::temp(s_noRule);
     case Expansion::Kind::Nobody:
-      if (!found.dependsOnUsers) s_reportLoop(table, image.alias(), key, log);
+      if (!found.dependsOnUsers && !found.hasExpired) s_reportLoop(table, image.alias(), key, log);
       return s_nobodyAnswer(found.dependsOnUsers);
     case Expansion::Kind::Found:
       break;
   }
-  return s_foundAnswer(tables, table, key, found, now, log);
+  if (presenceOf) {
+    auto left = s_unexpired(found.addresses, table, image.alias(), rules, tables.settings());
+    if (!left) return Answer::temp(s_noRule);
+    found.addresses = std::move(*left);
+  }
+  return s_foundAnswer(tables, table, rules, key, found, now, log);
 }
 
 Answer failureAnswer(Log& log) {

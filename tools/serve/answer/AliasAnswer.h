@@ -16,11 +16,12 @@ namespace Tessel::Serve {
 inline constexpr char s_noConfiguration[] =
     "the configuration of domains and mail users cannot be read";
 
-// What the alias with `key` expands to in `image`, an image of `table`; a long list gets pages.
-// Nothing when that takes more than `effort`. Failures are answers too. Any thread.
+// What the alias with `key` expands to in `image`, an image of `table`, without what has expired by
+// `rules`; a long list gets pages. Nothing when that takes more than `effort`. Failures are answers
+// too. Any thread.
 std::optional<Answer> aliasAnswer(Tables& tables, const Table& table, const TableImage& image,
-                                  const std::string& key, Effort effort, Clock::time_point now,
-                                  Log& log);
+                                  const Rules& rules, const std::string& key, Effort effort,
+                                  Clock::time_point now, Log& log);
 
 // The answer for the exception that is being handled. Any thread.
 Answer failureAnswer(Log& log);

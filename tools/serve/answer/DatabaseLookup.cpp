@@ -20,6 +20,29 @@ std::string s_select(const Tool::TableFormat& format, const std::string& table) 
          Tool::quotedName(table) + ";";
 }
 
+// Error numbers of the server: it does not list such tables to the service.
+constexpr unsigned int s_tableDenied = 1142;
+constexpr unsigned int s_noTable = 1146;
+
+void s_publish(Table& table, Database::Connection& connection, const std::string& statement) {
+  const auto rows = [&](const TakeRow& take) { Tool::selectPairs(connection, statement, take); };
+  table.publish(std::make_shared<const TableImage>(table.kind(), rows));
+  table.confirm(Clock::now());
+}
+
+// The rules, if the database has any.
+void s_publishRules(Tables& tables, Database::Connection& connection) try {
+  Table rules(TableKind::Rules, "");
+  s_publish(rules, connection, s_selectRules);
+  const TablePointer table = tables.add(rules.sqlName());
+  table->publish(rules.image());
+  table->confirm(Clock::now());
+} catch (const Exception& exception) {
+  const bool isAbsent = Tool::isDatabaseError(exception, s_noTable) ||
+                        Tool::isDatabaseError(exception, s_tableDenied);
+  if (!isAbsent) throw;
+}
+
 }  // namespace
 
 DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name)
@@ -29,12 +52,9 @@ DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name
     const Tool::TableFormat& format =
         kind == TableKind::Alias ? Tool::TableFormat::alias() : Tool::TableFormat::mask();
     const TablePointer table = m_tables.add(sqlNameOf(kind, name));
-    const auto rows = [&](const TakeRow& take) {
-      Tool::selectPairs(connection, s_select(format, table->sqlName()), take);
-    };
-    table->publish(std::make_shared<const TableImage>(kind, rows));
-    table->confirm(Clock::now());
+    s_publish(*table, connection, s_select(format, table->sqlName()));
   }
+  s_publishRules(m_tables, connection);
   try {
     m_tables.configuration().publish(
         std::make_shared<const ConfigurationImage>(copyConfiguration()), Clock::now());

@@ -8,35 +8,35 @@
 
 namespace Tessel::Serve {
 
-namespace {
-
-// The key of `address` without its extension; empty when it has none.
-std::string s_baseKey(std::string_view address, const Settings& settings) {
+std::string baseKey(std::string_view address, const Settings& settings) {
   if (settings.extension == ExtensionRule::Off) return "";
   const Tool::ExtendedAddress cut = Tool::cutExtension(address, settings.delimiter);
   std::string key;
   return !cut.extension.empty() && Tool::addressKey(cut.base, key) ? key : "";
 }
 
-}  // namespace
-
 bool isDisabledUser(const ConfigurationImage& users, std::string_view address,
                     const Settings& settings) {
   std::string key;
   if (!users.hasDisabled() || !Tool::addressKey(address, key)) return false;
   if (users.isDisabled(key)) return true;
-  return !users.hasUser(key) && users.isDisabled(s_baseKey(address, settings));
+  return !users.hasUser(key) && users.isDisabled(baseKey(address, settings));
 }
 
-bool goesElsewhere(const Tables& tables, std::string_view address, const Table* expanded) {
+bool goesElsewhere(const Tables& tables, std::string_view address, const Table* expanded,
+                   const Rules& rules) {
   std::string key;
   if (!Tool::addressKey(address, key)) return false;
-  const std::string baseKey = s_baseKey(address, tables.settings());
+  const std::string base = baseKey(address, tables.settings());
   for (const TablePointer& table : tables.all()) {
     if (table->kind() != TableKind::Alias) continue;
     const ImagePointer image = table->image();
-    if (image == nullptr || image->alias().isAlias(baseKey)) return true;
-    if (table.get() != expanded && image->alias().isAlias(key)) return true;
+    if (image == nullptr) return true;
+    const auto isAlias = [&](const std::string& asked) {
+      return image->alias().isAlias(asked) &&
+             rules.presence(table->sqlName(), asked) != RuleImage::Presence::Expired;
+    };
+    if (isAlias(base) || (table.get() != expanded && isAlias(key))) return true;
   }
   return false;
 }

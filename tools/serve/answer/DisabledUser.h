@@ -2,6 +2,7 @@
 #ifndef TSL_TOOLS_SERVE_ANSWER_DISABLEDUSER_H
 #define TSL_TOOLS_SERVE_ANSWER_DISABLEDUSER_H
 
+#include <string>
 #include <string_view>
 
 #include "serve/base/Settings.h"
@@ -15,10 +16,16 @@ namespace Tessel::Serve {
 bool isDisabledUser(const ConfigurationImage& users, std::string_view address,
                     const Settings& settings);
 
-// True when mail to `address` goes elsewhere by an alias of `tables`, or may do so, as a table was
-// not read yet. `expanded` is the table whose aliases were followed to the address, where an alias
-// of that very address is its own member; null for none. Any thread.
-bool goesElsewhere(const Tables& tables, std::string_view address, const Table* expanded);
+// The key of `address` without its extension; empty when it has none, or the extension rule is off.
+// Any thread.
+std::string baseKey(std::string_view address, const Settings& settings);
+
+// True when mail to `address` goes elsewhere by an alias of `tables` that has not expired by
+// `rules`, or may do so, as a table was not read yet. `expanded` is the table whose aliases were
+// followed to the address, where an alias of that very address is its own member; null for none.
+// Any thread.
+bool goesElsewhere(const Tables& tables, std::string_view address, const Table* expanded,
+                   const Rules& rules);
 
 }  // namespace Tessel::Serve
 

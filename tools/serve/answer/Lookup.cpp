@@ -62,7 +62,8 @@ std::uint64_t s_expansions(std::uint64_t table) {
 }  // namespace
 
 AnswerCache::Source Lookup::Route::source() const {
-  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0), generation + users};
+  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0),
+          generation + users + rules};
 }
 
 Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
@@ -72,7 +73,8 @@ Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
       m_metrics(metrics),
       m_log(log),
       m_helpers(std::move(helpers)),
-      m_cache(tables.answerMemory()) {}
+      m_cache(tables.answerMemory()),
+      m_rules(tables) {}
 
 Lookup::~Lookup() = default;
 
@@ -86,6 +88,7 @@ const std::string* Lookup::reply(std::string_view request, Clock::time_point now
 void Lookup::sweep(Clock::time_point now) {
   // Routes keep images alive, and tables that are gone.
   for (Routes& routes : m_routes) routes.clear();
+  m_rules.sweep();
   m_cache.sweep(now);
   m_tables.pages().sweep(now);
 }
@@ -187,6 +190,11 @@ std::string Lookup::refresh(Route& route, Clock::time_point now) {
     route.image = route.table->image();
     route.generation = generation;
   }
+  if (route.map == Map::Alias) {
+    std::string unknown = m_rules.refresh(now);
+    if (!unknown.empty()) return unknown;
+    route.rules = m_rules.number();
+  }
   const bool needsUsers = route.map == Map::Alias || route.map == Map::MaskPrivate;
   if (!m_settings.leaveOutDisabled || !needsUsers) return "";
   const ConfigurationPointer users = configuration(now);
@@ -249,8 +257,8 @@ std::optional<Answer> Lookup::expansion(const Route& route, const std::string& k
     return Answer{known->result(), std::string(known->reply()), Validity::Moment};
   }
   const Effort effort = m_helpers ? Effort::Short : Effort::Any;
-  std::optional<Answer> answer =
-      Serve::aliasAnswer(m_tables, *route.table, *route.image, key, effort, now, m_log);
+  std::optional<Answer> answer = Serve::aliasAnswer(m_tables, *route.table, *route.image,
+                                                    m_rules.rules(), key, effort, now, m_log);
   if (!answer) {
     begin(route, key, now);
   } else if (answer->data.size() > s_shortReply || answer->validity == Validity::Pages) {
@@ -263,14 +271,16 @@ std::optional<Answer> Lookup::expansion(const Route& route, const std::string& k
 void Lookup::begin(const Route& route, const std::string& key, Clock::time_point now) {
   const Job job{route.table->number(), key};
   if (!m_jobs.emplace(job, now).second) return;
-  m_helpers->threads.post([this, job, table = route.table, &tables = m_tables, &log = m_log,
+  m_helpers->threads.post([this, job, table = route.table, rules = m_rules.rules(),
+                           number = m_rules.number(), &tables = m_tables, &log = m_log,
                            onOwnThread = m_helpers->onOwnThread] {
     // The newest image: a job that waits must not keep an old one alive.
-    const std::uint64_t generation = table->generation() + s_usersNumber(tables);
+    const std::uint64_t generation = table->generation() + s_usersNumber(tables) + number;
     const ImagePointer image = table->image();
     Answer answer;
     try {
-      answer = *Serve::aliasAnswer(tables, *table, *image, job.key, Effort::Any, Clock::now(), log);
+      answer = *Serve::aliasAnswer(tables, *table, *image, rules, job.key, Effort::Any,
+                                   Clock::now(), log);
     } catch (const std::exception&) {
       answer = failureAnswer(log);
     }
@@ -348,7 +358,9 @@ Answer Lookup::maskAnswerWithoutDisabled(const Route& route, std::string_view te
   const ConfigurationPointer users = configuration(now);
   if (users == nullptr) return Answer::temp(s_noConfiguration);
   if (!isDisabledUser(*users, answer.data, m_settings)) return answer;
-  if (!goesElsewhere(m_tables, answer.data, nullptr)) answer = Answer::notFound();
+  const std::string unknown = m_rules.refresh(now);
+  if (!unknown.empty()) return Answer::temp(unknown);
+  if (!goesElsewhere(m_tables, answer.data, nullptr, m_rules.rules())) answer = Answer::notFound();
   // Aliases change while masks and users do not.
   answer.validity = Validity::Once;
   return answer;

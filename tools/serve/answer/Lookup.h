@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "serve/answer/AnswerCache.h"
+#include "serve/answer/CurrentRules.h"
 #include "serve/base/Answer.h"
 #include "serve/base/Background.h"
 #include "serve/base/Log.h"
@@ -58,6 +59,7 @@ class Lookup {
     std::uint64_t generation = 0;
     std::uint64_t users =
         0;  // Number of the image of the users that answers depend on; 0 for none.
+    std::uint64_t rules = 0;  // Number of the rules that answers depend on, likewise.
 
     // What its replies come from; with a table.
     [[nodiscard]] AnswerCache::Source source() const;
@@ -114,6 +116,7 @@ class Lookup {
   const std::optional<Helpers> m_helpers;
   std::array<Routes, s_maps> m_routes;  // By map and store name; a second old at most.
   AnswerCache m_cache;
+  CurrentRules m_rules;
   std::map<Job, Clock::time_point> m_jobs;  // Those that the helpers do, and since when.
   std::map<Job, Made> m_made;               // What they have just done.
   // Of the request that is being answered.

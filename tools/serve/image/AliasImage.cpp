@@ -26,19 +26,28 @@ constexpr std::size_t s_shortEffort = 32768;
 // Thrown when an expansion takes too long.
 struct TooMuch {};
 
+// Thrown when the rule of an alias cannot be read.
+struct NoRule {};
+
 }  // namespace
 
 // The rows as the library's expander asks for them. It holds the one that was asked for last: the
 // image has them all, and answers are kept elsewhere. One thread.
 class AliasImage::LastRow : public LRUCache<EmailAddress, std::set<EmailAddress>> {
  public:
-  // `image` must outlive the object. `find` throws TooMuch instead of reading more bytes of members
-  // than `most`.
-  LastRow(const AliasImage& image, std::size_t most) : LRUCache(1), m_image(image), m_left(most) {}
+  // `image` and `presenceOf` must outlive the object. `find` throws TooMuch instead of reading more
+  // bytes of members than `most`, and NoRule.
+  LastRow(const AliasImage& image, std::size_t most, const PresenceOf& presenceOf)
+      : LRUCache(1), m_image(image), m_presenceOf(presenceOf), m_left(most) {}
 
   iterator find(const EmailAddress& address) const override {
     const RowStore::Id row = m_image.rowOf(address);
     if (row == AddressIndex::s_none) return end();
+    if (!isPresent(row)) {
+      // Without members it reaches nobody, and is no final address either.
+      const_cast<LastRow*>(this)->add(address, {});
+      return LRUCache::find(address);
+    }
     const std::size_t size = m_image.m_rows.second(row).size();
     if (size > m_left) throw TooMuch();
     m_left -= size;
@@ -47,8 +56,22 @@ class AliasImage::LastRow : public LRUCache<EmailAddress, std::set<EmailAddress>
     return LRUCache::find(address);
   }
 
+  // True when an alias was left out that has expired.
+  [[nodiscard]] bool hasExpired() const { return m_hasExpired; }
+
  private:
+  bool isPresent(RowStore::Id row) const {
+    if (!m_presenceOf) return true;
+    const RuleImage::Presence presence = m_presenceOf(m_image.m_keys.text(row));
+    if (presence == RuleImage::Presence::Unknown) throw NoRule();
+    if (presence == RuleImage::Presence::There) return true;
+    m_hasExpired = true;
+    return false;
+  }
+
   const AliasImage& m_image;
+  const PresenceOf& m_presenceOf;
+  mutable bool m_hasExpired = false;
   mutable std::size_t m_left;
 };
 
@@ -88,9 +111,12 @@ AliasImage::AliasImage(const RowSource& source) {
   m_rows.shrink();
 }
 
-Expansion AliasImage::expand(std::string_view key, Effort effort,
-                             const ListUsers& listUsers) const {
+Expansion AliasImage::expand(std::string_view key, Effort effort, const ListUsers& listUsers,
+                             const PresenceOf& presenceOf) const {
   Expansion expansion;
+  if (presenceOf && isAlias(key) && presenceOf(key) == RuleImage::Presence::Expired) {
+    return expansion;
+  }
   const RowStore::Id row = m_keys.find(key);
   if (row == AddressIndex::s_none) {
     if (m_brokenRows.hasKey(key)) expansion.kind = Expansion::Kind::Broken;
@@ -99,13 +125,17 @@ Expansion AliasImage::expand(std::string_view key, Effort effort,
   const EmailAddress alias = EmailAddress::rfc5321Parse(m_rows.first(row), false);
   std::set<EmailAddress> reached;
   const bool isShort = effort == Effort::Short;
-  LastRow rows(*this, isShort ? s_shortEffort : std::string_view::npos);
+  LastRow rows(*this, isShort ? s_shortEffort : std::string_view::npos, presenceOf);
   try {
     AdapterExpanderNoQuery(rows, reached).expand(alias);
   } catch (const TooMuch&) {
     expansion.kind = Expansion::Kind::Unknown;
     return expansion;
+  } catch (const NoRule&) {
+    expansion.kind = Expansion::Kind::NoRule;
+    return expansion;
   }
+  expansion.hasExpired = rows.hasExpired();
   if (reachesBroken(reached)) {
     expansion.kind = Expansion::Kind::Broken;
     return expansion;

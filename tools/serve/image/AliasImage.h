@@ -2,6 +2,7 @@
 #ifndef TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
 #define TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
 
+#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "serve/image/BrokenRows.h"
 #include "serve/image/ConfigurationImage.h"
 #include "serve/image/RowStore.h"
+#include "serve/image/RuleImage.h"
 #include "tables/AddressIndex.h"
 
 namespace Tessel::Serve {
@@ -23,6 +25,7 @@ struct Expansion {
     Nobody,   // An alias that reaches nobody.
     Broken,   // An alias whose row, or that of an alias it leads to, cannot be read.
     NoUsers,  // An alias for all users of a domain whose users are unknown.
+    NoRule,   // An alias that may have expired, or that leads to one: its rule cannot be read.
     Unknown,  // It takes longer than there was time for.
   };
 
@@ -30,7 +33,11 @@ struct Expansion {
   std::set<EmailAddress> addresses;
   // True when it also depends on the mail users of the configuration, which change independently.
   bool dependsOnUsers = false;
+  bool hasExpired = false;  // Aliases that have expired were left out.
 };
+
+// Whether the alias with `key` is there. Without it all are.
+using PresenceOf = std::function<RuleImage::Presence(std::string_view key)>;
 
 // How much time there is for an expansion.
 enum class Effort {
@@ -49,9 +56,11 @@ class AliasImage {
   AliasImage& operator=(const AliasImage&) = delete;
 
   // What the address with `key` expands to; `key` is as Tool::addressKey() gives it.
-  // `listUsers` knows the mail users; without it an alias for all users is `NoUsers`.
+  // `listUsers` knows the mail users; without it an alias for all users is `NoUsers`. An alias that
+  // has expired is not there; where others name it, nothing is.
   [[nodiscard]] Expansion expand(std::string_view key, Effort effort = Effort::Any,
-                                 const ListUsers& listUsers = {}) const;
+                                 const ListUsers& listUsers = {},
+                                 const PresenceOf& presenceOf = {}) const;
 
   // True when the address with `key` is an alias, also one whose row cannot be read.
   [[nodiscard]] bool isAlias(std::string_view key) const;

@@ -87,8 +87,8 @@ RuleImage::Presence RuleImage::presence(std::string_view sqlName, std::string_vi
 }
 
 std::size_t RuleImage::expired(sys_seconds now) const {
-  return static_cast<std::size_t>(
-      std::upper_bound(m_expiries.begin(), m_expiries.end(), now) - m_expiries.begin());
+  return static_cast<std::size_t>(std::upper_bound(m_expiries.begin(), m_expiries.end(), now) -
+                                  m_expiries.begin());
 }
 
 std::optional<sys_seconds> RuleImage::nextExpiry(sys_seconds now) const {

@@ -74,6 +74,17 @@ class RuleImage {
   std::vector<std::chrono::sys_seconds> m_expiries;  // Of all rows, in ascending order.
 };
 
+// The rules at one time; none by default. A value.
+struct Rules {
+  std::shared_ptr<const RuleImage> image;  // Null: there are none.
+  std::chrono::sys_seconds now;
+
+  [[nodiscard]] bool hasExpiries() const { return image != nullptr && image->hasExpiries(); }
+  [[nodiscard]] RuleImage::Presence presence(std::string_view sqlName, std::string_view key) const {
+    return image == nullptr ? RuleImage::Presence::There : image->presence(sqlName, key, now);
+  }
+};
+
 }  // namespace Tessel::Serve
 
 #endif
