@@ -14,6 +14,7 @@
 #include "cli/Session.h"
 #include "failure/Failure.h"
 #include "serve/image/ConfigurationHelper.h"
+#include "tables/History.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -153,6 +154,7 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::string_view(argv[1]) == Tessel::Serve::s_helperCommand) {
       return Tessel::Serve::helpWithConfiguration(STDIN_FILENO);
     }
+    Tessel::Tool::setChangeAuthor(argc, argv);
     return static_cast<int>(Tessel::Tool::s_parseAndRun(argc, argv));
   } catch (const std::exception& exception) {
     Tessel::Tool::report(Tessel::Tool::failureOf(exception, "starting"));

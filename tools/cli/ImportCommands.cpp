@@ -27,18 +27,13 @@ struct ImportArguments {
   bool force = false;
 };
 
-// The key of the row as it was.
-std::string s_formerKey(const ChangedRow& row) {
-  return row.before.key.empty() ? row.entry->key.address() : row.before.key;
-}
-
 void s_show(Output& output, const TableImport& import) {
   const auto show = [&output](const char* sign, const std::string& line) {
     output.line(sign + printable(line));
   };
   for (const StoredRow& row : import.removed()) show("- ", row.key + ":" + row.value);
   for (const ChangedRow& row : import.changed()) {
-    show("~ ", changeOf(s_formerKey(row), row.before.value, *row.entry));
+    show("~ ", changeOf(row.formerKey(), row.before.value, *row.entry));
   }
   for (const FileEntry* entry : import.added()) show("+ ", entry->line());
 }
@@ -51,7 +46,7 @@ Json s_rowsOf(const TableImport& import) {
   for (const StoredRow& row : import.removed()) add("-", row.key + ":" + row.value);
   for (const ChangedRow& row : import.changed()) {
     add("~", row.entry->line());
-    rows.back()["former"] = printable(s_formerKey(row) + ":" + row.before.value);
+    rows.back()["former"] = printable(row.formerKey() + ":" + row.before.value);
   }
   for (const FileEntry* entry : import.added()) add("+", entry->line());
   return rows;

@@ -164,8 +164,8 @@ ExitCode s_set(Session& session, const RuleArguments& arguments) {
     rule = s_changed(before ? *before->rule : AliasRule(), arguments);
     s_requireSense(rule, alias);
     if (arguments.dryRun) return false;
-    if (before && before->name != name) table.rules().remove(before->name);
-    table.rules().set(name, rule);
+    if (before && before->name != name) table.rules().remove(table.change(), before->name);
+    table.rules().set(table.change(), name, rule);
     return true;
   });
   s_warn(rule, name);
@@ -216,7 +216,7 @@ ExitCode s_remove(Session& session, const RuleArguments& arguments) {
   std::optional<RuleRow> row;
   table.transact([&] {
     row = table.rules().look(alias);
-    return row && !arguments.dryRun && table.rules().remove(row->name);
+    return row && !arguments.dryRun && table.rules().remove(table.change(), row->name);
   });
   const std::string line =
       row ? "- " + s_nameOf(row->name) + " " + (row->rule ? ruleText(*row->rule) : "unreadable")
@@ -283,7 +283,8 @@ std::vector<std::string> s_removeOthers(AliasTable& table, const std::vector<Rul
     changes.push_back("- " + s_nameOf(key) + " " + text);
   }
   for (const RuleRow& row : table.rules().rows()) {
-    if (!dryRun && !mentioned.contains(comparisonKey(row.name))) table.rules().remove(row.name);
+    if (!dryRun && !mentioned.contains(comparisonKey(row.name)))
+      table.rules().remove(table.change(), row.name);
   }
   return changes;
 }
@@ -303,8 +304,8 @@ ExitCode s_import(Session& session, const RuleArguments& arguments) {
       if (change.empty()) continue;
       changes.push_back(change);
       if (arguments.dryRun) continue;
-      if (before && before->name != name) table.rules().remove(before->name);
-      table.rules().set(name, rule);
+      if (before && before->name != name) table.rules().remove(table.change(), before->name);
+      table.rules().set(table.change(), name, rule);
     }
     return !arguments.dryRun && !changes.empty();
   });

@@ -115,7 +115,7 @@ void TableImport::checkSizes() {
 void TableImport::compare(bool toWrite, Progress& progress) {
   progress.begin("comparing", "rows");
   checkSizes();
-  if (toWrite) m_transaction.emplace(m_connection);
+  if (toWrite) m_change.emplace(m_connection);
   std::vector<Match> matches(m_file.entries().size());
   LineFaults faults(m_file.name());
   std::string statement = "select ";
@@ -198,7 +198,7 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   if (m_aliases && !match.equal) m_aliases->setBefore(place, value);
   match.before = {};
   if (!exact) match.before.key = key;
-  if (!match.equal && (!exact || !m_transaction)) match.before.value = value;
+  if (!match.equal) match.before.value = value;
 }
 
 void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
@@ -248,7 +248,7 @@ void TableImport::write(Progress& progress) {
     const bool respelled = !row.before.key.empty();
     if (m_format.hasPublic) {
       // Public addresses may be swapped: all are removed before the first one is written.
-      doomed.push_back(respelled ? row.before.key : row.entry->key.address());
+      doomed.push_back(row.formerKey());
     }
     if (m_format.hasPublic || !respelled) changed.push_back(row.entry);
   }
@@ -263,11 +263,33 @@ void TableImport::write(Progress& progress) {
     insertAll(changed, " on duplicate key update members=values( members )");
   }
   insertAll(m_added, "");
-  if (!m_format.hasPublic) m_removedRules = RuleTable(m_connection, m_table).removeAll(gone);
+  noteAll();
+  if (m_format.hasPublic) return;
+  m_removedRules = RuleTable(m_connection, m_table).removeAll(*m_change, gone);
+}
+
+void TableImport::note(const std::string& key, const std::optional<std::string>& before,
+                       const std::optional<std::string>& after) {
+  m_change->note({m_table, key, before, after});
+}
+
+void TableImport::noteAll() {
+  for (const StoredRow& row : m_removed) note(row.key, row.value, std::nullopt);
+  for (const ChangedRow& row : m_changed) {
+    const std::string key = row.entry->key.address();
+    if (row.before.key.empty()) {
+      note(key, row.before.value, row.entry->value());
+    } else {
+      // To take it back is to write the other spelling again.
+      note(row.before.key, row.before.value, std::nullopt);
+      note(key, std::nullopt, row.entry->value());
+    }
+  }
+  for (const FileEntry* entry : m_added) note(entry->key.address(), std::nullopt, entry->value());
 }
 
 void TableImport::commit() {
-  m_transaction->commit();
+  m_change->commit();
 }
 
 void TableImport::deleteAll(const std::vector<std::string>& keys) {

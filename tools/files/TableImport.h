@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "database/Connection.h"
-#include "database/Transaction.h"
 #include "files/TableFile.h"
 #include "tables/AliasChange.h"
+#include "tables/History.h"
 #include "tables/TableFormat.h"
 #include "terminal/Progress.h"
 
@@ -27,8 +27,13 @@ struct StoredRow {
 // An entry of the file whose row has other texts.
 struct ChangedRow {
   const FileEntry* entry;
-  // As it is stored: the key where it is spelled differently, the value where nothing is written.
+  // As it is stored; the key only where it is spelled differently.
   StoredRow before;
+
+  // The key of the row as it was.
+  [[nodiscard]] std::string formerKey() const {
+    return before.key.empty() ? entry->key.address() : before.key;
+  }
 };
 
 // One thread. Failures of the database pass as Exception until the caller asks for the end of the
@@ -66,8 +71,8 @@ class TableImport {
   // Rules that write() has removed with their aliases.
   [[nodiscard]] std::size_t removedRules() const { return m_removedRules; }
 
-  // Writes what compare() found; `progress` counts the rows. Throws Failure, `BadData`, when the
-  // server takes the entry for another row.
+  // Writes and records what compare() found; `progress` counts the rows. Throws Failure, `BadData`,
+  // when the server takes the entry for another row.
   void write(Progress& progress);
   // Commits. Throws Exception: where isOutcomeUnknown() is true it may have taken effect, otherwise
   // it has not.
@@ -92,6 +97,9 @@ class TableImport {
   void sortOut(std::vector<Match>& matches);
   void checkLoops();
   void checkMarkers();
+  void note(const std::string& key, const std::optional<std::string>& before,
+            const std::optional<std::string>& after);
+  void noteAll();
   void deleteAll(const std::vector<std::string>& keys);
   void insertAll(const Entries& entries, const std::string& end);
   void insertBatch(const Entries& entries, std::size_t first, std::size_t last,
@@ -108,7 +116,7 @@ class TableImport {
   bool m_removes;
   std::string m_domain;  // The comparisonDomain() of the rows to remove.
   Database::Connection m_connection;
-  std::optional<Database::Transaction> m_transaction;
+  std::optional<RecordedChange> m_change;
   Entries m_added;
   std::vector<ChangedRow> m_changed;
   std::vector<StoredRow> m_removed;

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "base/Exception.h"
-#include "database/Transaction.h"
 #include "failure/Failure.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
@@ -169,30 +168,48 @@ std::vector<AliasRow> AliasTable::select(const std::string& domain, const std::s
   return rows;
 }
 
+// The row that the server takes for `name`, locked.
+std::vector<TextRow> AliasTable::lockedRow(const std::string& name) {
+  return selectTexts(
+      m_connection,
+      "select name, members from " + m_table + " where name=" + literal(name) + " for update;", 2);
+}
+
 void AliasTable::set(const EmailAddress& alias, const std::set<EmailAddress>& members) {
   std::string text;
   for (const EmailAddress& member : members) {
     if (!text.empty()) text += ",";
     text += emailAddressEscapedWrite(member);
   }
+  RowChange row{m_table, alias.address(), std::nullopt, joined(members)};
+  for (const TextRow& present : lockedRow(row.name)) {
+    row.name = present[0];
+    row.before = present[1];
+  }
   runStatement(m_connection, "insert into " + m_table + " ( name, members ) values( '" +
                                  emailAddressEscapedWrite(alias) + "','" + text +
                                  "' ) on duplicate key update members=values( members );");
+  m_change->note(std::move(row));
 }
 
 bool AliasTable::remove(const std::string& name) {
+  for (const TextRow& row : lockedRow(name)) {
+    m_change->note({m_table, row[0], row[1], std::nullopt});
+  }
   runStatement(m_connection, "delete from " + m_table + " where name=" + literal(name) + ";");
   RowReader reader(TableKind::Alias);
   if (reader.readKey(name) != RowFault::None) return false;
   const std::optional<RuleRow> rule = m_rules.look(reader.keyAddress());
-  return rule && m_rules.remove(rule->name);
+  return rule && m_rules.remove(*m_change, rule->name);
 }
 
 void AliasTable::transact(const std::function<bool()>& edit) {
   retryLost([&] {
-    Database::Transaction transaction(m_connection);
-    if (edit()) transaction.commit();
+    RecordedChange change(m_connection);
+    m_change = &change;
+    if (edit()) change.commit();
   });
+  m_change = nullptr;
 }
 
 }  // namespace Tessel::Tool

@@ -12,6 +12,7 @@
 
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
+#include "tables/History.h"
 #include "tables/RowReader.h"
 #include "tables/RuleTable.h"
 #include "tables/SpellingSearch.h"
@@ -76,22 +77,28 @@ class AliasTable {
   // All rows as rows() has them, locked until the end of the transaction.
   std::vector<AliasRow> rowsLocked();
 
-  // Adds the alias, or replaces the members of an existing one. Both texts are escaped.
+  // Adds the alias, or replaces the members of an existing one, in transact(). Both texts are
+  // escaped.
   void set(const EmailAddress& alias, const std::set<EmailAddress>& members);
 
-  // Removes the row whose name in the table is exactly `name`, and its rule. True when it had one.
+  // Removes the row whose name in the table is exactly `name`, and its rule, likewise. True when it
+  // had one.
   bool remove(const std::string& name);
 
   // The rules of the aliases, over the same connection.
   [[nodiscard]] RuleTable& rules() { return m_rules; }
 
-  // Calls `edit` in a transaction, which is committed when it returns true and rolled back
-  // otherwise. Repeats this when the server rolls the transaction back in favour of another one, or
-  // the host fails, so `edit` must start from scratch each time. Exceptions of `edit` pass.
+  // Calls `edit` in a transaction, which is recorded and committed when it returns true and rolled
+  // back otherwise. Repeats this when the server rolls the transaction back in favour of another
+  // one, or the host fails, so `edit` must start from scratch each time. Exceptions of `edit` pass.
   void transact(const std::function<bool()>& edit);
+
+  // What transact() commits, for further changes by the same `edit`.
+  [[nodiscard]] RecordedChange& change() { return *m_change; }
 
  private:
   AliasLook look(const EmailAddress& address, const char* lock);
+  std::vector<TextRow> lockedRow(const std::string& name);
   void lookSpelled(const EmailAddress& address, const char* lock, AliasLook& look);
   std::vector<AliasRow> rowsOf(const std::vector<std::string>& names);
   std::vector<AliasRow> select(const std::string& domain, const std::string& end);
@@ -100,6 +107,7 @@ class AliasTable {
   Database::Connection m_connection;
   SpellingSearch m_spellings;
   RuleTable m_rules;
+  RecordedChange* m_change = nullptr;  // While transact() runs.
 };
 
 }  // namespace Tessel::Tool

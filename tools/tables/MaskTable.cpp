@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "base/Exception.h"
-#include "database/Transaction.h"
 #include "tables/AddressKey.h"
 #include "tables/AliasGraph.h"
 #include "tables/Extension.h"
+#include "tables/History.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
@@ -138,9 +138,9 @@ std::optional<EmailAddress> MaskTable::served(MaskSide wanted, const EmailAddres
   }
 }
 
-std::vector<MaskRow> MaskTable::rows(const std::string& domain) {
+std::vector<MaskRow> MaskTable::rows(const std::string& domain, const char* lock) {
   std::vector<MaskRow> rows =
-      select(domain.empty() ? "" : " where " + domainCondition("private", domain));
+      select((domain.empty() ? "" : " where " + domainCondition("private", domain)) + lock);
   const std::string key = comparisonDomain(domain);
   std::erase_if(rows, [&](const MaskRow& row) { return !isOfDomain(row.privateText, key); });
   std::stable_sort(rows.begin(), rows.end(), [](const MaskRow& a, const MaskRow& b) {
@@ -158,7 +158,7 @@ std::optional<MaskRow> MaskTable::setOnce(const EmailAddress& privateAddress,
                                           const EmailAddress& publicAddress, bool dryRun) {
   const std::string privateIs = " where private=" + literal(privateAddress.address());
   const std::string publicText = literal(publicAddress.address());
-  Database::Transaction transaction(m_connection);
+  RecordedChange change(m_connection);
   // Locked until the write, so that what was seen still holds then. Without a change, the right to
   // read is enough.
   const char* const lock = dryRun ? "" : " for update";
@@ -188,15 +188,30 @@ std::optional<MaskRow> MaskTable::setOnce(const EmailAddress& privateAddress,
                    ? "insert into " + m_table + " ( private, public ) values( " +
                          literal(privateAddress.address()) + "," + publicText + " );"
                    : "update " + m_table + " set public=" + publicText + privateIs + ";");
-  transaction.commit();
+  RowChange row{m_table, privateAddress.address(), std::nullopt, publicAddress.address()};
+  if (before) {
+    row.name = before->privateText;
+    row.before = before->publicText;
+  }
+  change.note(std::move(row));
+  change.commit();
   return before;
 }
 
 std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
                                       const EmailAddress& publicAddress) {
+  return retryLost([&] { return forceOnce(privateAddress, publicAddress); });
+}
+
+std::vector<MaskRow> MaskTable::forceOnce(const EmailAddress& privateAddress,
+                                          const EmailAddress& publicAddress) {
   const std::string privateText = literal(privateAddress.address());
   const std::string publicText = literal(publicAddress.address());
   const std::string either = " where private=" + privateText + " or public=" + publicText;
+  RecordedChange change(m_connection);
+  std::map<std::string, std::string> before;
+  for (const MaskRow& row : select(either + " for update"))
+    before[row.privateText] = row.publicText;
   try {
     runStatement(m_connection, "insert into " + m_table + " ( private, public ) values( " +
                                    privateText + "," + publicText +
@@ -208,7 +223,15 @@ std::vector<MaskRow> MaskTable::force(const EmailAddress& privateAddress,
         "table " + m_table + " has the two addresses in two rows: " + textOf(select(either)),
         "nothing was changed; remove the row that has the public address first");
   }
-  return select(either);
+  std::vector<MaskRow> rows = select(either);
+  for (const MaskRow& row : rows) {
+    const auto former = before.find(row.privateText);
+    change.note({m_table, row.privateText,
+                 former == before.end() ? std::nullopt : std::optional(former->second),
+                 row.publicText});
+  }
+  change.commit();
+  return rows;
 }
 
 bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
@@ -218,7 +241,7 @@ bool MaskTable::remove(const EmailAddress& privateAddress, const EmailAddress& p
 
 bool MaskTable::removeOnce(const EmailAddress& privateAddress, const EmailAddress& publicAddress,
                            bool dryRun) {
-  Database::Transaction transaction(m_connection);
+  RecordedChange change(m_connection);
   const std::string key = comparisonKey(publicAddress.address());
   bool present = false;
   for (const MaskRow& row :
@@ -226,10 +249,11 @@ bool MaskTable::removeOnce(const EmailAddress& privateAddress, const EmailAddres
     if (row.publicAddress.isNull() || comparisonKey(row.publicAddress.address()) != key) continue;
     present = true;
     if (dryRun) continue;
+    change.note({m_table, row.privateText, row.publicText, std::nullopt});
     runStatement(m_connection,
                  "delete from " + m_table + " where private=" + literal(row.privateText) + ";");
   }
-  transaction.commit();
+  change.commit();
   return present;
 }
 
@@ -238,17 +262,18 @@ std::size_t MaskTable::removeDomain(const std::string& domain) {
 }
 
 std::size_t MaskTable::removeDomainOnce(const std::string& domain) {
-  Database::Transaction transaction(m_connection);
-  const std::vector<MaskRow> doomed = rows(domain);
+  RecordedChange change(m_connection);
+  const std::vector<MaskRow> doomed = rows(domain, " for update");
   for (std::size_t first = 0; first < doomed.size(); first += s_deletedPerStatement) {
     std::string keys;
     const std::size_t end = std::min(doomed.size(), first + s_deletedPerStatement);
     for (std::size_t i = first; i < end; ++i) {
+      change.note({m_table, doomed[i].privateText, doomed[i].publicText, std::nullopt});
       keys += (keys.empty() ? "" : ",") + literal(doomed[i].privateText);
     }
     runStatement(m_connection, "delete from " + m_table + " where private in( " + keys + " );");
   }
-  transaction.commit();
+  change.commit();
   return doomed.size();
 }
 

@@ -1,5 +1,5 @@
 // The rows of a mask table as the server has them, for what the library's answers leave open, and
-// the safe writes: they escape their texts and change no other row than their own.
+// the safe writes: they escape their texts, change no other row than their own, and are recorded.
 #ifndef TSL_TOOLS_TABLES_MASKTABLE_H
 #define TSL_TOOLS_TABLES_MASKTABLE_H
 
@@ -57,8 +57,8 @@ class MaskTable {
                                      const std::vector<MaskRow>& wildcards);
 
   // All rows, or those whose private address is of `domain` in any spelling where it is not empty.
-  // In the order of private addresses, rows without a readable one first.
-  std::vector<MaskRow> rows(const std::string& domain);
+  // In the order of private addresses, rows without a readable one first. `lock` as above.
+  std::vector<MaskRow> rows(const std::string& domain, const char* lock = "");
 
   // Adds the pair, or changes the public address of the row of its private one. Throws Failure,
   // `BadData`, when another row has the public address, or one of the two in another spelling, or
@@ -85,6 +85,8 @@ class MaskTable {
                   bool dryRun);
   std::size_t removeDomainOnce(const std::string& domain);
   std::vector<MaskRow> select(const std::string& condition);
+  std::vector<MaskRow> forceOnce(const EmailAddress& privateAddress,
+                                 const EmailAddress& publicAddress);
   // The first of spelled() that is not a wildcard row; none when there is none.
   std::vector<MaskRow> plain(MaskSide side, const EmailAddress& address);
 

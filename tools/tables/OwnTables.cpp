@@ -47,9 +47,10 @@ const std::vector<OwnTable>& s_ownTables() {
        {{"number", "bigint unsigned not null"},
         {"place", "int unsigned not null"},
         {"table_name", "varchar( 64 ) not null"},
-        {"name", "varchar( 255 ) not null"},
+        {"name", "varchar( 320 ) not null"},
         {"old_text", "mediumtext"},
-        {"new_text", "mediumtext"}},
+        {"new_text", "mediumtext"},
+        {"row_count", "int unsigned not null"}},
        "primary key( number, place ), key( table_name, name )"},
   };
   return s_tables;

@@ -19,11 +19,12 @@ namespace {
 
 constexpr unsigned int s_noSuchTable = 1146;
 constexpr unsigned int s_columns = 7;
+constexpr char s_unreadable[] = "unreadable";
 
 }  // namespace
 
 std::string textOf(const RuleRow& row) {
-  return "rule of " + row.name + ": " + (row.rule ? ruleText(*row.rule) : "unreadable");
+  return "rule of " + row.name + ": " + (row.rule ? ruleText(*row.rule) : s_unreadable);
 }
 
 RuleTable::RuleTable(Database::Connection& connection, std::string table)
@@ -87,12 +88,20 @@ std::vector<RuleRow> RuleTable::rows(const std::string& domain) {
 std::map<std::string, std::string> RuleTable::texts() {
   std::map<std::string, std::string> texts;
   for (const RuleRow& row : rows()) {
-    texts.emplace(comparisonKey(row.name), row.rule ? ruleText(*row.rule) : "unreadable");
+    texts.emplace(comparisonKey(row.name), row.rule ? ruleText(*row.rule) : s_unreadable);
   }
   return texts;
 }
 
-void RuleTable::set(const std::string& name, const AliasRule& rule) try {
+// The rule with the name `name` as the history has it.
+std::optional<std::string> RuleTable::textLocked(const std::string& name) {
+  const std::vector<RuleRow> rows = select(where(name) + " for update");
+  if (rows.empty()) return std::nullopt;
+  return rows.front().rule ? ruleText(*rows.front().rule) : s_unreadable;
+}
+
+void RuleTable::set(RecordedChange& change, const std::string& name, const AliasRule& rule) try {
+  change.note({s_rules, m_table + " " + name, textLocked(name), ruleText(rule)});
   const std::string expires = rule.expires ? literal(timeText(*rule.expires)) : "null";
   std::string values;
   for (const std::string& text :
@@ -111,18 +120,20 @@ void RuleTable::set(const std::string& name, const AliasRule& rule) try {
                 "run 'tsl-address-map init', which adds it");
 }
 
-bool RuleTable::remove(const std::string& name) {
-  if (select(where(name) + " for update").empty()) return false;
+bool RuleTable::remove(RecordedChange& change, const std::string& name) {
+  const std::optional<std::string> text = textLocked(name);
+  if (!text) return false;
+  change.note({s_rules, m_table + " " + name, text, std::nullopt});
   runStatement(m_connection, std::string("delete from ") + s_rules + where(name) + ";");
   return true;
 }
 
-std::size_t RuleTable::removeAll(const std::vector<std::string>& aliases) {
+std::size_t RuleTable::removeAll(RecordedChange& change, const std::vector<std::string>& aliases) {
   std::unordered_set<std::string> keys;
   for (const std::string& alias : aliases) keys.insert(comparisonKey(alias));
   std::size_t count = 0;
   for (const RuleRow& row : keys.empty() ? std::vector<RuleRow>() : rows()) {
-    if (keys.contains(comparisonKey(row.name)) && remove(row.name)) ++count;
+    if (keys.contains(comparisonKey(row.name)) && remove(change, row.name)) ++count;
   }
   return count;
 }

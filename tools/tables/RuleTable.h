@@ -10,6 +10,7 @@
 #include "address/EmailAddress.h"
 #include "database/Connection.h"
 #include "tables/AliasRule.h"
+#include "tables/History.h"
 #include "tables/SpellingSearch.h"
 
 namespace Tessel::Tool {
@@ -44,17 +45,19 @@ class RuleTable {
   // The rules of all aliases that have one, on one line each, by the comparisonKey() of the alias.
   std::map<std::string, std::string> texts();
 
-  // Adds the rule with the name `name`, or replaces it. Throws Failure where there is no table.
-  void set(const std::string& name, const AliasRule& rule);
+  // Adds the rule with the name `name`, or replaces it, as a part of `change`, which must be on the
+  // same connection. Throws Failure where there is no table.
+  void set(RecordedChange& change, const std::string& name, const AliasRule& rule);
 
-  // Removes the rule with the name `name`. False when there is none.
-  bool remove(const std::string& name);
-  // Removes the rules of `aliases`, whose rows have gone; how many there were.
-  std::size_t removeAll(const std::vector<std::string>& aliases);
+  // Removes the rule with the name `name`, likewise. False when there is none.
+  bool remove(RecordedChange& change, const std::string& name);
+  // Removes the rules of `aliases`, whose rows have gone, likewise; how many there were.
+  std::size_t removeAll(RecordedChange& change, const std::vector<std::string>& aliases);
 
  private:
   [[nodiscard]] std::string where(const std::string& name) const;
   std::vector<RuleRow> select(const std::string& condition);
+  std::optional<std::string> textLocked(const std::string& name);
   std::vector<std::string> spellingsOf(const EmailAddress& alias);
 
   Database::Connection& m_connection;
