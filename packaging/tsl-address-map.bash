@@ -5,7 +5,7 @@
 # _tsl_address_map_commands GROUP: the words that may follow; none behind a whole command.
 _tsl_address_map_commands() {
   case $1 in
-    "") echo alias answer check domain init local mask serve status table user ;;
+    "") echo alias answer check domain init leave local mask move-domain rename serve status table user ;;
     alias) echo add drop expand export import list prune remove rule set show tree who ;;
     "alias rule") echo export import list remove set show ;;
     mask) echo explain export import list private public remove set ;;
@@ -28,7 +28,8 @@ _tsl_address_map_options() {
     "domain remove") echo --dry-run --yes ;;
     "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
     "alias rule set") echo --contact --dry-run --expires --list --note --owner --writers ;;
-    "alias prune" | "alias rule remove") echo --dry-run ;;
+    leave) echo --dry-run --yes ;;
+    "alias prune" | "alias rule remove" | move-domain | rename) echo --dry-run ;;
     "alias rule import") echo --dry-run --replace ;;
     "alias rule list") echo --domain ;;
     "alias tree") echo --dot ;;

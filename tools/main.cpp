@@ -63,6 +63,7 @@ void s_addCommands(Command& top) {
   addMaskCommands(top);
   Serve::addAnswerCommand(top);
   addCheckCommand(top);
+  addMoveCommands(top);
   addTableCommands(top);
   addDomainCommands(top);
   addUserCommands(top);

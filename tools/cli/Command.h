@@ -144,6 +144,7 @@ void addUserExportCommand(Command& user);
 void addDomainImportCommand(Command& domain);
 void addDomainExportCommand(Command& domain);
 void addTableCommands(Command& top);
+void addMoveCommands(Command& top);
 void addInitCommand(Command& top);
 void addStatusCommand(Command& top);
 void addLocalCommands(Command& top);

@@ -28,7 +28,7 @@ constexpr unsigned int s_commandDenied = 1142;
 constexpr unsigned int s_noSuchTable = 1146;
 // Of one statement, unless a single row is longer.
 constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
-// Bytes of a statement beside its values.
+// Bytes of a statement without its values.
 constexpr std::size_t s_frame = 1024;
 // With more in one table, rows are packed.
 constexpr std::size_t s_mostSingleRows = 20;
