@@ -5,13 +5,14 @@
 # _tsl_address_map_commands GROUP: the words that may follow; none behind a whole command.
 _tsl_address_map_commands() {
   case $1 in
-    "") echo alias answer check domain init leave local mask move-domain rename serve status table user ;;
+    "") echo alias answer check diff domain history init leave local mask move-domain rename serve status table undo user ;;
     alias) echo add drop expand export import list prune remove rule set show tree who ;;
     "alias rule") echo export import list remove set show ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
     domain) echo add export import list merge remove ;;
     user) echo add export import list remove ;;
+    history) echo prune ;;
     local) echo shell start status stop ;;
   esac
 }
@@ -20,6 +21,9 @@ _tsl_address_map_commands() {
 _tsl_address_map_options() {
   case $1 in
     init) echo --dry-run --force ;;
+    history) echo --all-rows --by --since --until ;;
+    "history prune") echo --before --dry-run ;;
+    undo) echo --dry-run ;;
     check) echo --as-known --known ;;
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
@@ -86,7 +90,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact|since|until|by|before) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then

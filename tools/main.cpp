@@ -64,6 +64,9 @@ void s_addCommands(Command& top) {
   Serve::addAnswerCommand(top);
   addCheckCommand(top);
   addMoveCommands(top);
+  addHistoryCommand(top);
+  addDiffCommand(top);
+  addUndoCommand(top);
   addTableCommands(top);
   addDomainCommands(top);
   addUserCommands(top);

@@ -126,6 +126,8 @@ compare_with_help() {
     fi
     return
   fi
+  # A command that has others below it.
+  if (($#)) && grep -q '^Examples:' <<<"$help"; then commands=$((commands + 1)); fi
   typed "$@" ""
   offers "${words[@]}"
   for word in "${words[@]}"; do compare_with_help "$@" "$word"; done

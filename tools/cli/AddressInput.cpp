@@ -1,10 +1,17 @@
-// Addresses and domains as a person gives them.
+// Addresses, domains and times as a person gives them.
 #include "cli/AddressInput.h"
 
+#include <algorithm>
+#include <charconv>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <map>
+#include <system_error>
 
 #include "base/Exception.h"
+#include "tables/AliasRule.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -104,6 +111,27 @@ std::string parseDomain(const std::string& text) {
   } catch (const Exception& exception) {
     throw refuse(reasonOf(exception));
   }
+}
+
+std::string parsePastTime(const std::string& name, const std::string& text) {
+  using namespace std::chrono;
+  const sys_seconds now = floor<seconds>(system_clock::now());
+  if (const auto time = parseTime(text)) return timeText(*time);
+  if (text == "today") return timeText(floor<days>(now));
+  if (text == "yesterday") return timeText(floor<days>(now) - days(1));
+  const std::map<char, seconds> units{
+      {'s', seconds(1)}, {'m', minutes(1)}, {'h', hours(1)}, {'d', days(1)}, {'w', weeks(1)}};
+  std::uint32_t count = 0;
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), last, count);
+  if (error == std::errc() && end + 1 == last && units.contains(*end)) {
+    // A server has no times before the year 1000.
+    return timeText(
+        std::max(now - count * units.at(*end), sys_seconds(sys_days(year(1970) / 1 / 1))));
+  }
+  throw Failure(ExitCode::Usage, name + " '" + text + "'", "it is not a time",
+                "write it in UTC like '2026-12-31 23:59:59' or 2026-12-31, or as today, yesterday,"
+                " 30m, 2h, 3d or 1w ago");
 }
 
 void forEachText(const std::vector<std::string>& arguments,

@@ -20,6 +20,11 @@ EmailAddress parseAddress(const std::string& text, bool allowNoDomain);
 // `BadData`, when it is none or not fit.
 std::string parseDomain(const std::string& text);
 
+// The time that the argument `text` of the option or argument `name` is, as timeText() has it: such
+// a text, or a date, "today", "yesterday", and "30m", "2h", "3d" or "1w" ago. In UTC. Throws
+// Failure, `Usage`.
+std::string parsePastTime(const std::string& name, const std::string& text);
+
 // Calls `take` for each argument, and where it is "-" for each line of standard input that is not
 // blank. A Failure that `take` throws for a line gets its place. Throws Failure when standard input
 // cannot be read.

@@ -142,9 +142,11 @@ Command Command::command(const std::string& name, const std::string& description
   command.footer("Examples:\n" + examples + "\nGlobal options and exit status: '" + s_program +
                  " --help'.");
   const std::string words = m_words.empty() ? name : m_words + " " + name;
-  command.callback([chosen = m_chosen, choice = Choice{words, preparation, std::move(run)}]() {
-    *chosen = choice;
-  });
+  command.callback(
+      [&command, chosen = m_chosen, choice = Choice{words, preparation, std::move(run)}]() {
+        // A command below it was chosen before.
+        if (command.get_subcommands().empty()) *chosen = choice;
+      });
   return {command, words, *m_chosen};
 }
 

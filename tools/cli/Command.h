@@ -63,7 +63,7 @@ class Command {
 
   // Adds a group of commands, of which one must be given.
   Command group(const std::string& name, const std::string& description);
-  // Adds a command. `examples` are shown by --help.
+  // Adds a command, also to a command. `examples` are shown by --help.
   Command command(const std::string& name, const std::string& description,
                   const std::string& examples, Preparation preparation, Run run);
 
@@ -145,6 +145,9 @@ void addDomainImportCommand(Command& domain);
 void addDomainExportCommand(Command& domain);
 void addTableCommands(Command& top);
 void addMoveCommands(Command& top);
+void addHistoryCommand(Command& top);
+void addDiffCommand(Command& top);
+void addUndoCommand(Command& top);
 void addInitCommand(Command& top);
 void addStatusCommand(Command& top);
 void addLocalCommands(Command& top);

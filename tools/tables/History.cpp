@@ -128,8 +128,8 @@ void setChangeAuthor(int argc, const char* const* argv) {
   const char* const sudoUser = std::getenv("SUDO_USER");  // NOLINT(concurrency-mt-unsafe): as above
   author.sudoUser = sudoUser == nullptr ? "" : s_cut(sudoUser, s_longestName);
   author.host = s_cut(s_hostName(), s_longestName);
-  std::string command;
-  for (int i = 0; i < argc; ++i) command += (i == 0 ? "" : " ") + s_quoted(argv[i]);
+  std::string command = "tsl-address-map";
+  for (int i = 1; i < argc; ++i) command += " " + s_quoted(argv[i]);
   author.command = s_cut(command, s_longestCommand);
 }
 
