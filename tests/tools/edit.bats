@@ -13,7 +13,7 @@ setup() {
 aliases() { sql 'select concat( name, ":", members ) from alias order by name'; }
 
 # Runs the tool on a configuration of the test's own.
-cmf() { "$TSL_TOOL" --cmf "$BATS_TEST_TMPDIR/cmf" "$@"; }
+cmf() { without_database --cmf "$BATS_TEST_TMPDIR/cmf" "$@"; }
 
 make_cmf() {
   mkdir cmf

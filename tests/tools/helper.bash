@@ -22,6 +22,14 @@ stop_server() {
 # Runs the tool on the private server.
 tool() { "$TSL_TOOL" --local="$SERVER" "$@"; }
 
+# Runs the tool without a database, and leaves its warning about that out.
+without_database() {
+  local code=0
+  "$TSL_TOOL" "$@" 2>"$BATS_TEST_TMPDIR/messages" || code=$?
+  grep -v 'warning: the change is not in the history: ' "$BATS_TEST_TMPDIR/messages" >&2 || true
+  return $code
+}
+
 # Runs SQL statements, outside the tool's own code, and prints the rows without a heading.
 sql() {
   mariadb --defaults-file="$SERVER/client.cnf" --default-character-set=utf8mb4 -N \

@@ -264,6 +264,80 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   run -64 tool history prune
 }
 
+@test "tables, domains and users are recorded as begun, and then as done or failed" {
+  tool table create sales
+  tool table create sales
+  tool domain add example.com
+  tool domain add example.com
+  tool user add ann@example.com
+  tool user add ann@example.com --kind disabled
+  tool user add ann@example.com --kind disabled
+  printf 'ann@example.com\nbob@example.com\n' | tool user import -
+  tool user remove bob@example.com
+  printf 'example.net\neve@example.net\tuser\n' | tool domain import -
+  tool domain remove example.net --yes
+  tool table drop sales --kind mask --yes
+  run -0 --separate-stderr tool history
+  equal "$(cut -f 4- <<<"$output")" "$(printf '%s\t%s\n' \
+    alias_sales '+ create table alias_sales' mask_sales '+ create table mask_sales' \
+    domains '+ example.com:domain 1' users '+ ann@example.com:user' users '~ ann@example.com:user -> disabled' \
+    users '~ ann@example.com:disabled -> user' users '+ bob@example.com:user' users '- bob@example.com:user' \
+    domains '+ example.net:domain' users '+ eve@example.net:user' \
+    domains '- example.net:domain' users '- eve@example.net:user' \
+    mask_sales '- table mask_sales with 0 rows')"
+  run -65 tool undo "$(last)"
+  contains "$output" "it cannot be taken back"
+  contains "$output" "nothing was changed; it removed more than rows: import an export, or restore a backup"
+  run -65 tool undo "$(sql "select number from history_rows where name='bob@example.com' and new_text is null")"
+  contains "$output" "it changed the configuration: use 'domain add'"
+  run -0 --separate-stderr tool diff 1h
+  equal "$output" ""
+  contains "$stderr" "not compared: 10 changes of whole tables, domains, users or the history"
+  DATABASE= sql "create or replace user mail@localhost identified by 'secret';
+    grant select, insert, update on ts_address_map.* to mail@localhost;"
+  run -78 "$TSL_TOOL" --option-file "$(option_file mail secret)" table drop sales --yes
+  contains "$output" "failed: alias_sales - table alias_sales with 0 rows"
+  run -0 tool history --by mail
+  contains "$output" $'- table alias_sales with 0 rows\tfailed'
+  tool table drop sales --yes
+}
+
+@test "a change of the configuration is made without the database, with a warning" {
+  printf '[client]\nsocket="%s"\n' "$BATS_TEST_TMPDIR/none.sock" >none.cnf
+  mkdir cmf
+  run -0 --separate-stderr "$TSL_TOOL" --option-file none.cnf --cmf cmf domain add example.org
+  equal "$output" 1
+  contains "$stderr" "warning: the change is not in the history: Can't connect"
+  contains "$stderr" "change without a record by $(id -un) on $(hostname), done: domains + example.org:domain 1"
+  run -0 "$TSL_TOOL" --option-file none.cnf --cmf cmf domain list
+  equal "$output" $'example.org\t1'
+}
+
+@test "a change that was interrupted is marked" {
+  tool table create held --kind alias
+  sql 'start transaction; select count(*) from alias_held; select sleep( 60 );' >/dev/null &
+  local holder=$! i
+  for ((i = 0; i < 100; i++)); do
+    [ "$(sql "select count(*) from information_schema.processlist where info like 'select sleep( 60 )%'")" = 0 ] || break
+    sleep 0.02
+  done
+  "$TSL_TOOL" --local="$SERVER" table drop held --yes >/dev/null 2>&1 &
+  local dropping=$!
+  for ((i = 0; i < 100; i++)); do
+    [ "$(sql "select count(*) from history where outcome='begun'")" = 0 ] || break
+    sleep 0.02
+  done
+  kill -9 $dropping
+  wait $dropping || true
+  run -0 tool history --since 1h
+  contains "${lines[-1]}" $'\talias_held\t- table alias_held with 0 rows\tinterrupted, or still running'
+  run -65 tool undo "$(last)"
+  contains "$output" "it was interrupted, or has failed, or is still running"
+  sql "kill $(sql "select id from information_schema.processlist where info like 'select sleep( 60 )%'")"
+  wait $holder || true
+  sql 'drop table if exists alias_held'
+}
+
 @test "an import that is killed is there with its record, or not at all" {
   local start i rows changes milliseconds moments=4
   [ -z "${TSL_TEST_SECONDS:-}" ] || moments=20

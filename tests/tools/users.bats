@@ -10,7 +10,7 @@ setup() {
 }
 
 # Runs the tool on a configuration of the test's own; these commands need no server.
-cmf() { "$TSL_TOOL" --cmf "$CMF" "$@"; }
+cmf() { without_database --cmf "$CMF" "$@"; }
 # The same, with the server.
 db() { tool --cmf "$CMF" "$@"; }
 
@@ -204,7 +204,7 @@ xn--bro-hoa.example
 "$'ju\xcc\x88rg@xn--bro-hoa.example\tuser
 room@xn--bro-hoa.example\tshared'
   mkdir new
-  restored() { "$TSL_TOOL" --cmf new "$@"; }
+  restored() { without_database --cmf new "$@"; }
   run -0 --separate-stderr restored domain import file --dry-run
   equal "${lines[0]}" "+ Example.com"
   equal "${lines[5]}" "+ o'brien@Example.com	disabled"
@@ -283,7 +283,7 @@ fill_spellings() {
   cmf domain export file
   equal "$(<file)" $'bÜro.example\nann@bÜro.example\tuser\nbüro.example\nann@büro.example\tuser'
   mkdir new
-  run -0 --separate-stderr "$TSL_TOOL" --cmf new domain import file
+  run -0 --separate-stderr without_database --cmf new domain import file
   equal "$output" "1 domains added; users: 1 added, 0 changed, 1 unchanged"
   equal "$stderr" "tsl-address-map: domain bÜro.example is stored as xn--bro-hoa.example"
   cmf domain merge büro.example

@@ -2,12 +2,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/Intent.h"
 #include "cmf/ApsGwServerCache.h"
 #include "cmf/Writer.h"
 #include "database/Connection.h"
@@ -17,6 +19,7 @@
 #include "tables/DomainMerge.h"
 #include "tables/MailUsers.h"
 #include "tables/TableNames.h"
+#include "tables/UserNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Say.h"
 
@@ -44,7 +47,14 @@ CMF::Writer::Domain s_write(const std::string& domain) {
   return withConfiguration([&] {
     CMF::Writer writer;
     const CMF::Writer::Domain added = writer.addDomain(domain);
+    std::vector<RowChange> changes;
+    if (added.added) {
+      changes.push_back(
+          {s_domainsName, domain, std::nullopt, "domain " + std::to_string(added.id)});
+    }
+    Intent intent(std::move(changes), Intent::Without::Warn);
     writer.commit();
+    intent.done();
     return added;
   });
 }
@@ -120,6 +130,15 @@ bool s_mayRemove(const std::string& domain, const std::string& contents) {
                 "nothing was changed; look at them with --dry-run, and give --yes to remove them");
 }
 
+// The record of removing `domain` with its mail users.
+std::vector<RowChange> s_removal(const std::string& domain, const std::vector<StoredUser>& users) {
+  std::vector<RowChange> changes{{s_domainsName, domain, "domain", std::nullopt}};
+  for (const StoredUser& user : users) {
+    changes.push_back({s_usersName, user.address(), userKindText(user.kind), std::nullopt});
+  }
+  return changes;
+}
+
 ExitCode s_remove(Session& session, const DomainArguments& arguments) {
   const std::string domain = parseDomain(arguments.domain);
   // Checked first: a writer would create a missing configuration.
@@ -127,10 +146,10 @@ ExitCode s_remove(Session& session, const DomainArguments& arguments) {
   users.require();
   const std::string name = s_meant(domain, users);
   bool removed = !name.empty();
-  std::vector<std::string> gone;
+  std::vector<StoredUser> gone;
   for (const auto& found : users.usersOf(name)) {
     for (const StoredUser& user : found) {
-      if (user.domain == name) gone.push_back(user.address());
+      if (user.domain == name) gone.push_back(user);
     }
   }
   if (removed && !arguments.yes) {
@@ -143,13 +162,15 @@ ExitCode s_remove(Session& session, const DomainArguments& arguments) {
     }
   }
   if (arguments.dryRun && !session.isJson()) {
-    for (const std::string& user : gone) session.output().line("- " + printable(user));
+    for (const StoredUser& user : gone) session.output().line("- " + printable(user.address()));
   }
   if (removed && !arguments.dryRun) {
     removed = withConfiguration([&] {
       CMF::Writer writer;
       const bool present = writer.removeDomain(name);
+      Intent intent(s_removal(name, gone), Intent::Without::Warn);
       writer.commit();
+      intent.done();
       return present;
     });
   }
@@ -171,7 +192,16 @@ ExitCode s_merge(Session& session, const DomainArguments& arguments) {
     return ExitCode::NotFound;
   }
   const DomainMerge merge(domain, users);
-  if (!arguments.dryRun) withConfiguration([&] { merge.write(); });
+  if (!arguments.dryRun) {
+    std::vector<RowChange> changes;
+    for (const std::string& one : merge.gone()) {
+      changes.push_back({s_domainsName, one, "domain", std::nullopt});
+      changes.push_back({s_domainsName, merge.name(), std::nullopt, "users of " + one});
+    }
+    Intent intent(std::move(changes), Intent::Without::Warn);
+    withConfiguration([&] { merge.write(); });
+    intent.done();
+  }
   if (merge.gone().empty()) say("domain " + merge.name() + " is stored in one spelling only");
   answerChange(session,
                Json{{"domain", merge.name()}, {"merged", merge.gone()}, {"users", merge.users()}},

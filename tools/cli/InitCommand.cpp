@@ -8,6 +8,7 @@
 #include "AddressMapDb.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/Intent.h"
 #include "database/Connection.h"
 #include "tables/Schema.h"
 #include "tables/TableNames.h"
@@ -53,10 +54,39 @@ void s_refuseUnfitting(const Schema& schema) {
                 " correct them with an SQL client");
 }
 
+std::vector<RowChange> s_stepsOf(const Schema& schema) {
+  std::vector<RowChange> changes;
+  for (const SchemaStep step : schema.missing) {
+    changes.push_back({tableOf(step), "", std::nullopt, textOf(step)});
+  }
+  for (const OwnStep& step : schema.offered) {
+    changes.push_back({step.table, "", std::nullopt, step.text});
+  }
+  return changes;
+}
+
+// Carries out what is missing.
+void s_complete(const Session& session, Database::Connection& connection, const Schema& schema) {
+  // First, as the record needs them. They hold nothing yet.
+  for (const OwnStep& step : schema.offered) {
+    runStatement(connection, step.statement);
+    session.detail("done: " + step.text);
+  }
+  Intent intent(s_stepsOf(schema), Intent::Without::Warn);
+  for (const SchemaStep step : schema.missing) {
+    carryOut(connection, step);
+    session.detail("done: " + textOf(step));
+  }
+  intent.done();
+}
+
 ExitCode s_force(Session& session) {
   say("warning: --force: database " + std::string(s_database) +
       " is dropped with all its tables if anything goes wrong");
+  Intent intent({{s_database, "", std::nullopt, "prepare the database by force"}},
+                Intent::Without::Warn);
   AddressMapDb::initialize(AddressMapDb::MySQL, false);
+  intent.done();
   s_answer(session, false, {"prepared the database by force"});
   return ExitCode::Done;
 }
@@ -75,18 +105,8 @@ ExitCode s_init(Session& session, const InitArguments& arguments) {
   }
   s_refuseUnfitting(schema);
   std::vector<std::string> changes;
-  for (const SchemaStep step : schema.missing) {
-    changes.push_back(textOf(step));
-    if (dryRun) continue;
-    carryOut(connection, step);
-    session.detail("done: " + textOf(step));
-  }
-  for (const OwnStep& step : schema.offered) {
-    changes.push_back(step.text);
-    if (dryRun) continue;
-    runStatement(connection, step.statement);
-    session.detail("done: " + step.text);
-  }
+  for (const RowChange& step : s_stepsOf(schema)) changes.push_back(*step.after);
+  if (!dryRun) s_complete(session, connection, schema);
   s_answer(session, false, changes, dryRun);
   return ExitCode::Done;
 }

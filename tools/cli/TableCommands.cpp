@@ -6,6 +6,7 @@
 
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/Intent.h"
 #include "database/Connection.h"
 #include "database/QueryTableNames.h"
 #include "map/AddressMapMySQL.h"
@@ -66,7 +67,11 @@ ExitCode s_runCreate(Session& session, const TableArguments& arguments) {
       say("table " + table + " exists already");
       continue;
     }
-    if (!arguments.dryRun) s_create(connection, kind, table);
+    if (!arguments.dryRun) {
+      Intent intent({creationOf(table)}, Intent::Without::Fail);
+      s_create(connection, kind, table);
+      intent.done();
+    }
     created.push_back(table);
     if (arguments.dryRun && !session.isJson()) session.output().line("+ " + table);
     if (!arguments.dryRun) session.detail("created table " + table);
@@ -124,7 +129,11 @@ ExitCode s_runDrop(Session& session, const TableArguments& arguments) {
   }
   Json dropped = Json::array();
   for (const Doomed& table : doomed) {
-    if (!arguments.dryRun) runStatement(connection, "drop table " + quotedName(table.table) + ";");
+    if (!arguments.dryRun) {
+      Intent intent({dropOf(table.table, table.rows)}, Intent::Without::Fail);
+      runStatement(connection, "drop table " + quotedName(table.table) + ";");
+      intent.done();
+    }
     dropped.push_back(Json{{"table", table.table}, {"rows", table.rows}});
     if (session.isJson()) continue;
     session.output().line("- " + table.table + " (" + std::to_string(table.rows) + " rows)");

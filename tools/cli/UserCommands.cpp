@@ -10,6 +10,7 @@
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/Intent.h"
 #include "cmf/MailUser.h"
 #include "cmf/TableQuery.h"
 #include "cmf/Writer.h"
@@ -99,7 +100,17 @@ ExitCode s_add(Session& session, const UserArguments& arguments) {
       if (one != CMF::Writer::UserResult::Unchanged) done = one;
     }
     // What is not committed has no effect.
-    if (!arguments.dryRun) writer.commit();
+    if (arguments.dryRun) return done;
+    std::vector<RowChange> changes;
+    for (const StoredUser& user : written) {
+      const auto before =
+          user.kind == s_noKind ? std::nullopt : std::optional(userKindText(user.kind));
+      const std::string after = userKindText(static_cast<std::int32_t>(kind));
+      if (before != after) changes.push_back({s_usersName, user.address(), before, after});
+    }
+    Intent intent(std::move(changes), Intent::Without::Warn);
+    writer.commit();
+    intent.done();
     return done;
   });
   const std::string text = userResultText(result);
@@ -184,8 +195,14 @@ ExitCode s_remove(Session& session, const UserArguments& arguments) {
   if (!found.empty() && !arguments.dryRun) {
     withConfiguration([&] {
       CMF::Writer writer;
-      for (const StoredUser& user : found) writer.removeUser(user.domain, user.name);
+      std::vector<RowChange> changes;
+      for (const StoredUser& user : found) {
+        writer.removeUser(user.domain, user.name);
+        changes.push_back({s_usersName, user.address(), userKindText(user.kind), std::nullopt});
+      }
+      Intent intent(std::move(changes), Intent::Without::Warn);
       writer.commit();
+      intent.done();
     });
   }
   const bool removed = !found.empty();

@@ -9,6 +9,7 @@
 #include "base/Exception.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/Intent.h"
 #include "cli/UserFile.h"
 #include "cmf/Writer.h"
 #include "tables/Configuration.h"
@@ -68,6 +69,19 @@ Plan s_plan(const UserFile& file, MailUsers& stored, Progress& progress) {
   return plan;
 }
 
+std::vector<RowChange> s_recordOf(const Plan& plan) {
+  std::vector<RowChange> changes;
+  for (const std::string& domain : plan.domains) {
+    changes.push_back({s_domainsName, domain, std::nullopt, "domain"});
+  }
+  for (const auto& [user, former] : plan.changes) {
+    changes.push_back({s_usersName, user.address(),
+                       former ? std::optional(userKindText(*former)) : std::nullopt,
+                       userKindText(user.kind)});
+  }
+  return changes;
+}
+
 // Compares and writes in one transaction. A dry run writes nothing.
 Plan s_carryOut(const UserFile& file, MailUsers& stored, bool dryRun, Progress& progress) {
   if (dryRun || file.domains().empty()) return s_plan(file, stored, progress);
@@ -81,7 +95,9 @@ Plan s_carryOut(const UserFile& file, MailUsers& stored, bool dryRun, Progress& 
       writer.addUser(user.domain, user.name, static_cast<CMF::MailUserKind>(user.kind));
       progress.add(1);
     }
+    Intent intent(s_recordOf(plan), Intent::Without::Warn);
     writer.commit();
+    intent.done();
     return plan;
   });
 }

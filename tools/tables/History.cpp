@@ -137,6 +137,14 @@ std::string userText(const std::string& user, const std::string& sudoUser) {
   return sudoUser.empty() ? user : sudoUser + " as " + user;
 }
 
+RowChange creationOf(const std::string& table) {
+  return {table, "", std::nullopt, "create table " + table};
+}
+
+RowChange dropOf(const std::string& table, std::uint64_t rows) {
+  return {table, "", "table " + table + " with " + std::to_string(rows) + " rows", std::nullopt};
+}
+
 std::string textOf(const RowChange& change) {
   if (!change.before) return "+ " + s_line(change.name, change.after.value_or(""));
   if (!change.after) return "- " + s_line(change.name, *change.before);
@@ -307,7 +315,7 @@ void RecordedChange::writeHead() {
   m_packet = std::strtoull(row[1].c_str(), nullptr, 10);
 }
 
-void setOutcome(Database::Connection& connection, std::uint64_t number, const char* outcome) {
+void setOutcome(Database::Connection& connection, std::uint64_t number, std::string_view outcome) {
   runStatement(connection, std::string("update ") + s_history + " set outcome=" + literal(outcome) +
                                " where number=" + std::to_string(number) + ";");
 }

@@ -44,6 +44,10 @@ struct RowChange {
   std::optional<std::string> after;
 };
 
+// The creation of the SQL table `table`, and the end of one with so many rows.
+RowChange creationOf(const std::string& table);
+RowChange dropOf(const std::string& table, std::uint64_t rows);
+
 // The change as --dry-run shows changes: "+ KEY:TEXT", "- KEY:TEXT", "~ KEY:OLD -> NEW".
 std::string textOf(const RowChange& change);
 
@@ -108,7 +112,7 @@ class RecordedChange {
 };
 
 // Notes how the change `number`, which was begun, has ended. Throws Exception.
-void setOutcome(Database::Connection& connection, std::uint64_t number, const char* outcome);
+void setOutcome(Database::Connection& connection, std::uint64_t number, std::string_view outcome);
 
 }  // namespace Tessel::Tool
 

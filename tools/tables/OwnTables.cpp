@@ -71,7 +71,7 @@ std::vector<OwnStep> missingOwnTables(Database::Connection& connection,
   std::vector<OwnStep> steps;
   for (const OwnTable& table : s_ownTables()) {
     if (!present.contains(table.name)) {
-      steps.push_back({std::string("create table ") + table.name, s_creation(table)});
+      steps.push_back({table.name, std::string("create table ") + table.name, s_creation(table)});
       continue;
     }
     const Database::QueryDescribeTable description(connection, table.name);
@@ -80,7 +80,8 @@ std::vector<OwnStep> missingOwnTables(Database::Connection& connection,
           description.fields().begin(), description.fields().end(),
           [&column](const Database::Field& field) { return field.name == column.name; });
       if (isPresent) continue;
-      steps.push_back({std::string("add the column ") + column.name + " to table " + table.name,
+      steps.push_back({table.name,
+                       std::string("add the column ") + column.name + " to table " + table.name,
                        std::string("alter table ") + table.name + " add " + column.name + " " +
                            column.definition + ";"});
     }

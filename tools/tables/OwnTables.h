@@ -21,6 +21,7 @@ inline constexpr char s_historyRows[] = "history_rows";
 // One thing that is missing in the selected database. It works without, as one that an older tool
 // has prepared.
 struct OwnStep {
+  std::string table;
   std::string text;  // For people: "create table rules".
   std::string statement;
 };

@@ -10,6 +10,7 @@
 #include "database/QueryTableNames.h"
 #include "failure/Failure.h"
 #include "map/AddressMapMySQL.h"
+#include "tables/History.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
 
@@ -170,6 +171,9 @@ void createDatabase(Database::Connection& connection) {
   for (const OwnStep& step : missingOwnTables(connection, {})) {
     runStatement(connection, step.statement);
   }
+  RecordedChange change(connection);
+  for (const std::string& table : {s_mask, s_alias}) change.note(creationOf(table));
+  change.commit();
 }
 
 void carryOut(Database::Connection& connection, SchemaStep step) {
@@ -202,9 +206,13 @@ std::string textOf(SchemaStep step, const std::string& table) {
   return "";
 }
 
-std::string textOf(SchemaStep step) {
+const std::string& tableOf(SchemaStep step) {
   const bool isMask = step == SchemaStep::CreateMask || step == SchemaStep::AddPublicIndex;
-  return textOf(step, isMask ? s_mask : s_alias);
+  return isMask ? s_mask : s_alias;
+}
+
+std::string textOf(SchemaStep step) {
+  return textOf(step, tableOf(step));
 }
 
 std::string summaryOf(const Schema& schema) {

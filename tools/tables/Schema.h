@@ -52,13 +52,16 @@ Schema lookAtSchema(Database::Connection& connection);
 Schema lookAtTable(Database::Connection& connection, const std::string& table, bool isMask);
 
 // Creates the database with its base tables, as the library prepares one, and the tables of this
-// tool, and selects it. Drops
-// nothing when it fails, so that lookAtSchema() finds what is missing. Throws Exception.
+// tool, selects it, and records
+// that. Drops nothing when it fails, so that lookAtSchema() finds what is missing. Throws
+// Exception.
 void createDatabase(Database::Connection& connection);
 
 // Carries out one step on the selected database. Throws Exception; only this step is missing then.
 void carryOut(Database::Connection& connection, SchemaStep step);
 
+// The base table that the step is about.
+const std::string& tableOf(SchemaStep step);
 // What the step does, in words; for another table than the base table of its kind with its name.
 std::string textOf(SchemaStep step);
 std::string textOf(SchemaStep step, const std::string& table);
