@@ -300,7 +300,7 @@ constexpr std::string_view s_scenarios = R"(
 30   | rule u1@d 25              | alias u1@d   | NOTFOUND | -
 
 == of a few rules the last one may be removed, of ten not all | 1h
-0    | rows 1; rule u1@d 1       | alias u1@d   | NOTFOUND | -
+0    | rows 1; rule u1@d -5      | alias u1@d   | NOTFOUND | -
 10   | delete from rules         | alias u1@d   | OK x@d   | -
 20   | rule u0@d 1; rule u2@d 1; rule u3@d 1; rule u4@d 1; rule u5@d 1; rule u6@d 1; rule u7@d 1; rule u8@d 1; rule u9@d 1; rule u10@d 1 | alias u1@d | OK x@d | -
 30   | delete from rules         | alias u1@d   | TEMP the rules of aliases: the table has lost all its rows | rules: the table has lost all its rows (last known to be right 10 s ago)
