@@ -211,3 +211,14 @@ END
   run -0 tool alias remove team@example.com
   sql 'rename table kept to rules'
 }
+
+@test "changes of rules are undone like others" {
+  rule set team@example.com --writers members
+  rule set team@example.com --owner ann@example.com
+  tool undo "$(tool history | tail -1 | cut -f1)" >/dev/null
+  equal "$(rule show team@example.com)" "writers=members"
+  tool alias remove team@example.com
+  run -0 tool undo "$(tool history | tail -1 | cut -f1)"
+  equal "$(rule show team@example.com)" "writers=members"
+  equal "$(tool alias show team@example.com 2>/dev/null)" $'ann@example.com\nbob@example.com'
+}
