@@ -123,7 +123,9 @@ void AddressMove::moveRules() {
       const bool isSame = moved.after && moved.after->name == row.name &&
                           ruleText(*moved.after->rule) == ruleText(*row.rule);
       if (isSame) continue;
-      const auto named = [&table](const std::string& name) { return table + " " + name; };
+      const auto named = [&table](const std::string& name) {
+        return std::string(table).append(" ").append(name);
+      };
       const std::string before = ruleText(*row.rule);
       const std::string after = moved.after ? ruleText(*moved.after->rule) : "";
       if (moved.after && moved.after->name == row.name) {
