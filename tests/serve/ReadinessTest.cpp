@@ -56,6 +56,24 @@ TEST_F(ReadinessTest, SaysHowOldRowsAreThatAreTooOld) {
   EXPECT_EQ(m_readiness.whyNot(m_now - seconds(1)), "");
 }
 
+TEST_F(ReadinessTest, PoliciesNeedRules) {
+  m_readiness.report(m_now);
+  m_tables.setNames({"alias"});
+  m_readiness.report(m_now);
+  EXPECT_EQ(m_readiness.whyNot(m_now), "");
+  m_tables.setRulesNeeded();
+  for (int i = 0; i < 2; ++i) m_readiness.report(m_now);
+  EXPECT_EQ(m_readiness.whyNot(m_now), "there is no table rules that the SQL user may read");
+  EXPECT_EQ(reported(),
+            "tsl-address-map: error: there is no table rules that the SQL user may read, so"
+            " policies have the mail for aliases wait (DEFER_IF_PERMIT): run 'tsl-address-map"
+            " init', and grant the SQL user the right to select\n");
+  publishRows(*m_tables.add("rules"), {}, m_now);
+  m_readiness.report(m_now);
+  EXPECT_EQ(m_readiness.whyNot(m_now), "");
+  EXPECT_EQ(reported(), "tsl-address-map: warning: there is a table rules now\n");
+}
+
 TEST_F(ReadinessTest, CoversTheConfigurationWhenItIsNeeded) {
   EXPECT_EQ(m_readiness.whyNot(m_now), "");
   Configuration& configuration = m_tables.configuration();

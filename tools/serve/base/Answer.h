@@ -10,8 +10,9 @@
 namespace Tessel::Serve {
 
 // In the order of the names in `s_resultNames`.
-enum class Result : std::size_t { Ok, NotFound, Temp, Perm };
-inline constexpr std::size_t s_results = 4;
+// `Refused` is of policies only: the mail is not wanted.
+enum class Result : std::size_t { Ok, NotFound, Temp, Perm, Refused };
+inline constexpr std::size_t s_results = 5;
 
 // How long an answer may be given again.
 enum class Validity {
@@ -35,10 +36,11 @@ struct Answer {
   static Answer temp(std::string why) { return {Result::Temp, std::move(why), Validity::Once}; }
   static Answer perm(std::string why) { return {Result::Perm, std::move(why), Validity::Image}; }
 
-  // What goes to the mail server. A blank follows the word even when nothing follows the blank: the
-  // protocol requires it.
+  // What goes to the mail server that has asked for a map. A blank follows the word even when
+  // nothing follows the blank: the protocol requires it.
   [[nodiscard]] std::string reply() const {
-    static constexpr std::string_view s_words[s_results] = {"OK ", "NOTFOUND ", "TEMP ", "PERM "};
+    static constexpr std::string_view s_words[s_results] = {"OK ", "NOTFOUND ", "TEMP ", "PERM ",
+                                                            ""};
     std::string reply(s_words[static_cast<std::size_t>(result)]);
     return reply += data;
   }

@@ -11,7 +11,7 @@ namespace Tessel::Serve {
 
 namespace {
 
-constexpr const char* s_resultNames[s_results] = {"ok", "notfound", "temp", "perm"};
+constexpr const char* s_resultNames[s_results] = {"ok", "notfound", "temp", "perm", "refused"};
 
 double s_seconds(Clock::duration duration) {
   return std::chrono::duration<double>(duration).count();

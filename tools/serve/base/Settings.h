@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "serve/base/ListenAddress.h"
+#include "serve/base/Network.h"
 
 namespace Tessel::Serve {
 
@@ -45,6 +46,9 @@ struct Settings {
   std::string delimiter = "+";
   bool localNames = false;        // Members without a domain are given.
   bool leaveOutDisabled = false;  // Disabled users get no mail through aliases and masks.
+  std::string loginDomain;        // Of logins without one; empty for none.
+  std::vector<Network> trust;  // Who comes from there counts as logged in, as nobody in particular.
+  std::string policyText = "only some people may write to {address}";
   unsigned int workers = 1;
   std::size_t maxConnections = 10000;
   std::chrono::milliseconds idleTimeout = 1h;

@@ -169,7 +169,12 @@ bool AliasImage::reachesBroken(const std::set<EmailAddress>& reached) const {
 }
 
 bool AliasImage::isAlias(std::string_view key) const {
-  return m_keys.find(key) != AddressIndex::s_none || m_brokenRows.hasKey(std::string(key));
+  return m_keys.find(key) != AddressIndex::s_none || m_brokenRows.hasKey(key);
+}
+
+std::optional<std::string_view> AliasImage::membersText(std::string_view key) const {
+  const RowStore::Id row = m_keys.find(key);
+  return row == AddressIndex::s_none ? std::nullopt : std::optional(m_rows.second(row));
 }
 
 std::vector<std::string> AliasImage::loop(std::string_view key) const {

@@ -3,6 +3,7 @@
 #define TSL_TOOLS_SERVE_IMAGE_ALIASIMAGE_H
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -64,6 +65,10 @@ class AliasImage {
 
   // True when the address with `key` is an alias, also one whose row cannot be read.
   [[nodiscard]] bool isAlias(std::string_view key) const;
+
+  // The members of the alias with `key` as the table has them; nothing when they cannot be read.
+  // Requires: isAlias().
+  [[nodiscard]] std::optional<std::string_view> membersText(std::string_view key) const;
 
   // An alias loop that the alias with `key` leads into, its first address also at the end; empty
   // when there is none.

@@ -158,6 +158,11 @@ bool ConfigurationImage::hasUser(std::string_view key) const {
   return user != AddressIndex::s_none && m_kinds[user] != s_disabled;
 }
 
+bool ConfigurationImage::hasMailbox(std::string_view key) const {
+  const Id user = m_users.find(key);
+  return user != AddressIndex::s_none && m_kinds[user] == s_mailbox;
+}
+
 bool ConfigurationImage::isDisabled(std::string_view key) const {
   const Id user = m_users.find(key);
   return user != AddressIndex::s_none && m_kinds[user] == s_disabled;

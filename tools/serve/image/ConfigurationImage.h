@@ -42,6 +42,8 @@ class ConfigurationImage {
 
   // True when the address with `key` is a mail user that is not disabled.
   [[nodiscard]] bool hasUser(std::string_view key) const;
+  // True when the address with `key` is a user mailbox, neither shared nor disabled.
+  [[nodiscard]] bool hasMailbox(std::string_view key) const;
   // True when the address with `key` is a mail user that is disabled.
   [[nodiscard]] bool isDisabled(std::string_view key) const;
   [[nodiscard]] bool hasDisabled() const noexcept { return m_hasDisabled; }

@@ -15,6 +15,8 @@ const std::vector<std::string> s_nothing;
 
 constexpr const char* s_configuration = "the configuration of domains and mail users";
 
+constexpr const char* s_noRules = "there is no table rules that the SQL user may read";
+
 void s_append(std::string& why, const std::string& what) {
   why += (why.empty() ? "" : "; ") + what;
 }
@@ -54,6 +56,7 @@ std::string Readiness::whyNot(Clock::time_point now) const {
     if (m_tables.isRemoved(table)) continue;
     s_append(why, table + ": mail servers ask for it, and it is not served");
   }
+  if (m_tables.lacksRules()) s_append(why, s_noRules);
   const Configuration& configuration = m_tables.configuration();
   if (!configuration.isNeeded()) return why;
   const std::optional<Clock::duration> age = configuration.age(now);
@@ -77,6 +80,20 @@ void Readiness::report(Clock::time_point now) {
   if (!m_tables.names()) return;
   reportAbsent();
   reportUnknown(now);
+  reportRules();
+}
+
+void Readiness::reportRules() {
+  const bool lacksRules = m_tables.lacksRules();
+  if (lacksRules == m_lacksRules) return;
+  m_lacksRules = lacksRules;
+  if (lacksRules) {
+    m_log.error(std::string(s_noRules) +
+                ", so policies have the mail for aliases wait (DEFER_IF_PERMIT): run"
+                " 'tsl-address-map init', and grant the SQL user the right to select");
+  } else {
+    m_log.warning("there is a table rules now");
+  }
 }
 
 std::vector<std::string> Readiness::absent() const {

@@ -33,6 +33,7 @@ class Readiness {
   void reportOne(const std::string& what, bool isOld, Clock::duration age);
   void reportAbsent();
   void reportUnknown(Clock::time_point now);
+  void reportRules();
 
   const Settings& m_settings;
   const Tables& m_tables;
@@ -41,6 +42,7 @@ class Readiness {
   std::set<std::string> m_old;
   std::set<std::string> m_absent;
   std::set<std::string> m_unknown;
+  bool m_lacksRules = false;
 };
 
 }  // namespace Tessel::Serve

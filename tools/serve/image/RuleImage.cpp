@@ -60,6 +60,7 @@ void RuleImage::take(std::string_view name, std::string_view text) {
     m_brokenRows.add(name, text, "bad rule: it cannot be read", key);
   } else if (m_keys.add(key).isNew) {
     m_rows.add(name, text);
+    m_isOpen = m_isOpen && rule->writers == Tool::Writers::Anyone;
     m_expires.push_back(rule->expires.value_or(s_never));
   } else {
     m_brokenRows.add(name, text, "another rule is of the same address", "");

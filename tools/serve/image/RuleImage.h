@@ -38,6 +38,8 @@ class RuleImage {
   // That of the alias with `key` of the table `sqlName` at `now`.
   [[nodiscard]] Presence presence(std::string_view sqlName, std::string_view key,
                                   std::chrono::sys_seconds now) const;
+  // True when everybody may write to every alias.
+  [[nodiscard]] bool isOpen() const { return m_isOpen && !m_brokenRows.hasKeys(); }
   // False when every alias is there for ever.
   [[nodiscard]] bool hasExpiries() const { return !m_expiries.empty() || m_brokenRows.hasKeys(); }
   // How many rules have expired by `now`, and when the next one does, if one will.
@@ -70,6 +72,7 @@ class RuleImage {
   RowStore m_rows;
   Tool::AddressIndex m_keys;  // The number of a key is that of its row.
   BrokenRows m_brokenRows;
+  bool m_isOpen = true;                              // Of the rules that can be read.
   std::vector<std::chrono::sys_seconds> m_expires;   // By the number of the row; `max`: never.
   std::vector<std::chrono::sys_seconds> m_expiries;  // Of all rows, in ascending order.
 };

@@ -168,6 +168,10 @@ bool Tables::isRemoved(const std::string& sqlName) const {
   return m_removed.with([&](const auto& removed) { return removed.count(sqlName) != 0; });
 }
 
+bool Tables::lacksRules() const {
+  return m_areRulesNeeded && names() && find(Tool::s_rules) == nullptr;
+}
+
 void Tables::setNames(std::set<std::string> names) {
   m_names.with([&](auto& known) { known = std::move(names); });
 }

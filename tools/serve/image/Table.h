@@ -151,6 +151,11 @@ class Tables {
   // All of them, in the order of their names.
   [[nodiscard]] std::vector<TablePointer> all() const;
 
+  // Policies are asked for, which need the table of rules.
+  void setRulesNeeded() { m_areRulesNeeded = true; }
+  // Policies are asked for, and the database has no table of rules, or none that may be read.
+  [[nodiscard]] bool lacksRules() const;
+
   // The database has the tables `names`, by their SQL names, whether they are served or not.
   void setNames(std::set<std::string> names);
   // Those names; nothing while the database was not asked yet.
@@ -181,6 +186,7 @@ class Tables {
   Configuration m_configuration;
   Guarded<std::map<std::string, TablePointer, std::less<>>> m_tables;
   std::atomic<std::uint64_t> m_changes = 1;
+  std::atomic<bool> m_areRulesNeeded = false;
   Guarded<std::set<std::string>> m_removed;
   Guarded<std::optional<std::set<std::string>>> m_names;
   Guarded<std::map<std::string, Clock::time_point>> m_unknown;  // When they were asked for last.
