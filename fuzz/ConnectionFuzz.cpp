@@ -41,6 +41,7 @@ using Tessel::Serve::Metrics;
 using Tessel::Serve::NetstringFrame;
 using Tessel::Serve::parseNetstring;
 using Tessel::Serve::Peer;
+using Tessel::Serve::Protocol;
 using Tessel::Serve::Settings;
 using Tessel::Serve::TableImage;
 using Tessel::Serve::Tables;
@@ -117,7 +118,9 @@ class Connection {
     const int little = 1;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &little, sizeof(little));
     m_client = std::make_unique<Descriptor>(ends[1]);
-    m_peer = std::make_unique<Peer>(ends[0], isLineProtocol, m_shared, [this] { ++m_closed; });
+    m_peer =
+        std::make_unique<Peer>(ends[0], isLineProtocol ? Protocol::Lines : Protocol::Netstrings,
+                               m_shared, [this] { ++m_closed; });
     m_peer->start();
     require(m_peer->isOpen(), "a connection begins");
   }

@@ -44,8 +44,8 @@ _tsl_address_map_options() {
     "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;
     serve)
       echo --check-config --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
-        --log-level --max-connections --max-lag --max-memory --max-reply --max-request --metrics --only --page --refresh \
-        --request-timeout --snapshot --stale --workers
+        --log-level --login-domain --max-connections --max-lag --max-memory --max-reply --max-request --metrics --only --page \
+        --policy-text --refresh --request-timeout --snapshot --stale --trust --workers
       ;;
     "local start") echo --nodes ;;
     "table create") echo --dry-run --kind ;;

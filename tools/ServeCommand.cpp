@@ -16,6 +16,7 @@
 #include "serve/base/MemoryBudget.h"
 #include "serve/base/Settings.h"
 #include "serve/base/SettingsText.h"
+#include "tables/AddressKey.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Serve {
@@ -43,6 +44,9 @@ struct Arguments {
   std::string snapshot;
   std::string extension = extensionRuleText(s_default.extension);
   std::string delimiter = s_default.delimiter;
+  std::string loginDomain;
+  std::vector<std::string> trust;
+  std::string policyText = s_default.policyText;
   std::string maxReply = std::to_string(s_default.maxReply);
   std::string page = std::to_string(s_default.page);
   std::string maxRequest = std::to_string(s_default.maxRequest);
@@ -84,6 +88,25 @@ void s_checkDelimiter(const std::string& delimiter) {
                 "give the value of the mail server's recipient_delimiter, as in --delimiter +");
 }
 
+void s_checkPolicyText(const std::string& text) {
+  const bool isPrintable =
+      std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+  // A reply of a mail server is a line of 512 bytes, and says more than that.
+  constexpr std::size_t longest = 200;
+  if (isPrintable && !text.empty() && text.size() <= longest) return;
+  throw Failure(ExitCode::Usage, "--policy-text",
+                "it must be one line of at most " + std::to_string(longest) +
+                    " printable characters of ASCII",
+                "as in --policy-text 'only members may write to {address}'");
+}
+
+std::string s_loginDomain(const std::string& domain) {
+  std::string key;
+  if (domain.empty() || Tool::domainKey(domain, key)) return domain;
+  throw Failure(ExitCode::Usage, "--login-domain", "'" + domain + "' is not a domain",
+                "give the domain of logins without one, as in --login-domain example.com");
+}
+
 Settings s_settings(const Arguments& arguments) {
   const auto limit = [](const char* option, const std::string& text, std::size_t least,
                         std::size_t most) {
@@ -110,6 +133,12 @@ Settings s_settings(const Arguments& arguments) {
   settings.delimiter = arguments.delimiter;
   settings.localNames = arguments.localNames;
   settings.leaveOutDisabled = arguments.leaveOutDisabled;
+  settings.loginDomain = s_loginDomain(arguments.loginDomain);
+  for (const std::string& network : arguments.trust) {
+    settings.trust.push_back(parseNetwork("--trust", network));
+  }
+  s_checkPolicyText(arguments.policyText);
+  settings.policyText = arguments.policyText;
   settings.maxReply = limit("--max-reply", arguments.maxReply, 1024, 100000000);
   settings.page = limit("--page", arguments.page, 2, 1000000);
   settings.maxRequest = limit("--max-request", arguments.maxRequest, 1024, 100000000);
@@ -157,17 +186,21 @@ void addServeCommand(Tool::Command& top) {
       "  tsl-address-map serve --listen unix:/run/tsl-address-map/socketmap,group=postfix\n"
       "  tsl-address-map serve --listen inet:127.0.0.1:7321 --metrics 127.0.0.1:9321\n"
       "  tsl-address-map --local serve --listen unix:/tmp/socketmap\n"
+      "  tsl-address-map serve --listen policy:unix:/run/tsl-address-map/policy,group=postfix"
+      " --trust 192.0.2.0/24\n"
       "  tsl-address-map serve --check-config --listen inet:127.0.0.1:7321 --stale 4h\n"
       "  postmap -q team@example.com socketmap:unix:/run/tsl-address-map/socketmap:alias\n"
       "The maps are alias, mask_public (private to public), mask_private (public to private),"
-      " mailbox and\n"
-      "domain; alias.NAME and so on ask the tables that --table NAME would. SIGHUP rereads"
+      " mailbox, domain\n"
+      "and sender_login; alias.NAME and so on ask the tables that --table NAME would. SIGHUP "
+      "rereads"
       " all tables.\n"
       "tsl-address-map-serve(8) has the details.\n",
       Tool::Preparation::Nothing, Tool::withArguments(s_serve, arguments));
   serve.optionList("--listen", arguments->listen, "ADDRESS",
                    "Where to listen: unix:/PATH[,mode=0660][,group=NAME] or inet:HOST:PORT;"
-                   " unix-line: and inet-line: for the line protocol; may be repeated");
+                   " unix-line: and inet-line: for the line protocol, policy:unix: and policy:inet:"
+                   " for policies of Postfix; may be repeated");
   serve.option("--metrics", arguments->metrics, "HOST:PORT",
                "Where to answer /metrics, /health and /ready over HTTP");
   serve.optionList("--only", arguments->only, "NAME",
@@ -187,6 +220,13 @@ void addServeCommand(Tool::Command& top) {
              "Also answer with members without a domain, to which mail servers add their own");
   serve.flag("--leave-out-disabled", arguments->leaveOutDisabled,
              "Leave disabled users out of the answers for aliases and masks");
+  serve.option("--login-domain", arguments->loginDomain, "DOMAIN",
+               "The domain of logins that have none, for policies and the map sender_login");
+  serve.optionList("--trust", arguments->trust, "NETWORK",
+                   "Policies: who sends from there counts as logged in where the rule is"
+                   " 'authenticated'; may be repeated");
+  serve.option("--policy-text", arguments->policyText, "TEXT",
+               "Policies: the text for a refused sender; {address} is the recipient");
   serve.option("--max-reply", arguments->maxReply, "BYTES", "Longest reply");
   serve.option("--page", arguments->page, "COUNT", "Most addresses in a reply");
   serve.option("--max-request", arguments->maxRequest, "BYTES", "Longest request");

@@ -19,7 +19,7 @@ using Kind = ListenAddress::Kind;
 TEST(ListenAddress, AUnixSocketHasAPathAndNothingElseByDefault) {
   const ListenAddress address = parseListenAddress("unix:/run/tsl/map.sock");
   EXPECT_EQ(address.kind, Kind::Unix);
-  EXPECT_FALSE(address.isLineProtocol);
+  EXPECT_EQ(address.protocol, Protocol::Netstrings);
   EXPECT_EQ(address.path, "/run/tsl/map.sock");
   EXPECT_FALSE(address.mode);
   EXPECT_EQ(address.group, "");
@@ -42,7 +42,7 @@ TEST(ListenAddress, AUnixSocketMayHaveAModeAndAGroupInAnyOrder) {
 TEST(ListenAddress, ANetworkSocketHasANumericHostAndAPort) {
   const ListenAddress v4 = parseListenAddress("inet:127.0.0.1:8025");
   EXPECT_EQ(v4.kind, Kind::Inet);
-  EXPECT_FALSE(v4.isLineProtocol);
+  EXPECT_EQ(v4.protocol, Protocol::Netstrings);
   EXPECT_EQ(v4.host, "127.0.0.1");
   EXPECT_EQ(v4.port, 8025);
   EXPECT_EQ(v4.path, "");
@@ -57,13 +57,28 @@ TEST(ListenAddress, ANetworkSocketHasANumericHostAndAPort) {
 TEST(ListenAddress, TheLineProtocolIsPartOfTheKind) {
   const ListenAddress local = parseListenAddress("unix-line:/run/lines,mode=0600");
   EXPECT_EQ(local.kind, Kind::Unix);
-  EXPECT_TRUE(local.isLineProtocol);
+  EXPECT_EQ(local.protocol, Protocol::Lines);
   EXPECT_EQ(local.path, "/run/lines");
   EXPECT_EQ(local.mode, std::optional<mode_t>(0600));
   const ListenAddress network = parseListenAddress("inet-line:[::1]:25");
   EXPECT_EQ(network.kind, Kind::Inet);
-  EXPECT_TRUE(network.isLineProtocol);
+  EXPECT_EQ(network.protocol, Protocol::Lines);
   EXPECT_EQ(network.port, 25);
+}
+
+TEST(ListenAddress, PoliciesHaveAKindBeforeThatOfTheSocket) {
+  const ListenAddress local = parseListenAddress("policy:unix:/run/policy,group=postfix");
+  EXPECT_EQ(local.kind, Kind::Unix);
+  EXPECT_EQ(local.protocol, Protocol::Policy);
+  EXPECT_EQ(local.path, "/run/policy");
+  EXPECT_EQ(local.group, "postfix");
+  const ListenAddress network = parseListenAddress("policy:inet:127.0.0.1:7322");
+  EXPECT_EQ(network.kind, Kind::Inet);
+  EXPECT_EQ(network.protocol, Protocol::Policy);
+  for (const char* wrong : {"policy:/run/policy", "policy:unix-line:/run/policy",
+                            "policy:", "policy:policy:unix:/run/policy"}) {
+    EXPECT_THROW(parseListenAddress(wrong), Tool::Failure) << wrong;
+  }
 }
 
 TEST(ListenAddress, APathFillsTheSocketAddressAndNoMore) {

@@ -125,7 +125,7 @@ TEST_F(ListenSocketTest, AUnixSocketCanBeConnectedToAndGoesWithItsObject) {
     const ListenSocket socket(address());
     EXPECT_TRUE(s_canConnect(path()));
     EXPECT_EQ(socket.name(), path());
-    EXPECT_FALSE(socket.isLineProtocol());
+    EXPECT_EQ(socket.protocol(), Protocol::Netstrings);
     EXPECT_EQ(fcntl(socket.descriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     EXPECT_EQ(fcntl(socket.descriptor(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
     EXPECT_EQ(files(), 1U);
@@ -368,10 +368,10 @@ TEST_F(ListenSocketTest, AMovedSocketKeepsItsFileAndAReleasedOneToo) {
 TEST_F(ListenSocketTest, ANetworkSocketListensAtItsAddress) {
   ListenAddress inet;
   inet.kind = ListenAddress::Kind::Inet;
-  inet.isLineProtocol = true;
+  inet.protocol = Protocol::Lines;
   inet.host = "127.0.0.1";
   const ListenSocket socket(inet);
-  EXPECT_TRUE(socket.isLineProtocol());
+  EXPECT_EQ(socket.protocol(), Protocol::Lines);
   sockaddr_in bound{};
   socklen_t size = sizeof(bound);
   ASSERT_EQ(getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&bound), &size), 0);
@@ -421,8 +421,8 @@ int s_inherit(int descriptor, const char* name, const char* count = "1") {
     setenv("LISTEN_FDNAMES", name, 1);
     try {
       const auto sockets = inheritedSockets();
-      const bool isLine = sockets.size() == 1 && sockets[0].isLineProtocol();
-      _exit(static_cast<int>(sockets.size()) + (isLine ? 10 : 0));
+      const int protocol = sockets.size() == 1 ? static_cast<int>(sockets[0].protocol()) : 0;
+      _exit(static_cast<int>(sockets.size()) + 10 * protocol);
     } catch (const Tool::Failure& failure) {
       std::cerr << failure.subject() << ": " << failure.why() << "; " << failure.hint();
       _exit(99);
@@ -438,6 +438,7 @@ TEST_F(ListenSocketTest, SocketsOfSystemdAreTakenOverWithTheirNames) {
   const ListenSocket socket(address());
   EXPECT_EQ(s_inherit(socket.descriptor(), "socketmap"), 1);
   EXPECT_EQ(s_inherit(socket.descriptor(), "line"), 11);
+  EXPECT_EQ(s_inherit(socket.descriptor(), "policy"), 21);
 }
 
 TEST_F(ListenSocketTest, ASocketOfSystemdIsNeverWaitedOn) {

@@ -117,7 +117,7 @@ TEST_F(PeerTest, ARequestMayBeAsLongAsTheLimitAndNoLonger) {
 }
 
 TEST_F(PeerTest, LinesAreAnsweredByLines) {
-  const auto client = connect(true);
+  const auto client = connect(Protocol::Lines);
   client->send("alias " + name(1) + "\nalias " + name(2) + "\r\nalias nobody@d\n\nalias ");
   EXPECT_EQ(client->line(), answer(1));
   EXPECT_EQ(client->line(), answer(2));
@@ -129,9 +129,41 @@ TEST_F(PeerTest, LinesAreAnsweredByLines) {
   EXPECT_EQ(client->line(), answer(3));
 }
 
+TEST_F(PeerTest, PoliciesAreAnsweredByActionsInOrderAndTheConnectionStays) {
+  const std::string lines = "request=smtpd_access_policy\nprotocol_state=RCPT\nrecipient=";
+  publishRows(*tables().add("mask"), {});
+  publishRows(*tables().add("rules"), {{"alias " + name(1), "authenticated\t\t\t"}});
+  const auto client = connect(Protocol::Policy);
+  for (int i = 0; i < 2; ++i) {
+    client->send(lines + name(1) + "\n\n" + lines + name(2) + "\n\n" + lines + name(1));
+    EXPECT_EQ(client->line(), "action=REJECT 5.7.1 only some people may write to " + name(1));
+    EXPECT_EQ(client->line(), "");
+    EXPECT_EQ(client->line(), "action=DUNNO");
+    EXPECT_EQ(client->line(), "");
+    client->waitUntilRead();
+    client->send("\nsasl_username=ann\n\n");
+    EXPECT_EQ(client->line(), "action=DUNNO");
+    EXPECT_EQ(client->line(), "");
+  }
+}
+
+TEST_F(PeerTest, WhatIsNoPolicyRequestMakesMailWaitAndEndsTheConnection) {
+  m_settings.maxRequest = 5000;
+  const std::vector<std::pair<std::string, std::string>> wrong = {
+      {"QUIT\n", "this is not a policy request"},
+      {std::string(5000, 'x'), "the request is too long"}};
+  for (const auto& [sent, why] : wrong) {
+    const auto client = connect(Protocol::Policy);
+    client->send(sent);
+    EXPECT_EQ(client->line(), "action=DEFER_IF_PERMIT 4.3.0 " + why);
+    EXPECT_EQ(client->line(), "");
+    EXPECT_TRUE(client->isAtEnd());
+  }
+}
+
 TEST_F(PeerTest, ALineMayBeAsLongAsTheLimitAndNoLonger) {
   m_settings.maxRequest = 5000;
-  const auto client = connect(true);
+  const auto client = connect(Protocol::Lines);
   client->send("alias " + std::string(4994, 'x') + "\n");
   EXPECT_EQ(client->line(), "NOTFOUND ");
   // It has no end, so nothing else can tell.
@@ -245,12 +277,12 @@ TEST_F(PeerTest, TheConnectionThatWasNotUsedForLongestMakesRoom) {
     EXPECT_EQ(client->ask("alias " + name(1)), answer(1));
   }
   third->send("20:half a request");
-  const auto added = connect(false, true);
+  const auto added = connect(Protocol::Netstrings, true);
   EXPECT_EQ(added->ask("alias " + name(2)), answer(2));
   EXPECT_TRUE(second->isAtEnd());
   EXPECT_EQ(first->ask("alias " + name(2)), answer(2));
   EXPECT_TRUE(counts("connections_dropped_total 1"));
-  const auto another = connect(false, true);
+  const auto another = connect(Protocol::Netstrings, true);
   EXPECT_EQ(another->ask("alias " + name(2)), answer(2));
   EXPECT_TRUE(third->isAtEnd());
   EXPECT_EQ(worker().connections(), 3U);
@@ -263,7 +295,7 @@ TEST_F(PeerTest, AFewRequestsOfOneAreAnsweredAtATime) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   Client client(ends[1]);
-  Peer peer(ends[0], false, shared, [] {});
+  Peer peer(ends[0], Protocol::Netstrings, shared, [] {});
   peer.start();
   std::string requests;
   for (int i = 0; i < 100; ++i) requests += request(i);
@@ -336,7 +368,7 @@ TEST_F(PeerTest, WhatWasSentBehindARefusalIsReadAlsoFromWhoSendsNoMore) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   Client client(ends[1]);
-  Peer peer(ends[0], false, shared, [] {});
+  Peer peer(ends[0], Protocol::Netstrings, shared, [] {});
   peer.start();
   client.send("x");
   peer.proceed(EPOLLIN);

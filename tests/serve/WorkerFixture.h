@@ -143,10 +143,11 @@ class Client {
 class WorkerFixture : public testing::Test {
  protected:
   // Connects a mail server.
-  std::unique_ptr<Client> connect(bool isLineProtocol = false, bool isOneTooMany = false) {
+  std::unique_ptr<Client> connect(Protocol protocol = Protocol::Netstrings,
+                                  bool isOneTooMany = false) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    worker().take(ends[0], isLineProtocol, isOneTooMany);
+    worker().take(ends[0], protocol, isOneTooMany);
     return std::make_unique<Client>(ends[1]);
   }
 

@@ -21,7 +21,7 @@ using WorkerTest = WorkerFixture;
 TEST_F(WorkerTest, CountsItsConnections) {
   EXPECT_EQ(worker().connections(), 0U);
   auto first = connect();
-  const auto second = connect(true);
+  const auto second = connect(Protocol::Lines);
   EXPECT_EQ(worker().connections(), 2U);
   first.reset();
   EXPECT_TRUE(waitFor([this] { return worker().connections() == 1; }));
@@ -62,7 +62,8 @@ TEST_F(WorkerTest, AnswersManyMailServersAtOnceWhileTheTableChanges) {
   serve({{"a@d", "b@d"}});
   static_cast<void>(worker());
   std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < 40; ++i) clients.push_back(connect(i % 2 == 0));
+  for (int i = 0; i < 40; ++i)
+    clients.push_back(connect(i % 2 == 0 ? Protocol::Lines : Protocol::Netstrings));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (std::size_t t = 0; t < 4; ++t) {

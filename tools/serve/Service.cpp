@@ -142,6 +142,7 @@ class Service {
     }
     for (ListenSocket& socket : sockets) {
       m_log.info("listening on " + socket.name());
+      if (socket.protocol() == Protocol::Policy) m_tables.setRulesNeeded();
       m_listeners.emplace_back(m_context, std::move(socket));
     }
   }
@@ -192,7 +193,7 @@ class Service {
           if (m_isEnding && error) return;
           if (error) return pause(listener, error);
           const bool isOneTooMany = connections() >= m_mostConnections;
-          worker.take(socket.release(), listener.socket.isLineProtocol(), isOneTooMany);
+          worker.take(socket.release(), listener.socket.protocol(), isOneTooMany);
           accept(listener);
         });
   }

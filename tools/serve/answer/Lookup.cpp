@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
+#include "base/stringCompareNoCase.h"
 #include "serve/answer/AliasAnswer.h"
 #include "serve/answer/DisabledUser.h"
 #include "tables/AddressKey.h"
@@ -27,7 +29,8 @@ constexpr std::size_t s_shortReply = 1024;
 constexpr std::chrono::milliseconds s_longestMoment = 1s;
 
 bool s_hasTable(Map map) {
-  return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate;
+  return map == Map::Alias || map == Map::MaskPublic || map == Map::MaskPrivate ||
+         map == Map::SenderLogin;
 }
 
 std::string_view s_local(std::string_view address) {
@@ -51,19 +54,62 @@ std::uint64_t s_usersNumber(const Tables& tables) {
   return users == nullptr ? 0 : users->number();
 }
 
-// Replies of one table come from: its aliases or private addresses, its public addresses, and the
-// expansions of its aliases, which have keys instead of texts.
-constexpr std::uint64_t s_sources = 3;
+// Replies of one table come from: its aliases or private addresses, its public addresses, the
+// expansions of its aliases, which have keys instead of texts, and the logins of its owners. Tables
+// count from 1: what is before are policies.
+constexpr std::uint64_t s_sources = 4;
+constexpr std::uint64_t s_policySource = 0;
 
 std::uint64_t s_expansions(std::uint64_t table) {
   return table * s_sources + 2;
 }
 
+std::uint64_t s_sourceOf(Map map) {
+  if (map == Map::SenderLogin) return 3;
+  return map == Map::MaskPrivate ? 1 : 0;
+}
+
+Answer s_defer(const std::string& why) {
+  return {Result::Temp, deferAction(why), Validity::Once};
+}
+
+// The texts, each once, joined by ",".
+std::string s_joinedOnce(const std::vector<std::string>& texts) {
+  std::string joined;
+  std::set<std::string_view> seen;
+  for (const std::string& text : texts) {
+    if (seen.insert(text).second) joined.append(joined.empty() ? "" : ",").append(text);
+  }
+  return joined;
+}
+
+Answer s_permit() {
+  return {Result::Ok, "DUNNO", Validity::Image};
+}
+
+// For a recipient that is no address: the mail server may make one of it, except for the one that
+// each must have.
+Answer s_noPolicy(std::string_view recipient) {
+  if (stringCompareNoCase(std::string(recipient), "postmaster", 0)) return s_permit();
+  return s_defer("the recipient is not a whole address");
+}
+
+// The logins that `address` has, which is joined to others by ",": itself, and its name alone where
+// --login-domain is put to that. None for what a mail server would take for several.
+std::vector<std::string> s_loginsOf(const std::string& address, const Settings& settings) {
+  if (address.find_first_of(", \t") != std::string::npos) return {};
+  std::vector<std::string> logins{address};
+  std::string key;
+  const bool isShort = !settings.loginDomain.empty() && Tool::addressKey(address, key) &&
+                       s_domain(key) == Tool::comparisonDomain(settings.loginDomain);
+  if (isShort) logins.emplace_back(s_local(address));
+  return logins;
+}
+
 }  // namespace
 
 AnswerCache::Source Lookup::Route::source() const {
-  return {table->number() * s_sources + (map == Map::MaskPrivate ? 1 : 0),
-          generation + users + rules};
+  return {table->number() * s_sources + s_sourceOf(map), generation + users + rules};
 }
 
 Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
@@ -74,7 +120,8 @@ Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
       m_log(log),
       m_helpers(std::move(helpers)),
       m_cache(tables.answerMemory()),
-      m_rules(tables) {}
+      m_rules(tables),
+      m_policies(tables, m_rules) {}
 
 Lookup::~Lookup() = default;
 
@@ -85,9 +132,17 @@ const std::string* Lookup::reply(std::string_view request, Clock::time_point now
   return &m_reply;
 }
 
+const std::string* Lookup::action(const PolicyRequest& request, Clock::time_point now) {
+  m_since = now;
+  if (!actionAt(request, now)) return nullptr;
+  m_metrics.answered(m_map, m_result, Clock::now() - m_since);
+  return &m_reply;
+}
+
 void Lookup::sweep(Clock::time_point now) {
   // Routes keep images alive, and tables that are gone.
   for (Routes& routes : m_routes) routes.clear();
+  m_policies.sweep();
   m_rules.sweep();
   m_cache.sweep(now);
   m_tables.pages().sweep(now);
@@ -170,7 +225,8 @@ Lookup::Route* Lookup::routeOf(std::string_view name, Clock::time_point now) {
   Route route;
   route.map = m_map;
   if (s_hasTable(m_map)) {
-    const TableKind kind = m_map == Map::Alias ? TableKind::Alias : TableKind::Mask;
+    const bool isMask = m_map == Map::MaskPublic || m_map == Map::MaskPrivate;
+    const TableKind kind = isMask ? TableKind::Mask : TableKind::Alias;
     const std::string sqlName = sqlNameOf(kind, std::string(table));
     route.table = m_tables.find(sqlName);
     if (route.table == nullptr) {
@@ -190,13 +246,15 @@ std::string Lookup::refresh(Route& route, Clock::time_point now) {
     route.image = route.table->image();
     route.generation = generation;
   }
-  if (route.map == Map::Alias) {
+  if (route.map == Map::Alias || route.map == Map::SenderLogin) {
     std::string unknown = m_rules.refresh(now);
     if (!unknown.empty()) return unknown;
     route.rules = m_rules.number();
   }
-  const bool needsUsers = route.map == Map::Alias || route.map == Map::MaskPrivate;
-  if (!m_settings.leaveOutDisabled || !needsUsers) return "";
+  const bool mayLeaveOut = route.map == Map::Alias || route.map == Map::MaskPrivate;
+  const bool needsUsers =
+      route.map == Map::SenderLogin || (m_settings.leaveOutDisabled && mayLeaveOut);
+  if (!needsUsers) return "";
   const ConfigurationPointer users = configuration(now);
   if (users == nullptr) return s_noConfiguration;
   route.users = users->number();
@@ -217,7 +275,10 @@ std::optional<Answer> Lookup::answer(const Route& route, std::string_view key,
         return mailboxAnswer(key, now);
       case Map::Domain:
         return domainAnswer(key, now);
+      case Map::SenderLogin:
+        return senderLogins(route, key, now);
       case Map::None:
+      case Map::Policy:
         break;
     }
     return Answer::perm("there is no such map");
@@ -246,10 +307,7 @@ std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view t
 std::optional<Answer> Lookup::expansion(const Route& route, const std::string& key,
                                         Clock::time_point now) {
   const Job job{route.table->number(), key};
-  if (const auto made = m_made.find(job); made != m_made.end()) {
-    m_since = made->second.since;
-    return made->second.answer;
-  }
+  if (const Answer* const made = madeOf(job)) return *made;
   const AnswerCache::Source source{s_expansions(job.table), route.source().image};
   const AnswerCache::Entry* const known = m_cache.find(source, key, now);
   if (known != nullptr && m_tables.pages().isWhole(known->reply(), now)) {
@@ -269,31 +327,50 @@ std::optional<Answer> Lookup::expansion(const Route& route, const std::string& k
 
 // Has the helpers expand the alias with `key`.
 void Lookup::begin(const Route& route, const std::string& key, Clock::time_point now) {
-  const Job job{route.table->number(), key};
-  if (!m_jobs.emplace(job, now).second) return;
-  m_helpers->threads.post([this, job, table = route.table, rules = m_rules.rules(),
-                           number = m_rules.number(), &tables = m_tables, &log = m_log,
-                           onOwnThread = m_helpers->onOwnThread] {
-    // The newest image: a job that waits must not keep an old one alive.
-    const std::uint64_t generation = table->generation() + s_usersNumber(tables) + number;
-    const ImagePointer image = table->image();
-    Answer answer;
-    try {
-      answer = *Serve::aliasAnswer(tables, *table, *image, rules, job.key, Effort::Any,
-                                   Clock::now(), log);
-    } catch (const std::exception&) {
-      answer = failureAnswer(log);
-    }
-    onOwnThread([this, job, generation, answer] { made(job, generation, answer); });
-    releaseFreeMemory();
-  });
+  post({route.table->number(), key}, now,
+       [key, table = route.table, rules = m_rules.rules(), number = m_rules.number(),
+        &tables = m_tables, &log = m_log] {
+         // The newest image: a job that waits must not keep an old one alive.
+         const std::uint64_t generation = table->generation() + s_usersNumber(tables) + number;
+         const ImagePointer image = table->image();
+         Answer answer;
+         try {
+           answer = *Serve::aliasAnswer(tables, *table, *image, rules, key, Effort::Any,
+                                        Clock::now(), log);
+         } catch (const std::exception&) {
+           answer = failureAnswer(log);
+         }
+         return std::pair(answer, AnswerCache::Source{s_expansions(table->number()), generation});
+       });
 }
 
-// The helpers have made the answer of `job` from the image with the number `generation`.
-void Lookup::made(const Job& job, std::uint64_t generation, const Answer& answer) {
+// Has the helpers make the answer of `job`, unless they do already. `make` must not throw.
+void Lookup::post(const Job& job, Clock::time_point now,
+                  std::function<std::pair<Answer, AnswerCache::Source>()> make) {
+  if (!m_jobs.emplace(job, now).second) return;
+  m_helpers->threads.post(
+      [this, job, make = std::move(make), onOwnThread = m_helpers->onOwnThread]() mutable {
+        const auto [answer, source] = make();
+        // Images that it holds end here, not on the thread that answers.
+        make = nullptr;
+        onOwnThread([this, job, source = source, answer = answer] { made(job, source, answer); });
+        releaseFreeMemory();
+      });
+}
+
+// What the helpers have just made for `job`; null when they have not.
+const Answer* Lookup::madeOf(const Job& job) {
+  const auto made = m_made.find(job);
+  if (made == m_made.end()) return nullptr;
+  m_since = made->second.since;
+  return &made->second.answer;
+}
+
+// The helpers have made the answer of `job` from `source`.
+void Lookup::made(const Job& job, const AnswerCache::Source& source, const Answer& answer) {
   const Clock::time_point since = m_jobs.at(job);
   m_jobs.erase(job);
-  keepExpansion({s_expansions(job.table), generation}, job.key, answer, Clock::now());
+  keepExpansion(source, job.key, answer, Clock::now());
   m_made.emplace(job, Made{answer, since});
   m_helpers->isKnown();
   m_made.clear();
@@ -363,6 +440,121 @@ Answer Lookup::maskAnswerWithoutDisabled(const Route& route, std::string_view te
   if (!goesElsewhere(m_tables, answer.data, nullptr, m_rules.rules())) answer = Answer::notFound();
   // Aliases change while masks and users do not.
   answer.validity = Validity::Once;
+  return answer;
+}
+
+// The address that the mail server makes of the recipient before it asks for aliases; empty when
+// nobody knows.
+std::string Lookup::privateAddress(const PolicyTables::Context& context,
+                                   std::string_view recipient) const {
+  for (const PolicyData::Source& masks : context.masks) {
+    const Answer answer =
+        maskAnswer({Map::MaskPrivate, masks.table, masks.image, masks.generation}, recipient);
+    if (answer.result == Result::Ok) return answer.data;
+    if (answer.result != Result::NotFound) return "";
+  }
+  return std::string(recipient);
+}
+
+// Who may send as the address: a mailbox as itself, an alias as its owners.
+Answer Lookup::senderLogins(const Route& route, std::string_view text, Clock::time_point now) {
+  const ConfigurationPointer users = configuration(now);
+  if (users == nullptr) return Answer::temp(s_noConfiguration);
+  const AliasImage& aliases = route.image->alias();
+  const Rules& rules = m_rules.rules();
+  const std::string& sqlName = route.table->sqlName();
+  const Tool::ExtendedAddress address = cut(text);
+  std::string key;
+  for (const std::string_view asked : {text, std::string_view(address.base)}) {
+    if (!Tool::addressKey(asked, key)) return Answer::noAddress();
+    const auto presence = rules.presence(sqlName, key);
+    const bool isAlias = aliases.isAlias(key) && presence != RuleImage::Presence::Expired;
+    std::vector<std::string> logins;
+    if (users->hasUser(key)) logins = s_loginsOf(key, m_settings);
+    if (isAlias && rules.image != nullptr) {
+      const auto rule = rules.image->rule(sqlName, key);
+      if (!rule) return Answer::temp("the rule of this alias cannot be read");
+      for (const EmailAddress& owner : rule->owners) {
+        for (std::string& login : s_loginsOf(owner.address(), m_settings)) {
+          logins.push_back(std::move(login));
+        }
+      }
+    }
+    if (!logins.empty()) {
+      Answer answer = Answer::ok(s_joinedOnce(logins));
+      if (answer.data.size() <= m_tables.pages().maxSize()) return answer;
+      return Answer::temp("the logins of this address are too many for a reply");
+    }
+    if (isAlias || address.extension.empty()) break;
+  }
+  return Answer::notFound();
+}
+
+// False when the action is not known yet.
+bool Lookup::actionAt(const PolicyRequest& request, Clock::time_point now) {
+  m_map = Map::Policy;
+  const auto give = [this](const Answer& answer) {
+    m_result = answer.result;
+    m_reply = answer.data;
+    return true;
+  };
+  if (request.request != "smtpd_access_policy") {
+    return give(s_defer("this is not a request for an access policy"));
+  }
+  if (request.recipient.empty()) {
+    // Each recipient was asked for before, unless the mail server asks at another place only.
+    m_log.warning(
+        "the policy was asked for without a recipient: ask for it in"
+        " smtpd_recipient_restrictions");
+    return give(s_permit());
+  }
+  const PolicyTables::Context& context = m_policies.refresh(request.context, now);
+  if (!context.why.empty()) return give(s_defer(context.why));
+  if (context.data.sources.front().table->age(now) > s_outage) m_metrics.staleAnswer();
+  try {
+    const std::optional<Answer> answer = policy(context, request, now);
+    return answer && give(*answer);
+  } catch (const std::exception&) {
+    return give(s_defer(failureAnswer(m_log).data));
+  }
+}
+
+// What `request` is answered. Nothing when that takes longer.
+std::optional<Answer> Lookup::policy(const PolicyTables::Context& context,
+                                     const PolicyRequest& request, Clock::time_point now) {
+  const Writer writer = writerOf(request, m_settings);
+  // Nobody's address has a line break.
+  std::string asked(request.recipient);
+  asked.append(writer.isTrusted ? "\n+" : "\n-").append(request.login);
+  asked.append("\n").append(request.context);
+  const AnswerCache::Source source{s_policySource, context.number};
+  if (const AnswerCache::Entry* const known = m_cache.find(source, asked, now)) {
+    m_metrics.cacheHit();
+    return Answer{known->result(), std::string(known->reply()), Validity::Image};
+  }
+  const Job job{source.table, asked};
+  if (const Answer* const made = madeOf(job)) return *made;
+  std::string key;
+  if (!Tool::addressKey(request.recipient, key)) return s_noPolicy(request.recipient);
+  const std::string address = privateAddress(context, key);
+  if (address.empty()) return s_defer("the mask of this address is not known");
+  if (!Tool::addressKey(address, key)) return s_permit();
+  const auto judge = [recipient = std::string(request.recipient), key, writer, data = context.data,
+                      &settings = m_settings, &tables = m_tables](Effort effort) {
+    return policyAnswer(data, settings, tables.configuration(), writer, recipient, key, effort);
+  };
+  std::optional<Answer> answer = judge(m_helpers ? Effort::Short : Effort::Any);
+  if (!answer) {
+    post(job, now, [judge, source, &log = m_log] {
+      try {
+        return std::pair(*judge(Effort::Any), source);
+      } catch (const std::exception&) {
+        return std::pair(s_defer(failureAnswer(log).data), source);
+      }
+    });
+  } else if (asked.size() <= s_longestKey) {
+    keepExpansion(source, asked, *answer, now);
+  }
   return answer;
 }
 

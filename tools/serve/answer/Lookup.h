@@ -10,9 +10,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "serve/answer/AnswerCache.h"
 #include "serve/answer/CurrentRules.h"
+#include "serve/answer/Policy.h"
+#include "serve/answer/PolicyTables.h"
 #include "serve/base/Answer.h"
 #include "serve/base/Background.h"
 #include "serve/base/Log.h"
@@ -46,6 +50,9 @@ class Lookup {
   // reply reports failures; throws nothing but std::bad_alloc. Valid until the next call. Null when
   // it takes longer: then it is to be asked for again when the helpers say so.
   const std::string* reply(std::string_view request, Clock::time_point now = Clock::now());
+
+  // The action for `request` of the policy protocol, as above.
+  const std::string* action(const PolicyRequest& request, Clock::time_point now = Clock::now());
 
   // Gives back what was not used lately. To be called once a second.
   void sweep(Clock::time_point now);
@@ -89,7 +96,10 @@ class Lookup {
   std::optional<Answer> expansion(const Route& route, const std::string& key,
                                   Clock::time_point now);
   void begin(const Route& route, const std::string& key, Clock::time_point now);
-  void made(const Job& job, std::uint64_t generation, const Answer& answer);
+  void post(const Job& job, Clock::time_point now,
+            std::function<std::pair<Answer, AnswerCache::Source>()> make);
+  void made(const Job& job, const AnswerCache::Source& source, const Answer& answer);
+  const Answer* madeOf(const Job& job);
   void keepReply(const Route& route, std::string_view text, Validity validity,
                  Clock::time_point now);
   void keepExpansion(const AnswerCache::Source& source, const std::string& key,
@@ -99,6 +109,12 @@ class Lookup {
   [[nodiscard]] Answer maskAnswer(const Route& route, std::string_view text) const;
   Answer maskAnswerWithoutDisabled(const Route& route, std::string_view text,
                                    Clock::time_point now);
+  bool actionAt(const PolicyRequest& request, Clock::time_point now);
+  std::optional<Answer> policy(const PolicyTables::Context& context, const PolicyRequest& request,
+                               Clock::time_point now);
+  [[nodiscard]] std::string privateAddress(const PolicyTables::Context& context,
+                                           std::string_view recipient) const;
+  Answer senderLogins(const Route& route, std::string_view text, Clock::time_point now);
   Answer mailboxAnswer(std::string_view text, Clock::time_point now);
   Answer domainAnswer(std::string_view text, Clock::time_point now);
   ConfigurationPointer configuration(Clock::time_point now);
@@ -117,6 +133,7 @@ class Lookup {
   std::array<Routes, s_maps> m_routes;  // By map and store name; a second old at most.
   AnswerCache m_cache;
   CurrentRules m_rules;
+  PolicyTables m_policies;
   std::map<Job, Clock::time_point> m_jobs;  // Those that the helpers do, and since when.
   std::map<Job, Made> m_made;               // What they have just done.
   // Of the request that is being answered.

@@ -30,7 +30,10 @@ constexpr char s_unixExample[] =
 constexpr char s_inetExample[] = "write inet:127.0.0.1:8025, or inet:[::1]:8025";
 constexpr char s_kindExample[] =
     "write unix:/run/tsl/map.sock or inet:127.0.0.1:8025; with unix-line: or inet-line: it speaks "
-    "the line protocol";
+    "the line protocol, with policy:unix: or policy:inet: that of Postfix's policies";
+
+constexpr std::string_view s_policy = "policy:";
+constexpr std::string_view s_line = "-line";
 
 // One value of the option, for messages about it.
 class Reader {
@@ -81,13 +84,19 @@ ListenAddress Reader::read() const {
   }
   ListenAddress address;
   std::string_view rest = m_value;
+  const bool isPolicy = rest.starts_with(s_policy);
+  if (isPolicy) rest.remove_prefix(s_policy.size());
   const bool hasColon = rest.find(':') != std::string_view::npos;
-  const std::string_view kind = s_cut(rest, ':');
-  address.isLineProtocol = kind == "unix-line" || kind == "inet-line";
-  if (hasColon && (kind == "unix" || kind == "unix-line")) {
+  std::string_view kind = s_cut(rest, ':');
+  if (isPolicy) address.protocol = Protocol::Policy;
+  if (kind.ends_with(s_line) && !isPolicy) {
+    address.protocol = Protocol::Lines;
+    kind.remove_suffix(s_line.size());
+  }
+  if (hasColon && kind == "unix") {
     address.kind = ListenAddress::Kind::Unix;
     readUnix(rest, address);
-  } else if (hasColon && (kind == "inet" || kind == "inet-line")) {
+  } else if (hasColon && kind == "inet") {
     address.kind = ListenAddress::Kind::Inet;
     readInet(rest, address);
   } else {

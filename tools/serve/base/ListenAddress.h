@@ -11,12 +11,16 @@
 
 namespace Tessel::Serve {
 
+// What is spoken on a connection: netstrings or lines with the requests of maps, or the policy
+// delegation protocol of Postfix.
+enum class Protocol { Netstrings, Lines, Policy };
+
 // A place to listen on. A value.
 struct ListenAddress {
   enum class Kind { Unix, Inet };
 
   Kind kind = Kind::Unix;
-  bool isLineProtocol = false;  // Lines instead of netstrings.
+  Protocol protocol = Protocol::Netstrings;
 
   // Of a Unix socket: its absolute path, which fits into a socket address with its NUL, and what
   // the option says about the file: permissions, and a group by name (empty for none).
@@ -31,8 +35,9 @@ struct ListenAddress {
 };
 
 // Reads "unix:/PATH[,mode=0660][,group=NAME]" or "inet:HOST:PORT", with "inet:[::1]:PORT" for IPv6;
-// "unix-line:" and "inet-line:" for lines. Throws Tool::Failure, ExitCode::Usage, which says what
-// is wrong and gives an example. Does not look at files, groups or the network. Any thread.
+// "unix-line:" and "inet-line:" for lines, and "policy:" before either for policies. Throws
+// Tool::Failure, ExitCode::Usage, which says what is wrong and gives an example. Does not look at
+// files, groups or the network. Any thread.
 ListenAddress parseListenAddress(std::string_view value);
 
 }  // namespace Tessel::Serve

@@ -8,13 +8,22 @@
 
 namespace Tessel::Serve {
 
-// `None` counts requests that ask for no map.
-enum class Map : std::size_t { Alias, MaskPublic, MaskPrivate, Mailbox, Domain, None };
-inline constexpr std::size_t s_maps = 6;
+// `None` counts requests that ask for no map, `Policy` those of the policy protocol.
+enum class Map : std::size_t {
+  Alias,
+  MaskPublic,
+  MaskPrivate,
+  Mailbox,
+  Domain,
+  SenderLogin,
+  None,
+  Policy
+};
+inline constexpr std::size_t s_maps = 8;
 
 // In the order of `Map`.
 inline constexpr std::array<std::string_view, s_maps> s_mapNames{
-    "alias", "mask_public", "mask_private", "mailbox", "domain", "none"};
+    "alias", "mask_public", "mask_private", "mailbox", "domain", "sender_login", "none", "policy"};
 
 // The map that requests call `name`; `None` when there is none.
 constexpr Map mapOf(std::string_view name) {

@@ -13,6 +13,12 @@ namespace {
 
 constexpr const char* s_resultNames[s_results] = {"ok", "notfound", "temp", "perm", "refused"};
 
+// Policies permit, refuse, or do not know.
+bool s_hasResult(Map map, Result result) {
+  if (map != Map::Policy) return result != Result::Refused;
+  return result != Result::NotFound && result != Result::Perm;
+}
+
 double s_seconds(Clock::duration duration) {
   return std::chrono::duration<double>(duration).count();
 }
@@ -48,6 +54,7 @@ Metrics::Metrics() : m_registry(std::make_unique<prometheus::Registry>()) {
                        .Register(registry);
   for (std::size_t map = 0; map < s_maps; ++map) {
     for (std::size_t result = 0; result < s_results; ++result) {
+      if (!s_hasResult(static_cast<Map>(map), static_cast<Result>(result))) continue;
       m_requests[map][result] =
           &requests.Add({{"map", std::string(s_mapNames[map])}, {"result", s_resultNames[result]}});
     }

@@ -187,6 +187,12 @@ int s_bindInet(const ListenAddress& address, int& error) {
   s_fail(s_inetName(address), "bind", error, "give a free port on an address of this host");
 }
 
+// That of a socket of systemd, by its name.
+Protocol s_protocolOf(std::string_view name) {
+  if (name == "policy") return Protocol::Policy;
+  return name == "line" ? Protocol::Lines : Protocol::Netstrings;
+}
+
 }  // namespace
 
 void ListenSocket::check(const ListenAddress& address) {
@@ -209,7 +215,7 @@ void ListenSocket::check(const ListenAddress& address) {
   }
 }
 
-ListenSocket::ListenSocket(const ListenAddress& address) : ListenSocket(address.isLineProtocol) {
+ListenSocket::ListenSocket(const ListenAddress& address) : ListenSocket(address.protocol) {
   if (address.kind == ListenAddress::Kind::Unix) {
     listenUnix(address);
   } else {
@@ -217,8 +223,8 @@ ListenSocket::ListenSocket(const ListenAddress& address) : ListenSocket(address.
   }
 }
 
-ListenSocket::ListenSocket(int descriptor, bool isLineProtocol)
-    : m_descriptor(descriptor), m_isLineProtocol(isLineProtocol) {}
+ListenSocket::ListenSocket(int descriptor, Protocol protocol)
+    : m_descriptor(descriptor), m_protocol(protocol) {}
 
 ListenSocket::~ListenSocket() {
   if (m_descriptor != -1) ::close(m_descriptor);
@@ -235,7 +241,7 @@ ListenSocket::~ListenSocket() {
 
 ListenSocket::ListenSocket(ListenSocket&& other) noexcept
     : m_descriptor(std::exchange(other.m_descriptor, -1)),
-      m_isLineProtocol(other.m_isLineProtocol),
+      m_protocol(other.m_protocol),
       m_path(std::exchange(other.m_path, {})),
       m_file(std::move(other.m_file)),
       m_isListening(other.m_isListening) {}
@@ -308,8 +314,8 @@ std::vector<ListenSocket> inheritedSockets() {
   if (count < 0) s_fail("the sockets of systemd", "LISTEN_FDS", -count, "");
   for (int i = 0; i < count; ++i) {
     const int descriptor = SD_LISTEN_FDS_START + i;
-    const bool isLine = names != nullptr && names[i] != nullptr && std::string(names[i]) == "line";
-    sockets.emplace_back(descriptor, isLine);
+    const bool hasName = names != nullptr && names[i] != nullptr;
+    sockets.emplace_back(descriptor, s_protocolOf(hasName ? names[i] : ""));
     if (sd_is_socket(descriptor, AF_UNSPEC, SOCK_STREAM, 1) <= 0) {
       throw Failure(ExitCode::Configuration, "the sockets of systemd",
                     "one of them is not a listening stream socket",

@@ -24,13 +24,13 @@ class ListenSocket {
   // file. A service that listens there already is no fault.
   static void check(const ListenAddress& address);
   // Takes over the socket `descriptor`, which systemd created, and its file.
-  ListenSocket(int descriptor, bool isLineProtocol);
+  ListenSocket(int descriptor, Protocol protocol);
   ~ListenSocket();
   ListenSocket(ListenSocket&& other) noexcept;
   ListenSocket& operator=(ListenSocket&& other) = delete;
 
   [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
-  [[nodiscard]] bool isLineProtocol() const noexcept { return m_isLineProtocol; }
+  [[nodiscard]] Protocol protocol() const noexcept { return m_protocol; }
   // Where it listens, for messages.
   [[nodiscard]] std::string name() const;
   // The descriptor, which is the caller's from now on. The file stays the object's.
@@ -38,13 +38,13 @@ class ListenSocket {
 
  private:
   // Nothing yet; the object exists from then on, so that it cleans up after a failure.
-  explicit ListenSocket(bool isLineProtocol) : m_isLineProtocol(isLineProtocol) {}
+  explicit ListenSocket(Protocol protocol) : m_protocol(protocol) {}
 
   void listenUnix(const ListenAddress& address);
   void listenInet(const ListenAddress& address);
 
   int m_descriptor = -1;
-  bool m_isLineProtocol = false;
+  Protocol m_protocol = Protocol::Netstrings;
   std::string m_path;  // Of a file to remove; empty for none.
   // Open on that file, so that no other file gets its inode number meanwhile.
   Tool::Descriptor m_file{-1};
@@ -52,8 +52,8 @@ class ListenSocket {
 };
 
 // The sockets that systemd handed over (LISTEN_FDS, see sd_listen_fds(3)): those named "line" are
-// for the line protocol. Empty when it handed over none. Throws Tool::Failure for a descriptor that
-// is not a listening stream socket.
+// for the line protocol, and those named "policy" for policies. Empty when it handed over none.
+// Throws Tool::Failure for a descriptor that is not a listening stream socket.
 std::vector<ListenSocket> inheritedSockets();
 
 }  // namespace Tessel::Serve

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "serve/socket/Netstring.h"
+#include "serve/socket/PolicyFrame.h"
 
 namespace Tessel::Serve {
 
@@ -37,11 +38,11 @@ bool s_mustWait() {
 
 }  // namespace
 
-Peer::Peer(int descriptor, bool isLineProtocol, Shared& shared, std::function<void()> closed)
+Peer::Peer(int descriptor, Protocol protocol, Shared& shared, std::function<void()> closed)
     : m_descriptor(descriptor),
       m_shared(shared),
       m_closed(std::move(closed)),
-      m_isLineProtocol(isLineProtocol) {
+      m_protocol(protocol) {
   m_shared.metrics.connectionOpened();
 }
 
@@ -150,7 +151,9 @@ void Peer::answerAll(std::string_view received) {
   m_shared.output.clear();
   m_left = s_requestsAtOnce;
   m_shared.now = Clock::now();
-  const std::size_t used = m_isLineProtocol ? answerLines(received) : answerFrames(received);
+  const std::size_t used = m_protocol == Protocol::Netstrings ? answerFrames(received)
+                           : m_protocol == Protocol::Lines    ? answerLines(received)
+                                                              : answerPolicies(received);
   m_input.assign(m_isEnding ? std::string_view() : received.substr(used));
   if (used != 0) m_hadProgress = m_wasUsed = true;
   if (used != 0) m_lastUse = m_shared.now;
@@ -196,6 +199,25 @@ std::size_t Peer::answerLines(std::string_view received) {
   return used;
 }
 
+std::size_t Peer::answerPolicies(std::string_view received) {
+  std::size_t used = 0;
+  while (mayAnswer()) {
+    const PolicyFrame frame = parsePolicyFrame(received.substr(used), m_shared.settings.maxRequest);
+    if (frame.state == PolicyFrame::State::NeedMore) {
+      m_hasMore = false;
+      break;
+    }
+    if (frame.state == PolicyFrame::State::TooLong) {
+      refuse("the request is too long");
+    } else if (frame.state == PolicyFrame::State::Malformed) {
+      refuse("this is not a policy request");
+    } else if (answerOne(frame.request)) {
+      used += frame.consumed;
+    }
+  }
+  return used;
+}
+
 // True when the next request may be answered now; otherwise there may be more of them.
 bool Peer::mayAnswer() {
   m_hasMore = true;
@@ -206,7 +228,14 @@ bool Peer::mayAnswer() {
 
 // False when the reply takes long: then the request is to be answered again.
 bool Peer::answerOne(std::string_view request) {
-  const std::string* const reply = m_shared.lookup.reply(request);
+  return take(m_shared.lookup.reply(request));
+}
+
+bool Peer::answerOne(const PolicyRequest& request) {
+  return take(m_shared.lookup.action(request));
+}
+
+bool Peer::take(const std::string* reply) {
   m_isWaiting = reply == nullptr;
   if (m_isWaiting) return false;
   append(*reply);
@@ -214,10 +243,15 @@ bool Peer::answerOne(std::string_view request) {
 }
 
 void Peer::append(std::string_view reply) {
-  if (m_isLineProtocol) {
-    m_shared.output.append(reply).append("\n");
-  } else {
-    appendNetstring(m_shared.output, reply);
+  switch (m_protocol) {
+    case Protocol::Netstrings:
+      return appendNetstring(m_shared.output, reply);
+    case Protocol::Lines:
+      m_shared.output.append(reply).append("\n");
+      break;
+    case Protocol::Policy:
+      m_shared.output.append("action=").append(reply).append("\n\n");
+      break;
   }
 }
 
@@ -225,7 +259,8 @@ void Peer::append(std::string_view reply) {
 // begins.
 void Peer::refuse(std::string_view why) {
   m_shared.metrics.malformedRequest();
-  append(Answer::perm(std::string(why)).reply());
+  const std::string reason(why);
+  append(m_protocol == Protocol::Policy ? deferAction(reason) : Answer::perm(reason).reply());
   m_isEnding = true;
 }
 

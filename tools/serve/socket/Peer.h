@@ -35,7 +35,7 @@ class Peer {
 
   // Takes over the socket `descriptor`. `shared` must outlive the object. `closed` is called once,
   // when the connection is closed.
-  Peer(int descriptor, bool isLineProtocol, Shared& shared, std::function<void()> closed);
+  Peer(int descriptor, Protocol protocol, Shared& shared, std::function<void()> closed);
   ~Peer();
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
@@ -78,8 +78,11 @@ class Peer {
   void answerAll(std::string_view received);
   std::size_t answerFrames(std::string_view received);
   std::size_t answerLines(std::string_view received);
+  std::size_t answerPolicies(std::string_view received);
   bool mayAnswer();
   bool answerOne(std::string_view request);
+  bool answerOne(const PolicyRequest& request);
+  bool take(const std::string* reply);
   void append(std::string_view reply);
   void refuse(std::string_view why);
   void send(std::string_view replies);
@@ -91,7 +94,7 @@ class Peer {
   int m_descriptor;  // -1 when it is closed.
   Shared& m_shared;
   std::function<void()> m_closed;  // Empty after its call.
-  const bool m_isLineProtocol;
+  const Protocol m_protocol;
   std::string m_input;         // What was not answered yet; mostly the beginning of a request.
   std::string m_output;        // What the mail server has not taken yet.
   bool m_hasMore = false;      // `m_input` may hold whole requests.

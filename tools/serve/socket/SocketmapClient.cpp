@@ -58,8 +58,8 @@ int s_familyOf(const ListenAddress& address) {
 }  // namespace
 
 SocketmapClient::SocketmapClient(const ListenAddress& address) : m_name(s_nameOf(address)) {
-  if (address.isLineProtocol) {
-    throw Tool::Failure(Tool::ExitCode::Usage, "--from", "it is an address of the line protocol",
+  if (address.protocol != Protocol::Netstrings) {
+    throw Tool::Failure(Tool::ExitCode::Usage, "--from", "it is an address of another protocol",
                         "name a socket of the service that begins with unix: or inet:");
   }
   m_descriptor = socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0);

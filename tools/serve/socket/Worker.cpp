@@ -59,11 +59,10 @@ Worker::~Worker() {
   m_thread.join();
 }
 
-void Worker::take(int descriptor, bool isLineProtocol, bool isOneTooMany) {
+void Worker::take(int descriptor, Protocol protocol, bool isOneTooMany) {
   ++m_count;
-  m_inbox->post([this, descriptor, isLineProtocol, isOneTooMany] {
-    open(descriptor, isLineProtocol, isOneTooMany);
-  });
+  m_inbox->post(
+      [this, descriptor, protocol, isOneTooMany] { open(descriptor, protocol, isOneTooMany); });
 }
 
 void Worker::drain() {
@@ -95,8 +94,8 @@ void Worker::Inbox::runTasks() {
   for (const std::function<void()>& task : tasks) task();
 }
 
-void Worker::open(int descriptor, bool isLineProtocol, bool isOneTooMany) {
-  Peer& added = m_peers.emplace_back(descriptor, isLineProtocol, m_shared, [this] {
+void Worker::open(int descriptor, Protocol protocol, bool isOneTooMany) {
+  Peer& added = m_peers.emplace_back(descriptor, protocol, m_shared, [this] {
     --m_count;
     m_closed();
   });

@@ -38,7 +38,7 @@ class Worker {
 
   // Takes over the socket `descriptor` of a connection. With `isOneTooMany` the connection that was
   // not used for longest is closed in its place; if all are busy, the new one.
-  void take(int descriptor, bool isLineProtocol, bool isOneTooMany = false);
+  void take(int descriptor, Protocol protocol, bool isOneTooMany = false);
   // Has each connection answer what it was asked, then closes it.
   void drain();
   // Asks the thread for a sign of life. True if it has given the last one.
@@ -75,7 +75,7 @@ class Worker {
     Guarded<std::vector<std::function<void()>>> m_tasks;
   };
 
-  void open(int descriptor, bool isLineProtocol, bool isOneTooMany);
+  void open(int descriptor, Protocol protocol, bool isOneTooMany);
   void run();
   void sweep();
 
