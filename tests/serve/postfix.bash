@@ -168,7 +168,8 @@ reply
 END
 }
 
-# The settings of the document, and those that keep this instance to itself.
+# The settings of the document, those that keep this instance to itself, and those that the command
+# $POSTFIX_MORE prints.
 main_cf() {
   sed -n '/^```main.cf$/,/^```$/{/^```/!p}' "$POSTFIX_DOCUMENT" |
     sed "s|/run/tsl-address-map/socketmap|$SOCKET|"
@@ -201,6 +202,7 @@ minimal_backoff_time = 1s
 maximal_backoff_time = 1s
 transport_retry_time = 1s
 END
+  ${POSTFIX_MORE:-:}
 }
 
 start_master() {
