@@ -29,6 +29,7 @@
 #include "Processes.h"
 #include "Rounds.h"
 #include "database/Connection.h"
+#include "serve/answer/Lookup.h"
 #include "serve/image/Table.h"
 #include "tables/TextRows.h"
 
@@ -424,6 +425,18 @@ void serveImage(benchmark::State& state) {
           timed(Clock::Everyone, bare));
 }
 
+Serve::RowSource s_aliases(int rows) {
+  return [rows](const Serve::TakeRow& take) {
+    for (int i = 0; i < rows; ++i) {
+      std::string members;
+      for (const std::string& member : aliasMembers(i)) {
+        members += (members.empty() ? "" : ",") + member;
+      }
+      take(aliasName(i), members);
+    }
+  };
+}
+
 // The resident memory that an image takes, in MB, and what it takes when all of it has been asked.
 void serveMemory(benchmark::State& state) {
   const int rows = s_huge * sizes().rows;
@@ -435,15 +448,7 @@ void serveMemory(benchmark::State& state) {
   };
   for (auto _ : state) {
     const double before = resident();
-    const Serve::TableImage image(Serve::TableKind::Alias, [rows](const Serve::TakeRow& take) {
-      for (int i = 0; i < rows; ++i) {
-        std::string members;
-        for (const std::string& member : aliasMembers(i)) {
-          members += (members.empty() ? "" : ",") + member;
-        }
-        take(aliasName(i), members);
-      }
-    });
+    const Serve::TableImage image(Serve::TableKind::Alias, s_aliases(rows));
     const double built = resident();
     for (int i = 0; i < rows; ++i) {
       benchmark::DoNotOptimize(image.alias().expand(aliasName(i)));
@@ -451,6 +456,53 @@ void serveMemory(benchmark::State& state) {
     measured("image of ten times the rows, memory", built - before, "MB", 600);
     measured("the same when all of it was asked for", resident() - before, "MB", 600);
   }
+}
+
+// A rule for each tenth of `rows` aliases.
+Serve::RowSource s_rules(int rows) {
+  return [rows](const Serve::TakeRow& take) {
+    for (int i = 0; i < rows; i += 10) {
+      const char* const writers = i % 20 == 0 ? "members" : "authenticated";
+      take("alias " + aliasName(i), std::string(writers) + "\t\t" + aliasMembers(i)[0] + "\t");
+    }
+  };
+}
+
+// A question about a policy against a lookup in the map of aliases, in one process; and the memory
+// of the rules against that of the aliases.
+void servePolicy(benchmark::State& state) {
+  const int rows = s_huge * sizes().rows;
+  const Serve::Settings settings;
+  Serve::Tables tables(settings);
+  const auto publish = [&tables](const char* name, const Serve::RowSource& source) {
+    const Serve::TablePointer table = tables.add(name);
+    table->publish(std::make_shared<const Serve::TableImage>(table->kind(), source));
+    table->confirm(Serve::Clock::now() + std::chrono::hours(1));
+    return static_cast<double>(table->image()->bytes());
+  };
+  publish("mask", [](const Serve::TakeRow& /*take*/) {});
+  const double aliases = publish("alias", s_aliases(rows));
+  const double rules = publish("rules", s_rules(rows));
+  measured("images with a rule for a tenth of the aliases / without", (aliases + rules) / aliases,
+           "", 1.2);
+  Serve::Metrics metrics;
+  Serve::Log log(Serve::LogLevel::Error);
+  Serve::Lookup lookup(settings, tables, metrics, log);
+  const OneCore pinned;
+  // The first time an address is asked for, and when its answer is kept.
+  const auto some = static_cast<std::size_t>(state.range(0) == 0 ? rows : std::min(rows, 1000));
+  const auto name = [some](std::size_t i) { return aliasName(static_cast<int>(i * 7919 % some)); };
+  const std::string login = aliasMembers(0)[0];
+  const auto ours = [&](std::size_t i) {
+    const std::string recipient = name(i);
+    require(lookup.action({"smtpd_access_policy", "RCPT", recipient, login, "192.0.2.1", ""}) !=
+            nullptr);
+  };
+  const auto bare = [&](std::size_t i) { require(lookup.reply("alias " + name(i)) != nullptr); };
+  const char* const title = state.range(0) == 0
+                                ? "policy question / lookup of an alias, time, first time"
+                                : "policy question / lookup of an alias, time, again";
+  compare(state, {title, 1.5}, timed(Clock::Own, ours), timed(Clock::Own, bare));
 }
 
 BENCHMARK_CAPTURE(serveLoad, time1, 1, false)->Apply(inRounds);
@@ -461,6 +513,7 @@ BENCHMARK(servePostmapConstant)->Apply(inRounds);
 BENCHMARK(servePostmapDatabase)->Apply(inRounds);
 BENCHMARK(serveImage)->Apply(inRounds);
 BENCHMARK(serveMemory)->Iterations(1);
+BENCHMARK(servePolicy)->Arg(0)->Arg(1)->Apply(inRounds);
 
 }  // namespace
 }  // namespace Tessel::Bench
