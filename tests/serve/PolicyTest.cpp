@@ -123,6 +123,13 @@ TEST_F(PolicyTest, AMaskLeadsToItsAlias) {
     EXPECT_EQ(ask(recipient, "bob"), s_permitted) << recipient;
   }
   EXPECT_EQ(ask("open@wide.example"), s_permitted);
+  // A mask of a mask, and masks that lead back to themselves.
+  publishRows(*m_tables.find("mask"), {{"members@d.example", "team@out.example"},
+                                       {"team@out.example", "crew@out.example"},
+                                       {"x@out.example", "y@out.example"},
+                                       {"y@out.example", "x@out.example"}});
+  EXPECT_EQ(ask("crew@out.example"), refusal("crew@out.example"));
+  EXPECT_THAT(ask("x@out.example"), StartsWith("DEFER_IF_PERMIT 4.3.0 "));
 }
 
 TEST_F(PolicyTest, TheContextNamesTheTables) {

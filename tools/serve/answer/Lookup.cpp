@@ -69,6 +69,9 @@ std::uint64_t s_sourceOf(Map map) {
   return map == Map::MaskPrivate ? 1 : 0;
 }
 
+// Masks of masks that a mail server follows.
+constexpr int s_mostMasks = 100;
+
 Answer s_defer(const std::string& why) {
   return {Result::Temp, deferAction(why), Validity::Once};
 }
@@ -443,17 +446,22 @@ Answer Lookup::maskAnswerWithoutDisabled(const Route& route, std::string_view te
   return answer;
 }
 
-// The address that the mail server makes of the recipient before it asks for aliases; empty when
-// nobody knows.
+// The address that the mail server makes of the recipient before it asks for aliases: it asks for
+// masks until there are no more. Empty when nobody knows.
 std::string Lookup::privateAddress(const PolicyTables::Context& context,
                                    std::string_view recipient) const {
-  for (const PolicyData::Source& masks : context.masks) {
-    const Answer answer =
-        maskAnswer({Map::MaskPrivate, masks.table, masks.image, masks.generation}, recipient);
-    if (answer.result == Result::Ok) return answer.data;
-    if (answer.result != Result::NotFound) return "";
+  std::string address(recipient);
+  for (int i = 0; i < s_mostMasks; ++i) {
+    Answer answer = Answer::notFound();
+    for (const PolicyData::Source& masks : context.masks) {
+      answer = maskAnswer({Map::MaskPrivate, masks.table, masks.image, masks.generation}, address);
+      if (answer.result != Result::NotFound) break;
+    }
+    if (answer.result == Result::NotFound || answer.data == address) return address;
+    if (answer.result != Result::Ok) return "";
+    address = std::move(answer.data);
   }
-  return std::string(recipient);
+  return "";
 }
 
 // Who may send as the address: a mailbox as itself, an alias as its owners.

@@ -15,7 +15,7 @@ namespace Tessel::Serve {
 namespace {
 
 // Bytes of members that are read for a short effort.
-constexpr std::size_t s_shortEffort = 32768;
+constexpr std::size_t s_shortQuestion = 32768;
 // The longest address in a reply of a mail server, which is a line of 512 bytes.
 constexpr std::size_t s_longestAddress = 200;
 
@@ -23,7 +23,7 @@ constexpr char s_unknown[] =
     "it is not known now who may write to this address: a row, a rule, the users or the login";
 
 // Thrown when an answer takes too long.
-struct TooMuch {};
+struct TooLong {};
 
 // One question. One thread.
 class Question {
@@ -33,7 +33,7 @@ class Question {
       : m_data(data),
         m_settings(settings),
         m_writer(writer),
-        m_left(effort == Effort::Short ? s_shortEffort : std::string_view::npos) {}
+        m_left(effort == Effort::Short ? s_shortQuestion : std::string_view::npos) {}
 
   Verdict judge(const std::string& key) {
     bool isKnown = true;
@@ -80,7 +80,7 @@ class Question {
         isKnown = false;
         continue;
       }
-      if (members->size() > m_left) throw TooMuch();
+      if (members->size() > m_left) throw TooLong();
       m_left -= members->size();
       m_reader.readValue(*members);
       for (const std::string_view member : m_reader.values()) {
@@ -207,7 +207,7 @@ std::optional<Verdict> mayWrite(const PolicyData& data, const Settings& settings
   if (data.rules.image != nullptr && data.rules.image->isOpen()) return Verdict::Permit;
   try {
     return Question(data, settings, writer, effort).judge(key);
-  } catch (const TooMuch&) {
+  } catch (const TooLong&) {
     return std::nullopt;
   }
 }

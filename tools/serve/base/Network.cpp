@@ -28,7 +28,7 @@ std::optional<Bytes> s_address(const std::string& text) {
 }
 
 bool s_bit(const Bytes& bytes, unsigned int number) {
-  return (bytes[number / 8] >> (7 - number % 8) & 1U) != 0;
+  return (unsigned{bytes[number / 8]} >> (7 - number % 8) & 1U) != 0;
 }
 
 bool s_isIn(const Network& network, const Bytes& address) {

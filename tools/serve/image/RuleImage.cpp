@@ -18,7 +18,7 @@ const char* const s_selectRules =
 
 namespace {
 
-constexpr sys_seconds s_never = sys_seconds::max();
+constexpr sys_seconds s_noExpiry = sys_seconds::max();
 
 // The rule of the second column of a row; nothing when it is none.
 std::optional<Tool::AliasRule> s_rule(std::string_view text) {
@@ -39,7 +39,7 @@ RuleImage::RuleImage(const RowSource& source) {
   source([this](std::string_view name, std::string_view text) { take(name, text); });
   m_rows.shrink();
   std::copy_if(m_expires.begin(), m_expires.end(), std::back_inserter(m_expiries),
-               [](sys_seconds time) { return time != s_never; });
+               [](sys_seconds time) { return time != s_noExpiry; });
   std::sort(m_expiries.begin(), m_expiries.end());
   m_expiries.shrink_to_fit();
   if (m_expiries.empty()) m_expires = {};
@@ -61,7 +61,7 @@ void RuleImage::take(std::string_view name, std::string_view text) {
   } else if (m_keys.add(key).isNew) {
     m_rows.add(name, text);
     m_isOpen = m_isOpen && rule->writers == Tool::Writers::Anyone;
-    m_expires.push_back(rule->expires.value_or(s_never));
+    m_expires.push_back(rule->expires.value_or(s_noExpiry));
   } else {
     m_brokenRows.add(name, text, "another rule is of the same address", "");
   }
