@@ -24,7 +24,7 @@ _tsl_address_map_options() {
     history) echo --all-rows --by --since --until ;;
     "history prune") echo --before --dry-run ;;
     undo) echo --dry-run ;;
-    check) echo --as-known --known ;;
+    check) echo --as-known --known --since-history ;;
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;

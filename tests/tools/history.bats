@@ -250,6 +250,32 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   contains "$output" $'alias\t+ a3@example.com:m3@example.com'
 }
 
+@test "check finds what other programs have changed" {
+  tool table create sales
+  tool alias set a@example.com x@example.com
+  tool mask set p@example.com q@example.com
+  tool mask set r@example.com s@example.com
+  tool mask remove r@example.com s@example.com
+  tool --table sales alias set t@example.com x@example.com
+  run -0 tool check --since-history
+  [[ $output != *history* ]]
+  sql "update alias set members='y@example.com'; insert into alias( name, members ) values( 'b@example.com', 'x@example.com' );
+    delete from mask; insert into alias_sales( name, members ) values( 'u@example.com', 'x@example.com' );"
+  run -65 tool check --since-history
+  equal "$(grep history <<<"$output" | cut -f 1-5)" "$(printf '%s\t%s\t%s\t%s\t%s\n' \
+    warning unrecorded-change alias a@example.com "it was changed by another program: the table has 'y@example.com', the history 'x@example.com'" \
+    notice not-in-history alias '' '1 rows are not in the history, which begins later' \
+    warning unrecorded-change alias_sales u@example.com "it was changed by another program: the table has 'x@example.com', the history no such row" \
+    warning unrecorded-change mask p@example.com "it was changed by another program: the table has no such row, the history 'q@example.com'")"
+  run -65 tool check --since-history --table sales
+  equal "$(grep -c unrecorded <<<"$output")" 1
+  run -0 tool check
+  tool table drop sales --yes
+  tool table create sales
+  run -0 tool check --since-history --table sales
+  tool table drop sales --yes
+}
+
 @test "prune removes what is old, and records that" {
   tool alias set a@example.com x@example.com
   sql "update history set at='2026-01-02 03:04:05'"

@@ -10,6 +10,7 @@
 #include "check/AliasCheck.h"
 #include "check/DomainCheck.h"
 #include "check/Findings.h"
+#include "check/HistoryCheck.h"
 #include "check/KnownFindings.h"
 #include "check/MaskCheck.h"
 #include "cli/Command.h"
@@ -17,6 +18,7 @@
 #include "tables/AliasTable.h"
 #include "tables/MailUsers.h"
 #include "tables/MaskTable.h"
+#include "tables/OwnTables.h"
 #include "tables/Schema.h"
 #include "tables/SpellingSearch.h"
 #include "tables/TableNames.h"
@@ -68,6 +70,7 @@ const std::vector<const char*> s_maskColumns{"private", "public"};
 struct CheckArguments {
   std::optional<std::string> known;
   bool asKnown = false;
+  bool sinceHistory = false;
 };
 
 class Check {
@@ -79,7 +82,8 @@ class Check {
         m_known(known),
         m_findings(session.output(), known, style) {}
 
-  ExitCode run() {
+  // With `sinceHistory`, also compares the rows with the history.
+  ExitCode run(bool sinceHistory) {
     const Schema schema = lookAtSchema(m_connection);
     if (!schema.present) {
       throw Failure(ExitCode::Configuration, "checking the tables",
@@ -113,6 +117,11 @@ class Check {
     }
     if (name.empty()) checkDomains(m_users, m_findings);
     if (m_users.failure()) addConfiguration();
+    if (sinceHistory) {
+      if (name.empty() && schema.tables.contains(s_rules)) m_readable.emplace_back(s_rules);
+      m_progress.begin("comparing with the history", "rows");
+      checkHistory(m_connection, m_readable, m_findings);
+    }
     m_progress.end();
     m_findings.end();
     // Without the configuration, some findings are not made.
@@ -153,6 +162,7 @@ class Check {
     if (kind != Kind::Alias && kind != Kind::Mask) return;
     m_progress.begin("checking " + table, "rows");
     if (!checkSchema(table, kind == Kind::Mask)) return;
+    m_readable.push_back(table);
     const std::uint64_t rows =
         kind == Kind::Mask ? checkMaskTable(m_connection, table, m_aliasTables, m_users, m_findings,
                                             m_progress.counter())
@@ -214,6 +224,7 @@ class Check {
   Database::Connection m_connection;
   MailUsers m_users;
   std::vector<std::string> m_aliasTables;
+  std::vector<std::string> m_readable;  // The tables that were checked.
   KnownFindings* m_known;
   Findings m_findings;
   Progress m_progress;
@@ -227,7 +238,7 @@ ExitCode s_check(Session& session, const CheckArguments& arguments) {
   if (arguments.known) known.emplace(*arguments.known);
   return Check(session, known ? &*known : nullptr,
                arguments.asKnown ? FindingStyle::Known : FindingStyle::Whole)
-      .run();
+      .run(arguments.sinceHistory);
 }
 
 }  // namespace
@@ -249,6 +260,8 @@ void addCheckCommand(Command& top) {
   check.option("--known", arguments->known, "FILE",
                "Do not print findings of the file, which do not count either; its lines are"
                " FINDING TABLE ADDRESS # NOTE");
+  check.flag("--since-history", arguments->sinceHistory,
+             "Also find rows that are not as the history has them: changes by other programs");
   check.flag("--as-known", arguments->asKnown,
              "Print findings as lines for such a file; add a note to each");
 }
