@@ -23,7 +23,7 @@ _tsl_address_map_options() {
     init) echo --dry-run --force ;;
     history) echo --all-rows --by --since --until ;;
     "history prune") echo --before --dry-run ;;
-    undo) echo --dry-run ;;
+    undo) echo --allow-cycle --dry-run ;;
     check) echo --as-known --known --since-history ;;
     answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;

@@ -230,6 +230,19 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   contains "$output" "another row has an address that would come back"
 }
 
+@test "undo makes no alias loop with rows that have changed since" {
+  tool alias set a@example.com b@example.com
+  tool alias set a@example.com x@example.com
+  local change
+  change=$(last)
+  tool alias set b@example.com a@example.com
+  run -65 tool undo "$change"
+  contains "$output" "alias a@example.com: it would lead back to itself: a@example.com -> b@example.com -> a@example.com"
+  equal "$(sql "select members from alias where name='a@example.com'")" x@example.com
+  run -0 tool undo "$change" --allow-cycle
+  equal "$(sql "select members from alias where name='a@example.com'")" b@example.com
+}
+
 @test "diff shows the rows that are not as they were" {
   numbered 1 3 m | tool alias import -
   sleep 1.1

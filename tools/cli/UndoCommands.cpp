@@ -17,9 +17,11 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "database/Connection.h"
+#include "tables/AliasChange.h"
 #include "tables/HistoryReader.h"
 #include "tables/HistoryRows.h"
 #include "tables/Retry.h"
+#include "tables/TableFormat.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
 
@@ -39,6 +41,7 @@ struct DiffArguments {
 
 struct UndoArguments {
   std::vector<std::string> numbers;
+  bool allowCycle = false;
   bool dryRun = false;
 };
 
@@ -248,9 +251,51 @@ std::vector<RowChange> s_backOf(Database::Connection& connection, const std::str
   return back;
 }
 
+// Refuses `rows`, which are about to be written into the alias table `table`, when one that comes
+// back leads to itself by others that have changed since, unless `allowCycle`. Throws Failure,
+// `BadData`.
+void s_refuseLoops(Database::Connection& connection, const std::string& table,
+                   const std::vector<RowChange>& rows, bool allowCycle) {
+  std::map<std::string, const RowChange*> byName;
+  std::vector<TableEntry> entries;
+  std::vector<const RowChange*> written;
+  RowReader reader(TableKind::Alias);
+  for (const RowChange& row : rows) {
+    byName.emplace(row.name, &row);
+    TableEntry entry;
+    if (!row.after || readEntry(reader, row.name, *row.after, entry)) continue;
+    entries.push_back(std::move(entry));
+    written.push_back(&row);
+  }
+  AliasChange change;
+  for (const TableEntry& entry : entries) change.write(entry);
+  for (std::size_t i = 0; i < written.size(); ++i) {
+    if (written[i]->before) change.setBefore(i, *written[i]->before);
+  }
+  forEachRow(connection, table, [&](const std::string& name, const std::string& text) {
+    const auto found = byName.find(name);
+    if (found == byName.end()) {
+      change.keep(name, text);
+    } else if (!found->second->after) {
+      change.remove(name, text);
+    }
+  });
+  for (const AliasLoop& loop : change.loops()) {
+    if (!loop.isNew) continue;
+    const std::string why = "it would lead back to itself: " + textOf(loop.path);
+    if (!allowCycle) {
+      throw Failure(ExitCode::BadData, "alias " + entries[loop.row].key.address(), why,
+                    "nothing was changed; give --allow-cycle if that is wanted");
+    }
+    say("warning: alias " + entries[loop.row].key.address() + ": " + why);
+  }
+}
+
 // Takes the changes back in one transaction. Returns what becomes of the rows.
 std::vector<RowChange> s_undoOnce(Database::Connection& connection,
-                                  const std::vector<std::uint64_t>& numbers, bool dryRun) {
+                                  const std::vector<std::uint64_t>& numbers,
+                                  const UndoArguments& arguments) {
+  const bool dryRun = arguments.dryRun;
   RecordedChange change(connection);
   HistoryReader reader(connection);
   Conflicts conflicts;
@@ -261,7 +306,13 @@ std::vector<RowChange> s_undoOnce(Database::Connection& connection,
   conflicts.refuse();
   std::vector<RowChange> all;
   for (std::vector<RowChange>& rows : tables) {
-    if (!dryRun && !rows.empty()) writeRows(connection, rows.front().table, rows);
+    if (rows.empty()) continue;
+    const std::string table = rows.front().table;
+    const auto known = readTableName(table);
+    if (known && known->kind == TableKind::Alias) {
+      s_refuseLoops(connection, table, rows, arguments.allowCycle);
+    }
+    if (!dryRun) writeRows(connection, table, rows);
     for (RowChange& row : rows) {
       if (!dryRun) change.note(row);
       all.push_back(std::move(row));
@@ -276,7 +327,7 @@ ExitCode s_undo(Session& session, const UndoArguments& arguments) {
   session.tellTarget();
   Database::Connection connection{std::string(s_database)};
   const std::vector<RowChange> rows =
-      retryLost([&] { return s_undoOnce(connection, numbers, arguments.dryRun); });
+      retryLost([&] { return s_undoOnce(connection, numbers, arguments); });
   const auto count = [&rows](auto is) { return std::count_if(rows.begin(), rows.end(), is); };
   const auto added = count([](const RowChange& row) { return !row.before; });
   const auto removed = count([](const RowChange& row) { return !row.after; });
@@ -330,6 +381,8 @@ void addUndoCommand(Command& top) {
       " --dry-run also \"rows\".\n",
       Preparation::Database, withArguments(s_undo, arguments));
   undo.arguments("NUMBER", arguments->numbers, "The number of a change, as 'history' shows it");
+  undo.flag("--allow-cycle", arguments->allowCycle,
+            "Also when aliases then lead back to themselves by rows that have changed since");
   addDryRun(undo, arguments->dryRun);
 }
 
