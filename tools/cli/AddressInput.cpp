@@ -114,20 +114,23 @@ std::string parseDomain(const std::string& text) {
 }
 
 std::string parsePastTime(const std::string& name, const std::string& text) {
-  using namespace std::chrono;
-  const sys_seconds now = floor<seconds>(system_clock::now());
+  namespace chrono = std::chrono;
+  using chrono::days;
+  const chrono::sys_seconds now = chrono::floor<chrono::seconds>(chrono::system_clock::now());
   if (const auto time = parseTime(text)) return timeText(*time);
-  if (text == "today") return timeText(floor<days>(now));
-  if (text == "yesterday") return timeText(floor<days>(now) - days(1));
-  const std::map<char, seconds> units{
-      {'s', seconds(1)}, {'m', minutes(1)}, {'h', hours(1)}, {'d', days(1)}, {'w', weeks(1)}};
+  if (text == "today") return timeText(chrono::floor<days>(now));
+  if (text == "yesterday") return timeText(chrono::floor<days>(now) - days(1));
+  const std::map<char, chrono::seconds> units{{'s', chrono::seconds(1)},
+                                              {'m', chrono::minutes(1)},
+                                              {'h', chrono::hours(1)},
+                                              {'d', days(1)},
+                                              {'w', chrono::weeks(1)}};
   std::uint32_t count = 0;
   const char* const last = text.data() + text.size();
   const auto [end, error] = std::from_chars(text.data(), last, count);
   if (error == std::errc() && end + 1 == last && units.contains(*end)) {
-    // A server has no times before the year 1000.
-    return timeText(
-        std::max(now - count * units.at(*end), sys_seconds(sys_days(year(1970) / 1 / 1))));
+    // Years have no more than four digits, and no sign.
+    return timeText(std::max(now - count * units.at(*end), chrono::sys_seconds()));
   }
   throw Failure(ExitCode::Usage, name + " '" + text + "'", "it is not a time",
                 "write it in UTC like '2026-12-31 23:59:59' or 2026-12-31, or as today, yesterday,"

@@ -101,7 +101,9 @@ class HistoryList {
       m_reader.forEachRow(records.front().number, last, [&](std::uint64_t number, RowChange row) {
         for (; record != records.end() && record->number < number; ++record) flush(*record);
         const bool isWanted = record != records.end() && record->number == number;
-        if (isWanted && matches(row)) m_rows[row.table].add(std::move(row), m_showsAll);
+        if (!isWanted || !matches(row)) return;
+        Rows& rows = m_rows[row.table];
+        rows.add(std::move(row), m_showsAll);
       });
       for (; record != records.end(); ++record) flush(*record);
     }
