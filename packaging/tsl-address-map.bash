@@ -25,7 +25,7 @@ _tsl_address_map_options() {
     "history prune") echo --before --dry-run ;;
     undo) echo --allow-cycle --dry-run ;;
     check) echo --as-known --known --since-history ;;
-    answer) echo --delimiter --extension --from --leave-out-disabled --local-names ;;
+    answer) echo --as --delimiter --extension --from --leave-out-disabled --local-names --login-domain ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;

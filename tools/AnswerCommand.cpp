@@ -29,6 +29,9 @@ using Tool::printable;
 
 const Settings s_default;
 
+// The login of who has not logged in.
+constexpr char s_nobody[] = "-";
+
 struct Arguments {
   std::vector<std::string> addresses;
   std::string from;
@@ -36,6 +39,14 @@ struct Arguments {
   std::string delimiter = s_default.delimiter;
   bool localNames = false;
   bool leaveOutDisabled = false;
+  std::string login;
+  std::string loginDomain;
+};
+
+// Whether somebody may write to an address, and who may send as it.
+struct Permission {
+  std::string action;
+  std::string logins;
 };
 
 Settings s_settings(const Arguments& arguments) {
@@ -44,6 +55,7 @@ Settings s_settings(const Arguments& arguments) {
   settings.delimiter = arguments.delimiter;
   settings.localNames = arguments.localNames;
   settings.leaveOutDisabled = arguments.leaveOutDisabled;
+  settings.loginDomain = arguments.loginDomain;
   // Without pages: nobody waits for a reply that is too long.
   settings.page = std::numeric_limits<std::size_t>::max();
   settings.maxReply = std::numeric_limits<std::size_t>::max();
@@ -65,11 +77,30 @@ ExitCode s_codeOf(Fate fate) {
   return fate == Fate::Refused ? ExitCode::NotFound : ExitCode::Done;
 }
 
+ExitCode s_codeOf(const Permission& permission) {
+  if (permission.action.starts_with("DEFER")) return ExitCode::Unavailable;
+  return permission.action.starts_with("REJECT") ? ExitCode::NotFound : ExitCode::Done;
+}
+
 Json s_orNull(const std::string& text) {
   return text.empty() ? Json() : Json(text);
 }
 
-Json s_jsonOf(const std::string& address, const MailPath& path) {
+Permission s_permissionOf(DatabaseLookup& database, const std::string& address,
+                          const std::string& table, const std::string& login) {
+  const std::string map = table.empty() ? "sender_login" : "sender_login." + table;
+  return {database.action(address, login == s_nobody ? "" : login), database.ask(map, address)};
+}
+
+void s_write(Tool::Output& output, const std::string& address, const Permission& permission) {
+  output.line("policy\t" + printable(address) + "\t" + printable(permission.action));
+  const std::size_t end = permission.logins.find_last_not_of(' ');
+  output.line("sender_login\t" + printable(address) + "\t" +
+              printable(permission.logins.substr(0, end + 1)));
+}
+
+Json s_jsonOf(const std::string& address, const MailPath& path,
+              const std::optional<Permission>& permission) {
   Json steps = Json::array();
   for (const MailStep& step : path.steps) {
     const std::size_t blank = step.reply.find(' ');
@@ -85,10 +116,14 @@ Json s_jsonOf(const std::string& address, const MailPath& path) {
                               {"fate", textOf(recipient.fate)},
                               {"base", s_orNull(recipient.base)}});
   }
-  return Json{{"address", address},
-              {"fate", textOf(path.fate)},
-              {"steps", steps},
-              {"recipients", recipients}};
+  Json json{{"address", address},
+            {"fate", textOf(path.fate)},
+            {"steps", steps},
+            {"recipients", recipients}};
+  if (!permission) return json;
+  json["policy"] = permission->action;
+  json["sender_login"] = permission->logins;
+  return json;
 }
 
 // The step from an address to the one without its tag, if there is one.
@@ -150,6 +185,10 @@ ExitCode s_answer(Tool::Session& session, const Arguments& arguments) {
   const bool hasTags = settings.extension != ExtensionRule::Off;
   const std::string delimiters = hasTags ? settings.delimiter : "";
   const std::string table = session.tableName();
+  if (!arguments.login.empty() && !arguments.from.empty()) {
+    throw Failure(ExitCode::Usage, "--as", "a service says only to mail servers who may write",
+                  "leave out --from: the database has the rules");
+  }
   std::optional<SocketmapClient> service;
   if (!arguments.from.empty()) service.emplace(s_service(arguments.from));
   const auto database = s_database(settings, table, !service);
@@ -161,11 +200,19 @@ ExitCode s_answer(Tool::Session& session, const Arguments& arguments) {
   const ExitCode read = Tool::forEachAddress(arguments.addresses, [&](const EmailAddress& address) {
     const MailPath path = mailPathOf(address.address(), table, delimiters, ask);
     worst = std::max(worst, s_codeOf(path.fate));
+    std::optional<Permission> permission;
+    if (!arguments.login.empty()) {
+      permission = s_permissionOf(*database, address.address(), table, arguments.login);
+      worst = std::max(worst, s_codeOf(*permission));
+    }
     if (service && database != nullptr) {
       s_compare(address.address(), path, *database, table, delimiters);
     }
-    if (!session.isJson()) return s_write(session.output(), path);
-    list.add("", [&] { return s_jsonOf(address.address(), path); });
+    if (session.isJson()) {
+      return list.add("", [&] { return s_jsonOf(address.address(), path, permission); });
+    }
+    s_write(session.output(), path);
+    if (permission) s_write(session.output(), address.address(), *permission);
   });
   list.end();
   return std::max(read, worst);
@@ -180,6 +227,7 @@ void addAnswerCommand(Tool::Command& top) {
       "  tsl-address-map answer team+news@example.com\n"
       "  tsl-address-map answer ann@example.com --from unix:/run/tsl-address-map/socketmap\n"
       "  tsl-address-map answer - --json <addresses.txt\n"
+      "  tsl-address-map answer team@example.com --as ann@example.com\n"
       "One line per lookup, as the service answers it: MAP<TAB>KEY<TAB>REPLY; then"
       " recipient<TAB>ADDRESS<TAB>FATE, the\nfate being mailbox, elsewhere (another host), refused"
       " (no such user) or waits (a lookup fails now). A line tag\nsays that user+tag was not found,"
@@ -192,6 +240,10 @@ void addAnswerCommand(Tool::Command& top) {
   answer.option("--from", arguments->from, "SOCKET",
                 "Ask the service that listens here, unix:/PATH or inet:HOST:PORT, and report where"
                 " the database differs");
+  answer.option("--as", arguments->login, "LOGIN",
+                "Also show whether this login may write to the address, or - for who has not"
+                " logged in, and who may send as the address");
+  answer.option("--login-domain", arguments->loginDomain, "DOMAIN", "As the service has it");
   answer.option("--extension", arguments->extension, "RULE",
                 "As the service has it: 'keep' the tag of user+tag, 'drop' it, or 'off'");
   answer.option("--delimiter", arguments->delimiter, "TEXT", "As the service has it");

@@ -170,6 +170,20 @@ tsl-address-map:   by the database: ann@users.example, refused"
   contains "$stderr" "warning: the configuration cannot be read: "
 }
 
+@test "answer shows who may write to an address, and who may send as it" {
+  tool alias set closed@example.com bob@far.example
+  sql "insert into rules values ('alias', 'closed@example.com', 'members', '', 'ann@users.example', null, '', '')"
+  run -1 tool answer closed@example.com --as - 2>/dev/null
+  contains "$output" $'policy\tclosed@example.com\tREJECT 5.7.1 only some people may write to closed@example.com
+sender_login\tclosed@example.com\tOK ann@users.example'
+  run -0 tool answer closed@example.com --as bob --login-domain far.example --json
+  contains "$output" '"policy":"DUNNO","sender_login":"OK ann@users.example"'
+  run -64 --separate-stderr tool answer closed@example.com --as - --from "unix:$socket"
+  contains "$stderr" "leave out --from"
+  sql 'delete from rules'
+  tool alias remove closed@example.com
+}
+
 @test "the tool says what the service answers where the library finds another mask" {
   local request map address reply
   tool mask set ann@inner.example a.smith@out.example

@@ -46,7 +46,9 @@ void s_publishRules(Tables& tables, Database::Connection& connection) try {
 }  // namespace
 
 DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name)
-    : m_tables(settings), m_lookup(settings, m_tables, m_metrics, m_log) {
+    : m_tables(settings),
+      m_lookup(settings, m_tables, m_metrics, m_log),
+      m_context(name.empty() ? "alias" : "alias." + name) {
   Database::Connection connection{std::string(Tool::s_database)};
   for (const TableKind kind : {TableKind::Alias, TableKind::Mask}) {
     const Tool::TableFormat& format =
@@ -63,6 +65,10 @@ DatabaseLookup::DatabaseLookup(const Settings& settings, const std::string& name
   } catch (const std::exception& exception) {
     m_fault = exception.what();
   }
+}
+
+std::string DatabaseLookup::action(const std::string& recipient, const std::string& login) {
+  return *m_lookup.action({"smtpd_access_policy", "RCPT", recipient, login, "", m_context});
 }
 
 std::string DatabaseLookup::ask(const std::string& map, const std::string& key) {

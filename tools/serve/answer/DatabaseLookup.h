@@ -21,6 +21,8 @@ class DatabaseLookup {
 
   // The reply to a request. Why nothing can be said is `TEMP`, too.
   std::string ask(const std::string& map, const std::string& key);
+  // The action for mail of `login` to `recipient`, as for a host that is not trusted.
+  std::string action(const std::string& recipient, const std::string& login);
   // Why the configuration cannot be read; empty when it can.
   [[nodiscard]] const std::string& configurationFault() const { return m_fault; }
 
@@ -29,6 +31,7 @@ class DatabaseLookup {
   Metrics m_metrics;
   Tables m_tables;
   Lookup m_lookup;
+  const std::string m_context;  // Of policies: the map of aliases.
   std::string m_fault;
 };
 
