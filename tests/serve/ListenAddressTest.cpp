@@ -110,7 +110,7 @@ std::string s_example(const std::string& value) {
   }
   if (value.starts_with("inet:")) return "write inet:127.0.0.1:8025, or inet:[::1]:8025";
   return "write unix:/run/tsl/map.sock or inet:127.0.0.1:8025; with unix-line: or inet-line: it "
-         "speaks the line protocol";
+         "speaks the line protocol, with policy:unix: or policy:inet: that of Postfix's policies";
 }
 
 constexpr const char s_relative[] =

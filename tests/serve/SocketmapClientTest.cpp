@@ -105,7 +105,7 @@ TEST_F(SocketmapClientTest, RefusesTheLineProtocol) {
   ListenAddress lines = m_address;
   lines.protocol = Protocol::Lines;
   EXPECT_EQ(failureOf(ExitCode::Usage, [&] { const SocketmapClient client(lines); }),
-            "--from: it is an address of the line protocol; name a socket of the service that "
+            "--from: it is an address of another protocol; name a socket of the service that "
             "begins with unix: or inet:");
 }
 

@@ -84,10 +84,8 @@ class Question {
       m_left -= members->size();
       m_reader.readValue(*members);
       for (const std::string_view member : m_reader.values()) {
-        if (!Tool::addressKey(member, memberKey)) {
-          if (visitFinal(member)) return true;
-        } else if (memberKey == address) {
-          // An alias that names itself is delivered to as well.
+        // An alias that names itself is delivered to as well.
+        if (!Tool::addressKey(member, memberKey) || memberKey == address) {
           if (visitFinal(member)) return true;
         } else if (visited.insert(memberKey).second) {
           next.push_back(memberKey);
