@@ -147,6 +147,33 @@ TEST_F(PeerTest, PoliciesAreAnsweredByActionsInOrderAndTheConnectionStays) {
   }
 }
 
+TEST_F(PeerTest, APolicyThatTakesLongDelaysNobodyElseAndIsKept) {
+  std::string members = "ann@far.example";
+  for (int i = 0; i < 5000; ++i) members += ",m" + std::to_string(i) + "@far.example";
+  serve({{"list@d.example", members}, {name(1), "x@d.example"}});
+  publishRows(*tables().add("mask"), {});
+  publishRows(*tables().add("rules"), {{"alias list@d.example", "members\t\t\t"}});
+  const auto ask = [](Client& client, const std::string& login, const std::string& recipient) {
+    client.send("request=smtpd_access_policy\nrecipient=" + recipient + "\nsasl_username=" + login +
+                "\n\n");
+  };
+  const auto client = connect(Protocol::Policy);
+  const auto other = connect(Protocol::Policy);
+  for (int i = 0; i < 2; ++i) {
+    for (const auto& [login, action] :
+         {std::pair("ann@far.example", "action=DUNNO"),
+          std::pair("eve@far.example",
+                    "action=REJECT 5.7.1 only some people may write to list@d.example")}) {
+      ask(*client, login, "list@d.example");
+      ask(*other, login, name(1));
+      EXPECT_EQ(other->line() + other->line(), "action=DUNNO");
+      EXPECT_EQ(client->line() + client->line(), action);
+    }
+  }
+  EXPECT_TRUE(counts("cache_hits_total 4"));
+  EXPECT_TRUE(counts("requests_total{map=\"policy\",result=\"refused\"} 2"));
+}
+
 TEST_F(PeerTest, WhatIsNoPolicyRequestMakesMailWaitAndEndsTheConnection) {
   m_settings.maxRequest = 5000;
   const std::vector<std::pair<std::string, std::string>> wrong = {

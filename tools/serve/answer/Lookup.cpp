@@ -536,12 +536,12 @@ std::optional<Answer> Lookup::policy(const PolicyTables::Context& context,
   asked.append(writer.isTrusted ? "\n+" : "\n-").append(request.login);
   asked.append("\n").append(request.context);
   const AnswerCache::Source source{s_policySource, context.number};
+  const Job job{source.table, asked};
+  if (const Answer* const made = madeOf(job)) return *made;
   if (const AnswerCache::Entry* const known = m_cache.find(source, asked, now)) {
     m_metrics.cacheHit();
     return Answer{known->result(), std::string(known->reply()), Validity::Image};
   }
-  const Job job{source.table, asked};
-  if (const Answer* const made = madeOf(job)) return *made;
   std::string key;
   if (!Tool::addressKey(request.recipient, key)) return s_noPolicy(request.recipient);
   const std::string address = privateAddress(context, key);
