@@ -27,6 +27,7 @@
 #include "serve/image/Table.h"
 #include "serve/socket/Netstring.h"
 #include "serve/socket/Peer.h"
+#include "serve/socket/PolicyFrame.h"
 
 using Tessel::Fuzz::asText;
 using Tessel::Fuzz::require;
@@ -34,13 +35,16 @@ using Tessel::Fuzz::Variable;
 using Tessel::Serve::Answer;
 using Tessel::Serve::appendNetstring;
 using Tessel::Serve::Clock;
+using Tessel::Serve::deferAction;
 using Tessel::Serve::Log;
 using Tessel::Serve::LogLevel;
 using Tessel::Serve::Lookup;
 using Tessel::Serve::Metrics;
 using Tessel::Serve::NetstringFrame;
 using Tessel::Serve::parseNetstring;
+using Tessel::Serve::parsePolicyFrame;
 using Tessel::Serve::Peer;
+using Tessel::Serve::PolicyFrame;
 using Tessel::Serve::Protocol;
 using Tessel::Serve::Settings;
 using Tessel::Serve::TableImage;
@@ -73,6 +77,12 @@ class Service {
       take("big@d", members + "m@d");
     }));
     table->confirm(Clock::now());
+    const auto rules = tables.add("rules");
+    rules->publish(std::make_shared<const TableImage>(rules->kind(), [](const TakeRow& take) {
+      take("alias a@d", "authenticated\t\t\t");
+      take("alias bad@d", "no rule");
+    }));
+    rules->confirm(Clock::now());
   }
 
   Settings settings;
@@ -89,7 +99,7 @@ class Service {
 struct Manner {
   enum class End { Silence, NoMore, Drain, Gone };
 
-  bool isLineProtocol = false;
+  Protocol protocol = Protocol::Netstrings;
   std::string_view pieces;  // A size each, and what happens behind it; empty for all at once.
   End end = End::Silence;
 };
@@ -104,7 +114,7 @@ struct Received {
 // A connection, with what a worker does for it.
 class Connection {
  public:
-  Connection(Service& service, bool isLineProtocol)
+  Connection(Service& service, Protocol protocol)
       : m_shared{service.settings,
                  service.lookup,
                  service.metrics,
@@ -118,9 +128,7 @@ class Connection {
     const int little = 1;
     setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &little, sizeof(little));
     m_client = std::make_unique<Descriptor>(ends[1]);
-    m_peer =
-        std::make_unique<Peer>(ends[0], isLineProtocol ? Protocol::Lines : Protocol::Netstrings,
-                               m_shared, [this] { ++m_closed; });
+    m_peer = std::make_unique<Peer>(ends[0], protocol, m_shared, [this] { ++m_closed; });
     m_peer->start();
     require(m_peer->isOpen(), "a connection begins");
   }
@@ -199,19 +207,29 @@ class Connection {
 };
 
 // What follows from the stream by the words of the protocol.
-Received s_expected(Service& service, bool isLineProtocol, std::string_view stream) {
+Received s_expected(Service& service, Protocol protocol, std::string_view stream) {
   const std::size_t most = service.settings.maxRequest;
   Received all;
   const auto append = [&](std::string_view reply) {
-    if (isLineProtocol) all.bytes.append(reply).append("\n");
-    if (!isLineProtocol) appendNetstring(all.bytes, reply);
+    if (protocol == Protocol::Lines) all.bytes.append(reply).append("\n");
+    if (protocol == Protocol::Netstrings) appendNetstring(all.bytes, reply);
+    if (protocol == Protocol::Policy) all.bytes.append("action=").append(reply).append("\n\n");
   };
   const auto refuse = [&](const char* why) {
-    append(Answer::perm(why).reply());
+    append(protocol == Protocol::Policy ? deferAction(why) : Answer::perm(why).reply());
     all.isAtEnd = true;
   };
   while (!all.isAtEnd && !stream.empty()) {
-    if (isLineProtocol) {
+    if (protocol == Protocol::Policy) {
+      const PolicyFrame frame = parsePolicyFrame(stream, most);
+      if (frame.state == PolicyFrame::State::NeedMore) break;
+      if (frame.state == PolicyFrame::State::TooLong) refuse("the request is too long");
+      if (frame.state == PolicyFrame::State::Malformed) refuse("this is not a policy request");
+      if (frame.state == PolicyFrame::State::Frame) append(*service.lookup.action(frame.request));
+      stream.remove_prefix(frame.consumed);
+      continue;
+    }
+    if (protocol == Protocol::Lines) {
       const std::size_t end = std::min(stream.find('\n'), stream.size());
       if (end > most) {
         refuse("the request is too long");
@@ -236,8 +254,8 @@ Received s_expected(Service& service, bool isLineProtocol, std::string_view stre
 }
 
 void s_check(Service& service, std::string_view stream, const Manner& manner) {
-  const Received expected = s_expected(service, manner.isLineProtocol, stream);
-  Connection connection(service, manner.isLineProtocol);
+  const Received expected = s_expected(service, manner.protocol, stream);
+  Connection connection(service, manner.protocol);
   std::string_view left = stream;
   for (std::size_t i = 0; !left.empty(); ++i) {
     const unsigned piece =
@@ -281,7 +299,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < 6) return 0;
   static Service s_service;
   Manner manner;
-  manner.isLineProtocol = data[0] % 2U != 0;
+  manner.protocol = data[0] % 2U != 0 ? Protocol::Lines : Protocol::Netstrings;
+  if (data[0] / 8U % 2U != 0) manner.protocol = Protocol::Policy;
   const bool isFramed = data[0] / 2U % 2U != 0;
   const bool isRepeated = data[0] / 4U % 2U != 0;
   manner.end = static_cast<Manner::End>(data[1] % 4U);
@@ -289,7 +308,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::string_view rest = asText(data, size).substr(6);
   std::string stream(rest);
-  if (isFramed && !manner.isLineProtocol) {
+  if (isFramed && manner.protocol == Protocol::Netstrings) {
     // Each line as a frame, and what is behind the last one as it is.
     stream.clear();
     for (std::size_t end = 0; (end = rest.find('\n')) != std::string_view::npos;) {
@@ -303,7 +322,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string once = stream;
     for (int i = 0; i < 20; ++i) stream += once;
   }
-  s_check(s_service, stream, {manner.isLineProtocol, {}, manner.end});
+  s_check(s_service, stream, {manner.protocol, {}, manner.end});
   manner.pieces = asText(data, size).substr(2, 4);
   s_check(s_service, stream, manner);
   return 0;
