@@ -29,7 +29,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_noSuchTable = 1146;
 // Rows in the way of `undo` that are named one by one.
 constexpr std::size_t s_mostNamed = 10;
 

@@ -47,6 +47,11 @@ std::string printable(std::string_view text);
 // True when the chain of `exception` has a text in it that is no e-mail address.
 bool isAddressFault(const Exception& exception);
 
+// Numbers of errors of the database server that callers ask for.
+inline constexpr unsigned int s_duplicateEntry = 1062;
+inline constexpr unsigned int s_commandDenied = 1142;
+inline constexpr unsigned int s_noSuchTable = 1146;
+
 // True when the chain of `exception` has error `number` of the database server or its client in it.
 bool isDatabaseError(const Exception& exception, unsigned int number);
 

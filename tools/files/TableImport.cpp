@@ -21,7 +21,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_duplicateEntry = 1062;
 // Of one statement: rows, and bytes unless a single row is longer.
 constexpr std::size_t s_rowsPerStatement = 500;
 constexpr std::size_t s_bytesPerStatement = 256UL * 1024;

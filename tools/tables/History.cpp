@@ -24,10 +24,8 @@ namespace Tessel::Tool {
 namespace {
 
 constexpr unsigned int s_logChange = 0x3000100;
-constexpr unsigned int s_commandDenied = 1142;
-constexpr unsigned int s_noSuchTable = 1146;
 // Of one statement, unless a single row is longer.
-constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
+constexpr std::size_t s_recordBytes = 256UL * 1024;
 // Bytes of a statement without its values.
 constexpr std::size_t s_frame = 1024;
 // With more in one table, rows are packed.
@@ -216,7 +214,7 @@ void RecordedChange::note(RowChange change) {
   m_summary.add(change);
   m_bytes += s_bytesOf(change);
   m_rows.push_back(std::move(change));
-  if (m_bytes > s_bytesPerStatement) writeRows();
+  if (m_bytes > s_recordBytes) writeRows();
 }
 
 void RecordedChange::commit() {
@@ -251,7 +249,7 @@ void RecordedChange::writeRows() {
 // Writes the rows that are waiting, in statements that the server takes.
 void RecordedChange::send() {
   if (m_number == 0) writeHead();
-  const std::size_t most = std::min(s_bytesPerStatement, (m_packet - s_frame) / 2);
+  const std::size_t most = std::min(s_recordBytes, (m_packet - s_frame) / 2);
   for (std::size_t first = 0; first < m_rows.size();) {
     std::size_t bytes = 0;
     std::size_t end = first;

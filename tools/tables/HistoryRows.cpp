@@ -16,9 +16,8 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_duplicateEntry = 1062;
 // Bytes of one statement, unless a single row is longer.
-constexpr std::size_t s_bytesPerStatement = 64UL * 1024;
+constexpr std::size_t s_listBytes = 64UL * 1024;
 
 // How the rows of one kind of table are read and written.
 struct RowKind {
@@ -102,7 +101,7 @@ template <class Send>
 void s_forEachList(const std::vector<std::string>& items, Send send) {
   std::string list;
   for (const std::string& item : items) {
-    if (!list.empty() && list.size() + item.size() > s_bytesPerStatement) {
+    if (!list.empty() && list.size() + item.size() > s_listBytes) {
       send(std::exchange(list, ""));
     }
     list += (list.empty() ? "" : ",") + item;

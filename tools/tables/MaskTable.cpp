@@ -19,7 +19,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_duplicateEntry = 1062;
 // Keys of one delete statement.
 constexpr std::size_t s_deletedPerStatement = 500;
 

@@ -17,7 +17,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_noSuchTable = 1146;
 constexpr unsigned int s_columns = 7;
 constexpr char s_unreadable[] = "unreadable";
 

@@ -20,7 +20,6 @@ namespace {
 
 // The server's answer to what it cannot do in its present role.
 constexpr unsigned int s_notSupported = 1235;
-constexpr unsigned int s_noSuchTable = 1146;
 
 using Columns = std::map<std::string, Database::Field>;
 
