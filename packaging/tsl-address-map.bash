@@ -43,8 +43,8 @@ _tsl_address_map_options() {
     "mask remove") echo --domain --dry-run ;;
     "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;
     serve)
-      echo --check-config --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
-        --log-level --login-domain --max-connections --max-lag --max-memory --max-reply --max-request --metrics --only --page \
+      echo --catch-all --check-config --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
+        --log-level --login-domain --max-connections --max-lag --max-memory --max-reply --max-request --mask-users --metrics --only --page \
         --policy-text --refresh --request-timeout --snapshot --stale --trust --workers
       ;;
     "local start") echo --nodes ;;

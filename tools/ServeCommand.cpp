@@ -58,6 +58,8 @@ struct Arguments {
   std::string drainTimeout = timeText(s_default.drain);
   std::string logLevel = "info";
   bool localNames = false;
+  bool catchAll = false;
+  std::string maskUsers = "any";
   bool leaveOutDisabled = false;
   bool checkConfig = false;
 };
@@ -100,6 +102,12 @@ void s_checkPolicyText(const std::string& text) {
                 "as in --policy-text 'only members may write to {address}'");
 }
 
+bool s_knownMaskUsers(const std::string& who) {
+  if (who == "any" || who == "known") return who == "known";
+  throw Failure(ExitCode::Usage, "--mask-users", "'" + who + "' is neither any nor known",
+                "use known for masks of names that somebody has, or any");
+}
+
 std::string s_loginDomain(const std::string& domain) {
   std::string key;
   if (domain.empty() || Tool::domainKey(domain, key)) return domain;
@@ -133,6 +141,8 @@ Settings s_settings(const Arguments& arguments) {
   settings.delimiter = arguments.delimiter;
   settings.localNames = arguments.localNames;
   settings.leaveOutDisabled = arguments.leaveOutDisabled;
+  settings.catchAll = arguments.catchAll;
+  settings.knownMaskUsers = s_knownMaskUsers(arguments.maskUsers);
   settings.loginDomain = s_loginDomain(arguments.loginDomain);
   for (const std::string& network : arguments.trust) {
     settings.trust.push_back(parseNetwork("--trust", network));
@@ -218,6 +228,10 @@ void addServeCommand(Tool::Command& top) {
                "Characters that an extension may begin with");
   serve.flag("--local-names", arguments->localNames,
              "Also answer with members without a domain, to which mail servers add their own");
+  serve.flag("--catch-all", arguments->catchAll,
+             "Let an alias *@DOMAIN have the mail of names of the domain that nobody has");
+  serve.option("--mask-users", arguments->maskUsers, "WHO",
+               "Answer whole-domain masks for 'any' name, or for 'known' private addresses only");
   serve.flag("--leave-out-disabled", arguments->leaveOutDisabled,
              "Leave disabled users out of the answers for aliases and masks");
   serve.option("--login-domain", arguments->loginDomain, "DOMAIN",

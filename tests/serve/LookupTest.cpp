@@ -185,6 +185,51 @@ TEST_F(LookupTest, DisabledUsersAreLeftOutOfMasksOnTheWayInOnly) {
   EXPECT_EQ(ask("mask_public gone@d.example"), "OK public@out.example");
 }
 
+TEST_F(LookupTest, ACatchAllHasTheNamesThatNobodyHas) {
+  m_settings.catchAll = true;
+  serve("alias", {{"*@d.example", "box@x.example"}, {"team@d.example", "a@x.example"}});
+  serve("mask", {{"p@in.example", "shown@d.example"}});
+  EXPECT_EQ(ask("alias nobody@d.example"),
+            "TEMP the configuration of domains and mail users cannot be read");
+  serveDomains();
+  EXPECT_EQ(ask("alias nobody@d.example"), "OK box@x.example");
+  EXPECT_EQ(ask("alias nobody+tag@d.example"), "OK box@x.example");
+  EXPECT_EQ(ask("alias team+tag@d.example"), "OK a+tag@x.example");
+  for (const char* somebody : {"bob@d.example", "bob+tag@d.example", "gone@d.example",
+                               "shown@d.example", "shown+tag@d.example", "nobody@x.example"}) {
+    EXPECT_EQ(ask(std::string("alias ") + somebody), "NOTFOUND ") << somebody;
+  }
+  serve("mask_unread", {}, Clock::now() - std::chrono::hours(2));
+  EXPECT_EQ(ask("alias nobody@d.example"),
+            "TEMP a mask table cannot be read, and may have the address");
+}
+
+TEST_F(LookupTest, WithoutTheOptionACatchAllIsAnAddressLikeOthers) {
+  serve("alias", {{"*@d.example", "box@x.example"}});
+  serveDomains();
+  EXPECT_EQ(ask("alias nobody@d.example"), "NOTFOUND ");
+  EXPECT_EQ(ask("alias *@d.example"), "OK box@x.example");
+}
+
+TEST_F(LookupTest, AMaskOfADomainHasKnownUsersOnlyWhenThatIsWanted) {
+  m_settings.knownMaskUsers = true;
+  serve("alias", {{"team@d.example", "a@x.example"}});
+  serve("mask", {{"*@d.example", "*@out.example"}, {"own@d.example", "own.name@out.example"}});
+  EXPECT_EQ(ask("mask_private bob@out.example"),
+            "TEMP the configuration of domains and mail users cannot be read");
+  EXPECT_EQ(ask("mask_private own.name@out.example"), "OK own@d.example");
+  serveDomains();
+  EXPECT_EQ(ask("mask_private bob@out.example"), "OK bob@d.example");
+  EXPECT_EQ(ask("mask_private bob+tag@out.example"), "OK bob+tag@d.example");
+  EXPECT_EQ(ask("mask_private team@out.example"), "OK team@d.example");
+  EXPECT_EQ(ask("mask_private nobody@out.example"), "NOTFOUND ");
+  // Nobody is shown without his mask because he is unknown.
+  EXPECT_EQ(ask("mask_public nobody@d.example"), "OK nobody@out.example");
+  serve("alias_unread", {}, Clock::now() - std::chrono::hours(2));
+  EXPECT_THAT(ask("mask_private nobody@out.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("mask_private bob@out.example"), "OK bob@d.example");
+}
+
 TEST_F(LookupTest, AnswersWithoutDisabledUsersFollowTheConfigurationAndNeedIt) {
   m_settings.leaveOutDisabled = true;
   serve("alias", {{"team@d.example", "bob@d.example,gone@d.example"}});

@@ -132,6 +132,14 @@ TEST_F(PolicyTest, AMaskLeadsToItsAlias) {
   EXPECT_THAT(ask("x@out.example"), StartsWith("DEFER_IF_PERMIT 4.3.0 "));
 }
 
+TEST_F(PolicyTest, ACatchAllIsAListLikeOthers) {
+  m_settings.catchAll = true;
+  aliases("alias", {{"*@d.example", "ann@x.example"}, {"open@d.example", "ann@x.example"}});
+  rules({{"alias *@d.example", "authenticated\t\t\t"}});
+  expect("", {"open@d.example", "bob@d.example", "nobody@x.example"}, {"nobody@d.example"});
+  expect("bob", {"nobody@d.example"}, {});
+}
+
 TEST_F(PolicyTest, TheContextNamesTheTables) {
   aliases("alias_staff", {{"open@d.example", "members@d.example"}, {"own@d.example", "x@d"}});
   rules({{"alias_staff ", "authenticated\t\t\t"}, {"alias members@d.example", "members\t\t\t"}});

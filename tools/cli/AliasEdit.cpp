@@ -49,7 +49,8 @@ std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
 void warnOfWildcard(const EmailAddress& alias) {
   if (alias.local() != "*") return;
   say("warning: to alias tables '" + alias.address() +
-      "' is an ordinary address: it catches no mail for other names of " + alias.domain());
+      "' is an ordinary address: it catches no mail for other names of " + alias.domain() +
+      ", unless the lookup service runs with --catch-all");
 }
 
 NewSpelling newSpellingOf(bool isAllowed) {

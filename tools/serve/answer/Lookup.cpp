@@ -297,14 +297,55 @@ std::optional<Answer> Lookup::aliasAnswer(const Route& route, std::string_view t
   if (Pages::isPage(key)) return page(route, key, now);
   std::optional<Answer> answer = expansion(route, key, now);
   if (!answer || answer->result != Result::NotFound) return answer;
+  const std::string asked = key;
   const Tool::ExtendedAddress cutAddress = cut(text);
-  if (cutAddress.extension.empty() || !Tool::addressKey(cutAddress.base, key)) return answer;
+  if (cutAddress.extension.empty() || !Tool::addressKey(cutAddress.base, key)) {
+    return caughtAnswer(route, asked, "", now);
+  }
   answer = Pages::isPage(key) ? page(route, key, now) : expansion(route, key, now);
   if (!answer) return answer;
+  if (answer->result == Result::NotFound) return caughtAnswer(route, asked, key, now);
   Answer tagged = extended(std::move(*answer), kept(cutAddress));
   // Each mail may have another extension. What it is made from is kept.
   tagged.validity = Validity::Once;
   return tagged;
+}
+
+// The answer for `key`, without its extension `base`, which is no alias: that of the catch-all of
+// its domain, unless somebody has the address.
+std::optional<Answer> Lookup::caughtAnswer(const Route& route, const std::string& key,
+                                           const std::string& base, Clock::time_point now) {
+  const std::string catchAll = std::string("*@").append(s_domain(key));
+  if (!m_settings.catchAll || !route.image->alias().isAlias(catchAll)) return Answer::notFound();
+  const ConfigurationPointer users = configuration(now);
+  if (users == nullptr) return Answer::temp(s_noConfiguration);
+  Answer answer = Answer::notFound();
+  for (const std::string* const one : {&key, &base}) {
+    const std::optional<bool> isMasked = hasMask(*one, now);
+    if (!isMasked) answer = Answer::temp("a mask table cannot be read, and may have the address");
+    if (!isMasked || *isMasked || users->hasUser(*one) || users->isDisabled(*one)) {
+      answer.validity = Validity::Once;
+      return answer;
+    }
+  }
+  std::optional<Answer> caught = expansion(route, catchAll, now);
+  // Users and masks change while aliases do not.
+  if (caught) caught->validity = Validity::Once;
+  return caught;
+}
+
+// True when a mask has the public address with `key`; nothing when that cannot be told.
+std::optional<bool> Lookup::hasMask(const std::string& key, Clock::time_point now) const {
+  if (key.empty()) return false;
+  for (const TablePointer& table : m_tables.all()) {
+    if (table->kind() != TableKind::Mask) continue;
+    if (!table->whyUnable(now, m_settings).empty()) return std::nullopt;
+    const ImagePointer image = table->image();
+    constexpr auto s_toPrivate = MaskImage::Direction::ToPrivate;
+    const MaskImage& masks = image->mask();
+    if (masks.find(s_toPrivate, key) || masks.findDomain(s_toPrivate, s_domain(key))) return true;
+  }
+  return false;
 }
 
 std::optional<Answer> Lookup::expansion(const Route& route, const std::string& key,
@@ -393,6 +434,35 @@ Answer Lookup::page(const Route& route, const std::string& key, Clock::time_poin
   return answer;
 }
 
+// The private address that a whole-domain mask gives for `text`, if somebody has it; other masks
+// say who has it.
+Answer Lookup::knownAnswer(const Route& route, std::string_view text, Answer answer,
+                           Clock::time_point now) {
+  std::string key;
+  const MaskImage& image = route.image->mask();
+  for (const std::string& asked : {std::string(text), cut(text).base}) {
+    const bool hasKey = Tool::addressKey(asked, key);
+    if (hasKey && image.find(MaskImage::Direction::ToPrivate, key)) return answer;
+  }
+  const ConfigurationPointer users = configuration(now);
+  if (users == nullptr) return Answer::temp(s_noConfiguration);
+  const std::string base = baseKey(answer.data, m_settings);
+  const bool isUser = Tool::addressKey(answer.data, key) &&
+                      (users->hasUser(key) || (!base.empty() && users->hasUser(base)));
+  if (!isUser) {
+    std::string unknown = m_rules.refresh(now);
+    for (const TablePointer& table : m_tables.all()) {
+      if (table->kind() == TableKind::Alias) unknown += table->whyUnable(now, m_settings);
+    }
+    if (!unknown.empty()) return Answer::temp(unknown);
+    const bool isAlias = goesElsewhere(m_tables, answer.data, nullptr, m_rules.rules());
+    if (!isAlias) answer = Answer::notFound();
+  }
+  // Users and aliases change while masks do not.
+  answer.validity = Validity::Once;
+  return answer;
+}
+
 Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
   const MaskImage& image = route.image->mask();
   const auto direction = route.map == Map::MaskPublic ? MaskImage::Direction::ToPublic
@@ -434,6 +504,9 @@ Answer Lookup::maskAnswer(const Route& route, std::string_view text) const {
 Answer Lookup::maskAnswerWithoutDisabled(const Route& route, std::string_view text,
                                          Clock::time_point now) {
   Answer answer = maskAnswer(route, text);
+  if (m_settings.knownMaskUsers && answer.result == Result::Ok) {
+    answer = knownAnswer(route, text, std::move(answer), now);
+  }
   if (!m_settings.leaveOutDisabled || answer.result != Result::Ok) return answer;
   const ConfigurationPointer users = configuration(now);
   if (users == nullptr) return Answer::temp(s_noConfiguration);
@@ -527,6 +600,25 @@ bool Lookup::actionAt(const PolicyRequest& request, Clock::time_point now) {
   }
 }
 
+// The catch-all that has the mail for `key`, or `key` itself; empty when that cannot be told.
+std::string Lookup::caughtKey(const PolicyTables::Context& context, const std::string& key) const {
+  const std::string catchAll = std::string("*@").append(s_domain(key));
+  const std::string base = baseKey(key, m_settings);
+  bool isCaught = false;
+  for (const PolicyData::Source& source : context.data.sources) {
+    const AliasImage& aliases = source.image->alias();
+    if (aliases.isAlias(key) || (!base.empty() && aliases.isAlias(base))) return key;
+    isCaught = isCaught || aliases.isAlias(catchAll);
+  }
+  if (!isCaught) return key;
+  const ConfigurationPointer& users = context.data.users;
+  if (users == nullptr) return "";
+  const auto isUser = [&users](const std::string& one) {
+    return users->hasUser(one) || users->isDisabled(one);
+  };
+  return isUser(key) || isUser(base) ? key : catchAll;
+}
+
 // What `request` is answered. Nothing when that takes longer.
 std::optional<Answer> Lookup::policy(const PolicyTables::Context& context,
                                      const PolicyRequest& request, Clock::time_point now) {
@@ -544,8 +636,10 @@ std::optional<Answer> Lookup::policy(const PolicyTables::Context& context,
   }
   std::string key;
   if (!Tool::addressKey(request.recipient, key)) return s_noPolicy(request.recipient);
-  const std::string address = privateAddress(context, key);
+  std::string address = privateAddress(context, key);
   if (address.empty()) return s_defer("the mask of this address is not known");
+  if (m_settings.catchAll) address = caughtKey(context, address);
+  if (address.empty()) return s_defer("whether somebody has this address is not known");
   if (!Tool::addressKey(address, key)) return s_permit();
   const auto judge = [recipient = std::string(request.recipient), key, writer, data = context.data,
                       &settings = m_settings, &tables = m_tables](Effort effort) {

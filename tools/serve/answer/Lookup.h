@@ -93,6 +93,11 @@ class Lookup {
   std::optional<Answer> answer(const Route& route, std::string_view key, Clock::time_point now);
   std::optional<Answer> aliasAnswer(const Route& route, std::string_view text,
                                     Clock::time_point now);
+  [[nodiscard]] std::string caughtKey(const PolicyTables::Context& context,
+                                      const std::string& key) const;
+  std::optional<Answer> caughtAnswer(const Route& route, const std::string& key,
+                                     const std::string& base, Clock::time_point now);
+  [[nodiscard]] std::optional<bool> hasMask(const std::string& key, Clock::time_point now) const;
   std::optional<Answer> expansion(const Route& route, const std::string& key,
                                   Clock::time_point now);
   void begin(const Route& route, const std::string& key, Clock::time_point now);
@@ -106,6 +111,8 @@ class Lookup {
                      const Answer& answer, Clock::time_point now);
   [[nodiscard]] Clock::time_point moment(Clock::time_point now) const;
   Answer page(const Route& route, const std::string& key, Clock::time_point now);
+  Answer knownAnswer(const Route& route, std::string_view text, Answer answer,
+                     Clock::time_point now);
   [[nodiscard]] Answer maskAnswer(const Route& route, std::string_view text) const;
   Answer maskAnswerWithoutDisabled(const Route& route, std::string_view text,
                                    Clock::time_point now);

@@ -45,6 +45,10 @@ struct Settings {
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
   bool localNames = false;        // Members without a domain are given.
+  // An alias `*@domain` gets the mail of names of the domain that nobody has.
+  bool catchAll = false;
+  // A whole-domain mask has a private address only if that is a mailbox or an alias.
+  bool knownMaskUsers = false;
   bool leaveOutDisabled = false;  // Disabled users get no mail through aliases and masks.
   std::string loginDomain;        // Of logins without one; empty for none.
   std::vector<Network> trust;  // Who comes from there counts as logged in, as nobody in particular.
