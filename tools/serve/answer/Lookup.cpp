@@ -334,7 +334,7 @@ std::optional<Answer> Lookup::caughtAnswer(const Route& route, const std::string
   return caught;
 }
 
-// True when a mask has the public address with `key`; nothing when that cannot be told.
+// True when a mask has the public address with `key`; nothing when nobody knows.
 std::optional<bool> Lookup::hasMask(const std::string& key, Clock::time_point now) const {
   if (key.empty()) return false;
   for (const TablePointer& table : m_tables.all()) {
@@ -600,7 +600,7 @@ bool Lookup::actionAt(const PolicyRequest& request, Clock::time_point now) {
   }
 }
 
-// The catch-all that has the mail for `key`, or `key` itself; empty when that cannot be told.
+// The catch-all that has the mail for `key`, or `key` itself; empty when nobody knows.
 std::string Lookup::caughtKey(const PolicyTables::Context& context, const std::string& key) const {
   const std::string catchAll = std::string("*@").append(s_domain(key));
   const std::string base = baseKey(key, m_settings);

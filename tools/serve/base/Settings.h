@@ -44,7 +44,7 @@ struct Settings {
   std::size_t maxMemory = 256U << 20U;  // Bytes for answers and pages.
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
-  bool localNames = false;        // Members without a domain are given.
+  bool localNames = false;  // Members without a domain are given.
   // An alias `*@domain` gets the mail of names of the domain that nobody has.
   bool catchAll = false;
   // A whole-domain mask has a private address only if that is a mailbox or an alias.
