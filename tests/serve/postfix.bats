@@ -285,6 +285,31 @@ members() { printf "m%d$1@example.net\n" {1..3000} | LC_ALL=C sort | paste -s -d
   equal "$(delivered "a whole domain, in")" "kim@narrow.example"
 }
 
+@test "a catch-all, and masks of known users: unknown names are caught, or refused" {
+  stop_service
+  start_service --catch-all --mask-users known
+  tool domain add caught.example
+  tool domain add shown.example
+  tool domain add hidden.example
+  tool user add kim@caught.example
+  tool user add lee@hidden.example
+  tool alias set '*@caught.example' ann@example.com 2>/dev/null
+  tool mask set '*@hidden.example' '*@shown.example'
+  seen alias nobody@caught.example ann@example.com
+  seen mask_public lee@hidden.example lee@shown.example
+  send friend@example.net "caught" nobody@caught.example kim@caught.example
+  send friend@example.net "to a known user" lee@shown.example
+  send lee@hidden.example "from a known user" friend@example.net
+  queue_empties
+  equal "$(delivered "caught")" "ann@example.com kim@caught.example"
+  equal "$(delivered "to a known user")" "lee@hidden.example"
+  contains "$(grep -B 20 "^Subject: from a known user" "$POSTFIX/sink/mail")" "X-Mail-Args: <lee@shown.example>"
+  run -1 send friend@example.net "to an unknown user" unknown@shown.example
+  contains "$output" "550 5.1.1"
+  stop_service
+  start_service
+}
+
 @test "a list with an owner: members get its mail from the owner, who can be reached" {
   tool domain add lists.example.com
   tool user add team@lists.example.com --kind shared

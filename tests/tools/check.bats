@@ -124,6 +124,11 @@ finds() {
   contains "$output" "which has no user mailbox"
 }
 
+@test "a catch-all" {
+  rows '*@x.example:ann@y.example'
+  finds 0 $'notice\tcatch-all\talias\t*@x.example'
+}
+
 @test "a member without a domain" {
   rows a@x.example:bob,cid@x.example
   finds 65 $'warning\tno-domain\talias\tbob'

@@ -44,6 +44,12 @@ class RowCheck : public AliasVisitor {
   }
 
   void row(std::string_view name, std::size_t size) override {
+    if (name.starts_with("*@")) {
+      add(Severity::Notice, "catch-all", name,
+          "gets the mail of all names of its domain that are no alias, mailbox or mask if the"
+          " lookup service runs with --catch-all, and otherwise only that for '*'",
+          commandOn(m_table, "alias show " + shellWord(name)));
+    }
     if (size * 100 < m_widest * s_fullPercent) return;
     add(Severity::Warning, "members-limit", name,
         "has " + std::to_string(size) + " bytes of members, and its column holds " +
