@@ -47,7 +47,7 @@ TEST_F(AliasAnswerTest, HoldsAsLongAsTheImageWhenTheTableDecidesItAlone) {
   EXPECT_EQ(ask("a@d.example")->validity, Validity::Image);
   EXPECT_EQ(ask("x@d.example")->reply(), "NOTFOUND ");
   EXPECT_EQ(ask("x@d.example")->validity, Validity::Image);
-  EXPECT_THAT(ask("l@d.example")->reply(), StartsWith("PERM "));
+  EXPECT_EQ(ask("l@d.example")->reply(), "PERM this alias reaches nobody");
   EXPECT_EQ(ask("l@d.example")->validity, Validity::Image);
 }
 
@@ -75,7 +75,7 @@ TEST_F(AliasAnswerTest, HoldsForAMomentWhenMailUsersDecideIt) {
   serve({{"all@d.example", "allusers_d.example"}, {"all@empty.example", "allusers_empty.example"}});
   EXPECT_THAT(ask("all@d.example")->reply(), HasSubstr("bob@d.example"));
   EXPECT_EQ(ask("all@d.example")->validity, Validity::Moment);
-  EXPECT_THAT(ask("all@empty.example")->reply(), StartsWith("PERM "));
+  EXPECT_EQ(ask("all@empty.example")->reply(), "PERM this alias reaches nobody");
   EXPECT_EQ(ask("all@empty.example")->validity, Validity::Moment);
 }
 
@@ -102,7 +102,7 @@ TEST_F(AliasAnswerTest, AShortEffortLeavesWhatTakesLong) {
 TEST_F(AliasAnswerTest, MembersWithoutADomainAreLeftOutUnlessTheyAreWanted) {
   serve({{"a@d.example", "b@d.example,root,\"|prog\""}, {"local@d.example", "root"}});
   EXPECT_EQ(ask("a@d.example")->reply(), "OK b@d.example");
-  EXPECT_THAT(ask("local@d.example")->reply(), StartsWith("TEMP "));
+  EXPECT_EQ(ask("local@d.example")->reply(), "TEMP this alias has members without a domain only");
   m_settings.localNames = true;
   EXPECT_THAT(ask("a@d.example")->reply(), HasSubstr("root"));
   EXPECT_EQ(ask("local@d.example")->reply(), "OK root");
@@ -110,7 +110,7 @@ TEST_F(AliasAnswerTest, MembersWithoutADomainAreLeftOutUnlessTheyAreWanted) {
 
 TEST_F(AliasAnswerTest, AnAddressThatMailServersWouldCutIsNeverGiven) {
   serve({{"a@d.example", "b@d.example,c@[x:d,evil@evil.example]"}});
-  EXPECT_THAT(ask("a@d.example")->reply(), StartsWith("TEMP "));
+  EXPECT_EQ(ask("a@d.example")->reply(), "TEMP an address literal in this alias has a comma");
 }
 
 TEST_F(AliasAnswerTest, AFailureIsATemporaryAnswerThatIsNotGivenAgain) {

@@ -71,6 +71,24 @@ TEST_F(ConfigurationHelperTest, SaysWhyItCannotRead) {
   EXPECT_THAT(frame.text, HasSubstr("No configuration in"));
 }
 
+TEST_F(ConfigurationHelperTest, SaysWhenTheFileStaysAnOlderOne) {
+  const std::string data = m_served.directory() + "/data.mdb";
+  const Testing::ScratchFile backup;
+  std::filesystem::copy_file(data, backup.path(),
+                             std::filesystem::copy_options::overwrite_existing);
+  for (const char* name : {"cleo", "dora"}) {
+    CMF::Writer writer;
+    writer.addUser("d.example", name, CMF::MailUserMailbox);
+    writer.commit();
+  }
+  std::fstream(data, std::ios::binary | std::ios::in | std::ios::out) << backup.text();
+  const Frame frame = ask();
+  EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Failed));
+  EXPECT_EQ(frame.text,
+            "data.mdb was overwritten while programs use it: end them, except for this service, or"
+            " rename a whole directory into place");
+}
+
 // As when a backup is copied over the file and then, not too late, what was there before.
 TEST_F(ConfigurationHelperTest, WaitsForWhoWritesIntoTheFile) {
   const std::string data = m_served.directory() + "/data.mdb";

@@ -102,7 +102,10 @@ TEST(ConfigurationImage, ACopyThatIsMalformedIsRefused) {
   using std::string_view_literals::operator""sv;
   for (const std::string_view copy : {"dd.example"sv, "d\0"sv, "\0"sv, "zd.example\0"sv, "mbob\0"sv,
                                       "dd.example\0mbob"sv, "dd.example\0zbob\0"sv}) {
-    EXPECT_THROW(ConfigurationImage image(copy), std::runtime_error) << copy;
+    EXPECT_THAT(
+        [copy] { ConfigurationImage image(copy); },
+        testing::ThrowsMessage<std::runtime_error>("the copy of the configuration is malformed"))
+        << copy;
   }
   EXPECT_TRUE(ConfigurationImage("dd.example\0mbob\0"sv).hasUser("bob@d.example"));
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace Tessel::Serve {
@@ -50,7 +51,9 @@ TEST(Frame, ADamagedOneIsRefusedWhereverTheDamageIs) {
       try {
         // A longer one than it was has not arrived yet.
         isTaken = reader.next().has_value();
-      } catch (const std::runtime_error&) {
+      } catch (const std::runtime_error& error) {
+        const std::string why = error.what();
+        EXPECT_TRUE(why == "a message is damaged" || why == "a message is too long") << why;
       }
       EXPECT_FALSE(isTaken) << place;
     }
@@ -61,7 +64,8 @@ TEST(Frame, OneThatIsTooLongIsRefusedBeforeItArrives) {
   const std::string bytes = encoded({'a', std::string(s_longest + 1, 'x')});
   FrameReader reader(s_longest);
   reader.add(bytes.substr(0, 20));
-  EXPECT_THROW(reader.next(), std::runtime_error);
+  EXPECT_THAT([&] { reader.next(); },
+              testing::ThrowsMessage<std::runtime_error>("a message is too long"));
   FrameReader other(s_longest + 1);
   other.add(bytes);
   EXPECT_TRUE(other.next());

@@ -113,10 +113,13 @@ TEST_F(LookupTest, EachMapAnswersFromItsTable) {
 
 TEST_F(LookupTest, WhatIsNoRequestOrAsksForNoMapIsRefusedForGood) {
   serve("alias", {});
-  for (const char* request : {"", "alias", "alias\tteam@d.example", "nomap a@d.example",
-                              " a@d.example", "ALIAS a@d.example", "aliases a@d.example",
-                              "mailbox:second a@d.example", "domain: d.example"}) {
-    EXPECT_THAT(ask(request), StartsWith("PERM ")) << request;
+  for (const char* request : {"", "alias", "alias\tteam@d.example"}) {
+    EXPECT_EQ(ask(request), "PERM a request is MAP, blank, KEY") << request;
+  }
+  for (const char* request :
+       {"nomap a@d.example", " a@d.example", "ALIAS a@d.example", "aliases a@d.example",
+        "mailbox:second a@d.example", "domain: d.example"}) {
+    EXPECT_EQ(ask(request), "PERM there is no such map") << request;
   }
   EXPECT_EQ(ask("alias "), "NOTFOUND ");
 }
@@ -226,7 +229,8 @@ TEST_F(LookupTest, AMaskOfADomainHasKnownUsersOnlyWhenThatIsWanted) {
   // Nobody is shown without his mask because he is unknown.
   EXPECT_EQ(ask("mask_public nobody@d.example"), "OK nobody@out.example");
   serve("alias_unread", {}, Clock::now() - std::chrono::hours(2));
-  EXPECT_THAT(ask("mask_private nobody@out.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("mask_private nobody@out.example"),
+            "TEMP the database is unavailable, and the rows in memory are too old");
   EXPECT_EQ(ask("mask_private bob@out.example"), "OK bob@d.example");
 }
 
@@ -294,7 +298,8 @@ TEST_F(LookupTest, TheShortestLimitLeavesTimeToLookAtTheTable) {
   serve("alias", {{"a@d.example", "b@d.example"}}, Clock::now() - seconds(1));
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
   tables().find("alias")->confirm(Clock::now() - seconds(6));
-  EXPECT_THAT(ask("alias a@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias a@d.example"),
+            "TEMP the database is unavailable, and the rows in memory are too old");
 }
 
 TEST_F(LookupTest, AnAliasThatReachesNobodyIsRefusedForGood) {
@@ -474,8 +479,10 @@ TEST_F(LookupTest, DomainsAreThoseOfTheConfiguration) {
 }
 
 TEST_F(LookupTest, WithoutAConfigurationMailboxesAndDomainsAreTemporaryFailures) {
-  EXPECT_THAT(ask("mailbox bob@d.example"), StartsWith("TEMP "));
-  EXPECT_THAT(ask("domain d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("mailbox bob@d.example"),
+            "TEMP the configuration of domains and mail users cannot be read");
+  EXPECT_EQ(ask("domain d.example"),
+            "TEMP the configuration of domains and mail users cannot be read");
   serveDomains();
   EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
   EXPECT_EQ(ask("domain d.example"), "OK d.example");
@@ -494,7 +501,8 @@ TEST_F(LookupTest, AConfigurationAnswersAlikeUntilItIsTooOldAndNotAtAllThen) {
                               "domain d.example", "domain nowhere.example"}) {
     EXPECT_EQ(ask(request), "TEMP the configuration of domains and mail users cannot be read");
   }
-  EXPECT_THAT(ask("alias all@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias all@d.example"),
+            "TEMP this alias means all users of a domain, which could not be read");
   EXPECT_EQ(ask("mailbox no address"), "NOTFOUND ");
   tables().configuration().confirm(Clock::now());
   EXPECT_EQ(ask("mailbox bob@d.example"), "OK bob@d.example");
@@ -505,7 +513,8 @@ TEST_F(LookupTest, TheConfigurationIsNeededByWhoAsksForWhatDependsOnIt) {
   serve("alias", {{"a@d.example", "b@d.example"}, {"all@d.example", "allusers_d.example"}});
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
   EXPECT_FALSE(tables().configuration().isNeeded());
-  EXPECT_THAT(ask("alias all@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias all@d.example"),
+            "TEMP this alias means all users of a domain, which could not be read");
   EXPECT_TRUE(tables().configuration().isNeeded());
 }
 
@@ -687,7 +696,8 @@ TEST_F(PageTest, AListWhosePagesAreGoneGetsNewOnes) {
   serve("alias", {{"list@d.example", s_members(600)}, {"other@d.example", s_members(900, "v")}});
   const std::string before = ask("alias list@d.example");
   EXPECT_EQ(resolve("other@d.example"), setOf(s_members(900, "v")));
-  EXPECT_THAT(ask("alias " + s_list(before).at(0)), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias " + s_list(before).at(0)),
+            "TEMP this part of a list is gone; ask for the list again");
   const std::string after = ask("alias list@d.example");
   EXPECT_NE(after, before);
   EXPECT_EQ(resolve("list@d.example"), setOf(s_members(600)));
@@ -696,7 +706,7 @@ TEST_F(PageTest, AListWhosePagesAreGoneGetsNewOnes) {
 TEST_F(PageTest, AListForWhosePagesThereIsNoMemoryIsATemporaryFailure) {
   m_settings.maxMemory = 20000;
   serve("alias", {{"list@d.example", s_members(600)}, {"a@d.example", "b@d.example"}});
-  EXPECT_THAT(ask("alias list@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias list@d.example"), "TEMP out of memory");
   EXPECT_EQ(ask("alias a@d.example"), "OK b@d.example");
   EXPECT_LE(tables().pageMemory().used(), 10000U);
 }
@@ -726,7 +736,7 @@ TEST_F(PageTest, ADomainWithoutRoomForThePagesOfAListIsATemporaryFailure) {
   const std::string label(60, 'l');
   const std::string domain = label + "." + label + "." + label + "." + label;
   serve("alias", {{"list@" + domain, s_members(600)}, {"a@" + domain, "b@d.example"}});
-  EXPECT_THAT(ask("alias list@" + domain), StartsWith("TEMP "));
+  EXPECT_EQ(ask("alias list@" + domain), "TEMP the request could not be answered");
   EXPECT_EQ(ask("alias a@" + domain), "OK b@d.example");
 }
 

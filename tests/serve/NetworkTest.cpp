@@ -2,13 +2,20 @@
 #include "serve/base/Network.h"
 
 #include <string>
+#include <utility>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
 namespace {
+
+using testing::AllOf;
+using testing::Property;
+using testing::Throws;
 
 bool s_isIn(const char* network, const char* host) {
   return isIn({parseNetwork("--trust", network)}, host);
@@ -38,10 +45,19 @@ TEST(Network, HasNoHostWithoutAnAddress) {
 }
 
 TEST(Network, IsWrittenWithAllItsBits) {
-  for (const char* text :
-       {"", "/", "192.0.2.0/", "192.0.2.0/33", "192.0.2.0/-1", "192.0.2.0/24x", "192.0.2.1/24",
-        "2001:db8::/129", "2001:db8::1/64", "name/8", "192.0.2/24", "192.0.2.0 /24"}) {
-    EXPECT_THROW(parseNetwork("--trust", text), Tool::Failure) << text;
+  const std::pair<std::string, std::vector<std::string>> refused[] = {
+      {"is not a network", {"", "/", "name/8", "192.0.2/24", "192.0.2.0 /24"}},
+      {"has not a number of bits after its '/'",
+       {"192.0.2.0/", "192.0.2.0/33", "192.0.2.0/-1", "192.0.2.0/24x", "2001:db8::/129"}},
+      {"has bits set behind those of the network", {"192.0.2.1/24", "2001:db8::1/64"}}};
+  for (const auto& [why, texts] : refused) {
+    for (const std::string& text : texts) {
+      EXPECT_THAT([&text = text] { parseNetwork("--trust", text); },
+                  Throws<Tool::Failure>(
+                      AllOf(Property(&Tool::Failure::why, "'" + text + "' " + why),
+                            Property(&Tool::Failure::hint,
+                                     "write 192.0.2.0/24, 2001:db8::/32, or one address"))));
+    }
   }
 }
 

@@ -17,6 +17,10 @@ namespace {
 using testing::StartsWith;
 
 constexpr const char* s_permitted = "DUNNO";
+const std::string s_waiting = "DEFER_IF_PERMIT 4.3.0 ";
+const std::string s_unknown =
+    s_waiting +
+    "it is not known now who may write to this address: a row, a rule, the users or the login";
 constexpr const char* s_refused = "REJECT 5.7.1 only some people may write to ";
 
 class PolicyTest : public testing::Test {
@@ -129,7 +133,7 @@ TEST_F(PolicyTest, AMaskLeadsToItsAlias) {
                                        {"x@out.example", "y@out.example"},
                                        {"y@out.example", "x@out.example"}});
   EXPECT_EQ(ask("crew@out.example"), refusal("crew@out.example"));
-  EXPECT_THAT(ask("x@out.example"), StartsWith("DEFER_IF_PERMIT 4.3.0 "));
+  EXPECT_EQ(ask("x@out.example"), "DEFER_IF_PERMIT 4.3.0 the mask of this address is not known");
 }
 
 TEST_F(PolicyTest, ACatchAllIsAListLikeOthers) {
@@ -156,14 +160,16 @@ TEST_F(PolicyTest, TheContextNamesTheTables) {
   EXPECT_EQ(asks("open@d.example", "alias.staff alias", "eve@y.example"),
             refusal("open@d.example"));
   EXPECT_EQ(asks("open@d.example", "alias.staff", "eve@y.example"), s_permitted);
-  for (const char* wrong : {"mailbox", "alias.none", "alias,x", "mask_public"}) {
-    EXPECT_THAT(asks("bob@d.example", wrong), StartsWith("DEFER_IF_PERMIT 4.3.0 ")) << wrong;
+  EXPECT_EQ(asks("bob@d.example", "alias.none"), s_waiting + "there is no table alias_none");
+  for (const char* wrong : {"mailbox", "alias,x", "mask_public"}) {
+    EXPECT_EQ(asks("bob@d.example", wrong), s_waiting + "policy_context names no tables of aliases")
+        << wrong;
   }
 }
 
 TEST_F(PolicyTest, WhatIsNotKnownMakesMailWait) {
   const auto waits = [this](const char* recipient, const char* login = "") {
-    EXPECT_THAT(ask(recipient, login), StartsWith("DEFER_IF_PERMIT 4.3.0 ")) << recipient;
+    EXPECT_EQ(ask(recipient, login), s_unknown) << recipient;
   };
   // A login without an address, which is somebody.
   m_settings.loginDomain.clear();
@@ -183,9 +189,10 @@ TEST_F(PolicyTest, WhatIsNotKnownMakesMailWait) {
   // What one rule refuses needs no other.
   EXPECT_EQ(ask("a@d.example"), refusal("a@d.example"));
   // What the mail server may make an address of.
-  waits("members");
-  waits("members%d.example");
-  waits("members@d.example.");
+  const std::string noAddress = s_waiting + "the recipient is not a whole address";
+  EXPECT_EQ(ask("members"), noAddress);
+  EXPECT_EQ(ask("members%d.example"), noAddress);
+  EXPECT_EQ(ask("members@d.example."), noAddress);
   EXPECT_EQ(ask("Postmaster"), s_permitted);
 }
 
@@ -201,7 +208,7 @@ TEST_F(PolicyTest, WithoutUsersOnlyTheRulesAboutThemWait) {
   };
   EXPECT_EQ(action("b@d.example"), s_permitted);
   EXPECT_FALSE(tables.configuration().isNeeded());
-  EXPECT_THAT(action("a@d.example"), StartsWith("DEFER_IF_PERMIT 4.3.0 "));
+  EXPECT_EQ(action("a@d.example"), s_unknown);
   EXPECT_TRUE(tables.configuration().isNeeded());
   tables.configuration().publish(m_domains.image(), Clock::now());
   EXPECT_EQ(action("a@d.example"), s_permitted);
@@ -215,7 +222,9 @@ TEST_F(PolicyTest, AnOutageChangesNothingWithinStaleAndMakesMailWaitAfterIt) {
   EXPECT_EQ(ask("domain@d.example", "bob"), s_permitted);
   m_now += 20min;
   for (const char* recipient : {"members@d.example", "open@d.example", "bob@d.example"}) {
-    EXPECT_THAT(ask(recipient, "bob"), StartsWith("DEFER_IF_PERMIT 4.3.0 "));
+    EXPECT_EQ(ask(recipient, "bob"),
+              "DEFER_IF_PERMIT 4.3.0 mask: the database is unavailable, and the rows in memory are "
+              "too old");
   }
 }
 
@@ -253,8 +262,8 @@ TEST_F(PolicyTest, AliasLoopsAndAliasesThatNameThemselvesEnd) {
 
 TEST_F(PolicyTest, OtherQuestionsArePermittedOrWait) {
   EXPECT_EQ(*m_lookup.action({"smtpd_access_policy", "DATA", "", "", "", ""}), s_permitted);
-  EXPECT_THAT(*m_lookup.action({"", "RCPT", "open@d.example", "", "", ""}),
-              StartsWith("DEFER_IF_PERMIT"));
+  EXPECT_EQ(*m_lookup.action({"", "RCPT", "open@d.example", "", "", ""}),
+            "DEFER_IF_PERMIT 4.3.0 this is not a request for an access policy");
 }
 
 TEST_F(PolicyTest, TheTextIsThatOfTheSettingsAndNamesOnlyWhatEveryReplyCanHave) {
@@ -300,7 +309,7 @@ TEST_F(PolicyTest, SendersAreMailboxesAndAliasesAsTheirOwnersSay) {
                              "inner@d.example", "@d.example", "bob"}) {
     EXPECT_EQ(logins(nobody), "NOTFOUND ") << nobody;
   }
-  EXPECT_THAT(logins("all@d.example"), StartsWith("TEMP "));
+  EXPECT_EQ(logins("all@d.example"), "TEMP the rule of this alias cannot be read");
   EXPECT_EQ(logins("bob@d.example", "sender_login.none"), "TEMP the table could not be read yet");
   // An alias and a mailbox at once.
   aliases("alias", {{"bob@d.example", "bob@d.example,copy@x.example"}});

@@ -1,6 +1,7 @@
 // The rules of aliases in memory: which one counts, and what has expired.
 #include "serve/image/RuleImage.h"
 
+#include <map>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -80,6 +81,11 @@ TEST(RuleImage, ARowThatIsNoRuleMakesItsAliasUnknown) {
   EXPECT_FALSE(image.rule("alias_x", "b@d"));
   EXPECT_EQ(image.presence("alias", "z@d", s_noon), Presence::There);
   EXPECT_EQ(image.brokenRows().count(), 7U);
+  std::map<std::string, std::string> why;
+  for (const auto& row : image.brokenRows().first()) why[row.name] = row.why;
+  EXPECT_EQ(why["alias a@d"], "bad rule: it cannot be read");
+  EXPECT_EQ(why["alias F@D"], "another rule is of the same address");
+  EXPECT_EQ(why["alias no address"], "bad rule: nobody can ask for its alias");
 }
 
 }  // namespace
