@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/sizes.h"
 #include "cli/Session.h"
 #include "failure/Failure.h"
 #include "serve/Service.h"
@@ -30,7 +31,7 @@ using Tool::Failure;
 const Settings s_default;
 
 // What answers and pages may take: less is no use, and by default a sixteenth of the memory.
-constexpr std::size_t s_leastMemory = 1U << 20U;
+constexpr std::size_t s_leastMemory = 1_MiB;
 constexpr std::size_t s_shareOfMemory = 16;
 
 // The texts of the options; --help shows those that are not empty here.

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "tables/AliasRule.h"
 #include "terminal/Say.h"
 
@@ -19,7 +20,7 @@ namespace Tessel::Tool {
 namespace {
 
 // Longer lines of input are not addresses, whatever they contain.
-constexpr std::size_t s_maxLine = 4096;
+constexpr std::size_t s_maxLine = 4_KiB;
 
 using Answer = std::function<void(const EmailAddress&)>;
 

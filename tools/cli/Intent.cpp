@@ -13,8 +13,6 @@ namespace Tessel::Tool {
 
 namespace {
 
-constexpr unsigned int s_unknownDatabase = 1049;
-
 ChangeSummary s_summaryOf(const std::vector<RowChange>& changes) {
   ChangeSummary summary;
   for (const RowChange& change : changes) summary.add(change);

@@ -10,11 +10,13 @@
 #include <system_error>
 #include <utility>
 
+#include "base/sizes.h"
+
 namespace Tessel::Tool {
 
 namespace {
 
-constexpr std::size_t s_bufferSize = 64UL * 1024;
+constexpr std::size_t s_bufferSize = 64_KiB;
 
 [[noreturn]] void s_fail(const std::string& path) {
   throw std::system_error(errno, std::generic_category(), path);

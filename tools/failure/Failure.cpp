@@ -15,7 +15,6 @@ namespace {
 // Error numbers of the server and its client library that the tool has advice for.
 constexpr unsigned int s_databaseDenied = 1044;
 constexpr unsigned int s_accessDenied = 1045;
-constexpr unsigned int s_unknownDatabase = 1049;
 constexpr unsigned int s_columnDenied = 1143;
 constexpr unsigned int s_privilegeMissing = 1227;
 constexpr unsigned int s_socketDenied = 1698;

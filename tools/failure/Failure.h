@@ -48,6 +48,7 @@ std::string printable(std::string_view text);
 bool isAddressFault(const Exception& exception);
 
 // Numbers of errors of the database server that callers ask for.
+inline constexpr unsigned int s_unknownDatabase = 1049;
 inline constexpr unsigned int s_duplicateEntry = 1062;
 inline constexpr unsigned int s_commandDenied = 1142;
 inline constexpr unsigned int s_noSuchTable = 1146;

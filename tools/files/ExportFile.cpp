@@ -12,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/sizes.h"
 #include "failure/Failure.h"
 #include "terminal/Interrupt.h"
 
@@ -20,10 +21,10 @@ namespace Tessel::Tool {
 namespace {
 
 constexpr mode_t s_permissions = 07777;
-constexpr std::size_t s_bufferSize = 64UL * 1024;
+constexpr std::size_t s_bufferSize = 64_KiB;
 
 // What an interrupt has to remove; empty when there is nothing.
-std::array<char, 4096> s_leftover{};  // Longer names cannot be opened.
+std::array<char, 4_KiB> s_leftover{};  // Longer names cannot be opened.
 
 void s_removeLeftover() {
   if (s_leftover[0] != '\0') unlink(s_leftover.data());

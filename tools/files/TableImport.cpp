@@ -8,6 +8,7 @@
 
 #include "base/Exception.h"
 #include "base/bytes.h"
+#include "base/sizes.h"
 #include "database/QueryDescribeTable.h"
 #include "failure/Failure.h"
 #include "tables/AddressKey.h"
@@ -23,9 +24,9 @@ namespace {
 
 // Of one statement: rows, and bytes unless a single row is longer.
 constexpr std::size_t s_rowsPerStatement = 500;
-constexpr std::size_t s_bytesPerStatement = 256UL * 1024;
+constexpr std::size_t s_bytesPerStatement = 256_KiB;
 // Bytes of a statement of one row without the literal of its value.
-constexpr std::size_t s_frame = 1024;
+constexpr std::size_t s_frame = 1_KiB;
 
 // What a column can hold.
 struct Size {

@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "base/sourceLine.h"
 #include "database/Connection.h"
 #include "database/Error.h"
@@ -44,7 +45,7 @@ constexpr std::chrono::milliseconds s_pause{50};
 // How long a process that is ending may keep its ports: on a busy machine, to clear its memory.
 constexpr std::chrono::seconds s_release{5};
 // Memory for table pages of one node, in bytes: several share the machine.
-constexpr std::uint64_t s_pool = 64ULL * 1024 * 1024;
+constexpr std::uint64_t s_pool = 64_MiB;
 
 // Ports of a node, from its first one on: clients, the group, incremental and whole state transfer.
 // Below those that the kernel gives to outgoing connections, which could take one while its node is
@@ -75,7 +76,7 @@ void s_requirePrograms() {
 // Who runs the nodes, see the header.
 Account s_nodeAccount() {
   if (geteuid() != 0) return {geteuid(), getegid()};
-  std::array<char, 4096> buffer{};
+  std::array<char, 4_KiB> buffer{};
   for (const char* name : {"mysql", "nobody"}) {
     passwd entry{};
     passwd* found = nullptr;

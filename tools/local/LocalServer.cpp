@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "base/sourceLine.h"
 #include "disk/Descriptor.h"
 #include "local/PrivateDirectory.h"
@@ -36,8 +37,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds s_patience{60};
 constexpr std::chrono::milliseconds s_pause{10};
 // Most memory for table pages, and least that the server runs with.
-constexpr std::uint64_t s_largestPool = 1024ULL * 1024 * 1024;
-constexpr std::uint64_t s_smallestPool = 16ULL * 1024 * 1024;
+constexpr std::uint64_t s_largestPool = 1024_MiB;
+constexpr std::uint64_t s_smallestPool = 16_MiB;
 // Longest path of a Unix socket, in bytes.
 constexpr std::size_t s_longestSocket = sizeof(sockaddr_un::sun_path) - 1;
 // Lines of the server's log that an error shows.
@@ -135,7 +136,7 @@ std::string LocalServer::defaultDirectory() {
   if (!state.empty() && state[0] == '/') return state + "/tsl-address-map";
   std::string home = s_environment("HOME");
   if (home.empty()) {
-    std::array<char, 4096> buffer{};
+    std::array<char, 4_KiB> buffer{};
     passwd entry{};
     passwd* found = nullptr;
     getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);

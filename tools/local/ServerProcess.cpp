@@ -23,6 +23,7 @@
 #include <system_error>
 
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "base/sourceLine.h"
 #include "disk/Descriptor.h"
 
@@ -237,7 +238,7 @@ bool greets(const std::string& path, int milliseconds) {
 }
 
 std::string callerName() {
-  std::array<char, 4096> buffer{};
+  std::array<char, 4_KiB> buffer{};
   passwd entry{};
   passwd* found = nullptr;
   getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);

@@ -23,6 +23,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "base/sizes.h"
 #include "failure/Failure.h"
 #include "serve/base/Background.h"
 #include "serve/base/Metrics.h"
@@ -289,7 +290,7 @@ class Service {
   Readiness m_readiness;
   Metrics m_metrics;
   const std::size_t m_mostConnections;
-  boost::asio::io_context m_context{1};
+  boost::asio::io_context m_context;
   boost::asio::signal_set m_signals;
   boost::asio::steady_timer m_watchdog;
   boost::asio::steady_timer m_reports;

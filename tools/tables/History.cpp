@@ -14,6 +14,7 @@
 
 #include "base/Logger.h"
 #include "base/bytes.h"
+#include "base/sizes.h"
 #include "failure/Failure.h"
 #include "tables/OwnTables.h"
 #include "tables/TableFormat.h"
@@ -25,9 +26,9 @@ namespace {
 
 constexpr unsigned int s_logChange = 0x3000100;
 // Of one statement, unless a single row is longer.
-constexpr std::size_t s_recordBytes = 256UL * 1024;
+constexpr std::size_t s_recordBytes = 256_KiB;
 // Bytes of a statement without its values.
-constexpr std::size_t s_frame = 1024;
+constexpr std::size_t s_frame = 1_KiB;
 // With more in one table, rows are packed.
 constexpr std::size_t s_mostSingleRows = 20;
 // Rows of a change that its log line shows, and bytes of each.

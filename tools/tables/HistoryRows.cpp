@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "failure/Failure.h"
 #include "tables/AliasRule.h"
 #include "tables/OwnTables.h"
@@ -17,7 +18,7 @@ namespace Tessel::Tool {
 namespace {
 
 // Bytes of one statement, unless a single row is longer.
-constexpr std::size_t s_listBytes = 64UL * 1024;
+constexpr std::size_t s_listBytes = 64_KiB;
 
 // How the rows of one kind of table are read and written.
 struct RowKind {

@@ -20,10 +20,6 @@ std::string s_select(const Tool::TableFormat& format, const std::string& table) 
          Tool::quotedName(table) + ";";
 }
 
-// Error numbers of the server: it does not list such tables to the service.
-constexpr unsigned int s_tableDenied = 1142;
-constexpr unsigned int s_noTable = 1146;
-
 void s_publish(Table& table, Database::Connection& connection, const std::string& statement) {
   const auto rows = [&](const TakeRow& take) { Tool::selectPairs(connection, statement, take); };
   table.publish(std::make_shared<const TableImage>(table.kind(), rows));
@@ -38,8 +34,9 @@ void s_publishRules(Tables& tables, Database::Connection& connection) try {
   table->publish(rules.image());
   table->confirm(Clock::now());
 } catch (const Exception& exception) {
-  const bool isAbsent = Tool::isDatabaseError(exception, s_noTable) ||
-                        Tool::isDatabaseError(exception, s_tableDenied);
+  // The server does not list such tables to the service.
+  const bool isAbsent = Tool::isDatabaseError(exception, Tool::s_noSuchTable) ||
+                        Tool::isDatabaseError(exception, Tool::s_commandDenied);
   if (!isAbsent) throw;
 }
 

@@ -9,6 +9,7 @@
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
+#include "base/sizes.h"
 #include "base/stringCompareNoCase.h"
 #include "serve/answer/AliasAnswer.h"
 #include "serve/answer/DisabledUser.h"
@@ -23,7 +24,7 @@ namespace {
 // Bytes of a key that is kept: no address has more in any spelling.
 constexpr std::size_t s_longestKey = 512;
 // Bytes of a reply that is kept for each text that it is asked for with.
-constexpr std::size_t s_shortReply = 1024;
+constexpr std::size_t s_shortReply = 1_KiB;
 
 // Longest time for which an answer is kept that may change while the tables do not.
 constexpr std::chrono::milliseconds s_longestMoment = 1s;

@@ -14,6 +14,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "base/sizes.h"
+
 namespace Tessel::Serve {
 
 namespace {
@@ -31,7 +33,7 @@ struct Need {
 };
 
 std::string s_userName(uid_t id) {
-  std::array<char, 4096> buffer{};
+  std::array<char, 4_KiB> buffer{};
   passwd entry{};
   passwd* found = nullptr;
   getpwuid_r(id, &entry, buffer.data(), buffer.size(), &found);
@@ -39,23 +41,11 @@ std::string s_userName(uid_t id) {
 }
 
 std::string s_groupName(gid_t id) {
-  std::array<char, 16384> buffer{};
+  std::array<char, 16_KiB> buffer{};
   group entry{};
   group* found = nullptr;
   getgrgid_r(id, &entry, buffer.data(), buffer.size(), &found);
   return found != nullptr ? found->gr_name : std::to_string(id);
-}
-
-// Of the process, the first one being that of the files that it creates.
-std::vector<gid_t> s_groups() {
-  std::vector<gid_t> groups{getegid()};
-  std::vector<gid_t> others(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
-  const int count = getgroups(static_cast<int>(others.size()), others.data());
-  others.resize(static_cast<std::size_t>(std::max(count, 0)));
-  for (const gid_t group : others) {
-    if (std::find(groups.begin(), groups.end(), group) == groups.end()) groups.push_back(group);
-  }
-  return groups;
 }
 
 // How the right is granted. The group of a path that gives it to its members is the intended way.
@@ -75,7 +65,7 @@ std::string s_remedy(const Need& need, const struct stat& status,
 
 std::string s_text(const Need& need, int error) {
   const std::string& path = need.path.native();
-  const std::vector<gid_t> groups = s_groups();
+  const std::vector<gid_t> groups = ownGroups();
   std::string names;
   for (const gid_t group : groups) names += (names.empty() ? "" : ", ") + s_groupName(group);
   std::string text =
@@ -95,6 +85,17 @@ std::string s_text(const Need& need, int error) {
 }
 
 }  // namespace
+
+std::vector<gid_t> ownGroups() {
+  std::vector<gid_t> groups{getegid()};
+  std::vector<gid_t> others(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  const int count = getgroups(static_cast<int>(others.size()), others.data());
+  others.resize(static_cast<std::size_t>(std::max(count, 0)));
+  for (const gid_t group : others) {
+    if (std::find(groups.begin(), groups.end(), group) == groups.end()) groups.push_back(group);
+  }
+  return groups;
+}
 
 std::string missingRight(const std::string& directory) {
   const std::filesystem::path last = std::filesystem::absolute(directory).lexically_normal();

@@ -11,6 +11,7 @@
 #include <exception>
 #include <utility>
 
+#include "base/sizes.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
@@ -24,7 +25,7 @@ constexpr std::string_view s_names[] = {"error", "warning", "info", "debug"};
 constexpr std::size_t s_mostLines = 1000;
 // Bytes of a line. A pipe takes as many as one (PIPE_BUF, see pipe(7)), so that a write to one that
 // has room does not wait.
-constexpr std::size_t s_longestLine = 4096;
+constexpr std::size_t s_longestLine = 4_KiB;
 // How many messages are remembered.
 constexpr std::size_t s_mostRecent = 1000;
 // How long the end waits for someone to read.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/sizes.h"
 #include "serve/base/ListenAddress.h"
 #include "serve/base/Network.h"
 
@@ -40,8 +41,8 @@ struct Settings {
   std::chrono::milliseconds snapshotInterval = 10s;
   std::size_t maxReply = 100000;
   std::size_t page = 500;
-  std::size_t maxRequest = 65536;
-  std::size_t maxMemory = 256U << 20U;  // Bytes for answers and pages.
+  std::size_t maxRequest = 64_KiB;
+  std::size_t maxMemory = 256_MiB;  // Bytes for answers and pages.
   ExtensionRule extension = ExtensionRule::Keep;
   std::string delimiter = "+";
   bool localNames = false;  // Members without a domain are given.

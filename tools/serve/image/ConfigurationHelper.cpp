@@ -27,8 +27,8 @@ namespace Tessel::Serve {
 
 namespace {
 
-// How often files that somebody writes into are read again, and the pause before that.
-constexpr int s_attempts = 20;
+// How long files that somebody writes into are read again, and the pause before that.
+constexpr std::chrono::milliseconds s_patience = 1s;
 constexpr std::chrono::milliseconds s_pause = 20ms;
 
 // What damaged files do to who reads them must not fill the disk with core dumps.
@@ -56,8 +56,8 @@ class Helper {
   // False when nobody will ask again.
   [[nodiscard]] bool isAsked() const {
     while (true) {
-      char any = 0;
-      const ssize_t size = recv(m_descriptor, &any, 1, 0);
+      char any;
+      const ssize_t size = recv(m_descriptor, &any, sizeof(any), 0);
       if (size < 0 && errno == EINTR) continue;
       return size == 1;
     }
@@ -65,7 +65,8 @@ class Helper {
 
   void answer() {
     if (m_sent && CMF::stateMark() == *m_sent) return send(HelperFrame::Same, "");
-    for (int attempt = 0; attempt < s_attempts; ++attempt) {
+    const auto end = std::chrono::steady_clock::now() + s_patience;
+    do {
       // The files may be others, or not what LMDB knows of them.
       CMF::RefApsGwServerCache::instance(true);
       const CMF::StateMark before = CMF::stateMark();
@@ -78,7 +79,7 @@ class Helper {
       }
       send(HelperFrame::Reading, "");
       std::this_thread::sleep_for(s_pause);
-    }
+    } while (std::chrono::steady_clock::now() < end);
     throw std::runtime_error(
         "data.mdb was overwritten while programs use it: end them, except for this service, or"
         " rename a whole directory into place");

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+#include "base/sizes.h"
+
 namespace Tessel::Serve {
 
 // The hidden command of the program that the service runs for it.
@@ -18,7 +20,7 @@ enum class HelperFrame : char {
 };
 
 // The longest copy: more than a hundred million users.
-inline constexpr std::size_t s_longestCopy = std::size_t{1} << 32U;
+inline constexpr std::size_t s_longestCopy = 4096_MiB;
 
 // Answers what comes over the socket `descriptor`, until its other end is closed. Ends the process
 // with `s_damagedStatus` when the files turn out to be damaged in a way that kills who reads them.

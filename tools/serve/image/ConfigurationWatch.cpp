@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/sizes.h"
 #include "serve/base/AccessRights.h"
 #include "serve/image/ConfigurationHelper.h"
 #include "tables/Configuration.h"
@@ -154,7 +155,7 @@ void ConfigurationWatch::receive(Clock::time_point limit) {
     throw std::runtime_error("the process that reads it has not answered for " +
                              std::to_string(m_command.patience.count()) + " ms");
   }
-  std::array<char, 65536> bytes;
+  std::array<char, 64_KiB> bytes;
   const ssize_t size = recv(m_helper->descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT);
   if (size > 0) return m_frames.add({bytes.data(), static_cast<std::size_t>(size)});
   if (size == 0 || (errno != EINTR && errno != EAGAIN)) throw Ended();

@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "base/sizes.h"
+
 namespace Tessel::Serve {
 
 namespace {
 
 // Blocks double from the first size to the last one: there may be thousands of small tables.
-constexpr std::size_t s_firstBlockSize = 4096;
+constexpr std::size_t s_firstBlockSize = 4_KiB;
 constexpr std::size_t s_doublings = 8;
 
 }  // namespace

@@ -198,9 +198,9 @@ Ending s_ending(std::string_view content) {
   if (end.takeNumber<std::uint32_t>() != sum) throw std::runtime_error("the file is damaged");
   const std::chrono::nanoseconds since(Bytes(stamp).takeNumber<std::int64_t>());
   // The age would be beyond all numbers.
-  if (since < std::chrono::nanoseconds(0)) throw std::runtime_error("the file is damaged");
+  if (since < std::chrono::nanoseconds::zero()) throw std::runtime_error("the file is damaged");
   const std::chrono::nanoseconds age = std::chrono::system_clock::now().time_since_epoch() - since;
-  ending.time = Clock::now() - std::max(std::chrono::nanoseconds(0), age);
+  ending.time = Clock::now() - std::max(std::chrono::nanoseconds::zero(), age);
   return ending;
 }
 

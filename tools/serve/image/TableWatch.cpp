@@ -32,10 +32,6 @@ constexpr milliseconds s_settled = 1250ms;
 // A table whose last change is longer ago than clocks are ever set back is not in that second.
 constexpr const char* s_longAgo = "7200";
 
-// Error numbers of the server.
-constexpr unsigned int s_unknownDatabase = 1049;
-constexpr unsigned int s_tableDenied = 1142;
-
 // How long one of several hosts may take to say what has changed. One that was suspended, or cannot
 // catch up with its cluster, takes as long as the time-outs allow.
 constexpr milliseconds s_patience = 2s;
@@ -233,7 +229,7 @@ bool TableWatch::reconnect() try {
   return true;
 } catch (const Exception& exception) {
   // The look says that the database is missing.
-  if (Tool::isDatabaseError(exception, s_unknownDatabase)) return true;
+  if (Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) return true;
   m_log.error(
       "the service goes on with the connection to the database that it has: there is no new"
       " one: " +
@@ -281,7 +277,7 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
     } catch (const Exception& exception) {
       connection.reset();
       // An answer, as if the database were there without tables.
-      if (Tool::isDatabaseError(exception, s_unknownDatabase)) return {};
+      if (Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) return {};
       throw;
     }
   });
@@ -373,7 +369,7 @@ std::string TableWatch::whyDenied(const Table& table) try {
   });
   return "";
 } catch (const Exception& exception) {
-  return Tool::isDatabaseError(exception, s_tableDenied) ? Tool::reasonOf(exception) : "";
+  return Tool::isDatabaseError(exception, Tool::s_commandDenied) ? Tool::reasonOf(exception) : "";
 }
 
 // Reports tables that are missing, and forgets those of them that an administrator knows to be.

@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "failure/Failure.h"
+#include "serve/base/AccessRights.h"
 
 namespace Tessel::Serve {
 
@@ -31,12 +32,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using std::chrono::steady_clock;
 using Tool::ExitCode;
 using Tool::Failure;
 
 constexpr int s_backlog = 4096;
-// How often, and with which pause, the lock of a path is tried: five seconds in all.
-constexpr int s_lockTries = 1000;
+// How long, and with which pause, the lock of a path is tried.
+constexpr std::chrono::milliseconds s_lockPatience = 5s;
 constexpr std::chrono::milliseconds s_lockPause = 5ms;
 
 [[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
@@ -101,7 +103,7 @@ class PathLock {
  public:
   // Throws Tool::Failure when it cannot be had within the patience.
   explicit PathLock(const std::string& path) : m_path(path + ".lock") {
-    for (int i = 0; i < s_lockTries; ++i) {
+    for (const auto end = steady_clock::now() + s_lockPatience; steady_clock::now() < end;) {
       m_file.emplace(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                           S_IRUSR | S_IWUSR));
       if (m_file->get() < 0) s_failToWrite(path, errno);
@@ -137,17 +139,13 @@ gid_t s_group(const std::string& name, const std::string& path) {
 
 // True when this process may give files to `group`.
 bool s_mayGiveTo(gid_t group) {
-  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
-  const int count = getgroups(static_cast<int>(groups.size()), groups.data());
-  groups.resize(static_cast<std::size_t>(std::max(count, 0)));
-  return geteuid() == 0 || getegid() == group ||
-         std::find(groups.begin(), groups.end(), group) != groups.end();
+  const std::vector<gid_t> groups = ownGroups();
+  return geteuid() == 0 || std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
 // The name in the directory of `path` under which its socket is created.
 std::string s_madeName(const std::string& path) {
-  std::string made =
-      path.substr(0, path.rfind('/') + 1) + ".tsl" + std::to_string(getpid() % 1000000);
+  std::string made = path.substr(0, path.rfind('/') + 1) + ".tsl" + std::to_string(getpid());
   if (made.size() < sizeof(sockaddr_un::sun_path)) return made;
   s_fail(path, "the directory's name is too long", ENAMETOOLONG, "give a shorter path");
 }

@@ -13,6 +13,7 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 
+#include "base/sizes.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
@@ -28,7 +29,7 @@ using boost::system::error_code;
 
 constexpr std::chrono::seconds s_requestPatience = 5s;
 constexpr std::size_t s_mostConnections = 64;
-constexpr std::size_t s_mostHeaderBytes = 8192;
+constexpr std::size_t s_mostHeaderBytes = 8_KiB;
 
 }  // namespace
 
@@ -135,7 +136,7 @@ class MetricsListener::Server {
   }
 
   const Pages m_pages;
-  boost::asio::io_context m_context{1};
+  boost::asio::io_context m_context;
   tcp::acceptor m_acceptor;
   boost::asio::steady_timer m_pause{m_context};
   std::list<Session> m_sessions;  // The oldest first.

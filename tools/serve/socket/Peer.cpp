@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/sizes.h"
 #include "serve/socket/Netstring.h"
 #include "serve/socket/PolicyFrame.h"
 
@@ -18,9 +19,9 @@ namespace Tessel::Serve {
 
 namespace {
 
-constexpr std::size_t s_readSize = 65536;
+constexpr std::size_t s_readSize = 64_KiB;
 // Bytes of replies that are composed before the mail server must read them.
-constexpr std::size_t s_muchToSend = 262144;
+constexpr std::size_t s_muchToSend = 256_KiB;
 // Room for replies that is kept between requests.
 constexpr std::size_t s_smallOutput = 64;
 // Requests of one connection that are answered before others have their turn, and for how long.

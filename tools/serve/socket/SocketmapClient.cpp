@@ -14,6 +14,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "base/sizes.h"
 #include "failure/Failure.h"
 #include "serve/socket/Netstring.h"
 
@@ -96,7 +97,7 @@ std::string SocketmapClient::ask(const std::string& map, const std::string& key)
       return reply;
     }
     if (frame.state != NetstringFrame::State::NeedMore) fail("it does not speak socketmap");
-    std::array<char, 65536> bytes;
+    std::array<char, 64_KiB> bytes;
     const ssize_t size = recv(m_descriptor, bytes.data(), bytes.size(), 0);
     if (size == 0) fail("it closed the connection");
     if (size < 0) fail(std::generic_category().message(errno));
