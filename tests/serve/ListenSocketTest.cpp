@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -169,6 +170,25 @@ TEST_F(ListenSocketTest, AGroupThatIsNotThereIsRefusedAndLeavesNothing) {
   const int after = dup(STDIN_FILENO);
   close(after);
   EXPECT_EQ(after, next) << "a descriptor was left open";
+}
+
+TEST_F(ListenSocketTest, WhatAServiceLeftThatCrashedWhileItStartedIsReplaced) {
+  const PlainSocket crashed(SOCK_STREAM);
+  ASSERT_TRUE(crashed.bindTo(m_scratch.directory() + "/.tsl" + std::to_string(getpid())));
+  const ListenSocket socket(address());
+  EXPECT_TRUE(s_canConnect(path()));
+  EXPECT_EQ(files(), 1U);
+}
+
+TEST_F(ListenSocketTest, WithoutADescriptorItSaysWhy) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_THAT([] { ListenSocket socket(parseListenAddress("inet:127.0.0.1:0")); },
+              ThrowsMessage<Tool::Failure>(HasSubstr("no socket: Too many open files")));
+  setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(ListenSocketTest, TheSocketOfAServiceThatCrashedIsReplaced) {
@@ -349,6 +369,7 @@ TEST_F(ListenSocketTest, ADirectoryThatLeavesNoRoomForAnotherNameIsRefused) {
   longest.path += "/s";
   EXPECT_EQ(advice(longest),
             "the directory's name is too long: File name too long; give a shorter path");
+  EXPECT_THROW(ListenSocket::check(longest), Tool::Failure);
 }
 
 TEST_F(ListenSocketTest, AMovedSocketKeepsItsFileAndAReleasedOneToo) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -67,6 +68,12 @@ class TcpSocket {
               static_cast<ssize_t>(request.size()));
   }
 
+  // The server has not closed it.
+  [[nodiscard]] bool isOpen() const {
+    char byte;
+    return recv(m_descriptor, &byte, sizeof(byte), MSG_DONTWAIT) == -1 && errno == EAGAIN;
+  }
+
  private:
   static sockaddr_in loopback(int port) {
     sockaddr_in address{};
@@ -83,20 +90,22 @@ class TcpSocket {
 class MetricsListenerTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const MetricsListener::Pages pages{[] { return "a_metric 1\n"; },
-                                       [] { return s_isReady ? "" : "no table"; },
-                                       [] { return s_isReady ? "db1:3306" : ""; }};
     // Another program may take the port between the two steps.
     for (int attempt = 0; s_listener == nullptr; ++attempt) {
       s_port = TcpSocket().bindAnywhere();
       try {
-        s_listener = std::make_unique<MetricsListener>("127.0.0.1", s_port, pages);
+        s_listener = std::make_unique<MetricsListener>("127.0.0.1", s_port, pages());
       } catch (const Tool::Failure&) {
         if (attempt == 20) throw;
       }
     }
   }
   static void TearDownTestSuite() { s_listener.reset(); }
+
+  static MetricsListener::Pages pages() {
+    return {[] { return "a_metric 1\n"; }, [] { return s_isReady ? "" : "no table"; },
+            [] { return s_isReady ? "db1:3306" : ""; }};
+  }
 
   static std::string get(const std::string& path) {
     return TcpSocket().exchange(s_port, "GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
@@ -153,10 +162,24 @@ TEST_F(MetricsListenerTest, HasNothingElse) {
 
 TEST_F(MetricsListenerTest, HalfRequestsKeepNobodyOut) {
   std::list<TcpSocket> others;
-  for (int i = 0; i < 100; ++i) {
-    others.emplace_back().sendOnly(s_port, "GET /metrics HT");
-  }
+  const auto add = [&others] { others.emplace_back().sendOnly(s_port, "GET /metrics HT"); };
+  for (int i = 0; i < 63; ++i) add();
   EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_TRUE(others.front().isOpen());
+  // The oldest one goes for whoever is one too many.
+  add();
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_FALSE(others.front().isOpen());
+  EXPECT_TRUE(others.back().isOpen());
+  for (int i = 0; i < 40; ++i) add();
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
+}
+
+TEST_F(MetricsListenerTest, ListensAgainAtOnceAtThePortThatItHad) {
+  const std::string before = get("/health");
+  s_listener.reset();
+  s_listener = std::make_unique<MetricsListener>("127.0.0.1", s_port, pages());
+  EXPECT_EQ(get("/health"), before);
 }
 
 TEST_F(MetricsListenerTest, AnEndlessHeaderEndsTheConnection) {

@@ -74,9 +74,11 @@ TEST_F(PolicyTablesTest, ATableThatIsUnableIsTheReason) {
   EXPECT_NE(m_policies.refresh("alias.x", Clock::now()).data.whyNoRules, "");
 }
 
-TEST_F(PolicyTablesTest, ManyContextsAreNotAllRemembered) {
+TEST_F(PolicyTablesTest, NotMoreThan64ContextsAreRemembered) {
   const std::uint64_t first = number();
-  for (int i = 0; i < 100; ++i) m_policies.refresh("x" + std::to_string(i), Clock::now());
+  for (int i = 1; i < 64; ++i) m_policies.refresh("x" + std::to_string(i), Clock::now());
+  EXPECT_EQ(number(), first);
+  m_policies.refresh("x64", Clock::now());
   EXPECT_GT(number(), first);
 }
 

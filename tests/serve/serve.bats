@@ -296,7 +296,7 @@ PYTHON
 
 @test "the service reports to systemd that it is ready, and hands over sockets" {
   run python3 - "$TSL_TOOL" "$SERVER" "$directory" <<'PYTHON'
-import os, socket, subprocess, sys
+import os, socket, sys, time
 tool, server, directory = sys.argv[1:]
 notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
 notify.bind(directory + "/notify")
@@ -307,6 +307,7 @@ listener.listen()
 def prepare():
     os.dup2(listener.fileno(), 3)
     os.environ["LISTEN_PID"] = str(os.getpid())
+start = time.monotonic()
 child = os.fork()
 if child == 0:
     os.dup2(listener.fileno(), 3)
@@ -317,8 +318,9 @@ def until(text):
     while text not in (got := notify.recv(4096)):
         pass
 until(b"READY=1")
-until(b"WATCHDOG=1")
-until(b"WATCHDOG=1")
+for _ in range(8):
+    until(b"WATCHDOG=1")
+assert time.monotonic() - start > 0.6, "signs of life without a pause"
 client = socket.socket(socket.AF_UNIX)
 client.settimeout(20)
 client.connect(directory + "/handed")
@@ -520,8 +522,9 @@ resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
 
 @test "10,000 connections are held, each is answered, and idle they cost next to nothing" {
   (($(ulimit -Hn) > 10100)) || { echo "the limit of open files is too low: $(ulimit -Hn)"; return 1; }
-  ulimit -Sn 10100
+  ulimit -Sn 5000
   start_service --max-connections 10000
+  ulimit -Sn 10100
   wait_for answers 'alias team@example.com' "$found"
   before=$(resident_kilobytes)
   run python3 - "$socket" <<'PYTHON'

@@ -16,10 +16,11 @@ class Descriptor {
   Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
   Descriptor& operator=(Descriptor&&) = delete;
 
+  [[nodiscard]] bool isOpen() const noexcept { return m_number >= 0; }
   [[nodiscard]] int get() const noexcept { return m_number; }
   // Closes it, and owns `number` from now on.
   void reset(int number = -1) noexcept {
-    if (m_number >= 0) ::close(m_number);
+    if (isOpen()) ::close(m_number);
     m_number = number;
   }
 

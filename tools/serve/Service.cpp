@@ -105,7 +105,7 @@ class Service {
     openSockets();
     m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
     if (m_settings.metrics) listenForMetrics(*m_settings.metrics);
-    for (unsigned int i = 0; i < m_settings.workers; ++i) {
+    while (m_workers.size() < m_settings.workers) {
       m_workers.emplace_back(m_settings, m_tables, m_metrics, m_log, m_background,
                              [this] { closed(); });
     }

@@ -112,7 +112,7 @@ class OldFile {
  public:
   OldFile(const std::string& path, int access)
       : m_path(path), m_descriptor(open(path.c_str(), access | s_flags)) {
-    if (m_descriptor.get() < 0) s_fail(path);
+    if (!m_descriptor.isOpen()) s_fail(path);
     struct stat status {};
     if (fstat(m_descriptor.get(), &status) != 0) s_fail(path);
     if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + " is not a regular file");

@@ -59,6 +59,11 @@ const sockaddr* s_generic(const Address& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
+// The caller's.
+int s_socket(int family) {
+  return socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
 [[noreturn]] void s_failToWrite(const std::string& path, int error) {
   s_fail(path, "the directory cannot be written", error,
          "create the directory, writable for the user of the service");
@@ -77,12 +82,11 @@ bool s_isSocket(const std::string& path) {
 void s_checkPath(const std::string& path) {
   if (!s_isSocket(path)) return;
   // Non-blocking: connecting to a service whose queue is full would not return.
-  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (probe == -1) s_fail(path, "no socket", errno, "");
+  const Tool::Descriptor probe(s_socket(AF_UNIX));
+  if (!probe.isOpen()) s_fail(path, "no socket", errno, "");
   const sockaddr_un address = s_unixAddress(path);
-  const int result = connect(probe, s_generic(address), sizeof(address));
+  const int result = connect(probe.get(), s_generic(address), sizeof(address));
   const int error = errno;
-  ::close(probe);
   // Any other failure is that of a socket that is in use: its queue is full, it is for datagrams,
   // or this user may not connect.
   if (result != 0 && (error == ECONNREFUSED || error == ENOENT)) return;
@@ -106,7 +110,7 @@ class PathLock {
     for (const auto end = steady_clock::now() + s_lockPatience; steady_clock::now() < end;) {
       m_file.emplace(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                           S_IRUSR | S_IWUSR));
-      if (m_file->get() < 0) s_failToWrite(path, errno);
+      if (!m_file->isOpen()) s_failToWrite(path, errno);
       // The one that had it removes the file at its end.
       if (flock(m_file->get(), LOCK_EX | LOCK_NB) == 0 && s_isSameFile(m_file->get(), m_path)) {
         return;
@@ -167,9 +171,8 @@ int s_bindInet(const ListenAddress& address, int& error) {
   if (!isInet && inet_pton(AF_INET6, address.host.c_str(), &inet6.sin6_addr) != 1) {
     s_fail(where, "no network address", EINVAL, "");
   }
-  const int descriptor =
-      socket(isInet ? AF_INET : AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor == -1) {
+  const int descriptor = s_socket(isInet ? AF_INET : AF_INET6);
+  if (descriptor < 0) {
     s_fail(where, "no socket", errno,
            "the unit of systemd must allow the network, as its comment says");
   }
@@ -252,8 +255,8 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   s_checkPath(path);
   const std::string made = s_madeName(path);
   const sockaddr_un bound = s_unixAddress(made);
-  m_descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (m_descriptor == -1) s_fail(path, "no socket", errno, "");
+  m_descriptor = s_socket(AF_UNIX);
+  if (m_descriptor < 0) s_fail(path, "no socket", errno, "");
   unlink(made.c_str());
   const mode_t old = umask(0177);
   const int result = bind(m_descriptor, s_generic(bound), sizeof(bound));
