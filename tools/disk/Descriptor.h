@@ -18,6 +18,8 @@ class Descriptor {
 
   [[nodiscard]] bool isOpen() const noexcept { return m_number >= 0; }
   [[nodiscard]] int get() const noexcept { return m_number; }
+  // The number, which is the caller's from now on.
+  int release() noexcept { return std::exchange(m_number, -1); }
   // Closes it, and owns `number` from now on.
   void reset(int number = -1) noexcept {
     if (isOpen()) ::close(m_number);

@@ -228,7 +228,7 @@ ListenSocket::ListenSocket(int descriptor, Protocol protocol)
     : m_descriptor(descriptor), m_protocol(protocol) {}
 
 ListenSocket::~ListenSocket() {
-  if (m_descriptor != -1) ::close(m_descriptor);
+  m_descriptor.reset();
   if (m_path.empty()) return;
   try {
     // A failure of the constructor has the lock already.
@@ -241,7 +241,7 @@ ListenSocket::~ListenSocket() {
 }
 
 ListenSocket::ListenSocket(ListenSocket&& other) noexcept
-    : m_descriptor(std::exchange(other.m_descriptor, -1)),
+    : m_descriptor(std::move(other.m_descriptor)),
       m_protocol(other.m_protocol),
       m_path(std::exchange(other.m_path, {})),
       m_file(std::move(other.m_file)),
@@ -255,11 +255,11 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   s_checkPath(path);
   const std::string made = s_madeName(path);
   const sockaddr_un bound = s_unixAddress(made);
-  m_descriptor = s_socket(AF_UNIX);
-  if (m_descriptor < 0) s_fail(path, "no socket", errno, "");
+  m_descriptor.reset(s_socket(AF_UNIX));
+  if (!m_descriptor.isOpen()) s_fail(path, "no socket", errno, "");
   unlink(made.c_str());
   const mode_t old = umask(0177);
-  const int result = bind(m_descriptor, s_generic(bound), sizeof(bound));
+  const int result = bind(descriptor(), s_generic(bound), sizeof(bound));
   const int error = errno;
   umask(old);
   if (result != 0) s_failToWrite(path, error);
@@ -272,7 +272,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   if (chmod(made.c_str(), address.mode.value_or(0660)) != 0) {
     s_fail(path, "the mode cannot be set", errno, "");
   }
-  if (listen(m_descriptor, s_backlog) != 0) s_fail(path, "listen", errno, "");
+  if (listen(descriptor(), s_backlog) != 0) s_fail(path, "listen", errno, "");
   if (std::rename(made.c_str(), path.c_str()) != 0) s_fail(path, "rename", errno, "");
   m_path = path;
   m_isListening = true;
@@ -280,16 +280,16 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
 
 void ListenSocket::listenInet(const ListenAddress& address) {
   int error = 0;
-  m_descriptor = s_bindInet(address, error);
+  m_descriptor.reset(s_bindInet(address, error));
   if (error != 0) s_failToBind(address, error);
-  if (listen(m_descriptor, s_backlog) != 0) s_fail(s_inetName(address), "listen", errno, "");
+  if (listen(descriptor(), s_backlog) != 0) s_fail(s_inetName(address), "listen", errno, "");
 }
 
 std::string ListenSocket::name() const {
   sockaddr_storage address{};
   socklen_t size = sizeof(address);
   if (!m_path.empty()) return m_path;
-  if (getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0) return "?";
+  if (getsockname(descriptor(), reinterpret_cast<sockaddr*>(&address), &size) != 0) return "?";
   char text[INET6_ADDRSTRLEN] = "";
   if (address.ss_family == AF_INET) {
     const auto* const inet = reinterpret_cast<const sockaddr_in*>(&address);
@@ -305,7 +305,7 @@ std::string ListenSocket::name() const {
 }
 
 int ListenSocket::release() noexcept {
-  return std::exchange(m_descriptor, -1);
+  return m_descriptor.release();
 }
 
 std::vector<ListenSocket> inheritedSockets() {

@@ -29,7 +29,7 @@ class ListenSocket {
   ListenSocket(ListenSocket&& other) noexcept;
   ListenSocket& operator=(ListenSocket&& other) = delete;
 
-  [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
+  [[nodiscard]] int descriptor() const noexcept { return m_descriptor.get(); }
   [[nodiscard]] Protocol protocol() const noexcept { return m_protocol; }
   // Where it listens, for messages.
   [[nodiscard]] std::string name() const;
@@ -38,13 +38,13 @@ class ListenSocket {
 
  private:
   // Nothing yet; the object exists from then on, so that it cleans up after a failure.
-  explicit ListenSocket(Protocol protocol) : m_protocol(protocol) {}
+  explicit ListenSocket(Protocol protocol) : ListenSocket(-1, protocol) {}
 
   void listenUnix(const ListenAddress& address);
   void listenInet(const ListenAddress& address);
 
-  int m_descriptor = -1;
-  Protocol m_protocol = Protocol::Netstrings;
+  Tool::Descriptor m_descriptor;
+  Protocol m_protocol;
   std::string m_path;  // Of a file to remove; empty for none.
   // Open on that file, so that no other file gets its inode number meanwhile.
   Tool::Descriptor m_file{-1};

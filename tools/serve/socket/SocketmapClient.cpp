@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -58,22 +57,18 @@ int s_familyOf(const ListenAddress& address) {
 
 }  // namespace
 
-SocketmapClient::SocketmapClient(const ListenAddress& address) : m_name(s_nameOf(address)) {
+SocketmapClient::SocketmapClient(const ListenAddress& address)
+    : m_name(s_nameOf(address)),
+      m_descriptor(socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   if (address.protocol != Protocol::Netstrings) {
     throw Tool::Failure(Tool::ExitCode::Usage, "--from", "it is an address of another protocol",
                         "name a socket of the service that begins with unix: or inet:");
   }
-  m_descriptor = socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0);
-  setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &s_replyPatience, sizeof(s_replyPatience));
-  setsockopt(m_descriptor, SOL_SOCKET, SO_SNDTIMEO, &s_replyPatience, sizeof(s_replyPatience));
-  if (s_connect(m_descriptor, address) == 0) return;
-  const std::string why = std::generic_category().message(errno);
-  close(m_descriptor);
-  fail(why);
-}
-
-SocketmapClient::~SocketmapClient() {
-  close(m_descriptor);
+  setsockopt(m_descriptor.get(), SOL_SOCKET, SO_RCVTIMEO, &s_replyPatience,
+             sizeof(s_replyPatience));
+  setsockopt(m_descriptor.get(), SOL_SOCKET, SO_SNDTIMEO, &s_replyPatience,
+             sizeof(s_replyPatience));
+  if (s_connect(m_descriptor.get(), address) != 0) fail(std::generic_category().message(errno));
 }
 
 void SocketmapClient::fail(const std::string& why) const {
@@ -85,7 +80,7 @@ std::string SocketmapClient::ask(const std::string& map, const std::string& key)
   std::string request;
   appendNetstring(request, map + " " + key);
   for (std::string_view left = request; !left.empty();) {
-    const ssize_t sent = send(m_descriptor, left.data(), left.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(m_descriptor.get(), left.data(), left.size(), MSG_NOSIGNAL);
     if (sent < 0) fail(std::generic_category().message(errno));
     left.remove_prefix(static_cast<std::size_t>(sent));
   }
@@ -98,7 +93,7 @@ std::string SocketmapClient::ask(const std::string& map, const std::string& key)
     }
     if (frame.state != NetstringFrame::State::NeedMore) fail("it does not speak socketmap");
     std::array<char, 64_KiB> bytes;
-    const ssize_t size = recv(m_descriptor, bytes.data(), bytes.size(), 0);
+    const ssize_t size = recv(m_descriptor.get(), bytes.data(), bytes.size(), 0);
     if (size == 0) fail("it closed the connection");
     if (size < 0) fail(std::generic_category().message(errno));
     m_received.append(bytes.data(), static_cast<std::size_t>(size));

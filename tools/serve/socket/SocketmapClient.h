@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "disk/Descriptor.h"
 #include "serve/base/ListenAddress.h"
 
 namespace Tessel::Serve {
@@ -14,9 +15,6 @@ class SocketmapClient {
   // Connects. Throws Tool::Failure, `Unavailable`, when nobody listens; `Usage` for an address of
   // the line protocol.
   explicit SocketmapClient(const ListenAddress& address);
-  ~SocketmapClient();
-  SocketmapClient(const SocketmapClient&) = delete;
-  SocketmapClient& operator=(const SocketmapClient&) = delete;
 
   // The reply to a request. Throws Tool::Failure, `Unavailable`, when there is none within half a
   // minute.
@@ -26,7 +24,7 @@ class SocketmapClient {
   [[noreturn]] void fail(const std::string& why) const;
 
   const std::string m_name;  // For messages.
-  int m_descriptor = -1;
+  const Tool::Descriptor m_descriptor;
   std::string m_received;
 };
 

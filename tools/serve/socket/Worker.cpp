@@ -21,20 +21,17 @@ constexpr int s_eventsAtOnce = 256;
 constexpr std::chrono::milliseconds s_sweepInterval = 1s;
 constexpr std::chrono::milliseconds s_drainInterval = 50ms;
 
+// What a call opened. Throws std::system_error when it failed.
+Tool::Descriptor s_opened(int number) {
+  if (number < 0) throw std::system_error(errno, std::generic_category(), "a worker's descriptor");
+  return Tool::Descriptor(number);
+}
+
 }  // namespace
-
-Worker::Descriptor::Descriptor(int number) : m_number(number) {
-  if (number == -1)
-    throw std::system_error(errno, std::generic_category(), "a worker's descriptor");
-}
-
-Worker::Descriptor::~Descriptor() {
-  ::close(m_number);
-}
 
 Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
                Background& background, std::function<void()> closed)
-    : m_events(epoll_create1(EPOLL_CLOEXEC)),
+    : m_events(s_opened(epoll_create1(EPOLL_CLOEXEC))),
       m_inbox(std::make_shared<Inbox>()),
       m_lookup(settings, tables, metrics, log,
                Lookup::Helpers{
@@ -43,11 +40,11 @@ Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
                    [this] {
                      for (Peer& peer : m_peers) peer.resume();
                    }}),
-      m_shared{settings, m_lookup, metrics, m_events.number(), {}, {}, Clock::now(), {}},
+      m_shared{settings, m_lookup, metrics, m_events.get(), {}, {}, Clock::now(), {}},
       m_closed(std::move(closed)) {
   epoll_event event{};
   event.events = EPOLLIN;
-  if (epoll_ctl(m_events.number(), EPOLL_CTL_ADD, m_inbox->descriptor(), &event) != 0) {
+  if (epoll_ctl(m_events.get(), EPOLL_CTL_ADD, m_inbox->descriptor(), &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "epoll_ctl");
   }
   m_thread = std::thread([this] { run(); });
@@ -78,18 +75,18 @@ bool Worker::isAlive() {
   return true;
 }
 
-Worker::Inbox::Inbox() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+Worker::Inbox::Inbox() : m_wakeUp(s_opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
 
 void Worker::Inbox::post(std::function<void()> task) {
   m_tasks.with([&](auto& tasks) { tasks.push_back(std::move(task)); });
   // Fails only when so many wake-ups are waiting that one more makes no difference.
   const std::uint64_t one = 1;
-  static_cast<void>(!write(m_wakeUp.number(), &one, sizeof(one)));
+  static_cast<void>(!write(m_wakeUp.get(), &one, sizeof(one)));
 }
 
 void Worker::Inbox::runTasks() {
   std::uint64_t count = 0;
-  static_cast<void>(!read(m_wakeUp.number(), &count, sizeof(count)));
+  static_cast<void>(!read(m_wakeUp.get(), &count, sizeof(count)));
   const auto tasks = m_tasks.with([](auto& waiting) { return std::exchange(waiting, {}); });
   for (const std::function<void()>& task : tasks) task();
 }
@@ -117,7 +114,7 @@ void Worker::run() {
   while (!m_isEnding) {
     const auto interval = m_isDraining ? s_drainInterval : s_sweepInterval;
     const auto patience = m_shared.queue.empty() ? interval : 0ms;
-    const int count = epoll_wait(m_events.number(), events.data(), s_eventsAtOnce,
+    const int count = epoll_wait(m_events.get(), events.data(), s_eventsAtOnce,
                                  static_cast<int>(patience.count()));
     m_shared.now = Clock::now();
     for (int i = 0; i < count; ++i) {

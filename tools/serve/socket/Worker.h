@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "disk/Descriptor.h"
 #include "serve/answer/Lookup.h"
 #include "serve/base/Background.h"
 #include "serve/base/Log.h"
@@ -48,19 +49,6 @@ class Worker {
 
  private:
   // A descriptor that is closed with the object.
-  class Descriptor {
-   public:
-    // Throws std::system_error for the -1 of a failed call.
-    explicit Descriptor(int number);
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int number() const noexcept { return m_number; }
-
-   private:
-    const int m_number;
-  };
-
   // Tasks for the thread. Those who post may outlive the worker.
   class Inbox {
    public:
@@ -68,10 +56,10 @@ class Worker {
     // Has the thread run `task`. Any thread.
     void post(std::function<void()> task);
     void runTasks();
-    [[nodiscard]] int descriptor() const noexcept { return m_wakeUp.number(); }
+    [[nodiscard]] int descriptor() const noexcept { return m_wakeUp.get(); }
 
    private:
-    const Descriptor m_wakeUp;  // Of eventfd: there are tasks.
+    const Tool::Descriptor m_wakeUp;  // Of eventfd: there are tasks.
     Guarded<std::vector<std::function<void()>>> m_tasks;
   };
 
@@ -79,7 +67,7 @@ class Worker {
   void run();
   void sweep();
 
-  const Descriptor m_events;  // Of epoll. Its events carry a `Peer`, or null for the inbox.
+  const Tool::Descriptor m_events;  // Of epoll. Its events carry a `Peer`, or null for the inbox.
   const std::shared_ptr<Inbox> m_inbox;
   Lookup m_lookup;
   Peer::Shared m_shared;
