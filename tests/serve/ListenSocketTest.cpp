@@ -186,8 +186,9 @@ TEST_F(ListenSocketTest, WithoutADescriptorItSaysWhy) {
   rlimit none = before;
   none.rlim_cur = 0;
   setrlimit(RLIMIT_NOFILE, &none);
-  EXPECT_THAT([] { ListenSocket socket(parseListenAddress("inet:127.0.0.1:0")); },
-              ThrowsMessage<Tool::Failure>(HasSubstr("no socket: Too many open files")));
+  EXPECT_THAT(
+      [] { ListenSocket socket(parseListenAddress("inet:127.0.0.1:0")); },
+      testing::ThrowsMessage<Tool::Failure>(testing::HasSubstr("no socket: Too many open files")));
   setrlimit(RLIMIT_NOFILE, &before);
 }
 
