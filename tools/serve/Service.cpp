@@ -56,7 +56,7 @@ constexpr std::chrono::milliseconds s_databasePatience = 200ms;
 constexpr std::size_t s_otherDescriptors = 64;
 
 boost::asio::generic::stream_protocol s_protocolOf(int descriptor) {
-  int family = 0;
+  int family{};
   socklen_t size = sizeof(family);
   getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &family, &size);
   return {family, 0};
@@ -81,6 +81,10 @@ std::size_t s_raiseLimit(std::size_t connections, Log& log) {
               " connections instead of " + std::to_string(connections) +
               "; raise LimitNOFILE= of the unit");
   return possible;
+}
+
+void s_tellSystemd(const char* state) {
+  sd_notify(0, state);
 }
 
 class Service {
@@ -172,7 +176,7 @@ class Service {
   void begin(Clock::time_point limit) {
     const bool isSettled = m_watch->isSettled() && m_configurationWatch->hasLooked();
     if (isSettled || Clock::now() >= limit) {
-      sd_notify(0, "READY=1");
+      s_tellSystemd("READY=1");
       for (Listener& listener : m_listeners) accept(listener);
       return;
     }
@@ -231,12 +235,12 @@ class Service {
     m_log.info("rereading all tables");
     m_watch->reload();
     m_configurationWatch->reload();
-    sd_notify(0, "READY=1");
+    s_tellSystemd("READY=1");
   }
 
   void drain() {
     m_log.info("ending");
-    sd_notify(0, "STOPPING=1");
+    s_tellSystemd("STOPPING=1");
     m_isEnding = true;
     for (Listener& listener : m_listeners) listener.acceptor.close();
     for (Worker& worker : m_workers) worker.drain();
@@ -249,11 +253,11 @@ class Service {
 
   // Reports to systemd that all threads are alive, twice as often as it expects.
   void watch() {
-    std::uint64_t microseconds = 0;
+    std::uint64_t microseconds{};
     if (sd_watchdog_enabled(0, &microseconds) <= 0) return;
     const bool isAlive = std::all_of(m_workers.begin(), m_workers.end(),
                                      [](Worker& worker) { return worker.isAlive(); });
-    if (isAlive) sd_notify(0, "WATCHDOG=1");
+    if (isAlive) s_tellSystemd("WATCHDOG=1");
     m_watchdog.expires_after(std::chrono::microseconds(microseconds / 2));
     m_watchdog.async_wait([this](const error_code& error) {
       if (!error) watch();

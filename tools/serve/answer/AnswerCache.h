@@ -42,8 +42,8 @@ class AnswerCache {
     Source m_source{};
     Clock::time_point m_until;
     Clock::time_point m_used;
-    std::uint32_t m_keySize = 0;
-    std::uint32_t m_replySize = 0;
+    std::uint32_t m_keySize{};
+    std::uint32_t m_replySize{};
     Result m_result = Result::NotFound;
   };
 
@@ -92,8 +92,8 @@ class AnswerCache {
   MemoryBudget& m_budget;
   std::vector<Group> m_groups;  // Their number is a power of two, or 0.
   std::size_t m_count = 0;      // Of entries.
-  std::size_t m_victims = 0;    // The group that loses an entry next.
-  std::size_t m_swept = 0;      // The group that is swept next.
+  std::size_t m_victims{};      // The group that loses an entry next.
+  std::size_t m_swept{};        // The group that is swept next.
 };
 
 }  // namespace Tessel::Serve

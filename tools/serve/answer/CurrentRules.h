@@ -30,13 +30,13 @@ class CurrentRules {
 
  private:
   const Tables& m_tables;
-  std::uint64_t m_changes = 0;  // Of the tables, when `m_table` was looked for.
+  std::uint64_t m_changes{};  // Of the tables, when `m_table` was looked for.
   TablePointer m_table;
   std::uint64_t m_generation = 0;
-  std::size_t m_expired = 0;
+  std::size_t m_expired{};
   Clock::time_point m_until = Clock::time_point::min();  // `m_rules` is right before that.
   Rules m_rules;
-  std::uint64_t m_number = 0;
+  std::uint64_t m_number{};
 };
 
 }  // namespace Tessel::Serve

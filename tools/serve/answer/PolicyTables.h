@@ -23,7 +23,7 @@ class PolicyTables {
     std::string why;  // Why nothing can be answered; empty when it can.
     PolicyData data;
     std::vector<PolicyData::Source> masks;  // Those of the same names, as far as there are any.
-    std::uint64_t number = 0;               // Another one for each content.
+    std::uint64_t number{};                 // Another one for each content.
 
    private:
     friend class PolicyTables;
@@ -50,7 +50,7 @@ class PolicyTables {
   Tables& m_tables;
   CurrentRules& m_rules;
   std::map<std::string, Context, std::less<>> m_contexts;
-  std::uint64_t m_last = 0;  // The number that was given last.
+  std::uint64_t m_last{};  // The number that was given last.
 };
 
 }  // namespace Tessel::Serve

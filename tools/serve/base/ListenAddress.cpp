@@ -65,7 +65,7 @@ std::string_view s_cut(std::string_view& rest, char separator) {
 
 // The whole of `text` as a number without sign in `base`; nothing when it is not one or too large.
 std::optional<unsigned int> s_number(std::string_view text, int base) {
-  unsigned int number = 0;
+  unsigned int number{};
   const char* const end = text.data() + text.size();
   const auto [behind, error] = std::from_chars(text.data(), end, number, base);
   if (error != std::errc() || behind != end) return std::nullopt;

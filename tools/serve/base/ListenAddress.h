@@ -31,7 +31,7 @@ struct ListenAddress {
   // Of a network socket: a numeric IPv4 or IPv6 address, without brackets; 0 lets the system choose
   // the port.
   std::string host;
-  std::uint16_t port = 0;
+  std::uint16_t port{};
 };
 
 // Reads "unix:/PATH[,mode=0660][,group=NAME]" or "inet:HOST:PORT", with "inet:[::1]:PORT" for IPv6;

@@ -13,7 +13,7 @@ namespace {
 
 // The limit that the file `path` holds; `none` when there is no such file, or it says "max".
 std::size_t s_limitIn(const std::string& path, std::size_t none) {
-  std::size_t limit = 0;
+  std::size_t limit{};
   return std::ifstream(path) >> limit ? limit : none;
 }
 

@@ -60,7 +60,7 @@ Network parseNetwork(const std::string& option, const std::string& text) {
   const unsigned int first = host.find(':') == std::string::npos ? s_bitsBeforeV4 : 0;
   Network network{*address, s_bits};
   if (slash != std::string::npos) {
-    unsigned int bits = 0;
+    unsigned int bits{};
     const char* const end = text.data() + text.size();
     const auto [behind, error] = std::from_chars(text.data() + slash + 1, end, bits);
     if (error != std::errc() || behind != end || bits > s_bits - first) {

@@ -14,7 +14,7 @@ namespace Tessel::Serve {
 // are mapped to it (::ffff:192.0.2.1). A value.
 struct Network {
   std::array<std::uint8_t, 16> address{};
-  unsigned int bits = 0;
+  unsigned int bits{};
 };
 
 // Reads the value `text` of the option `option`: "192.0.2.0/24", "2001:db8::/32", or one address.

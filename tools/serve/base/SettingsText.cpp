@@ -41,7 +41,7 @@ bool s_takeNumber(std::string_view& text, std::uint64_t& number) {
 }  // namespace
 
 milliseconds parseTime(const std::string& option, const std::string& text, milliseconds least) {
-  std::uint64_t number = 0;
+  std::uint64_t number{};
   std::string_view rest = text;
   if (s_takeNumber(rest, number)) {
     for (const Unit& unit : s_units) {
@@ -65,7 +65,7 @@ std::string timeText(milliseconds time) {
 
 std::uint64_t parseNumber(const std::string& option, const std::string& text, std::uint64_t least,
                           std::uint64_t most) {
-  std::uint64_t number = 0;
+  std::uint64_t number{};
   std::string_view rest = text;
   if (s_takeNumber(rest, number) && rest.empty() && number >= least && number <= most) {
     return number;
@@ -77,7 +77,7 @@ std::uint64_t parseNumber(const std::string& option, const std::string& text, st
 std::size_t parseSize(const std::string& option, const std::string& text, std::size_t least) {
   static constexpr std::string_view s_sizeUnits = "KMGT";
   static constexpr std::uint64_t s_largest = 1ULL << 50U;
-  std::uint64_t number = 0;
+  std::uint64_t number{};
   std::string_view rest = text;
   if (s_takeNumber(rest, number) && number <= s_largest && rest.size() <= 1) {
     const std::size_t unit = rest.empty() ? 0 : s_sizeUnits.find(rest) + 1;

@@ -55,7 +55,7 @@ std::string_view s_name(std::string_view address, std::string_view domain) {
 }
 
 std::uint64_t s_nextNumber() {
-  static std::atomic<std::uint64_t> s_last = 0;
+  static std::atomic<std::uint64_t> s_last{};
   return ++s_last;
 }
 

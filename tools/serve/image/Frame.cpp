@@ -30,7 +30,7 @@ void s_appendNumber(std::string& bytes, Number number) {
 // The number that `bytes` begin with.
 template <class Number>
 Number s_number(std::string_view bytes) {
-  Number number = 0;
+  Number number{};
   std::memcpy(&number, bytes.data(), sizeof(number));
   return number;
 }

@@ -33,7 +33,7 @@ class HelperProcess {
   int m_descriptor = -1;
   pid_t m_pid = -1;
   bool m_hasEnded = false;
-  int m_status = 0;
+  int m_status{};
 };
 
 }  // namespace Tessel::Serve

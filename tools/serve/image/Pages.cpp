@@ -40,7 +40,7 @@ std::string s_newToken() {
 // The parts of the name of a page.
 struct PageName {
   std::string_view token;
-  std::size_t number = 0;
+  std::size_t number{};
 };
 
 std::optional<PageName> s_parse(std::string_view key) {

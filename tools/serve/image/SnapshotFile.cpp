@@ -86,7 +86,7 @@ class Bytes {
 
   template <class Number>
   Number takeNumber() {
-    Number number = 0;
+    Number number{};
     std::memcpy(&number, take(sizeof(number)).data(), sizeof(number));
     return number;
   }
@@ -148,8 +148,8 @@ class OldFile {
 
   const std::string m_path;
   const Tool::Descriptor m_descriptor;
-  std::uint64_t m_size = 0;
-  std::uint64_t m_inode = 0;
+  std::uint64_t m_size{};
+  std::uint64_t m_inode{};
 };
 
 template <class Number>
@@ -177,9 +177,9 @@ constexpr std::size_t s_stampSize = sizeof(std::int64_t) + sizeof(std::uint32_t)
 
 // What is behind the rows of a file.
 struct Ending {
-  std::uint64_t count = 0;
-  std::uint64_t number = 0;
-  std::uint32_t checksum = 0;
+  std::uint64_t count{};
+  std::uint64_t number{};
+  std::uint32_t checksum{};
   Clock::time_point time;
   static constexpr std::size_t size =
       2 * sizeof(std::uint64_t) + sizeof(std::uint32_t) + s_stampSize;

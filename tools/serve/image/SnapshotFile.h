@@ -19,9 +19,9 @@ struct Snapshot {
 
 // Identifies a saved file, whatever takes its place later.
 struct SnapshotId {
-  std::uint64_t inode = 0;
-  std::uint64_t size = 0;
-  std::uint64_t number = 0;  // Inside the file: random.
+  std::uint64_t inode{};
+  std::uint64_t size{};
+  std::uint64_t number{};  // Inside the file: random.
 };
 
 // A directory with one file per table, "SQLNAME.image", which only its owner may read: a line that

@@ -34,7 +34,7 @@ std::size_t s_reserve(const Settings& settings) {
 }
 
 std::uint64_t s_nextNumber() {
-  static std::atomic<std::uint64_t> s_last = 0;
+  static std::atomic<std::uint64_t> s_last{};
   return ++s_last;
 }
 

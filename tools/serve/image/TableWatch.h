@@ -199,7 +199,7 @@ class TableWatch {
   Guarded<ConnectionPointer> m_connection;  // Finds the changes.
   std::atomic<int> m_mismatches = 0;        // Readings in a row on another server than that.
 
-  std::atomic<std::chrono::seconds::rep> m_lag = 0;  // Of the database, at the last look.
+  std::atomic<std::chrono::seconds::rep> m_lag{};  // Of the database, at the last look.
 
   // Of the watching thread alone.
   bool m_isFailing = false;

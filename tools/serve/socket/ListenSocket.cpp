@@ -198,7 +198,7 @@ Protocol s_protocolOf(std::string_view name) {
 
 void ListenSocket::check(const ListenAddress& address) {
   if (address.kind == ListenAddress::Kind::Inet) {
-    int error = 0;
+    int error{};
     const Tool::Descriptor bound(s_bindInet(address, error));
     // Most likely by the service that runs.
     if (error != 0 && error != EADDRINUSE) s_failToBind(address, error);
@@ -279,7 +279,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
 }
 
 void ListenSocket::listenInet(const ListenAddress& address) {
-  int error = 0;
+  int error{};
   m_descriptor.reset(s_bindInet(address, error));
   if (error != 0) s_failToBind(address, error);
   if (listen(descriptor(), s_backlog) != 0) s_fail(s_inetName(address), "listen", errno, "");

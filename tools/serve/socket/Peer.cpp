@@ -107,7 +107,7 @@ void Peer::endIfLate(Clock::time_point now) {
 // A mail server that keeps asking must not delay the exit, nor one that is silent: from now on only
 // the rest of a request is waited for, and the first one of a new connection, for a moment only.
 void Peer::drain() {
-  int waiting = 0;
+  int waiting{};
   if (!isOpen()) return;
   if (ioctl(m_descriptor, FIONREAD, &waiting) != 0) return close();
   m_isDraining = true;

@@ -85,7 +85,7 @@ void Worker::Inbox::post(std::function<void()> task) {
 }
 
 void Worker::Inbox::runTasks() {
-  std::uint64_t count = 0;
+  std::uint64_t count{};
   static_cast<void>(!read(m_wakeUp.get(), &count, sizeof(count)));
   const auto tasks = m_tasks.with([](auto& waiting) { return std::exchange(waiting, {}); });
   for (const std::function<void()>& task : tasks) task();
