@@ -554,6 +554,51 @@ TEST_F(TableWatchOnReplica, OneThatIsFarBehindIsLeftForAnotherHost) {
   EXPECT_EQ(m_watch->host(), m_primary.path());
 }
 
+// The service read the newer rows of the primary, or of a snapshot, before.
+TEST_F(TableWatchOnReplica, ItsRowsAreNotUsedWhileTheyMayBeOlderThanThoseInMemory) {
+  const Testing::ScratchFile scratch;
+  Testing::SocketRelay primary({m_otherPath});
+  Testing::SocketRelay replica({m_path});
+  use(primary.path() + "," + replica.path());
+  changeOnPrimary(60);
+  const Clock::time_point start = Clock::now();
+  const auto lookAt = [&](int second) { m_watch->testOnlyLook(start + seconds(second)); };
+  const auto begin = [&] {
+    m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
+  };
+  begin();
+  lookAt(0);
+  EXPECT_EQ(find("y@d"), "z@d");
+  EXPECT_TRUE(s_waitFor([] { return sql("show slave status").at(0).at(32) != "0"; }));
+  // It says whole seconds, which may be nearly one more.
+  primary.goDown();
+  for (const int second : {1, 10, 60}) {
+    lookAt(second);
+    EXPECT_EQ(find("y@d"), "z@d");
+    EXPECT_EQ(find("x@d"), "b@d");
+  }
+  EXPECT_EQ(m_watch->host(), replica.path());
+  EXPECT_GT(m_tables.find("alias")->age(start + seconds(60)), seconds(59));
+  expectLogged("s behind, may be older than the rows in memory, which answer until it is not");
+  lookAt(90);
+  EXPECT_EQ(find("y@d"), "none");
+  EXPECT_EQ(find("x@d"), "a@d");
+  EXPECT_GT(m_tables.find("alias")->age(start + seconds(90)), seconds(59));
+  // A snapshot is of a server that nobody knows.
+  m_settings.snapshot = scratch.directory();
+  SnapshotDirectory(scratch.directory())
+      .save("alias", TableImage(TableKind::Alias, sourceOf({{"s@d", "t@d"}})), start);
+  use(replica.path());
+  begin();
+  lookAt(10);
+  EXPECT_EQ(find("s@d"), "t@d");
+  // A server that was promoted is never behind.
+  sql("stop slave");
+  sql("reset slave all");
+  lookAt(11);
+  EXPECT_EQ(find("x@d"), "a@d");
+}
+
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
   watch();
   EXPECT_TRUE(s_waitFor([this] {

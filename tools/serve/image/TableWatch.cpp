@@ -32,6 +32,9 @@ constexpr milliseconds s_settled = 1250ms;
 // A table whose last change is longer ago than clocks are ever set back is not in that second.
 constexpr const char* s_longAgo = "7200";
 
+// A replica says whole seconds: it may be nearly one more behind.
+constexpr milliseconds s_lagUnit = 1s;
+
 // How long one of several hosts may take to say what has changed. One that was suspended, or cannot
 // catch up with its cluster, takes as long as the time-outs allow.
 constexpr milliseconds s_patience = 2s;
@@ -240,9 +243,11 @@ bool TableWatch::reconnect() try {
 void TableWatch::compareAll(Clock::time_point start) {
   try {
     const std::vector<Mark> marks = listTables();
-    for (const Mark& mark : marks) compare(mark, start);
-    noteMissing(start);
-    noteNames(marks);
+    if (!isBehind(marks, start)) {
+      for (const Mark& mark : marks) compare(mark, start);
+      noteMissing(start);
+      noteNames(marks);
+    }
     if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
   } catch (const std::exception& exception) {
@@ -270,7 +275,7 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
       }
       const auto rows =
           Tool::selectTexts(*connection, s_marks("table_type = 'BASE TABLE'"), s_markColumns);
-      m_lag = askLag(*connection).count();
+      m_lag = askLag(*connection);
       noteHost(s_nameOf(*connection));
       logConnection(*connection);
       return {rows.begin(), rows.end()};
@@ -283,11 +288,12 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
   });
 }
 
-// How far the database is behind the one that it replicates; nothing unless --max-lag asks for it.
-std::chrono::seconds TableWatch::askLag(Database::Connection& connection) {
-  if (!m_settings.maxLag) return {};
+// How far the database is behind the one that it replicates; nothing for one that replicates none,
+// and unless --max-lag asks for it.
+std::optional<std::chrono::seconds> TableWatch::askLag(Database::Connection& connection) {
+  if (!m_settings.maxLag) return std::nullopt;
   const auto replica = Tool::replicaOf(connection);
-  if (!replica) return {};
+  if (!replica) return std::nullopt;
   if (replica->lag && *replica->lag <= *m_settings.maxLag) return *replica->lag;
   const std::string host = s_nameOf(connection);
   connection.leaveHost();
@@ -298,6 +304,32 @@ std::chrono::seconds TableWatch::askLag(Database::Connection& connection) {
                         : " does not replicate, and must for") +
           " --max-lag " + timeText(*m_settings.maxLag),
       "");
+}
+
+// True when the database, which gave `marks` at a look that began at `start`, is a replica and may
+// be older than rows in memory, or rows that are being read, from another server.
+bool TableWatch::isBehind(const std::vector<Mark>& marks, Clock::time_point start) {
+  const std::string server = marks.empty() ? "" : marks.front().server;
+  const bool isBehind = m_state.with([&](State& state) {
+    const bool isBusy = std::any_of(state.watched.begin(), state.watched.end(),
+                                    [](const auto& entry) { return entry.second.isBusy; });
+    if (m_lag && state.server != server && (isBusy || start - *m_lag - s_lagUnit < state.newest)) {
+      return true;
+    }
+    state.server = server;
+    return false;
+  });
+  if (!isBehind) noteNewest(start);
+  if (!std::exchange(m_isWaiting, isBehind) && isBehind) {
+    m_log.info("the replica " + host() + ", " + std::to_string(m_lag->count()) +
+               " s behind, may be older than the rows in memory, which answer until it is not");
+  }
+  return isBehind;
+}
+
+// Rows in memory may be as new as `time`.
+void TableWatch::noteNewest(Clock::time_point time) {
+  m_state.with([time](State& state) { state.newest = std::max(state.newest, time); });
 }
 
 void TableWatch::noteHost(const std::string& name) {
@@ -442,11 +474,11 @@ void TableWatch::note(const Table& table, Change change) {
 // Has the table read by a thread of the pool.
 void TableWatch::read(Watched& watched, const Mark& mark) {
   watched.isBusy = true;
-  m_readers.post([this, table = watched.table, mark] {
+  m_readers.post([this, table = watched.table, mark, lag = lag()] {
     const Clock::time_point start = now();
     std::string why;
     try {
-      readNow(*table, mark, start);
+      readNow(*table, mark, start, lag);
     } catch (const std::exception& exception) {
       m_metrics.rebuildFailed();
       why = Tool::failureOf(exception, "reading").why();
@@ -520,19 +552,22 @@ std::optional<TableWatch::Reading> TableWatch::readAnywhere(const Table& table, 
   return reading;
 }
 
-void TableWatch::readNow(Table& table, const Mark& found, Clock::time_point start) {
+void TableWatch::readNow(Table& table, const Mark& found, Clock::time_point start,
+                         std::chrono::seconds lag) {
   const std::optional<Reading> reading = readAnywhere(table, found);
   if (!reading) return;
   const ImagePointer& image = reading->image;
   const Mark& mark = reading->mark;
-  const Clock::duration took = now() - start;
+  const Clock::time_point end = now();
+  const Clock::duration took = end - start;
+  noteNewest(end);
   m_metrics.rebuilt(took);
   const bool isFirst = table.generation() == 0;
   const bool isAccepted = accept(table, *image, mark, start);
   if (isAccepted) {
     report(table, *image);
     table.publish(image);
-    table.confirm(start - lag());
+    table.confirm(start - lag);
   }
   // Reported once at this level: a busy table would fill the log.
   const auto tell = isFirst ? &Log::info : &Log::debug;
@@ -655,10 +690,6 @@ void TableWatch::fail(const std::string& why) {
   m_log.error(text);
 }
 
-std::chrono::seconds TableWatch::lag() const {
-  return std::chrono::seconds(m_lag);
-}
-
 void TableWatch::disconnect() {
   m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
 }
@@ -681,6 +712,7 @@ void TableWatch::loadSnapshots() {
       const Snapshot snapshot = m_snapshots.load(sqlName, table->kind());
       table->publish(snapshot.image);
       table->confirm(snapshot.confirmed);
+      noteNewest(snapshot.confirmed);
       m_log.info("table " + sqlName + ": " + std::to_string(snapshot.image->rows().size()) +
                  " rows of the snapshot of " + secondsText(Clock::now() - snapshot.confirmed) +
                  " ago");

@@ -36,6 +36,9 @@ namespace Tessel::Serve {
 // another server of a cluster notes other times: so the number of the connection is compared too,
 // and a new connection rereads all tables.
 //
+// Rows never go back in time. A replica that may be behind what another server has shown is not
+// compared with the images until it has caught up: they stay, and grow older.
+//
 // A table that is missing, that has lost all its rows, or that is there again with fewer rows may
 // be one that is just being restored. It is in doubt, and not answered from, until it has its rows
 // again or an administrator confirms with a reload that it is as it should be. The server does not
@@ -145,7 +148,10 @@ class TableWatch {
     bool isReconnecting = false;
     bool isRunning = false;
     bool hasLooked = false;
-    std::string host;                        // Where the changes are looked for.
+    std::string host;  // Where the changes are looked for.
+    // The server that was compared with last, and the latest time of which rows in memory may be.
+    std::optional<std::string> server;
+    Clock::time_point newest = Clock::time_point::min();
     std::map<std::string, Watched> watched;  // By SQL name. Only grows.
   };
 
@@ -158,15 +164,17 @@ class TableWatch {
   bool reconnect();
   std::vector<Mark> listTables();
   void compare(const Mark& mark, Clock::time_point start);
-  std::chrono::seconds askLag(Database::Connection& connection);
-  [[nodiscard]] std::chrono::seconds lag() const;
+  std::optional<std::chrono::seconds> askLag(Database::Connection& connection);
+  [[nodiscard]] std::chrono::seconds lag() const { return m_lag.value_or(0s); }
+  bool isBehind(const std::vector<Mark>& marks, Clock::time_point start);
+  void noteNewest(Clock::time_point time);
   void noteHost(const std::string& name);
   void noteNames(const std::vector<Mark>& marks);
   void noteMissing(Clock::time_point start);
   std::string whyDenied(const Table& table);
   void forget(Watched& watched);
   void read(Watched& watched, const Mark& mark);
-  void readNow(Table& table, const Mark& found, Clock::time_point start);
+  void readNow(Table& table, const Mark& found, Clock::time_point start, std::chrono::seconds lag);
   [[nodiscard]] ConnectionPointer newConnection() const;
   std::optional<Reading> readAnywhere(const Table& table, const Mark& mark);
   static std::optional<Reading> readRows(Database::Connection& connection, const Table& table,
@@ -199,10 +207,10 @@ class TableWatch {
   Guarded<ConnectionPointer> m_connection;  // Finds the changes.
   std::atomic<int> m_mismatches = 0;        // Readings in a row on another server than that.
 
-  std::atomic<std::chrono::seconds::rep> m_lag{};  // Of the database, at the last look.
-
   // Of the watching thread alone.
+  std::optional<std::chrono::seconds> m_lag;  // Of the database, if --max-lag asks for it.
   bool m_isFailing = false;
+  bool m_isWaiting = false;     // For a replica to catch up.
   bool m_isIncomplete = false;  // The last look did not see all tables.
   std::set<std::string> m_names;
   std::string m_logged;  // The connection that was logged last.
