@@ -48,7 +48,7 @@ resident_kilobytes() { awk '/^VmRSS/ {print $2}' "/proc/$service/status"; }
 
 @test "a storm of names, spellings, keys, lists and changes stays below the memory" {
   seconds=${TSL_TEST_SECONDS:-6}
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  choose_port
   start_service --max-memory 32M --workers 2 --refresh 200ms --metrics "127.0.0.1:$port"
   before=$(resident_kilobytes)
   tables=$([[ ${TSL_TEST_SECONDS:-} ]] && echo 1500 || echo 100)

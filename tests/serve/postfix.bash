@@ -137,10 +137,12 @@ start_sink_at() {
 }
 sink_has_begun() { ended "$(<"$POSTFIX/sink.pid")" || (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
-# What keeps the mail of mail users, in the form of smtp-sink. Arguments: the recipients.
+# What keeps the mail of mail users, in the form of smtp-sink, and refuses that for full.USER@DOMAIN. Arguments:
+# the recipients.
 deliver_program() {
   cat <<END
 #!/bin/sh
+case \$1 in full.*) exit 77 ;; esac
 file=\$(mktemp "$POSTFIX/mail/XXXXXXXX") || exit 75
 { printf 'X-Rcpt-Args: <%s>\n' "\$@"; cat; } >"\$file" || exit 75
 mv "\$file" "\$file.mail"
@@ -232,6 +234,19 @@ END
   wait_for "Postfix" greets "$1"
 }
 greets() { (exec 9<>"/dev/tcp/127.0.0.1/$1" && read -r -u 9 && [[ $REPLY == "220 mail.test.example"* ]]) 2>/dev/null; }
+
+# settings NAME=VALUE...: changes settings of main.cf, and waits until no process has the old ones.
+settings() {
+  local pid old master main_cf=$MAIL_CONFIG/main.cf
+  master=$(tr -d ' ' <"$POSTFIX/queue/pid/master.pid")
+  # Whoever reads a file of this second waits to see whether more is written.
+  touch -d '1 minute ago' "$main_cf"
+  postconf -e "$@"
+  touch -d '1 minute ago' "$main_cf"
+  old=$(pgrep -P "$master" 'smtpd|cleanup|rewrite')
+  kill -HUP "$master"
+  for pid in $old; do wait_for "the end of a process" ended "$pid"; done
+}
 
 # Waits until Postfix has nothing left to do.
 queue_empties() { wait_for "an empty queue" queue_is_empty; }

@@ -329,6 +329,89 @@ members() { printf "m%d$1@example.net\n" {1..3000} | LC_ALL=C sort | paste -s -d
     "X-Mail-Args: <owner-team@lists.example.com>"
 }
 
+# The mask of Ida, whose mailbox may be full.
+ida_has_a_mask() {
+  tool domain add inside.example
+  tool domain add outside.example
+  for user in ida full.ida; do
+    tool user add "$user@inside.example"
+    tool mask set "$user@inside.example" "$user.jones@outside.example"
+    seen mask_public "$user@inside.example" "$user.jones@outside.example"
+  done
+}
+
+@test "masks: which headers have the public address, also without a sender, and which do not" {
+  ida_has_a_mask
+  local masked=(From Sender Reply-To To Cc Errors-To Return-Receipt-To Disposition-Notification-To Resent-From)
+  local kept=(Message-ID References List-Post X-Account) header
+  smtp_open
+  smtp "MAIL FROM:<>"
+  smtp "RCPT TO:<friend@example.net>"
+  smtp "DATA"
+  for header in "${masked[@]}" "${kept[@]}"; do printf '%s: <ida@inside.example>\r\n' "$header"; done >&9
+  printf 'Subject: headers\r\n\r\nBody: <ida@inside.example>\r\n.\r\n' >&9
+  smtp_reply
+  smtp_close
+  queue_empties
+  local sent
+  sent=$(grep -B 30 -A 5 "^Subject: headers" "$POSTFIX/sink/mail")
+  for header in "${masked[@]}"; do contains "$sent" $'\n'"$header: <ida.jones@outside.example>"; done
+  for header in "${kept[@]}" Body; do contains "$sent" $'\n'"$header: <ida@inside.example>"; done
+}
+
+@test "masks: notices of mail that failed, or was delivered, have the private address" {
+  ida_has_a_mask
+  smtp_open
+  smtp "VRFY ida.jones@outside.example"
+  equal "$SMTP_REPLY" "252 2.0.0 ida.jones@outside.example"
+  for to in "<full.ida.jones@outside.example>" "<ida.jones@outside.example> NOTIFY=SUCCESS"; do
+    smtp "MAIL FROM:<friend@example.net>"
+    smtp "RCPT TO:$to"
+    smtp "DATA"
+    printf 'Subject: notices\r\n\r\n.\r\n' >&9
+    smtp_reply
+  done
+  smtp_close
+  queue_empties
+  local notices
+  notices=$(<"$POSTFIX/sink/mail")
+  contains "$notices" "Final-Recipient: rfc822; full.ida@inside.example
+Original-Recipient: rfc822;full.ida.jones@outside.example
+Action: failed"
+  contains "$notices" "Final-Recipient: rfc822; ida@inside.example
+Original-Recipient: rfc822;ida.jones@outside.example
+Action: relayed"
+}
+
+@test "masks: milters see the private address, behind the masks the public one; a copy has one address" {
+  ida_has_a_mask
+  tool --table staff alias set ida@inside.example copy@example.com
+  tool --table staff alias set ann@example.com one@example.com two@example.com
+  seen alias.staff ida@inside.example copy@example.com
+  seen alias.staff ann@example.com one@example.com,two@example.com
+  setsid python3 "$BATS_TEST_DIRNAME/milter.py" "$POSTFIX/milter.log" >"$POSTFIX/milter.port" 3>&- &
+  local milter=$! port
+  wait_for "the milter" test -s "$POSTFIX/milter.port"
+  choose_port
+  local document=$BATS_TEST_DIRNAME/../../docs/masks.md
+  sed -n '/^```master.cf$/,/^```$/{/^```/!p}' "$document" |
+    sed "s/10027/$port/; s/8891/$(<"$POSTFIX/milter.port")/; \$a \    -o smtp_tcp_port=$SINK_PORT" >>"$MAIL_CONFIG/master.cf"
+  settings "smtpd_milters=inet:127.0.0.1:$(<"$POSTFIX/milter.port")" "recipient_bcc_maps=$(map alias.staff)" \
+    "$(sed -n '/^```main.cf$/,/^```$/{/^```/!p}' "$document" | sed "s/10027/$port/")"
+  wait_for "the way behind the masks" greets "$port"
+  send ida@inside.example "milters" friend@localhost ann@example.com
+  send friend@localhost "copied" ida.jones@outside.example
+  queue_empties
+  settings smtpd_milters= recipient_bcc_maps= "default_transport=smtp:[127.0.0.1]:$SINK_PORT"
+  kill "$milter"
+  equal "$(grep -i 'from: *<ida' "$POSTFIX/milter.log")" 'MAIL FROM:<ida@inside.example>
+From: <ida@inside.example>
+MAIL FROM:<ida.jones@outside.example>
+From: <ida.jones@outside.example>'
+  equal "$(delivered "milters")" "ann@example.com friend@localhost one@example.com,two@example.com"
+  equal "$(delivered "copied")" "copy@example.com ida@inside.example"
+}
+
 @test "an outage of the database: mail goes on with the last rows" {
   tool alias set outage@example.com ann@example.com out@example.net
   seen alias outage@example.com ann@example.com,out@example.net

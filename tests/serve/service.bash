@@ -14,11 +14,6 @@ wait_for() {
 
 log_has() { grep -qF -e "$1" "$directory/log"; }
 
-# A port of the loopback address, $port, for --metrics.
-choose_port() {
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-}
-
 # The status and the text of the page $1 there.
 get() {
   python3 - "http://127.0.0.1:$port/$1" <<'PYTHON'

@@ -48,6 +48,11 @@ option_file() {
 
 socket() { sed -n 's/^socket="\(.*\)"$/\1/p' "$SERVER/client.cnf"; }
 
+# A free port of the loopback address: $port.
+choose_port() {
+  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+}
+
 # The process id of the private server.
 server_pid() { tool local status | sed -n 's/^running, pid //p'; }
 

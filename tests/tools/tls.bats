@@ -16,7 +16,7 @@ setup_file() {
   openssl req -new -key server.key -subj '/O=Example/CN=db1' -out server.csr
   openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -set_serial 2 -days 2 -out server.pem \
     -extfile <(echo 'subjectAltName=IP:127.0.0.1') 2>/dev/null
-  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  choose_port
   export port
   mariadbd --no-defaults --user="$(id -un)" --datadir="$SERVER/data" --socket="$(socket)" \
     --bind-address=127.0.0.1 --port="$port" --skip-name-resolve --innodb-buffer-pool-size=16M \
