@@ -98,7 +98,8 @@ function(tsl_install_files flavour development_doc tool_doc)
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions ${tool})
 
   install(FILES ${PROJECT_BINARY_DIR}/packaging/${flavour}files/tsl-address-map.service
-                packaging/systemd/tsl-address-map.socket DESTINATION lib/systemd/system ${tool})
+                packaging/systemd/tsl-address-map.socket
+                packaging/systemd/tsl-address-map-policy.socket DESTINATION lib/systemd/system ${tool})
   install(FILES packaging/systemd/tsl-address-map.sysusers RENAME tsl-address-map.conf
           DESTINATION lib/sysusers.d ${tool})
   install(FILES packaging/systemd/tsl-address-map.tmpfiles RENAME tsl-address-map.conf

@@ -92,7 +92,7 @@ foreign_headers() {
   program=$(sed -n 's/^ExecStart=\([^ ]*\) .*/\1/p' "$prefix/lib/systemd/system/tsl-address-map.service")
   [ "$program" = "$prefix/bin/tsl-address-map" ]
   "$program" --version
-  systemd-analyze verify --man=no "$prefix/lib/systemd/system/"tsl-address-map.{service,socket}
+  systemd-analyze verify --man=no "$prefix/lib/systemd/system/"tsl-address-map{.service,.socket,-policy.socket}
 }
 
 @test "the directory of the socket comes from systemd-tmpfiles, and from no unit, which would remove it with the socket" {

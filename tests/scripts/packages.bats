@@ -71,9 +71,9 @@ tsl-address-map_${version}_$architecture.deb" ]
   contains tsl-address-map /usr/bin/tsl-address-map \
     /usr/share/man/man{1/tsl-address-map.1,5/tsl-address-map-files.5,8/tsl-address-map-serve.8}.gz \
     /usr/share/bash-completion/completions/tsl-address-map \
-    /usr/lib/systemd/system/tsl-address-map.{service,socket} \
+    /usr/lib/systemd/system/tsl-address-map{.service,.socket,-policy.socket} \
     /usr/lib/{sysusers,tmpfiles}.d/tsl-address-map.conf \
-    /usr/share/doc/tsl-address-map/{production,tool,serve,postfix,sendmail,opensmtpd,configuration,failures}.md
+    /usr/share/doc/tsl-address-map/{production,tool,serve,postfix,masks,sendmail,opensmtpd,configuration,failures}.md
 }
 
 @test "the service unit of the package runs its program" {

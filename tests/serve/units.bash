@@ -6,6 +6,7 @@ packaging=$here/../../packaging/systemd
 socket=/run/tsl-address-map/socketmap
 service=tsl-address-map.service
 both=(tsl-address-map.socket tsl-address-map.service)
+policy_unit=tsl-address-map-policy.socket
 trap '[[ $? == 0 ]] || { echo "not ok: $what: $BASH_COMMAND"; journalctl --no-pager --quiet --lines=60 --output=cat; }' EXIT
 cd /
 
@@ -58,7 +59,7 @@ answers() { [[ $(ask) == "$answer" ]]; }
 check "the files of the packages are accepted by systemd"
 install -D -m 644 "$packaging"/tsl-address-map.sysusers /usr/lib/sysusers.d/tsl-address-map.conf
 install -D -m 644 "$packaging"/tsl-address-map.tmpfiles /usr/lib/tmpfiles.d/tsl-address-map.conf
-install -m 644 "$packaging"/tsl-address-map.socket /usr/lib/systemd/system
+install -m 644 "$packaging"/tsl-address-map{,-policy}.socket /usr/lib/systemd/system
 sed 's|@tsl_program_dir@|/usr/bin|' "$packaging"/tsl-address-map.service.in >/usr/lib/systemd/system/$service
 install -m 755 "$TSL_TOOL" /usr/bin
 ldd "$TSL_TOOL" | sed -n 's/.*=> \(.*libtsl[^ ]*\) .*/\1/p' | xargs -r install -m 644 -t /usr/lib
@@ -67,14 +68,16 @@ systemd-sysusers tsl-address-map.conf
 systemd-tmpfiles --create tsl-address-map.conf
 directory() { stat -c '%U:%G %a' /run/tsl-address-map; }
 expect "$(directory)" "tsl-address-map:tsl-address-map 755"
-expect "$(systemd-analyze --man=no verify "${both[@]}" 2>&1 | grep tsl-address-map || true)" ""
+expect "$(systemd-analyze --man=no verify "${both[@]}" "$policy_unit" 2>&1 | grep tsl-address-map || true)" ""
 systemctl daemon-reload
 systemctl --quiet enable "${both[@]}"
 # 0.5 of 10.
 systemd-analyze security --no-pager --threshold=5 "$service" >/dev/null
 right
 
+tsl-address-map --local=/run/database init >/dev/null
 tsl-address-map --local=/run/database alias set team@example.com ann@example.com
+tsl-address-map --local=/run/database alias rule set team@example.com --writers authenticated
 chmod 755 /run/database /run/database/run
 database=$(sed -n 's/^socket="\(.*\)"$/\1/p' /run/database/client.cnf)
 chmod 777 "$database"
@@ -244,6 +247,37 @@ sed -i '$d' /etc/default/tsl-address-map
 wait "$asker"
 expect "$(</run/answer)" "$answer"
 no_drop_in "$service"
+right
+
+check "the policy socket is opened while the service runs, and stays open while it restarts; without it the other one goes on"
+policy=/run/tsl-address-map/policy
+judge() {
+  setpriv --reuid=postfix --regid=postfix --clear-groups python3 - "$policy" <<'PYTHON'
+import socket, sys
+connection = socket.socket(socket.AF_UNIX)
+connection.settimeout(20)
+connection.connect(sys.argv[1])
+connection.sendall(b"request=smtpd_access_policy\nprotocol_state=RCPT\nrecipient=team@example.com\n\n")
+print(connection.recv(4096).decode().strip())
+PYTHON
+}
+refuses() { [[ $(judge) == "action=REJECT 5.7.1 "* ]]; }
+before=$(pid)
+systemctl --quiet enable "$policy_unit"
+systemctl restart "$policy_unit"
+expect "$(state "$policy_unit") $(stat -c '%U:%G %a' "$policy")" "active root:postfix 660"
+[[ $(pid) != "$before" ]]
+answers
+wait_for refuses
+for words in "restart $service" "stop $service" "kill --signal=KILL $service" "restart ${both[0]}" "restart $policy_unit"; do
+  # shellcheck disable=SC2086
+  systemctl $words 2>/dev/null
+  refuses
+  answers
+done
+systemctl disable --quiet --now "$policy_unit"
+[[ ! -e $policy ]]
+answers
 right
 
 check "both can be stopped"

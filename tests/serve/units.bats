@@ -17,7 +17,7 @@ boot() { timeout 120 bash "$BATS_TEST_DIRNAME/boot.bash" "$@" 3>&-; }
   run boot "$BATS_TEST_DIRNAME/units.bash"
   echo "$output"
   [ "$status" -eq 0 ]
-  equal "$(grep -c '^ok: ' <<<"$output")" 12
+  equal "$(grep -c '^ok: ' <<<"$output")" 13
 }
 
 @test "a script that fails under systemd is a failure, and what it writes and removes stays there" {
