@@ -6,7 +6,7 @@
 _tsl_address_map_commands() {
   case $1 in
     "") echo alias answer check diff domain history init leave local mask move-domain rename serve status table undo user ;;
-    alias) echo add drop expand export import list prune remove rule set show tree who ;;
+    alias) echo add copy drop expand export import list prune remove rule set show tree who ;;
     "alias rule") echo export import list remove set show ;;
     mask) echo explain export import list private public remove set ;;
     table) echo create drop list ;;
@@ -27,6 +27,7 @@ _tsl_address_map_options() {
     check) echo --as-known --known --since-history ;;
     answer) echo --as --delimiter --extension --from --leave-out-disabled --local-names --login-domain ;;
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
+    "alias copy") echo --allow-cycle --dry-run --local-names ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;

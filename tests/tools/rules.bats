@@ -72,6 +72,65 @@ rule() { tool alias rule "$@"; }
   equal "$stderr" ""
 }
 
+@test "an alias is copied with its rule, as one change" {
+  rule set team@example.com --writers members --owner ann@example.com
+  rule set TEAM@example.com --note "ask Ann"
+  run -0 --separate-stderr tool alias copy Team@example.com project@example.com --dry-run
+  equal "$output" "+ project@example.com:ann@example.com,bob@example.com
++ rule of project@example.com: writers=members owners=ann@example.com note=ask Ann"
+  run -1 rule show project@example.com
+  sql 'delete from history'
+  run -0 --separate-stderr tool alias copy Team@example.com project@example.com
+  equal "$output$stderr" ""
+  run -0 --separate-stderr tool alias show project@example.com
+  equal "$output" $'ann@example.com\nbob@example.com'
+  equal "$stderr" "tsl-address-map: rule of project@example.com: writers=members owners=ann@example.com note=ask Ann"
+  run -0 tool history
+  equal "$(cut -f1 <<<"$output" | uniq -c | tr -d ' ' | cut -c1)" 2
+  run -0 tool undo "$(cut -f1 <<<"$output" | head -1)"
+  run -1 tool alias show project@example.com
+  run -1 rule show project@example.com
+}
+
+@test "a copy does not get the rule that another alias of its name had" {
+  rule set team@example.com --writers members
+  sql "update rules set name = 'Project@example.com'"
+  run -0 --separate-stderr tool alias copy team@example.com project@example.com --json
+  equal "$output" '{"address":"project@example.com","members":["ann@example.com","bob@example.com"]}'
+  run -1 rule show project@example.com
+}
+
+@test "a copy is made of an alias that is there, into one that is not" {
+  tool alias set other@example.com ann@example.com
+  run -1 --separate-stderr tool alias copy nobody@example.com new@example.com
+  equal "$stderr" "tsl-address-map: no alias nobody@example.com in table alias"
+  run -65 --separate-stderr tool alias copy team@example.com Other@example.com
+  contains "$stderr" "alias Other@example.com: table alias has it already"
+  equal "$(sql "select members from alias where name = 'other@example.com'")" ann@example.com
+  sql "insert into alias( name, members ) values( 'broken@example.com', '@' )"
+  run -65 tool alias copy broken@example.com new@example.com
+  contains "$output" "broken row 'broken@example.com' of table alias"
+  rule set other@example.com --writers members
+  sql "update rules set writers = 'nobody knows'"
+  run -65 tool alias copy other@example.com new@example.com
+  contains "$output" "rule of other@example.com: another program wrote it"
+}
+
+@test "a copy is refused what a new alias is refused" {
+  tool alias set all@example.com allusers_example.com
+  run -65 tool alias copy all@example.com all@example.org
+  contains "$output" "that of another domain has no effect"
+  run -0 tool alias copy all@example.com everybody@example.com
+  tool alias set root@example.com root --local-names
+  run -65 tool alias copy root@example.com admin@example.com
+  run -0 tool alias copy root@example.com admin@example.com --local-names
+  tool alias set up@example.com loop@example.com
+  tool alias set down@example.com up@example.com
+  run -65 tool alias copy down@example.com loop@example.com
+  contains "$output" "it would lead back to itself: loop@example.com -> up@example.com -> loop@example.com"
+  run -0 tool alias copy down@example.com loop@example.com --allow-cycle
+}
+
 @test "the rule of an alias goes with it" {
   rule set team@example.com --writers members
   run -0 --separate-stderr tool alias remove Team@example.com

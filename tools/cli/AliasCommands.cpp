@@ -1,5 +1,6 @@
 // The commands on the rows of an alias table: set, remove, show, list.
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ using Members = std::set<EmailAddress>;
 
 struct AliasArguments {
   std::string address;
+  std::string copy;
   std::vector<std::string> members;
   std::string domain;
   bool allowCycle = false;
@@ -92,6 +94,78 @@ ExitCode s_remove(Session& session, const AliasArguments& arguments) {
   answerChange(session, Json{{"address", alias.address()}, {"removed", present}},
                present ? "- " + look.row.name + ":" + look.row.text : "", arguments.dryRun);
   return present ? ExitCode::Done : ExitCode::NotFound;
+}
+
+// What is copied, as it is stored.
+struct Copied {
+  AliasRow row;
+  std::optional<RuleRow> rule;
+};
+
+// The alias `from`; nothing when there is none. Throws Failure when it or its rule is broken.
+std::optional<Copied> s_lookToCopy(AliasTable& table, const EmailAddress& from,
+                                   const Session& session, bool dryRun) {
+  const AliasLook look = lookToRemove(table, from, session, dryRun);
+  if (look.kind == AliasLook::Kind::Absent) return std::nullopt;
+  if (look.row.fault != RowFault::None) {
+    throw brokenRow(look.row, aliasTableName(session.tableName()));
+  }
+  Copied copied{look.row, table.rules().look(look.row.alias)};
+  if (copied.rule && !copied.rule->rule) throw brokenRule(copied.rule->name);
+  return copied;
+}
+
+void s_requireNew(AliasTable& table, const EmailAddress& alias, const Session& session,
+                  bool dryRun) {
+  const AliasLook look = lookToRemove(table, alias, session, dryRun);
+  if (look.kind == AliasLook::Kind::Absent) return;
+  const std::string spelling =
+      look.kind == AliasLook::Kind::Spelled ? ", in the spelling '" + look.row.name + "'" : "";
+  throw Failure(ExitCode::BadData, "alias " + alias.address(),
+                "table " + aliasTableName(session.tableName()) + " has it already" + spelling,
+                "nothing was changed; choose another name, or add members with 'alias add'");
+}
+
+// Gives the new alias `to` the rule of the copied one, and no other: one may be left of an alias
+// that another program has removed.
+void s_copyRule(AliasTable& table, const Copied& copied, const EmailAddress& to) {
+  const std::optional<RuleRow> left = table.rules().look(to);
+  if (left && (!copied.rule || left->name != to.address())) {
+    table.rules().remove(table.change(), left->name);
+  }
+  if (copied.rule) table.rules().set(table.change(), to.address(), *copied.rule->rule);
+}
+
+ExitCode s_copy(Session& session, const AliasArguments& arguments) {
+  const EmailAddress from = parseAddress(arguments.address, false);
+  const EmailAddress to = parseAddress(arguments.copy, false);
+  session.tellTarget(TableKind::Alias);
+  AliasTable table(aliasTableName(session.tableName()));
+  std::optional<Copied> copied;
+  table.transact([&] {
+    copied = s_lookToCopy(table, from, session, arguments.dryRun);
+    if (!copied) return false;
+    s_requireNew(table, to, session, arguments.dryRun);
+    requireWritable(to, copied->row.members, localNamesOf(arguments.localNames));
+    refuseHarm(table, to, copied->row.members, {}, arguments.allowCycle);
+    if (arguments.dryRun) return false;
+    table.set(to, copied->row.members);
+    s_copyRule(table, *copied, to);
+    return true;
+  });
+  if (!copied) {
+    say(noAlias(from, session));
+    return ExitCode::NotFound;
+  }
+  warnOfWildcard(to);
+  if (!arguments.dryRun) session.detail("copied " + copied->row.name + " to " + to.address());
+  Json document = s_jsonOf(to, copied->row.members);
+  if (copied->rule) document["rule"] = jsonOf(*copied->rule->rule);
+  answerChange(session, document, changeLine({}, to, copied->row.members), arguments.dryRun);
+  if (copied->rule && arguments.dryRun && !session.isJson()) {
+    session.output().line(printable("+ " + textOf(RuleRow{to.address(), copied->rule->rule})));
+  }
+  return ExitCode::Done;
 }
 
 // The members of the row of another spelling than `alias`. Reports that there is none. Throws
@@ -172,6 +246,20 @@ void addAliasCommands(Command& top) {
                                  Preparation::Database, withArguments(s_remove, arguments));
   remove.argument("ADDRESS", arguments->address, "The alias");
   addDryRun(remove, arguments->dryRun);
+
+  Command copy = group.command(
+      "copy", "Copy an alias with its rule into a new alias",
+      "  tsl-address-map alias copy team@example.com project@example.com\n"
+      "Prints nothing; with --json {\"address\", \"members\"} of the new alias, and \"rule\" if it"
+      " has one. Refused (65)\nwhen the table has the new alias already. Exit 1 when there is no"
+      " alias to copy.\n",
+      Preparation::Database, withArguments(s_copy, arguments));
+  copy.argument("OLD", arguments->address, "The alias to copy, which stays");
+  copy.argument("NEW", arguments->copy, "The new alias");
+  copy.flag("--local-names", arguments->localNames,
+            "Also copy members without a domain, such as root");
+  copy.flag("--allow-cycle", arguments->allowCycle, "Write it even if its members lead back to it");
+  addDryRun(copy, arguments->dryRun);
 
   Command show = group.command(
       "show", "Show the members of an alias as they are stored; exit 1 when there is none",

@@ -19,11 +19,17 @@ namespace Tessel::Tool {
 
 namespace {
 
-EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias,
-                           LocalNames localNames) {
-  EmailAddress member = parseAddress(text, true);
+void s_requireWritable(const EmailAddress& alias) {
+  const auto why = refusalOf(alias);
+  if (!why) return;
+  throw Failure(ExitCode::BadData, "alias '" + alias.address() + "'", *why,
+                "write the literal without it");
+}
+
+void s_requireWritable(const EmailAddress& member, const EmailAddress& alias,
+                       LocalNames localNames) {
   const auto why = refusalOfMember(member, alias, localNames);
-  if (!why) return member;
+  if (!why) return;
   throw Failure(ExitCode::BadData, "alias " + alias.address(), *why,
                 "write it as NAME@DOMAIN, or use 'allusers_" + alias.domain() +
                     "' for all user mailboxes of the domain");
@@ -33,17 +39,22 @@ EmailAddress s_parseMember(const std::string& text, const EmailAddress& alias,
 
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                                     const EmailAddress& alias, LocalNames localNames) {
-  if (const auto why = refusalOf(alias)) {
-    throw Failure(ExitCode::BadData, "alias '" + alias.address() + "'", *why,
-                  "write the literal without it");
-  }
+  s_requireWritable(alias);
   std::set<EmailAddress> members;
   forEachText(texts, [&](const std::string& text) {
-    members.insert(s_parseMember(text, alias, localNames));
+    const EmailAddress member = parseAddress(text, true);
+    s_requireWritable(member, alias, localNames);
+    members.insert(member);
   });
   if (!members.empty()) return members;
   throw Failure(ExitCode::BadData, "standard input", "it has no members",
                 "nothing was changed; write one address per line");
+}
+
+void requireWritable(const EmailAddress& alias, const std::set<EmailAddress>& members,
+                     LocalNames localNames) {
+  s_requireWritable(alias);
+  for (const EmailAddress& member : members) s_requireWritable(member, alias, localNames);
 }
 
 void warnOfWildcard(const EmailAddress& alias) {

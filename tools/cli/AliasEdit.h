@@ -22,6 +22,11 @@ namespace Tessel::Tool {
 std::set<EmailAddress> parseMembers(const std::vector<std::string>& texts,
                                     const EmailAddress& alias, LocalNames localNames);
 
+// Refuses what is not to be written as `alias` with `members`, see WriteRule.h. Throws Failure,
+// `BadData`.
+void requireWritable(const EmailAddress& alias, const std::set<EmailAddress>& members,
+                     LocalNames localNames);
+
 // Warns when `alias` looks like one for a whole domain.
 void warnOfWildcard(const EmailAddress& alias);
 

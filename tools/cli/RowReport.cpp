@@ -63,6 +63,11 @@ Failure brokenRow(const MaskRow& row, const std::string& table) {
           "correct or delete the row with an SQL client, by its private text"};
 }
 
+Failure brokenRule(const std::string& name) {
+  return {ExitCode::BadData, "rule of " + name, "another program wrote it, and it cannot be read",
+          "remove it with 'alias rule remove', and set it again"};
+}
+
 void nameTableFault(const Exception& exception, const Session& session, TableKind kind) {
   if (!isAddressFault(exception)) throw;
   const std::string why = reasonOf(exception);

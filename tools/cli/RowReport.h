@@ -33,6 +33,8 @@ std::string noAlias(const EmailAddress& alias, const Session& session);
 // The failure that the broken row `row` of the SQL table `table` is.
 Failure brokenRow(const AliasRow& row, const std::string& table);
 Failure brokenRow(const MaskRow& row, const std::string& table);
+// The failure that the rule of `name` is, which cannot be read.
+Failure brokenRule(const std::string& name);
 
 // Turns `exception`, thrown while the library read the table of `kind`, into a failure after naming
 // the rows that cannot be read, when it is those that it is about. Throws the failure, or again

@@ -117,12 +117,6 @@ Json s_jsonOf(const std::string& name, const std::optional<AliasRule>& rule) {
   return document;
 }
 
-Failure s_broken(const std::string& name) {
-  return {ExitCode::BadData, "rule of " + s_nameOf(name),
-          "another program wrote it, and it cannot be read",
-          "remove it with 'alias rule remove', and set it again"};
-}
-
 // The alias whose rule is written, as its row spells it. Throws Failure when there is no such row.
 std::string s_nameToWrite(AliasTable& table, const EmailAddress& alias, const Session& session) {
   if (alias.isNull()) return "";
@@ -160,7 +154,7 @@ ExitCode s_set(Session& session, const RuleArguments& arguments) {
   table.transact([&] {
     name = s_nameToWrite(table, alias, session);
     before = table.rules().look(alias);
-    if (before && !before->rule) throw s_broken(before->name);
+    if (before && !before->rule) throw brokenRule(s_nameOf(before->name));
     rule = s_changed(before ? *before->rule : AliasRule(), arguments);
     s_requireSense(rule, alias);
     if (arguments.dryRun) return false;
@@ -182,7 +176,7 @@ ExitCode s_show(Session& session, const RuleArguments& arguments) {
   const EmailAddress alias = s_parseAlias(arguments.alias);
   session.tellTarget(TableKind::Alias);
   const auto row = AliasTable(aliasTableName(session.tableName())).rules().look(alias);
-  if (row && !row->rule) throw s_broken(row->name);
+  if (row && !row->rule) throw brokenRule(s_nameOf(row->name));
   if (session.isJson()) {
     session.output().document(s_jsonOf(alias.address(), row ? row->rule : std::nullopt));
   } else if (row) {
@@ -198,7 +192,7 @@ ExitCode s_list(Session& session, const RuleArguments& arguments) {
   ItemList list(session.output());
   for (const RuleRow& row : AliasTable(aliasTableName(session.tableName())).rules().rows(domain)) {
     if (!row.rule) {
-      report(s_broken(row.name));
+      report(brokenRule(s_nameOf(row.name)));
       code = ExitCode::BadData;
       continue;
     }
@@ -231,7 +225,7 @@ ExitCode s_export(Session& session, const RuleArguments& arguments) {
   const auto rows = AliasTable(aliasTableName(session.tableName())).rules().rows();
   std::string text;
   for (const RuleRow& row : rows) {
-    if (!row.rule) throw s_broken(row.name);
+    if (!row.rule) throw brokenRule(s_nameOf(row.name));
     text += s_nameOf(row.name) + "\t" + ruleText(*row.rule) + "\n";
   }
   if (arguments.file.empty()) {
