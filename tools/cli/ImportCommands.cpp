@@ -5,9 +5,8 @@
 
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
+#include "cli/ImportTask.h"
 #include "files/TableFile.h"
-#include "files/TableImport.h"
-#include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"
 #include "terminal/Progress.h"
@@ -27,31 +26,6 @@ struct ImportArguments {
   bool force = false;
 };
 
-void s_show(Output& output, const TableImport& import) {
-  const auto show = [&output](const char* sign, const std::string& line) {
-    output.line(sign + printable(line));
-  };
-  for (const StoredRow& row : import.removed()) show("- ", row.key + ":" + row.value);
-  for (const ChangedRow& row : import.changed()) {
-    show("~ ", changeOf(row.formerKey(), row.before.value, *row.entry));
-  }
-  for (const FileEntry* entry : import.added()) show("+ ", entry->line());
-}
-
-Json s_rowsOf(const TableImport& import) {
-  Json rows = Json::array();
-  const auto add = [&rows](const char* sign, const std::string& line) {
-    rows.push_back(Json{{"change", sign}, {"line", printable(line)}});
-  };
-  for (const StoredRow& row : import.removed()) add("-", row.key + ":" + row.value);
-  for (const ChangedRow& row : import.changed()) {
-    add("~", row.entry->line());
-    rows.back()["former"] = printable(row.formerKey() + ":" + row.before.value);
-  }
-  for (const FileEntry* entry : import.added()) add("+", entry->line());
-  return rows;
-}
-
 Json s_jsonOf(const std::vector<LineFaults::Fault>& faults) {
   Json list = Json::array();
   for (const LineFaults::Fault& fault : faults) {
@@ -69,61 +43,16 @@ void s_answer(Session& session, const TableImport& import,
                   {"left", import.left()},
                   {"removed", import.removed().size()}};
     if (skipped != nullptr) document["skipped"] = s_jsonOf(*skipped);
-    if (dryRun) document["rows"] = s_rowsOf(import);
+    if (dryRun) document["rows"] = rowsOf(import);
     session.output().document(document);
     return;
   }
-  if (dryRun) s_show(session.output(), import);
+  if (dryRun) showRows(session.output(), import);
   session.output().line(
       std::to_string(import.added().size()) + " added, " + std::to_string(import.changed().size()) +
       " changed, " + std::to_string(import.left()) + " left, " +
       std::to_string(import.removed().size()) + " removed" +
       (skipped != nullptr ? ", " + std::to_string(skipped->size()) + " skipped" : ""));
-}
-
-void s_commit(TableImport& import, const std::string& subject) {
-  try {
-    import.commit();
-  } catch (const Exception& exception) {
-    if (!isOutcomeUnknown(exception)) throw;
-    throw Failure(ExitCode::Unavailable, subject, reasonOf(exception),
-                  "whether the import was written is unknown: the table is either as before or as"
-                  " the import makes it; look with --dry-run, and import again");
-  }
-}
-
-// What an import works with.
-struct ImportTask {
-  const TableFormat& format;
-  const std::string table;
-  const TableFile& file;
-  const TableImport::Rest rest;
-  const bool refusesLoops;
-  const bool dryRun;
-};
-
-std::unique_ptr<TableImport> s_importOnce(const ImportTask& task, const std::string& subject,
-                                          Progress& progress) {
-  auto change = std::make_unique<TableImport>(task.format, task.table, task.file, task.rest);
-  if (!task.format.hasPublic) {
-    change->refuseHarm(task.refusesLoops ? TableImport::Loops::Refuse : TableImport::Loops::Allow);
-  }
-  change->compare(!task.dryRun, progress);
-  if (task.dryRun) return change;
-  change->write(progress);
-  s_commit(*change, subject);
-  return change;
-}
-
-std::unique_ptr<TableImport> s_carryOut(const ImportTask& task, Progress& progress) {
-  const std::string subject = "importing " + task.file.name() + " into table " + task.table;
-  try {
-    return retryLost([&] { return s_importOnce(task, subject, progress); });
-  } catch (const Exception& exception) {
-    const Failure failure = failureOf(exception, subject);
-    throw Failure(failure.code(), failure.subject(), failure.why(),
-                  "nothing was written; " + failure.hint());
-  }
 }
 
 // True when fewer rows would go than come, or the person at the terminal agrees.
@@ -162,11 +91,9 @@ ExitCode s_import(Session& session, const ImportArguments& arguments, const Tabl
     return ExitCode::Done;
   }
   const auto change =
-      s_carryOut({format, table, file, rest, !arguments.allowCycle, arguments.dryRun}, progress);
+      carryOut({format, table, file, rest, !arguments.allowCycle, arguments.dryRun}, progress);
   progress.end();
-  if (change->removedRules() != 0) {
-    say("the rules of removed aliases are removed, too: " + std::to_string(change->removedRules()));
-  }
+  tellRemovedRules(*change);
   s_answer(session, *change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);
   return ExitCode::Done;
 }
