@@ -6,9 +6,9 @@
 _tsl_address_map_commands() {
   case $1 in
     "") echo alias answer check diff domain history init leave local mask move-domain rename serve status table undo user ;;
-    alias) echo add copy drop expand export import list prune remove rule set show tree who ;;
+    alias) echo add copy drop edit expand export import list prune remove rule set show tree who ;;
     "alias rule") echo export import list remove set show ;;
-    mask) echo explain export import list private public remove set ;;
+    mask) echo edit explain export import list private public remove set ;;
     table) echo create drop list ;;
     domain) echo add export import list merge remove ;;
     user) echo add export import list remove ;;
@@ -29,6 +29,8 @@ _tsl_address_map_options() {
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias copy") echo --allow-cycle --dry-run --local-names ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
+    "alias edit") echo --allow-cycle --domain --dry-run --force --local-names --match --new-spelling --yes ;;
+    "mask edit") echo --domain --dry-run --force --match --new-spelling --yes ;;
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;
     "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
@@ -91,7 +93,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact|since|until|by|before) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|match|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact|since|until|by|before) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then

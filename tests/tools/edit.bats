@@ -1,5 +1,5 @@
-# What changes single members, whole tables and many users: alias add and drop, table, user import,
-# and --dry-run.
+# What changes single members, whole tables and many users: alias add and drop, edit, table, user
+# import, and --dry-run.
 
 load helper
 
@@ -168,6 +168,191 @@ at_terminal() {
   contains "$(tool table list)" asked
   run -0 at_terminal y table drop asked
   [[ $(tool table list) != *asked* ]]
+}
+
+# Runs the tool with the editor $1, a command that gets the name of the file.
+edit_by() {
+  local command=$1
+  shift
+  VISUAL=$command EDITOR=false TMPDIR=$BATS_TEST_TMPDIR tool "$@"
+}
+# The files that were kept.
+kept() { find "$BATS_TEST_TMPDIR" -path '*-edit-*' -type f; }
+# Makes the editor ./editor of commands for the file $1.
+editor() { printf '#!/bin/bash\n%s\n' "$1" >editor && chmod +x editor; }
+three() {
+  tool alias import - <<<$'ann@example.com:x@x.example\nteam@example.com:ann@example.com,bob@example.com\nzoe@example.org:z@x.example'
+}
+
+@test "rows are changed, added and removed in an editor, as one change" {
+  three
+  tool alias rule set zoe@example.org --writers members
+  editor 'cat "$1"; stat -c "%a %U" "$1" "$(dirname "$1")"; sed -i "s/bob/rob/; \$a new@example.com:n@x.example
+/zoe/d" "$1"'
+  sql 'delete from history'
+  run -0 --separate-stderr edit_by ./editor alias edit --yes
+  equal "$output" "ann@example.com:x@x.example
+team@example.com:ann@example.com,bob@example.com
+zoe@example.org:z@x.example
+600 $(id -un)
+700 $(id -un)
+- zoe@example.org:z@x.example
+~ team@example.com:ann@example.com,bob@example.com -> ann@example.com,rob@example.com
++ new@example.com:n@x.example
+1 added, 1 changed, 1 removed"
+  equal "$stderr" "tsl-address-map: the rules of removed aliases are removed, too: 1"
+  equal "$(aliases)" "ann@example.com:x@x.example
+new@example.com:n@x.example
+team@example.com:ann@example.com,rob@example.com"
+  equal "$(tool history | cut -f1 | uniq -c | tr -s ' ' | cut -d' ' -f2)" 4
+  equal "$(kept)" ""
+  run -0 --separate-stderr edit_by 'sed -i s/rob/bob/' alias edit --yes --json
+  equal "$output" '{"added":0,"changed":1,"removed":0,"rows":[{"change":"~","line":"team@example.com:ann@example.com,bob@example.com","former":"team@example.com:ann@example.com,rob@example.com"}]}'
+}
+
+@test "nothing changed, and a dry run" {
+  three
+  run -0 --separate-stderr edit_by true alias edit --yes
+  equal "$output$stderr" "tsl-address-map: nothing changed"
+  # The same rows in another order, with other line ends and a byte order mark.
+  editor 'sed -i "1!G;h;\$!d" "$1"; sed -i "s/\$/\r/; 1s/^/\xef\xbb\xbf/" "$1"; echo >>"$1"'
+  run -0 edit_by ./editor alias edit --yes
+  equal "$output" "tsl-address-map: nothing changed"
+  equal "$(kept)" ""
+  run -0 --separate-stderr edit_by 'sed -i /zoe/d' alias edit --dry-run
+  equal "$output" $'- zoe@example.org:z@x.example\n0 added, 0 changed, 1 removed'
+  equal "$stderr" "tsl-address-map: the edited file is kept: $(kept)"
+  contains "$(aliases)" zoe
+}
+
+@test "a selection of rows is edited, and no other is touched" {
+  three
+  run -0 edit_by cat alias edit --match 'BOB@*' --yes
+  contains "$output" $'team@example.com:ann@example.com,bob@example.com\n'
+  [[ $output != *x@x.example* ]]
+  run -0 edit_by cat alias edit --domain EXAMPLE.org --yes
+  equal "${lines[0]}" zoe@example.org:z@x.example
+  run -0 edit_by 'sed -i /z/d' alias edit Zoe@example.org ann@example.com --yes
+  equal "$(aliases)" $'ann@example.com:x@x.example\nteam@example.com:ann@example.com,bob@example.com'
+  editor 'echo Team@example.com:x@x.example >>"$1"'
+  run -65 edit_by ./editor alias edit ann@example.com --yes
+  contains "$output" "alias.txt:2: the table has 'team@example.com:ann@example.com,bob@example.com', which was not shown"
+  contains "$output" "it has addresses of rows that are not edited"
+  equal "$(aliases)" $'ann@example.com:x@x.example\nteam@example.com:ann@example.com,bob@example.com'
+  run -1 edit_by cat alias edit ann@example.com nobody@example.com --yes
+  contains "$output" "no alias nobody@example.com in table alias"
+  run -1 edit_by cat alias edit --match nobody --yes
+  contains "$output" "nothing is selected in table alias"
+  run -64 edit_by cat alias edit --match nobody ann@example.com --yes
+  # A table without rows can be filled.
+  sql 'delete from alias'
+  run -0 edit_by ./editor alias edit --yes
+  equal "$(aliases)" Team@example.com:x@x.example
+}
+
+@test "what is not written is kept, and said where" {
+  three
+  local before way
+  before=$(aliases)
+  for way in 'printf "a@x.example:b\0@x.example\n"' 'printf "a@x.example:b\1@x.example\n"' 'printf "\xff\n"' \
+    'echo no address' 'echo a@x.example:root' 'echo a@x.example:b@x.example; echo b@x.example:a@x.example'; do
+    editor "{ $way; } >>\"\$1\"; cp \"\$1\" edited"
+    run -65 edit_by ./editor alias edit --yes
+    contains "$output" "alias.txt:4: "
+    contains "$output" "the edited file is kept: $(kept)"
+    cmp edited "$(kept)"
+    rm -r "$(dirname "$(kept)")"
+  done
+  for way in 'exit 3' 'kill -9 $$'; do
+    editor "echo >>\"\$1\"; $way"
+    run -75 edit_by ./editor alias edit --yes
+    contains "$output" "editor './editor': $([[ $way == exit* ]] && echo "it ended with exit status 3" || echo "signal 9 ended it")"
+    contains "$output" "the edited file is kept: $(kept)"
+    rm -r "$(dirname "$(kept)")"
+  done
+  run -78 edit_by ./missing alias edit --yes
+  contains "$output" "set VISUAL or EDITOR to an editor"
+  run -65 edit_by rm alias edit --yes
+  equal "$(kept)" ""
+  TMPDIR=$PWD/missing run -74 tool alias edit --yes
+  contains "$output" "TMPDIR names the directory"
+  equal "$(aliases)" "$before"
+}
+
+@test "all lines are deleted on purpose only" {
+  three
+  run -65 edit_by 'truncate -s 0' alias edit --yes
+  contains "$output" "it is empty, and all 3 rows would be removed"
+  equal "$(aliases | wc -l)" 3
+  run -64 edit_by 'truncate -s 0' alias edit --force
+  run -0 edit_by 'truncate -s 0' alias edit --domain example.com --yes --force
+  equal "$(aliases)" zoe@example.org:z@x.example
+}
+
+@test "what somebody else changes meanwhile is named, and nothing is written" {
+  three
+  export tool="'$TSL_TOOL' '--local=$SERVER'"
+  editor 'sed -i s/bob/rob/ "$1"; eval "$tool alias add team@example.com eve@example.com; $tool alias remove zoe@example.org"'
+  run -75 edit_by ./editor alias edit --yes
+  contains "$output" "table alias: team@example.com: it is 'ann@example.com,bob@example.com,eve@example.com' now, and was 'ann@example.com,bob@example.com'"
+  contains "$output" "table alias: zoe@example.org: it is gone"
+  contains "$output" "somebody has changed 2 rows since they were shown"
+  contains "$(cat "$(kept)")" rob
+  equal "$(aliases)" $'ann@example.com:x@x.example\nteam@example.com:ann@example.com,bob@example.com,eve@example.com'
+  # An alias of the same name.
+  editor 'echo new@example.com:n@x.example >>"$1"; eval "$tool alias set NEW@example.com other@x.example"'
+  run -65 edit_by ./editor alias edit --yes
+  contains "$output" "the table has 'NEW@example.com:other@x.example', which was not shown"
+  # Others do not matter.
+  editor 'sed -i s/eve/adam/ "$1"; eval "$tool alias set more@example.com other@x.example"'
+  run -0 edit_by ./editor alias edit --match 'team*' --yes
+  contains "$(aliases)" "team@example.com:adam@example.com,ann@example.com,bob@example.com"
+}
+
+@test "rows that other programs have written stay as they are" {
+  sql "insert into alias( name, members ) values( 'a@example.com', 'b@x.example , a@x.example' ), ( 'büro@büro.example', 'a@x.example' ), ( 'büro@xn--bro-hoa.example', 'b@x.example' ), ( 'root@example.com', 'root' ), ( 'broken@example.com', '@' )"
+  run -0 edit_by 'sed -i s/:b@x.example$/:c@x.example/' alias edit --yes
+  contains "$output" "warning: row 'broken@example.com' of table alias cannot be edited, and stays: bad members"
+  contains "$output" "~ büro@xn--bro-hoa.example:b@x.example -> c@x.example
+0 added, 1 changed, 0 removed"
+  contains "$(aliases)" "a@example.com:b@x.example , a@x.example"
+  run -65 edit_by 'sed -i s/:root/:root,toor/' alias edit --yes
+  contains "$output" "the member 'root' has no domain"
+  run -0 edit_by 'sed -i s/:root/:root,toor/' alias edit --yes --local-names
+}
+
+@test "pairs of a mask table change places in an editor" {
+  tool mask set a@inner.example a@example.com
+  tool mask set b@inner.example b@example.com
+  tool mask set c@inner.example c@example.com
+  run -0 edit_by "sed -i 's/:a@/:x@/;s/:b@/:a@/;s/:x@/:b@/'" mask edit --match '[ab]@example.com' --yes
+  equal "$(sql 'select concat( private, " ", public ) from mask order by 1')" $'a@inner.example b@example.com\nb@inner.example a@example.com\nc@inner.example c@example.com'
+  run -65 edit_by 'sed -i s/:b@/:c@/' mask edit a@inner.example --yes
+  contains "$output" "has the public address of the row 'c@inner.example:c@example.com'"
+}
+
+@test "a person at the editor is asked" {
+  three
+  run -65 edit_by true alias edit </dev/null
+  contains "$output" "give --yes to write them"
+  export VISUAL='' EDITOR='sed -i s/bob/rob/' TMPDIR=$BATS_TEST_TMPDIR
+  run -0 at_terminal $'n\nn' alias edit
+  contains "$output" "~ team@example.com:ann@example.com,bob@example.com -> ann@example.com,rob@example.com"
+  contains "$output" "Write these changes: 0 added, 1 changed, 0 removed? [y/N]"
+  contains "$output" "the edited file is kept: $(kept)"
+  contains "$(aliases)" bob
+  # Declined, edited again, and written.
+  editor 'sed -i "s/rob/eve/; s/bob/rob/" "$1"'
+  EDITOR=./editor run -0 at_terminal $'n\ny\ny' alias edit
+  contains "$(aliases)" ann@example.com,eve@example.com
+  editor 'if [[ -e again ]]; then sed -i "/no address/d; /zoe/d" "$1"; else echo no address >>"$1"; touch again; fi'
+  EDITOR=./editor run -0 at_terminal $'y\ny' alias edit
+  contains "$output" "alias.txt:4: there is no colon after an address"
+  contains "$output" "Edit again? [y/N]"
+  [[ $(aliases) != *zoe* ]]
+  EDITOR='truncate -s 0' run -0 at_terminal y alias edit
+  contains "$output" "The file is empty. Remove all 2 rows? [y/N]"
+  equal "$(aliases)" ""
 }
 
 @test "edits at the same time lose nothing" {

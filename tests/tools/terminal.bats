@@ -325,3 +325,25 @@ interrupt() {
     equal "$stderr" ""
   done
 }
+
+@test "what changes while a person is asked stays, and an interrupt loses nothing that was edited" {
+  tool alias set team@example.com ann@example.com bob@example.com
+  open_terminal 100
+  enter "TMPDIR=. EDITOR='sed -i s/bob/rob/' t alias edit" Enter
+  wait_for 'Write these changes: 0 added, 1 changed, 0 removed\? \[y/N\]'
+  tool alias add team@example.com eve@example.com
+  enter y Enter
+  wait_for 'somebody has changed 1 rows since they were shown'
+  equal "$(sql 'select members from alias')" ann@example.com,bob@example.com,eve@example.com
+  enter "clear; TMPDIR=. EDITOR='sed -i s/bob/rob/' t alias edit" Enter
+  wait_for 'Write these changes'
+  enter C-c
+  wait_for 'the edited file is kept: \./tsl-address-map-edit-'
+  equal "$(grep -l rob ./tsl-address-map-edit-*/alias.txt | wc -l)" 2
+  # The editor gets it alone.
+  enter "clear; TMPDIR=. EDITOR='sh -c \"trap : INT; echo waits; sleep 60; exit 0\"' t alias edit" Enter
+  wait_for '^waits$'
+  enter C-c
+  wait_for 'nothing changed'
+  wait_for '^\$$'
+}

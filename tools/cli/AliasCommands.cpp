@@ -284,6 +284,7 @@ void addAliasCommands(Command& top) {
   addAliasWhoCommand(group);
   addRuleCommands(group);
   addAliasPruneCommand(group);
+  addEditCommand(group, TableFormat::alias());
   addExportCommand(group, TableFormat::alias());
   addImportCommand(group, TableFormat::alias());
 }

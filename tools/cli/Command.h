@@ -134,6 +134,7 @@ void addRuleCommands(Command& alias);
 void addMaskCommands(Command& top);
 void addMaskExplainCommand(Command& mask);
 void addMaskFindCommands(Command& mask);
+void addEditCommand(Command& group, const TableFormat& format);
 void addExportCommand(Command& group, const TableFormat& format);
 void addImportCommand(Command& group, const TableFormat& format);
 void addCheckCommand(Command& top);

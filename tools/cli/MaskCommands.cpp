@@ -206,6 +206,7 @@ void addMaskCommands(Command& top) {
 
   addMaskFindCommands(group);
   addMaskExplainCommand(group);
+  addEditCommand(group, TableFormat::mask());
   addExportCommand(group, TableFormat::mask());
   addImportCommand(group, TableFormat::mask());
 }

@@ -25,12 +25,15 @@ constexpr std::size_t s_nowhere = SIZE_MAX;
 
 // Why a good line must not be written; nothing when it may.
 std::optional<std::string> s_refusal(const TableEntry& entry, bool hasMembers,
-                                     LocalNames localNames) {
+                                     const TableFile::Options& options) {
+  const bool isUnchanged =
+      options.shown != nullptr && options.shown->isUnchanged(entry.key.address(), entry);
+  if (isUnchanged) return std::nullopt;
   auto why = refusalOf(entry.key);
   if (!why && hasMembers) why = refusalOfMarker(entry.values, entry.key);
   for (const EmailAddress& value : entry.values) {
     if (why) break;
-    why = hasMembers ? refusalOfMember(value, entry.key, localNames) : refusalOf(value);
+    why = hasMembers ? refusalOfMember(value, entry.key, options.localNames) : refusalOf(value);
   }
   return why;
 }
@@ -106,7 +109,7 @@ void TableFile::read(Lines& lines, FileSyntax& syntax, LineFaults& faults, Progr
     entry.number = records.number();
     if (const auto fault = syntax.read(record, entry)) {
       faults.add(records.number(), fault->why);
-    } else if (const auto why = s_refusal(entry, syntax.hasMembers(), options.localNames)) {
+    } else if (const auto why = s_refusal(entry, syntax.hasMembers(), options)) {
       faults.add(records.number(), *why);
     } else if (!isOfDomain(entry.key.address(), domain)) {
       faults.add(records.number(), entry.key.address() + " is not of the domain " + options.domain +

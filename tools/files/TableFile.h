@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "files/FileSyntax.h"
+#include "files/ShownRows.h"
 #include "tables/AddressIndex.h"
 #include "tables/TableFormat.h"
 #include "tables/WriteRule.h"
@@ -65,6 +66,8 @@ class TableFile {
     // A line of another domain than this, in any spelling, is bad. The format `aliases` also takes
     // it for `defaultDomain`.
     std::string domain{};
+    // Rows that a person is changing: what is left as it was shown is good.
+    const ShownRows* shown = nullptr;
   };
 
   // Reads the file `path`, "-" being standard input, in the format that `options` name, or that it

@@ -79,6 +79,7 @@ TableImport::TableImport(const TableFormat& format, std::string table, const Tab
       m_file(file),
       m_removes(rest.removes),
       m_domain(comparisonDomain(rest.domain)),
+      m_shown(rest.shown),
       m_connection(std::string(s_database)) {}
 
 void TableImport::checkSizes() {
@@ -116,6 +117,7 @@ void TableImport::compare(bool toWrite, Progress& progress) {
   progress.begin("comparing", "rows");
   checkSizes();
   if (toWrite) m_change.emplace(m_connection);
+  if (m_shown != nullptr) m_shown->begin();
   std::vector<Match> matches(m_file.entries().size());
   LineFaults faults(m_file.name());
   std::string statement = "select ";
@@ -125,7 +127,9 @@ void TableImport::compare(bool toWrite, Progress& progress) {
       m_connection, statement,
       [&](std::string_view key, std::string_view value) { meet(key, value, matches, faults); },
       progress.counter());
-  faults.refuse("it would give a public address to two private ones");
+  if (m_shown != nullptr) m_shown->refuseChanged(m_table);
+  faults.refuse(m_shown != nullptr ? "it has addresses of rows that are not edited"
+                                   : "it would give a public address to two private ones");
   sortOut(matches);
   if (!m_aliases || m_added.size() + m_changed.size() + m_removed.size() == 0) return;
   progress.begin("looking for alias loops", "rows");
@@ -181,11 +185,15 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
                        LineFaults& faults) {
   const EmailAddress address = s_parse(key);
   const FileEntry* const entry = address.isNull() ? nullptr : m_file.withKey(address);
+  const bool isShown = m_shown != nullptr && m_shown->meet(key, value);
   if (entry == nullptr) return meetUnmentioned(key, value, faults);
-  const bool isSame = value == entry->value();
+  if (m_shown != nullptr && !isShown) return meetHidden(*entry, key, value, faults);
+  // What another program has written may be written otherwise than it is shown.
+  const bool isUntouched = isShown && m_shown->isUnchanged(std::string(key), *entry);
+  const bool isSame = isUntouched || value == entry->value();
   const std::size_t place = placeOf(*entry);
   Match& match = matches[place];
-  const bool exact = key == entry->key.address();
+  const bool exact = isUntouched || key == entry->key.address();
   if (match.present && !exact) {
     // A second row of one address: the one that is spelled as in the file stays.
     m_removed.push_back({std::string(key), std::string(value)});
@@ -201,9 +209,20 @@ void TableImport::meet(std::string_view key, std::string_view value, std::vector
   if (!match.equal) match.before.value = value;
 }
 
+// A row that was not shown, and has the address of `entry`.
+void TableImport::meetHidden(const FileEntry& entry, std::string_view key, std::string_view value,
+                             LineFaults& faults) {
+  ++m_left;
+  // The line is that of another spelling.
+  if (m_shown->has(entry.key.address())) return;
+  faults.add(entry.number, "the table has " + s_shown(key, value) + ", which was not shown");
+}
+
 void TableImport::meetUnmentioned(std::string_view key, std::string_view value,
                                   LineFaults& faults) {
-  if (m_removes && isOfDomain(key, m_domain)) {
+  const bool isDoomed =
+      m_shown != nullptr ? m_shown->has(std::string(key)) : m_removes && isOfDomain(key, m_domain);
+  if (isDoomed) {
     m_removed.push_back({std::string(key), std::string(value)});
     if (m_aliases) m_aliases->remove(key, value);
     return;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "database/Connection.h"
+#include "files/ShownRows.h"
 #include "files/TableFile.h"
 #include "tables/AliasChange.h"
 #include "tables/History.h"
@@ -45,10 +46,13 @@ class TableImport {
   struct Rest {
     bool removes;
     std::string domain;
+    // Where it is given, the file is what a person has made of these rows: they are removed, and no
+    // other row is touched.
+    ShownRows* shown = nullptr;
   };
 
-  // Connects. `format` and `file` must outlive the import; `table` is the SQL name, which must be
-  // known to be safe.
+  // Connects. `format`, `file` and the rows of `rest` must outlive the import; `table` is the SQL
+  // name, which must be known to be safe.
   TableImport(const TableFormat& format, std::string table, const TableFile& file,
               const Rest& rest);
 
@@ -60,8 +64,9 @@ class TableImport {
   void refuseHarm(Loops loops);
 
   // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
-  // until its end. Throws Failure, `BadData`, when an entry does not fit its column, or its public
-  // address is that of a row which the file does not mention, or there would be harm as above.
+  // until its end. Throws Failure: `BadData` when an entry does not fit its column, or its public
+  // address is that of a row which the file does not mention, or its row is not among those that
+  // were shown, or there would be harm as above; `Unavailable` when these have changed meanwhile.
   void compare(bool toWrite, Progress& progress);
 
   [[nodiscard]] const std::vector<const FileEntry*>& added() const { return m_added; }
@@ -93,6 +98,8 @@ class TableImport {
   [[nodiscard]] std::size_t placeOf(const FileEntry& entry) const;
   void meet(std::string_view key, std::string_view value, std::vector<Match>& matches,
             LineFaults& faults);
+  void meetHidden(const FileEntry& entry, std::string_view key, std::string_view value,
+                  LineFaults& faults);
   void meetUnmentioned(std::string_view key, std::string_view value, LineFaults& faults);
   void sortOut(std::vector<Match>& matches);
   void checkLoops();
@@ -115,6 +122,7 @@ class TableImport {
   const TableFile& m_file;
   bool m_removes;
   std::string m_domain;  // The comparisonDomain() of the rows to remove.
+  ShownRows* m_shown;    // As in Rest.
   Database::Connection m_connection;
   std::optional<RecordedChange> m_change;
   Entries m_added;
