@@ -340,7 +340,16 @@ interrupt() {
   enter C-c
   wait_for 'the edited file is kept: \./tsl-address-map-edit-'
   equal "$(grep -l rob ./tsl-address-map-edit-*/alias.txt | wc -l)" 2
-  # The editor gets it alone.
+  # The same holds for a table that is to be replaced.
+  echo 'new@example.com:x@x.example' >new.txt
+  tool alias set more@example.com x@x.example
+  enter 'clear; t alias import --replace new.txt' Enter
+  wait_for 'Replace the table\? \[y/N\]'
+  tool alias set last@example.com x@x.example
+  enter y Enter
+  wait_for 'somebody has changed it since the question'
+  equal "$(sql 'select count(*) from alias')" 3
+  # The editor gets an interrupt alone.
   enter "clear; TMPDIR=. EDITOR='sh -c \"trap : INT; echo waits; sleep 60; exit 0\"' t alias edit" Enter
   wait_for '^waits$'
   enter C-c

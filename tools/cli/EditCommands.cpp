@@ -188,9 +188,11 @@ Outcome s_bring(Session& session, Edit& edit, const EditedFile& edited) {
   if (!s_mayWrite(session, edit, file, *import)) return Outcome::Declined;
   if (!arguments.dryRun) {
     task.dryRun = false;
-    import = carryOut(task, progress);
+    task.agreed = import.get();
+    auto written = carryOut(task, progress);
     progress.end();
-    tellRemovedRules(*import);
+    tellRemovedRules(*written);
+    import = std::move(written);
   }
   if (!session.isJson()) {
     session.output().line(s_countsOf(*import));

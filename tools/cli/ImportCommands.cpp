@@ -55,19 +55,12 @@ void s_answer(Session& session, const TableImport& import,
       (skipped != nullptr ? ", " + std::to_string(skipped->size()) + " skipped" : ""));
 }
 
-// True when fewer rows would go than come, or the person at the terminal agrees.
-bool s_mayReplace(const TableFormat& format, const std::string& table, const TableFile& file,
-                  const TableImport::Rest& rest, Progress& progress) {
-  TableImport change(format, table, file, rest);
-  change.compare(false, progress);
-  progress.end();
-  const std::size_t added = change.added().size();
-  const std::size_t removed = change.removed().size();
-  if (removed <= added) return true;
-  say("table " + table + ": " + std::to_string(removed) + " rows would be removed, " +
-      std::to_string(added) + " added, " + std::to_string(change.changed().size()) + " changed");
-  return confirm(rest.domain.empty() ? "Replace the table?"
-                                     : "Replace the rows of " + rest.domain + "?");
+// Asks whether the table may become what `import` makes of it.
+bool s_mayReplace(const TableImport& import, const std::string& table, const std::string& domain) {
+  say("table " + table + ": " + std::to_string(import.removed().size()) +
+      " rows would be removed, " + std::to_string(import.added().size()) + " added, " +
+      std::to_string(import.changed().size()) + " changed");
+  return confirm(domain.empty() ? "Replace the table?" : "Replace the rows of " + domain + "?");
 }
 
 ExitCode s_import(Session& session, const ImportArguments& arguments, const TableFormat& format) {
@@ -85,13 +78,21 @@ ExitCode s_import(Session& session, const ImportArguments& arguments, const Tabl
   }
   session.tellTarget(format.kind);
   const std::string table = sqlTableName(format.kind, session.tableName());
-  const bool asks = arguments.replace && !arguments.force && !arguments.dryRun && canAsk();
-  if (asks && !s_mayReplace(format, table, file, rest, progress)) {
-    say("nothing was changed");
-    return ExitCode::Done;
+  ImportTask task{format, table, file, rest, !arguments.allowCycle, true};
+  std::unique_ptr<TableImport> shown;
+  if (arguments.replace && !arguments.force && !arguments.dryRun && canAsk()) {
+    shown = carryOut(task, progress);
+    progress.end();
+    if (shown->removed().size() > shown->added().size()) {
+      task.agreed = shown.get();
+      if (!s_mayReplace(*shown, table, rest.domain)) {
+        say("nothing was changed");
+        return ExitCode::Done;
+      }
+    }
   }
-  const auto change =
-      carryOut({format, table, file, rest, !arguments.allowCycle, arguments.dryRun}, progress);
+  task.dryRun = arguments.dryRun;
+  const auto change = carryOut(task, progress);
   progress.end();
   tellRemovedRules(*change);
   s_answer(session, *change, options.skipBad ? &file.skipped() : nullptr, arguments.dryRun);

@@ -24,10 +24,15 @@ std::unique_ptr<TableImport> s_importOnce(const ImportTask& task, const std::str
                                           Progress& progress) {
   auto change = std::make_unique<TableImport>(task.format, task.table, task.file, task.rest);
   if (!task.format.hasPublic) {
-    change->refuseHarm(task.refusesLoops ? TableImport::Loops::Refuse : TableImport::Loops::Allow);
+    change->refuseHarm(task.refusesLoops ? TableImport::Loops::Refuse : TableImport::Loops::Allow,
+                       task.agreed == nullptr);
   }
   change->compare(!task.dryRun, progress);
   if (task.dryRun) return change;
+  if (task.agreed != nullptr && !change->isLike(*task.agreed)) {
+    throw Failure(ExitCode::Unavailable, "table " + task.table,
+                  "somebody has changed it since the question", "try again");
+  }
   change->write(progress);
   s_commit(*change, subject);
   return change;

@@ -21,6 +21,9 @@ struct ImportTask {
   TableImport::Rest rest;
   bool refusesLoops;
   bool dryRun;
+  // What was found before, and somebody has agreed to: nothing else is written, and no warning is
+  // repeated.
+  const TableImport* agreed = nullptr;
 };
 
 // Writes what the file changes, in one transaction, or with `dryRun` only finds out. Throws

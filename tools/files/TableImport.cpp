@@ -138,8 +138,9 @@ void TableImport::compare(bool toWrite, Progress& progress) {
   m_aliases.reset();
 }
 
-void TableImport::refuseHarm(Loops loops) {
+void TableImport::refuseHarm(Loops loops, bool warns) {
   m_loops = loops;
+  m_warns = warns;
   m_aliases.emplace();
   for (const FileEntry& entry : m_file.entries()) m_aliases->write(entry);
 }
@@ -174,7 +175,7 @@ void TableImport::checkMarkers() {
 }
 
 void TableImport::warn(std::size_t line, const std::string& why) const {
-  say("warning: " + m_file.name() + ":" + std::to_string(line) + ": " + why);
+  if (m_warns) say("warning: " + m_file.name() + ":" + std::to_string(line) + ": " + why);
 }
 
 std::size_t TableImport::placeOf(const FileEntry& entry) const {
@@ -249,6 +250,10 @@ void TableImport::sortOut(std::vector<Match>& matches) {
       m_changed.push_back({&entry, std::move(matches[i].before)});
     }
   }
+}
+
+bool TableImport::isLike(const TableImport& other) const {
+  return m_added == other.m_added && m_changed == other.m_changed && m_removed == other.m_removed;
 }
 
 void TableImport::write(Progress& progress) {

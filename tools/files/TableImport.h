@@ -23,6 +23,8 @@ namespace Tessel::Tool {
 struct StoredRow {
   std::string key;
   std::string value;
+
+  bool operator==(const StoredRow&) const = default;
 };
 
 // An entry of the file whose row has other texts.
@@ -30,6 +32,8 @@ struct ChangedRow {
   const FileEntry* entry;
   // As it is stored; the key only where it is spelled differently.
   StoredRow before;
+
+  bool operator==(const ChangedRow&) const = default;
 
   // The key of the row as it was.
   [[nodiscard]] std::string formerKey() const {
@@ -60,8 +64,9 @@ class TableImport {
   enum class Loops { Refuse, Allow };
 
   // Makes compare() refuse, in a table of aliases, all-users markers that would be taken for
-  // addresses, and alias loops through a row that it would write. Must be called before it.
-  void refuseHarm(Loops loops);
+  // addresses, and alias loops through a row that it would write; with `warns` it reports those
+  // that were there before. Must be called before it.
+  void refuseHarm(Loops loops, bool warns);
 
   // Compares the file with the table. With `toWrite` a transaction begins, and the rows are locked
   // until its end. Throws Failure: `BadData` when an entry does not fit its column, or its public
@@ -73,6 +78,8 @@ class TableImport {
   [[nodiscard]] const std::vector<ChangedRow>& changed() const { return m_changed; }
   [[nodiscard]] const std::vector<StoredRow>& removed() const { return m_removed; }
   [[nodiscard]] std::size_t left() const { return m_left; }
+  // True when `other`, a comparison of the same file, found the same.
+  [[nodiscard]] bool isLike(const TableImport& other) const;
   // Rules that write() has removed with their aliases.
   [[nodiscard]] std::size_t removedRules() const { return m_removedRules; }
 
@@ -130,6 +137,7 @@ class TableImport {
   std::vector<StoredRow> m_removed;
   std::optional<AliasChange> m_aliases;  // What becomes of them, unless nobody asks.
   Loops m_loops = Loops::Allow;
+  bool m_warns = true;
   std::size_t m_left = 0;
   std::size_t m_removedRules = 0;
   std::size_t m_bytes = 0;         // Of one statement, unless a single row is longer.
