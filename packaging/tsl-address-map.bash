@@ -29,11 +29,12 @@ _tsl_address_map_options() {
     "alias set" | "alias add") echo --allow-cycle --dry-run --local-names --new-spelling ;;
     "alias copy") echo --allow-cycle --dry-run --local-names ;;
     "alias drop") echo --dry-run --everywhere --remove-empty --yes ;;
-    "alias edit") echo --allow-cycle --domain --dry-run --force --local-names --match --new-spelling --yes ;;
-    "mask edit") echo --domain --dry-run --force --match --new-spelling --yes ;;
+    "alias edit") echo --allow-cycle --changed-since --domain --dry-run --force --local-names --match --new-spelling --yes ;;
+    "mask edit") echo --changed-since --domain --dry-run --force --match --new-spelling --yes ;;
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;
-    "alias list" | "mask list" | "domain export" | "user export") echo --domain ;;
+    "alias list" | "mask list") echo --changed-since --domain --match ;;
+    "domain export" | "user export") echo --domain ;;
     "alias rule set") echo --contact --dry-run --expires --list --note --owner --writers ;;
     leave) echo --dry-run --yes ;;
     "alias prune" | "alias rule remove" | move-domain | rename) echo --dry-run ;;
@@ -93,7 +94,7 @@ _tsl_address_map_read() {
       option=${COMP_WORDS[i - 1]}
     elif [[ -n $option ]]; then
       option=""
-    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|match|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact|since|until|by|before) ||
+    elif [[ $word == --@(option-file|cmf|table|domain|default-domain|match|changed-since|columns|kind|format|known|nodes|writers|list|owner|expires|note|contact|since|until|by|before) ||
       $command == serve && $word == --?* && $word != --@(help|json|verbose|version|local) ]]; then
       option=$word
     elif [[ $word == -?* ]]; then

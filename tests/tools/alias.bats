@@ -264,6 +264,30 @@ setup() { empty_tables; }
   done
 }
 
+@test "list by a pattern for the alias or a member" {
+  sql "insert into alias (name, members) values ('Sales@example.com', 'ann@example.com'), ('team@example.com', 'bob@example.com,ann@example.net'),
+       ('grüße@büro.example', 'x@x.example'), ('sales-broken@example.com', '@')"
+  matching() { tool alias list --match "$1" 2>/dev/null | cut -f1 | tr '\n' ' '; }
+  equal "$(matching 'ANN@*')" "Sales@example.com team@example.com "
+  equal "$(matching '*@example.net')" "team@example.com "
+  equal "$(matching '[r-t]*@*')" "Sales@example.com team@example.com "
+  equal "$(matching 'sales')" ""
+  equal "$(matching '*@xn--bro-hoa.example')" "grüße@büro.example "
+  equal "$(matching '*@BÜRO.*')" ""
+  equal "$(matching 'GRÜSSE@büro.example')" ""
+  equal "$(matching 'GRÜßE@xn--bro-hoa.example')" "grüße@büro.example "
+  run -65 --separate-stderr tool alias list --match 'sales*' --json
+  equal "$output" '[{"address":"Sales@example.com","members":["ann@example.com"]}]'
+  contains "$stderr" "broken row 'sales-broken@example.com'"
+  run -0 --separate-stderr tool alias list --match 't*' --domain example.com
+  equal "$output" $'team@example.com\tann@example.net,bob@example.com'
+  sql "insert into mask (private, public) values ('a@inner.example', 'ann@example.com'), ('*@inner.example', '*@example.com')"
+  run -0 tool mask list --match 'ann@*'
+  equal "$output" $'a@inner.example\tann@example.com'
+  run -0 tool mask list --match '\**'
+  equal "$output" $'*@inner.example\t*@example.com'
+}
+
 @test "a broken row is reported, never listed and never 'not found'" {
   tool alias set good@example.com a@example.com
   sql "insert into alias ( name, members ) values( 'empty@example.com', '' ),

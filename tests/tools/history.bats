@@ -243,6 +243,31 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   equal "$(sql "select members from alias where name='a@example.com'")" b@example.com
 }
 
+@test "rows are listed that have changed since a time" {
+  tool alias import - <<<$'old@example.com:a@x.example\nchanged@example.com:a@x.example\nruled@example.com:a@x.example\ngone@example.com:a@x.example'
+  tool mask set old@inner.example old@example.com
+  sql "update history set at='2026-01-02 03:04:05'"
+  tool alias add Changed@example.com b@x.example
+  tool alias set new@example.com a@x.example
+  tool alias rule set ruled@example.com --writers members
+  tool alias remove gone@example.com
+  tool mask set new@inner.example new@example.com
+  run -0 --separate-stderr tool alias list --changed-since 1h
+  equal "$output" $'changed@example.com\ta@x.example,b@x.example\nnew@example.com\ta@x.example\nruled@example.com\ta@x.example'
+  equal "$stderr" ""
+  run -0 tool alias list --changed-since 1h --match 'n*'
+  equal "$output" $'new@example.com\ta@x.example'
+  run -0 tool mask list --changed-since today
+  equal "$output" $'new@inner.example\tnew@example.com'
+  run -0 --separate-stderr tool alias list --changed-since 2026-01-01
+  equal "${#lines[@]}" 4
+  contains "$stderr" "warning: the history begins at 2026-01-02 03:04:05"
+  run -64 tool alias list --changed-since never
+  contains "$output" "--changed-since 'never': it is not a time"
+  EDITOR='sed -i s/a@x/c@x/' run -0 tool alias edit --changed-since 1h --match 'r*' --yes
+  contains "$output" "~ ruled@example.com:a@x.example -> c@x.example"
+}
+
 @test "diff shows the rows that are not as they were" {
   numbered 1 3 m | tool alias import -
   sleep 1.1

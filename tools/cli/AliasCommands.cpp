@@ -26,7 +26,7 @@ struct AliasArguments {
   std::string address;
   std::string copy;
   std::vector<std::string> members;
-  std::string domain;
+  RowFilterOptions filter;
   bool allowCycle = false;
   bool localNames = false;
   bool newSpelling = false;
@@ -210,7 +210,7 @@ ExitCode s_show(Session& session, const AliasArguments& arguments) {
 }
 
 ExitCode s_list(Session& session, const AliasArguments& arguments) {
-  return listRows<AliasTable>(session, TableKind::Alias, arguments.domain,
+  return listRows<AliasTable>(session, TableKind::Alias, arguments.filter,
                               [](const AliasRow& row, ItemList& list) {
                                 list.add(row.alias.address() + "\t" + joined(row.members),
                                          [&row] { return s_jsonOf(row.alias, row.members); });
@@ -271,12 +271,13 @@ void addAliasCommands(Command& top) {
   Command list = group.command(
       "list", "List the aliases with their members",
       "  tsl-address-map alias list --domain example.com\n"
-      "  tsl-address-map alias list | cut -f1\n"
+      "  tsl-address-map alias list --match '*@example.net' | cut -f1\n"
+      "  tsl-address-map alias list --changed-since yesterday\n"
       "One alias per line: ADDRESS<TAB>MEMBER,MEMBER...; with --json a list of {\"address\","
       " \"members\"}.\nBroken rows are reported on standard error, and the exit status is 65"
       " then.\n",
       Preparation::Database, withArguments(s_list, arguments));
-  list.option("--domain", arguments->domain, "DOMAIN", "Only the aliases of this domain");
+  addRowFilter(list, arguments->filter, TableFormat::alias());
 
   addAliasEditCommands(group);
   addAliasExpandCommand(group);

@@ -55,7 +55,7 @@ struct Edit {
 class Selection {
  public:
   explicit Selection(Edit& edit)
-      : m_edit(edit), m_filter(edit.arguments.filter), m_reader(edit.format.kind) {
+      : m_edit(edit), m_filter(edit.arguments.filter, edit.table), m_reader(edit.format.kind) {
     for (const std::string& text : edit.arguments.addresses) {
       m_missing.emplace(comparisonKey(parseAddress(text, false).address()), text);
     }
@@ -232,7 +232,7 @@ ExitCode s_editUntilDone(Session& session, Edit& edit) {
 ExitCode s_edit(Session& session, const EditArguments& arguments, const TableFormat& format) {
   const std::string words = std::string(textOf(format.kind)) + " edit";
   if (!arguments.addresses.empty() && !arguments.filter.isEmpty()) {
-    throw Failure(ExitCode::Usage, words, "it takes addresses, or --domain and --match",
+    throw Failure(ExitCode::Usage, words, "it takes addresses, or options that select rows",
                   "see 'tsl-address-map " + words + " --help'");
   }
   if (!arguments.yes && !arguments.dryRun && !canAsk()) {

@@ -21,7 +21,7 @@ namespace {
 struct MaskArguments {
   std::string privateText;
   std::string publicText;
-  std::string domain;
+  RowFilterOptions filter;
   bool force = false;
   bool dryRun = false;
 };
@@ -143,7 +143,7 @@ ExitCode s_remove(Session& session, const Removal& removal) {
 
 ExitCode s_list(Session& session, const MaskArguments& arguments) {
   return listRows<MaskTable>(
-      session, TableKind::Mask, arguments.domain, [](const MaskRow& row, ItemList& list) {
+      session, TableKind::Mask, arguments.filter, [](const MaskRow& row, ItemList& list) {
         const Pair pair{row.privateAddress, row.publicAddress};
         list.add(pair.privateAddress.address() + "\t" + pair.publicAddress.address(),
                  [&pair] { return pair.json(); });
@@ -198,11 +198,12 @@ void addMaskCommands(Command& top) {
   Command list = group.command(
       "list", "List the pairs of private and public addresses",
       "  tsl-address-map mask list --domain inner.example\n"
-      "  tsl-address-map mask list | cut -f2\n"
+      "  tsl-address-map mask list --match '*sales*' | cut -f2\n"
+      "  tsl-address-map mask list --changed-since yesterday\n"
       "One pair per line: PRIVATE<TAB>PUBLIC; with --json a list of {\"private\", \"public\"}.\n"
       "Broken rows are reported on standard error, and the exit status is 65.\n",
       Preparation::Database, withArguments(s_list, arguments));
-  list.option("--domain", arguments->domain, "DOMAIN", "Only private addresses of this domain");
+  addRowFilter(list, arguments->filter, TableFormat::mask());
 
   addMaskFindCommands(group);
   addMaskExplainCommand(group);

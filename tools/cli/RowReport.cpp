@@ -63,6 +63,13 @@ Failure brokenRow(const MaskRow& row, const std::string& table) {
           "correct or delete the row with an SQL client, by its private text"};
 }
 
+void warnOfBegin(HistoryReader& reader, const std::string& since) {
+  const std::string begin = reader.begin();
+  if (begin <= since) return;
+  say("warning: the history begins at " + begin.substr(0, 19) +
+      "; what changed before is not in it");
+}
+
 Failure brokenRule(const std::string& name) {
   return {ExitCode::BadData, "rule of " + name, "another program wrote it, and it cannot be read",
           "remove it with 'alias rule remove', and set it again"};

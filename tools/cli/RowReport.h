@@ -3,15 +3,17 @@
 #ifndef TSL_TOOLS_CLI_ROWREPORT_H
 #define TSL_TOOLS_CLI_ROWREPORT_H
 
+#include <array>
 #include <set>
 #include <string>
 
 #include "address/EmailAddress.h"
 #include "base/Exception.h"
-#include "cli/AddressInput.h"
+#include "cli/RowFilter.h"
 #include "cli/Session.h"
 #include "failure/Failure.h"
 #include "tables/AliasTable.h"
+#include "tables/HistoryReader.h"
 #include "tables/MaskTable.h"
 #include "terminal/Say.h"
 
@@ -36,6 +38,9 @@ Failure brokenRow(const MaskRow& row, const std::string& table);
 // The failure that the rule of `name` is, which cannot be read.
 Failure brokenRule(const std::string& name);
 
+// Warns when the history begins after `since`.
+void warnOfBegin(HistoryReader& reader, const std::string& since);
+
 // Turns `exception`, thrown while the library read the table of `kind`, into a failure after naming
 // the rows that cannot be read, when it is those that it is about. Throws the failure, or again
 // what is being handled. Requires: called in the handler of `exception`.
@@ -52,17 +57,25 @@ auto withTableFaultsNamed(const Session& session, TableKind kind, Ask ask) {
   }
 }
 
-// Lists the rows of the table, or those of `domain` where it is not empty: calls `add` for each
-// that is not broken, and reports the others.
+inline bool takes(const RowFilter& filter, const AliasRow& row) {
+  return filter.takes(row.name, row.members);
+}
+inline bool takes(const RowFilter& filter, const MaskRow& row) {
+  return filter.takes(row.privateText, std::array{row.publicAddress});
+}
+
+// Lists the rows of the table that `options` let through: calls `add` for each that is not broken,
+// and reports the others.
 template <class Table, class Add>
-ExitCode listRows(Session& session, TableKind kind, const std::string& domain, Add add) {
-  const std::string wanted = domain.empty() ? "" : parseDomain(domain);
-  session.tellTarget(kind);
+ExitCode listRows(Session& session, TableKind kind, const RowFilterOptions& options, Add add) {
   const std::string table = sqlTableName(kind, session.tableName());
-  const auto rows = Table(table).rows(wanted);
+  const RowFilter filter(options, table);
+  session.tellTarget(kind);
+  const auto rows = Table(table).rows(filter.domain());
   ExitCode code = ExitCode::Done;
   ItemList list(session.output());
   for (const auto& row : rows) {
+    if (!takes(filter, row)) continue;
     if (row.fault != RowFault::None) {
       report(brokenRow(row, table));
       code = ExitCode::BadData;

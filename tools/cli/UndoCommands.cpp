@@ -16,6 +16,7 @@
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
+#include "cli/RowReport.h"
 #include "database/Connection.h"
 #include "tables/AliasChange.h"
 #include "tables/HistoryReader.h"
@@ -123,10 +124,7 @@ ExitCode s_diff(Session& session, const DiffArguments& arguments) {
   session.tellTarget();
   Database::Connection connection{std::string(s_database)};
   HistoryReader reader(connection);
-  if (const std::string begin = reader.begin(); begin > since) {
-    say("warning: the history begins at " + begin.substr(0, 19) +
-        "; what changed before is not in it");
-  }
+  warnOfBegin(reader, since);
   std::set<std::uint64_t> others;
   const Nets nets = s_changedSince(reader, session, since, others);
   ItemList list(session.output());
