@@ -349,6 +349,13 @@ interrupt() {
   enter y Enter
   wait_for 'somebody has changed it since the question'
   equal "$(sql 'select count(*) from alias')" 3
+  # And for aliases that would be left empty.
+  enter 'clear; t alias drop --everywhere x@x.example' Enter
+  wait_for 'Remove 2 aliases\? \[y/N\]'
+  tool alias set third@example.com x@x.example
+  enter y Enter
+  wait_for 'somebody has changed a table since the question'
+  equal "$(sql 'select count(*) from alias')" 4
   # The editor gets an interrupt alone.
   enter "clear; TMPDIR=. EDITOR='sh -c \"trap : INT; echo waits; sleep 60; exit 0\"' t alias edit" Enter
   wait_for '^waits$'

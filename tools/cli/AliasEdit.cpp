@@ -13,6 +13,7 @@
 #include "tables/Extension.h"
 #include "tables/SpellingIndex.h"
 #include "tables/TableNames.h"
+#include "terminal/Confirm.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -195,6 +196,25 @@ std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
     if (keys.contains(comparisonKey(address.address())) == has) picked.insert(address);
   }
   return picked;
+}
+
+bool mayEmpty(const std::set<std::string>& aliases, const std::string& words) {
+  for (const std::string& alias : aliases) {
+    say("alias " + alias + " would be left empty, and removed");
+  }
+  const std::string count = std::to_string(aliases.size());
+  if (canAsk()) return confirm("Remove " + count + " aliases?");
+  throw Failure(ExitCode::BadData, words, count + " aliases would be left empty",
+                "nothing was changed; give --yes to remove them");
+}
+
+void requireAgreed(const std::set<std::string>& aliases, const std::set<std::string>& agreed,
+                   const std::string& words) {
+  if (std::includes(agreed.begin(), agreed.end(), aliases.begin(), aliases.end())) return;
+  throw Failure(ExitCode::Unavailable, words,
+                "somebody has changed a table since the question, and other aliases would be left"
+                " empty",
+                "nothing was changed; try again");
 }
 
 std::string changeLine(const AliasLook& look, const EmailAddress& alias,

@@ -66,6 +66,14 @@ void refuseHarm(AliasTable& table, const EmailAddress& alias, const std::set<Ema
 std::set<EmailAddress> pickMembers(const std::set<EmailAddress>& some,
                                    const std::set<EmailAddress>& members, bool has);
 
+// Asks whether `aliases`, of which the command `words` would leave nothing, may go. False when the
+// answer is no. Throws Failure when there is nobody to ask.
+bool mayEmpty(const std::set<std::string>& aliases, const std::string& words);
+// Refuses to empty `aliases` if not all of them are among the `agreed` ones: somebody has changed a
+// table since the question. Throws Failure, `Unavailable`.
+void requireAgreed(const std::set<std::string>& aliases, const std::set<std::string>& agreed,
+                   const std::string& words);
+
 // What becomes of the row that `look` has found, as --dry-run shows it: "+ ALIAS:MEMBERS" where
 // there is none, otherwise "~ " and changeOf(); empty when nothing changes.
 std::string changeLine(const AliasLook& look, const EmailAddress& alias,

@@ -15,7 +15,6 @@
 #include "tables/AliasTable.h"
 #include "tables/Extension.h"
 #include "tables/TableNames.h"
-#include "terminal/Confirm.h"
 #include "terminal/Progress.h"
 #include "terminal/Say.h"
 
@@ -24,6 +23,8 @@ namespace Tessel::Tool {
 namespace {
 
 using Members = std::set<EmailAddress>;
+
+constexpr char s_everywhereWords[] = "alias drop --everywhere";
 
 struct EditArguments {
   std::string address;
@@ -154,10 +155,10 @@ struct Everywhere {
   std::vector<AliasRow> broken;                   // Rows that may have the member too.
   std::map<EmailAddress, EmailAddress> extended;  // A member with an extension, by its alias.
 
-  [[nodiscard]] Members vanishing() const {
-    Members aliases;
+  [[nodiscard]] std::set<std::string> emptied() const {
+    std::set<std::string> aliases;
     for (const Change& change : changes) {
-      if (change.members.empty()) aliases.insert(change.alias);
+      if (change.members.empty()) aliases.insert(change.alias.address());
     }
     return aliases;
   }
@@ -185,18 +186,6 @@ Everywhere s_everywhere(const std::vector<AliasRow>& rows, const EmailAddress& m
   return all;
 }
 
-// Asks whether the aliases may be removed. False when the answer is no. Throws Failure when there
-// is nobody to ask.
-bool s_mayVanish(const Members& vanishing) {
-  for (const EmailAddress& alias : vanishing) {
-    say("alias " + alias.address() + " would be left empty, and removed");
-  }
-  if (canAsk()) return confirm("Remove " + std::to_string(vanishing.size()) + " aliases?");
-  throw Failure(ExitCode::BadData, "alias drop --everywhere",
-                std::to_string(vanishing.size()) + " aliases would be left empty",
-                "nothing was changed; give --yes to remove them");
-}
-
 void s_answerEverywhere(Session& session, const EmailAddress& member, const Everywhere& all,
                         bool dryRun) {
   Json changed = Json::array();
@@ -216,18 +205,14 @@ void s_answerEverywhere(Session& session, const EmailAddress& member, const Ever
                dryRun);
 }
 
-// Carries out what was agreed: `agreed` are the aliases that may vanish, all where it is null.
-Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member, const Members* agreed,
-                             Progress& progress) {
+// Carries out what was agreed: `agreed` are the aliases that may go, all where it is null.
+Everywhere s_writeEverywhere(AliasTable& table, const EmailAddress& member,
+                             const std::set<std::string>* agreed, Progress& progress) {
   Everywhere all;
   table.transact([&] {
     progress.begin("reading", "rows");
     all = s_everywhere(table.rowsLocked(), member);
-    if (agreed != nullptr && !pickMembers(all.vanishing(), *agreed, false).empty()) {
-      throw Failure(ExitCode::Unavailable, "alias drop --everywhere",
-                    "the table changed in the meantime, and other aliases would be left empty",
-                    "nothing was changed; try again");
-    }
+    if (agreed != nullptr) requireAgreed(all.emptied(), *agreed, s_everywhereWords);
     progress.begin("writing", "aliases", all.changes.size());
     for (const Change& change : all.changes) {
       change.write(table);
@@ -251,12 +236,12 @@ ExitCode s_dropEverywhere(Session& session, const EditArguments& arguments) {
     progress.begin("reading", "rows");
     // Nobody waits for the rows while a person thinks.
     all = s_everywhere(table.rows(""), member);
-    const Members vanishing = all.vanishing();
-    if (!arguments.dryRun && !vanishing.empty() && !s_mayVanish(vanishing)) {
+    const std::set<std::string> emptied = all.emptied();
+    if (!arguments.dryRun && !emptied.empty() && !mayEmpty(emptied, s_everywhereWords)) {
       say("nothing was changed");
       return ExitCode::Done;
     }
-    if (!arguments.dryRun) all = s_writeEverywhere(table, member, &vanishing, progress);
+    if (!arguments.dryRun) all = s_writeEverywhere(table, member, &emptied, progress);
   }
   progress.end();
   for (const AliasRow& row : all.broken) report(brokenRow(row, name));

@@ -1,5 +1,4 @@
 // The commands on one address, or all of a domain, in all tables: rename, leave, move-domain.
-#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -7,6 +6,7 @@
 #include <vector>
 
 #include "cli/AddressInput.h"
+#include "cli/AliasEdit.h"
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "database/Connection.h"
@@ -18,7 +18,6 @@
 #include "tables/History.h"
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
-#include "terminal/Confirm.h"
 #include "terminal/Say.h"
 
 namespace Tessel::Tool {
@@ -69,33 +68,17 @@ Moved s_look(const std::vector<std::string>& tables, const Becomes& becomes) {
 
 // Carries it out, unless more aliases would be left empty than `agreed`.
 Moved s_write(const std::vector<std::string>& tables, const Becomes& becomes,
-              const std::set<std::string>& agreed) {
+              const std::set<std::string>& agreed, const std::string& words) {
   Database::Connection connection{std::string(s_database)};
   return retryLost([&] {
     RecordedChange change(connection);
     AddressMove move(connection, tables, becomes);
     move.plan(true);
-    const auto& emptied = move.emptied();
-    if (!std::includes(agreed.begin(), agreed.end(), emptied.begin(), emptied.end())) {
-      throw Failure(ExitCode::Unavailable, "the tables",
-                    "they changed in the meantime, and other aliases would be left empty",
-                    "nothing was changed; try again");
-    }
+    requireAgreed(move.emptied(), agreed, words);
     move.write(change);
     change.commit();
     return s_result(move);
   });
-}
-
-// Asks whether the aliases that would be left empty may go. False when the answer is no.
-bool s_mayEmpty(const std::set<std::string>& emptied, const std::string& words) {
-  for (const std::string& alias : emptied) {
-    say("alias " + alias + " would be left empty, and removed");
-  }
-  if (canAsk()) return confirm("Remove " + std::to_string(emptied.size()) + " aliases?");
-  throw Failure(ExitCode::BadData, words,
-                std::to_string(emptied.size()) + " aliases would be left empty",
-                "nothing was changed; give --yes to remove them");
 }
 
 ExitCode s_move(Session& session, const MoveArguments& arguments, const Becomes& becomes,
@@ -104,11 +87,11 @@ ExitCode s_move(Session& session, const MoveArguments& arguments, const Becomes&
   const std::vector<std::string> tables = s_tables(session);
   Moved moved = s_look(tables, becomes);
   const bool mustAsk = !arguments.dryRun && !arguments.yes && !moved.emptied.empty();
-  if (mustAsk && !s_mayEmpty(moved.emptied, words)) {
+  if (mustAsk && !mayEmpty(moved.emptied, words)) {
     say("nothing was changed");
     return ExitCode::Done;
   }
-  if (!arguments.dryRun) moved = s_write(tables, becomes, moved.emptied);
+  if (!arguments.dryRun) moved = s_write(tables, becomes, moved.emptied, words);
   Json lines = Json::array();
   for (const std::string& line : moved.lines) {
     lines.push_back(printable(line));
