@@ -243,6 +243,22 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   equal "$(sql "select members from alias where name='a@example.com'")" b@example.com
 }
 
+@test "an all-users marker that an undo loses is a warning" {
+  tool alias set all@example.com allusers_example.com
+  tool alias set top@example.com all@example.com
+  tool alias set all@example.com ann@example.com
+  local change
+  change=$(last)
+  tool alias add top@example.com bob@example.com
+  run -0 tool undo "$change" --dry-run
+  contains "$output" "warning: alias top@example.com leads to all@example.com, whose member 'allusers_example.com' means all users only when it is reached alone"
+  run -0 tool undo "$change"
+  contains "$output" "warning: alias top@example.com leads to"
+  tool alias drop top@example.com bob@example.com
+  run -0 tool undo "$(last)"
+  contains "$output" "warning: alias top@example.com: it leads to all@example.com, whose"
+}
+
 @test "rows are listed that have changed since a time" {
   tool alias import - <<<$'old@example.com:a@x.example\nchanged@example.com:a@x.example\nruled@example.com:a@x.example\ngone@example.com:a@x.example'
   tool mask set old@inner.example old@example.com

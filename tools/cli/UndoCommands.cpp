@@ -250,9 +250,10 @@ std::vector<RowChange> s_backOf(Database::Connection& connection, const std::str
 
 // Refuses `rows`, which are about to be written into the alias table `table`, when one that comes
 // back leads to itself by others that have changed since, unless `allowCycle`. Throws Failure,
-// `BadData`.
-void s_refuseLoops(Database::Connection& connection, const std::string& table,
-                   const std::vector<RowChange>& rows, bool allowCycle) {
+// `BadData`. Warns of all-users markers that are lost then: mail for them waits, while a wrong
+// import may have to be taken back at once.
+void s_refuseHarm(Database::Connection& connection, const std::string& table,
+                  const std::vector<RowChange>& rows, bool allowCycle) {
   std::map<std::string, const RowChange*> byName;
   std::vector<TableEntry> entries;
   std::vector<const RowChange*> written;
@@ -286,6 +287,10 @@ void s_refuseLoops(Database::Connection& connection, const std::string& table,
     }
     say("warning: alias " + entries[loop.row].key.address() + ": " + why);
   }
+  for (const LostMarker& lost : change.lostMarkers()) {
+    if (!lost.isNew) continue;
+    say("warning: " + (lost.isOfRow ? "alias " + lost.alias + ": " : "") + lost.why());
+  }
 }
 
 // Takes the changes back in one transaction. Returns what becomes of the rows.
@@ -307,7 +312,7 @@ std::vector<RowChange> s_undoOnce(Database::Connection& connection,
     const std::string table = rows.front().table;
     const auto known = readTableName(table);
     if (known && known->kind == TableKind::Alias) {
-      s_refuseLoops(connection, table, rows, arguments.allowCycle);
+      s_refuseHarm(connection, table, rows, arguments.allowCycle);
     }
     if (!dryRun) writeRows(connection, table, rows);
     for (RowChange& row : rows) {
