@@ -356,6 +356,14 @@ interrupt() {
   enter y Enter
   wait_for 'somebody has changed a table since the question'
   equal "$(sql 'select count(*) from alias')" 4
+  # And for a table that is to be dropped.
+  tool table create asked
+  enter 'clear; t table drop asked' Enter
+  wait_for 'Drop alias_asked with 0 rows and mask_asked with 0 rows\? \[y/N\]'
+  tool --table asked alias set third@example.com x@x.example
+  enter y Enter
+  wait_for 'somebody has added or removed rows since the question'
+  tool table drop asked --yes
   # The editor gets an interrupt alone.
   enter "clear; TMPDIR=. EDITOR='sh -c \"trap : INT; echo waits; sleep 60; exit 0\"' t alias edit" Enter
   wait_for '^waits$'

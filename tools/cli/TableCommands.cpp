@@ -84,6 +84,8 @@ ExitCode s_runCreate(Session& session, const TableArguments& arguments) {
 struct Doomed {
   std::string table;
   std::uint64_t rows;
+
+  bool operator==(const Doomed&) const = default;
 };
 
 // The existing tables. Throws Failure when one has columns that no table of this library has.
@@ -122,10 +124,15 @@ ExitCode s_runDrop(Session& session, const TableArguments& arguments) {
   Database::Connection connection{std::string(s_database)};
   const std::vector<Doomed> doomed = s_find(connection, arguments);
   if (doomed.empty()) say("no table " + arguments.name);
-  const bool sure = doomed.empty() || arguments.yes || arguments.dryRun || s_mayDrop(doomed);
-  if (!sure) {
+  const bool asks = !doomed.empty() && !arguments.yes && !arguments.dryRun;
+  if (asks && !s_mayDrop(doomed)) {
     say("nothing was dropped");
     return ExitCode::Done;
+  }
+  if (asks && s_find(connection, arguments) != doomed) {
+    throw Failure(ExitCode::Unavailable, "table drop",
+                  "somebody has added or removed rows since the question",
+                  "nothing was dropped; try again");
   }
   Json dropped = Json::array();
   for (const Doomed& table : doomed) {
