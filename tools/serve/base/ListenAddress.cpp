@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <system_error>
 
 #include "failure/Failure.h"
@@ -179,10 +180,39 @@ mode_t Reader::modeOf(std::string_view text) const {
   return *mode;
 }
 
+template <class Address>
+NativeAddress s_native(const Address& address) {
+  NativeAddress native;
+  std::memcpy(&native.storage, &address, sizeof(address));
+  native.size = sizeof(address);
+  return native;
+}
+
 }  // namespace
 
 ListenAddress parseListenAddress(std::string_view value) {
   return Reader(value).read();
+}
+
+NativeAddress nativeAddress(const ListenAddress& address) {
+  if (address.kind == ListenAddress::Kind::Unix) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    address.path.copy(name.sun_path, s_maxPath);
+    return s_native(name);
+  }
+  if (address.host.find(':') == std::string::npos) {
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(address.port);
+    inet_pton(AF_INET, address.host.c_str(), &v4.sin_addr);
+    return s_native(v4);
+  }
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = htons(address.port);
+  inet_pton(AF_INET6, address.host.c_str(), &v6.sin6_addr);
+  return s_native(v6);
 }
 
 }  // namespace Tessel::Serve

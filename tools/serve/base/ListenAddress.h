@@ -2,6 +2,7 @@
 #ifndef TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
 #define TSL_TOOLS_SERVE_BASE_LISTENADDRESS_H
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -39,6 +40,20 @@ struct ListenAddress {
 // Tool::Failure, ExitCode::Usage, which says what is wrong and gives an example. Does not look at
 // files, groups or the network. Any thread.
 ListenAddress parseListenAddress(std::string_view value);
+
+// An address as the socket calls of the system take it. A value.
+struct NativeAddress {
+  [[nodiscard]] const sockaddr* get() const noexcept {
+    return reinterpret_cast<const sockaddr*>(&storage);
+  }
+  [[nodiscard]] int family() const noexcept { return storage.ss_family; }
+
+  sockaddr_storage storage{};
+  socklen_t size{};
+};
+
+// `address` for the system. Any thread.
+NativeAddress nativeAddress(const ListenAddress& address);
 
 }  // namespace Tessel::Serve
 

@@ -57,7 +57,7 @@ class MaskImage {
   // The plain rows, by one of their addresses.
   struct Index {
     [[nodiscard]] std::size_t bytes() const noexcept {
-      return keys.bytes() + rows.capacity() * sizeof(rows[0]);
+      return keys.bytes() + rows.capacity() * sizeof(rows.front());
     }
 
     Tool::AddressIndex keys;

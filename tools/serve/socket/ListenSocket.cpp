@@ -47,18 +47,6 @@ constexpr std::chrono::milliseconds s_lockPause = 5ms;
                 what + ": " + std::generic_category().message(error), hint);
 }
 
-sockaddr_un s_unixAddress(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  return address;
-}
-
-template <class Address>
-const sockaddr* s_generic(const Address& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
-}
-
 // The caller's.
 int s_socket(int family) {
   return socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -79,13 +67,14 @@ bool s_isSocket(const std::string& path) {
 }
 
 // Refuses a path that somebody listens on, or that is not a socket.
-void s_checkPath(const std::string& path) {
+void s_checkPath(const ListenAddress& address) {
+  const std::string& path = address.path;
   if (!s_isSocket(path)) return;
   // Non-blocking: connecting to a service whose queue is full would not return.
   const Tool::Descriptor probe(s_socket(AF_UNIX));
   if (!probe.isOpen()) s_fail(path, "no socket", errno, "");
-  const sockaddr_un address = s_unixAddress(path);
-  const int result = connect(probe.get(), s_generic(address), sizeof(address));
+  const NativeAddress native = nativeAddress(address);
+  const int result = connect(probe.get(), native.get(), native.size);
   const int error = errno;
   // Any other failure is that of a socket that is in use: its queue is full, it is for datagrams,
   // or this user may not connect.
@@ -160,27 +149,15 @@ std::string s_inetName(const ListenAddress& address) {
 
 // The caller's socket, which is bound to the network address unless `error` says why it is not.
 int s_bindInet(const ListenAddress& address, int& error) {
-  const std::string where = s_inetName(address);
-  sockaddr_in inet{};
-  sockaddr_in6 inet6{};
-  inet.sin_family = AF_INET;
-  inet.sin_port = htons(address.port);
-  inet6.sin6_family = AF_INET6;
-  inet6.sin6_port = htons(address.port);
-  const bool isInet = inet_pton(AF_INET, address.host.c_str(), &inet.sin_addr) == 1;
-  if (!isInet && inet_pton(AF_INET6, address.host.c_str(), &inet6.sin6_addr) != 1) {
-    s_fail(where, "no network address", EINVAL, "");
-  }
-  const int descriptor = s_socket(isInet ? AF_INET : AF_INET6);
+  const NativeAddress native = nativeAddress(address);
+  const int descriptor = s_socket(native.family());
   if (descriptor < 0) {
-    s_fail(where, "no socket", errno,
+    s_fail(s_inetName(address), "no socket", errno,
            "the unit of systemd must allow the network, as its comment says");
   }
   const int on = 1;
   setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  const int result = isInet ? bind(descriptor, s_generic(inet), sizeof(inet))
-                            : bind(descriptor, s_generic(inet6), sizeof(inet6));
-  error = result == 0 ? 0 : errno;
+  error = bind(descriptor, native.get(), native.size) == 0 ? 0 : errno;
   return descriptor;
 }
 
@@ -252,14 +229,16 @@ ListenSocket::ListenSocket(ListenSocket&& other) noexcept
 void ListenSocket::listenUnix(const ListenAddress& address) {
   const std::string& path = address.path;
   const PathLock lock(path);
-  s_checkPath(path);
-  const std::string made = s_madeName(path);
-  const sockaddr_un bound = s_unixAddress(made);
+  s_checkPath(address);
+  ListenAddress first = address;
+  first.path = s_madeName(path);
+  const std::string& made = first.path;
+  const NativeAddress native = nativeAddress(first);
   m_descriptor.reset(s_socket(AF_UNIX));
   if (!m_descriptor.isOpen()) s_fail(path, "no socket", errno, "");
   unlink(made.c_str());
   const mode_t old = umask(0177);
-  const int result = bind(descriptor(), s_generic(bound), sizeof(bound));
+  const int result = bind(descriptor(), native.get(), native.size);
   const int error = errno;
   umask(old);
   if (result != 0) s_failToWrite(path, error);

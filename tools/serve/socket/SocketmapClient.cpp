@@ -30,36 +30,11 @@ std::string s_nameOf(const ListenAddress& address) {
   return "inet:" + address.host + ":" + std::to_string(address.port);
 }
 
-int s_connect(int descriptor, const ListenAddress& address) {
-  if (address.kind == ListenAddress::Kind::Unix) {
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    address.path.copy(name.sun_path, sizeof(name.sun_path) - 1);
-    return connect(descriptor, reinterpret_cast<const sockaddr*>(&name), sizeof(name));
-  }
-  sockaddr_in v4{};
-  if (inet_pton(AF_INET, address.host.c_str(), &v4.sin_addr) == 1) {
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(address.port);
-    return connect(descriptor, reinterpret_cast<const sockaddr*>(&v4), sizeof(v4));
-  }
-  sockaddr_in6 v6{};
-  inet_pton(AF_INET6, address.host.c_str(), &v6.sin6_addr);
-  v6.sin6_family = AF_INET6;
-  v6.sin6_port = htons(address.port);
-  return connect(descriptor, reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
-}
-
-int s_familyOf(const ListenAddress& address) {
-  if (address.kind == ListenAddress::Kind::Unix) return AF_UNIX;
-  return address.host.find(':') == std::string::npos ? AF_INET : AF_INET6;
-}
-
 }  // namespace
 
 SocketmapClient::SocketmapClient(const ListenAddress& address)
     : m_name(s_nameOf(address)),
-      m_descriptor(socket(s_familyOf(address), SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+      m_descriptor(socket(nativeAddress(address).family(), SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   if (address.protocol != Protocol::Netstrings) {
     throw Tool::Failure(Tool::ExitCode::Usage, "--from", "it is an address of another protocol",
                         "name a socket of the service that begins with unix: or inet:");
@@ -68,7 +43,10 @@ SocketmapClient::SocketmapClient(const ListenAddress& address)
              sizeof(s_replyPatience));
   setsockopt(m_descriptor.get(), SOL_SOCKET, SO_SNDTIMEO, &s_replyPatience,
              sizeof(s_replyPatience));
-  if (s_connect(m_descriptor.get(), address) != 0) fail(std::generic_category().message(errno));
+  const NativeAddress native = nativeAddress(address);
+  if (connect(m_descriptor.get(), native.get(), native.size) != 0) {
+    fail(std::generic_category().message(errno));
+  }
 }
 
 void SocketmapClient::fail(const std::string& why) const {
