@@ -244,6 +244,11 @@ TEST_F(PolicyTest, AnAliasThatHasExpiredAsksForNothing) {
   rules({{"alias members@d.example", "members\t2001-01-01 00:00:00\t\t"}});
   EXPECT_EQ(ask("members@d.example"), s_permitted);
   EXPECT_EQ(ask("outer@d.example"), s_permitted);
+  // Its base counts then.
+  aliases("alias", {{"a+x@d.example", "c@d.example"}, {"a@d.example", "b@d.example"}});
+  rules({{"alias a+x@d.example", "anyone\t2001-01-01 00:00:00\t\t"},
+         {"alias a@d.example", "members\t\t\t"}});
+  EXPECT_EQ(ask("a+x@d.example"), refusal("a+x@d.example"));
 }
 
 TEST_F(PolicyTest, NobodyIsAMemberByAnAliasThatHasExpired) {
