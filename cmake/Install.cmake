@@ -107,8 +107,8 @@ function(tsl_install_files flavour development_doc tool_doc)
 
   install(DIRECTORY docs/ DESTINATION ${development_doc} ${development}
           FILES_MATCHING PATTERN "*.md" PATTERN contributing.md EXCLUDE)
-  install(FILES docs/production.md docs/tool.md docs/serve.md docs/postfix.md docs/masks.md docs/sendmail.md docs/opensmtpd.md
-                docs/configuration.md docs/failures.md
+  install(FILES docs/production.md docs/tool.md docs/serve.md docs/postfix.md docs/masks.md docs/sendmail.md
+                docs/exim.md docs/opensmtpd.md docs/configuration.md docs/failures.md
           DESTINATION ${tool_doc} ${tool})
   install(DIRECTORY examples/ DESTINATION ${development_doc}/examples ${development}
           PATTERN examples/CMakeLists.txt EXCLUDE)

@@ -73,7 +73,7 @@ tsl-address-map_${version}_$architecture.deb" ]
     /usr/share/bash-completion/completions/tsl-address-map \
     /usr/lib/systemd/system/tsl-address-map{.service,.socket,-policy.socket} \
     /usr/lib/{sysusers,tmpfiles}.d/tsl-address-map.conf \
-    /usr/share/doc/tsl-address-map/{production,tool,serve,postfix,masks,sendmail,opensmtpd,configuration,failures}.md
+    /usr/share/doc/tsl-address-map/{production,tool,serve,postfix,masks,sendmail,exim,opensmtpd,configuration,failures}.md
 }
 
 @test "the service unit of the package runs its program" {
