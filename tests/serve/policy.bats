@@ -1,16 +1,7 @@
 # Who may write to a list and send as it, with a real Postfix and people who log in.
 
 load postfix
-
-why_no_policy() {
-  local why
-  why=$(why_no_postfix)
-  if [ -n "$why" ]; then
-    echo "$why"
-  elif ! command -v saslpasswd2 >/dev/null; then
-    echo "the package sasl2-bin is not installed"
-  fi
-}
+POSTFIX_NEEDS=saslpasswd2
 
 # rule ALIAS WRITERS [LISTED [OWNERS [EXPIRES]]]
 rule() {
@@ -18,7 +9,7 @@ rule() {
 }
 
 setup_file() {
-  [ -z "$(why_no_policy)" ] || return 0
+  [ -z "$(why_no_postfix)" ] || return 0
   start_server
   tool domain add example.com
   tool domain add example.net
@@ -40,17 +31,6 @@ setup_file() {
   wait_for "the rules" refuses "" team@example.com
 }
 
-teardown_file() {
-  stop_postfix
-  [ -z "${SERVER:-}" ] || stop_server
-}
-
-setup() {
-  local why
-  why=$(why_no_policy)
-  [ -z "$why" ] || skip "$why"
-}
-
 # Prints the settings of the document, and people who can log in, each with the password "secret".
 with_policies() {
   # Where Postfix of Debian looks for it, whatever the setting says.
@@ -63,7 +43,7 @@ with_policies() {
   done
   chgrp postfix "$sasl/users"
   chmod 640 "$sasl/users"
-  sed -n '/^```policy.cf$/,/^```$/{/^```/!p}' "$POSTFIX_DOCUMENT" | sed "s|/run/tsl-address-map|$POSTFIX|"
+  document_block postfix policy.cf | sed "s|/run/tsl-address-map|$POSTFIX|"
   printf '%s\n' 'smtpd_sasl_auth_enable = yes' "cyrus_sasl_config_path = $sasl"
 }
 

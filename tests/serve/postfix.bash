@@ -5,15 +5,28 @@ load ../tools/helper
 
 # Where its commands are, also for those who have no business with them.
 PATH=$PATH:/usr/sbin
-POSTFIX_DOCUMENT=$BATS_TEST_DIRNAME/../../docs/postfix.md
 
-# Why no Postfix can run here; empty when it can.
+# document_block PAGE KIND: the settings of that kind on the page docs/PAGE.md.
+document_block() { sed -n "/^\`\`\`$2\$/,/^\`\`\`\$/{/^\`\`\`/!p}" "$BATS_TEST_DIRNAME/../../docs/$1.md"; }
+
+# Why no Postfix can run here; empty when it can. A file of tests may need further commands: $POSTFIX_NEEDS.
 why_no_postfix() {
-  if ((EUID != 0)); then
-    echo "Postfix needs root"
-  elif ! command -v postfix smtp-sink >/dev/null; then
-    echo "the package postfix is not installed"
-  fi
+  local command
+  ((EUID == 0)) || echo "Postfix needs root"
+  for command in postfix smtp-sink ${POSTFIX_NEEDS:-}; do
+    command -v "$command" >/dev/null || echo "there is no $command"
+  done
+}
+
+setup() {
+  local why
+  why=$(why_no_postfix)
+  [ -z "$why" ] || skip "$why"
+}
+
+teardown_file() {
+  stop_postfix
+  [ -z "${SERVER:-}" ] || stop_server
 }
 
 # wait_for WHAT COMMAND...: runs the command until it succeeds. Fails after a minute.
@@ -173,7 +186,7 @@ END
 # The settings of the document, those that keep this instance to itself, and those that the command
 # $POSTFIX_MORE prints.
 main_cf() {
-  sed -n '/^```main.cf$/,/^```$/{/^```/!p}' "$POSTFIX_DOCUMENT" |
+  document_block postfix main.cf |
     sed "s|/run/tsl-address-map/socketmap|$SOCKET|"
   cat <<END
 compatibility_level = 3.6
@@ -228,7 +241,7 @@ mailbox unix - n n - - pipe user=nobody argv=$POSTFIX/deliver \${recipient}
 anvil unix - - n - 1 anvil
 postlog unix-dgram n - n - 1 postlogd
 END
-  sed -n '/^```master.cf$/,/^```$/{/^```/!p}' "$POSTFIX_DOCUMENT" |
+  document_block postfix master.cf |
     sed "s|/usr/sbin/sendmail|$POSTFIX/resend $1|" >>"$MAIL_CONFIG/master.cf"
   postfix start 3>&- || return
   wait_for "Postfix" greets "$1"

@@ -15,17 +15,6 @@ setup_file() {
   for user in ann bob cid; do tool user add "$user@example.com"; done
 }
 
-teardown_file() {
-  stop_postfix
-  [ -z "${SERVER:-}" ] || stop_server
-}
-
-setup() {
-  local why
-  why=$(why_no_postfix)
-  [ -z "$why" ] || skip "$why"
-}
-
 # What postmap says of keys that it does not send.
 without_utf8_complaint() { grep -v ': non-UTF-8 key ' <<<"$1" || true; }
 
@@ -393,11 +382,10 @@ Action: relayed"
   local milter=$! port
   wait_for "the milter" test -s "$POSTFIX/milter.port"
   choose_port
-  local document=$BATS_TEST_DIRNAME/../../docs/masks.md
-  sed -n '/^```master.cf$/,/^```$/{/^```/!p}' "$document" |
+  document_block masks master.cf |
     sed "s/10027/$port/; s/8891/$(<"$POSTFIX/milter.port")/; \$a \    -o smtp_tcp_port=$SINK_PORT" >>"$MAIL_CONFIG/master.cf"
   settings "smtpd_milters=inet:127.0.0.1:$(<"$POSTFIX/milter.port")" "recipient_bcc_maps=$(map alias.staff)" \
-    "$(sed -n '/^```main.cf$/,/^```$/{/^```/!p}' "$document" | sed "s/10027/$port/")"
+    "$(document_block masks main.cf | sed "s/10027/$port/")"
   wait_for "the way behind the masks" greets "$port"
   send ida@inside.example "milters" friend@localhost ann@example.com
   send friend@localhost "copied" ida.jones@outside.example
