@@ -350,6 +350,8 @@ team@example.com:ann@example.com,rob@example.com"
   contains "$output" "alias.txt:4: there is no colon after an address"
   contains "$output" "Edit again? [y/N]"
   [[ $(aliases) != *zoe* ]]
+  EDITOR='sed -i /ann@/d' run -0 at_terminal $'n\nn' alias edit --json
+  contains "$output" "- ann@example.com:x@x.example"
   EDITOR='truncate -s 0' run -0 at_terminal y alias edit
   contains "$output" "The file is empty. Remove all 2 rows? [y/N]"
   equal "$(aliases)" ""

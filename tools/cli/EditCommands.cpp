@@ -79,15 +79,17 @@ class Selection {
         [this](std::string_view key, std::string_view value) { take(key, value); },
         progress.counter());
     const std::string in = " in table " + m_edit.table;
-    if (!m_missing.empty()) throw none("no " + s_textOf() + " " + m_missing.begin()->second + in);
+    if (!m_missing.empty()) {
+      throw none(std::string("no ") + textOf(m_edit.format.kind) + " " + m_missing.begin()->second +
+                 in);
+    }
     const bool isAll = m_wanted.empty() && m_edit.arguments.filter.isEmpty();
     if (m_edit.rows.size() == 0 && !isAll) throw none("nothing is selected" + in);
   }
 
  private:
-  [[nodiscard]] std::string s_textOf() const { return textOf(m_edit.format.kind); }
   [[nodiscard]] Failure none(const std::string& why) const {
-    return {ExitCode::NotFound, s_textOf() + " edit", why, ""};
+    return {ExitCode::NotFound, std::string(textOf(m_edit.format.kind)) + " edit", why, ""};
   }
 
   void take(std::string_view key, std::string_view value) {
@@ -147,23 +149,23 @@ ExitCode s_answerUnchanged(Session& session, const EditArguments& arguments) {
 // Shows what is about to be written, and asks for it unless that is settled.
 bool s_mayWrite(Session& session, const Edit& edit, const TableFile& file,
                 const TableImport& import) {
-  if (!session.isJson()) {
-    showRows(session.output(), import);
-    session.output().flush();
-  }
-  const std::size_t all = edit.rows.size();
   const bool isEmpty = file.entries().empty();
-  if (edit.arguments.dryRun || (edit.arguments.yes && (!isEmpty || edit.arguments.force))) {
-    return true;
+  const bool isSettled =
+      edit.arguments.dryRun || (edit.arguments.yes && (!isEmpty || edit.arguments.force));
+  // A JSON document has the rows, but comes after the question.
+  if (!session.isJson()) {
+    showRows(import, [&](const std::string& line) { session.output().line(line); });
+    session.output().flush();
+  } else if (!isSettled) {
+    showRows(import, sayShown);
   }
-  if (isEmpty && (edit.arguments.yes || !canAsk())) {
-    throw Failure(ExitCode::BadData, file.name(),
-                  "it is empty, and all " + std::to_string(all) + " rows would be removed",
-                  "nothing was written; add --force to remove them");
-  }
-  if (session.isJson()) say("the file changes rows: " + s_countsOf(import));
-  return confirm(isEmpty ? "The file is empty. Remove all " + std::to_string(all) + " rows?"
-                         : "Write these changes: " + s_countsOf(import) + "?");
+  if (isSettled) return true;
+  const std::string all = std::to_string(edit.rows.size());
+  if (!isEmpty) return confirm("Write these changes: " + s_countsOf(import) + "?");
+  if (!edit.arguments.yes) return confirm("The file is empty. Remove all " + all + " rows?");
+  throw Failure(ExitCode::BadData, file.name(),
+                "it is empty, and all " + all + " rows would be removed",
+                "nothing was written; add --force to remove them");
 }
 
 // What came of one run of the editor.
@@ -194,16 +196,15 @@ Outcome s_bring(Session& session, Edit& edit, const EditedFile& edited) {
     tellRemovedRules(*written);
     import = std::move(written);
   }
-  if (!session.isJson()) {
-    session.output().line(s_countsOf(*import));
-    return arguments.dryRun ? Outcome::Shown : Outcome::Written;
+  if (!session.isJson()) session.output().line(s_countsOf(*import));
+  if (session.isJson()) {
+    answerChange(session,
+                 Json{{"added", import->added().size()},
+                      {"changed", import->changed().size()},
+                      {"removed", import->removed().size()},
+                      {"rows", rowsOf(*import)}},
+                 "", arguments.dryRun);
   }
-  answerChange(session,
-               Json{{"added", import->added().size()},
-                    {"changed", import->changed().size()},
-                    {"removed", import->removed().size()},
-                    {"rows", rowsOf(*import)}},
-               "", arguments.dryRun);
   return arguments.dryRun ? Outcome::Shown : Outcome::Written;
 }
 
@@ -214,9 +215,8 @@ ExitCode s_editUntilDone(Session& session, Edit& edit) {
     edited.edit();
     try {
       const Outcome outcome = s_bring(session, edit, edited);
-      if (outcome == Outcome::Unchanged) edited.discard();
+      if (outcome == Outcome::Unchanged || outcome == Outcome::Written) edited.discard();
       if (outcome == Outcome::Unchanged) return s_answerUnchanged(session, edit.arguments);
-      if (outcome == Outcome::Written) edited.discard();
       if (outcome != Outcome::Declined) return ExitCode::Done;
       if (confirm("Edit again?")) continue;
       say("nothing was changed");

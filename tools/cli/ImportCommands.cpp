@@ -47,7 +47,7 @@ void s_answer(Session& session, const TableImport& import,
     session.output().document(document);
     return;
   }
-  if (dryRun) showRows(session.output(), import);
+  if (dryRun) showRows(import, [&](const std::string& line) { session.output().line(line); });
   session.output().line(
       std::to_string(import.added().size()) + " added, " + std::to_string(import.changed().size()) +
       " changed, " + std::to_string(import.left()) + " left, " +

@@ -56,15 +56,12 @@ void tellRemovedRules(const TableImport& import) {
   say("the rules of removed aliases are removed, too: " + std::to_string(import.removedRules()));
 }
 
-void showRows(Output& output, const TableImport& import) {
-  const auto show = [&output](const char* sign, const std::string& line) {
-    output.line(sign + printable(line));
-  };
-  for (const StoredRow& row : import.removed()) show("- ", row.key + ":" + row.value);
+void showRows(const TableImport& import, const std::function<void(const std::string&)>& show) {
+  for (const StoredRow& row : import.removed()) show(printable("- " + row.key + ":" + row.value));
   for (const ChangedRow& row : import.changed()) {
-    show("~ ", changeOf(row.formerKey(), row.before.value, *row.entry));
+    show(printable("~ " + changeOf(row.formerKey(), row.before.value, *row.entry)));
   }
-  for (const FileEntry* entry : import.added()) show("+ ", entry->line());
+  for (const FileEntry* entry : import.added()) show(printable("+ " + entry->line()));
 }
 
 Json rowsOf(const TableImport& import) {

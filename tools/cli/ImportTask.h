@@ -3,6 +3,7 @@
 #ifndef TSL_TOOLS_CLI_IMPORTTASK_H
 #define TSL_TOOLS_CLI_IMPORTTASK_H
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -33,8 +34,9 @@ std::unique_ptr<TableImport> carryOut(const ImportTask& task, Progress& progress
 // Reports that rules are gone with their aliases, if any are.
 void tellRemovedRules(const TableImport& import);
 
-// Writes a line for each row: "- KEY:VALUE", "~ KEY:OLD -> NEW", "+ KEY:VALUE".
-void showRows(Output& output, const TableImport& import);
+// Calls `show` with a line for each row, fit to be shown: "- KEY:VALUE", "~ KEY:OLD -> NEW",
+// "+ KEY:VALUE".
+void showRows(const TableImport& import, const std::function<void(const std::string&)>& show);
 // The rows as a list of {"change", "line", "former"}.
 Json rowsOf(const TableImport& import);
 
