@@ -213,6 +213,7 @@ TEST(AliasImage, RowsThatCannotBeReadAreLeftOutAndTheirAddressesAreBroken) {
                                    {"\xff@d.example", "x@d.example"}}));
   EXPECT_EQ(image.rows().size(), 1U);
   EXPECT_EQ(image.brokenRows().count(), 8U);
+  EXPECT_EQ(image.brokenRows().first().at(1).why, "the members are empty");
   for (const char* address : {"members@d.example", "NONE@d.example", "blank@d.example",
                               "two words@d.example", "a..b@d.example"}) {
     EXPECT_EQ(s_expand(image, address).kind, Kind::Broken) << address;

@@ -478,6 +478,11 @@ TEST_F(LookupTest, DomainsAreThoseOfTheConfiguration) {
   EXPECT_EQ(ask("domain " + std::string(10000, 'x')), "NOTFOUND ");
 }
 
+TEST_F(LookupTest, AMaskThatMailServersWouldCutIsNeverGiven) {
+  serve("mask", {{"c@d.example", "x@[x:d,e]"}});
+  EXPECT_EQ(ask("mask_public c@d.example"), "TEMP an address literal in this row has a comma");
+}
+
 TEST_F(LookupTest, WithoutAConfigurationMailboxesAndDomainsAreTemporaryFailures) {
   EXPECT_EQ(ask("mailbox bob@d.example"),
             "TEMP the configuration of domains and mail users cannot be read");

@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -52,6 +54,10 @@ class TcpSocket {
   // What the server at `port` says to `request`.
   std::string exchange(int port, const std::string& request) {
     sendOnly(port, request);
+    return rest();
+  }
+  // What comes until the server closes the connection.
+  std::string rest() {
     std::string reply;
     char buffer[4096];
     for (ssize_t size = 1; size > 0;) {
@@ -68,6 +74,11 @@ class TcpSocket {
               static_cast<ssize_t>(request.size()));
   }
 
+  // Nothing comes within so many milliseconds.
+  [[nodiscard]] bool isSilentFor(int milliseconds) const {
+    pollfd input{m_descriptor, POLLIN, 0};
+    return poll(&input, 1, milliseconds) == 0;
+  }
   // The server has not closed it.
   [[nodiscard]] bool isOpen() const {
     char byte;
@@ -180,6 +191,20 @@ TEST_F(MetricsListenerTest, ListensAgainAtOnceAtThePortThatItHad) {
   s_listener.reset();
   s_listener = std::make_unique<MetricsListener>("127.0.0.1", s_port, pages());
   EXPECT_EQ(get("/health"), before);
+}
+
+TEST_F(MetricsListenerTest, WithoutADescriptorItWaitsForOne) {
+  TcpSocket waiting;
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit none = before;
+  none.rlim_cur = 1;  // poll(2) needs that many.
+  setrlimit(RLIMIT_NOFILE, &none);
+  waiting.sendOnly(s_port, "GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_TRUE(waiting.isSilentFor(150));
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_THAT(waiting.rest(), StartsWith("HTTP/1.1 200 OK\r\n"));
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
 }
 
 TEST_F(MetricsListenerTest, AnEndlessHeaderEndsTheConnection) {

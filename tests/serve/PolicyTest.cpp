@@ -322,6 +322,12 @@ TEST_F(PolicyTest, SendersAreMailboxesAndAliasesAsTheirOwnersSay) {
   // A mail server would take one owner for several.
   rules({{"alias bob@d.example", "anyone\t\t\"x,eve@y.example\"@d.example\t"}});
   EXPECT_EQ(logins("bob@d.example"), "OK bob@d.example,bob");
+  std::string many;
+  for (int i = 0; many.size() <= m_settings.maxReply; ++i) {
+    many += (i == 0 ? "o" : ",o") + std::to_string(i) + "@x.example";
+  }
+  rules({{"alias bob@d.example", "anyone\t\t" + many + "\t"}});
+  EXPECT_EQ(logins("bob@d.example"), "TEMP the logins of this address are too many for a reply");
 }
 
 }  // namespace

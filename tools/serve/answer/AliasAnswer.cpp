@@ -163,12 +163,10 @@ Answer failureAnswer(Log& log) {
     throw;
   } catch (const std::bad_alloc&) {
     return Answer::temp("out of memory");
-  } catch (const Exception& exception) {
-    log.debug(std::string("a request failed: ") + exception.what());
-    return Answer::temp(s_noConfiguration);
   } catch (const std::exception& exception) {
     log.debug(std::string("a request failed: ") + exception.what());
-    return Answer::temp("the request could not be answered");
+    const bool isConfiguration = dynamic_cast<const Exception*>(&exception) != nullptr;
+    return Answer::temp(isConfiguration ? s_noConfiguration : "the request could not be answered");
   }
 }
 
