@@ -55,19 +55,10 @@ std::uint64_t s_usersNumber(const Tables& tables) {
   return users == nullptr ? 0 : users->number();
 }
 
-// Replies of one table come from: its aliases or private addresses, its public addresses, the
-// expansions of its aliases, which have keys instead of texts, and the logins of its owners. Tables
-// count from 1: what is before are policies.
-constexpr std::uint64_t s_sources = 4;
-constexpr std::uint64_t s_policySource = 0;
-
-std::uint64_t s_expansions(std::uint64_t table) {
-  return table * s_sources + 2;
-}
-
-std::uint64_t s_sourceOf(Map map) {
-  if (map == Map::SenderLogin) return 3;
-  return map == Map::MaskPrivate ? 1 : 0;
+// What replies come from: a map of a table, whose number counts from 1, or policies with the number
+// 0. `None` stands for the expansions of aliases, which have keys instead of texts.
+std::uint64_t s_sourceOf(std::uint64_t table, Map map) {
+  return table * s_maps + static_cast<std::uint64_t>(map);
 }
 
 // Masks of masks that a mail server follows.
@@ -113,7 +104,7 @@ std::vector<std::string> s_loginsOf(const std::string& address, const Settings& 
 }  // namespace
 
 AnswerCache::Source Lookup::Route::source() const {
-  return {table->number() * s_sources + s_sourceOf(map), generation + users + rules};
+  return {s_sourceOf(table->number(), map), generation + users + rules};
 }
 
 Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
@@ -353,7 +344,7 @@ std::optional<Answer> Lookup::expansion(const Route& route, const std::string& k
                                         Clock::time_point now) {
   const Job job{route.table->number(), key};
   if (const Answer* const made = madeOf(job)) return *made;
-  const AnswerCache::Source source{s_expansions(job.table), route.source().image};
+  const AnswerCache::Source source{s_sourceOf(job.table, Map::None), route.source().image};
   const AnswerCache::Entry* const known = m_cache.find(source, key, now);
   if (known != nullptr && m_tables.pages().isWhole(known->reply(), now)) {
     m_metrics.cacheHit();
@@ -385,7 +376,8 @@ void Lookup::begin(const Route& route, const std::string& key, Clock::time_point
          } catch (const std::exception&) {
            answer = failureAnswer(log);
          }
-         return std::pair(answer, AnswerCache::Source{s_expansions(table->number()), generation});
+         return std::pair(answer,
+                          AnswerCache::Source{s_sourceOf(table->number(), Map::None), generation});
        });
 }
 
@@ -628,7 +620,7 @@ std::optional<Answer> Lookup::policy(const PolicyTables::Context& context,
   std::string asked(request.recipient);
   asked.append(writer.isTrusted ? "\n+" : "\n-").append(request.login);
   asked.append("\n").append(request.context);
-  const AnswerCache::Source source{s_policySource, context.number};
+  const AnswerCache::Source source{s_sourceOf(0, Map::Policy), context.number};
   const Job job{source.table, asked};
   if (const Answer* const made = madeOf(job)) return *made;
   if (const AnswerCache::Entry* const known = m_cache.find(source, asked, now)) {
