@@ -274,6 +274,7 @@ setup() { empty_tables; }
   equal "$(matching 'sales')" ""
   equal "$(matching '*@xn--bro-hoa.example')" "grüße@büro.example "
   equal "$(matching '*@BÜRO.*')" ""
+  equal "$(matching '*@büro.EX*')" "grüße@büro.example "
   equal "$(matching 'GRÜSSE@büro.example')" ""
   equal "$(matching 'GRÜßE@xn--bro-hoa.example')" "grüße@büro.example "
   run -65 --separate-stderr tool alias list --match 'sales*' --json

@@ -267,14 +267,14 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   tool alias set new@example.com a@x.example
   tool alias rule set ruled@example.com --writers members
   tool alias remove gone@example.com
-  tool mask set new@inner.example new@example.com
+  tool mask set old@example.com new@example.com
   run -0 --separate-stderr tool alias list --changed-since 1h
   equal "$output" $'changed@example.com\ta@x.example,b@x.example\nnew@example.com\ta@x.example\nruled@example.com\ta@x.example'
   equal "$stderr" ""
   run -0 tool alias list --changed-since 1h --match 'n*'
   equal "$output" $'new@example.com\ta@x.example'
   run -0 tool mask list --changed-since today
-  equal "$output" $'new@inner.example\tnew@example.com'
+  equal "$output" $'old@example.com\tnew@example.com'
   run -0 --separate-stderr tool alias list --changed-since 2026-01-01
   equal "${#lines[@]}" 4
   contains "$stderr" "warning: the history begins at 2026-01-02 03:04:05"
