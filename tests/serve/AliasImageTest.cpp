@@ -210,10 +210,13 @@ TEST(AliasImage, RowsThatCannotBeReadAreLeftOutAndTheirAddressesAreBroken) {
                                    {"a..b@d.example", "x@d.example"},
                                    {"no address", "x@d.example"},
                                    {"", "x@d.example"},
-                                   {"\xff@d.example", "x@d.example"}}));
+                                   {"\xff@d.example", "x@d.example"},
+                                   {"a@\u3002", "x@d.example"}}));
   EXPECT_EQ(image.rows().size(), 1U);
-  EXPECT_EQ(image.brokenRows().count(), 8U);
+  EXPECT_EQ(image.brokenRows().count(), 9U);
   EXPECT_EQ(image.brokenRows().first().at(1).why, "the members are empty");
+  EXPECT_EQ(image.brokenRows().first().at(6).why, "the alias is empty");
+  EXPECT_EQ(image.brokenRows().first().at(8).why, "bad alias: nobody can ask for it");
   for (const char* address : {"members@d.example", "NONE@d.example", "blank@d.example",
                               "two words@d.example", "a..b@d.example"}) {
     EXPECT_EQ(s_expand(image, address).kind, Kind::Broken) << address;

@@ -103,9 +103,12 @@ TEST(MaskImage, RowsThatCannotBeReadAreLeftOutAndBothTheirAddressesAreBroken) {
                                   {"c@in.example", ""},
                                   {"d d@in.example", "d..d@out.example"},
                                   {"*@in2.example", ""},
-                                  {"", ""}}));
+                                  {"", ""},
+                                  {"a@\u3002", "e@out.example"}}));
   EXPECT_EQ(image.rows().size(), 1U);
-  EXPECT_EQ(image.brokenRows().count(), 6U);
+  EXPECT_EQ(image.brokenRows().count(), 7U);
+  EXPECT_EQ(image.brokenRows().first().at(2).why, "the public address is empty");
+  EXPECT_EQ(image.brokenRows().first().at(6).why, "nobody can ask for it");
   for (const char* key : {"a@in.example", "c@in.example", "d d@in.example", "*@in2.example"}) {
     EXPECT_TRUE(image.isBroken(Direction::ToPublic, key)) << key;
     EXPECT_FALSE(image.isBroken(Direction::ToPrivate, key)) << key;

@@ -62,6 +62,14 @@ TEST(RuleImage, AnAliasExpiresInTheFirstSecondOfItsTime) {
   EXPECT_FALSE(image.nextExpiry(s_noon + std::chrono::seconds(9)));
 }
 
+TEST(RuleImage, IsOpenWhenEverybodyMayWriteToEveryAlias) {
+  const auto isOpen = [](const Rows& rows) { return RuleImage(sourceOf(rows)).isOpen(); };
+  EXPECT_TRUE(isOpen({}));
+  EXPECT_TRUE(isOpen({{"alias a@d", "anyone\t\to@d\t"}, {"alias_x ", "anyone\t\t\t"}}));
+  EXPECT_FALSE(isOpen({{"alias a@d", "members\t\t\t"}, {"alias b@d", "anyone\t\t\t"}}));
+  EXPECT_FALSE(isOpen({{"alias a@d", "nonsense\t\t\t"}}));
+}
+
 TEST(RuleImage, ARowThatIsNoRuleMakesItsAliasUnknown) {
   const RuleImage image(sourceOf({{"alias a@d", "nonsense\t\t\t"},
                                   {"alias b@d", "anyone\tsoon\t\t"},

@@ -56,7 +56,7 @@ std::uint64_t s_usersNumber(const Tables& tables) {
 }
 
 // What replies come from: a map of a table, whose number counts from 1, or policies with the number
-// 0. `None` stands for the expansions of aliases, which have keys instead of texts.
+// 0. `None` means the expansions of aliases, which have keys instead of texts.
 std::uint64_t s_sourceOf(std::uint64_t table, Map map) {
   return table * s_maps + static_cast<std::uint64_t>(map);
 }
