@@ -22,6 +22,7 @@
 #include "terminal/Interrupt.h"
 #include "terminal/Progress.h"
 #include "terminal/Say.h"
+#include "terminal/Terminal.h"
 
 namespace Tessel::Tool {
 
@@ -49,16 +50,9 @@ Failure s_notWritten(const std::string& path, int error) {
           "nothing was changed; TMPDIR names the directory for the file to edit"};
 }
 
-const char* s_variable(const char* name) {
-  // Only the main thread, before it works, writes the environment.
-  const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
-  return value != nullptr && *value != '\0' ? value : nullptr;
-}
-
 std::string s_makeDirectory() {
-  const char* const parent = s_variable("TMPDIR");
-  std::string path =
-      std::string(parent != nullptr ? parent : "/tmp") + "/tsl-address-map-edit-XXXXXX";
+  const std::string_view parent = environmentText("TMPDIR");
+  std::string path = std::string(parent.empty() ? "/tmp" : parent) + "/tsl-address-map-edit-XXXXXX";
   if (mkdtemp(path.data()) == nullptr) throw s_notWritten(path, errno);
   return path;
 }
@@ -66,7 +60,9 @@ std::string s_makeDirectory() {
 // The command of the editor, for people.
 std::string s_editor() {
   for (const char* const name : {"VISUAL", "EDITOR"}) {
-    if (const char* const value = s_variable(name)) return value;
+    if (const std::string_view value = environmentText(name); !value.empty()) {
+      return std::string(value);
+    }
   }
   return "";
 }

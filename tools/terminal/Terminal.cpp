@@ -12,14 +12,8 @@ namespace {
 
 constexpr std::size_t s_usualWidth = 80;
 
-// The tool changes its environment only before there is a second thread, and these never.
-std::string_view s_variable(const char* name) {
-  const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
-  return value == nullptr ? std::string_view() : value;
-}
-
 bool s_isTerminal(int descriptor) {
-  const std::string_view kind = s_variable("TERM");
+  const std::string_view kind = environmentText("TERM");
   return isatty(descriptor) == 1 && !kind.empty() && kind != "dumb";
 }
 
@@ -37,6 +31,12 @@ std::string_view s_code(Tone tone) {
 
 }  // namespace
 
+// The tool changes its environment only before there is a second thread, and such variables never.
+std::string_view environmentText(const char* name) {
+  const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see above
+  return value == nullptr ? std::string_view() : value;
+}
+
 bool isTerminal(Stream stream) {
   static const bool s_output = s_isTerminal(STDOUT_FILENO);
   static const bool s_error = s_isTerminal(STDERR_FILENO);
@@ -50,7 +50,7 @@ std::size_t terminalWidth() {
 }
 
 std::string coloured(Stream stream, Tone tone, std::string_view text) {
-  static const bool s_isWanted = s_variable("NO_COLOR").empty();
+  static const bool s_isWanted = environmentText("NO_COLOR").empty();
   if (tone == Tone::Plain || !s_isWanted || !isTerminal(stream)) return std::string(text);
   return std::string(s_code(tone)).append(text).append("\033[0m");
 }

@@ -17,6 +17,9 @@ enum class Tone {
   Doubtful,  // Yellow.
 };
 
+// The variable `name` of the environment; empty when there is none. Any thread.
+std::string_view environmentText(const char* name);
+
 // True when `stream` is a terminal that knows escape sequences: the environment has a TERM, which
 // is not "dumb". Asked once. Any thread.
 bool isTerminal(Stream stream);
