@@ -240,6 +240,17 @@ TEST_F(PolicyTest, WithoutATableOfRulesMailToAliasesWaits) {
   EXPECT_EQ(ask("members@d.example"), s_permitted);
 }
 
+TEST_F(PolicyTest, AChainOfMasksIsFollowedToItsEndUnlessItHasAHundred) {
+  const auto name = [](int i) {
+    return i == 0 ? "members@d.example" : "m" + std::to_string(i) + "@d";
+  };
+  Rows masks;
+  for (int i = 0; i < 100; ++i) masks.emplace_back(name(i), name(i + 1));
+  publishRows(*m_tables.find("mask"), masks);
+  EXPECT_EQ(ask(name(99)), refusal(name(99)));
+  EXPECT_EQ(ask(name(100)), s_waiting + "the mask of this address is not known");
+}
+
 TEST_F(PolicyTest, AnAliasThatHasExpiredAsksForNothing) {
   rules({{"alias members@d.example", "members\t2001-01-01 00:00:00\t\t"}});
   EXPECT_EQ(ask("members@d.example"), s_permitted);

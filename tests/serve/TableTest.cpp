@@ -147,6 +147,10 @@ TEST(Tables, RememberOnlyAFewUnknownNamesThatATableCanHave) {
     tables.noteUnknown(name, now);
   }
   EXPECT_THAT(tables.unknown(now), IsEmpty());
+  const std::string longest = "alias_" + std::string(58, 'n');
+  tables.noteUnknown(longest + "n", now);
+  tables.noteUnknown(longest, now);
+  EXPECT_THAT(tables.unknown(now), ElementsAre(longest));
   for (int i = 0; i < 100; ++i) tables.noteUnknown("alias_" + std::to_string(i), now);
   EXPECT_THAT(tables.unknown(now), SizeIs(8));
   // Others take the places of those that are not asked for any more.
