@@ -74,10 +74,10 @@ class TcpSocket {
               static_cast<ssize_t>(request.size()));
   }
 
-  // Nothing comes within so many milliseconds.
-  [[nodiscard]] bool isSilentFor(int milliseconds) const {
+  // Nothing comes within `time`, in milliseconds.
+  [[nodiscard]] bool isSilentFor(int time) const {
     pollfd input{m_descriptor, POLLIN, 0};
-    return poll(&input, 1, milliseconds) == 0;
+    return poll(&input, 1, time) == 0;
   }
   // The server has not closed it.
   [[nodiscard]] bool isOpen() const {
