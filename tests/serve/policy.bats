@@ -154,3 +154,13 @@ judged() {
   sql 'rename table kept_rules to rules;'
   wait_for "the rules" refuses "" team@example.com
 }
+
+@test "policies: the list of all users closes for outsiders as the document says" {
+  tool alias set all@example.com allusers_example.com
+  wait_for "the list of all users" permits "" all@example.com
+  run eval "$(document_block postfix rule.sh | sed 's/^tsl-address-map /tool /')"
+  equal "$(grep '^policy' <<<"$output" | cut -f 3 | cut -d ' ' -f 1 | paste -s -d ' ')" "REJECT DUNNO"
+  wait_for "the rule" refuses "" all@example.com
+  judged guest@example.net '!all'
+  judged eve@example.com all
+}
