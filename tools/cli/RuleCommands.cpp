@@ -336,8 +336,9 @@ void s_addSet(Command& group, const std::shared_ptr<RuleArguments>& arguments) {
                  "Someone who may write, with --writers listed; repeat it for more");
   set.optionList("--owner", arguments->owners, "ADDRESS",
                  "Someone who may send as the alias; repeat it for more");
-  set.option("--expires", arguments->expires, "TIME",
-             "From then on, in UTC, the alias counts as not there");
+  set.option(
+      "--expires", arguments->expires, "TIME",
+      "From then on the alias counts as not there: 2026-12-31 or 2026-12-31T18:00:00, in UTC");
   set.option("--note", arguments->note, "TEXT", "A note for people");
   set.option("--contact", arguments->contact, "ADDRESS", "Whom to ask about the alias");
   addDryRun(set, arguments->dryRun);
