@@ -41,8 +41,9 @@ _tsl_address_map_options() {
     "alias rule import") echo --dry-run --replace ;;
     "alias rule list") echo --domain ;;
     "alias tree") echo --dot ;;
-    "alias export" | "mask export") echo --domain --format ;;
-    "alias import") echo --allow-cycle --columns --default-domain --domain --dry-run --force --format --local-names --new-spelling --replace --skip-bad ;;
+    "alias export") echo --domain --format --rules ;;
+    "mask export") echo --domain --format ;;
+    "alias import") echo --allow-cycle --columns --default-domain --domain --dry-run --force --format --local-names --new-spelling --replace --rules --skip-bad ;;
     "mask set") echo --dry-run --force ;;
     "mask remove") echo --domain --dry-run ;;
     "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;

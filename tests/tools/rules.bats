@@ -260,6 +260,34 @@ END
   equal "$output" '{"changes":[]}'
 }
 
+@test "alias export and alias import with --rules are those of rules" {
+  rule set team@example.com --writers members
+  run -0 tool alias export --rules -
+  equal "$output" $'team@example.com\twriters=members'
+  tool alias export --rules "$BATS_TEST_TMPDIR/rules.txt"
+  equal "$(cat "$BATS_TEST_TMPDIR/rules.txt")" "$output"
+  rule set default --writers authenticated
+  rule remove team@example.com
+  run -0 tool alias import --rules --replace --dry-run "$BATS_TEST_TMPDIR/rules.txt"
+  equal "$output" $'- default writers=authenticated\n+ team@example.com writers=members\n2 changed'
+  run -0 tool alias import --rules "$BATS_TEST_TMPDIR/rules.txt"
+  equal "$output" "1 changed"
+  run -0 rule list
+  equal "$output" $'default\twriters=authenticated\nteam@example.com\twriters=members'
+  run -0 tool alias import --rules --replace - <"$BATS_TEST_TMPDIR/rules.txt"
+  equal "$output" "1 changed"
+  for option in "--replace --force" --skip-bad --new-spelling "--format csv" "--columns a,b" "--domain example.com" \
+    "--default-domain example.com" --local-names --allow-cycle; do
+    # shellcheck disable=SC2086  # Options with values.
+    run -64 tool alias import --rules $option "$BATS_TEST_TMPDIR/rules.txt"
+  done
+  run -64 tool alias export --rules --domain example.com
+  run -64 tool alias export --rules --format native
+  contains "$output" "--rules"
+  run -64 tool mask import --rules -
+  run -64 tool mask export --rules
+}
+
 @test "without the table there are no rules, and setting one says what to do" {
   sql 'rename table rules to kept'
   run -1 rule show team@example.com

@@ -10,6 +10,7 @@
 #include "base/stringCompareNoCase.h"
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
+#include "cli/RuleFile.h"
 #include "database/Connection.h"
 #include "database/Transaction.h"
 #include "files/ExportFile.h"
@@ -34,6 +35,7 @@ struct ExportArguments {
   std::string path;
   std::string format = "native";
   std::string domain;
+  bool rules = false;
 };
 
 // The rows of a table as they are at one moment, read some at a time. One thread.
@@ -218,6 +220,7 @@ std::unique_ptr<FileSyntax> s_syntax(const ExportArguments& arguments, const Tab
 }
 
 ExitCode s_export(Session& session, const ExportArguments& arguments, const TableFormat& format) {
+  if (arguments.rules) return exportRules(session, arguments.path);
   const auto syntax = s_syntax(arguments, format);
   const std::string domain = arguments.domain.empty() ? "" : parseDomain(arguments.domain);
   session.tellTarget(format.kind);
@@ -240,7 +243,9 @@ void addExportCommand(Command& group, const TableFormat& format) {
   Command command = group.command(
       "export", "Write the rows of the table to a file, or to standard output",
       "  tsl-address-map " + words + " table.txt\n  tsl-address-map " + words +
-          " --domain example.com >table.txt\n" + "Each line is " + line +
+          " --domain example.com >table.txt\n" +
+          (format.hasPublic ? "" : "  tsl-address-map alias export --rules rules.txt\n") +
+          "Each line is " + line +
           ", or what --format says, in the order of the table's key. A file is replaced as a whole "
           "or not at\nall. A"
           " table with broken rows is not exported; they are named on standard error, and the exit"
@@ -248,12 +253,18 @@ void addExportCommand(Command& group, const TableFormat& format) {
       Preparation::Database,
       [arguments, &format](Session& session) { return s_export(session, *arguments, format); });
   command.optionalArgument("FILE", arguments->path, "The file; none, or -, for standard output");
-  command.option("--format", arguments->format, formatNames(format), "The format");
-  command.option("--domain", arguments->domain, "DOMAIN",
-                 format.hasPublic
-                     ? "Only the pairs with private addresses of this domain"
-                     : "Only the aliases of this domain; the format aliases needs it, since its"
-                       " names have none");
+  Option syntax = command.option("--format", arguments->format, formatNames(format), "The format");
+  Option domain = command.option(
+      "--domain", arguments->domain, "DOMAIN",
+      format.hasPublic ? "Only the pairs with private addresses of this domain"
+                       : "Only the aliases of this domain; the format aliases needs it, since its"
+                         " names have none");
+  if (format.hasPublic) return;
+  const Option rules =
+      command.flag("--rules", arguments->rules,
+                   "Write the rules of the aliases instead, as 'alias rule export'");
+  syntax.excludes(rules);
+  domain.excludes(rules);
 }
 
 }  // namespace Tessel::Tool

@@ -2,10 +2,12 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cli/AddressInput.h"
 #include "cli/Command.h"
 #include "cli/ImportTask.h"
+#include "cli/RuleFile.h"
 #include "files/TableFile.h"
 #include "tables/TableNames.h"
 #include "terminal/Confirm.h"
@@ -24,6 +26,7 @@ struct ImportArguments {
   bool dryRun = false;
   bool replace = false;
   bool force = false;
+  bool rules = false;
 };
 
 Json s_jsonOf(const std::vector<LineFaults::Fault>& faults) {
@@ -64,6 +67,9 @@ bool s_mayReplace(const TableImport& import, const std::string& table, const std
 }
 
 ExitCode s_import(Session& session, const ImportArguments& arguments, const TableFormat& format) {
+  if (arguments.rules) {
+    return importRules(session, arguments.file, arguments.replace, arguments.dryRun);
+  }
   Progress progress;
   TableFile::Options options = arguments.options;
   options.localNames = localNamesOf(arguments.localNames);
@@ -110,7 +116,9 @@ void addImportCommand(Command& group, const TableFormat& format) {
       "  tsl-address-map " + words + " table.txt --dry-run\n  tsl-address-map " + words +
           " --replace table.txt\n  tsl-address-map " + words +
           " --replace --domain example.com table.txt\n  tsl-address-map " + words +
-          " - <table.txt\n" + "Each line is " + line +
+          " - <table.txt\n" +
+          (format.hasPublic ? "" : "  tsl-address-map alias import --rules rules.txt\n") +
+          "Each line is " + line +
           ", or what --format says. The whole file is checked first: bad lines are reported "
           "as\nFILE:LINE: reason, nothing"
           " is written then, and the exit status is 65. Rows are added and changed; what the\nfile"
@@ -125,33 +133,42 @@ void addImportCommand(Command& group, const TableFormat& format) {
   Option replace = import.flag(
       "--replace", arguments->replace,
       "Remove the rows that the file does not mention, so that the table equals the file");
-  import.flag("--force", arguments->force, "With --replace: also when the file is empty")
-      .needs(replace);
-  import
-      .flag("--skip-bad", arguments->options.skipBad,
-            "Leave bad lines out, and of two lines for one address the second; import the rest")
-      .excludes(replace);
-  import.flag("--new-spelling", arguments->options.newSpelling,
-              "Make a row of each spelling of an address, also if the table has another one");
-  import.option("--format", arguments->options.format, formatNames(format),
-                "The format of the file; by default recognised from its first lines");
-  import.option("--columns", arguments->options.columns, "NAME,NAME",
-                std::string("The columns of a CSV file to read; by default ") +
-                    (format.hasPublic ? "private,public" : "address,members"));
-  import.option(
+  Option force =
+      import.flag("--force", arguments->force, "With --replace: also when the file is empty");
+  force.needs(replace);
+  Option skip = import.flag(
+      "--skip-bad", arguments->options.skipBad,
+      "Leave bad lines out, and of two lines for one address the second; import the rest");
+  skip.excludes(replace);
+  // None of them makes sense for rules.
+  std::vector<Option> ofRows{force, skip};
+  ofRows.push_back(
+      import.flag("--new-spelling", arguments->options.newSpelling,
+                  "Make a row of each spelling of an address, also if the table has another one"));
+  ofRows.push_back(
+      import.option("--format", arguments->options.format, formatNames(format),
+                    "The format of the file; by default recognised from its first lines"));
+  ofRows.push_back(import.option("--columns", arguments->options.columns, "NAME,NAME",
+                                 std::string("The columns of a CSV file to read; by default ") +
+                                     (format.hasPublic ? "private,public" : "address,members")));
+  ofRows.push_back(import.option(
       "--domain", arguments->options.domain, "DOMAIN",
       format.hasPublic
           ? "Refuse pairs with private addresses of other domains; --replace removes rows"
             " of this domain only"
-          : "Refuse aliases of other domains; --replace removes rows of this domain only");
+          : "Refuse aliases of other domains; --replace removes rows of this domain only"));
   if (format.hasPublic) return;
-  import.option("--default-domain", arguments->options.defaultDomain, "DOMAIN",
-                "With the formats aliases and virtual: the domain of names that have none; with"
-                " aliases by default that of --domain");
-  import.flag("--local-names", arguments->localNames,
-              "Also import members without a domain, such as root");
-  import.flag("--allow-cycle", arguments->allowCycle,
-              "Write aliases even if they lead back to themselves");
+  ofRows.push_back(
+      import.option("--default-domain", arguments->options.defaultDomain, "DOMAIN",
+                    "With the formats aliases and virtual: the domain of names that have none; with"
+                    " aliases by default that of --domain"));
+  ofRows.push_back(import.flag("--local-names", arguments->localNames,
+                               "Also import members without a domain, such as root"));
+  ofRows.push_back(import.flag("--allow-cycle", arguments->allowCycle,
+                               "Write aliases even if they lead back to themselves"));
+  const Option rules = import.flag("--rules", arguments->rules,
+                                   "Import the rules of aliases instead, as 'alias rule import'");
+  for (Option& option : ofRows) option.excludes(rules);
 }
 
 }  // namespace Tessel::Tool

@@ -12,6 +12,7 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cli/RowReport.h"
+#include "cli/RuleFile.h"
 #include "files/ExportFile.h"
 #include "files/Lines.h"
 #include "files/TableFile.h"
@@ -220,25 +221,6 @@ ExitCode s_remove(Session& session, const RuleArguments& arguments) {
   return row ? ExitCode::Done : s_tellNone(alias);
 }
 
-ExitCode s_export(Session& session, const RuleArguments& arguments) {
-  session.tellTarget(TableKind::Alias);
-  const auto rows = AliasTable(aliasTableName(session.tableName())).rules().rows();
-  std::string text;
-  for (const RuleRow& row : rows) {
-    if (!row.rule) throw brokenRule(s_nameOf(row.name));
-    text += s_nameOf(row.name) + "\t" + ruleText(*row.rule) + "\n";
-  }
-  if (arguments.file.empty()) {
-    if (!text.empty()) session.output().line(text.substr(0, text.size() - 1));
-    return ExitCode::Done;
-  }
-  ExportFile file(arguments.file);
-  file.write(text);
-  file.finish();
-  if (session.isJson()) session.output().document(Json{{"rules", rows.size()}});
-  return ExitCode::Done;
-}
-
 struct RuleLine {
   EmailAddress alias;
   AliasRule rule;
@@ -283,37 +265,6 @@ std::vector<std::string> s_removeOthers(AliasTable& table, const std::vector<Rul
   return changes;
 }
 
-ExitCode s_import(Session& session, const RuleArguments& arguments) {
-  const std::vector<RuleLine> rules = s_readFile(arguments.file);
-  session.tellTarget(TableKind::Alias);
-  AliasTable table(aliasTableName(session.tableName()));
-  std::vector<std::string> changes;
-  table.transact([&] {
-    changes = arguments.replace ? s_removeOthers(table, rules, arguments.dryRun)
-                                : std::vector<std::string>();
-    for (const auto& [alias, rule] : rules) {
-      const std::string name = s_nameToWrite(table, alias, session);
-      const auto before = table.rules().look(alias);
-      const std::string change = s_changeLine(name, before, rule);
-      if (change.empty()) continue;
-      changes.push_back(change);
-      if (arguments.dryRun) continue;
-      if (before && before->name != name) table.rules().remove(table.change(), before->name);
-      table.rules().set(table.change(), name, rule);
-    }
-    return !arguments.dryRun && !changes.empty();
-  });
-  if (session.isJson()) {
-    answerChange(session, Json{{"changed", changes.size()}}, "", arguments.dryRun);
-    return ExitCode::Done;
-  }
-  if (arguments.dryRun) {
-    for (const std::string& change : changes) session.output().line(printable(change));
-  }
-  session.output().line(std::to_string(changes.size()) + " changed");
-  return ExitCode::Done;
-}
-
 void s_addSet(Command& group, const std::shared_ptr<RuleArguments>& arguments) {
   Command set = group.command(
       "set", "Say who may write to an alias, who may send as it, and until when it is there",
@@ -345,24 +296,76 @@ void s_addSet(Command& group, const std::shared_ptr<RuleArguments>& arguments) {
 }
 
 void s_addFiles(Command& group, const std::shared_ptr<RuleArguments>& arguments) {
-  Command exported =
-      group.command("export", "Write all rules of the table into a file",
-                    "  tsl-address-map alias rule export rules.txt\n"
-                    "One rule per line: ADDRESS<TAB>RULE, as 'alias rule list' shows them.\n",
-                    Preparation::Database, withArguments(s_export, arguments));
-  exported.optionalArgument("FILE", arguments->file, "The file; standard output without it");
+  Command exported = group.command(
+      "export", "Write all rules of the table into a file",
+      "  tsl-address-map alias rule export rules.txt\n"
+      "One rule per line: ADDRESS<TAB>RULE, as 'alias rule list' shows them.\n",
+      Preparation::Database,
+      [arguments](Session& session) { return exportRules(session, arguments->file); });
+  exported.optionalArgument("FILE", arguments->file, "The file; none, or -, for standard output");
   Command imported = group.command(
       "import", "Add the rules of a file, or change them, all or none",
       "  tsl-address-map alias rule import rules.txt --dry-run\n"
       "Each line is ADDRESS<TAB>RULE; '#' begins a comment. Rules that the file does not mention"
       " stay, unless\n--replace is given. Prints how many changed; with --json {\"changed\"}.\n",
-      Preparation::Database, withArguments(s_import, arguments));
+      Preparation::Database, [arguments](Session& session) {
+        return importRules(session, arguments->file, arguments->replace, arguments->dryRun);
+      });
   imported.argument("FILE", arguments->file, "The file, or - for standard input");
   imported.flag("--replace", arguments->replace, "Remove the rules that the file does not mention");
   addDryRun(imported, arguments->dryRun);
 }
 
 }  // namespace
+
+ExitCode exportRules(Session& session, const std::string& file) {
+  session.tellTarget(TableKind::Alias);
+  const auto rows = AliasTable(aliasTableName(session.tableName())).rules().rows();
+  std::string text;
+  for (const RuleRow& row : rows) {
+    if (!row.rule) throw brokenRule(s_nameOf(row.name));
+    text += s_nameOf(row.name) + "\t" + ruleText(*row.rule) + "\n";
+  }
+  if (file.empty() || file == "-") {
+    if (!text.empty()) session.output().line(text.substr(0, text.size() - 1));
+    return ExitCode::Done;
+  }
+  ExportFile target(file);
+  target.write(text);
+  target.finish();
+  if (session.isJson()) session.output().document(Json{{"rules", rows.size()}});
+  return ExitCode::Done;
+}
+
+ExitCode importRules(Session& session, const std::string& file, bool replace, bool dryRun) {
+  const std::vector<RuleLine> rules = s_readFile(file);
+  session.tellTarget(TableKind::Alias);
+  AliasTable table(aliasTableName(session.tableName()));
+  std::vector<std::string> changes;
+  table.transact([&] {
+    changes = replace ? s_removeOthers(table, rules, dryRun) : std::vector<std::string>();
+    for (const auto& [alias, rule] : rules) {
+      const std::string name = s_nameToWrite(table, alias, session);
+      const auto before = table.rules().look(alias);
+      const std::string change = s_changeLine(name, before, rule);
+      if (change.empty()) continue;
+      changes.push_back(change);
+      if (dryRun) continue;
+      if (before && before->name != name) table.rules().remove(table.change(), before->name);
+      table.rules().set(table.change(), name, rule);
+    }
+    return !dryRun && !changes.empty();
+  });
+  if (session.isJson()) {
+    answerChange(session, Json{{"changed", changes.size()}}, "", dryRun);
+    return ExitCode::Done;
+  }
+  if (dryRun) {
+    for (const std::string& change : changes) session.output().line(printable(change));
+  }
+  session.output().line(std::to_string(changes.size()) + " changed");
+  return ExitCode::Done;
+}
 
 void addRuleCommands(Command& alias) {
   const auto arguments = std::make_shared<RuleArguments>();
