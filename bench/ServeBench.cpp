@@ -505,6 +505,36 @@ void servePolicy(benchmark::State& state) {
   compare(state, {title, 1.5}, timed(Clock::Own, ours), timed(Clock::Own, bare));
 }
 
+// Lookups of aliases that are noted as used, against those that are not, in one process.
+void serveCountUse(benchmark::State& state) {
+  const Serve::Settings settings;
+  Serve::Settings counting;
+  counting.countUse = s_socket("used");
+  Serve::Tables tables(settings);
+  const Serve::TablePointer table = tables.add("alias");
+  table->publish(std::make_shared<const Serve::TableImage>(table->kind(), s_aliases(sizes().rows)));
+  table->confirm(Serve::Clock::now() + std::chrono::hours(1));
+  Serve::Metrics metrics;
+  Serve::Log log(Serve::LogLevel::Error);
+  Serve::Lookup ours(counting, tables, metrics, log);
+  Serve::Lookup bare(settings, tables, metrics, log);
+  const OneCore pinned;
+  // A reply to an address with an extension is made each time.
+  const bool isTagged = state.range(0) == 0;
+  const auto some =
+      static_cast<std::size_t>(isTagged ? sizes().rows : std::min(sizes().rows, 1000));
+  const auto side = [&](Serve::Lookup& lookup) {
+    return timed(Clock::Own, [&lookup, some, isTagged](std::size_t i) {
+      std::string request = "alias " + aliasName(static_cast<int>(i * 7919 % some));
+      if (isTagged) request.insert(request.find('@'), "+tag");
+      require(lookup.reply(request) != nullptr);
+    });
+  };
+  const char* const title = isTagged ? "alias with an extension that is counted / not, time"
+                                     : "alias that is counted / not, time, again";
+  compare(state, {title, isTagged ? 1.5 : 1.1}, side(ours), side(bare));
+}
+
 BENCHMARK_CAPTURE(serveLoad, time1, 1, false)->Apply(inRounds);
 BENCHMARK_CAPTURE(serveLoad, time100, 100, false)->Apply(inRounds);
 BENCHMARK_CAPTURE(serveLoad, tail1, 1, true)->Apply(inRounds);
@@ -513,6 +543,7 @@ BENCHMARK(servePostmapConstant)->Apply(inRounds);
 BENCHMARK(servePostmapDatabase)->Apply(inRounds);
 BENCHMARK(serveImage)->Apply(inRounds);
 BENCHMARK(serveMemory)->Iterations(1);
+BENCHMARK(serveCountUse)->Arg(0)->Arg(1)->Apply(inRounds);
 BENCHMARK(servePolicy)->Arg(0)->Arg(1)->Apply(inRounds);
 
 }  // namespace

@@ -48,7 +48,7 @@ _tsl_address_map_options() {
     "mask remove") echo --domain --dry-run ;;
     "mask import") echo --columns --domain --dry-run --force --format --new-spelling --replace --skip-bad ;;
     serve)
-      echo --catch-all --check-config --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
+      echo --catch-all --check-config --count-use --delimiter --drain-timeout --extension --idle-timeout --leave-out-disabled --listen --local-names \
         --log-level --login-domain --max-connections --max-lag --max-memory --max-reply --max-request --mask-users --metrics --only --page \
         --policy-text --refresh --request-timeout --snapshot --stale --trust --workers
       ;;
@@ -119,7 +119,7 @@ _tsl_address_map() {
   _tsl_address_map_read
   case $option in
     "") ;;
-    --option-file | --known) _tsl_address_map_files -f ;;
+    --option-file | --known | --count-use) _tsl_address_map_files -f ;;
     --cmf | --local | --snapshot) _tsl_address_map_files -d ;;
     *) _tsl_address_map_offer "$(_tsl_address_map_values "$command" "$option")" ;;
   esac

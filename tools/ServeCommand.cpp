@@ -43,6 +43,7 @@ struct Arguments {
   std::string stale = timeText(*s_default.stale);
   std::string maxLag;
   std::string snapshot;
+  std::string countUse;
   std::string extension = extensionRuleText(s_default.extension);
   std::string delimiter = s_default.delimiter;
   std::string loginDomain;
@@ -137,6 +138,7 @@ Settings s_settings(const Arguments& arguments) {
   }
   s_checkSnapshot(arguments.snapshot);
   settings.snapshot = arguments.snapshot;
+  settings.countUse = arguments.countUse;
   settings.extension = parseExtensionRule("--extension", arguments.extension);
   s_checkDelimiter(arguments.delimiter);
   settings.delimiter = arguments.delimiter;
@@ -199,6 +201,8 @@ void addServeCommand(Tool::Command& top) {
       "  tsl-address-map --local serve --listen unix:/tmp/socketmap\n"
       "  tsl-address-map serve --listen policy:unix:/run/tsl-address-map/policy,group=postfix"
       " --trust 192.0.2.0/24\n"
+      "  tsl-address-map serve --listen inet:127.0.0.1:7321 --count-use"
+      " /var/lib/tsl-address-map/used\n"
       "  tsl-address-map serve --check-config --listen inet:127.0.0.1:7321 --stale 4h\n"
       "  postmap -q team@example.com socketmap:unix:/run/tsl-address-map/socketmap:alias\n"
       "The maps are alias, mask_public (private to public), mask_private (public to private),"
@@ -223,6 +227,8 @@ void addServeCommand(Tool::Command& top) {
                "Ask a replica how far it is behind, and do not read one that is further behind");
   serve.option("--snapshot", arguments->snapshot, "DIR",
                "Keep the tables in this directory, for starts while the database is unavailable");
+  serve.option("--count-use", arguments->countUse, "FILE",
+               "Note in this file which aliases mail servers ask for, for 'alias list --unused'");
   serve.option("--extension", arguments->extension, "RULE",
                "The tag of user+tag: 'keep' it in the answer for user, 'drop' it, or 'off'");
   serve.option("--delimiter", arguments->delimiter, "TEXT",

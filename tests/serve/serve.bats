@@ -461,12 +461,12 @@ PYTHON
   before=$(stat -c %i "$socket")
   check=("$TSL_TOOL" --cmf "$directory/cmf" serve --check-config)
   export TSL_DATABASE_OPTION_FILE=$directory/client.cnf
-  run -0 "${check[@]}" --listen "unix:$socket" --snapshot "$directory/state" --metrics 127.0.0.1:0
+  run -0 "${check[@]}" --listen "unix:$socket" --snapshot "$directory/state" --metrics 127.0.0.1:0 --count-use "$directory/state/used"
   equal "$output" ""
   run -0 "${check[@]}"
   echo nonsense >"$directory/client.cnf"
   chmod 777 "$directory/state"
-  run -78 "${check[@]}" --listen "unix:$directory/log" --listen unix:/nonexistent/socket --listen inet:192.0.2.1:7321 --metrics 192.0.2.1:9321 --snapshot "$directory/state"
+  run -78 "${check[@]}" --listen "unix:$directory/log" --listen unix:/nonexistent/socket --listen inet:192.0.2.1:7321 --metrics 192.0.2.1:9321 --snapshot "$directory/state" --count-use "$directory/log"
   equal "$output" "tsl-address-map: listening on $directory/log: there is another file
 tsl-address-map: hint: give another path, or remove the file
 tsl-address-map: listening on /nonexistent/socket: the directory cannot be written: No such file or directory
@@ -477,6 +477,8 @@ tsl-address-map: listening on 192.0.2.1 port 9321: bind: Cannot assign requested
 tsl-address-map: hint: give a free port on an address of this host
 tsl-address-map: --snapshot $directory/state: $directory/state can be written by other users
 tsl-address-map: hint: make it readable and writable for the user of the service only
+tsl-address-map: --count-use $directory/log: it is no file of used aliases
+tsl-address-map: hint: name a file that is not there yet, in a directory for the service's user only
 tsl-address-map: TSL_DATABASE_OPTION_FILE: The database option file '$directory/client.cnf' is broken in line 1: an option before the first group, such as [client]
 tsl-address-map: hint: correct the file, or name another one"
   run -64 "${check[@]}" --page 1

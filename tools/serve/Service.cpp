@@ -27,6 +27,7 @@
 #include "failure/Failure.h"
 #include "serve/base/Background.h"
 #include "serve/base/Metrics.h"
+#include "serve/image/AliasUse.h"
 #include "serve/image/ConfigurationHelper.h"
 #include "serve/image/ConfigurationWatch.h"
 #include "serve/image/Readiness.h"
@@ -109,6 +110,9 @@ class Service {
     openSockets();
     m_watch = std::make_unique<TableWatch>(m_settings, m_tables, m_metrics, m_log);
     if (m_settings.metrics) listenForMetrics(*m_settings.metrics);
+    if (!m_settings.countUse.empty()) {
+      m_use = std::make_unique<AliasUse>(m_settings, m_tables, m_log);
+    }
     while (m_workers.size() < m_settings.workers) {
       m_workers.emplace_back(m_settings, m_tables, m_metrics, m_log, m_background,
                              [this] { closed(); });
@@ -264,9 +268,11 @@ class Service {
     });
   }
 
-  // Logs once a second what has become too old, also while the database is waited for.
+  // Logs once a second what has become too old, also while the database is waited for, and notes
+  // which aliases were asked for.
   void report() {
     m_readiness.report(Clock::now());
+    if (m_use != nullptr) m_use->look();
     m_reports.expires_after(1s);
     m_reports.async_wait([this](const error_code& error) {
       if (!error) report();
@@ -275,6 +281,7 @@ class Service {
 
   void end() {
     m_workers.clear();
+    if (m_use != nullptr) m_use->finish();
     m_metricsListener.reset();
     m_listeners.clear();
     m_configurationWatch.reset();
@@ -303,6 +310,7 @@ class Service {
   std::unique_ptr<TableWatch> m_watch;
   std::unique_ptr<ConfigurationWatch> m_configurationWatch;
   std::unique_ptr<MetricsListener> m_metricsListener;
+  std::unique_ptr<AliasUse> m_use;
   std::list<Worker> m_workers;
   std::list<Listener> m_listeners;
   bool m_isEnding = false;

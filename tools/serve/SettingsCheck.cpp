@@ -13,7 +13,9 @@
 
 #include "base/Exception.h"
 #include "database/OptionSource.h"
+#include "disk/AtomicFile.h"
 #include "serve/base/AccessRights.h"
+#include "serve/image/AliasUse.h"
 #include "serve/image/SnapshotFile.h"
 #include "serve/socket/ListenSocket.h"
 #include "tables/Configuration.h"
@@ -25,10 +27,23 @@ namespace {
 using Tool::ExitCode;
 using Tool::Failure;
 
-void s_checkSnapshots(const std::string& directory) try {
+// Throws when `directory` is not one that the user of the process alone may write.
+void s_requireOwn(const std::string& directory) {
   SnapshotDirectory(directory).check();
   if (faccessat(AT_FDCWD, directory.c_str(), W_OK, AT_EACCESS) == 0) return;
   throw std::system_error(errno, std::generic_category(), "it cannot be written");
+}
+
+void s_checkUse(const std::string& file) try {
+  s_requireOwn(Tool::directoryOf(file));
+  AliasUse::read(file);
+} catch (const std::exception& exception) {
+  throw Failure(ExitCode::Configuration, "--count-use " + file, exception.what(),
+                "name a file that is not there yet, in a directory for the service's user only");
+}
+
+void s_checkSnapshots(const std::string& directory) try {
+  s_requireOwn(directory);
 } catch (const std::exception& exception) {
   throw Failure(ExitCode::Configuration, "--snapshot " + directory, exception.what(),
                 "make it readable and writable for the user of the service only");
@@ -66,6 +81,7 @@ std::vector<Failure> faultsOf(const Settings& settings) {
   }
   if (settings.metrics) check([&] { ListenSocket::check(*settings.metrics); });
   if (!settings.snapshot.empty()) check([&] { s_checkSnapshots(settings.snapshot); });
+  if (!settings.countUse.empty()) check([&] { s_checkUse(settings.countUse); });
   check(s_checkOptionFile);
   check(s_checkConfiguration);
   return faults;

@@ -116,7 +116,8 @@ Lookup::Lookup(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
       m_helpers(std::move(helpers)),
       m_cache(tables.answerMemory()),
       m_rules(tables),
-      m_policies(tables, m_rules) {}
+      m_policies(tables, m_rules),
+      m_areAskedNoted(!settings.countUse.empty()) {}
 
 Lookup::~Lookup() = default;
 
@@ -141,6 +142,7 @@ void Lookup::sweep(Clock::time_point now) {
   m_rules.sweep();
   m_cache.sweep(now);
   m_tables.pages().sweep(now);
+  if (!m_asked.empty()) m_tables.noteAsked(std::exchange(m_asked, {}));
 }
 
 void Lookup::give(const Answer& answer) {
@@ -340,8 +342,19 @@ std::optional<bool> Lookup::hasMask(const std::string& key, Clock::time_point no
   return false;
 }
 
+// What the alias with `key` is answered with, which is noted. A reply from the cache is not noted
+// again: it was made here, from an image that has the alias.
 std::optional<Answer> Lookup::expansion(const Route& route, const std::string& key,
                                         Clock::time_point now) {
+  std::optional<Answer> answer = expand(route, key, now);
+  if (m_areAskedNoted && answer && answer->result != Result::NotFound) {
+    m_asked.insert(route.table->sqlName() + " " + key);
+  }
+  return answer;
+}
+
+std::optional<Answer> Lookup::expand(const Route& route, const std::string& key,
+                                     Clock::time_point now) {
   const Job job{route.table->number(), key};
   if (const Answer* const made = madeOf(job)) return *made;
   const AnswerCache::Source source{s_sourceOf(job.table, Map::None), route.source().image};

@@ -54,7 +54,8 @@ class Lookup {
   // The action for `request` of the policy protocol, as above.
   const std::string* action(const PolicyRequest& request, Clock::time_point now = Clock::now());
 
-  // Gives back what was not used lately. To be called once a second.
+  // Gives back what was not used lately, and hands over which aliases were asked for. To be called
+  // once a second, and at the end.
   void sweep(Clock::time_point now);
 
  private:
@@ -100,6 +101,7 @@ class Lookup {
   [[nodiscard]] std::optional<bool> hasMask(const std::string& key, Clock::time_point now) const;
   std::optional<Answer> expansion(const Route& route, const std::string& key,
                                   Clock::time_point now);
+  std::optional<Answer> expand(const Route& route, const std::string& key, Clock::time_point now);
   void begin(const Route& route, const std::string& key, Clock::time_point now);
   void post(const Job& job, Clock::time_point now,
             std::function<std::pair<Answer, AnswerCache::Source>()> make);
@@ -143,6 +145,8 @@ class Lookup {
   PolicyTables m_policies;
   std::map<Job, Clock::time_point> m_jobs;  // Those that the helpers do, and since when.
   std::map<Job, Made> m_made;               // What they have just done.
+  const bool m_areAskedNoted;
+  Tables::Asked m_asked;  // Since the last sweep.
   // Of the request that is being answered.
   std::string m_reply;
   Map m_map = Map::None;

@@ -39,6 +39,7 @@ struct Settings {
   std::string snapshot;  // Directory; empty for none.
   // Shortest time between two snapshots of a table. Not an option.
   std::chrono::milliseconds snapshotInterval = 10s;
+  std::string countUse;  // File with the aliases that were asked for; empty for none.
   std::size_t maxReply = 100000;
   std::size_t page = 500;
   std::size_t maxRequest = 64_KiB;

@@ -296,6 +296,10 @@ Snapshot SnapshotDirectory::load(const std::string& sqlName, TableKind kind) con
   return {image, ending.time};
 }
 
+std::string readOwnFile(const std::string& path) {
+  return OldFile(path, O_RDONLY).read(0);
+}
+
 void SnapshotDirectory::check() const {
   struct stat status {};
   if (stat(m_path.c_str(), &status) != 0) s_fail(m_path);

@@ -67,6 +67,10 @@ class SnapshotDirectory {
   const std::string m_path;
 };
 
+// The content of the file `path`, which only the user of the process or root may own and write.
+// Throws as the operations of SnapshotDirectory. Any thread.
+std::string readOwnFile(const std::string& path);
+
 }  // namespace Tessel::Serve
 
 #endif

@@ -180,6 +180,14 @@ std::optional<std::set<std::string>> Tables::names() const {
   return m_names.with([](const auto& known) { return known; });
 }
 
+void Tables::noteAsked(Asked&& asked) {
+  m_asked.with([&](Asked& all) { all.merge(asked); });
+}
+
+Tables::Asked Tables::takeAsked() {
+  return m_asked.with([](Asked& all) { return std::exchange(all, {}); });
+}
+
 void Tables::noteUnknown(const std::string& sqlName, Clock::time_point now) {
   const std::optional<Tool::TableName> table = Tool::readTableName(sqlName);
   if (!table || !s_isServable(table->name) || sqlName.size() > s_longestName) return;

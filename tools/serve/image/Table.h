@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <unordered_set>
 #include <vector>
 
 #include "base/Guarded.h"
@@ -166,6 +167,12 @@ class Tables {
   // more than a few: nobody fills the log from outside.
   [[nodiscard]] std::vector<std::string> unknown(Clock::time_point now) const;
 
+  // Mail servers asked for these aliases: the SQL name of the table, a blank and the key of each.
+  using Asked = std::unordered_set<std::string>;
+  void noteAsked(Asked&& asked);
+  // What was noted since the last call.
+  [[nodiscard]] Asked takeAsked();
+
   [[nodiscard]] const Settings& settings() const noexcept { return m_settings; }
   // The domains and mail users that aliases for all users, and other maps, depend on.
   [[nodiscard]] Configuration& configuration() noexcept { return m_configuration; }
@@ -190,6 +197,7 @@ class Tables {
   Guarded<std::set<std::string>> m_removed;
   Guarded<std::optional<std::set<std::string>>> m_names;
   Guarded<std::map<std::string, Clock::time_point>> m_unknown;  // When they were asked for last.
+  Guarded<Asked> m_asked;
 };
 
 // `metrics` in the text format of Prometheus, with the state of `tables` at `now`.

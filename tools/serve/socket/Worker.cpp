@@ -135,6 +135,7 @@ void Worker::run() {
     sweep();
     lastSweep = m_shared.now;
   }
+  m_lookup.sweep(m_shared.now);
 }
 
 // Closes connections that are late, forgets those that are closed, and gives memory back.
