@@ -33,7 +33,8 @@ _tsl_address_map_options() {
     "mask edit") echo --changed-since --domain --dry-run --force --match --new-spelling --yes ;;
     "alias remove" | "domain add" | "domain import" | "domain merge" | "user remove") echo --dry-run ;;
     "domain remove") echo --dry-run --yes ;;
-    "alias list" | "mask list") echo --changed-since --domain --match ;;
+    "alias list") echo --changed-since --domain --match --unused ;;
+    "mask list") echo --changed-since --domain --match ;;
     "domain export" | "user export") echo --domain ;;
     "alias rule set") echo --contact --dry-run --expires --list --note --owner --writers ;;
     leave) echo --dry-run --yes ;;
@@ -119,7 +120,7 @@ _tsl_address_map() {
   _tsl_address_map_read
   case $option in
     "") ;;
-    --option-file | --known | --count-use) _tsl_address_map_files -f ;;
+    --option-file | --known | --count-use | --unused) _tsl_address_map_files -f ;;
     --cmf | --local | --snapshot) _tsl_address_map_files -d ;;
     *) _tsl_address_map_offer "$(_tsl_address_map_values "$command" "$option")" ;;
   esac

@@ -489,6 +489,45 @@ tsl-address-map: hint: correct the file, or name another one"
   answers 'alias team@example.com' "$found"
 }
 
+@test "aliases that no mail server has asked for are listed, also after a restart" {
+  tool alias set all@example.com team@example.com
+  tool alias set old@example.com ann@example.com
+  used=$directory/used
+  unused() { run --separate-stderr tool alias list --unused "$used" "$@"; }
+  start_service --count-use "$used"
+  wait_for answers 'alias All@example.com' "$found"
+  wait_for test -s "$used"
+  end_service
+  # The service expands the team in the answer for all.
+  unused
+  equal "$output" $'old@example.com\tann@example.com'
+  contains "$stderr" "that is less than a month"
+  unused --json --match '*old*'
+  equal "$output" '[{"address":"old@example.com","members":["ann@example.com"]}]'
+  unused --match '*team*'
+  equal "$output" ""
+  tool alias remove all@example.com
+  start_service --count-use "$used" --workers 2
+  wait_for answers 'alias old+tag@example.com' 'OK ann+tag@example.com'
+  end_service
+  equal "$(tail -n +2 "$used")" 'alias old@example.com'
+  unused
+  equal "$output" $'team@example.com\tann@example.com,bob@example.net'
+  # Another host's file: the time that both count is short, and a service that ended is named.
+  sed 's/ since [-0-9]* [:0-9]*/ since 2020-01-01 12:00:00/; s/ until [-0-9]* [:0-9]*/ until 2020-03-01 12:00:00/' "$used" >"$directory/other"
+  run --separate-stderr tool alias list --unused "$directory/other"
+  contains "$stderr" "for 60 days"
+  [[ $stderr != *"less than a month"* ]]
+  contains "$stderr" "warning: $directory/other ends at 2020-03-01 12:00:00"
+  unused --unused "$directory/other"
+  contains "$stderr" "for 0 hours"
+  contains "$stderr" "less than a month"
+  for wrong in "$directory/nothing" "$directory/log"; do
+    run -65 tool alias list --unused "$wrong"
+    contains "$output" "serve --count-use"
+  done
+}
+
 @test "without a descriptor for a connection it says so, waits without work, and goes on when there is one" {
   ulimit -n 70
   start_service

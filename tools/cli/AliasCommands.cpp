@@ -12,6 +12,7 @@
 #include "cli/Command.h"
 #include "cli/DryRun.h"
 #include "cli/RowReport.h"
+#include "cli/UnusedAliases.h"
 #include "tables/AliasTable.h"
 #include "tables/TableNames.h"
 #include "terminal/Say.h"
@@ -27,6 +28,7 @@ struct AliasArguments {
   std::string copy;
   std::vector<std::string> members;
   RowFilterOptions filter;
+  std::vector<std::string> unused;
   bool allowCycle = false;
   bool localNames = false;
   bool newSpelling = false;
@@ -210,8 +212,13 @@ ExitCode s_show(Session& session, const AliasArguments& arguments) {
 }
 
 ExitCode s_list(Session& session, const AliasArguments& arguments) {
+  std::optional<UnusedAliases> unused;
+  if (!arguments.unused.empty()) {
+    unused.emplace(arguments.unused, aliasTableName(session.tableName()));
+  }
   return listRows<AliasTable>(session, TableKind::Alias, arguments.filter,
-                              [](const AliasRow& row, ItemList& list) {
+                              [&unused](const AliasRow& row, ItemList& list) {
+                                if (unused && !unused->has(row.alias)) return;
                                 list.add(row.alias.address() + "\t" + joined(row.members),
                                          [&row] { return s_jsonOf(row.alias, row.members); });
                               });
@@ -273,11 +280,16 @@ void addAliasCommands(Command& top) {
       "  tsl-address-map alias list --domain example.com\n"
       "  tsl-address-map alias list --match '*@example.net' | cut -f1\n"
       "  tsl-address-map alias list --changed-since yesterday\n"
+      "  sudo tsl-address-map alias list --unused /var/lib/tsl-address-map/used\n"
       "One alias per line: ADDRESS<TAB>MEMBER,MEMBER...; with --json a list of {\"address\","
       " \"members\"}.\nBroken rows are reported on standard error, and the exit status is 65"
       " then.\n",
       Preparation::Database, withArguments(s_list, arguments));
   addRowFilter(list, arguments->filter, TableFormat::alias());
+  list.optionList(
+      "--unused", arguments->unused, "FILE",
+      "Only aliases that no mail server has asked for, by the file of 'serve --count-use';"
+      " repeat it for the files of several services");
 
   addAliasEditCommands(group);
   addAliasExpandCommand(group);
