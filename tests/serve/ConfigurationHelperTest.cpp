@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -45,7 +46,26 @@ class ConfigurationHelperTest : public testing::Test {
   }
   HelperFrame kind() { return static_cast<HelperFrame>(ask().kind); }
 
+  // Of the file, which is written in place.
+  [[nodiscard]] std::string content() const {
+    std::ostringstream bytes;
+    bytes << std::ifstream(m_data, std::ios::binary).rdbuf();
+    return bytes.str();
+  }
+  void overwrite(const std::string& content) const {
+    std::fstream(m_data, std::ios::binary | std::ios::in | std::ios::out) << content;
+  }
+  // Two commits: of the two states in a file, the old one is then where the newest is expected.
+  static void addTwoUsers() {
+    for (const char* name : {"cleo", "dora"}) {
+      CMF::Writer writer;
+      writer.addUser("d.example", name, CMF::MailUserMailbox);
+      writer.commit();
+    }
+  }
+
   const ServedDomains m_served;
+  const std::string m_data = m_served.directory() + "/data.mdb";
   HelperProcess m_helper{{TSL_CONFIGURATION_PROGRAM}};
   FrameReader m_frames{s_longestCopy};
 };
@@ -65,23 +85,16 @@ TEST_F(ConfigurationHelperTest, SendsACopyAndThenWhatHasChanged) {
 }
 
 TEST_F(ConfigurationHelperTest, SaysWhyItCannotRead) {
-  std::filesystem::remove(m_served.directory() + "/data.mdb");
+  std::filesystem::remove(m_data);
   const Frame frame = ask();
   EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Failed));
   EXPECT_THAT(frame.text, HasSubstr("No configuration in"));
 }
 
 TEST_F(ConfigurationHelperTest, SaysWhenTheFileStaysAnOlderOne) {
-  const std::string data = m_served.directory() + "/data.mdb";
-  const Testing::ScratchFile backup;
-  std::filesystem::copy_file(data, backup.path(),
-                             std::filesystem::copy_options::overwrite_existing);
-  for (const char* name : {"cleo", "dora"}) {
-    CMF::Writer writer;
-    writer.addUser("d.example", name, CMF::MailUserMailbox);
-    writer.commit();
-  }
-  std::fstream(data, std::ios::binary | std::ios::in | std::ios::out) << backup.text();
+  const std::string backup = content();
+  addTwoUsers();
+  overwrite(backup);
   const Frame frame = ask();
   EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Failed));
   EXPECT_EQ(frame.text,
@@ -91,26 +104,13 @@ TEST_F(ConfigurationHelperTest, SaysWhenTheFileStaysAnOlderOne) {
 
 // As when a backup is copied over the file and then, not too late, what was there before.
 TEST_F(ConfigurationHelperTest, WaitsForWhoWritesIntoTheFile) {
-  const std::string data = m_served.directory() + "/data.mdb";
-  const Testing::ScratchFile backup;
-  std::filesystem::copy_file(data, backup.path(),
-                             std::filesystem::copy_options::overwrite_existing);
-  // Two commits: of the two states in a file, the old one must be where the newest is expected.
-  for (const char* name : {"cleo", "dora"}) {
-    CMF::Writer writer;
-    writer.addUser("d.example", name, CMF::MailUserMailbox);
-    writer.commit();
-  }
-  const Testing::ScratchFile newest;
-  std::filesystem::copy_file(data, newest.path(),
-                             std::filesystem::copy_options::overwrite_existing);
-  const auto overwrite = [&data](const std::string& content) {
-    std::fstream(data, std::ios::binary | std::ios::in | std::ios::out) << content;
-  };
-  overwrite(backup.text());
+  const std::string backup = content();
+  addTwoUsers();
+  const std::string newest = content();
+  overwrite(backup);
   EXPECT_EQ(send(m_helper.descriptor(), "?", 1, MSG_NOSIGNAL), 1);
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  overwrite(newest.text());
+  overwrite(newest);
   const Frame frame = answer();
   EXPECT_EQ(frame.kind, static_cast<char>(HelperFrame::Copy)) << frame.text;
   EXPECT_THAT(frame.text, HasSubstr("mdora"));
