@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -178,18 +177,6 @@ TEST_F(ListenSocketTest, WhatAServiceLeftThatCrashedWhileItStartedIsReplaced) {
   const ListenSocket socket(address());
   EXPECT_TRUE(s_canConnect(path()));
   EXPECT_EQ(files(), 1U);
-}
-
-TEST_F(ListenSocketTest, WithoutADescriptorItSaysWhy) {
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit none = before;
-  none.rlim_cur = 0;
-  setrlimit(RLIMIT_NOFILE, &none);
-  EXPECT_THAT(
-      [] { ListenSocket socket(parseListenAddress("inet:127.0.0.1:0")); },
-      testing::ThrowsMessage<Tool::Failure>(testing::HasSubstr("no socket: Too many open files")));
-  setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(ListenSocketTest, TheSocketOfAServiceThatCrashedIsReplaced) {
