@@ -198,6 +198,7 @@ inet_interfaces = 127.0.0.1
 inet_protocols = ipv4
 mynetworks = 127.0.0.0/8
 myhostname = mail.test.example
+smtp_connection_cache_on_demand = no
 mydestination =
 alias_maps =
 alias_database =
