@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -65,10 +66,11 @@ class TableWatchTest : public testing::Test {
     sql("use ts_address_map");
     m_settings.refresh = milliseconds(100);
   }
-  // The log has no addresses at this level. A statement that failed has @@variables of the server.
+  // The log has no addresses at this level; a statement that failed is told with its variables.
   void TearDown() override {
     m_watch.reset();
-    EXPECT_THAT(takeLog(), Not(testing::ContainsRegex("[^@]@[^@]")));
+    const std::regex variables("@@hostname, @@port, @@datadir");
+    EXPECT_THAT(std::regex_replace(takeLog(), variables, ""), Not(HasSubstr("@")));
   }
 
   static TestServer::Rows sql(const std::string& statement) {

@@ -533,8 +533,10 @@ tsl-address-map: hint: correct the file, or name another one"
   start_service
   wait_for answers 'alias team@example.com' "$found"
   contains "$(cat "$directory/log")" "the limit of open files allows 64 connections instead of 10000; raise LimitNOFILE= of the unit"
-  # A sanitizer needs descriptors to look at the objects that are thrown meanwhile.
-  run python3 - "$socket" "$directory/log" "$service" "$(is_sanitized && echo 0 || echo 0.5)" <<'PYTHON'
+  # A table that has just changed is read again, over a connection of its own if there is a descriptor
+  # for it. A sanitizer needs one itself, to look at the failure, and would end the service.
+  sleep 2
+  run python3 - "$socket" "$directory/log" "$service" <<'PYTHON'
 import socket, sys, time
 def processor_seconds():
     fields = open(f"/proc/{sys.argv[3]}/stat").read().rsplit(")", 1)[1].split()
@@ -548,15 +550,13 @@ connections = [connect() for i in range(60)]
 while "error: no connection can be accepted: Too many open files" not in open(sys.argv[2]).read():
     time.sleep(0.01)
 before = processor_seconds()
-time.sleep(float(sys.argv[4]))
+time.sleep(0.5)
 assert processor_seconds() - before < 0.15, "it works while it waits"
 for connection in connections:
     connection.sendall(b"22:alias team@example.com,")
     assert connection.recv(100) == b"34:OK ann@example.com,bob@example.net,", "reply"
     connection.close()
 PYTHON
-  # It may end the service for one that it cannot look at.
-  if is_sanitized && grep -q "object has invalid vptr" "$directory/log"; then return 0; fi
   [[ $status == 0 && -z $output ]] || { echo "$output"; tail "$directory/log"; return 1; }
 }
 
