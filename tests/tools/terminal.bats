@@ -115,7 +115,18 @@ import_at() {
   let_go
   wait_for '^900 added'
   wait_for '^\$$'
-  equal "$(screen)" $'$ t alias import in.txt\n900 added, 0 changed, 0 left, 0 removed\n$'
+  local number
+  number=$(sql 'select max(number) from ts_address_map.history')
+  # -J puts lines that are too long for the terminal together again.
+  equal "$(screen -J | sed 's/ *$//; /^$/d')" "\$ t alias import in.txt
+900 added, 0 changed, 0 left, 0 removed
+tsl-address-map: 'tsl-address-map undo $number' takes this back
+\$"
+  # As it says; and what changed nothing is nothing to take back.
+  enter "clear; t undo $number && t alias import /dev/null; echo end" Enter
+  wait_for '^end$'
+  contains "$(screen)" "900 removed"
+  [[ "$(screen)" == *"0 removed"* && "$(screen)" != *"takes this back"* ]]
 }
 
 @test "the progress of an import on a terminal" {
@@ -340,6 +351,10 @@ interrupt() {
   enter C-c
   wait_for 'the edited file is kept: \./tsl-address-map-edit-'
   equal "$(grep -l rob ./tsl-address-map-edit-*/alias.txt | wc -l)" 2
+  local last
+  last=$(sql 'select max(number) from ts_address_map.history')
+  enter "clear; EDITOR='sed -i s/bob/rob/' t alias edit --yes" Enter
+  wait_for "undo $((last + 1))' takes this back"
   # The same holds for a table that is to be replaced.
   echo 'new@example.com:x@x.example' >new.txt
   tool alias set more@example.com x@x.example

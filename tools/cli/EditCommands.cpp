@@ -196,8 +196,10 @@ Outcome s_bring(Session& session, Edit& edit, const EditedFile& edited) {
     tellRemovedRules(*written);
     import = std::move(written);
   }
-  if (!session.isJson()) session.output().line(s_countsOf(*import));
-  if (session.isJson()) {
+  if (!session.isJson()) {
+    session.output().line(s_countsOf(*import));
+    tellHowToUndo(*import);
+  } else {
     answerChange(session,
                  Json{{"added", import->added().size()},
                       {"changed", import->changed().size()},

@@ -56,6 +56,7 @@ void s_answer(Session& session, const TableImport& import,
       " changed, " + std::to_string(import.left()) + " left, " +
       std::to_string(import.removed().size()) + " removed" +
       (skipped != nullptr ? ", " + std::to_string(skipped->size()) + " skipped" : ""));
+  tellHowToUndo(import);
 }
 
 // Asks whether the table may become what `import` makes of it.

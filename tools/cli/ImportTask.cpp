@@ -4,6 +4,7 @@
 #include "failure/Failure.h"
 #include "tables/Retry.h"
 #include "terminal/Say.h"
+#include "terminal/Terminal.h"
 
 namespace Tessel::Tool {
 
@@ -54,6 +55,11 @@ std::unique_ptr<TableImport> carryOut(const ImportTask& task, Progress& progress
 void tellRemovedRules(const TableImport& import) {
   if (import.removedRules() == 0) return;
   say("the rules of removed aliases are removed, too: " + std::to_string(import.removedRules()));
+}
+
+void tellHowToUndo(const TableImport& import) {
+  if (import.number() == 0 || !isTerminal(Stream::Error)) return;
+  say("'tsl-address-map undo " + std::to_string(import.number()) + "' takes this back");
 }
 
 void showRows(const TableImport& import, const std::function<void(const std::string&)>& show) {

@@ -33,6 +33,8 @@ std::unique_ptr<TableImport> carryOut(const ImportTask& task, Progress& progress
 
 // Reports that rules are gone with their aliases, if any are.
 void tellRemovedRules(const TableImport& import);
+// Says at a terminal how to take back what was written, if it was recorded.
+void tellHowToUndo(const TableImport& import);
 
 // Calls `show` with a line for each row, fit to be shown: "- KEY:VALUE", "~ KEY:OLD -> NEW",
 // "+ KEY:VALUE".

@@ -89,6 +89,8 @@ class TableImport {
   // Commits. Throws Exception: where isOutcomeUnknown() is true it may have taken effect, otherwise
   // it has not.
   void commit();
+  // Of the record, after commit(); 0 when nothing was recorded.
+  [[nodiscard]] std::uint64_t number() const { return m_change ? m_change->number() : 0; }
 
  private:
   using Entries = std::vector<const FileEntry*>;
