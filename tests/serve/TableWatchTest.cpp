@@ -258,6 +258,24 @@ TEST_F(TableWatchTest, AReloadConfirmsOnlyWhatWasReportedBefore) {
   EXPECT_TRUE(becomesUnable("alias", s_empty));
 }
 
+TEST_F(TableWatchTest, WhoeverConfirmsThatATableIsEmptyDoesNotConfirmThatItIsGone) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomes("a@d", "b@d"));
+  sql("truncate table ts_address_map.alias");
+  ASSERT_TRUE(becomesUnable("alias", s_empty));
+  // The confirmation waits for a reading that works.
+  sql("alter table ts_address_map.alias rename column members to moved");
+  ASSERT_TRUE(s_waitFor([this] { return count("rebuild_failures_total") > 0; }));
+  m_watch->reload();
+  dropAlias();
+  ASSERT_TRUE(becomesUnable("alias", s_missing));
+  for (int look = 0; look < 3; ++look) {
+    EXPECT_TRUE(s_waitFor([this, before = lookedAt()] { return lookedAt() > before; }));
+  }
+  EXPECT_EQ(whyUnable("alias"), s_missing);
+}
+
 TEST_F(TableWatchTest, ASnapshotTellsThatATableHadRows) {
   const Testing::ScratchFile scratch;
   m_settings.snapshot = scratch.directory();

@@ -41,7 +41,6 @@ RuleImage::RuleImage(const RowSource& source) {
   std::copy_if(m_expires.begin(), m_expires.end(), std::back_inserter(m_expiries),
                [](sys_seconds time) { return time != s_noExpiry; });
   std::sort(m_expiries.begin(), m_expiries.end());
-  m_expiries.shrink_to_fit();
   if (m_expiries.empty()) m_expires = {};
 }
 
