@@ -14,12 +14,14 @@
 #include <gtest/gtest.h>
 
 #include "serve/answer/Lookup.h"
+#include "support/ErrorOutput.h"
 #include "support/ScratchFile.h"
 #include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
 namespace {
 
+using std::chrono::hours;
 using std::chrono::minutes;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -111,6 +113,27 @@ TEST_F(AliasUseTest, TheFileIsWrittenAtOnceThenOnceAMinuteWhenSomethingIsNewAndO
   ask({"alias list@d.example", "alias team@d.example"});
   EXPECT_FALSE(isWrittenAt(minutes(119)));
   EXPECT_TRUE(isWrittenAt(minutes(120)));
+}
+
+TEST_F(AliasUseTest, AFileThatCannotBeWrittenIsReportedOnceUntilItCan) {
+  Testing::ErrorOutput error;
+  Log log(LogLevel::Error, 0ms);
+  AliasUse use(m_settings, m_tables, log);
+  const Clock::time_point start = Clock::now();
+  const auto logAt = [&](Clock::duration time) {
+    use.testOnlyLook(start + time);
+    log.flush();
+    return error.take();
+  };
+  const std::string inTheWay = m_file.path() + ".new";
+  std::filesystem::create_directory(inTheWay);
+  EXPECT_THAT(logAt(0min), HasSubstr("error: the use of aliases is not saved: " + inTheWay));
+  EXPECT_EQ(logAt(hours(1)), "");
+  std::filesystem::remove(inTheWay);
+  EXPECT_EQ(logAt(hours(2)), "");
+  EXPECT_THAT(m_file.text(), EndsWith(" count 0\n"));
+  std::filesystem::create_directory(inTheWay);
+  EXPECT_THAT(logAt(hours(3)), HasSubstr("the use of aliases is not saved: "));
 }
 
 TEST_F(AliasUseTest, TheNextServiceGoesOnWithTheFile) {

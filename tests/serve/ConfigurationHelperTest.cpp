@@ -36,6 +36,7 @@ class ConfigurationHelperTest : public testing::Test {
     while (true) {
       if (const auto frame = m_frames.next()) {
         if (frame->kind != static_cast<char>(HelperFrame::Reading)) return *frame;
+        ++m_signs;
         continue;
       }
       char buffer[4096];
@@ -68,6 +69,7 @@ class ConfigurationHelperTest : public testing::Test {
   const std::string m_data = m_served.directory() + "/data.mdb";
   HelperProcess m_helper{{TSL_CONFIGURATION_PROGRAM}};
   FrameReader m_frames{s_longestCopy};
+  int m_signs = 0;  // Of life.
 };
 
 TEST_F(ConfigurationHelperTest, SendsACopyAndThenWhatHasChanged) {
@@ -100,6 +102,9 @@ TEST_F(ConfigurationHelperTest, SaysWhenTheFileStaysAnOlderOne) {
   EXPECT_EQ(frame.text,
             "data.mdb was overwritten while programs use it: end them, except for this service, or"
             " rename a whole directory into place");
+  // For a second it looks again every 20 ms, and says so: the service sees that it is alive.
+  EXPECT_GT(m_signs, 5);
+  EXPECT_LE(m_signs, 51);
 }
 
 // As when a backup is copied over the file and then, not too late, what was there before.

@@ -349,15 +349,20 @@ TEST_F(ListenSocketTest, ADirectoryThatIsNotThereIsRefused) {
 }
 
 TEST_F(ListenSocketTest, ADirectoryThatLeavesNoRoomForAnotherNameIsRefused) {
-  // The path fits, the longer name that the socket has at first does not.
+  // The path fits; the longer name that the socket has at first has one byte too many.
+  const std::size_t name = std::string("//.tsl").size() + std::to_string(getpid()).size();
+  const std::size_t missing = sizeof(sockaddr_un::sun_path) - name - m_scratch.directory().size();
+  const std::string directory = m_scratch.directory() + "/" + std::string(missing, 'd');
+  fs::create_directory(directory);
   ListenAddress longest = address();
-  const std::size_t missing = sizeof(sockaddr_un::sun_path) - 4 - m_scratch.directory().size();
-  longest.path = m_scratch.directory() + "/" + std::string(missing, 'd');
-  fs::create_directory(longest.path);
-  longest.path += "/s";
+  longest.path = directory + "/s";
   EXPECT_EQ(advice(longest),
             "the directory's name is too long: File name too long; give a shorter path");
   EXPECT_THROW(ListenSocket::check(longest), Tool::Failure);
+  fs::rename(directory, directory.substr(0, directory.size() - 1));
+  longest.path = directory.substr(0, directory.size() - 1) + "/s";
+  const ListenSocket fits(longest);
+  EXPECT_TRUE(fs::is_socket(longest.path));
 }
 
 TEST_F(ListenSocketTest, AMovedSocketKeepsItsFileAndAReleasedOneToo) {

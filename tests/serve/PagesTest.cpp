@@ -87,6 +87,14 @@ TEST(Pages, EachPageAndTheListOfThemFit) {
   }
 }
 
+TEST(Pages, APageIsFilledToTheLastByte) {
+  // 13 addresses of 7 bytes, with 12 commas.
+  Pages pages({1000, 103, 0}, s_budget);
+  const std::vector<std::string> top = s_divide(pages, "list@d", s_list(26));
+  EXPECT_THAT(top, SizeIs(2));
+  EXPECT_EQ(s_resolve(pages, top), s_list(26));
+}
+
 TEST(Pages, PagesHaveRoomForAnExtensionOfEachAddress) {
   Pages pages({1000, 1000, 32}, s_budget);
   const std::vector<std::string> top = s_divide(pages, "list@d", s_list(200));
