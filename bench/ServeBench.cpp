@@ -532,7 +532,7 @@ void serveCountUse(benchmark::State& state) {
   };
   const char* const title = isTagged ? "alias with an extension that is counted / not, time"
                                      : "alias that is counted / not, time, again";
-  compare(state, {title, isTagged ? 1.5 : 1.1}, side(ours), side(bare));
+  compare(state, {title, isTagged ? 1.25 : 1.1}, side(ours), side(bare));
 }
 
 BENCHMARK_CAPTURE(serveLoad, time1, 1, false)->Apply(inRounds);

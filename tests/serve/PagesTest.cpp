@@ -212,6 +212,15 @@ TEST(Pages, AListThatNeedsMoreMemoryThanThereIsIsRefused) {
   EXPECT_EQ(budget.used(), 0U);
 }
 
+TEST(Pages, TheirTextsTakeNoMoreMemoryThanTheyNeed) {
+  MemoryBudget budget(1000000);
+  Pages pages({10000, 100000, 0}, budget);
+  // Two pages of 100,000 bytes.
+  s_divide(pages, "a@d", s_list(20, std::string(9990, 'a')));
+  EXPECT_GT(budget.used(), 199000U);
+  EXPECT_LT(budget.used(), 202000U);
+}
+
 TEST(Pages, TheMemoryOfPagesThatAreGoneIsGivenBack) {
   MemoryBudget budget(256000);
   {

@@ -44,6 +44,27 @@ TEST(Table, AnImageIsReplacedAndLivesAsLongAsItIsUsed) {
   EXPECT_EQ(table.image()->rows().size(), 2U);
 }
 
+TEST(Table, AnImageKeepsNoRoomForMoreRows) {
+  const Rows rows{{"alias a@d", "anyone\t\t\t"},
+                  {"alias b@d", "anyone\t\t\t"},
+                  {"alias c@d", "anyone\t\t\t"},
+                  {"alias d@d", "anyone\t\t\t"},
+                  {"alias e@d", "anyone\t\t\t"}};
+  const TableImage rules(TableKind::Rules, sourceOf(rows));
+  const Rows pairs{{"a@d", "v@d"}, {"b@d", "w@d"}, {"c@d", "x@d"}, {"d@d", "y@d"}, {"e@d", "z@d"}};
+  const TableImage aliases(TableKind::Alias, sourceOf(pairs));
+  const TableImage masks(TableKind::Mask, sourceOf(pairs));
+  for (const TableImage* image : {&rules, &aliases, &masks}) {
+    RowStore exact;
+    for (RowStore::Id id = 0; id < 5; ++id) {
+      exact.add(image->rows().first(id), image->rows().second(id));
+    }
+    EXPECT_GT(exact.bytes(), image->rows().bytes());
+    exact.shrink();
+    EXPECT_EQ(exact.bytes(), image->rows().bytes());
+  }
+}
+
 TEST(Table, ItsAgeIsThatOfTheLastLook) {
   const Settings settings;
   Table table(TableKind::Alias, "");

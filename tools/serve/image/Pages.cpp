@@ -206,7 +206,6 @@ Pages::Set Pages::make(const std::string& token, std::uint64_t table, const std:
     }
     level = cut(names);
   }
-  set.pages.shrink_to_fit();
   set.top = s_joined(top(level));
   return set;
 }
