@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <system_error>
 
@@ -59,8 +61,13 @@ TEST(HelperProcess, EndsWithTheObjectAlsoWhenItIsStopped) {
   EXPECT_EQ(errno, ESRCH);
 }
 
-TEST(HelperProcess, AProgramThatIsNotThereIsReported) {
+TEST(HelperProcess, AProgramThatIsNotThereIsReportedAndLeavesNothingOpen) {
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto before = open();
   EXPECT_THROW(HelperProcess process({"/nonexistent/program"}), std::system_error);
+  EXPECT_EQ(open(), before);
 }
 
 }  // namespace

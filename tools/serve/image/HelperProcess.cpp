@@ -59,19 +59,15 @@ HelperProcess::HelperProcess(const std::vector<std::string>& command) {
                  [](std::string& text) { return text.data(); });
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) s_fail(errno, "socketpair");
-  const int error = s_spawn(m_pid, words, ends[1]);
-  close(ends[1]);
-  if (error != 0) {
-    close(ends[0]);
-    s_fail(error, words.front());
-  }
-  m_descriptor = ends[0];
+  m_descriptor.reset(ends[0]);
+  const Tool::Descriptor other(ends[1]);
+  const int error = s_spawn(m_pid, words, other.get());
+  if (error != 0) s_fail(error, words.front());
 }
 
 HelperProcess::~HelperProcess() {
   if (!m_hasEnded) kill(m_pid, SIGKILL);
   end();
-  close(m_descriptor);
 }
 
 int HelperProcess::end() {

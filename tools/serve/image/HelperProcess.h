@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "disk/Descriptor.h"
+
 namespace Tessel::Serve {
 
 // One thread.
@@ -21,7 +23,7 @@ class HelperProcess {
   HelperProcess& operator=(const HelperProcess&) = delete;
 
   // This end of the socket.
-  [[nodiscard]] int descriptor() const noexcept { return m_descriptor; }
+  [[nodiscard]] int descriptor() const noexcept { return m_descriptor.get(); }
   [[nodiscard]] pid_t pid() const noexcept { return m_pid; }
 
   // Waits a moment until it has ended by itself, otherwise kills it. Its status as of waitpid(2).
@@ -30,7 +32,7 @@ class HelperProcess {
  private:
   bool hasEnded();
 
-  int m_descriptor = -1;
+  Tool::Descriptor m_descriptor{-1};
   pid_t m_pid = -1;
   bool m_hasEnded = false;
   int m_status{};
