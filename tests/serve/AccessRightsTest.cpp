@@ -2,6 +2,8 @@
 #include "serve/base/AccessRights.h"
 
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,14 +44,23 @@ class MissingRight : public testing::Test {
     EXPECT_EQ(chmod(path.c_str(), mode), 0);
   }
 
+  // The files cannot be written in the mount namespace of this process.
+  [[nodiscard]] bool makeReadOnly() const {
+    const char* const directory = m_directory.c_str();
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount(directory, directory, nullptr, MS_BIND, nullptr) == 0 &&
+           mount(nullptr, directory, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+  }
+
   // What is reported to another user, who is in the group `group`.
-  [[nodiscard]] std::string reported(gid_t group = s_otherGroup) const {
+  [[nodiscard]] std::string reported(gid_t group = s_otherGroup, bool isReadOnly = false) const {
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe(ends.data()), 0);
     const pid_t child = fork();
     if (child == 0) {
-      const bool isOther =
-          setgroups(0, nullptr) == 0 && setgid(group) == 0 && setuid(s_otherUser) == 0;
+      const bool isOther = (!isReadOnly || makeReadOnly()) && setgroups(0, nullptr) == 0 &&
+                           setgid(group) == 0 && setuid(s_otherUser) == 0;
       const std::string text = isOther ? missingRight(m_directory) : "no other user";
       const bool isWritten = write(ends[1], text.data(), text.size()) != -1;
       _exit(isWritten ? EXIT_SUCCESS : EXIT_FAILURE);
@@ -89,6 +100,13 @@ TEST_F(MissingRight, IsNeverGrantedByTheGroupOfRoot) {
   EXPECT_THAT(reported(), HasSubstr("may not enter " + m_directory + " (root:root, mode 0750); "));
   EXPECT_THAT(reported(), EndsWith("; to allow it: chgrp 2345678 " + m_directory +
                                    " && chmod g+x " + m_directory));
+}
+
+TEST_F(MissingRight, OfAReadOnlyDirectoryIsGivenByTheUnit) {
+  EXPECT_EQ(reported(s_readers, true),
+            "the user 1234567 (groups: 3456789) may not read and write " + m_files.lock() +
+                ", which is read-only for the service; name its directory in ReadWritePaths= of"
+                " the unit");
 }
 
 TEST_F(MissingRight, IsNoneWhereAFileIsNotThere) {

@@ -32,6 +32,7 @@ using std::chrono::minutes;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 // Bytes of the time at the end of a file, with its checksum.
 constexpr std::size_t s_stampSize = 12;
@@ -89,6 +90,11 @@ class SnapshotFile : public testing::Test {
   Testing::ScratchFile m_scratch;
   const SnapshotDirectory m_directory{m_scratch.directory()};
 };
+
+TEST_F(SnapshotFile, AFileBeginsWithItsFormatAndItsTable) {
+  m_directory.save("alias", s_aliases({}));
+  EXPECT_THAT(s_content(path("alias.image")), StartsWith("tsl-address-map image 2\nalias\n"));
+}
 
 TEST_F(SnapshotFile, AnImageComesBackAsItWas) {
   const Rows rows = {{"a@d", "b@d,c@d"}, {"J\u00f6rg@b\u00fccher.example", "\"x y\"@d"}};
