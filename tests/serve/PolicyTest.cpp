@@ -266,6 +266,8 @@ TEST_F(PolicyTest, NobodyIsAMemberByAnAliasThatHasExpired) {
   rules({{"alias members@d.example", "members\t\t\t"},
          {"alias inner@d.example", "anyone\t2001-01-01 00:00:00\t\t"}});
   EXPECT_EQ(ask("members@d.example", "cid@x.example"), refusal("members@d.example"));
+  // Nor is its own address one of a person.
+  EXPECT_EQ(ask("members@d.example", "inner@d.example"), refusal("members@d.example"));
   EXPECT_EQ(ask("members@d.example", "bob"), s_permitted);
 }
 
