@@ -384,6 +384,17 @@ TEST_F(LookupTest, AMaskOfItsOwnComesBeforeTheWildcardAlsoWithAnExtension) {
   EXPECT_EQ(ask("mask_private bob@all.example"), "OK bob@in.example");
 }
 
+TEST_F(LookupTest, AnswersToExtensionsOfAMaskTakeNoMemory) {
+  serve("mask", {{"ann@in.example", "a.lee@out.example"}});
+  EXPECT_EQ(ask("mask_public ann@in.example"), "OK a.lee@out.example");
+  const std::size_t before = tables().answerMemory().used();
+  for (int i = 0; i < 1000; ++i) {
+    const std::string tag = "+" + std::to_string(i);
+    EXPECT_EQ(ask("mask_public ann" + tag + "@in.example"), "OK a.lee" + tag + "@out.example");
+  }
+  EXPECT_EQ(tables().answerMemory().used(), before);
+}
+
 TEST_F(LookupTest, AWildcardTakesEveryLocalPartThatIsAnAddressThere) {
   const std::string label(60, 'o');
   const std::string domain = label + "." + label + "." + label + "." + label;

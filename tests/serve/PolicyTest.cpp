@@ -109,6 +109,8 @@ TEST_F(PolicyTest, ATrustedNetworkIsNobodyInParticular) {
   EXPECT_EQ(ask("members@d.example", "", "192.0.2.1"), refusal("members@d.example"));
   // The answer that is kept is that of the other network.
   EXPECT_EQ(ask("known@d.example", "", "198.51.100.1"), refusal("known@d.example"));
+  EXPECT_EQ(ask("members@d.example", "-bob", "192.0.2.1"), refusal("members@d.example"));
+  EXPECT_EQ(ask("members@d.example", "bob", "198.51.100.1"), s_permitted);
 }
 
 TEST_F(PolicyTest, AnExtensionAndAnotherSpellingLeadToTheSameList) {

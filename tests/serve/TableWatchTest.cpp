@@ -244,6 +244,11 @@ TEST_F(TableWatchTest, ATableThatLosesAllRowsIsNotAnsweredUntilAReloadConfirmsIt
   expectLogged(
       "table alias has 0 rows instead of 1: its requests are answered TEMP until "
       "it has rows again; if it is to be empty, reload the service");
+  // What was confirmed is that it was empty then.
+  add("a@d", "c@d");
+  ASSERT_TRUE(becomes("a@d", "c@d"));
+  sql("truncate table ts_address_map.alias");
+  EXPECT_TRUE(becomesUnable("alias", s_empty));
 }
 
 TEST_F(TableWatchTest, AReloadConfirmsOnlyWhatWasReportedBefore) {
