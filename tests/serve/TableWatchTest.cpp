@@ -231,6 +231,17 @@ TEST_F(TableWatchTest, ADroppedDatabaseIsAnAnswerAlsoForANewConnection) {
   EXPECT_THAT(takeLog(), Not(HasSubstr("the database is unavailable")));
 }
 
+TEST_F(TableWatchTest, AReloadConfirmsThatADatabaseIsGoneForGood) {
+  add("a@d", "b@d");
+  watch();
+  ASSERT_TRUE(becomesUnable("alias", ""));
+  sql("drop database ts_address_map");
+  ASSERT_TRUE(becomesUnable("alias", s_missing));
+  m_watch->reload();
+  EXPECT_TRUE(becomesUnable("alias", "there is no such table"));
+  EXPECT_THAT(takeLog(), Not(HasSubstr("there is no new one")));
+}
+
 TEST_F(TableWatchTest, ATableThatLosesAllRowsIsNotAnsweredUntilAReloadConfirmsIt) {
   add("a@d", "b@d");
   watch();
