@@ -125,11 +125,16 @@ TEST_F(AnswerCacheTest, OneReplyNeverTakesTheRoomOfAll) {
 
 TEST_F(AnswerCacheTest, WhatIsAskedForStaysLongest) {
   keep("used", "OK");
+  int lost = 0;
   for (int i = 0; i < 10000; ++i) {
     const Clock::time_point now = s_now + std::chrono::milliseconds(i);
     keep(std::to_string(i), "OK", Clock::time_point::max(), now);
-    if (find("used", now) == "none") keep("used", "OK", Clock::time_point::max(), now);
+    if (find("used", now) != "none") continue;
+    keep("used", "OK", Clock::time_point::max(), now);
+    ++lost;
   }
+  // Where its group has no other, it goes as well.
+  EXPECT_LT(lost, 5);
   EXPECT_EQ(find("9999"), "OK");
   EXPECT_EQ(find("0"), "none");
 }

@@ -555,6 +555,24 @@ TEST_F(LookupTest, TheDirectionsOfAMaskAreKeptApart) {
   EXPECT_EQ(hits(), "2");
 }
 
+TEST_F(LookupTest, EachReplyIsCountedAsWhatItIs) {
+  serve("alias", {{"a@d.example", "b@d.example"}, {"broken@d.example", "@"}});
+  const auto count = [this](const std::string& map, const std::string& result) {
+    return metric("requests_total{map=\"" + map + "\",result=\"" + result + "\"}");
+  };
+  for (int i = 0; i < 2; ++i) {
+    ask("alias a@d.example");
+    ask("alias broken@d.example");
+    ask("alias x@d.example");
+    ask("alias");
+  }
+  EXPECT_EQ(count("alias", "ok"), "2");
+  EXPECT_EQ(count("alias", "temp"), "2");
+  EXPECT_EQ(count("alias", "notfound"), "2");
+  EXPECT_EQ(count("alias", "perm"), "0");
+  EXPECT_EQ(count("none", "perm"), "2");
+}
+
 TEST_F(LookupTest, WhatIsNoAddressTakesNoMemory) {
   serve("alias", {{"a@d.example", "b@d.example"}});
   serve("mask", {{"a@d.example", "b@d.example"}});

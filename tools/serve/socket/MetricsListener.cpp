@@ -13,7 +13,6 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 
-#include "base/sizes.h"
 #include "failure/Failure.h"
 
 namespace Tessel::Serve {
@@ -29,7 +28,6 @@ using boost::system::error_code;
 
 constexpr std::chrono::seconds s_requestPatience = 5s;
 constexpr std::size_t s_mostConnections = 64;
-constexpr std::size_t s_mostHeaderBytes = 8_KiB;
 
 }  // namespace
 
@@ -60,9 +58,7 @@ class MetricsListener::Server {
 
   // One connection, which asks once.
   struct Session {
-    explicit Session(tcp::socket&& socket) : stream(std::move(socket)) {
-      parser.header_limit(s_mostHeaderBytes);
-    }
+    explicit Session(tcp::socket&& socket) : stream(std::move(socket)) {}
 
     beast::tcp_stream stream;
     beast::flat_buffer buffer;
