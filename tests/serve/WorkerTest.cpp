@@ -58,6 +58,15 @@ TEST_F(WorkerTest, TellsThatItLives) {
   }
 }
 
+TEST_F(WorkerTest, AnImageThatIsReplacedGoesThoughNobodyAsks) {
+  serve({{"a@d", "b@d"}});
+  const std::weak_ptr<const TableImage> image = tables().find("alias")->image();
+  const auto client = connect();
+  EXPECT_EQ(client->ask("alias a@d"), "OK b@d");
+  serve({{"a@d", "c@d"}});
+  EXPECT_TRUE(waitFor([&image] { return image.expired(); }));
+}
+
 TEST_F(WorkerTest, AnswersManyMailServersAtOnceWhileTheTableChanges) {
   serve({{"a@d", "b@d"}});
   static_cast<void>(worker());

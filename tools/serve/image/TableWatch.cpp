@@ -251,7 +251,7 @@ void TableWatch::compareAll(Clock::time_point start) {
     if (m_isFailing) m_log.warning("the database is available again");
     m_isFailing = false;
   } catch (const std::exception& exception) {
-    fail(Tool::failureOf(exception, "looking for changes").why());
+    fail(Tool::failureOf(exception, "").why());
   }
 }
 
@@ -481,7 +481,7 @@ void TableWatch::read(Watched& watched, const Mark& mark) {
       readNow(*table, mark, start, lag);
     } catch (const std::exception& exception) {
       m_metrics.rebuildFailed();
-      why = Tool::failureOf(exception, "reading").why();
+      why = Tool::failureOf(exception, "").why();
     }
     const Clock::time_point end = now();
     note(*table, [&](Watched& current) {
