@@ -66,7 +66,7 @@ class TableWatchTest : public testing::Test {
     sql("use ts_address_map");
     m_settings.refresh = milliseconds(100);
   }
-  // The log has no addresses at this level; a statement that failed is told with its variables.
+  // The log has no addresses at this level; errors show statements with their variables.
   void TearDown() override {
     m_watch.reset();
     const std::regex variables("@@hostname, @@port, @@datadir");
