@@ -198,6 +198,7 @@ TEST(AliasImage, OfTwoRowsOfOneAddressTheFirstAnswersAndTheOtherIsCounted) {
   EXPECT_EQ(image.rows().size(), 1U);
   EXPECT_EQ(image.brokenRows().count(), 1U);
   EXPECT_EQ(image.brokenRows().first().at(0).name, "o\u0308@d.example");
+  EXPECT_EQ(image.brokenRows().first().at(0).why, "another row is of the same address");
   EXPECT_FALSE(image.brokenRows().hasKeys());
 }
 

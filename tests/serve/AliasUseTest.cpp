@@ -62,7 +62,7 @@ class AliasUseTest : public testing::Test {
   Settings m_settings;
   Tables m_tables{m_settings};
   Metrics m_metrics;
-  Log m_log{LogLevel::Error};
+  Log m_log{LogLevel::Error, 0ms};
 };
 
 TEST_F(AliasUseTest, OnlyRowsThatTheAliasMapWasAskedForAreNoted) {
@@ -181,12 +181,16 @@ TEST_F(AliasUseTest, ARowThatComesBackIsNotedThoughTheLookupHasKeptItsReply) {
 }
 
 TEST_F(AliasUseTest, AFileOfOthersStaysAsItIs) {
-  const auto isRefused = [this] {
+  Testing::ErrorOutput error;
+  const auto isRefused = [&] {
     const std::string before = m_file.text();
     EXPECT_THROW(AliasUse::read(m_file.path()), std::runtime_error);
     AliasUse use(m_settings, m_tables, m_log);
     ask({"alias team@d.example"});
     use.finish();
+    m_log.flush();
+    EXPECT_THAT(error.take(),
+                HasSubstr("error: the use of aliases is not counted: " + m_file.path()));
     return m_file.text() == before;
   };
   m_file.write("root:x:0:0:root:/root:/bin/bash\n");

@@ -116,7 +116,7 @@ TEST_F(ConfigurationWatchTest, AHelperThatIsKilledIsReplaced) {
     EXPECT_TRUE(isRead());
   }
   const std::string text = logged();
-  EXPECT_THAT(text, HasSubstr("ended by signal 9"));
+  EXPECT_THAT(text, HasSubstr("cannot be read: the process that reads it was ended by signal 9; "));
   EXPECT_THAT(text, HasSubstr("can be read again"));
 }
 
@@ -129,7 +129,7 @@ TEST_F(ConfigurationWatchTest, AHelperThatHangsIsReplaced) {
   EXPECT_TRUE(hasOtherThan(pid));
   EXPECT_EQ(kill(pid, 0), -1);
   EXPECT_TRUE(isRead());
-  EXPECT_THAT(logged(), HasSubstr("has not answered for 300 ms"));
+  EXPECT_THAT(logged(), HasSubstr("the process that reads it has not answered for 300 ms; "));
 }
 
 TEST_F(ConfigurationWatchTest, WhatIsNoAnswerIsNeverAnImage) {
@@ -151,7 +151,7 @@ TEST_F(ConfigurationWatchTest, WhatIsNoAnswerIsNeverAnImage) {
   }
   const std::string text = logged();
   EXPECT_THAT(text, HasSubstr("a message is too long"));
-  EXPECT_THAT(text, HasSubstr("sent what is no answer"));
+  EXPECT_THAT(text, HasSubstr("the process that reads it sent what is no answer; "));
   EXPECT_THAT(text, HasSubstr("the copy of the configuration is malformed"));
   EXPECT_THAT(text, Not(HasSubstr("has not answered")));
 }
@@ -160,7 +160,7 @@ TEST_F(ConfigurationWatchTest, APauseThatGrowsComesBeforeEachNewHelper) {
   const ServedFiles files;
   const Testing::ScratchFile starts;
   watch(shell("echo >>" + starts.path()));
-  EXPECT_THAT(logged(), HasSubstr("ended with status 0"));
+  EXPECT_THAT(logged(), HasSubstr("the process that reads it ended with status 0; "));
   std::this_thread::sleep_for(milliseconds(1000));
   // After 0, 100, 300 and 700 ms.
   EXPECT_LE(starts.text().size(), 4U);

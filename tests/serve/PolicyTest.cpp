@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "serve/answer/Lookup.h"
+#include "support/ErrorOutput.h"
 #include "tables/AddressKey.h"
 #include "tests/serve/ServeSupport.h"
 
@@ -71,7 +72,7 @@ class PolicyTest : public testing::Test {
   Settings m_settings;
   Tables m_tables{m_settings};
   Metrics m_metrics;
-  Log m_log{LogLevel::Error};
+  Log m_log{LogLevel::Warning};
   Lookup m_lookup{m_settings, m_tables, m_metrics, m_log};
   Clock::time_point m_now = Clock::now();
 };
@@ -281,7 +282,12 @@ TEST_F(PolicyTest, AliasLoopsAndAliasesThatNameThemselvesEnd) {
 }
 
 TEST_F(PolicyTest, OtherQuestionsArePermittedOrWait) {
+  Testing::ErrorOutput error;
   EXPECT_EQ(*m_lookup.action({"smtpd_access_policy", "DATA", "", "", "", ""}), s_permitted);
+  m_log.flush();
+  EXPECT_EQ(error.take(),
+            "tsl-address-map: warning: the policy was asked for without a recipient: ask for it in"
+            " smtpd_recipient_restrictions\n");
   EXPECT_EQ(*m_lookup.action({"", "RCPT", "open@d.example", "", "", ""}),
             "DEFER_IF_PERMIT 4.3.0 this is not a request for an access policy");
 }

@@ -658,7 +658,9 @@ TEST_F(TableWatchTest, AReloadWithSettingsThatDoNotWorkKeepsTheConnection) {
   const std::string good = "[client]\nsocket=" + TestServer::shared().socketPath() + "\n";
   const TestServer::OptionFile file(TestServer::shared(), "nonsense\n");
   m_watch->reload();
-  expectLogged("error: the service goes on with the connection to the database that it has: ");
+  expectLogged(
+      "error: the service goes on with the connection to the database that it has: there is no"
+      " new one: The database option file");
   file.write(good + "user=nobody-of-this-name\n");
   m_watch->reload();
   expectLogged("there is no new one: Access denied for user");
