@@ -147,6 +147,16 @@ TEST_F(PolicyTest, ACatchAllIsAListLikeOthers) {
   expect("bob", {"nobody@d.example"}, {});
 }
 
+TEST_F(PolicyTest, WithoutTheMailUsersNobodyKnowsWhomACatchAllCatches) {
+  m_settings.catchAll = true;
+  Tables tables(m_settings);
+  publishRows(*tables.add("alias"), {{"*@d.example", "ann@x.example"}});
+  for (const char* table : {"mask", "rules"}) publishRows(*tables.add(table), {});
+  Lookup lookup(m_settings, tables, m_metrics, m_log);
+  EXPECT_EQ(*lookup.action({"smtpd_access_policy", "RCPT", "x@d.example", "", "", ""}),
+            s_waiting + "whether somebody has this address is not known");
+}
+
 TEST_F(PolicyTest, TheContextNamesTheTables) {
   aliases("alias_staff", {{"open@d.example", "members@d.example"}, {"own@d.example", "x@d"}});
   rules({{"alias_staff ", "authenticated\t\t\t"}, {"alias members@d.example", "members\t\t\t"}});

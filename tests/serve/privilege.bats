@@ -104,7 +104,8 @@ grant() { sql "revoke all privileges, grant option from reader@localhost; grant 
     --cmf "$SERVER/cmf" serve --check-config --listen "unix:$SERVER/s" --listen "unix:$directory/s,group=root" \
     --snapshot "$directory/state"
   contains "$output" "listening on $SERVER/s: the directory cannot be written: Permission denied"
-  contains "$output" "listening on $directory/s: the group cannot be set: Operation not permitted"
+  contains "$output" "listening on $directory/s: the group cannot be set: Operation not permitted
+tsl-address-map: hint: the service's user must be a member of it"
   contains "$output" "--snapshot $directory/state: it cannot be written: Permission denied"
   contains "$output" "the configuration in $SERVER/cmf: the user nobody (groups: nogroup) may not read and write $SERVER/cmf/lock.mdb"
 }
