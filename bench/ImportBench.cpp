@@ -83,18 +83,19 @@ int s_timedRows() {
   return sizes().rows / 10;
 }
 
-// A side that works on an empty table, which is not a part of its time. No slice is repeated,
-// however it was disturbed: the rows would be there already.
-template <class Import>
-Side s_importing(const Table& table, Import import) {
-  return [&table, import](std::size_t count) {
+// A side that works on an empty table, which is not a part of its time, nor is `prepare`. No slice
+// is repeated, however it was disturbed: the rows would be there already.
+template <class Import, class Prepare>
+Side s_importing(const Table& table, int rows, Import import, Prepare prepare) {
+  return [&table, rows, import, prepare](std::size_t count) {
     double seconds = 0;
     for (std::size_t i = 0; i < count; ++i) {
       s_empty(table);
+      prepare();
       const double start = now(Clock::Everyone);
       import(i);
       seconds += now(Clock::Everyone) - start;
-      s_requireRows(table, s_timedRows());
+      s_requireRows(table, rows);
     }
     return seconds / static_cast<double>(count);
   };
@@ -119,11 +120,49 @@ void import(benchmark::State& state, const Table& table) {
   };
   Comparison comparison{std::string(table.group) + " import / bare loop of single inserts", 1.0};
   comparison.operations = 1;
-  compare(state, comparison, s_importing(table, ours), s_importing(table, bare));
+  const auto nothing = [] {};
+  compare(state, comparison, s_importing(table, s_timedRows(), ours, nothing),
+          s_importing(table, s_timedRows(), bare, nothing));
 }
 
 BENCHMARK_CAPTURE(import, aliases, s_alias)->Apply(inRounds);
 BENCHMARK_CAPTURE(import, masks, s_mask)->Apply(inRounds);
+
+// The tables of the history are there, or not, and empty.
+void s_haveHistory(bool isWanted) {
+  auto& server = Testing::TestServer::shared();
+  const std::string database = "ts_address_map.";
+  for (const std::string table : {"history", "history_rows"}) {
+    server.sql("drop table if exists " + database + table);
+    if (isWanted)
+      server.sql("create table " + database + table + " like " + database + "the_" + table);
+  }
+}
+
+void importWithHistory(benchmark::State& state) {
+  const int rows = sizes().rows;
+  const std::string path = s_file(s_alias, rows);
+  runTool("init");
+  auto& server = Testing::TestServer::shared();
+  server.sql(
+      "rename table ts_address_map.history to ts_address_map.the_history,"
+      " ts_address_map.history_rows to ts_address_map.the_history_rows");
+  const auto side = [&](bool isRecorded) {
+    return s_importing(
+        s_alias, rows, [&path](std::size_t) { runTool(s_words(s_alias, path)); },
+        [isRecorded] { s_haveHistory(isRecorded); });
+  };
+  const OneCore pinned;
+  Comparison comparison{"alias import with history / without", 1.5};
+  comparison.operations = 1;
+  compare(state, comparison, side(true), side(false));
+  s_haveHistory(false);
+  server.sql(
+      "drop table ts_address_map.the_history, ts_address_map.the_history_rows,"
+      " ts_address_map.rules");
+}
+
+BENCHMARK(importWithHistory)->Apply(inRounds);
 
 void importPeakMemory(benchmark::State& state, const Table& table) {
   const std::string path = s_file(table, sizes().rows);
