@@ -131,11 +131,11 @@ BENCHMARK_CAPTURE(import, masks, s_mask)->Apply(inRounds);
 // The tables of the history are there, or not, and empty.
 void s_haveHistory(bool isWanted) {
   auto& server = Testing::TestServer::shared();
-  const std::string database = "ts_address_map.";
   for (const std::string table : {"history", "history_rows"}) {
-    server.sql("drop table if exists " + database + table);
-    if (isWanted)
-      server.sql("create table " + database + table + " like " + database + "the_" + table);
+    server.sql("drop table if exists ts_address_map." + table);
+    if (!isWanted) continue;
+    std::string statement = "create table ts_address_map.";
+    server.sql(statement.append(table).append(" like ts_address_map.the_").append(table));
   }
 }
 
