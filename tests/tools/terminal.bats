@@ -379,6 +379,16 @@ interrupt() {
   enter y Enter
   wait_for 'somebody has added or removed rows since the question'
   tool table drop asked --yes
+  # And for a domain.
+  tool domain add asked.example
+  tool user add ann@asked.example
+  enter 'clear; t domain remove asked.example' Enter
+  wait_for 'Remove asked.example\? \[y/N\]'
+  tool user add bob@asked.example
+  enter y Enter
+  wait_for 'somebody has changed its mail users meanwhile'
+  equal "$(tool user list asked.example | wc -l)" 2
+  tool domain remove asked.example --yes
   # The editor gets an interrupt alone.
   enter "clear; TMPDIR=. EDITOR='sh -c \"trap : INT; echo waits; sleep 60; exit 0\"' t alias edit" Enter
   wait_for '^waits$'

@@ -130,6 +130,18 @@ bool s_mayRemove(const std::string& domain, const std::string& contents) {
                 "nothing was changed; look at them with --dry-run, and give --yes to remove them");
 }
 
+// The mail users of the domain that is stored as `name`.
+std::vector<StoredUser> s_usersOf(MailUsers& users, const std::string& name) {
+  std::vector<StoredUser> list;
+  for (const auto& found : users.usersOf(name)) {
+    for (const StoredUser& user : found) {
+      if (user.domain == name) list.push_back(user);
+    }
+  }
+  users.require();
+  return list;
+}
+
 // The record of removing `domain` with its mail users.
 std::vector<RowChange> s_removal(const std::string& domain, const std::vector<StoredUser>& users) {
   std::vector<RowChange> changes{{s_domainsName, domain, "domain", std::nullopt}};
@@ -146,12 +158,7 @@ ExitCode s_remove(Session& session, const DomainArguments& arguments) {
   users.require();
   const std::string name = s_meant(domain, users);
   bool removed = !name.empty();
-  std::vector<StoredUser> gone;
-  for (const auto& found : users.usersOf(name)) {
-    for (const StoredUser& user : found) {
-      if (user.domain == name) gone.push_back(user);
-    }
-  }
+  const std::vector<StoredUser> gone = s_usersOf(users, name);
   if (removed && !arguments.yes) {
     const std::string contents = s_contents(name, gone.size());
     if (!contents.empty() && arguments.dryRun) {
@@ -167,11 +174,18 @@ ExitCode s_remove(Session& session, const DomainArguments& arguments) {
   if (removed && !arguments.dryRun) {
     removed = withConfiguration([&] {
       CMF::Writer writer;
-      const bool present = writer.removeDomain(name);
+      // From now on nobody else changes them.
+      MailUsers present;
+      if (s_usersOf(present, name) != gone) {
+        throw Failure(ExitCode::Unavailable, "domain remove " + domain,
+                      "somebody has changed its mail users meanwhile",
+                      "nothing was removed; try again");
+      }
+      const bool isThere = writer.removeDomain(name);
       Intent intent(s_removal(name, gone), Intent::Without::Warn);
       writer.commit();
       intent.done();
-      return present;
+      return isThere;
     });
   }
   if (!removed) say("no domain " + domain + " in the configuration in " + configurationDirectory());

@@ -27,6 +27,7 @@ struct StoredUser {
   std::string name;
   std::int32_t kind;
 
+  bool operator==(const StoredUser&) const = default;
   [[nodiscard]] std::string address() const { return name + "@" + domain; }
 };
 
