@@ -194,6 +194,8 @@ after_8() {
   mailmap user remove late@example.com
   mailmap mask remove '*@inside.example' '*@example.com'
   mailmap table drop sales --yes
+  # A reload confirms what the service has reported.
+  wait_for 503 curl --silent --output /dev/null --write-out '%{http_code}' http://127.0.0.1:9117/ready
   systemctl reload tsl-address-map
 } >>"$scratch/log" 2>&1
 
