@@ -1,10 +1,14 @@
-// Bytes of texts: parts of UTF-8 characters (RFC 3629), and hexadecimal digits.
+// Bytes of texts: parts of UTF-8 characters (RFC 3629), hexadecimal digits, and random ones.
 #ifndef TSL_BASE_BYTES_H
 #define TSL_BASE_BYTES_H
 
+#include <sys/random.h>
+
+#include <cerrno>
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace Tessel {
 
@@ -26,6 +30,18 @@ inline void appendHex(std::string& text, char byte) {
   const auto value = static_cast<unsigned char>(byte);
   text += digits[value >> 4U];
   text += digits[value & 0xfU];
+}
+
+// `count` bytes that nobody can guess, at most 256, in hexadecimal digits. Throws std::system_error
+// when the system has none.
+inline std::string randomHex(std::size_t count) {
+  std::string bytes(count, '\0');
+  if (getrandom(bytes.data(), count, 0) == -1) {
+    throw std::system_error(errno, std::generic_category(), "getrandom");
+  }
+  std::string text;
+  for (const char byte : bytes) appendHex(text, byte);
+  return text;
 }
 
 // Appends `byte` as "\xNN", for texts that people see.

@@ -5,9 +5,7 @@
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <sys/random.h>
 
-#include <array>
 #include <memory>
 #include <new>
 #include <string>
@@ -18,6 +16,7 @@
 using uchar = unsigned char;
 #include <ma_pvio.h>
 
+#include "base/bytes.h"
 #include "base/sourceLine.h"
 #include "database/Error.h"
 #include "database/StatementObserver.h"
@@ -81,15 +80,7 @@ Encryption::Check s_check(const MYSQL& mysql, const TlsDemand& demand) {
 void checkTls(MYSQL* mysql, const TlsDemand& demand, std::chrono::steady_clock::time_point until) {
   if (!demand.isAsked) return;
   if (mysql_get_ssl_cipher(mysql) == nullptr) s_fail(mysql, "The connection is not encrypted");
-  std::array<unsigned char, 8> secret{};
-  if (getrandom(secret.data(), secret.size(), 0) != static_cast<ssize_t>(secret.size())) {
-    s_fail(mysql, "There are no random numbers");
-  }
-  std::string want;
-  for (const unsigned char byte : secret) {
-    want += "0123456789abcdef"[byte >> 4U];
-    want += "0123456789abcdef"[byte & 15U];
-  }
+  const std::string want = randomHex(8);
   const std::string statement = "select '" + want + "'";
   tellStatement(statement);
   // Bytes that somebody put behind the server's greeting, before the encryption began, count as its

@@ -35,5 +35,13 @@ TEST(Bytes, HexadecimalDigitsAreTwoSmallLetters) {
   EXPECT_EQ(text, "00ab\\x1f");
 }
 
+TEST(Bytes, RandomOnesAreOthersEachTime) {
+  const std::string text = randomHex(16);
+  EXPECT_EQ(text.size(), 32U);
+  EXPECT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_NE(text, randomHex(16));
+  EXPECT_EQ(randomHex(0), "");
+}
+
 }  // namespace
 }  // namespace Tessel

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pwd.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 #include <thread>
 
 #include "base/Exception.h"
+#include "base/bytes.h"
 #include "base/sizes.h"
 #include "base/sourceLine.h"
 #include "database/Connection.h"
@@ -139,18 +139,6 @@ std::vector<int> s_choosePorts(std::size_t count) {
     if (s_areFree(ports)) return ports;
   }
   s_fail("Found no free ports on 127.0.0.1");
-}
-
-// A password that nobody guesses: 128 bits.
-std::string s_newPassword() {
-  std::array<unsigned char, 16> bytes{};
-  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-    s_fail("The system has no random numbers");
-  }
-  constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  for (const unsigned char byte : bytes) text.append({digits[byte >> 4U], digits[byte & 15U]});
-  return text;
 }
 
 // What follows `key` in the last line of `file` that has it; empty when none has.
@@ -393,8 +381,9 @@ bool LocalCluster::create(int count) try {
   {
     const DirectoryLock lock(s_context, directory());
     if (!fs::exists(optionFile())) {
+      // The password has 128 bits.
       s_writeOptionFile(optionFile(), s_choosePorts(static_cast<std::size_t>(count)),
-                        s_newPassword());
+                        randomHex(16));
     }
     if (const std::size_t before = ports().size(); before != static_cast<std::size_t>(count)) {
       s_fail(directory() + " holds a cluster of " + std::to_string(before) +

@@ -1,15 +1,10 @@
 // Long answers in pages.
 #include "serve/image/Pages.h"
 
-#include <sys/random.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <charconv>
 #include <new>
 #include <stdexcept>
-#include <system_error>
 
 #include "address/EmailAddressGrammar.h"
 #include "base/bytes.h"
@@ -26,16 +21,6 @@ constexpr std::chrono::hours s_keptUnused = 1h;
 constexpr std::size_t s_overhead = 512;
 // A number of a page that is as long as any.
 constexpr std::size_t s_mostPages = 999999;
-
-std::string s_newToken() {
-  std::array<char, s_tokenSize / 2> bytes{};
-  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
-    throw std::system_error(errno, std::generic_category(), "getrandom");
-  }
-  std::string token;
-  for (const char byte : bytes) appendHex(token, byte);
-  return token;
-}
 
 // The parts of the name of a page.
 struct PageName {
@@ -110,7 +95,7 @@ std::string Pages::divide(std::uint64_t table, const std::string& key, const Add
       if (isThere) return same.top;
     }
   }
-  const auto set = std::make_shared<Set>(make(s_newToken(), table, key, addresses));
+  const auto set = std::make_shared<Set>(make(randomHex(s_tokenSize / 2), table, key, addresses));
   set->used = now;
   m_kept.with([&](Kept& kept) {
     while (!m_budget.take(set->size())) {
