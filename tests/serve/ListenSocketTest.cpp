@@ -309,6 +309,14 @@ TEST_F(ListenSocketTest, AnEndAndAStartAtTheSameTimeLeaveTheSocketOfTheStart) {
   EXPECT_EQ(files(), 0U);
 }
 
+TEST_F(ListenSocketTest, AServiceThatStartsForeverIsSoonWaitedForNoMore) {
+  const std::string lock = path() + ".lock";
+  const int held = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  EXPECT_EQ(advice(address()), "another service is starting or ending there; stop it first");
+  close(held);
+}
+
 TEST_F(ListenSocketTest, AServiceWaitsForAnotherThatIsStarting) {
   const std::string lock = path() + ".lock";
   const int held = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

@@ -11,10 +11,14 @@ namespace Tessel::Tool {
 // Owns a descriptor; a negative one is none. One thread.
 class Descriptor {
  public:
+  Descriptor() noexcept = default;
   explicit Descriptor(int number) noexcept : m_number(number) {}
   ~Descriptor() { reset(); }
   Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
 
   [[nodiscard]] bool isOpen() const noexcept { return m_number >= 0; }
   [[nodiscard]] int get() const noexcept { return m_number; }
@@ -27,7 +31,7 @@ class Descriptor {
   }
 
  private:
-  int m_number;
+  int m_number = -1;
 };
 
 }  // namespace Tessel::Tool

@@ -32,7 +32,7 @@ class HelperProcess {
  private:
   bool hasEnded();
 
-  Tool::Descriptor m_descriptor{-1};
+  Tool::Descriptor m_descriptor;
   pid_t m_pid = -1;
   bool m_hasEnded = false;
   int m_status{};

@@ -23,6 +23,7 @@
 #include <thread>
 #include <utility>
 
+#include "disk/AtomicFile.h"
 #include "failure/Failure.h"
 #include "serve/base/AccessRights.h"
 
@@ -38,7 +39,7 @@ using Tool::Failure;
 
 constexpr int s_backlog = 4096;
 // How long, and with which pause, the lock of a path is tried.
-constexpr std::chrono::milliseconds s_lockPatience = 5s;
+constexpr std::chrono::milliseconds s_lockPatience = 2s;
 constexpr std::chrono::milliseconds s_lockPause = 5ms;
 
 [[noreturn]] void s_fail(const std::string& where, const std::string& what, int error,
@@ -47,9 +48,13 @@ constexpr std::chrono::milliseconds s_lockPause = 5ms;
                 what + ": " + std::generic_category().message(error), hint);
 }
 
-// The caller's.
-int s_socket(int family) {
-  return socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+// A socket to listen at `where`, or to see who does.
+Tool::Descriptor s_socket(int family, const std::string& where) {
+  Tool::Descriptor made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (made.isOpen()) return made;
+  s_fail(where, "no socket", errno,
+         errno == EAFNOSUPPORT ? "the unit of systemd must allow the network, as its comment says"
+                               : "");
 }
 
 [[noreturn]] void s_failToWrite(const std::string& path, int error) {
@@ -71,8 +76,7 @@ void s_checkPath(const ListenAddress& address) {
   const std::string& path = address.path;
   if (!s_isSocket(path)) return;
   // Non-blocking: connecting to a service whose queue is full would not return.
-  const Tool::Descriptor probe(s_socket(AF_UNIX));
-  if (!probe.isOpen()) s_fail(path, "no socket", errno, "");
+  const Tool::Descriptor probe = s_socket(AF_UNIX, path);
   const NativeAddress native = nativeAddress(address);
   const int result = connect(probe.get(), native.get(), native.size);
   const int error = errno;
@@ -138,7 +142,7 @@ bool s_mayGiveTo(gid_t group) {
 
 // The name in the directory of `path` under which its socket is created.
 std::string s_madeName(const std::string& path) {
-  std::string made = path.substr(0, path.rfind('/') + 1) + ".tsl" + std::to_string(getpid());
+  std::string made = Tool::directoryOf(path) + "/.tsl" + std::to_string(getpid());
   if (made.size() < sizeof(sockaddr_un::sun_path)) return made;
   s_fail(path, "the directory's name is too long", ENAMETOOLONG, "give a shorter path");
 }
@@ -147,18 +151,14 @@ std::string s_inetName(const ListenAddress& address) {
   return address.host + " port " + std::to_string(address.port);
 }
 
-// The caller's socket, which is bound to the network address unless `error` says why it is not.
-int s_bindInet(const ListenAddress& address, int& error) {
+// A socket, which is bound to the network address unless `error` says why it is not.
+Tool::Descriptor s_bindInet(const ListenAddress& address, int& error) {
   const NativeAddress native = nativeAddress(address);
-  const int descriptor = s_socket(native.family());
-  if (descriptor < 0) {
-    s_fail(s_inetName(address), "no socket", errno,
-           "the unit of systemd must allow the network, as its comment says");
-  }
+  Tool::Descriptor bound = s_socket(native.family(), s_inetName(address));
   const int on = 1;
-  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  error = bind(descriptor, native.get(), native.size) == 0 ? 0 : errno;
-  return descriptor;
+  setsockopt(bound.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  error = bind(bound.get(), native.get(), native.size) == 0 ? 0 : errno;
+  return bound;
 }
 
 [[noreturn]] void s_failToBind(const ListenAddress& address, int error) {
@@ -176,16 +176,15 @@ Protocol s_protocolOf(std::string_view name) {
 void ListenSocket::check(const ListenAddress& address) {
   if (address.kind == ListenAddress::Kind::Inet) {
     int error{};
-    const Tool::Descriptor bound(s_bindInet(address, error));
+    s_bindInet(address, error);
     // Most likely by the service that runs.
     if (error != 0 && error != EADDRINUSE) s_failToBind(address, error);
     return;
   }
   const std::string& path = address.path;
-  const std::string directory = path.substr(0, path.rfind('/') + 1);
   s_madeName(path);
   s_isSocket(path);
-  if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+  if (faccessat(AT_FDCWD, Tool::directoryOf(path).c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
     s_failToWrite(path, errno);
   }
   if (!address.group.empty() && !s_mayGiveTo(s_group(address.group, path))) {
@@ -234,8 +233,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
   first.path = s_madeName(path);
   const std::string& made = first.path;
   const NativeAddress native = nativeAddress(first);
-  m_descriptor.reset(s_socket(AF_UNIX));
-  if (!m_descriptor.isOpen()) s_fail(path, "no socket", errno, "");
+  m_descriptor = s_socket(AF_UNIX, path);
   unlink(made.c_str());
   const mode_t old = umask(0177);
   const int result = bind(descriptor(), native.get(), native.size);
@@ -259,7 +257,7 @@ void ListenSocket::listenUnix(const ListenAddress& address) {
 
 void ListenSocket::listenInet(const ListenAddress& address) {
   int error{};
-  m_descriptor.reset(s_bindInet(address, error));
+  m_descriptor = s_bindInet(address, error);
   if (error != 0) s_failToBind(address, error);
   if (listen(descriptor(), s_backlog) != 0) s_fail(s_inetName(address), "listen", errno, "");
 }

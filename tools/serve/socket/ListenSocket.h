@@ -38,7 +38,7 @@ class ListenSocket {
 
  private:
   // Nothing yet; the object exists from then on, so that it cleans up after a failure.
-  explicit ListenSocket(Protocol protocol) : ListenSocket(-1, protocol) {}
+  explicit ListenSocket(Protocol protocol) : m_protocol(protocol) {}
 
   void listenUnix(const ListenAddress& address);
   void listenInet(const ListenAddress& address);
@@ -47,7 +47,7 @@ class ListenSocket {
   Protocol m_protocol;
   std::string m_path;  // Of a file to remove; empty for none.
   // Open on that file, so that no other file gets its inode number meanwhile.
-  Tool::Descriptor m_file{-1};
+  Tool::Descriptor m_file;
   bool m_isListening = false;  // At the path, which was made under another name.
 };
 
