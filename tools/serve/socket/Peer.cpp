@@ -32,9 +32,10 @@ constexpr std::chrono::milliseconds s_lingering = 2s;
 // How long a mail server that is silent may delay the end of the service.
 constexpr std::chrono::milliseconds s_drainPatience = 300ms;
 
-// True when the last call failed only because it would have had to wait.
+// True when the last call failed only because it would have had to wait. No signal interrupts a
+// call that does not wait.
 bool s_mustWait() {
-  return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  return errno == EAGAIN;
 }
 
 }  // namespace
@@ -269,8 +270,8 @@ void Peer::refuse(std::string_view why) {
 void Peer::send(std::string_view replies) {
   while (isOpen() && !replies.empty()) {
     const ssize_t sent = ::send(m_descriptor, replies.data(), replies.size(), MSG_NOSIGNAL);
-    if (sent < 0 && !s_mustWait()) return close();
-    if (sent < 0) break;
+    if (sent == -1 && s_mustWait()) break;
+    if (sent == -1) return close();
     replies.remove_prefix(static_cast<std::size_t>(sent));
   }
   m_output.assign(replies);

@@ -21,17 +21,17 @@ constexpr int s_eventsAtOnce = 256;
 constexpr std::chrono::milliseconds s_sweepInterval = 1s;
 constexpr std::chrono::milliseconds s_drainInterval = 50ms;
 
-// What a call opened. Throws std::system_error when it failed.
-Tool::Descriptor s_opened(int number) {
-  if (number < 0) throw std::system_error(errno, std::generic_category(), "a worker's descriptor");
-  return Tool::Descriptor(number);
+// The result of a call for a descriptor. Throws std::system_error when it failed.
+int s_checked(int result) {
+  if (result != -1) return result;
+  throw std::system_error(errno, std::generic_category(), "a worker's descriptor");
 }
 
 }  // namespace
 
 Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& log,
                Background& background, std::function<void()> closed)
-    : m_events(s_opened(epoll_create1(EPOLL_CLOEXEC))),
+    : m_events(s_checked(epoll_create1(EPOLL_CLOEXEC))),
       m_inbox(std::make_shared<Inbox>()),
       m_lookup(settings, tables, metrics, log,
                Lookup::Helpers{
@@ -44,9 +44,7 @@ Worker::Worker(const Settings& settings, Tables& tables, Metrics& metrics, Log& 
       m_closed(std::move(closed)) {
   epoll_event event{};
   event.events = EPOLLIN;
-  if (epoll_ctl(m_events.get(), EPOLL_CTL_ADD, m_inbox->descriptor(), &event) != 0) {
-    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
-  }
+  s_checked(epoll_ctl(m_events.get(), EPOLL_CTL_ADD, m_inbox->descriptor(), &event));
   m_thread = std::thread([this] { run(); });
 }
 
@@ -75,7 +73,7 @@ bool Worker::isAlive() {
   return true;
 }
 
-Worker::Inbox::Inbox() : m_wakeUp(s_opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
+Worker::Inbox::Inbox() : m_wakeUp(s_checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {}
 
 void Worker::Inbox::post(std::function<void()> task) {
   m_tasks.with([&](auto& tasks) { tasks.push_back(std::move(task)); });
