@@ -161,6 +161,7 @@ TEST_F(ConfigurationWatchTest, APauseThatGrowsComesBeforeEachNewHelper) {
   const Testing::ScratchFile starts;
   watch(shell("echo >>" + starts.path()));
   EXPECT_THAT(logged(), HasSubstr("the process that reads it ended with status 0; "));
+  EXPECT_TRUE(becomes([this] { return m_watch->helper() == 0; }));
   std::this_thread::sleep_for(milliseconds(1000));
   // After 0, 100, 300 and 700 ms.
   EXPECT_LE(starts.text().size(), 4U);

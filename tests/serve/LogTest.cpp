@@ -103,6 +103,15 @@ TEST_F(LogTest, AMessageShowsWhatIsInvisibleOrTurnsTheTextAround) {
                           "tsl-address-map: info: Gr\u00fc\u00dfe\u2026\u20ac\u3042"));
 }
 
+TEST_F(LogTest, ALineHasFourKibibytesAtMost) {
+  ErrorLines output;
+  Log log(LogLevel::Info);
+  log.info(std::string(10000, 'a'));
+  log.flush();
+  const std::string start = "tsl-address-map: info: ";
+  EXPECT_THAT(output.take(), ElementsAre(start + std::string(4095 - start.size(), 'a')));
+}
+
 TEST_F(LogTest, ALineThatCannotBeWrittenIsLost) {
   const int before = dup(STDERR_FILENO);
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);

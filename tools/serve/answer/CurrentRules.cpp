@@ -23,7 +23,6 @@ std::string CurrentRules::refresh(Clock::time_point now) {
     if (table != m_table) {
       ++m_number;
       m_rules = {};
-      m_generation = 0;
       m_until = Clock::time_point::min();
     }
     m_table = std::move(table);
