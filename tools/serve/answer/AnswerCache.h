@@ -44,7 +44,7 @@ class AnswerCache {
     Clock::time_point m_used;
     std::uint32_t m_keySize{};
     std::uint32_t m_replySize{};
-    Result m_result = Result::NotFound;
+    Result m_result = Result::Temp;
   };
 
   // Takes its memory from `budget`, which must outlive the object.

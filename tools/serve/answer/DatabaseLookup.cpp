@@ -16,7 +16,7 @@ namespace Tessel::Serve {
 namespace {
 
 std::string s_select(const Tool::TableFormat& format, const std::string& table) {
-  return std::string("select ") + format.key + ", " + format.value + " from " +
+  return std::string("select ") + format.key + "," + format.value + " from " +
          Tool::quotedName(table) + ";";
 }
 

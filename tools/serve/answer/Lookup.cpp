@@ -50,8 +50,8 @@ std::string s_plainLocal(std::string_view text) {
 
 // Number of the users that are left out; 0 when nobody is.
 std::uint64_t s_usersNumber(const Tables& tables) {
-  if (!tables.settings().leaveOutDisabled) return 0;
-  const ConfigurationPointer users = tables.configuration().image();
+  const bool isNeeded = tables.settings().leaveOutDisabled;
+  const ConfigurationPointer users = isNeeded ? tables.configuration().image() : nullptr;
   return users == nullptr ? 0 : users->number();
 }
 
@@ -382,15 +382,14 @@ void Lookup::begin(const Route& route, const std::string& key, Clock::time_point
          // The newest image: a job that waits must not keep an old one alive.
          const std::uint64_t generation = table->generation() + s_usersNumber(tables) + number;
          const ImagePointer image = table->image();
-         Answer answer;
+         const AnswerCache::Source source{s_sourceOf(table->number(), Map::None), generation};
          try {
-           answer = *Serve::aliasAnswer(tables, *table, *image, rules, key, Effort::Any,
-                                        Clock::now(), log);
+           return std::pair(*Serve::aliasAnswer(tables, *table, *image, rules, key, Effort::Any,
+                                                Clock::now(), log),
+                            source);
          } catch (const std::exception&) {
-           answer = failureAnswer(log);
+           return std::pair(failureAnswer(log), source);
          }
-         return std::pair(answer,
-                          AnswerCache::Source{s_sourceOf(table->number(), Map::None), generation});
        });
 }
 
@@ -400,9 +399,8 @@ void Lookup::post(const Job& job, Clock::time_point now,
   if (!m_jobs.emplace(job, now).second) return;
   m_helpers->threads.post(
       [this, job, make = std::move(make), onOwnThread = m_helpers->onOwnThread]() mutable {
-        const auto [answer, source] = make();
         // Images that it holds end here, not on the thread that answers.
-        make = nullptr;
+        const auto [answer, source] = std::exchange(make, nullptr)();
         onOwnThread([this, job, source = source, answer = answer] { made(job, source, answer); });
         releaseFreeMemory();
       });

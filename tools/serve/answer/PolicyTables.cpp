@@ -47,7 +47,7 @@ const PolicyTables::Context& PolicyTables::refresh(std::string_view text, Clock:
   Configuration& configuration = m_tables.configuration();
   // Not needed before a rule is about users.
   data.users = configuration.isNeeded() ? configuration.use(m_tables.settings(), now) : nullptr;
-  content.push_back(data.whyNoRules.empty() ? m_rules.number() + 1 : 0);
+  content.push_back(data.whyNoRules.empty() ? m_rules.number() : 0);
   content.push_back(data.users == nullptr ? 0 : data.users->number());
   if (content != context.content) context.number = ++m_last;
   context.content = std::move(content);

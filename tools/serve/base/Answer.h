@@ -22,15 +22,15 @@ enum class Validity {
   Image,   // As long as the image that it was made from is the newest.
 };
 
-// A value.
+// A value. One that nobody has filled has the mail server wait, and loses no mail.
 struct Answer {
-  Result result = Result::NotFound;
+  Result result = Result::Temp;
   // The addresses of `Ok`, never empty; the reason of `Temp` and `Perm`, without any address.
   std::string data;
-  Validity validity = Validity::Image;
+  Validity validity = Validity::Once;
 
   static Answer ok(std::string data) { return {Result::Ok, std::move(data), Validity::Image}; }
-  static Answer notFound() { return {}; }
+  static Answer notFound() { return {Result::NotFound, {}, Validity::Image}; }
   // To a key that is no address: nobody asks for it again but who means harm.
   static Answer noAddress() { return {Result::NotFound, {}, Validity::Once}; }
   static Answer temp(std::string why) { return {Result::Temp, std::move(why), Validity::Once}; }
