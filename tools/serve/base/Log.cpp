@@ -135,8 +135,8 @@ void Log::writeLine(const std::string& line) {
   std::string_view left = line;
   while (!left.empty()) {
     const ssize_t written = ::write(STDERR_FILENO, left.data(), left.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) {
+    if (written == -1 && errno == EINTR) continue;
+    if (written == -1) {
       ++m_lost;
       return;
     }

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -55,12 +54,8 @@ class Helper {
  private:
   // False when nobody will ask again.
   [[nodiscard]] bool isAsked() const {
-    while (true) {
-      char any;
-      const ssize_t size = recv(m_descriptor, &any, sizeof(any), 0);
-      if (size < 0 && errno == EINTR) continue;
-      return size == 1;
-    }
+    char any;
+    return recv(m_descriptor, &any, sizeof(any), 0) == 1;
   }
 
   void answer() {
@@ -99,8 +94,7 @@ class Helper {
     std::string_view left = bytes;
     while (!left.empty()) {
       const ssize_t sent = ::send(m_descriptor, left.data(), left.size(), MSG_NOSIGNAL);
-      if (sent < 0 && errno == EINTR) continue;
-      if (sent <= 0) _exit(EXIT_FAILURE);  // Nobody is there any more.
+      if (sent == -1) _exit(EXIT_FAILURE);  // Nobody is there any more.
       left.remove_prefix(static_cast<std::size_t>(sent));
     }
   }

@@ -158,7 +158,7 @@ void ConfigurationWatch::receive(Clock::time_point limit) {
   std::array<char, 64_KiB> bytes;
   const ssize_t size = recv(m_helper->descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT);
   if (size > 0) return m_frames.add({bytes.data(), static_cast<std::size_t>(size)});
-  if (size == 0 || (errno != EINTR && errno != EAGAIN)) throw Ended();
+  if (size == 0 || errno != EAGAIN) throw Ended();
 }
 
 void ConfigurationWatch::take(const Frame& frame, Clock::time_point start) {

@@ -129,8 +129,7 @@ class OldFile {
     for (std::size_t done = 0; done < content.size();) {
       const ssize_t count = pread(m_descriptor.get(), content.data() + done, content.size() - done,
                                   static_cast<off_t>(from + done));
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) s_fail(m_path);
+      if (count == -1) s_fail(m_path);
       if (count == 0) throw std::runtime_error("the file is cut off");
       done += static_cast<std::size_t>(count);
     }

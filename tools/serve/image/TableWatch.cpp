@@ -199,7 +199,7 @@ void TableWatch::look() {
     prepareReload();
   }
   if (m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); })) {
-    disconnect();
+    m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
   }
   compareAll(now());
   m_state.with([](State& state) { state.hasLooked = true; });
@@ -231,12 +231,13 @@ bool TableWatch::reconnect() try {
   });
   return true;
 } catch (const Exception& exception) {
-  // The look says that the database is missing.
-  if (Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) return true;
-  m_log.error(
-      "the service goes on with the connection to the database that it has: there is no new"
-      " one: " +
-      Tool::reasonOf(exception) + "; correct that, and reload the service again");
+  // The look says when the database is missing.
+  if (!Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) {
+    m_log.error(
+        "the service goes on with the connection to the database that it has: there is no new"
+        " one: " +
+        Tool::reasonOf(exception) + "; correct that, and reload the service again");
+  }
   return false;
 }
 
@@ -676,7 +677,6 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
 void TableWatch::fail(const std::string& why) {
   m_metrics.databaseError();
   noteHost("");
-  disconnect();
   if (m_isFailing) return;
   m_isFailing = true;
   const Clock::time_point failed = now();
@@ -688,10 +688,6 @@ void TableWatch::fail(const std::string& why) {
                     : " cannot answer");
   }
   m_log.error(text);
-}
-
-void TableWatch::disconnect() {
-  m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
 }
 
 Clock::duration TableWatch::quiet() const {

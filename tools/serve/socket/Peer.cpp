@@ -128,7 +128,7 @@ void Peer::close() {
 void Peer::receive() {
   m_shared.input.resize(s_readSize);
   const ssize_t received = recv(m_descriptor, m_shared.input.data(), m_shared.input.size(), 0);
-  if (received < 0 && s_mustWait()) return;
+  if (received == -1 && s_mustWait()) return;
   if (received <= 0) return close();
   const auto size = static_cast<std::size_t>(received);
   m_arrived -= std::min(m_arrived, size);
@@ -144,7 +144,7 @@ void Peer::receive() {
 void Peer::dropInput() {
   m_shared.input.resize(s_readSize);
   const ssize_t received = recv(m_descriptor, m_shared.input.data(), m_shared.input.size(), 0);
-  if (received == 0 || (received < 0 && !s_mustWait())) close();
+  if (received == 0 || (received == -1 && !s_mustWait())) close();
 }
 
 // Answers whole requests of `received`, as far as there is time and room for replies, and keeps the
