@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace Tessel::Serve {
@@ -153,6 +155,35 @@ TEST_F(AnswerCacheTest, GivesBackWhatIsNotUsed) {
   EXPECT_LT(m_budget.used(), 10000U);
   sweep(s_now + minutes(12));
   EXPECT_EQ(m_budget.used(), 0U);
+}
+
+// Groups are as large as a line of the processor's caches, 64 bytes.
+TEST_F(AnswerCacheTest, HasSixtyFourGroupsAtFirst) {
+  keep("a", "x");
+  const std::size_t first = m_budget.used();
+  keep("b", "y");
+  const std::size_t entry = m_budget.used() - first;
+  EXPECT_EQ(first - entry, 64U * 64U);
+}
+
+TEST_F(AnswerCacheTest, HalvesItsGroupsWhileThereAreTwiceAsManyAsEntries) {
+  EXPECT_GT(fill(500), 400);
+  for (int i = 0; i < 100; ++i) {
+    keep("u" + std::to_string(i), "OK", Clock::time_point::max(), s_now + minutes(4));
+  }
+  // There were 512 groups.
+  std::vector<std::size_t> used;
+  for (int i = 0; i < 3; ++i) {
+    m_cache.sweep(s_now + minutes(6));
+    used.push_back(m_budget.used());
+  }
+  constexpr std::size_t entry = 64;
+  const std::size_t entries = 100 * entry;
+  EXPECT_THAT(used,
+              testing::ElementsAre(256 * 64 + entries, 128 * 64 + entries, 128 * 64 + entries));
+  for (int i = 0; i < 90; ++i) keep("u" + std::to_string(i), "OK", s_now + minutes(7));
+  for (int i = 0; i < 2; ++i) m_cache.sweep(s_now + minutes(8));
+  EXPECT_EQ(m_budget.used(), 64 * 64 + 10 * entry);
 }
 
 TEST(AnswerCache, GivesAllItsMemoryBackAtItsEnd) {

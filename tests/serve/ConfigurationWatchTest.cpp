@@ -3,11 +3,15 @@
 #include "serve/image/ConfigurationWatch.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,6 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "cmf/Writer.h"
 #include "serve/image/ConfigurationHelper.h"
 #include "support/ErrorOutput.h"
 #include "tests/serve/ServeSupport.h"
@@ -215,6 +220,44 @@ void s_overwriteInPlace(const ServedFiles& files) {
 INSTANTIATE_TEST_SUITE_P(ConfigurationWatch, HarmedFiles,
                          testing::Values(s_emptied, s_cut, s_remove, s_overwrite,
                                          s_overwriteInPlace));
+
+// The content of a data.mdb whose only mail user stands in its list 1,000 times. A page of LMDB has
+// at 12 where the offsets of its records end; 2 bytes each, they begin at 16.
+std::string s_endlessList() {
+  constexpr std::uint16_t count = 1000;
+  constexpr std::size_t pageSize = 4096;
+  const Testing::ScratchFile scratch;
+  {
+    const ConfigurationDirectory directory(scratch.directory());
+    CMF::Writer writer;
+    writer.addDomain("d.example");
+    writer.addUser("d.example", "bob", CMF::MailUserMailbox);
+    writer.commit();
+  }
+  std::ifstream file(scratch.directory() + "/data.mdb", std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(file)), {});
+  char* const page = bytes.data() + bytes.rfind("bob") / pageSize * pageSize;
+  std::uint16_t end{};
+  std::memcpy(&end, page + 12, sizeof(end));
+  std::array<std::uint16_t, 2> last{};  // The offsets of the list, and of the user.
+  std::memcpy(last.data(), page + end - sizeof(last), sizeof(last));
+  for (int i = 0; i < count; ++i, end += sizeof(last[1])) {
+    std::memcpy(page + end, &last[1], sizeof(last[1]));
+  }
+  std::memcpy(page + 12, &end, sizeof(end));
+  // Behind the 8 bytes of its header and the 8 of its key, the list has the number of its rows.
+  const std::int64_t rows = count;
+  std::memcpy(page + last[0] + 16, &rows, sizeof(rows));
+  return bytes;
+}
+
+TEST_F(ConfigurationWatchTest, AListWithoutEndIsNotReadToItsEnd) {
+  const ServedFiles files;
+  std::ofstream(files.data(), std::ios::binary) << s_endlessList();
+  watch();
+  EXPECT_THAT(logged(), HasSubstr("cannot be read: it lists more mail users than it can hold; "));
+  EXPECT_EQ(m_configuration.image(), nullptr);
+}
 
 TEST_F(ConfigurationWatchTest, AnEmptiedLockFileIsMadeAgain) {
   const ServedFiles files;

@@ -12,7 +12,10 @@
 #include <string>
 #include <system_error>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
 namespace {
@@ -68,6 +71,14 @@ TEST(HelperProcess, AProgramThatIsNotThereIsReportedAndLeavesNothingOpen) {
   const auto before = open();
   EXPECT_THROW(HelperProcess process({"/nonexistent/program"}), std::system_error);
   EXPECT_EQ(open(), before);
+}
+
+TEST(HelperProcess, AShortageOfDescriptorsIsReported) {
+  const auto start = [] {
+    const DescriptorShortage shortage;
+    HelperProcess process({"/bin/true"});
+  };
+  EXPECT_THAT(start, testing::ThrowsMessage<std::system_error>("socketpair: Too many open files"));
 }
 
 }  // namespace

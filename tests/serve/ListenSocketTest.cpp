@@ -35,6 +35,7 @@
 
 #include "failure/Failure.h"
 #include "support/ScratchFile.h"
+#include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
 namespace {
@@ -102,7 +103,9 @@ class ListenSocketTest : public testing::Test {
   // The same with what to do.
   static std::string advice(const ListenAddress& address) {
     const Tool::Failure failure = refuse(address);
-    EXPECT_EQ(failure.subject(), "listening on " + address.path);
+    const bool isUnix = address.kind == ListenAddress::Kind::Unix;
+    EXPECT_EQ(failure.subject(),
+              "listening on " + (isUnix ? address.path : address.host + " port 7321"));
     return failure.why() + "; " + failure.hint();
   }
 
@@ -157,6 +160,46 @@ TEST_F(ListenSocketTest, TheFileHasItsGroup) {
   grouped.group = group->gr_name;
   const ListenSocket socket(grouped);
   EXPECT_EQ(status().st_gid, wanted);
+}
+
+// Runs `task` in a process of a user without rights, of the group `member` only; true when it
+// returned true.
+bool s_asOtherUser(gid_t member, const std::function<bool()>& task) {
+  constexpr id_t nobody = 65534;
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool isOther = setgroups(1, &member) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0;
+    _exit(isOther && task() ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST_F(ListenSocketTest, AGroupOfOthersIsRefused) {
+  if (getuid() != 0) GTEST_SKIP() << "only root can be another user";
+  const group* const group = getgrnam("mail");
+  ASSERT_NE(group, nullptr);
+  const gid_t mail = group->gr_gid;
+  ListenAddress grouped = address();
+  grouped.group = "mail";
+  fs::permissions(m_scratch.directory(), fs::perms::all);
+  const std::string why =
+      "the group cannot be set: Operation not permitted; the service's user must be a member of it";
+  EXPECT_TRUE(s_asOtherUser(1, [&] { return advice(grouped) == why && files() == 0; }));
+  EXPECT_TRUE(s_asOtherUser(1, [&] {
+    try {
+      ListenSocket::check(grouped);
+    } catch (const Tool::Failure& failure) {
+      return failure.why() + "; " + failure.hint() == why;
+    }
+    return false;
+  }));
+  EXPECT_TRUE(s_asOtherUser(mail, [&] {
+    ListenSocket::check(grouped);
+    return refusal(grouped).empty();
+  }));
+  ListenSocket::check(grouped);
 }
 
 TEST_F(ListenSocketTest, AGroupThatIsNotThereIsRefusedAndLeavesNothing) {
@@ -402,6 +445,23 @@ TEST_F(ListenSocketTest, ANetworkSocketListensAtItsAddress) {
   EXPECT_EQ(connect(client.descriptor(), reinterpret_cast<sockaddr*>(&bound), size), 0);
   inet.port = ntohs(bound.sin_port);
   EXPECT_EQ(refusal(inet), "bind: Address already in use");
+}
+
+TEST_F(ListenSocketTest, AnAddressOfAnotherHostIsRefused) {
+  ListenAddress inet;
+  inet.kind = ListenAddress::Kind::Inet;
+  inet.host = "192.0.2.1";
+  inet.port = 7321;
+  EXPECT_EQ(advice(inet),
+            "bind: Cannot assign requested address; give a free port on an address of this host");
+  EXPECT_THROW(ListenSocket::check(inet), Tool::Failure);
+  inet.host = "127.0.0.1";
+  const auto open = [&inet] {
+    const DescriptorShortage shortage;
+    ListenSocket socket(inet);
+  };
+  EXPECT_THAT(open, testing::Throws<Tool::Failure>(
+                        testing::Property(&Tool::Failure::why, "no socket: Too many open files")));
 }
 
 TEST_F(ListenSocketTest, APortCanBeListenedOnAgainAtOnce) {

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "failure/Failure.h"
+#include "tests/serve/ServeSupport.h"
 
 namespace Tessel::Serve {
 namespace {
@@ -195,14 +195,11 @@ TEST_F(MetricsListenerTest, ListensAgainAtOnceAtThePortThatItHad) {
 
 TEST_F(MetricsListenerTest, WithoutADescriptorItWaitsForOne) {
   TcpSocket waiting;
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit none = before;
-  none.rlim_cur = 1;  // poll(2) needs that many.
-  setrlimit(RLIMIT_NOFILE, &none);
-  waiting.sendOnly(s_port, "GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n");
-  EXPECT_TRUE(waiting.isSilentFor(150));
-  setrlimit(RLIMIT_NOFILE, &before);
+  {
+    const DescriptorShortage shortage(1);  // poll(2) needs one.
+    waiting.sendOnly(s_port, "GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    EXPECT_TRUE(waiting.isSilentFor(150));
+  }
   EXPECT_THAT(waiting.rest(), StartsWith("HTTP/1.1 200 OK\r\n"));
   EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 OK\r\n"));
 }

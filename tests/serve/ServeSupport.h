@@ -3,6 +3,8 @@
 #ifndef TSL_TESTS_SERVE_SERVESUPPORT_H
 #define TSL_TESTS_SERVE_SERVESUPPORT_H
 
+#include <sys/resource.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -34,6 +36,23 @@ inline void publishRows(Table& table, const Rows& rows, Clock::time_point time =
   table.publish(std::make_shared<const TableImage>(table.kind(), sourceOf(rows)));
   table.confirm(time);
 }
+
+// No descriptor with a number of at least `most` can be opened while in scope. One at a time.
+class DescriptorShortage {
+ public:
+  explicit DescriptorShortage(rlim_t most = 0) {
+    getrlimit(RLIMIT_NOFILE, &m_before);
+    rlimit few = m_before;
+    few.rlim_cur = most;
+    setrlimit(RLIMIT_NOFILE, &few);
+  }
+  ~DescriptorShortage() { setrlimit(RLIMIT_NOFILE, &m_before); }
+  DescriptorShortage(const DescriptorShortage&) = delete;
+  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
+
+ private:
+  rlimit m_before{};
+};
 
 // Has the configuration lie in `directory` while in scope. One thread.
 class ConfigurationDirectory {

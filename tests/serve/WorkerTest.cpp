@@ -6,9 +6,11 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/serve/WorkerFixture.h"
@@ -50,6 +52,15 @@ TEST_F(WorkerTest, AWorkerWithoutConnectionsEndsAtOnceAlsoInADrain) {
   worker().drain();
   m_worker.reset();
   EXPECT_EQ(m_closed, 0);
+}
+
+TEST_F(WorkerTest, AShortageOfDescriptorsIsReported) {
+  const auto start = [this] {
+    const DescriptorShortage shortage;
+    worker();
+  };
+  EXPECT_THAT(start, testing::ThrowsMessage<std::system_error>(
+                         "a worker's descriptor: Too many open files"));
 }
 
 TEST_F(WorkerTest, TellsThatItLives) {
