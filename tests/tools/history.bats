@@ -119,6 +119,8 @@ numbered() { seq "$1" "$2" | sed "s/.*/a&@example.com:$3&@example.com/"; }
   run -1 tool history nobody@example.com
   run -0 tool --table sales history team@example.com
   equal "${#lines[@]}" 1
+  run -0 tool --table alias_sales history
+  equal "$output" "tsl-address-map: there is no such change of alias_alias_sales or mask_alias_sales"
   for by in eve; do
     run -0 tool history --by $by
     contains "$output" $'\t2026-01-02 03:04:05\teve as '

@@ -22,6 +22,7 @@
 #include "tables/Retry.h"
 #include "tables/TableNames.h"
 #include "tables/TextRows.h"
+#include "terminal/Say.h"
 
 namespace Tessel::Tool {
 
@@ -151,6 +152,11 @@ ExitCode s_show(Session& session, const HistoryArguments& arguments) {
   filter.by = arguments.by;
   session.tellTarget();
   const bool any = HistoryList(session, arguments).run(filter);
+  const std::string name = session.tableName();
+  // Most likely the name is wrong, such as that of the table itself.
+  if (!any && !name.empty()) {
+    say("there is no such change of " + aliasTableName(name) + " or " + maskTableName(name));
+  }
   return any || arguments.address.empty() ? ExitCode::Done : ExitCode::NotFound;
 }
 
