@@ -190,7 +190,7 @@ TEST_F(AliasUseTest, AFileOfOthersStaysAsItIs) {
     use.finish();
     m_log.flush();
     EXPECT_THAT(error.take(),
-                HasSubstr("error: the use of aliases is not counted: " + m_file.path()));
+                HasSubstr("error: the use of aliases is not counted: " + m_file.path() + ": "));
     return m_file.text() == before;
   };
   m_file.write("root:x:0:0:root:/root:/bin/bash\n");

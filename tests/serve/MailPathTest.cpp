@@ -28,6 +28,13 @@ class MailPathTest : public testing::Test {
                                                {"mailbox ann@d.example", "OK ann@d.example"}};
 };
 
+TEST(MailPath, HasAWordForEachFate) {
+  EXPECT_STREQ(textOf(Fate::Mailbox), "mailbox");
+  EXPECT_STREQ(textOf(Fate::Elsewhere), "elsewhere");
+  EXPECT_STREQ(textOf(Fate::Refused), "refused");
+  EXPECT_STREQ(textOf(Fate::Waits), "waits");
+}
+
 TEST_F(MailPathTest, AMailboxIsReachedAsItIs) {
   const MailPath path = pathOf("ann@d.example");
   EXPECT_THAT(path.steps, ElementsAre(MailStep{"mask_private", "ann@d.example", "NOTFOUND "},

@@ -188,11 +188,15 @@ TEST(Metrics, TellTheStateOfEachTableWithoutAnyAddress) {
               {{"secret@d.example", "x@d.example"}, {"broken@d.example", "no address"}},
               now - seconds(7));
   tables.add("mask");
+  // Between the end of a reading and its note of the time.
+  tables.add("alias_new")
+      ->publish(std::make_shared<const TableImage>(TableKind::Alias, sourceOf({})));
   const std::string text = metricsText(metrics, tables, now);
   EXPECT_THAT(text, HasSubstr("tsl_address_map_rows{table=\"alias\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("tsl_address_map_rows_left_out{table=\"alias\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("tsl_address_map_data_age_seconds{table=\"alias\"} 7\n"));
   EXPECT_THAT(text, Not(HasSubstr("table=\"mask\"")));
+  EXPECT_THAT(text, Not(HasSubstr("table=\"alias_new\"")));
   EXPECT_THAT(text, Not(HasSubstr("example")));
   publishRows(*tables.find("alias"), {}, now);
   EXPECT_THAT(metricsText(metrics, tables, now),

@@ -641,12 +641,11 @@ TEST_F(TableWatchOnReplica, ItsRowsAreNotUsedWhileTheyMayBeOlderThanThoseInMemor
 
 TEST_F(TableWatchTest, AReloadReadsAllTablesAnew) {
   watch();
-  EXPECT_TRUE(s_waitFor([this] {
-    return m_tables.find("mask") != nullptr && m_tables.find("mask")->generation() > 0 &&
-           m_tables.find("alias")->generation() > 0;
-  }));
+  ASSERT_TRUE(s_waitFor([this] { return m_watch->isSettled(); }));
   const auto alias = m_tables.find("alias")->generation();
   const auto mask = m_tables.find("mask")->generation();
+  EXPECT_GT(alias, 0U);
+  EXPECT_GT(mask, 0U);
   m_watch->reload();
   EXPECT_TRUE(s_waitFor([&] {
     return m_tables.find("alias")->generation() > alias &&

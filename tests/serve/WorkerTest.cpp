@@ -63,6 +63,14 @@ TEST_F(WorkerTest, AShortageOfDescriptorsIsReported) {
                          "a worker's descriptor: Too many open files"));
 }
 
+TEST_F(WorkerTest, HandsOverAtItsEndWhatWasAskedFor) {
+  m_settings.countUse = "used";
+  serve({{"a@d", "b@d"}});
+  EXPECT_EQ(connect()->ask("alias a@d"), "OK b@d");
+  m_worker.reset();
+  EXPECT_EQ(tables().takeAsked().size(), 1U);
+}
+
 TEST_F(WorkerTest, TellsThatItLives) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(waitFor([this] { return worker().isAlive(); }));

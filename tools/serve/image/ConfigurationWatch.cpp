@@ -99,8 +99,6 @@ void ConfigurationWatch::run() {
     m_state.waitFor(m_wake, pause,
                     [](const State& state) { return state.isStopping || state.isReloading; });
   }
-  m_helper.reset();
-  m_pid = 0;
 }
 
 milliseconds ConfigurationWatch::look() {

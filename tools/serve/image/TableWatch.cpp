@@ -275,7 +275,7 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
         connection->dbSelect(Tool::s_database);
       }
       const auto rows =
-          Tool::selectTexts(*connection, s_marks("table_type = 'BASE TABLE'"), s_markColumns);
+          Tool::selectTexts(*connection, s_marks("table_type='BASE TABLE'"), s_markColumns);
       m_lag = askLag(*connection);
       noteHost(s_nameOf(*connection));
       logConnection(*connection);

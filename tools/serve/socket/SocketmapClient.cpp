@@ -59,7 +59,7 @@ std::string SocketmapClient::ask(const std::string& map, const std::string& key)
   appendNetstring(request, map + " " + key);
   for (std::string_view left = request; !left.empty();) {
     const ssize_t sent = send(m_descriptor.get(), left.data(), left.size(), MSG_NOSIGNAL);
-    if (sent < 0) fail(std::generic_category().message(errno));
+    if (sent == -1) fail(std::generic_category().message(errno));
     left.remove_prefix(static_cast<std::size_t>(sent));
   }
   while (true) {
@@ -73,7 +73,7 @@ std::string SocketmapClient::ask(const std::string& map, const std::string& key)
     std::array<char, 64_KiB> bytes;
     const ssize_t size = recv(m_descriptor.get(), bytes.data(), bytes.size(), 0);
     if (size == 0) fail("it closed the connection");
-    if (size < 0) fail(std::generic_category().message(errno));
+    if (size == -1) fail(std::generic_category().message(errno));
     m_received.append(bytes.data(), static_cast<std::size_t>(size));
   }
 }

@@ -133,6 +133,7 @@ void Worker::run() {
     sweep();
     lastSweep = m_shared.now;
   }
+  // Hands over which aliases were asked for.
   m_lookup.sweep(m_shared.now);
 }
 
