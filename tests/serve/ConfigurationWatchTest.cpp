@@ -221,7 +221,7 @@ INSTANTIATE_TEST_SUITE_P(ConfigurationWatch, HarmedFiles,
                          testing::Values(s_emptied, s_cut, s_remove, s_overwrite,
                                          s_overwriteInPlace));
 
-// The content of a data.mdb whose only mail user stands in its list 1,000 times. A page of LMDB has
+// The content of a data.mdb that lists its only mail user 1,000 times. A page of LMDB has
 // at 12 where the offsets of its records end; 2 bytes each, they begin at 16.
 std::string s_endlessList() {
   constexpr std::uint16_t count = 1000;

@@ -727,6 +727,15 @@ TEST_F(TableWatchTest, ASnapshotThatIsDeletedOrReplacedIsWrittenAgain) {
   };
   watch();
   ASSERT_TRUE(s_waitFor(isSaved));
+  // From then on only its time is written.
+  const std::string same = scratch.directory() + "/same";
+  EXPECT_TRUE(s_waitFor([&] {
+    fs::remove(same);
+    fs::create_hard_link(file, same);
+    const auto before = fs::last_write_time(file);
+    std::this_thread::sleep_for(milliseconds(300));
+    return fs::equivalent(file, same) && fs::last_write_time(file) > before;
+  }));
   fs::remove(file);
   EXPECT_TRUE(s_waitFor(isSaved));
   fs::rename(scratch.directory() + "/backup", file);

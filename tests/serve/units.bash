@@ -125,6 +125,13 @@ done
 there touch /var/lib/tsl-address-map/x
 there rm /var/lib/tsl-address-map/x
 expect "$(there ls -d /proc/1 2>/dev/null)" ""
+# A port needs more than that, and the message says what to do.
+printf '[Service]\nType=oneshot\nRestrictAddressFamilies=AF_UNIX\nExecStart=%s\n' \
+  '/usr/bin/tsl-address-map serve --check-config --listen inet:127.0.0.1:7321' >/run/systemd/system/port.service
+mark
+if systemctl start port.service 2>/dev/null; then false; fi
+wait_for has_logged 'no socket: Address family not supported by protocol'
+wait_for has_logged 'the unit of systemd must allow the network, as its comment says'
 right
 
 check "stop and start in any order leave the directory of the socket where it is"

@@ -48,7 +48,7 @@ constexpr std::chrono::milliseconds s_lockPause = 5ms;
                 what + ": " + std::generic_category().message(error), hint);
 }
 
-// A socket to listen at `where`, or to see who does.
+// A socket to listen on at `where`, or to see who does.
 Tool::Descriptor s_socket(int family, const std::string& where) {
   Tool::Descriptor made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (made.isOpen()) return made;
