@@ -157,18 +157,22 @@ TEST_F(AnswerCacheTest, GivesBackWhatIsNotUsed) {
   EXPECT_EQ(m_budget.used(), 0U);
 }
 
-// Groups are as large as a line of the processor's caches, 64 bytes.
+// Bytes of a group: as large as a line of the processor's caches.
+constexpr std::size_t s_group = 64;
+
 TEST_F(AnswerCacheTest, HasSixtyFourGroupsAtFirst) {
   keep("a", "x");
   const std::size_t first = m_budget.used();
   keep("b", "y");
   const std::size_t entry = m_budget.used() - first;
-  EXPECT_EQ(first - entry, 64U * 64U);
+  EXPECT_EQ(first, 64 * s_group + entry);
 }
 
 TEST_F(AnswerCacheTest, HalvesItsGroupsWhileThereAreTwiceAsManyAsEntries) {
+  keep("u100", "OK");
+  const std::size_t entry = m_budget.used() - 64 * s_group;
   EXPECT_GT(fill(500), 400);
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 100; i < 200; ++i) {
     keep("u" + std::to_string(i), "OK", Clock::time_point::max(), s_now + minutes(4));
   }
   // There were 512 groups.
@@ -177,13 +181,11 @@ TEST_F(AnswerCacheTest, HalvesItsGroupsWhileThereAreTwiceAsManyAsEntries) {
     m_cache.sweep(s_now + minutes(6));
     used.push_back(m_budget.used());
   }
-  constexpr std::size_t entry = 64;
-  const std::size_t entries = 100 * entry;
-  EXPECT_THAT(used,
-              testing::ElementsAre(256 * 64 + entries, 128 * 64 + entries, 128 * 64 + entries));
-  for (int i = 0; i < 90; ++i) keep("u" + std::to_string(i), "OK", s_now + minutes(7));
+  EXPECT_THAT(used, testing::ElementsAre(256 * s_group + 100 * entry, 128 * s_group + 100 * entry,
+                                         128 * s_group + 100 * entry));
+  for (int i = 100; i < 190; ++i) keep("u" + std::to_string(i), "OK", s_now + minutes(7));
   for (int i = 0; i < 2; ++i) m_cache.sweep(s_now + minutes(8));
-  EXPECT_EQ(m_budget.used(), 64 * 64 + 10 * entry);
+  EXPECT_EQ(m_budget.used(), 64 * s_group + 10 * entry);
 }
 
 TEST(AnswerCache, GivesAllItsMemoryBackAtItsEnd) {
