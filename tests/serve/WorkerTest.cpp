@@ -55,9 +55,10 @@ TEST_F(WorkerTest, AWorkerWithoutConnectionsEndsAtOnceAlsoInADrain) {
 }
 
 TEST_F(WorkerTest, AShortageOfDescriptorsIsReported) {
-  const auto start = [this] {
+  const auto start = [&settings = m_settings, &all = tables(), &metrics = m_metrics, &log = m_log,
+                      &background = m_background] {
     const DescriptorShortage shortage;
-    worker();
+    const Worker worker(settings, all, metrics, log, background, {});
   };
   EXPECT_THAT(start, testing::ThrowsMessage<std::system_error>(
                          "a worker's descriptor: Too many open files"));
