@@ -199,7 +199,7 @@ void TableWatch::look() {
     prepareReload();
   }
   if (m_state.with([](State& state) { return std::exchange(state.isReconnecting, false); })) {
-    m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
+    disconnect();
   }
   compareAll(now());
   m_state.with([](State& state) { state.hasLooked = true; });
@@ -281,10 +281,10 @@ std::vector<TableWatch::Mark> TableWatch::listTables() {
       logConnection(*connection);
       return {rows.begin(), rows.end()};
     } catch (const Exception& exception) {
+      if (!Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) throw;
       connection.reset();
       // An answer, as if the database were there without tables.
-      if (Tool::isDatabaseError(exception, Tool::s_unknownDatabase)) return {};
-      throw;
+      return {};
     }
   });
 }
@@ -677,6 +677,7 @@ void TableWatch::save(Watched& watched, Clock::time_point now) {
 void TableWatch::fail(const std::string& why) {
   m_metrics.databaseError();
   noteHost("");
+  disconnect();
   if (m_isFailing) return;
   m_isFailing = true;
   const Clock::time_point failed = now();
@@ -688,6 +689,10 @@ void TableWatch::fail(const std::string& why) {
                     : " cannot answer");
   }
   m_log.error(text);
+}
+
+void TableWatch::disconnect() {
+  m_connection.with([](ConnectionPointer& connection) { connection.reset(); });
 }
 
 Clock::duration TableWatch::quiet() const {

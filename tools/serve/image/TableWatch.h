@@ -186,6 +186,7 @@ class TableWatch {
   template <class Change>
   void note(const Table& table, Change change);
   void fail(const std::string& why);
+  void disconnect();
   // Logs how the connection is encrypted, unless it is the one of the last call.
   void logConnection(Database::Connection& connection);
   // How long a table that is being filled may pause.
